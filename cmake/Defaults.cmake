@@ -1,0 +1,47 @@
+# What every target of the tree is built with.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "Kind of build" FORCE)
+endif()
+
+set(QIXX_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them (address,undefined or thread)")
+option(QIXX_WERROR "Treat warnings as errors" OFF)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # This release warns of overlapping copies inside std::string's own operator+.
+  add_compile_options(-Wno-restrict)
+endif()
+if(QIXX_WERROR)
+  add_compile_options(-Werror)
+endif()
+if(QIXX_BUILD_FUZZERS)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+if(QIXX_SANITIZE)
+  add_compile_options(-fsanitize=${QIXX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${QIXX_SANITIZE})
+else()
+  add_compile_options(-fstack-protector-strong)
+  add_link_options(-Wl,-z,relro,-z,now)
+endif()
+
+# A layer of the product: a static library whose headers are included as "folder/unit.h".
+function(qixx_layer name)
+  cmake_parse_arguments(LAYER "" "" "SOURCES;USES" ${ARGN})
+  add_library(qixx_${name} STATIC ${LAYER_SOURCES})
+  target_include_directories(qixx_${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  foreach(below IN LISTS LAYER_USES)
+    target_link_libraries(qixx_${name} PUBLIC qixx_${below})
+  endforeach()
+endfunction()

@@ -1,0 +1,94 @@
+// Product identity, paths and files.
+//
+// Texts go into caller-owned areas; a result that does not fit is dropped, never cut. Every failure
+// is a result (false, 0 or an empty text). All operations may be called from any thread once
+// InitProductIdentity and the first GetCallingApplication have run.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace qixx {
+
+/// The product's names. All of them are empty until InitProductIdentity has run.
+struct ProductIdentity {
+  const char* prefix = "";         ///< three letters that every other name is formed from
+  const char* name = "";           ///< the suite's name, also the application name of token data
+  const char* mainLibrary = "";    ///< file name of the main library
+  const char* pkcs11Library = "";  ///< file name of the PKCS#11 library
+  const char* mainProgram = "";    ///< name of the main program
+  const char* configFile = "";     ///< file name of the configuration
+};
+
+void InitProductIdentity();
+[[nodiscard]] const ProductIdentity& Product();
+
+/// "TEMP", else "TMP", else "/tmp/" when it exists; ends in '/'. A variable that does not fit leads
+/// to "/tmp/" as well. Returns the length, 0 for none.
+std::size_t GetTempDirectory(std::span<char> area);
+/// A file name of this process in the temporary directory; false when it does not fit.
+[[nodiscard]] bool MakeTempFileName(const char* name, std::span<char> area);
+/// Makes every directory of `path` that ends in '/', with mode 0700. Existing ones are no error.
+bool CreatePath(const char* path);
+bool DeleteFile(const char* path);
+/// Copies the content alone. True when both files could be opened and all was copied; no
+/// destination is made for a missing source. Both must be regular files.
+[[nodiscard]] bool CopyFile(const char* source, const char* destination);
+/// Makes `destination` a copy of a regular file with its permissions and, where that is allowed,
+/// its owner. The copy is written under another name beside the destination and takes its name when
+/// complete: whatever fails or dies on the way, the old destination stays whole. A destination
+/// that is a link is replaced, not followed; a device or a pipe is left alone.
+[[nodiscard]] bool CopyFileSafely(const char* source, const char* destination);
+/// A trailing '/' is dropped before the test, except from "/" itself.
+[[nodiscard]] bool PathExists(const char* path);
+/// 0 for everything but a readable regular file.
+[[nodiscard]] std::size_t GetFileSize(const char* path);
+
+/// Larger files are not read.
+inline constexpr std::size_t kMaximumFileSize = std::size_t{64} * 1024 * 1024;
+
+/// Why reading a file gave nothing.
+enum class ReadOutcome {
+  kRead,     ///< all of the file was read; it may be empty
+  kMissing,  ///< there is no such file
+  kFailed,   ///< no regular file, not readable, too large, or out of memory
+};
+
+/// Reads a whole regular file into a new array that the caller frees with delete[]; null for an
+/// empty file and on failure.
+[[nodiscard]] ReadOutcome ReadWholeFile(const char* path, std::uint8_t*& data, std::size_t& length);
+/// The same for callers to whom every failure is an empty file. Returns the length.
+std::size_t ReadWholeFile(const char* path, std::uint8_t*& data);
+/// Writes over the file and cuts it to the new length, so that a full disk leaves the old content
+/// where that can be told in time. True when all was written.
+[[nodiscard]] bool WriteWholeFile(std::span<const std::uint8_t> data, const char* path);
+/// Gives an existing regular file a new content in the manner of CopyFileSafely: whatever fails or
+/// dies on the way, it holds all of the old content or all of the new.
+[[nodiscard]] bool WriteWholeFileSafely(std::span<const std::uint8_t> data, const char* path);
+
+/// The path of the running program as it was started (argv[0], not resolved).
+bool GetCallingApplication(std::span<char> area);
+/// The calling application up to and including its last '/'; false and empty when it has none.
+bool GetCurrentDirectory(std::span<char> area);
+
+/// Replaces "%Current%" and "%InstallLocation%" (as written here or in capitals) in a configured
+/// path and collapses doubled slashes and backslashes; a text with "://" is left alone. With
+/// `prefixInstall` a text without '/' gets the installation directory in front, if the whole fits.
+/// True when the text is not empty.
+bool ExpandPath(std::span<char> text, bool prefixInstall = true);
+/// Replaces %NAME% by environment variables, at most 256 times. Each search starts from the front,
+/// so a value is expanded again; "%%" is removed. True when at least one replacement was made.
+bool ExpandEnvironment(std::span<char> text);
+
+/// Short name of the operating system; false when even "Unknown" does not fit.
+bool GetSystemName(std::span<char> area);
+
+/// This platform keeps no credential store: always false, the area is left alone.
+bool GetStoredCredential(const char* name, std::span<char> area);
+/// Likewise: does nothing.
+void ResetStoredCredential(const char* name);
+
+}  // namespace qixx

@@ -1,0 +1,78 @@
+// Finding and calling shared libraries at run time.
+//
+// Every open uses immediate binding and global symbol visibility. An empty name or path is refused
+// everywhere, because the platform's loader would answer it with the program itself. The directory
+// caches are filled on first use from the start-up thread; there is no locking here.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "runtime/text.h"
+
+namespace qixx {
+
+/// What the platform's loader hands out; null for none.
+using LibraryHandle = void*;
+
+/// Entry point of a library called by a command or for administration.
+using ExternalEntry = int (*)(int zero, LibraryHandle library, const char* arguments, int reserved);
+
+/// Opens exactly `path`, without search. Null on failure.
+[[nodiscard]] LibraryHandle OpenLibrary(const char* path);
+/// Opens the name as given, in the installation directory, in the library directory; the first
+/// success counts. `path` (may be empty) receives the full name that was opened, cut to its size;
+/// it is left alone on failure.
+[[nodiscard]] LibraryHandle LoadLibrarySearch(const char* name, std::span<char> path);
+void CloseLibrary(LibraryHandle library);
+[[nodiscard]] void* FindSymbol(LibraryHandle library, const char* symbol);
+
+/// Entry "Directory" of section "Install" with a '/' at its end, "/usr/lib/" when it is absent or
+/// empty. Read once, as soon as the product identity is set up and the runtime has a source of
+/// settings; before that the fallback is returned and not kept.
+[[nodiscard]] const char* InstallDirectory();
+/// "/usr/lib/" unless set.
+[[nodiscard]] const char* LibraryDirectory();
+/// A '/' is appended where it is missing. A directory that does not fit is ignored; null or empty
+/// goes back to "/usr/lib/".
+void SetLibraryDirectory(const char* directory);
+
+/// An owned library that is loaded at most once between two unloads.
+class CLibrary {
+ public:
+  CLibrary();
+  virtual ~CLibrary();
+  CLibrary(const CLibrary&) = delete;
+  CLibrary& operator=(const CLibrary&) = delete;
+
+  /// Tries once; after a failure returns false without another try until Unload. True while a
+  /// library is open.
+  virtual bool Load(const char* name);
+  /// The library named by the product prefix, "x", the component and ".so".
+  virtual bool LoadComponent(const char* component);
+  virtual void Unload();
+  /// True as soon as a load was tried, deliberately also after a failed one.
+  [[nodiscard]] virtual bool IsLoaded() const;
+  [[nodiscard]] virtual void* GetProc(const char* symbol) const;
+
+ private:
+  [[nodiscard]] bool IsOpen() const;
+  bool Open(const char* name);
+
+  LibraryHandle handle_;
+  char path_[kTextSize];
+};
+
+/// The one library object of the process itself; nothing is loaded at start, and what is loaded at
+/// the exit of the program is unloaded there.
+[[nodiscard]] CLibrary& ProcessLibrary();
+
+/// "library path,function arguments": calls the function once. The text is cut while the library is
+/// at work and whole again when this returns. No search for the library. True when the function was
+/// called.
+bool CallExternal(char* text);
+/// Calls "EntryAdmin" of the product's main library. Returns its result, -1 when there is none.
+int CallAdminEntry(const char* arguments);
+
+}  // namespace qixx

@@ -1,0 +1,54 @@
+// Starting programs as detached children, without a shell.
+//
+// The child starts a session of its own, so it outlives the service. Secrets in command lines never
+// reach the trace. May be called from any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace qixx {
+
+/// Do not wait for the child at all.
+inline constexpr std::int64_t kWaitNone = 0;
+
+/// Forks and runs `program` with the split `arguments`; a null or empty program takes the first
+/// token of the arguments instead. Wait mode 1 polls up to 10 times every 99 ms, any other positive
+/// n up to n times every 999 ms. Returns 1 when the child was forked, whatever became of it, else
+/// 0. `show` and `processId` are accepted and deliberately left untouched on this platform.
+int LaunchProcess(const char* program, const char* arguments, std::int64_t waitMode, bool show,
+                  std::uint64_t* processId);
+
+/// Splits at blanks; double quotes hold a token together and are dropped from tokens of four
+/// characters and more that do not begin with a quoted '-'. Entry 0 is the program. Returns a
+/// null-ended vector to be freed with FreeArguments, or null; `count` excludes the end mark.
+[[nodiscard]] char** SplitArguments(const char* program, const char* arguments, std::size_t& count);
+void FreeArguments(char** vector);
+
+/// New array copy with the values of secret options replaced by '*' (lengths are kept), freed with
+/// delete[]; null for a null text.
+[[nodiscard]] char* MaskSecrets(const char* text);
+
+/// A masked copy for one trace line: TraceWrite("... '%s'", MaskedText(text).Text()). No copy is
+/// made while tracing is off; whatever goes wrong, the unmasked text is never given out.
+class MaskedText {
+ public:
+  explicit MaskedText(const char* text);
+  /// Null for a null text, and when memory ran out.
+  [[nodiscard]] const char* Text() const { return off_ ? "" : copy_.get(); }
+
+ private:
+  bool off_;
+  std::unique_ptr<char[]> copy_;
+};
+
+/// True while the child exists and has not ended. Traces, and reaps an ended child.
+bool IsProcessRunning(std::uint64_t processId);
+
+/// With `startProgram` starts the product's main program from the "bin/" beside the installation
+/// directory and returns the launcher's result; without it calls the administration entry and
+/// returns 1.
+int StartApplication(const char* arguments, bool startProgram);
+
+}  // namespace qixx

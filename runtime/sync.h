@@ -1,0 +1,111 @@
+// Recursive critical sections and threads over the POSIX threads library, which is not linked but
+// loaded at run time on first need.
+//
+// Without the library the system runs unlocked: Initialise gives kSyncSystemFailure, Enter and
+// Leave give kSyncGeneralError, ThreadSelf gives 0 and ThreadCreate fails with a trace line.
+// Result codes are those of PKCS#11, because the same class may serve a PKCS#11 module.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace qixx {
+
+inline constexpr std::uint32_t kSyncOk = 0;
+/// Not initialised, or not held by the caller (CKR_GENERAL_ERROR).
+inline constexpr std::uint32_t kSyncGeneralError = 5;
+/// Bad arguments (CKR_ARGUMENTS_BAD).
+inline constexpr std::uint32_t kSyncBadArguments = 7;
+/// Locking is not supported (CKR_CANT_LOCK).
+inline constexpr std::uint32_t kSyncCantLock = 10;
+/// The threads library failed (CKR_DEVICE_ERROR).
+inline constexpr std::uint32_t kSyncSystemFailure = 48;
+
+using ThreadId = std::uint64_t;
+using ThreadFunction = void* (*)(void*);
+
+/// Mutex functions in the manner of CK_C_INITIALIZE_ARGS; all four or none.
+struct ExternalMutexHooks {
+  std::uint32_t (*create)(void** mutex) = nullptr;
+  std::uint32_t (*destroy)(void* mutex) = nullptr;
+  std::uint32_t (*lock)(void* mutex) = nullptr;
+  std::uint32_t (*unlock)(void* mutex) = nullptr;
+};
+
+/// A recursive mutex. Owner and count are relaxed atomics: they mean something to the owning thread
+/// only, and any other thread that looks at them goes on to block in the mutex itself.
+class CCritical {
+ public:
+  CCritical();
+  virtual ~CCritical();
+  CCritical(const CCritical&) = delete;
+  CCritical& operator=(const CCritical&) = delete;
+
+  /// Idempotent; called by the constructor.
+  std::uint32_t Initialise();
+  /// Idempotent; called by the destructor. When the platform refuses to destroy the mutex, its
+  /// memory is deliberately kept.
+  std::uint32_t Destroy();
+  /// Blocks until the section is held. The caller is recorded as owner even when locking failed,
+  /// deliberately.
+  std::uint32_t Enter();
+  std::uint32_t Leave();
+  [[nodiscard]] bool IsHeldByOtherThread() const;
+
+ private:
+  std::uint32_t Lock();
+
+  unsigned char area_[64];
+  void* mutex_;
+  bool initialised_;
+  std::atomic<ThreadId> owner_;
+  std::atomic<std::uint64_t> count_;
+};
+
+/// A counter under its own lock; it passes neither 0 nor 4,294,967,295.
+class CCriticalCounter : public CCritical {
+ public:
+  CCriticalCounter() = default;
+  ~CCriticalCounter() override = default;
+  /// Return whether the value changed; `value` receives the new value in either case.
+  bool Increment(std::uint64_t& value);
+  bool Decrement(std::uint64_t& value);
+
+ private:
+  std::uint64_t counter_ = 0;
+};
+
+/// Holds a critical section for a scope; a null section is no section.
+class CriticalScope {
+ public:
+  explicit CriticalScope(CCritical* section) : section_(section) {
+    if (section_ != nullptr) section_->Enter();
+  }
+  ~CriticalScope() {
+    if (section_ != nullptr) section_->Leave();
+  }
+  CriticalScope(const CriticalScope&) = delete;
+  CriticalScope& operator=(const CriticalScope&) = delete;
+
+ private:
+  CCritical* section_;
+};
+
+/// Starts a thread with default attributes. Returns its id, 0 on failure.
+ThreadId ThreadCreate(ThreadFunction function, void* argument);
+/// Lets the calling thread free its own resources when it ends. Does nothing without the library.
+void ThreadDetachSelf();
+/// Sends the signal to a thread that has not been freed yet; id 0 is no thread.
+void ThreadKill(ThreadId thread, int signal);
+/// The calling thread's id, 0 without the library.
+[[nodiscard]] ThreadId ThreadSelf();
+
+/// Makes Enter give up after that many seconds with kSyncSystemFailure; 0, as at start, waits for
+/// ever. Not used by the program itself.
+void SetLockTimeout(std::uint32_t seconds);
+
+/// Registers mutex functions for all sections made from now on. Refused (with a trace line, result
+/// 0) once any section is live. A null record keeps the internal mutexes.
+std::uint32_t SetExternalMutexHooks(const ExternalMutexHooks* hooks);
+
+}  // namespace qixx

@@ -1,0 +1,374 @@
+#include "runtime/text.h"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstring>
+#include <limits>
+#include <new>
+
+namespace qixx {
+namespace {
+
+constexpr std::string_view kBase64Alphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::size_t kBase64LineLength = 64;
+constexpr std::string_view kHexDigits = "0123456789ABCDEF";
+
+constexpr std::array<std::int8_t, 128> InvertBase64Alphabet() {
+  std::array<std::int8_t, 128> values{};
+  values.fill(-1);
+  for (std::size_t i = 0; i < kBase64Alphabet.size(); ++i) {
+    values[static_cast<unsigned char>(kBase64Alphabet[i])] = static_cast<std::int8_t>(i);
+  }
+  return values;
+}
+constexpr std::array<std::int8_t, 128> kBase64Values = InvertBase64Alphabet();
+
+/// The six bits that a character stands for, -1 outside the alphabet.
+int Base64Value(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte < kBase64Values.size() ? kBase64Values[byte] : -1;
+}
+
+/// The value of a digit in either case, -1 when it is none.
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  const char folded = FoldCase(c);
+  return folded >= 'a' && folded <= 'f' ? folded - 'a' + 10 : -1;
+}
+
+std::string_view UpToZero(std::string_view text) {
+  return text.substr(0, text.find('\0'));
+}
+
+std::string_view FirstBytes(std::string_view text, std::size_t limit) {
+  return text.substr(0, limit);
+}
+
+/// Reads digits of `base` up to the first other character; saturates at `limit`.
+std::uint64_t ParseDigits(std::string_view text, unsigned base, std::uint64_t limit) {
+  std::uint64_t number = 0;
+  for (const char c : text) {
+    const int digit = HexValue(c);
+    if (digit < 0 || static_cast<unsigned>(digit) >= base) break;
+    const auto value = static_cast<std::uint64_t>(digit);
+    if (number > (limit - value) / base) return limit;
+    number = number * base + value;
+  }
+  return number;
+}
+
+std::size_t Base64Length(std::size_t length) {
+  return (length + 2) / 3 * 4;
+}
+
+/// Writes the characters of one group of up to three bytes.
+void EncodeGroup(std::span<const std::uint8_t> group, char* out) {
+  const std::uint32_t bits = static_cast<std::uint32_t>(group[0]) << 16 |
+                             static_cast<std::uint32_t>(group.size() > 1 ? group[1] : 0) << 8 |
+                             static_cast<std::uint32_t>(group.size() > 2 ? group[2] : 0);
+  out[0] = kBase64Alphabet[bits >> 18];
+  out[1] = kBase64Alphabet[bits >> 12 & 0x3F];
+  out[2] = group.size() > 1 ? kBase64Alphabet[bits >> 6 & 0x3F] : '=';
+  out[3] = group.size() > 2 ? kBase64Alphabet[bits & 0x3F] : '=';
+}
+
+/// What an armoured text holds between its first line and the next '-'; other texts are returned
+/// whole.
+std::string_view Base64Body(std::string_view text) {
+  text = UpToZero(text);
+  if (text.empty() || text.front() != '-') return text;
+  const std::size_t lineEnd = text.find('\n');
+  if (lineEnd == std::string_view::npos) return {};
+  text.remove_prefix(lineEnd + 1);
+  return text.substr(0, text.find('-'));
+}
+
+/// Replaces `length` bytes at `at` in an area that holds `textLength` bytes of text; the result
+/// must fit with its terminator.
+void Splice(std::span<char> area, std::size_t textLength, std::size_t at, std::size_t length,
+            std::string_view replacement) {
+  const std::size_t rest = textLength - at - length;
+  std::memmove(area.data() + at + replacement.size(), area.data() + at + length, rest);
+  std::copy(replacement.begin(), replacement.end(), area.data() + at);
+  area[at + replacement.size() + rest] = '\0';
+}
+
+using Finder = std::size_t (*)(std::string_view text, std::string_view pattern, std::size_t from);
+
+bool ReplaceFound(std::span<char> area, Finder find, std::string_view from, std::string_view to) {
+  if (from.empty() || from == to) return false;
+  bool replaced = false;
+  std::size_t position = 0;
+  for (;;) {
+    const std::string_view text = TextOf(area);
+    position = find(text, from, position);
+    if (position == std::string_view::npos) return replaced;
+    if (text.size() - from.size() + to.size() >= area.size()) return replaced;
+    Splice(area, text.size(), position, from.size(), to);
+    position += to.size();
+    replaced = true;
+  }
+}
+
+constexpr std::uint32_t kReplacementCharacter = 0xFFFD;
+
+bool IsHighSurrogate(std::uint32_t unit) {
+  return unit >= 0xD800 && unit <= 0xDBFF;
+}
+bool IsLowSurrogate(std::uint32_t unit) {
+  return unit >= 0xDC00 && unit <= 0xDFFF;
+}
+
+void AppendUtf8(std::string& out, std::uint32_t code) {
+  if (code < 0x80) {
+    out.push_back(static_cast<char>(code));
+    return;
+  }
+  if (code < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | code >> 6));
+  } else {
+    if (code < 0x10000) {
+      out.push_back(static_cast<char>(0xE0 | code >> 12));
+    } else {
+      out.push_back(static_cast<char>(0xF0 | code >> 18));
+      out.push_back(static_cast<char>(0x80 | (code >> 12 & 0x3F)));
+    }
+    out.push_back(static_cast<char>(0x80 | (code >> 6 & 0x3F)));
+  }
+  out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
+}
+
+}  // namespace
+
+// --- areas ------------------------------------------------------------------------------------
+
+std::string_view TextOf(std::span<const char> area) {
+  return UpToZero({area.data(), area.size()});
+}
+
+std::size_t CopyTextCut(std::span<char> area, std::string_view text) {
+  if (area.empty()) return 0;
+  const std::string_view copied = FirstBytes(UpToZero(text), area.size() - 1);
+  if (!copied.empty()) std::memmove(area.data(), copied.data(), copied.size());
+  area[copied.size()] = '\0';
+  return copied.size();
+}
+
+bool CopyTextIfFits(std::span<char> area, std::string_view text) {
+  if (UpToZero(text).size() >= area.size()) return false;
+  CopyTextCut(area, text);
+  return true;
+}
+
+// --- comparison and search --------------------------------------------------------------------
+
+int CompareNoCase(std::string_view a, std::string_view b, std::size_t limit) {
+  a = FirstBytes(a, limit);
+  b = FirstBytes(b, limit);
+  const std::size_t shorter = std::min(a.size(), b.size());
+  for (std::size_t i = 0; i < shorter; ++i) {
+    const auto left = static_cast<unsigned char>(FoldCase(a[i]));
+    const auto right = static_cast<unsigned char>(FoldCase(b[i]));
+    if (left != right) return left - right;
+  }
+  if (a.size() == b.size()) return 0;
+  return a.size() > b.size() ? 1 : -1;
+}
+
+bool EqualsNoCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && CompareNoCase(a, b) == 0;
+}
+
+bool StartsWithNoCase(std::string_view text, std::string_view head) {
+  return CompareNoCase(FirstBytes(text, head.size()), head) == 0;
+}
+
+std::size_t FindChar(std::string_view text, char c) {
+  const std::size_t position = text.find(c);
+  return position == std::string_view::npos && c == '\0' ? text.size() : position;
+}
+
+std::size_t FindCharBack(std::string_view text, char c) {
+  return text.rfind(c);
+}
+
+std::size_t FindText(std::string_view text, std::string_view pattern, std::size_t from) {
+  return text.find(pattern, from);
+}
+
+std::size_t FindTextNoCase(std::string_view text, std::string_view pattern, std::size_t from) {
+  for (std::size_t at = from; at <= text.size() && pattern.size() <= text.size() - at; ++at) {
+    if (CompareNoCase(text.substr(at, pattern.size()), pattern) == 0) return at;
+  }
+  return std::string_view::npos;
+}
+
+// --- pieces -----------------------------------------------------------------------------------
+
+std::string_view SkipBlanks(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(' ');
+  return first == std::string_view::npos ? text.substr(text.size()) : text.substr(first);
+}
+
+std::string_view DropTrailingBlanks(std::string_view text) {
+  return text.substr(0, text.find_last_not_of(' ') + 1);
+}
+
+bool GetField(std::string_view text, std::size_t index, char separator, std::string_view& field) {
+  for (; index != 0; --index) {
+    const std::size_t end = text.find(separator);
+    if (end == std::string_view::npos) return false;
+    text.remove_prefix(end + 1);
+  }
+  field = text.substr(0, text.find(separator));
+  return true;
+}
+
+std::uint64_t ParseDecimal(std::string_view text) {
+  return ParseDigits(SkipBlanks(text), 10, std::numeric_limits<std::uint64_t>::max());
+}
+
+std::int64_t ParseSigned(std::string_view text) {
+  constexpr std::uint64_t kMost = std::numeric_limits<std::int64_t>::max();
+  text = SkipBlanks(text);
+  if (!text.starts_with('-')) return static_cast<std::int64_t>(ParseDigits(text, 10, kMost));
+  const std::uint64_t amount = ParseDigits(text.substr(1), 10, kMost + 1);
+  return static_cast<std::int64_t>(0 - amount);
+}
+
+std::uint64_t ParseNumber(std::string_view text) {
+  text = SkipBlanks(text);
+  if (!StartsWithNoCase(text, "0x")) return ParseDecimal(text);
+  return ParseDigits(text.substr(2), 16, std::numeric_limits<std::uint64_t>::max());
+}
+
+// --- copies and replacement -------------------------------------------------------------------
+
+std::size_t Duplicate(const char* text, char*& copy) {
+  copy = nullptr;
+  if (text == nullptr) return 0;
+  const std::size_t length = std::strlen(text);
+  copy = new (std::nothrow) char[length + 1];
+  if (copy == nullptr) return 0;
+  std::memcpy(copy, text, length + 1);
+  return length;
+}
+
+void ReplaceAll(std::span<char> area, std::string_view from, const char* to) {
+  ReplaceFound(area, FindText, from, ViewOf(to));
+}
+
+bool ReplaceAllNoCase(std::span<char> area, std::string_view from, std::string_view to) {
+  return ReplaceFound(area, FindTextNoCase, from, to);
+}
+
+// --- codecs -----------------------------------------------------------------------------------
+
+int HexEncode(std::span<const std::uint8_t> data, std::span<char> out) {
+  const std::size_t length = 2 * data.size();
+  if (length > out.size() || length > INT_MAX) return -1;
+  std::size_t at = 0;
+  for (const std::uint8_t byte : data) {
+    out[at++] = kHexDigits[byte >> 4];
+    out[at++] = kHexDigits[byte & 0x0F];
+  }
+  if (at < out.size()) out[at] = '\0';
+  return static_cast<int>(length);
+}
+
+int HexDecode(std::string_view text, std::span<std::uint8_t> out) {
+  if (text.size() >= 3 && text.starts_with("0x")) text.remove_prefix(2);
+  std::size_t count = 0;
+  int high = -1;
+  for (const char c : text) {
+    const int digit = HexValue(c);
+    if (digit < 0) continue;
+    if (high < 0) {
+      high = digit;
+      continue;
+    }
+    if (count == out.size() || count == INT_MAX) return -1;
+    out[count++] = static_cast<std::uint8_t>(high << 4 | digit);
+    high = -1;
+  }
+  return static_cast<int>(count);
+}
+
+int Base64Encode(std::span<char> out, std::span<const std::uint8_t> data) {
+  const std::size_t length = Base64Length(data.size());
+  if (length >= out.size() || length > INT_MAX) return -1;
+  char* group = out.data();
+  for (std::size_t at = 0; at < data.size(); at += 3, group += 4) {
+    EncodeGroup(data.subspan(at, std::min<std::size_t>(3, data.size() - at)), group);
+  }
+  *group = '\0';
+  return static_cast<int>(length);
+}
+
+int Base64EncodeLines(std::span<const std::uint8_t> data, char*& out) {
+  out = nullptr;
+  const std::size_t length = Base64Length(data.size());
+  const std::size_t innerEnds = length == 0 ? 0 : (length - 1) / kBase64LineLength;
+  if (length + innerEnds > INT_MAX) return 0;
+  std::unique_ptr<char[]> text(new (std::nothrow) char[length + innerEnds + 2]);
+  if (!text) return 0;
+  Base64Encode({text.get(), length + 1}, data);
+  // From the back, so that no line overwrites one that still has to move.
+  for (std::size_t line = innerEnds; line != 0; --line) {
+    const std::size_t start = line * kBase64LineLength;
+    char* target = text.get() + start + line;
+    std::memmove(target, text.get() + start, std::min(kBase64LineLength, length - start));
+    target[-1] = '\n';
+  }
+  text[length + innerEnds] = '\n';
+  text[length + innerEnds + 1] = '\0';
+  out = text.release();
+  return static_cast<int>(length + innerEnds);
+}
+
+int Base64Decode(std::span<std::uint8_t> out, std::string_view text) {
+  std::size_t count = 0;
+  std::uint32_t bits = 0;
+  unsigned pending = 0;  // bits read and not yet written
+  for (const char c : Base64Body(text)) {
+    if (c == '=') break;
+    const int value = Base64Value(c);
+    if (value < 0) continue;
+    bits = bits << 6 | static_cast<std::uint32_t>(value);
+    pending += 6;
+    if (pending < 8) continue;
+    pending -= 8;
+    if (count == out.size() || count == INT_MAX) return -1;
+    out[count++] = static_cast<std::uint8_t>(bits >> pending);
+  }
+  return static_cast<int>(count);
+}
+
+// --- conversions ------------------------------------------------------------------------------
+
+std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes) {
+  const std::size_t units = bytes.size() / 2;
+  const auto unit = [bytes](std::size_t i) {
+    return static_cast<std::uint32_t>(bytes[2 * i] | bytes[2 * i + 1] << 8);
+  };
+  try {
+    std::string text;
+    text.reserve(units);
+    for (std::size_t i = 0; i < units; ++i) {
+      std::uint32_t code = unit(i);
+      if (IsHighSurrogate(code) && i + 1 < units && IsLowSurrogate(unit(i + 1))) {
+        code = 0x10000 + ((code - 0xD800) << 10) + (unit(++i) - 0xDC00);
+      } else if (IsHighSurrogate(code) || IsLowSurrogate(code)) {
+        code = kReplacementCharacter;
+      }
+      AppendUtf8(text, code);
+    }
+    return text;
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
+}
+
+}  // namespace qixx

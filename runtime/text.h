@@ -1,0 +1,134 @@
+// Byte-string primitives and codecs.
+//
+// Everything here works on bytes and folds ASCII letters only; no locale is consulted. A "length"
+// never counts a terminator. A text area is a caller-owned span of bytes that always ends up
+// zero-terminated when its size is not 0. All operations may be called from any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace qixx {
+
+/// Size of the fixed areas for names, paths and values, terminator included.
+inline constexpr std::size_t kTextSize = 256;
+/// Size of the area for a whole command line, terminator included.
+inline constexpr std::size_t kLineSize = 1024;
+
+// --- areas ------------------------------------------------------------------------------------
+
+/// The text held in a fixed area: up to its first zero byte, or all of it when there is none.
+[[nodiscard]] std::string_view TextOf(std::span<const char> area);
+
+/// Copies `text` up to its first zero byte and cuts it to what the area holds beside the
+/// terminator. The rest of the area is left alone. Returns the copied length.
+std::size_t CopyTextCut(std::span<char> area, std::string_view text);
+
+/// Copies `text` only when it fits with its terminator; otherwise the area is left untouched.
+[[nodiscard]] bool CopyTextIfFits(std::span<char> area, std::string_view text);
+
+/// Null-safe view: a null pointer is the empty text.
+[[nodiscard]] inline std::string_view ViewOf(const char* text) {
+  return text == nullptr ? std::string_view{} : std::string_view{text};
+}
+
+// --- comparison and search --------------------------------------------------------------------
+
+/// 'A' to 'Z' get 32 added; no other byte changes.
+[[nodiscard]] constexpr char FoldCase(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+}
+
+/// Compares at most `limit` bytes of each text. The result is the difference of the first unequal
+/// folded (unsigned) bytes, else 0 for equal lengths, 1 when `a` is the longer and -1 when `b` is.
+[[nodiscard]] int CompareNoCase(std::string_view a, std::string_view b,
+                                std::size_t limit = std::string_view::npos);
+
+[[nodiscard]] bool EqualsNoCase(std::string_view a, std::string_view b);
+/// A text shorter than `head` never matches.
+[[nodiscard]] bool StartsWithNoCase(std::string_view text, std::string_view head);
+
+/// Position of the first `c`, searching the terminator value 0 gives the end of the text;
+/// npos when there is none.
+[[nodiscard]] std::size_t FindChar(std::string_view text, char c);
+[[nodiscard]] std::size_t FindCharBack(std::string_view text, char c);
+[[nodiscard]] std::size_t FindText(std::string_view text, std::string_view pattern,
+                                   std::size_t from = 0);
+[[nodiscard]] std::size_t FindTextNoCase(std::string_view text, std::string_view pattern,
+                                         std::size_t from = 0);
+
+// --- pieces -----------------------------------------------------------------------------------
+
+/// Only ' ' is a blank here; tabs and line ends are ordinary characters.
+[[nodiscard]] std::string_view SkipBlanks(std::string_view text);
+[[nodiscard]] std::string_view DropTrailingBlanks(std::string_view text);
+
+/// Field `index` (from 0) of a text split at `separator`. Returns false when there are fewer
+/// fields; a text without separator has one field, also when it is empty.
+[[nodiscard]] bool GetField(std::string_view text, std::size_t index, char separator,
+                            std::string_view& field);
+
+/// Decimal number: leading blanks skipped, then digits up to the first other character. No digit
+/// gives 0 (so does a sign); a number too large saturates.
+[[nodiscard]] std::uint64_t ParseDecimal(std::string_view text);
+/// As ParseDecimal with an optional leading '-'; saturates at both ends.
+[[nodiscard]] std::int64_t ParseSigned(std::string_view text);
+/// As ParseDecimal, or hexadecimal after a leading "0x" in either case; saturates.
+[[nodiscard]] std::uint64_t ParseNumber(std::string_view text);
+
+// --- copies and replacement -------------------------------------------------------------------
+
+/// New array copy of `text`, to be freed with delete[]. Returns its length; a null text gives 0 and
+/// a null copy, and so does a failed allocation.
+std::size_t Duplicate(const char* text, char*& copy);
+
+/// Replaces every occurrence of `from` in the zero-terminated text of `area`, searching on behind
+/// each replacement. Stops when the next result would not be shorter than the area. Nothing
+/// happens for an empty `from` or when both are equal; a null `to` counts as empty.
+void ReplaceAll(std::span<char> area, std::string_view from, const char* to);
+/// The same in any letter case of `from`. Returns whether anything was replaced.
+bool ReplaceAllNoCase(std::span<char> area, std::string_view from, std::string_view to);
+
+// --- codecs -----------------------------------------------------------------------------------
+
+/// Upper-case hexadecimal. Returns 2 x the data length, or -1 (nothing written) when that exceeds
+/// the area. A terminator is added only when there is room for it.
+int HexEncode(std::span<const std::uint8_t> data, std::span<char> out);
+/// Drops a leading "0x" (from three characters on) and everything that is no hexadecimal digit,
+/// then reads pairs; a last odd digit is ignored. Returns the byte count, or -1 when it exceeds
+/// `out`.
+int HexDecode(std::string_view text, std::span<std::uint8_t> out);
+
+/// Standard base64 (RFC 4648) with padding and terminator. Returns the characters written, or -1
+/// when the encoded length is not smaller than the area.
+int Base64Encode(std::span<char> out, std::span<const std::uint8_t> data);
+/// Base64 with an LF after every 64 characters and one at the end, as a terminated new array that
+/// the caller frees with delete[] (null when memory runs out). The returned length counts the line
+/// ends between lines but not the final one; writers rely on that.
+int Base64EncodeLines(std::span<const std::uint8_t> data, char*& out);
+/// A text that begins with '-' has its first line skipped and ends at the next '-'. Characters
+/// outside the alphabet are dropped; a zero byte or '=' ends the text. Two characters left over
+/// give one byte, three give two, one gives none. Returns the byte count, or -1 when it exceeds
+/// `out`.
+int Base64Decode(std::span<std::uint8_t> out, std::string_view text);
+
+// --- conversions ------------------------------------------------------------------------------
+
+/// UTF-16 little-endian bytes to UTF-8. Surrogate pairs are joined, a lone surrogate becomes
+/// U+FFFD, a last odd byte is dropped. Zero characters are kept as zero bytes.
+[[nodiscard]] std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes);
+
+/// Text is UTF-8 throughout, so the conversions between the local character set and UTF-8 are
+/// copies. They stand at the places where another character set would be converted.
+[[nodiscard]] inline std::string_view LocalToUtf8(std::string_view text) {
+  return text;
+}
+[[nodiscard]] inline std::string_view Utf8ToLocal(std::string_view text) {
+  return text;
+}
+
+}  // namespace qixx
