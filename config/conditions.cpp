@@ -1,0 +1,74 @@
+#include "config/conditions.h"
+
+#include <cstddef>
+
+#include "runtime/text.h"
+
+namespace qixx {
+namespace {
+
+constexpr std::size_t kNone = std::string_view::npos;
+constexpr std::string_view kAlternativeSeparator = "||";
+constexpr std::string_view kModePrefix = "mode:";
+
+/// Takes the part in front of the next separator off `rest`. With the last part `rest` gets no
+/// data.
+std::string_view TakePart(std::string_view& rest, std::string_view separator) {
+  const std::size_t end = rest.find(separator);
+  const std::string_view part = rest.substr(0, end);
+  rest = end == kNone ? std::string_view{} : rest.substr(end + separator.size());
+  return part;
+}
+
+std::string_view FileName(std::string_view path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+bool IsCallingApplication(std::string_view names, std::string_view application) {
+  do {
+    const std::string_view name = TakePart(names, ";");
+    const bool isPath = FindChar(name, '/') != kNone;
+    if (!name.empty() && EqualsNoCase(name, isPath ? application : FileName(application))) {
+      return true;
+    }
+  } while (names.data() != nullptr);
+  return false;
+}
+
+bool TermHolds(std::string_view term, const ConditionContext& context) {
+  if (term.empty() || term == "*") return true;
+  // Numeric conditions are reserved and hold nowhere.
+  if (term.front() >= '0' && term.front() <= '9') return false;
+  if (term.front() == '{') return context.isNamedConditionActive(term);
+  if (StartsWithNoCase(term, kModePrefix)) {
+    return context.isModeActive(term.substr(kModePrefix.size()));
+  }
+  return IsCallingApplication(term, context.application);
+}
+
+}  // namespace
+
+bool IsConditional(std::string_view value) {
+  return value.find(kAlternativeSeparator) != kNone;
+}
+
+bool ConditionHolds(std::string_view condition, const ConditionContext& context) {
+  do {
+    if (!TermHolds(TakePart(condition, ","), context)) return false;
+  } while (condition.data() != nullptr);
+  return true;
+}
+
+std::string_view ResolveConditional(std::string_view value, const ConditionContext& context) {
+  if (!IsConditional(value)) return value;
+  std::string_view rest = value;
+  do {
+    const std::string_view alternative = TakePart(rest, kAlternativeSeparator);
+    const std::size_t bar = alternative.rfind('|');
+    if (bar == kNone) return alternative;
+    if (ConditionHolds(alternative.substr(bar + 1), context)) return alternative.substr(0, bar);
+  } while (rest.data() != nullptr);
+  return value;
+}
+
+}  // namespace qixx

@@ -1,0 +1,227 @@
+#include "config/migration.h"
+
+#include <cstddef>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "config/format.h"
+#include "config/scan.h"
+#include "runtime/text.h"
+
+namespace qixx {
+namespace {
+
+constexpr SectionAlias kSectionAliases[] = {
+    {"Soft Tokens", "SoftToken"},
+    {"Admin Utility", "General"},
+    {"CallTrace", "Trace Call"},
+    {"CardBitmap", "Dialog Image"},
+    {"Compress", "SmartCard Compress"},
+    {"Custom Links", "Links Custom"},
+    {"Dynamic Strings", "DynamicStrings"},
+    {"Default Certificate", "DefaultCertificate"},
+    {"File Extensions", "Encryption FileExtension"},
+    {"InstallOptions", "Install Option"},
+    {"PCSC", "SmartCardReader PCSC"},
+    {"Credential Provider", "CredentialProvider"},
+    {"Certificate Provider", "CredentialProvider Certificate"},
+    {"Enroll Provider", "CredentialProvider Enroll"},
+    {"PIN Provider", "CredentialProvider Pin"},
+    {"Unlock Provider", "CredentialProvider Unlock"},
+    {"Password Provider", "CredentialProvider Password"},
+    {"Change Credential Provider", "CredentialProvider Change"},
+    {"Packages", "Install Packages"},
+    {"Shortcuts", "Install Shortcuts"},
+    {"Smart Card", "SmartCard"},
+    {"Smart Card Reader", "SmartCardReader"},
+    {"InitProfiles", "SmartCardProfile"},
+    {"", ""},
+};
+
+constexpr std::string_view kImageSource = "CredentialProvider";
+constexpr std::string_view kImageTarget = "Dialog Presentation";
+
+bool Contains(std::string_view text, std::string_view pattern) {
+  return text.find(pattern) != std::string_view::npos;
+}
+
+struct Entry {
+  std::string name;
+  std::string value;
+};
+
+/// Unlike a written value this one was read from a line, so it is neither cut nor cleaned.
+std::string LineOf(std::string_view name, std::string_view value) {
+  return std::string(name).append(1, '=').append(value).append(1, '\n');
+}
+
+/// The lines of a section, without its header.
+LineReader LinesOf(std::string_view text, const SectionSpan& section) {
+  return LineReader(text.substr(0, section.end), section.header.end);
+}
+
+/// The entries of a section, of equal names the first one.
+std::vector<Entry> CollectEntries(std::string_view text, const SectionSpan& section) {
+  std::vector<Entry> entries;
+  std::unordered_set<std::string> known;
+  LineReader lines = LinesOf(text, section);
+  for (TextLine line; lines.Next(line);) {
+    if (IsComment(line.text)) continue;
+    const std::string_view name = EntryName(line.text);
+    if (!known.insert(Folded(name)).second) continue;
+    entries.push_back({std::string(name), std::string(EntryValue(line.text))});
+  }
+  return entries;
+}
+
+bool FindExactSection(std::string_view text, std::string_view name, SectionSpan& section) {
+  MarkReader marks(text);
+  for (TextLine header; marks.NextHeader(header);) {
+    if (!IsExactHeaderOf(header.text, name)) continue;
+    section = SpanOfSection(text, header);
+    return true;
+  }
+  return false;
+}
+
+/// As IsHeaderOf, but the letter case counts.
+bool IsRewritable(std::string_view line, std::string_view name) {
+  return IsHeaderOf(line, name) && line.substr(1).starts_with(name);
+}
+
+bool FindRewritable(std::string_view text, std::string_view name, TextLine& header) {
+  MarkReader marks(text);
+  while (marks.NextHeader(header)) {
+    if (IsRewritable(header.text, name)) return true;
+  }
+  return false;
+}
+
+/// The lines of a section after setting all `entries` in it: each takes the place of the first
+/// entry of its name; the others follow behind the last line.
+std::string SetEntries(std::string_view text, const SectionSpan& section,
+                       const std::vector<Entry>& entries) {
+  std::unordered_map<std::string, const Entry*> waiting;
+  for (const Entry& entry : entries) waiting.emplace(Folded(entry.name), &entry);
+
+  std::string lines;
+  std::size_t copied = section.header.end;
+  LineReader reader = LinesOf(text, section);
+  for (TextLine line; reader.Next(line);) {
+    if (IsComment(line.text) || !Contains(line.text, "=")) continue;
+    const auto found = waiting.find(Folded(EntryName(line.text)));
+    if (found == waiting.end()) continue;
+    lines.append(text, copied, BeforeBlanks(text, line.begin) - copied);
+    lines += LineOf(found->second->name, found->second->value);
+    copied = BehindLineEnd(text, line.end);
+    waiting.erase(found);
+  }
+  lines.append(text, copied, section.insertion - copied);
+  if (lines.empty() || !IsLineBreak(lines.back())) lines += '\n';
+  for (const Entry& entry : entries) {
+    if (waiting.count(Folded(entry.name)) != 0) lines += LineOf(entry.name, entry.value);
+  }
+  return lines;
+}
+
+bool IsImage(std::string_view line) {
+  return Contains(line, "=") && (StartsWithNoCase(line, "BMP") || StartsWithNoCase(line, "IMAGE"));
+}
+
+using ValuesByName = std::unordered_map<std::string, std::string>;
+
+ValuesByName CollectImageTargets(std::string_view text) {
+  ValuesByName values;
+  SectionSpan section;
+  if (!FindSection(text, kImageTarget, section)) return values;
+  for (const Entry& entry : CollectEntries(text, section)) {
+    values.emplace(Folded(entry.name), entry.value);
+  }
+  return values;
+}
+
+/// Takes the images that may leave out of their section; those that are new to the other one are
+/// added to `images` as lines.
+std::string TakeImages(std::string_view text, const SectionSpan& source, std::string& images) {
+  ValuesByName targets = CollectImageTargets(text);
+  std::string kept;
+  std::size_t copied = 0;
+  LineReader lines = LinesOf(text, source);
+  for (TextLine line; lines.Next(line);) {
+    if (!IsImage(line.text)) continue;
+    const std::string_view name = EntryName(line.text);
+    const std::string_view value = EntryValue(line.text);
+    const auto [target, isNew] = targets.try_emplace(Folded(name), value);
+    if (!isNew && !EqualsNoCase(target->second, value)) continue;
+    if (isNew) images += LineOf(name, value);
+    kept.append(text, copied, BeforeBlanks(text, line.begin) - copied);
+    copied = BehindLineEnd(text, line.end);
+  }
+  return kept.append(text, copied);
+}
+
+}  // namespace
+
+std::span<const SectionAlias> SectionAliases() {
+  return std::span(kSectionAliases).first(std::size(kSectionAliases) - 1);
+}
+
+bool LooksOld(std::string_view text) {
+  return (Contains(text, "Soft Tokens") && !Contains(text, "SoftToken")) ||
+         (Contains(text, "Admin Utility") && !Contains(text, "General"));
+}
+
+bool MergeBeforeRename(std::string_view text, std::string_view oldName, std::string_view newName,
+                       std::string& merged) {
+  TextLine target;
+  SectionSpan source;
+  if (EqualsNoCase(oldName, newName) || !FindRewritable(text, oldName, target) ||
+      !FindExactSection(text, newName, source)) {
+    return false;
+  }
+  const std::vector<Entry> entries = CollectEntries(text, source);
+  if (entries.empty()) return false;
+
+  const TextRange cut = CutOfSection(text, source);
+  merged.assign(text, 0, cut.begin).append(text, cut.end);
+  // The header is still there, but what went in front of it has moved it.
+  if (!FindRewritable(merged, oldName, target)) return false;
+  const SectionSpan section = SpanOfSection(merged, target);
+  const std::string lines = SetEntries(merged, section, entries);
+  merged.replace(target.end, section.insertion - target.end, lines);
+  return true;
+}
+
+std::string RewriteHeaders(std::string_view text, std::string_view oldName,
+                           std::string_view newName) {
+  std::string rewritten;
+  std::size_t copied = 0;
+  MarkReader marks(text);
+  for (TextLine header; marks.NextHeader(header);) {
+    if (!IsRewritable(header.text, oldName)) continue;
+    const std::size_t name = header.begin + 1;
+    rewritten.append(text, copied, name - copied).append(newName);
+    copied = name + oldName.size();
+  }
+  return rewritten.append(text, copied);
+}
+
+bool MoveImages(std::string_view text, std::string& moved) {
+  SectionSpan section;
+  if (!FindSection(text, kImageSource, section)) return false;
+  std::string images;
+  moved = TakeImages(text, section, images);
+  if (moved.size() == text.size()) return false;
+  if (images.empty()) return true;
+  if (!FindSection(moved, kImageTarget, section)) {
+    moved += SectionHead(kImageTarget) + images;
+    return true;
+  }
+  const std::size_t at = section.insertion;
+  if (!IsLineBreak(moved[at - 1])) images.insert(0, 1, '\n');
+  moved.insert(at, images);
+  return true;
+}
+
+}  // namespace qixx

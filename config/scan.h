@@ -1,0 +1,160 @@
+// Reading a configuration text in place: lines, headers, entries and blocks.
+//
+// Everything here looks at a text without changing or copying it; the views point into that text.
+// Any bytes may stand in it. A walk over a text takes time in proportion to its length.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "config/result.h"
+
+namespace qixx {
+
+/// Steps in which the capacity of a text grows; also the longest text that one change writes.
+inline constexpr std::size_t kGrowthStep = 164096;
+/// A longer line is cut there; what follows up to its end is passed over.
+inline constexpr std::size_t kMaximumLine = 164096;
+
+inline constexpr std::size_t kNoPosition = std::string_view::npos;
+
+/// One line without the blanks in front of it and its line end.
+struct TextLine {
+  std::string_view text;  ///< cut at kMaximumLine
+  std::size_t begin = 0;  ///< position of `text`
+  std::size_t end = 0;    ///< position behind the whole line, in front of its line end
+};
+
+[[nodiscard]] constexpr bool IsLineBreak(char c) {
+  return c == '\n' || c == '\r';
+}
+/// Position of the first CR or LF from `from` on, else the end of the text.
+[[nodiscard]] std::size_t FindLineEnd(std::string_view text, std::size_t from);
+/// Steps back over the blanks in front of a line.
+[[nodiscard]] std::size_t BeforeBlanks(std::string_view text, std::size_t begin);
+/// Steps over one CR and one LF.
+[[nodiscard]] std::size_t BehindLineEnd(std::string_view text, std::size_t end);
+
+/// Reads lines; blanks, CR and LF in front of a line are skipped, so empty lines do not show.
+class LineReader {
+ public:
+  explicit LineReader(std::string_view text, std::size_t position = 0)
+      : text_(text), position_(position) {}
+  /// False at the end of the text.
+  [[nodiscard]] bool Next(TextLine& line);
+
+ private:
+  std::string_view text_;
+  std::size_t position_;
+};
+
+/// Finds where blocks end. Asked for growing positions it reads the text once.
+class BlockEnds {
+ public:
+  explicit BlockEnds(std::string_view text) : text_(text) {}
+  /// Position behind the "/>" of the block that begins at `begin`; kNoPosition for one that is
+  /// never closed, which then is an ordinary line: it must not hide the rest of the text.
+  [[nodiscard]] std::size_t Behind(std::size_t begin);
+
+ private:
+  std::string_view text_;
+  std::size_t mark_ = 0;
+};
+
+/// A header line or a block.
+struct Mark {
+  bool block = false;
+  TextLine line;  ///< the header; of a block its first position and the one behind "/>"
+};
+
+/// Walks the headers and blocks of a text without looking at the lines between. What stands in a
+/// block, or behind it in its last line, belongs to no section and is passed over.
+class MarkReader {
+ public:
+  explicit MarkReader(std::string_view text)
+      : text_(text), blocks_(text), header_(text.find('[')), block_(text.find('<')) {}
+  [[nodiscard]] bool Next(Mark& mark);
+  /// The same, for headers only.
+  [[nodiscard]] bool NextHeader(TextLine& header);
+
+ private:
+  std::string_view text_;
+  BlockEnds blocks_;
+  std::size_t position_ = 0;
+  std::size_t header_;
+  std::size_t block_;
+};
+
+// --- lines ------------------------------------------------------------------------------------
+
+[[nodiscard]] constexpr bool IsComment(std::string_view line) {
+  return line.starts_with(';') || line.starts_with('#');
+}
+/// A header or the begin of a block.
+[[nodiscard]] constexpr bool EndsSection(std::string_view line) {
+  return line.starts_with('[') || line.starts_with('<');
+}
+/// The name up to the first ']'; empty for a header without one.
+[[nodiscard]] std::string_view HeaderName(std::string_view line);
+/// Letter case is ignored, and so is what stands behind the ']'.
+[[nodiscard]] bool IsHeaderOf(std::string_view line, std::string_view section);
+/// Letter case is ignored; nothing may stand behind the ']'.
+[[nodiscard]] bool IsExactHeaderOf(std::string_view line, std::string_view section);
+/// The text in front of the first '=', else the whole line.
+[[nodiscard]] std::string_view EntryName(std::string_view line);
+/// The text behind the first '=' without trailing blanks.
+[[nodiscard]] std::string_view EntryValue(std::string_view line);
+
+// --- sections and entries ---------------------------------------------------------------------
+
+/// The lines of a section: from behind its header to the next header or block.
+struct SectionSpan {
+  TextLine header;
+  std::size_t end = 0;        ///< where the next header or block begins, or the end of the text
+  std::size_t insertion = 0;  ///< behind the line end of the section's last line
+};
+[[nodiscard]] SectionSpan SpanOfSection(std::string_view text, const TextLine& header);
+/// What goes when the section is deleted: its lines with the LF in front of its header, but not the
+/// line end in front of the next header or block.
+struct TextRange {
+  std::size_t begin = 0;
+  std::size_t end = 0;
+};
+[[nodiscard]] TextRange CutOfSection(std::string_view text, const SectionSpan& section);
+/// The first section of that name.
+[[nodiscard]] bool FindSection(std::string_view text, std::string_view name, SectionSpan& section);
+
+/// Where an entry is, or where it would be put.
+struct EntrySearch {
+  ConfigResult result = kConfigNoSection;
+  std::string_view value;
+  std::size_t begin = 0;  ///< the whole line with blanks in front; the insertion point of a miss
+  std::size_t end = 0;    ///< behind its line end; equal to `begin` for a miss
+};
+/// The first matching entry of the first section of that name.
+[[nodiscard]] EntrySearch FindEntry(std::string_view text, std::string_view section,
+                                    std::string_view entry);
+
+/// Reads the entries of all sections; what stands in blocks or in front of the first header is
+/// none. A line without '=' counts.
+class EntryReader {
+ public:
+  explicit EntryReader(std::string_view text) : lines_(text) {}
+  [[nodiscard]] bool Next(std::string_view& section, std::string_view& entry);
+
+ private:
+  LineReader lines_;
+  std::string_view section_;
+  bool inBlock_ = false;
+};
+
+// --- blocks -----------------------------------------------------------------------------------
+
+struct BlockSpan {
+  std::size_t begin = 0;  ///< position of the '<'
+  std::size_t end = 0;    ///< position behind the "/>"
+  std::string_view body;
+};
+[[nodiscard]] bool FindBlock(std::string_view text, std::string_view name, BlockSpan& block);
+
+}  // namespace qixx

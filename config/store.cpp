@@ -1,0 +1,468 @@
+#include "config/store.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <initializer_list>
+#include <limits>
+#include <new>
+#include <string>
+
+#include "config/conditions.h"
+#include "config/file.h"
+#include "runtime/files.h"
+#include "runtime/sync.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+
+namespace qixx {
+namespace {
+
+constexpr std::string_view kStaticPath = "static";
+constexpr const char* kConditionSection = "Condition";
+
+// The areas of the typed forms, terminator included.
+constexpr std::size_t kItemIntegerSize = 16;
+constexpr std::size_t kNumberSize = 17;
+constexpr std::size_t kWrittenNumberSize = 12;
+
+std::atomic<bool> staticMode{false};
+
+/// Joins the parts; false and an empty text when they do not fit.
+bool Join(std::span<char> area, std::initializer_list<std::string_view> parts) {
+  std::size_t length = 0;
+  for (const std::string_view part : parts) {
+    if (!CopyTextIfFits(area.subspan(std::min(length, area.size())), part)) {
+      CopyTextCut(area, {});
+      return false;
+    }
+    length += part.size();
+  }
+  return true;
+}
+
+/// The variable named by the product prefix and `name`; null when it is not set.
+const char* GetProductVariable(std::string_view name) {
+  char variable[kTextSize];
+  const std::string_view prefix = Product().prefix;
+  if (prefix.empty() || !Join(variable, {prefix, name})) return nullptr;
+  return std::getenv(variable);
+}
+
+/// A path from the environment, when it is set, not empty and short enough.
+bool GetPathVariable(std::string_view name, std::span<char> path) {
+  const std::string_view value = LocalToUtf8(ViewOf(GetProductVariable(name)));
+  return !value.empty() && CopyTextIfFits(path, value);
+}
+
+/// The value that the environment gives a setting; null when it gives none.
+const char* FindOverride(const char* section, const char* entry) {
+  char name[kTextSize];
+  return Join(name, {":", section, ":", entry}) ? GetProductVariable(name) : nullptr;
+}
+
+/// The product's directory below the home directory, with a '/' at its end.
+bool GetUserDirectory(std::span<char> directory) {
+  const std::string_view home = ViewOf(std::getenv("HOME"));
+  const std::string_view prefix = Product().prefix;
+  if (home.empty() || prefix.empty()) return false;
+  return Join(directory, {home, home.ends_with('/') ? "." : "/.", prefix, "/"});
+}
+
+/// A per-user installation is known by its library directory.
+bool HoldsLibraries(std::string_view directory) {
+  char path[kTextSize];
+  struct stat info {};
+  return Join(path, {directory, "lib"}) && ::stat(path, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+/// Signed numbers are decimal; a hexadecimal one has no sign.
+std::int64_t ParseInteger(std::string_view text) {
+  if (!StartsWithNoCase(SkipBlanks(text), "0x")) return ParseSigned(text);
+  constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
+  return static_cast<std::int64_t>(std::min(ParseNumber(text), kLargest));
+}
+
+/// Fills `text` by `read`, which cuts what it reads to its area: the area grows until the text
+/// leaves room in it.
+template <typename Reader>
+ConfigResult ReadWhole(Reader read, std::string& text) {
+  constexpr std::size_t kGrowth = 4;
+  for (std::size_t size = kTextSize;; size *= kGrowth) {
+    text.resize(size);
+    const ConfigResult result = read(std::span<char>(text));
+    const std::size_t length = TextOf(text).size();
+    if (result == kConfigOk && length + 1 == size && size <= kMaximumLine) continue;
+    text.resize(length);
+    return result;
+  }
+}
+
+// --- the reference file -----------------------------------------------------------------------
+
+CCritical& ReferenceLock() {
+  alignas(CCritical) static unsigned char storage[sizeof(CCritical)];
+  static CCritical* const lock = new (storage) CCritical;
+  return *lock;
+}
+
+/// Taken from the environment once; "0" when it names no file.
+const char* ReferencePath() {
+  static char path[kTextSize] = {};
+  if (path[0] == '\0' && !GetPathVariable("configref", path)) CopyTextCut(path, "0");
+  return path;
+}
+
+/// Adds the setting to the reference file unless it is there.
+void AddReference(const char* section, const char* entry) {
+  const CriticalScope hold(&ReferenceLock());
+  CConfigFile file;
+  char value[kItemIntegerSize];
+  file.Open(false, ReferencePath(), true);
+  const bool known = file.GetValue(section, entry, value, false) == kConfigOk;
+  file.Close(true);
+  if (known) return;
+  file.Open(true, ReferencePath(), true);
+  file.SetValue(section, entry, nullptr, false);
+  file.Close(true);
+}
+
+}  // namespace
+
+CConfig::CConfig() = default;
+
+CConfig::~CConfig() {
+  CConfig::Close(true);
+}
+
+// --- opening and closing ----------------------------------------------------------------------
+
+void CConfig::Close(bool release) {
+  for (std::unique_ptr<CConfigItem>& item : items_) {
+    if (item != nullptr) item->Close(release);
+    if (release) item.reset();
+  }
+}
+
+ConfigResult CConfig::OpenAll(bool writable) {
+  Close(true);
+  char local[kTextSize] = {};
+  char global[kTextSize] = {};
+  ConfigResult result = FindLocalPath(local);
+  if (result == kConfigOk) {
+    result = OpenItem(writable, local);
+    if (result != kConfigOk) TraceWrite("Config - Open %s failed", "local");
+  }
+  if (FindGlobalPath(global) == kConfigOk && TextOf(global) != TextOf(local)) {
+    result = OpenItem(writable, global);
+    if (result != kConfigOk) TraceWrite("Config - Open %s failed", "global");
+  }
+  return result;
+}
+
+ConfigResult CConfig::OpenDefault(bool writable) {
+  char path[kTextSize];
+  const ConfigResult result = FindGlobalPath(path);
+  if (result != kConfigOk) {
+    TraceWrite("Config - Failed to find config file");
+    return result;
+  }
+  return OpenItem(writable, path);
+}
+
+ConfigResult CConfig::OpenItem(bool writable, const char* path) {
+  writable_ = writable;
+  const auto free = std::find(std::begin(items_), std::end(items_), nullptr);
+  if (free == std::end(items_)) {
+    TraceWrite("Config - No more internal objects");
+    return kConfigFailed;
+  }
+  std::unique_ptr<CConfigItem> item(new (std::nothrow) CConfigFile);
+  if (item == nullptr) return kConfigFailed;
+  const bool isFirst = free == std::begin(items_);
+  const ConfigResult result = ViewOf(path) == kStaticPath
+                                  ? item->LoadText("", 0)
+                                  : item->Open(writable && isFirst, path, false);
+  if (result == kConfigOk) *free = std::move(item);
+  return result;
+}
+
+ConfigResult CConfig::FindLocalPath(std::span<char> path) {
+  CopyTextCut(path, {});
+  if (GetPathVariable("configlocal", path)) return kConfigOk;
+  char directory[kTextSize];
+  if (!GetUserDirectory(directory)) return kConfigNoPath;
+  if (!PathExists(directory)) CreatePath(directory);
+  const bool fits = Join(path, {TextOf(directory), Product().configFile});
+  return fits ? kConfigOk : kConfigNoPath;
+}
+
+ConfigResult CConfig::FindGlobalPath(std::span<char> path) {
+  CopyTextCut(path, {});
+  if (staticMode) return Join(path, {kStaticPath}) ? kConfigOk : kConfigNoPath;
+  if (GetPathVariable("configglobal", path)) return kConfigOk;
+  const std::string_view file = Product().configFile;
+  if (file.empty()) return kConfigNoPath;
+
+  char user[kTextSize];
+  const bool perUser = GetUserDirectory(user) && HoldsLibraries(TextOf(user));
+  const std::string_view directory = perUser ? TextOf(user) : "/etc/";
+  if (Join(path, {directory, file}) && PathExists(path.data())) return kConfigOk;
+  // The directory to fall back on is deliberately empty: the file of the current directory.
+  return Join(path, {file}) ? kConfigOk : kConfigNoPath;
+}
+
+void CConfig::SetStaticMode(bool on) {
+  staticMode = on;
+}
+
+// --- reading ----------------------------------------------------------------------------------
+
+ConfigResult CConfig::GetString(const char* section, const char* entry, std::span<char> buffer,
+                                bool convert) {
+  return GetLayered(section, entry, buffer, convert, raw_);
+}
+
+ConfigResult CConfig::GetLayered(const char* section, const char* entry, std::span<char> buffer,
+                                 bool convert, bool raw) {
+  const ConfigResult result = GetItemString(0, section, entry, buffer, convert, raw);
+  if (result == kConfigOk || items_[1] == nullptr) return result;
+  return GetItemString(1, section, entry, buffer, convert, raw);
+}
+
+/// One attempt: the environment, else the item. A value from the environment is reported as failed.
+ConfigResult CConfig::GetItemString(std::size_t item, const char* section, const char* entry,
+                                    std::span<char> buffer, bool convert, bool raw) {
+  CopyTextCut(buffer, {});
+  if (section == nullptr || entry == nullptr) return kConfigFailed;
+  CConfigItem* const held = Item(item);
+  ConfigResult result = kConfigFailed;
+  if (const char* value = FindOverride(section, entry); value != nullptr) {
+    (void)CopyTextIfFits(buffer, convert ? std::string_view(value) : LocalToUtf8(value));
+  } else if (held != nullptr) {
+    result = raw ? held->GetValue(section, entry, buffer, convert)
+                 : ReadResolved(*held, section, entry, buffer, convert);
+  }
+  RecordReference(section, entry);
+  return result;
+}
+
+/// The whole value is resolved, and then cut to the buffer.
+ConfigResult CConfig::ReadResolved(CConfigItem& item, const char* section, const char* entry,
+                                   std::span<char> buffer, bool convert) {
+  try {
+    std::string value;
+    const ConfigResult result = ReadWhole(
+        [&](std::span<char> area) { return item.GetValue(section, entry, area, convert); }, value);
+    if (result != kConfigOk) return result;
+    CopyTextCut(buffer, IsConditional(value) ? Resolve(value) : value);
+    return kConfigOk;
+  } catch (const std::exception&) {
+    return kConfigFailed;
+  }
+}
+
+bool ReadConfigText(CConfig& config, const char* section, const char* entry, std::span<char> buffer,
+                    bool convert) {
+  return config.GetString(section, entry, buffer, convert) == kConfigOk || !TextOf(buffer).empty();
+}
+
+ConfigResult CConfig::GetItemInteger(std::size_t item, const char* section, const char* entry,
+                                     std::int32_t& value) {
+  char text[kItemIntegerSize];
+  const ConfigResult result = GetItemString(item, section, entry, text, false, raw_);
+  if (result != kConfigOk && TextOf(text).empty()) return result;
+  using Limits = std::numeric_limits<std::int32_t>;
+  value = static_cast<std::int32_t>(
+      std::clamp<std::int64_t>(ParseSigned(TextOf(text)), Limits::min(), Limits::max()));
+  return kConfigOk;
+}
+
+/// A number's text; one from the environment counts as read.
+ConfigResult CConfig::GetNumber(const char* section, const char* entry, std::span<char> buffer) {
+  const ConfigResult result = GetString(section, entry, buffer, false);
+  return TextOf(buffer).empty() ? result : kConfigOk;
+}
+
+ConfigResult CConfig::GetUnsigned(const char* section, const char* entry, std::uint64_t& value) {
+  char text[kNumberSize];
+  const ConfigResult result = GetNumber(section, entry, text);
+  if (result == kConfigOk) value = ParseNumber(TextOf(text));
+  return result;
+}
+
+ConfigResult CConfig::GetInteger(const char* section, const char* entry, std::int64_t& value) {
+  char text[kNumberSize];
+  const ConfigResult result = GetNumber(section, entry, text);
+  if (result == kConfigOk) value = ParseInteger(TextOf(text));
+  return result;
+}
+
+ConfigResult CConfig::GetBoolean(const char* section, const char* entry, bool& value) {
+  std::uint64_t number = 0;
+  const ConfigResult result = GetUnsigned(section, entry, number);
+  if (result == kConfigOk) value = number != 0;
+  return result;
+}
+
+ConfigResult CConfig::GetQualified(const char* section, const char* entry, const char* qualifier,
+                                   std::span<char> buffer, bool convert) {
+  CopyTextCut(buffer, {});
+  char name[kTextSize];
+  if (!Join(name, {ViewOf(entry), "_", ViewOf(qualifier)})) return kConfigFailed;
+  return GetString(section, name, buffer, convert);
+}
+
+bool CConfig::SectionExists(const char* section) {
+  return std::any_of(std::begin(items_), std::end(items_), [section](const auto& item) {
+    return item != nullptr && item->SectionExists(section);
+  });
+}
+
+ConfigResult CConfig::EnumEntries(std::span<char> section, std::span<char> entry,
+                                  std::size_t& index) {
+  CopyTextCut(section, {});
+  CopyTextCut(entry, {});
+  return items_[0] == nullptr ? kConfigFailed : items_[0]->EnumEntries(section, entry, index);
+}
+
+ConfigResult CConfig::EnumSectionEntries(const char* section, std::span<char> entry,
+                                         std::size_t& index) {
+  CopyTextCut(entry, {});
+  const std::size_t wanted = index;
+  ConfigResult result = kConfigFailed;
+  // The first item that has the section is the one that is walked through, to its end.
+  for (const std::unique_ptr<CConfigItem>& item : items_) {
+    if (item == nullptr) continue;
+    index = wanted;
+    result = item->EnumSectionEntries(section, entry, index);
+    if (result == kConfigOk || item->SectionExists(section)) break;
+  }
+  return result;
+}
+
+ConfigResult CConfig::GetBlock(const char* name, std::uint8_t*& data, std::size_t& length) {
+  data = nullptr;
+  length = 0;
+  for (const std::unique_ptr<CConfigItem>& item : items_) {
+    if (item != nullptr && item->GetBlock(name, data, length) == kConfigOk) return kConfigOk;
+  }
+  return kConfigFailed;
+}
+
+bool CConfig::HasText() const {
+  return std::any_of(std::begin(items_), std::end(items_), [](const auto& item) {
+    std::size_t size = 0;
+    return item != nullptr && item->GetText(nullptr, size) == kConfigOk && size != 0;
+  });
+}
+
+CConfigItem* CConfig::Item(std::size_t index) const {
+  return index < std::size(items_) ? items_[index].get() : nullptr;
+}
+
+// --- changing ---------------------------------------------------------------------------------
+
+ConfigResult CConfig::SetString(const char* section, const char* entry, const char* value,
+                                bool convert) {
+  return items_[0] == nullptr ? kConfigFailed : items_[0]->SetValue(section, entry, value, convert);
+}
+
+ConfigResult CConfig::SetInteger(const char* section, const char* entry, std::int32_t value) {
+  char text[kWrittenNumberSize];
+  std::snprintf(text, sizeof text, "%d", value);
+  return SetString(section, entry, text, false);
+}
+
+ConfigResult CConfig::SetUnsigned(const char* section, const char* entry, std::uint32_t value) {
+  char text[kWrittenNumberSize];
+  std::snprintf(text, sizeof text, "%u", value);
+  return SetString(section, entry, text, false);
+}
+
+ConfigResult CConfig::Delete(const char* section, const char* entry) {
+  return items_[0] == nullptr ? kConfigFailed : items_[0]->Delete(section, entry);
+}
+
+ConfigResult CConfig::SetBlock(const char* name, std::span<const std::uint8_t> data) {
+  return items_[0] == nullptr ? kConfigFailed : items_[0]->SetBlock(name, data);
+}
+
+void CConfig::SetRaw(bool raw) {
+  raw_ = raw;
+}
+
+// --- conditions -------------------------------------------------------------------------------
+
+bool CConfig::IsModeActive(std::string_view /*mode*/) const {
+  return false;
+}
+
+std::string_view CConfig::Resolve(std::string_view value) {
+  char application[kTextSize];
+  GetCallingApplication(application);
+  return ResolveConditional(
+      value,
+      {TextOf(application), [this](std::string_view name) { return IsNamedConditionActive(name); },
+       [this](std::string_view mode) { return IsModeActive(mode); }});
+}
+
+bool CConfig::IsNamedConditionActive(std::string_view name) {
+  if (activeConditions_ == nullptr) CollectNamedConditions();
+  const char* const active = activeConditions_.get();
+  if (!conditionsReported_ && active[0] != '\0' && TraceIsOn()) {
+    TraceWrite("Config - Active named conditions: %s", active);
+    conditionsReported_ = true;
+  }
+  return FindText(active, name) != std::string_view::npos;
+}
+
+void CConfig::CollectNamedConditions() {
+  activeConditions_ = std::make_unique<char[]>(kTextSize);
+  const std::span<char> active(activeConditions_.get(), kTextSize);
+  char application[kTextSize];
+  GetCallingApplication(application);
+  // The list that is being made is asked, so a condition may build on those in front of it.
+  const ConditionContext context{TextOf(application),
+                                 [active](std::string_view name) {
+                                   return FindText(TextOf(active), name) != std::string_view::npos;
+                                 },
+                                 [this](std::string_view mode) { return IsModeActive(mode); }};
+
+  std::string value;
+  for (unsigned number = 1;; ++number) {
+    const std::string entry = std::to_string(number);
+    const ConfigResult result = ReadWhole(
+        [&](std::span<char> area) {
+          return GetLayered(kConditionSection, entry.c_str(), area, false, true);
+        },
+        value);
+    if (result != kConfigOk && value.empty()) return;
+    const std::size_t close = value.find('}');
+    if (!value.starts_with('{') || close == std::string::npos) continue;
+    const std::string_view name = std::string_view(value).substr(0, close + 1);
+    const std::string_view condition = SkipBlanks(std::string_view(value).substr(close + 1));
+    if (!ConditionHolds(condition, context)) continue;
+    (void)CopyTextIfFits(active.subspan(TextOf(active).size()), name);
+  }
+}
+
+// --- the reference recorder -------------------------------------------------------------------
+
+/// Notes which settings the program asks for, where an item of the kind that wants it is held.
+void CConfig::RecordReference(const char* section, const char* entry) const {
+  const bool wanted = std::any_of(std::begin(items_), std::end(items_), [](const auto& item) {
+    return item != nullptr && item->GetKind() == kConfigKindRecorded;
+  });
+  const std::string_view name = entry;
+  if (!wanted || ViewOf(section).empty() || name.empty() || FindChar(name, '_') != kNoPosition) {
+    return;
+  }
+  AddReference(section, entry);
+}
+
+}  // namespace qixx

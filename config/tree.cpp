@@ -1,0 +1,154 @@
+#include "config/tree.h"
+
+#include <algorithm>
+#include <ctime>
+#include <new>
+
+#include "config/scan.h"
+#include "runtime/trace.h"
+
+namespace qixx {
+namespace {
+
+/// Keeps a text of nothing but tiny lines from taking many times its size.
+constexpr std::size_t kMaximumNodes = 1'000'000;
+/// Roughly; only saves growing the array of nodes while the text is read.
+constexpr std::size_t kUsualLineLength = 32;
+
+/// FNV-1a over the folded bytes.
+std::uint32_t HashFolded(std::string_view name) {
+  std::uint32_t hash = 2166136261U;
+  for (const char c : name) hash = (hash ^ static_cast<unsigned char>(FoldCase(c))) * 16777619U;
+  return hash;
+}
+
+/// Deliberately other rules than those of the text scan: "#" is an ordinary character here, "//" is
+/// not, and an indented line is ignored.
+bool IsIgnored(std::string_view line) {
+  return line.front() == ' ' || line.front() == ';' || line.starts_with("//");
+}
+
+std::size_t BehindBlock(std::string_view text, std::size_t begin) {
+  const std::size_t end = text.find('>', begin);
+  return end == kNoPosition ? text.size() : FindLineEnd(text, end);
+}
+
+}  // namespace
+
+LookupTree::LookupTree(std::string_view text) : text_(text) {
+  nodes_.reserve(std::min(text.size() / kUsualLineLength + 2, kMaximumNodes));
+  nodes_.push_back({{}, text_, kRoot, kRoot, 0, NodeKind::kRoot});
+}
+
+std::unique_ptr<const LookupTree> LookupTree::Build(std::string_view text) {
+  try {
+    std::unique_ptr<LookupTree> tree(new LookupTree(text));
+    if (tree->Parse()) return tree;
+  } catch (const std::bad_alloc&) {
+    // No tree: the text is scanned instead.
+  }
+  return nullptr;
+}
+
+bool LookupTree::Parse() {
+  const std::string_view text = text_;
+  NodeIndex section = kRoot;
+  for (std::size_t begin = 0; begin < text.size();) {
+    if (text[begin] == '<') {
+      begin = BehindBlock(text, begin);
+      continue;
+    }
+    const std::size_t end = FindLineEnd(text, begin);
+    const std::string_view line = text.substr(begin, end - begin);
+    begin = end + 1;
+    if (line.empty() || IsIgnored(line)) continue;
+    if (nodes_.size() >= kMaximumNodes) return false;
+    if (line.front() == '[') {
+      const std::string_view name = HeaderName(line);
+      if (!name.empty()) section = Prepend(kRoot, NodeKind::kSection, name, {});
+    } else if (section != kRoot && FindChar(line, '=') != kNoPosition) {
+      (void)Prepend(section, NodeKind::kEntry, EntryName(line), EntryValue(line));
+    }
+  }
+  return true;
+}
+
+LookupTree::NodeIndex LookupTree::Prepend(NodeIndex parent, NodeKind kind, std::string_view name,
+                                          std::string_view value) {
+  const auto index = static_cast<NodeIndex>(nodes_.size());
+  nodes_.push_back({name, value, kRoot, nodes_[parent].firstChild, HashFolded(name), kind});
+  nodes_[parent].firstChild = index;
+  return index;
+}
+
+LookupTree::NodeIndex LookupTree::FindChild(NodeIndex parent, std::string_view name) const {
+  const std::uint32_t hash = HashFolded(name);
+  NodeIndex child = nodes_[parent].firstChild;
+  while (child != kRoot &&
+         (nodes_[child].nameHash != hash || !EqualsNoCase(nodes_[child].name, name))) {
+    child = nodes_[child].nextSibling;
+  }
+  return child;
+}
+
+bool LookupTree::FindSection(std::string_view section) const {
+  return FindChild(kRoot, section) != kRoot;
+}
+
+bool LookupTree::FindValue(std::string_view section, std::string_view entry,
+                           std::string_view& value) const {
+  const NodeIndex parent = FindChild(kRoot, section);
+  if (parent == kRoot) return false;
+  const NodeIndex child = FindChild(parent, entry);
+  if (child == kRoot) return false;
+  value = nodes_[child].value;
+  return true;
+}
+
+CConfigTree::~CConfigTree() {
+  const CriticalScope hold(&lock_);
+  for (Slot& slot : slots_) {
+    if (slot.useCount == 0) continue;
+    TraceWrite("Config - WARNING Tree cache in use");
+    // Whoever still reads it goes on reading it.
+    (void)slot.tree.release();
+  }
+}
+
+CConfigTree& CConfigTree::Instance() {
+  alignas(CConfigTree) static unsigned char storage[sizeof(CConfigTree)];
+  static CConfigTree* const instance = new (storage) CConfigTree;
+  return *instance;
+}
+
+const LookupTree* CConfigTree::Attach(std::string_view path, std::string_view text) {
+  const CriticalScope hold(&lock_);
+  Slot& slot = ChooseSlot(path);
+  if (slot.tree == nullptr || slot.tree->Text() != text) {
+    if (slot.useCount != 0) return nullptr;
+    slot.tree = LookupTree::Build(text);
+    slot.lastUse = 0;
+    CopyTextCut(slot.path, path);
+    if (slot.tree == nullptr) return nullptr;
+  }
+  slot.lastUse = std::time(nullptr);
+  ++slot.useCount;
+  return slot.tree.get();
+}
+
+void CConfigTree::Release(const LookupTree* tree) {
+  const CriticalScope hold(&lock_);
+  for (Slot& slot : slots_) {
+    if (tree != nullptr && slot.tree.get() == tree && slot.useCount > 0) --slot.useCount;
+  }
+}
+
+CConfigTree::Slot& CConfigTree::ChooseSlot(std::string_view path) {
+  const auto samePath = [path](const Slot& slot) { return TextOf(slot.path) == path; };
+  const auto found = std::find_if(std::begin(slots_), std::end(slots_), samePath);
+  if (found != std::end(slots_)) return *found;
+  return *std::min_element(std::begin(slots_), std::end(slots_),
+                           [](const Slot& a, const Slot& b) { return a.lastUse < b.lastUse; });
+}
+
+}  // namespace qixx

@@ -1,0 +1,92 @@
+// Parsed, read-only lookup trees, and the process-wide cache that shares them.
+//
+// A tree is built from the text of a file and never changes. It answers a lookup as a walk along
+// the lists of its nodes; as these are built by prepending, the last of equal names wins.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "config/result.h"
+#include "runtime/sync.h"
+#include "runtime/text.h"
+
+namespace qixx {
+
+class LookupTree {
+ public:
+  /// Copies and parses the text. Null when memory runs out or the text has more than a million
+  /// sections and entries.
+  [[nodiscard]] static std::unique_ptr<const LookupTree> Build(std::string_view text);
+  LookupTree(const LookupTree&) = delete;
+  LookupTree& operator=(const LookupTree&) = delete;
+
+  [[nodiscard]] std::string_view Text() const { return text_; }
+  /// False when there is no such section or entry. Letter case is ignored.
+  [[nodiscard]] bool FindSection(std::string_view section) const;
+  [[nodiscard]] bool FindValue(std::string_view section, std::string_view entry,
+                               std::string_view& value) const;
+
+ private:
+  using NodeIndex = std::uint32_t;
+  static constexpr NodeIndex kRoot = 0;
+
+  enum class NodeKind : std::uint8_t { kRoot, kSection, kEntry };
+  /// Nodes stand in one array and name each other by index; no node has the root as its relative,
+  /// so its index doubles as the end of a list.
+  struct Node {
+    std::string_view name;
+    std::string_view value;  ///< of the root: the whole text
+    NodeIndex firstChild = kRoot;
+    NodeIndex nextSibling = kRoot;
+    std::uint32_t nameHash = 0;  ///< of the folded name; spares most comparisons
+    NodeKind kind = NodeKind::kRoot;
+  };
+
+  explicit LookupTree(std::string_view text);
+  [[nodiscard]] bool Parse();
+  [[nodiscard]] NodeIndex Prepend(NodeIndex parent, NodeKind kind, std::string_view name,
+                                  std::string_view value);
+  [[nodiscard]] NodeIndex FindChild(NodeIndex parent, std::string_view name) const;
+
+  std::string text_;
+  std::vector<Node> nodes_;
+};
+
+/// The cache: three trees, each with the path it came from. Attach, release and destruction may be
+/// called from any thread; a tree is valid from its attach to its release.
+class CConfigTree {
+ public:
+  CConfigTree() = default;
+  /// Trees in use are reported and left alone.
+  ~CConfigTree();
+  CConfigTree(const CConfigTree&) = delete;
+  CConfigTree& operator=(const CConfigTree&) = delete;
+
+  /// The cache of the process; it is never destroyed.
+  static CConfigTree& Instance();
+
+  /// The tree of `text`, shared when the cache holds one with the same bytes. Null when no tree
+  /// could be built or the place is taken by a tree in use: the text is then scanned.
+  [[nodiscard]] const LookupTree* Attach(std::string_view path, std::string_view text);
+  void Release(const LookupTree* tree);
+
+ private:
+  struct Slot {
+    char path[kTextSize] = {};
+    std::uint32_t useCount = 0;
+    std::int64_t lastUse = 0;  ///< in seconds, 0 for never
+    std::unique_ptr<const LookupTree> tree;
+  };
+
+  Slot& ChooseSlot(std::string_view path);
+
+  CCritical lock_;
+  Slot slots_[3];
+};
+
+}  // namespace qixx
