@@ -1,0 +1,42 @@
+// Distinguished names (RFC 5280, 4.1.2.4) as text: writing them, walking them, matching them.
+//
+// A name is written as `type=value` pairs in the order of their encoding, separated by ",". The
+// type is a short name of the table below or else the dotted identifier. Values become UTF-8.
+// ',', '+' and '\' inside a value are preceded by '\', so that no value can pose as a component.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "der/der.h"
+
+namespace qixx {
+
+/// The dotted identifier of the e-mail attribute; it has no short name.
+inline constexpr std::string_view kEmailAttribute = "1.2.840.113549.1.9.1";
+
+/// "cn" for "2.5.4.3" and so on; empty when the identifier has no short name.
+[[nodiscard]] std::string_view ShortAttributeName(std::string_view dotted);
+/// The way back, in any letter case; empty when there is none.
+[[nodiscard]] std::string_view DottedAttributeName(std::string_view shortName);
+
+/// Writes the encoded name (its whole element) into `text`, terminated, and returns the length. A
+/// component that does not fit is left out with all that follow it; an attribute whose type cannot
+/// be read is passed over. Values may hold any character, zero included.
+std::size_t FormatName(Bytes name, std::span<char> text);
+
+/// Takes the next component off a formatted name. The value is that of the attribute, without
+/// escapes; it runs to the next unescaped ',' or '+' and loses one blank that stands before it.
+/// False at the end, and at a component without '='.
+bool NextNameComponent(std::string_view& rest, std::string& key, std::string& value);
+
+/// Whether an encoded name (also given as formatted `text`) passes a filter: alternatives separated
+/// by ';', the first that matches decides. "type=value" asks for an attribute of that short or
+/// dotted type with that very value; anything else must occur in the text. Letter case (of ASCII
+/// letters) is ignored, blanks around alternatives too. A filter that asks for nothing matches.
+[[nodiscard]] bool MatchName(Bytes name, std::string_view text, std::string_view filter);
+
+}  // namespace qixx
