@@ -1,0 +1,185 @@
+#include "softcard/entries.h"
+
+#include <chrono>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <thread>
+
+#include "softcard/faults.h"
+#include "softcard/module.h"
+
+namespace qixx::softcard {
+namespace {
+
+/// How often the folder is looked at while a thread waits for a slot event.
+constexpr std::chrono::milliseconds kPollInterval(100);
+/// How often C_Finalize looks whether the waiting threads have left.
+constexpr std::chrono::milliseconds kLeaveInterval(5);
+
+/// Never destroyed: a program may call the module from its own static destructors.
+struct Life {
+  std::mutex guard;          ///< for everything below and the function list
+  Module* module = nullptr;  ///< owned, from C_Initialize to C_Finalize
+  bool is_ending = false;    ///< C_Finalize waits for the threads in C_WaitForSlotEvent
+  unsigned waiting = 0;      ///< their number
+  bool is_list_filled = false;
+
+  [[nodiscard]] bool IsRunning() const { return module != nullptr && !is_ending; }
+};
+constinit Life life;
+
+/// Lets the other threads in for a while.
+void Pause(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time) {
+  lock.unlock();
+  std::this_thread::sleep_for(time);
+  lock.lock();
+}
+
+/// Any entry: the prescribed answer, or the operation with its exceptions turned into results.
+template <typename Operation>
+CK_RV Answer(const char* function, Operation operation) noexcept {
+  try {
+    if (const std::optional<CK_RV> fault = FaultOf(function)) return *fault;
+    return operation();
+  } catch (const std::bad_alloc&) {
+    return CKR_HOST_MEMORY;
+  } catch (...) {
+    return CKR_GENERAL_ERROR;
+  }
+}
+
+/// An entry that needs the running module, and has it for itself.
+template <typename Operation>
+CK_RV AnswerWithModule(const char* function, Operation operation) noexcept {
+  return Answer(function, [&operation]() -> CK_RV {
+    const std::lock_guard<std::mutex> lock(life.guard);
+    if (!life.IsRunning()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+    return operation(*life.module);
+  });
+}
+
+/// The module locks with the system's own means: it can do with these and with no others.
+CK_RV CheckInitArgs(CK_VOID_PTR init_args) {
+  if (init_args == nullptr) return CKR_OK;
+  const auto& args = *static_cast<const CK_C_INITIALIZE_ARGS*>(init_args);
+  const int given = (args.CreateMutex != nullptr) + (args.DestroyMutex != nullptr) +
+                    (args.LockMutex != nullptr) + (args.UnlockMutex != nullptr);
+  if (args.pReserved != nullptr || (given != 0 && given != 4)) return CKR_ARGUMENTS_BAD;
+  if (given == 4 && (args.flags & CKF_OS_LOCKING_OK) == 0) return CKR_CANT_LOCK;
+  return CKR_OK;
+}
+
+CK_RV Begin(CK_VOID_PTR init_args) {
+  if (const CK_RV fault = CheckInitArgs(init_args); fault != CKR_OK) return fault;
+  if (life.module != nullptr) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+  life.module = new Module(ThisVariant().suite);
+  return CKR_OK;
+}
+
+CK_RV End(std::unique_lock<std::mutex>& lock) {
+  if (!life.IsRunning()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  life.is_ending = true;
+  while (life.waiting != 0) Pause(lock, kLeaveInterval);
+  delete life.module;
+  life.module = nullptr;
+  life.is_ending = false;
+  return CKR_OK;
+}
+
+CK_RV AwaitSlotEvent(CK_FLAGS flags, CK_SLOT_ID& slot, std::unique_lock<std::mutex>& lock) {
+  if (!life.IsRunning()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  CK_RV result = life.module->TakeSlotEvent(slot);
+  while (result == CKR_NO_EVENT && (flags & CKF_DONT_BLOCK) == 0) {
+    ++life.waiting;
+    Pause(lock, kPollInterval);
+    --life.waiting;
+    result = life.is_ending ? CKR_CRYPTOKI_NOT_INITIALIZED : life.module->TakeSlotEvent(slot);
+  }
+  return result;
+}
+
+/// The standard's functions as the list has them. They are not exported under their own names: in a
+/// program with two modules the first one's would be called.
+struct GuardedEntries {
+#define SOFTCARD_ENTRY(name, parameters, arguments)                                             \
+  static CK_RV name parameters noexcept {                                                       \
+    return AnswerWithModule("C_" #name, [&](Module& module) { return module.name arguments; }); \
+  }
+  QIXX_CK_FUNCTIONS(SOFTCARD_ENTRY)
+#undef SOFTCARD_ENTRY
+};
+
+/// These four do not find a running module or do not keep it for themselves.
+struct Entries : GuardedEntries {
+  static CK_RV Initialize(CK_VOID_PTR init_args) noexcept {
+    return Answer("C_Initialize", [&] {
+      const std::lock_guard<std::mutex> lock(life.guard);
+      return Begin(init_args);
+    });
+  }
+
+  static CK_RV Finalize(CK_VOID_PTR reserved) noexcept {
+    return Answer("C_Finalize", [&]() -> CK_RV {
+      if (reserved != nullptr) return CKR_ARGUMENTS_BAD;
+      std::unique_lock<std::mutex> lock(life.guard);
+      return End(lock);
+    });
+  }
+
+  static CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot,
+                                CK_VOID_PTR reserved) noexcept {
+    return Answer("C_WaitForSlotEvent", [&]() -> CK_RV {
+      if (slot == nullptr || reserved != nullptr) return CKR_ARGUMENTS_BAD;
+      std::unique_lock<std::mutex> lock(life.guard);
+      return AwaitSlotEvent(flags, *slot, lock);
+    });
+  }
+
+  static CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept {
+    return softcard::GetFunctionList(list);
+  }
+};
+
+void FillList(CK_FUNCTION_LIST& list) {
+  list.version = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR};
+#define SOFTCARD_FILL(name, parameters, arguments) \
+  list.C_##name = IsOmitted("C_" #name) ? nullptr : &Entries::name;
+  QIXX_CK_FUNCTIONS(SOFTCARD_FILL)
+#undef SOFTCARD_FILL
+}
+
+}  // namespace
+
+CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept {
+  return Answer("C_GetFunctionList", [&]() -> CK_RV {
+    if (list == nullptr) return CKR_ARGUMENTS_BAD;
+    const std::lock_guard<std::mutex> lock(life.guard);
+    CK_FUNCTION_LIST* const own = ThisVariant().list;
+    if (!life.is_list_filled) FillList(*own);
+    life.is_list_filled = true;
+    *list = IsOmitted("C_GetFunctionList") ? nullptr : own;
+    return CKR_OK;
+  });
+}
+
+CK_RV Reinitialize(CK_VOID_PTR init_args) noexcept {
+  return Answer("C_Reinitialize", [&] {
+    std::unique_lock<std::mutex> lock(life.guard);
+    (void)End(lock);
+    return Begin(init_args);
+  });
+}
+
+CK_RV ListCards(CK_BYTE token_present, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept {
+  return AnswerWithModule("C_ListCards", [&](Module& module) {
+    return module.GetSlotList(token_present, static_cast<CK_SLOT_ID_PTR>(slots),
+                              static_cast<CK_ULONG_PTR>(count));
+  });
+}
+
+CK_RV RefuseExtension(const char* function) noexcept {
+  return Answer(function, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
+}
+
+}  // namespace qixx::softcard

@@ -1,0 +1,56 @@
+#include "softcard/faults.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "softcard/files.h"
+#include "softcard/readers.h"
+
+namespace qixx::softcard {
+namespace {
+
+std::vector<Setting> ReadOrders(const Descriptor& folder) {
+  if (!folder.IsOpen()) return {};
+  return ReadSettings(ReadSmallFile(folder.Get(), "module").value_or(""));
+}
+
+/// One write, so that the lines of two processes do not mix. A log that cannot be written is lost.
+void LogCall(const Descriptor& folder, std::string_view function) {
+  const Descriptor log(::openat(folder.Get(), "calls",
+                                O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                                0666));
+  if (!log.IsOpen()) return;
+  const std::string line = std::string(function) + "\n";
+  [[maybe_unused]] const ssize_t written = ::write(log.Get(), line.data(), line.size());
+}
+
+/// The value of "FUNCTION:VALUE" when it is about this function.
+std::optional<CK_RV> PrescribedFor(std::string_view function, std::string_view order) {
+  if (!order.starts_with(function) || !order.substr(function.size()).starts_with(':')) return {};
+  return ReadNumber(order.substr(function.size() + 1));
+}
+
+}  // namespace
+
+std::optional<CK_RV> FaultOf(std::string_view function) {
+  const Descriptor folder(OpenFolder(SoftcardFolder()));
+  std::optional<CK_RV> fault;
+  for (const Setting& order : ReadOrders(folder)) {
+    if (order.name == "log" && order.value == "1") LogCall(folder, function);
+    if (order.name == "fail" && !fault) fault = PrescribedFor(function, order.value);
+  }
+  return fault;
+}
+
+bool IsOmitted(std::string_view function) {
+  const Descriptor folder(OpenFolder(SoftcardFolder()));
+  for (const Setting& order : ReadOrders(folder)) {
+    if (order.name == "omit" && order.value == function) return true;
+  }
+  return false;
+}
+
+}  // namespace qixx::softcard
