@@ -1,0 +1,295 @@
+#include "watch/command.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "pkcs11/wrapper.h"
+#include "runtime/loader.h"
+#include "runtime/process.h"
+#include "runtime/sync.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+#include "watch/card_lock.h"
+#include "watch/credentials.h"
+#include "watch/options.h"
+#include "watch/set_command.h"
+#include "watch/terminate_list.h"
+
+namespace qixx {
+namespace {
+
+constexpr const char* kDocumentViewer = "/usr/bin/xdg-open";
+
+/// What a command runs with, beside its text.
+struct CommandContext {
+  CK_SLOT_ID slot;
+  bool insert;
+  std::uint64_t wait;
+  bool show;
+  bool terminate;
+
+  /// An event of a card always has a slot, so only a simulation inserts into none.
+  [[nodiscard]] bool IsSimulated() const { return insert && slot == 0; }
+};
+
+// --- programs ---------------------------------------------------------------------------------
+
+/// Starts a program and remembers it where the removal is to end it.
+bool StartTracked(const CommandContext& context, const char* program, const char* arguments) {
+  std::uint64_t processId = 0;
+  if (!StartCommandProcess(program, arguments, context.wait, context.show, processId)) return false;
+  if (processId != 0 && context.terminate) {
+    AddToTerminateList(context.insert, context.slot, processId);
+  }
+  return true;
+}
+
+bool RunProgram(const CommandContext& context, const char* line) {
+  return StartTracked(context, nullptr, line);
+}
+
+/// A program in quotes ends at the next quote and its arguments follow behind any blanks; any other
+/// ends at the first blank, right behind which its arguments begin.
+bool RunApplication(const CommandContext& context, const char* text) {
+  const std::string_view line(text);
+  const bool quoted = line.starts_with('"');
+  const std::string_view behindQuote = line.substr(quoted ? 1 : 0);
+  const std::size_t end = behindQuote.find(quoted ? '"' : ' ');
+  const std::string program(behindQuote.substr(0, end));
+  if (program.empty()) return false;
+
+  std::string_view rest =
+      end == std::string_view::npos ? std::string_view{} : behindQuote.substr(end + 1);
+  if (quoted) rest = SkipBlanks(rest);
+  return StartTracked(context, program.c_str(), std::string(rest).c_str());
+}
+
+/// Both document commands come to this; script mode has no effect on this platform.
+bool OpenDocument(const CommandContext& context, const char* text) {
+  std::string document(DropTrailingBlanks(SkipBlanks(text)));
+  // The launcher's quotes know no escape, so a quote cannot be part of the one argument.
+  std::erase(document, '"');
+  if (document.empty()) return true;
+  // The launcher takes the quotes off from four characters on.
+  if (document.size() > 1) document = '"' + document + '"';
+  LaunchProcess(kDocumentViewer, document.c_str(), kWaitNone, context.show, nullptr);
+  return true;
+}
+
+// --- commands on threads of their own ---------------------------------------------------------
+
+/// One "parallel " command. Its thread owns it from the moment that the thread runs.
+struct ParallelJob {
+  CommandContext context;
+  char text[kTextSize];
+};
+
+constinit std::atomic<unsigned> runningJobs{0};
+
+void* RunParallelJob(void* argument) {
+  ThreadDetachSelf();
+  std::unique_ptr<ParallelJob> job(static_cast<ParallelJob*>(argument));
+  TraceWrite("Watch - Thread execute command ...");
+  const CommandContext& context = job->context;
+  ExecuteCommand(context.slot, context.insert, job->text, context.wait, context.show,
+                 context.terminate);
+  job.reset();
+  TraceWrite("Watch - Thread execute command ... done");
+  runningJobs.fetch_sub(1, std::memory_order_release);
+  return nullptr;
+}
+
+bool RunParallel(const CommandContext& context, const char* text) {
+  std::unique_ptr<ParallelJob> job(new ParallelJob{context, {}});
+  if (!CopyTextIfFits(job->text, text)) return false;
+  runningJobs.fetch_add(1, std::memory_order_relaxed);
+  if (ThreadCreate(&RunParallelJob, job.get()) == 0) {
+    runningJobs.fetch_sub(1, std::memory_order_relaxed);
+    return false;
+  }
+  // The thread frees it.
+  static_cast<void>(job.release());
+  return true;
+}
+
+// --- libraries --------------------------------------------------------------------------------
+
+struct LibraryCloser {
+  void operator()(void* library) const { CloseLibrary(library); }
+};
+using OwnedLibrary = std::unique_ptr<void, LibraryCloser>;
+
+bool RunLoad(const CommandContext& /*context*/, const char* text) {
+  // The call cuts the text while it runs.
+  std::string copy(text);
+  return CallExternal(copy.data());
+}
+
+/// Entry point of an "extern " library: fills `answer` with "user name;domain" and returns
+/// non-zero.
+using ReadCommandEntry = int (*)(const char* reader, const char* arguments, char* answer, int size);
+
+/// The description of a slot without its padding, which is how libraries know the reader.
+bool ReadReaderName(CK_SLOT_ID slot, std::string& reader) {
+  CK_SLOT_INFO info{};
+  {
+    const CardScope card;
+    if (Pkcs11().GetSlotInfo(slot, &info) != CKR_OK) return false;
+  }
+  const std::span description(reinterpret_cast<const char*>(info.slotDescription),
+                              sizeof info.slotDescription);
+  reader = DropTrailingBlanks(TextOf(description));
+  return true;
+}
+
+void WriteAnswerField(const char* file, const char* name, std::string_view answer,
+                      std::size_t index) {
+  std::string_view field;
+  if (!GetField(answer, index, ';', field) || field.empty()) return;
+  std::string value(field);
+  CleanCardText(value);
+  SetConfigValue(file, name, value);
+}
+
+bool CallReadCommand(const std::string& path, const std::string& reader,
+                     const std::string& arguments) {
+  const OwnedLibrary library(OpenLibrary(path.c_str()));
+  if (library == nullptr) {
+    TraceWrite("Helper - Failed to load '%s'", path.c_str());
+    return false;
+  }
+  const auto read = reinterpret_cast<ReadCommandEntry>(FindSymbol(library.get(), "ReadCommand"));
+  char answer[kTextSize] = "";
+  if (read == nullptr ||
+      read(reader.c_str(), arguments.c_str(), answer, static_cast<int>(sizeof answer)) == 0) {
+    return false;
+  }
+  answer[sizeof answer - 1] = '\0';
+
+  char file[kTextSize] = "";
+  if (GetOptionValue(arguments, "-config", file) && file[0] != '\0') {
+    WriteAnswerField(file, "Username", answer, 0);
+    WriteAnswerField(file, "Domain", answer, 1);
+  }
+  // "-registry" names a place that this platform does not have.
+  return true;
+}
+
+bool AskLibrary(const CommandContext& context, std::string_view text) {
+  std::string reader;
+  if (context.IsSimulated() || !ReadReaderName(context.slot, reader)) return false;
+  const std::size_t comma = FindChar(text, ',');
+  if (comma == std::string_view::npos) return false;
+  return CallReadCommand(std::string(text.substr(0, comma)), reader,
+                         std::string(text.substr(comma + 1)));
+}
+
+bool RunExtern(const CommandContext& context, const char* text) {
+  TraceWrite("Helper - Extern command ...");
+  const bool success = AskLibrary(context, text);
+  TraceWrite("Helper - Extern command ... %s", success ? "OK" : "FAILED");
+  return success;
+}
+
+// --- keywords ---------------------------------------------------------------------------------
+
+bool RunSet(const CommandContext& context, const char* text) {
+  return SetCommand(context.slot, text, context.insert);
+}
+
+bool Succeed(const CommandContext& /*context*/, const char* /*text*/) {
+  return true;
+}
+bool Fail(const CommandContext& /*context*/, const char* /*text*/) {
+  return false;
+}
+
+struct Keyword {
+  std::string_view head;
+  bool removeOnly;
+  bool (*run)(const CommandContext& context, const char* text);
+};
+
+/// In the order in which they are tried. Registry commands and the means to close windows or end
+/// programs by name do nothing on this platform, with the results that lists of commands rely on.
+constexpr Keyword kKeywords[] = {
+    {"parallel ", false, RunParallel},
+    {"-l", true, Fail},
+    {"-r ", false, Succeed},
+    {"set ", false, RunSet},
+    {"script ", false, OpenDocument},
+    {"open ", false, OpenDocument},
+    {"close ", false, Fail},
+    {"kill ", false, Succeed},
+    {"load ", false, RunLoad},
+    {"extern ", false, RunExtern},
+    {"application ", false, RunApplication},
+};
+
+bool Dispatch(const CommandContext& context, const char* text) {
+  for (const Keyword& keyword : kKeywords) {
+    if (keyword.removeOnly && context.insert) continue;
+    if (StartsWithNoCase(text, keyword.head))
+      return keyword.run(context, text + keyword.head.size());
+  }
+  return RunProgram(context, text);
+}
+
+}  // namespace
+
+bool ExecuteCommand(CK_SLOT_ID slot, bool insert, const char* text, std::uint64_t wait, bool show,
+                    bool terminate) {
+  if (text == nullptr) text = "";
+  TraceWrite("Watch - Execute %s command: %s", insert ? "insert" : "remove",
+             MaskedText(text).Text());
+  try {
+    return Dispatch({slot, insert, wait, show, terminate}, text);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+bool StartCommandProcess(const char* program, const char* arguments, std::uint64_t /*wait*/,
+                         bool show, std::uint64_t& processId) {
+  char path[kTextSize] = "";
+  if (!CopyTextIfFits(path, ViewOf(program))) return false;
+  std::uint64_t started = 0;
+  const char* const executable = path[0] == '\0' ? nullptr : path;
+  if (LaunchProcess(executable, arguments, kWaitNone, show, &started) == 0) return false;
+  processId = started;
+  return true;
+}
+
+bool EndProcess(std::uint64_t processId) {
+  constexpr int kTests = 10;
+  constexpr useconds_t kPauseMicroseconds = 333000;
+  TraceWrite("Helper - End process %d", static_cast<int>(processId));
+  // 0 and negative ids would reach whole groups of processes.
+  if (processId == 0 || processId > INT_MAX) return false;
+  ::kill(static_cast<pid_t>(processId), SIGKILL);
+  for (int test = 1; test <= kTests; ++test) {
+    // A process first found gone at the last test still counts as a failure.
+    if (!IsProcessRunning(processId)) return test < kTests;
+    ::usleep(kPauseMicroseconds);
+  }
+  return false;
+}
+
+bool WaitForParallelJobs(unsigned milliseconds) {
+  constexpr unsigned kStepMilliseconds = 10;
+  unsigned waited = 0;
+  while (runningJobs.load(std::memory_order_acquire) != 0) {
+    if (waited >= milliseconds) return false;
+    ::usleep(kStepMilliseconds * 1000);
+    waited += kStepMilliseconds;
+  }
+  return true;
+}
+
+}  // namespace qixx

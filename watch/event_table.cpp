@@ -1,0 +1,275 @@
+#include "watch/event_table.h"
+
+#include <charconv>
+#include <limits>
+#include <string>
+
+#include "runtime/text.h"
+#include "runtime/trace.h"
+#include "watch/command.h"
+#include "watch/credentials.h"
+#include "watch/set_command.h"
+#include "watch/slot_loop.h"
+#include "watch/terminate_list.h"
+
+namespace qixx {
+namespace {
+
+constexpr std::size_t kEntryKeySize = 16;
+/// A wait is counted in steps of a third of a second.
+constexpr unsigned kStepMilliseconds = 333;
+constexpr std::uint64_t kStepsPerSecond = 3;
+
+/// The three sources of event commands.
+enum class CommandForm { kSection, kDirect, kKeyword };
+
+CommandForm FormOf(const CWatchOptions& record) {
+  const std::string_view rest = TextOf(record.rest);
+  if (rest.empty()) return CommandForm::kKeyword;
+  return EqualsNoCase(rest, "config") ? CommandForm::kSection : CommandForm::kDirect;
+}
+
+/// Reads entry `number` of an event section. A present but empty entry is read.
+bool ReadEventEntry(CConfig& config, const char* section, unsigned number, std::span<char> value,
+                    bool convert) {
+  char key[kEntryKeySize];
+  FormatEntryKey(number, key);
+  return ReadConfigText(config, section, key, value, convert);
+}
+
+bool HasFirstEntry(CConfig& config, std::string_view name, bool insert) {
+  char section[kEventSectionSize];
+  if (!BuildEventSection(insert, name, section)) return false;
+  char value[kRemoveEntrySize];
+  return ReadEventEntry(config, section, 1, value, false) && value[0] != '\0';
+}
+
+/// Runs one command text with the settings of the event.
+bool Execute(const CWatchOptions& record, CK_SLOT_ID slot, bool insert, const char* text) {
+  const std::uint64_t wait = insert ? record.insertWait : record.removeWait;
+  const bool hide = (insert ? record.hideInsert : record.hideRemove) != 0;
+  return ExecuteCommand(slot, insert, text, wait, !hide, record.terminate != 0);
+}
+
+// --- insert -----------------------------------------------------------------------------------
+
+bool InsertDirect(const CWatchOptions& record, CK_SLOT_ID slot) {
+  const char* text = record.rest;
+  if (StartsWithNoCase(text, "-r ")) return true;
+  if (text[0] == '~') ++text;
+  return Execute(record, slot, true, text);
+}
+
+bool InsertSection(const CWatchOptions& record, CK_SLOT_ID slot) {
+  char section[kEventSectionSize];
+  if (!BuildEventSection(true, TextOf(record.section), section)) return false;
+  if (!IsMatchingCardPresent(TextOf(record.match))) return false;
+  CConfig config;
+  if (!LoadProductConfiguration(config)) return false;
+
+  char text[kInsertEntrySize];
+  for (unsigned number = 1; ReadEventEntry(config, section, number, text, true); ++number) {
+    if (text[0] == '\0') continue;
+    ExpandLogonPlaceholders(TextOf(record.match), text);
+    // A failing command ends the list, but not the event's success.
+    if (!Execute(record, slot, true, text)) break;
+  }
+  return true;
+}
+
+bool InsertKeyword(CWatchOptions& record, CK_SLOT_ID slot) {
+  if (record.registry[0] != '\0' || record.configFile[0] != '\0') {
+    // The program starts whether or not the values could be written.
+    RunSetCommand(slot, TextOf(record.match), TextOf(record.registry), TextOf(record.configFile),
+                  true);
+  }
+  const bool show = record.hideInsert == 0;
+  std::uint64_t processId = 0;
+  if (!StartCommandProcess(record.program, record.arguments, record.insertWait, show, processId)) {
+    return false;
+  }
+  record.processId = processId;
+  TraceWrite("Watch - Process %d started", static_cast<int>(processId));
+  return true;
+}
+
+bool RunInsertCommands(CWatchOptions& record, CK_SLOT_ID slot) {
+  switch (FormOf(record)) {
+    case CommandForm::kDirect:
+      return InsertDirect(record, slot);
+    case CommandForm::kSection:
+      return InsertSection(record, slot);
+    case CommandForm::kKeyword:
+      return InsertKeyword(record, slot);
+  }
+  return false;
+}
+
+// --- remove -----------------------------------------------------------------------------------
+
+void EndKeywordProcess(CWatchOptions& record) {
+  if (record.terminate == 0 || record.processId == 0) return;
+  TraceWrite("Watch - Terminate process id %d", static_cast<int>(record.processId));
+  if (EndProcess(record.processId)) {
+    TraceWrite("Watch - Terminate process SUCCESS");
+  } else {
+    TraceWrite("Watch - Terminate process FAILED");
+  }
+  record.processId = 0;
+}
+
+// All commands run, whatever becomes of each: a removal has to leave everything locked and cleared.
+void RemoveSection(CConfig& config, const CWatchOptions& record, CK_SLOT_ID slot) {
+  char section[kEventSectionSize];
+  if (!BuildEventSection(false, TextOf(record.section), section)) return;
+  char text[kRemoveEntrySize];
+  for (unsigned number = 1; ReadEventEntry(config, section, number, text, true); ++number) {
+    if (text[0] != '\0') Execute(record, slot, false, text);
+  }
+}
+
+void RunRemoveCommands(CConfig& config, const CWatchOptions& record, CK_SLOT_ID slot) {
+  switch (FormOf(record)) {
+    case CommandForm::kDirect:
+      if (record.rest[0] != '~') Execute(record, slot, false, record.rest);
+      break;
+    case CommandForm::kSection:
+      RemoveSection(config, record, slot);
+      break;
+    case CommandForm::kKeyword:
+      if (record.configFile[0] != '\0') {
+        BackupOrRestoreConfigFile(record.configFile);
+        ClearLogonValues(record.configFile);
+      }
+      break;
+  }
+}
+
+// --- the wait in front of an event ------------------------------------------------------------
+
+/// A removal that has nothing but endings to do goes on only while there is something to end.
+bool MayRemove(CConfig& config, const CWatchOptions& record, CK_SLOT_ID slot) {
+  if (IsOrdinaryCommand(config, TextOf(record.section), TextOf(record.rest))) return true;
+  return record.terminate != 0 && IsSlotProcessRunning(slot);
+}
+
+bool MayInsert(const CWatchOptions& record) {
+  return record.match[0] == '\0' || IsCredentialStillPresent(record);
+}
+
+}  // namespace
+
+bool LoadProductConfiguration(CConfig& config) {
+  return config.OpenDefault(false) == kConfigOk && config.HasText();
+}
+
+bool BuildWatchSection(std::string_view name, std::span<char> out) {
+  constexpr std::string_view kDefault = "Watch";
+  constexpr std::string_view kPrefix = "Watch ";
+  if (out.empty()) return false;
+  out[0] = '\0';
+  if (name.size() + kPrefix.size() >= out.size()) return false;
+  std::string section(name == kDefault ? "" : kPrefix);
+  section += name;
+  return CopyTextIfFits(out, section);
+}
+
+bool BuildEventSection(bool insert, std::string_view name, std::span<char> out) {
+  const std::string_view suffix = insert ? " Insert" : " Remove";
+  if (out.empty()) return false;
+  out[0] = '\0';
+  if (name.size() + suffix.size() < out.size() &&
+      BuildWatchSection(name, out.first(out.size() - suffix.size()))) {
+    CopyTextCut(out.subspan(TextOf(out).size()), suffix);
+  }
+  TraceWrite("Watch - Configuration: '%s'", out.data());
+  return out[0] != '\0';
+}
+
+void FormatEntryKey(unsigned number, std::span<char> key) {
+  if (key.empty()) return;
+  char* const end = key.data() + key.size() - 1;
+  const auto [last, error] = std::to_chars(key.data(), end, number);
+  *(error == std::errc{} ? last : key.data()) = '\0';
+}
+
+bool HasEventCommands(const CWatchOptions& record) {
+  if (FormOf(record) != CommandForm::kSection) {
+    return record.rest[0] != '\0' || record.program[0] != '\0';
+  }
+  CConfig config;
+  if (!LoadProductConfiguration(config)) return false;
+  const bool onInsert = HasFirstEntry(config, TextOf(record.section), true);
+  const bool onRemove = HasFirstEntry(config, TextOf(record.section), false);
+  return onInsert || onRemove;
+}
+
+bool WaitBeforeEvent(const CWatchOptions& record, CK_SLOT_ID slot, bool insert) {
+  const std::uint64_t wait = insert ? record.insertWait : record.removeWait;
+  if (wait == 0) return true;
+  CConfig config;
+  // Without a configuration the remove section counts as having no ordinary command.
+  static_cast<void>(LoadProductConfiguration(config));
+
+  constexpr std::uint64_t kMaximum = std::numeric_limits<std::uint64_t>::max();
+  const std::uint64_t steps = wait > kMaximum / kStepsPerSecond ? kMaximum : wait * kStepsPerSecond;
+  for (std::uint64_t step = 0; step < steps; ++step) {
+    if (!(insert ? MayInsert(record) : MayRemove(config, record, slot))) return false;
+    EventHook(record, insert);
+    if (!WatchSleep(kStepMilliseconds)) return false;
+  }
+  return true;
+}
+
+bool IsOrdinaryCommand(CConfig& config, std::string_view name, std::string_view text) {
+  if (StartsWithNoCase(text, "config")) return HasOrdinaryRemoveCommand(config, name, false);
+  return !StartsWithNoCase(text, "close ") && !StartsWithNoCase(text, "kill ");
+}
+
+bool HasOrdinaryRemoveCommand(CConfig& config, std::string_view name, bool insert) {
+  char section[kEventSectionSize];
+  if (!BuildEventSection(insert, name, section)) return false;
+  char text[kRemoveEntrySize];
+  for (unsigned number = 1; ReadEventEntry(config, section, number, text, false); ++number) {
+    // In the remove section such an entry would only send the scan back to its own start.
+    if (!insert && StartsWithNoCase(text, "config")) continue;
+    if (IsOrdinaryCommand(config, name, text)) return true;
+  }
+  return false;
+}
+
+bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot) {
+  TraceWrite("Watch - Inserted event ...");
+  if (!WaitBeforeEvent(record, slot, true)) {
+    TraceWrite("Watch - Inserted event ... %s", "FAILED");
+    return false;
+  }
+  EventHook(record, true);
+  const bool success = RunInsertCommands(record, slot);
+  SweepTerminateList(true, slot);
+  EventHook(record, true);
+  TraceWrite("Watch - Inserted event ... %s", success ? "OK" : "FAILED");
+  return success;
+}
+
+void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot) {
+  TraceWrite("Watch - Remove event ...");
+  {
+    CConfig config;
+    // A configuration that does not load has no entries, so it runs no remove commands.
+    static_cast<void>(LoadProductConfiguration(config));
+    if (WaitBeforeEvent(record, slot, false)) {
+      EventHook(record, false);
+      EndKeywordProcess(record);
+      RunRemoveCommands(config, record, slot);
+    }
+    EventHook(record, false);
+  }
+  // Also behind a wait that said no: what the insert started does not outlive the card.
+  SweepTerminateList(false, slot);
+  TraceWrite("Watch - Remove event ... done");
+}
+
+void EventHook(const CWatchOptions& /*record*/, bool /*insert*/) {}
+
+}  // namespace qixx

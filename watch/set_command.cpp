@@ -1,0 +1,253 @@
+#include "watch/set_command.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <initializer_list>
+#include <memory>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "config/store.h"
+#include "runtime/files.h"
+#include "runtime/sync.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+#include "watch/credentials.h"
+#include "watch/options.h"
+
+namespace qixx {
+namespace {
+
+/// What a configuration file's name gets for its saved copy.
+constexpr const char* kSavedCopySuffix = ".org";
+
+/// Reading, changing and writing a file is one step. Never destroyed, like all that a command on a
+/// thread of its own may use while the process ends.
+CCritical& FileLock() {
+  static CCritical* const lock = new CCritical;
+  return *lock;
+}
+
+struct FreeDeleter {
+  void operator()(char* memory) const { std::free(memory); }
+};
+
+/// The file behind symbolic links: it is the one to replace, and the link stays. A path that leads
+/// nowhere yet is its own answer.
+std::string ResolveLinks(const std::string& path) {
+  const std::unique_ptr<char, FreeDeleter> resolved(::realpath(path.c_str(), nullptr));
+  return resolved == nullptr ? path : std::string(resolved.get());
+}
+
+// --- placeholders in a file's text ------------------------------------------------------------
+
+/// Replaces every occurrence of `name` in one pass over the text. Gives up once the result is
+/// longer than `limit`.
+std::string Replaced(std::string_view text, std::string_view name, std::string_view value,
+                     bool anyCase, std::size_t limit) {
+  if (name.empty()) return std::string(text);
+  // A value that brings no beginning of the name along, or makes the text shorter, uses the
+  // occurrences up, so those that come about around it may count as well.
+  const bool again =
+      value.find(name.front()) == std::string_view::npos || value.size() < name.size();
+  std::string result;
+  std::string pending;      // to be read in front of the rest of the text, last character first
+  std::size_t settled = 0;  // what no occurrence may reach back into
+  const auto endsInName = [&] {
+    if (result.size() < settled + name.size()) return false;
+    const std::string_view tail = std::string_view(result).substr(result.size() - name.size());
+    return anyCase ? EqualsNoCase(tail, name) : tail == name;
+  };
+  for (std::size_t next = 0; next < text.size() && result.size() <= limit; ++next) {
+    pending.push_back(text[next]);
+    while (!pending.empty()) {
+      result.push_back(pending.back());
+      pending.pop_back();
+      if (!endsInName()) continue;
+      result.resize(result.size() - name.size());
+      if (again) {
+        pending.append(value.rbegin(), value.rend());
+      } else {
+        result.append(value);
+        settled = result.size();
+      }
+    }
+  }
+  return result;
+}
+
+/// Replaces a placeholder in the text of the file. A file that cannot be read, or does not hold the
+/// placeholder, is left alone.
+void SetPlaceholder(const char* file, std::string_view name, std::string_view value) {
+  std::uint8_t* data = nullptr;
+  const std::size_t length = ReadWholeFile(file, data);
+  const std::unique_ptr<std::uint8_t[]> owned(data);
+  if (length == 0) return;
+
+  const std::string_view before(reinterpret_cast<const char*>(data), length);
+  // The keys of a subject are written in either case, by certificates and by administrators.
+  const bool anyCase = StartsWithNoCase(name, "%OID.");
+  const std::string after = Replaced(before, name, value, anyCase, kMaximumFileSize);
+  if (after == before || after.size() > kMaximumFileSize) return;
+  const std::span bytes(reinterpret_cast<const std::uint8_t*>(after.data()), after.size());
+  // A failure leaves the old text whole, and there is nobody to tell.
+  static_cast<void>(WriteWholeFileSafely(bytes, ResolveLinks(file).c_str()));
+}
+
+// --- configuration keys -----------------------------------------------------------------------
+
+struct Entry {
+  std::string section;
+  std::string key;
+  bool operator==(const Entry&) const = default;
+};
+
+/// The entries that `name` means: all of that name as they are spelled, else a new one in the
+/// section of the first entry, none in a file without any.
+std::vector<Entry> FindEntries(CConfig& config, std::string_view name) {
+  std::vector<Entry> found;
+  std::string firstSection;
+  bool hasSection = false;
+  char section[kTextSize];
+  char key[kTextSize];
+  for (std::size_t index = 0; config.EnumEntries(section, key, index) == kConfigOk;) {
+    if (!std::exchange(hasSection, true)) firstSection = section;
+    if (!EqualsNoCase(key, name)) continue;
+    Entry entry{section, key};
+    if (std::find(found.begin(), found.end(), entry) == found.end()) {
+      found.push_back(std::move(entry));
+    }
+  }
+  if (found.empty() && hasSection) found.push_back({firstSection, std::string(name)});
+  return found;
+}
+
+void SetKey(const char* file, std::string_view name, std::string_view value) {
+  // Opening a missing file for writing would make an empty one.
+  if (!PathExists(file)) return;
+  CConfig config;
+  if (config.OpenItem(true, file) != kConfigOk) return;
+  const std::string text(value);
+  for (const Entry& entry : FindEntries(config, name)) {
+    config.SetString(entry.section.c_str(), entry.key.c_str(), text.c_str(), true);
+  }
+  config.Close(true);
+}
+
+// --- the set command --------------------------------------------------------------------------
+
+/// The options of a set command, each empty when it is absent.
+struct SetOptions {
+  char match[kTextSize] = "";
+  char registry[kTextSize] = "";
+  char config[kTextSize] = "";
+
+  explicit SetOptions(std::string_view text) {
+    GetOptionValue(text, "-match", match);
+    GetOptionValue(text, "-registry", registry);
+    GetOptionValue(text, "-config", config);
+  }
+};
+
+/// Writes a value under all of its names; an absent value leaves the file's own.
+void WriteIfPresent(const char* file, std::initializer_list<std::string_view> names,
+                    std::string_view value) {
+  if (value.empty()) return;
+  for (const std::string_view name : names) SetConfigValue(file, name, value);
+}
+
+void WriteLogonValues(const char* file, const LogonValues& values) {
+  BackupOrRestoreConfigFile(file);
+  const LogonName name = SplitPrincipalName(TextOf(values.upn));
+  WriteIfPresent(file, {"Username", "%USERNAME%"}, name.user);
+  WriteIfPresent(file, {"Domain", "%DOMAIN%"}, name.domain);
+  WriteIfPresent(file, {"%SERIALNUMBER%"}, TextOf(values.serial));
+  WriteIfPresent(file, {"%SUBJECT%"}, TextOf(values.subject));
+  for (const SubjectPlaceholder& placeholder : SubjectPlaceholders(TextOf(values.subject))) {
+    SetConfigValue(file, placeholder.name, placeholder.value);
+  }
+}
+
+bool SetOnInsert(CK_SLOT_ID slot, const SetOptions& options) {
+  if (slot == 0) return false;
+  LogonValues values;
+  std::uint64_t certificate = slot;
+  if (!FindLogonCredential(TextOf(options.match), certificate, values.upn, values.subject,
+                           values.serial)) {
+    return false;
+  }
+  TraceWrite("Watch - Logon credential: '%s'", values.upn);
+  TraceWrite("Watch - Logon subject:    '%s'", values.subject);
+  if (options.config[0] == '\0') return options.registry[0] != '\0';
+  const CriticalScope hold(&FileLock());
+  WriteLogonValues(options.config, values);
+  return true;
+}
+
+bool SetOnRemove(const SetOptions& options) {
+  if (options.config[0] == '\0') return options.registry[0] != '\0';
+  ClearLogonValues(options.config);
+  return true;
+}
+
+void AppendOption(std::string& text, std::string_view option, std::string_view value) {
+  if (value.empty()) return;
+  text.append(option).append(" \"").append(value).append("\" ");
+}
+
+}  // namespace
+
+void ReplaceAll(std::string& text, std::string_view name, std::string_view value) {
+  text = Replaced(text, name, value, false, std::string::npos);
+}
+
+void SetConfigValue(const char* file, std::string_view name, std::string_view value) {
+  if (ViewOf(file).empty() || name.empty()) return;
+  const CriticalScope hold(&FileLock());
+  try {
+    if (name.starts_with('%')) {
+      SetPlaceholder(file, name, value);
+    } else {
+      SetKey(file, name, value);
+    }
+  } catch (const std::exception&) {
+    // Out of memory, or a text beyond all lengths: the file stays as it is.
+  }
+}
+
+void ClearLogonValues(const char* file) {
+  const CriticalScope hold(&FileLock());
+  for (const char* name : {"Username", "Domain", "%SUBJECT%", "%SERIALNUMBER%"}) {
+    SetConfigValue(file, name, "");
+  }
+}
+
+bool BackupOrRestoreConfigFile(const char* file) {
+  if (ViewOf(file).empty()) return false;
+  const CriticalScope hold(&FileLock());
+  const std::string saved = std::string(file) + kSavedCopySuffix;
+  if (!PathExists(saved.c_str())) return CopyFileSafely(file, saved.c_str());
+  return CopyFileSafely(saved.c_str(), ResolveLinks(file).c_str());
+}
+
+bool SetCommand(CK_SLOT_ID slot, std::string_view text, bool insert) {
+  TraceWrite("Watch - Set command ...");
+  const SetOptions options(text);
+  const bool success = insert ? SetOnInsert(slot, options) : SetOnRemove(options);
+  TraceWrite("Watch - Set command ... %s", success ? "OK" : "FAILED");
+  return success;
+}
+
+bool RunSetCommand(CK_SLOT_ID slot, std::string_view match, std::string_view registry,
+                   std::string_view configFile, bool insert) {
+  std::string text;
+  AppendOption(text, "-match", match);
+  AppendOption(text, "-registry", registry);
+  AppendOption(text, "-config", configFile);
+  return !text.empty() && SetCommand(slot, text, insert);
+}
+
+}  // namespace qixx

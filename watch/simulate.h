@@ -1,0 +1,11 @@
+// Running one event section once, without a card.
+#pragma once
+
+#include "watch/options.h"
+
+namespace qixx {
+
+/// Runs the event section that the record's `simulate` names. Returns 0.
+int SimulateEvent(const CWatchOptions& record);
+
+}  // namespace qixx

@@ -1,0 +1,82 @@
+#include "watch/terminate_list.h"
+
+#include <array>
+
+#include "runtime/process.h"
+#include "runtime/sync.h"
+#include "runtime/trace.h"
+#include "watch/command.h"
+
+namespace qixx {
+namespace {
+
+struct TerminateEntry {
+  std::uint64_t slot = 0;
+  std::uint8_t startedOnInsert = 0;
+  std::uint64_t processId = 0;  ///< 0 marks a free entry
+
+  [[nodiscard]] bool IsFree() const { return processId == 0; }
+};
+
+struct TerminateList {
+  CCritical lock;
+  std::array<TerminateEntry, kTerminateListSize> entries;
+};
+
+// Never destroyed: a command on a thread of its own may reach it while the process ends.
+TerminateList& List() {
+  static TerminateList* const list = new TerminateList;
+  return *list;
+}
+
+void DropIfExited(TerminateEntry& entry) {
+  if (entry.IsFree() || IsProcessRunning(entry.processId)) return;
+  TraceWrite("Watch - Process %d exited", static_cast<int>(entry.processId));
+  entry = TerminateEntry{};
+}
+
+// The entry is given up also when its process does not end: there is nothing more to do about it.
+void Terminate(TerminateEntry& entry) {
+  TraceWrite("Watch - Terminate process %d", static_cast<int>(entry.processId));
+  EndProcess(entry.processId);
+  entry = TerminateEntry{};
+}
+
+}  // namespace
+
+void AddToTerminateList(bool insert, CK_SLOT_ID slot, std::uint64_t processId) {
+  if (!insert || processId == 0) return;
+  TerminateList& list = List();
+  const CriticalScope hold(&list.lock);
+  for (TerminateEntry& entry : list.entries) {
+    if (!entry.IsFree()) continue;
+    entry = {slot, 1, processId};
+    TraceWrite("Watch - Insert %d to terminate list (%d)", static_cast<int>(processId),
+               static_cast<int>(slot));
+    return;
+  }
+}
+
+void SweepTerminateList(bool insert, CK_SLOT_ID slot) {
+  TerminateList& list = List();
+  const CriticalScope hold(&list.lock);
+  for (TerminateEntry& entry : list.entries) {
+    DropIfExited(entry);
+    if (entry.IsFree() || entry.slot != slot) continue;
+    // An event ends what its counterpart started.
+    if ((entry.startedOnInsert != 0) != insert) Terminate(entry);
+  }
+}
+
+bool IsSlotProcessRunning(CK_SLOT_ID slot) {
+  TerminateList& list = List();
+  const CriticalScope hold(&list.lock);
+  bool running = false;
+  for (TerminateEntry& entry : list.entries) {
+    DropIfExited(entry);
+    if (!entry.IsFree() && entry.slot == slot) running = true;
+  }
+  return running;
+}
+
+}  // namespace qixx
