@@ -1,0 +1,33 @@
+// Placeholders in a command text: five lines are the values of a card, the rest is the text.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "fuzz/fuzz.h"
+#include "runtime/text.h"
+#include "watch/credentials.h"
+#include "watch/event_table.h"
+#include "watch/set_command.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace qixx;
+  fuzzing::Input input(data, size);
+  LogonValues values;
+  CopyTextCut(values.upn, input.Line());
+  CopyTextCut(values.subject, input.Line());
+  CopyTextCut(values.serial, input.Line());
+  const std::string name = input.Line();
+  const std::string value = input.Line();
+
+  for (const std::size_t area : {kInsertEntrySize, kRemoveEntrySize, std::size_t{1}}) {
+    std::string text(area, '\0');
+    CopyTextCut(text, input.Rest());
+    ReplaceLogonPlaceholders(values, text);
+    if (std::memchr(text.data(), 0, text.size()) == nullptr) std::abort();
+  }
+  std::string text = input.Rest();
+  ReplaceAll(text, name, value);
+  CleanCardText(text);
+  if (text.find_first_of("\"\n\r\t") != std::string::npos) std::abort();
+  return 0;
+}
