@@ -1,0 +1,72 @@
+// The codecs over 1 MiB, beside one memcpy of their input and output.
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "runtime/text.h"
+
+namespace qixx {
+namespace {
+
+constexpr std::size_t kMebibyte = 1024 * 1024;
+
+std::vector<std::uint8_t> Data() {
+  std::vector<std::uint8_t> data(kMebibyte);
+  std::uint32_t value = 1;
+  for (std::uint8_t& byte : data) {
+    value = value * 1664525 + 1013904223;
+    byte = static_cast<std::uint8_t>(value >> 24);
+  }
+  return data;
+}
+
+/// One pass over as many bytes as a codec reads and writes; `range` is their sum in KiB.
+void CopyPass(benchmark::State& state) {
+  const std::vector<char> from(static_cast<std::size_t>(state.range(0)) * 1024 / 2, 'x');
+  std::vector<char> to(from.size());
+  for (auto _ : state) {
+    std::memcpy(to.data(), from.data(), from.size());
+    benchmark::DoNotOptimize(to.data());
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(CopyPass)->Name("CodecBareHex")->Arg(3072);
+BENCHMARK(CopyPass)->Name("CodecBareBase64")->Arg(2390);
+
+void HexEncodeMebibyte(benchmark::State& state) {
+  const std::vector<std::uint8_t> data = Data();
+  std::vector<char> text(2 * kMebibyte + 1);
+  for (auto _ : state) benchmark::DoNotOptimize(HexEncode(data, text));
+}
+BENCHMARK(HexEncodeMebibyte);
+
+void HexDecodeMebibyte(benchmark::State& state) {
+  std::vector<std::uint8_t> data = Data();
+  std::vector<char> text(2 * kMebibyte + 1);
+  const int length = HexEncode(data, text);
+  const std::string_view view(text.data(), static_cast<std::size_t>(length));
+  for (auto _ : state) benchmark::DoNotOptimize(HexDecode(view, data));
+}
+BENCHMARK(HexDecodeMebibyte);
+
+void Base64EncodeMebibyte(benchmark::State& state) {
+  const std::vector<std::uint8_t> data = Data();
+  std::vector<char> text(2 * kMebibyte);
+  for (auto _ : state) benchmark::DoNotOptimize(Base64Encode(text, data));
+}
+BENCHMARK(Base64EncodeMebibyte);
+
+void Base64DecodeMebibyte(benchmark::State& state) {
+  std::vector<std::uint8_t> data = Data();
+  std::vector<char> text(2 * kMebibyte);
+  const int length = Base64Encode(text, data);
+  const std::string_view view(text.data(), static_cast<std::size_t>(length));
+  for (auto _ : state) benchmark::DoNotOptimize(Base64Decode(data, view));
+}
+BENCHMARK(Base64DecodeMebibyte);
+
+}  // namespace
+}  // namespace qixx
