@@ -162,22 +162,39 @@ bool JoinIfFits(std::span<char> area, std::string_view first, std::string_view s
   return true;
 }
 
-/// Puts a new file in the place of `path`, with the permissions and, where that is allowed, the
-/// owner in `status`. It has another name until `write` has filled it and all of it is on the disk.
+/// Whether a copy may take the place of `path`. An old file lends its permissions and its owner to
+/// `status`; one that may not be written stays, although its directory would let it be replaced.
+bool MayReplace(const char* path, struct stat& status) {
+  struct stat old {};
+  if (::lstat(path, &old) != 0 || S_ISLNK(old.st_mode)) return true;
+  return S_ISREG(old.st_mode) && OpenRegular(path, O_WRONLY, status).IsOpen();
+}
+
+/// Gives a new file the permissions and, where that is allowed, the owner and the group in
+/// `status`. A process without privileges cannot give a file away, but to any group of its own.
+/// Another group than the old one gets no more than everybody has.
+bool TakeOver(const Descriptor& file, const struct stat& status) {
+  constexpr auto kUnchanged = static_cast<uid_t>(-1);
+  constexpr mode_t kGroup = S_IRWXG;
+  mode_t mode = status.st_mode & kPermissions;
+  if (::fchown(file.Get(), status.st_uid, status.st_gid) != 0 &&
+      ::fchown(file.Get(), kUnchanged, status.st_gid) != 0) {
+    mode &= ~kGroup | (mode & S_IRWXO) << 3;
+  }
+  return ::fchmod(file.Get(), mode) == 0;
+}
+
+/// Puts a new file in the place of `path`, with permissions and owner as TakeOver gives them. It
+/// has another name until `write` has filled it and all of it is on the disk.
 template <typename Write>
 bool ReplaceFile(const char* path, const struct stat& status, Write write) {
   constexpr std::string_view kPattern = ".XXXXXX";
   char name[PATH_MAX];
   if (ViewOf(path).empty() || !JoinIfFits(name, path, kPattern)) return false;
-  struct stat old {};
-  const bool present = ::lstat(path, &old) == 0;
-  if (present && !S_ISREG(old.st_mode) && !S_ISLNK(old.st_mode)) return false;
   Descriptor to(::mkostemp(name, O_CLOEXEC));
   if (!to.IsOpen()) return false;
-  // Only a privileged process may give the file away; for all others the owner is right already.
-  [[maybe_unused]] const int given = ::fchown(to.Get(), status.st_uid, status.st_gid);
-  const bool complete = write(to) && ::fchmod(to.Get(), status.st_mode & kPermissions) == 0 &&
-                        ::fsync(to.Get()) == 0 && to.Close() && ::rename(name, path) == 0;
+  const bool complete = write(to) && TakeOver(to, status) && ::fsync(to.Get()) == 0 && to.Close() &&
+                        ::rename(name, path) == 0;
   if (!complete) ::unlink(name);
   return complete;
 }
@@ -294,8 +311,8 @@ bool ReadDistributionName(std::span<char> area) {
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
     text.remove_suffix(1);
   }
-  text = CutAtSecondDot(text);
-  return !text.empty() && CopyTextIfFits(area, text);
+  // A text that does not fit as a whole is no name, even if it would once it is cut.
+  return !text.empty() && text.size() < area.size() && CopyTextIfFits(area, CutAtSecondDot(text));
 }
 
 bool ReadKernelName(std::span<char> area) {
@@ -370,9 +387,9 @@ bool CopyFile(const char* source, const char* destination) {
 bool CopyFileSafely(const char* source, const char* destination) {
   struct stat status {};
   const Descriptor from = OpenRegular(source, O_RDONLY, status);
-  return from.IsOpen() && ReplaceFile(destination, status, [&from](const Descriptor& to) {
-           return CopyContent(from, to);
-         });
+  return from.IsOpen() && MayReplace(destination, status) &&
+         ReplaceFile(destination, status,
+                     [&from](const Descriptor& to) { return CopyContent(from, to); });
 }
 
 bool PathExists(const char* path) {

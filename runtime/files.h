@@ -1,8 +1,9 @@
 // Product identity, paths and files.
 //
-// Texts go into caller-owned areas; a result that does not fit is dropped, never cut. Every failure
-// is a result (false, 0 or an empty text). All operations may be called from any thread once
-// InitProductIdentity and the first GetCallingApplication have run.
+// Texts go into caller-owned areas, and what is too long for its area is dropped, never cut.
+// Nothing is thrown; a failure shows in what is returned (false, 0, an empty text). All operations
+// may be called from any thread once InitProductIdentity, the first GetCallingApplication and, for
+// ExpandPath, the first InstallDirectory have run.
 #pragma once
 
 #include <cstddef>
@@ -29,7 +30,8 @@ void InitProductIdentity();
 /// "TEMP", else "TMP", else "/tmp/" when it exists; ends in '/'. A variable that does not fit leads
 /// to "/tmp/" as well. Returns the length, 0 for none.
 std::size_t GetTempDirectory(std::span<char> area);
-/// A file name of this process in the temporary directory; false when it does not fit.
+/// A file name of this process in the temporary directory; false when there is no such directory
+/// or the area is too small, and then the area is left alone.
 [[nodiscard]] bool MakeTempFileName(const char* name, std::span<char> area);
 /// Makes every directory of `path` that ends in '/', with mode 0700. Existing ones are no error.
 bool CreatePath(const char* path);
@@ -37,12 +39,13 @@ bool DeleteFile(const char* path);
 /// Copies the content alone. True when both files could be opened and all was copied; no
 /// destination is made for a missing source. Both must be regular files.
 [[nodiscard]] bool CopyFile(const char* source, const char* destination);
-/// Makes `destination` a copy of a regular file with its permissions and, where that is allowed,
-/// its owner. The copy is written under another name beside the destination and takes its name when
-/// complete: whatever fails or dies on the way, the old destination stays whole. A destination
-/// that is a link is replaced, not followed; a device or a pipe is left alone.
+/// Makes `destination` a copy of a regular file. A new destination gets the permissions of the
+/// source, an old one keeps its own; so it is with owner and group where the system allows it. The
+/// copy is written under another name beside the destination and takes its name when complete:
+/// whatever fails or dies on the way, the old destination stays whole. A destination that is a link
+/// is replaced, not followed; a device, a pipe and a file that may not be written are left alone.
 [[nodiscard]] bool CopyFileSafely(const char* source, const char* destination);
-/// A trailing '/' is dropped before the test, except from "/" itself.
+/// "/tmp/" is tested as "/tmp", "/" as it stands. False for an empty path.
 [[nodiscard]] bool PathExists(const char* path);
 /// 0 for everything but a readable regular file.
 [[nodiscard]] std::size_t GetFileSize(const char* path);
@@ -69,18 +72,18 @@ std::size_t ReadWholeFile(const char* path, std::uint8_t*& data);
 /// dies on the way, it holds all of the old content or all of the new.
 [[nodiscard]] bool WriteWholeFileSafely(std::span<const std::uint8_t> data, const char* path);
 
-/// The path of the running program as it was started (argv[0], not resolved).
+/// How this program was called: argv[0], not resolved.
 bool GetCallingApplication(std::span<char> area);
-/// The calling application up to and including its last '/'; false and empty when it has none.
+/// The directory part of the calling application, with its '/'; false and empty without one.
 bool GetCurrentDirectory(std::span<char> area);
 
 /// Replaces "%Current%" and "%InstallLocation%" (as written here or in capitals) in a configured
 /// path and collapses doubled slashes and backslashes; a text with "://" is left alone. With
-/// `prefixInstall` a text without '/' gets the installation directory in front, if the whole fits.
+/// `prefixInstall` a bare name is put behind the installation directory, where there is room.
 /// True when the text is not empty.
 bool ExpandPath(std::span<char> text, bool prefixInstall = true);
 /// Replaces %NAME% by environment variables, at most 256 times. Each search starts from the front,
-/// so a value is expanded again; "%%" is removed. True when at least one replacement was made.
+/// so a value is expanded again; "%%" is removed. False when nothing was replaced.
 bool ExpandEnvironment(std::span<char> text);
 
 /// Short name of the operating system; false when even "Unknown" does not fit.

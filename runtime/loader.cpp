@@ -12,6 +12,7 @@
 
 #include "runtime/files.h"
 #include "runtime/settings.h"
+#include "runtime/sync.h"
 #include "runtime/trace.h"
 
 namespace qixx {
@@ -20,11 +21,16 @@ namespace {
 constexpr const char* kDefaultDirectory = "/usr/lib/";
 constexpr const char* kAdminEntry = "EntryAdmin";
 
-/// Empty while not known. Filled from the start-up thread, so neither needs a lock.
+/// Empty while not known.
 constinit char installDirectory[kTextSize] = "";
 constinit char libraryDirectory[kTextSize] = "";
-/// The configuration may ask for the directory while it is asked for the directory.
-constinit bool readingInstallDirectory = false;
+
+/// Held while a directory is filled: a command on a thread of its own may be the first to ask.
+/// Never destroyed, because such a thread may outlive the static destructors.
+CCritical& DirectoryLock() {
+  static CCritical* const lock = new CCritical;
+  return *lock;
+}
 
 /// Stands for a load that was tried and failed.
 LibraryHandle FailedHandle() {
@@ -140,20 +146,18 @@ void* FindSymbol(LibraryHandle library, const char* symbol) {
 }
 
 const char* InstallDirectory() {
+  const CriticalScope hold(&DirectoryLock());
   if (installDirectory[0] != '\0') return installDirectory;
   RuntimeSettings* const settings = GetRuntimeSettings();
-  if (settings == nullptr || ViewOf(Product().prefix).empty() || readingInstallDirectory) {
-    return kDefaultDirectory;
-  }
+  if (settings == nullptr || ViewOf(Product().prefix).empty()) return kDefaultDirectory;
   char directory[kTextSize] = "";
-  readingInstallDirectory = true;
   ReadInstallDirectory(*settings, directory);
-  readingInstallDirectory = false;
   CopyTextCut(installDirectory, TextOf(directory));
   return installDirectory;
 }
 
 const char* LibraryDirectory() {
+  const CriticalScope hold(&DirectoryLock());
   if (libraryDirectory[0] == '\0') SetLibraryDirectory(nullptr);
   return libraryDirectory;
 }

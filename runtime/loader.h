@@ -1,8 +1,8 @@
 // Finding and calling shared libraries at run time.
 //
-// Every open uses immediate binding and global symbol visibility. An empty name or path is refused
-// everywhere, because the platform's loader would answer it with the program itself. The directory
-// caches are filled on first use from the start-up thread; there is no locking here.
+// Symbols are bound at once and visible to all libraries. No open accepts an empty name, because
+// the platform's loader would answer it with the program itself. All functions may be called from
+// any thread; a CLibrary belongs to one at a time.
 #pragma once
 
 #include <cstddef>
@@ -22,8 +22,8 @@ using ExternalEntry = int (*)(int zero, LibraryHandle library, const char* argum
 /// Opens exactly `path`, without search. Null on failure.
 [[nodiscard]] LibraryHandle OpenLibrary(const char* path);
 /// Opens the name as given, in the installation directory, in the library directory; the first
-/// success counts. `path` (may be empty) receives the full name that was opened, cut to its size;
-/// it is left alone on failure.
+/// success counts. `path` (may be empty) tells which of these it was, cut to its size; it is left
+/// alone on failure.
 [[nodiscard]] LibraryHandle LoadLibrarySearch(const char* name, std::span<char> path);
 void CloseLibrary(LibraryHandle library);
 [[nodiscard]] void* FindSymbol(LibraryHandle library, const char* symbol);
@@ -49,7 +49,7 @@ class CLibrary {
   /// Tries once; after a failure returns false without another try until Unload. True while a
   /// library is open.
   virtual bool Load(const char* name);
-  /// The library named by the product prefix, "x", the component and ".so".
+  /// The same for a part of the product: "adm" stands for "qixxadm.so".
   virtual bool LoadComponent(const char* component);
   virtual void Unload();
   /// True as soon as a load was tried, deliberately also after a failed one.
@@ -72,7 +72,8 @@ class CLibrary {
 /// at work and whole again when this returns. No search for the library. True when the function was
 /// called.
 bool CallExternal(char* text);
-/// Calls "EntryAdmin" of the product's main library. Returns its result, -1 when there is none.
+/// Hands the arguments to the main library's "EntryAdmin". Returns its result, -1 when there is
+/// none.
 int CallAdminEntry(const char* arguments);
 
 }  // namespace qixx

@@ -170,17 +170,20 @@ void TraceArguments(const ArgumentVector& shown) {
 void RedirectOutput(const char* file) {
   int output = ::open(file, O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY, kOutputMode);
   if (output < 0) output = ::open("/dev/null", O_WRONLY);
-  if (output >= 0 && output != STDOUT_FILENO) ::dup2(output, STDOUT_FILENO);
+  if (output < 0 || output == STDOUT_FILENO) return;
+  ::dup2(output, STDOUT_FILENO);
+  if (output > STDERR_FILENO) ::close(output);
 }
 
 /// Gives the program the signals of a fresh process. What the service's own caller had switched off
-/// (SIGHUP below nohup) stays so; SIGPIPE and SIGCHLD may be the service's own doing.
+/// (SIGHUP below nohup) stays so; SIGPIPE, SIGXFSZ and SIGCHLD may be the service's own doing.
 void RestoreSignals() {
   for (int number = 1; number < NSIG; ++number) {
     struct sigaction action {};
     if (::sigaction(number, nullptr, &action) != 0) continue;
     const bool ignored = action.sa_handler == SIG_IGN;
-    if (ignored && number != SIGPIPE && number != SIGCHLD) continue;
+    const bool ours = number == SIGPIPE || number == SIGXFSZ || number == SIGCHLD;
+    if (ignored && !ours) continue;
     action = {};
     action.sa_handler = SIG_DFL;
     ::sigaction(number, &action, nullptr);
@@ -207,18 +210,19 @@ void CloseOtherDescriptors() {
 }
 
 /// Turns the child into the program. Nothing here waits for another thread. The memory of the plan
-/// goes with the process.
+/// goes with the process. The redirection comes last: opening a pipe waits for its reader, and a
+/// child that waits must obey signals and hold nothing of the service open.
 [[noreturn]] void RunChild(const ChildPlan& plan) {
   TraceWrite("Helper - Child process started");
   ::setsid();
   if (plan.vector != nullptr) {
     TraceArguments(plan.shown);
+    RestoreSignals();
+    CloseOtherDescriptors();
     if (const char* const output = plan.Output(); output != nullptr) {
       plan.vector[plan.count - 2] = nullptr;
       RedirectOutput(output);
     }
-    RestoreSignals();
-    CloseOtherDescriptors();
     ::execv(plan.vector[0], plan.vector.get());
   }
   TraceWrite("Helper - Child process done");

@@ -1,7 +1,7 @@
 // Starting programs as detached children, without a shell.
 //
-// The child starts a session of its own, so it outlives the service. Secrets in command lines never
-// reach the trace. May be called from any thread.
+// The child starts a session of its own, so it outlives the service. Trace lines show command lines
+// with their secrets masked. May be called from any thread.
 #pragma once
 
 #include <cstddef>
@@ -14,9 +14,10 @@ namespace qixx {
 inline constexpr std::int64_t kWaitNone = 0;
 
 /// Forks and runs `program` with the split `arguments`; a null or empty program takes the first
-/// token of the arguments instead. Wait mode 1 polls up to 10 times every 99 ms, any other positive
-/// n up to n times every 999 ms. Returns 1 when the child was forked, whatever became of it, else
-/// 0. `show` and `processId` are accepted and deliberately left untouched on this platform.
+/// token of the arguments instead. Wait mode 1 waits for about a second (10 polls, 99 ms apart), a
+/// greater n for about n seconds (n polls, 999 ms apart). Returns 0 when the fork failed, else 1,
+/// even when the program could not be started. `show` has no effect on this platform, and nothing
+/// is stored in `processId`: callers rely on keeping what they put there.
 int LaunchProcess(const char* program, const char* arguments, std::int64_t waitMode, bool show,
                   std::uint64_t* processId);
 
@@ -43,7 +44,7 @@ class MaskedText {
   std::unique_ptr<char[]> copy_;
 };
 
-/// True while the child exists and has not ended. Traces, and reaps an ended child.
+/// Whether there is such a child and it still runs. Traces, and reaps an ended child.
 bool IsProcessRunning(std::uint64_t processId);
 
 /// With `startProgram` starts the product's main program from the "bin/" beside the installation

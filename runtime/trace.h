@@ -4,7 +4,7 @@
 // never reach the caller: a line that cannot be written is lost. Every operation may be called from
 // any thread; one recursive lock is held for the whole build and write of a line. Only clearing the
 // target frees that lock, so nothing else may trace at that moment. The state outlives every static
-// destructor, and errno is left alone.
+// destructor. Writing a line or a side file leaves errno alone.
 #pragma once
 
 #include <cstddef>
