@@ -178,8 +178,10 @@ bool HasIdentity(CK_SLOT_ID slot, std::span<const char, kSlotIdentitySize> ident
 }  // namespace
 
 void CleanCardText(std::span<char> text) {
+  // A placeholder in the text may come to nothing, so its '%' is no neighbour to rely on. The index
+  // before the first wraps.
   const auto isBreak = [text](std::size_t index) {
-    return index >= text.size() || text[index] == ' ';  // the index before the first wraps
+    return index >= text.size() || text[index] == ' ' || text[index] == '%';
   };
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
@@ -266,7 +268,11 @@ bool IsCredentialStillPresent(const CWatchOptions& record) {
 
 void ExpandLogonPlaceholders(std::string_view match, std::span<char> text) {
   if (FindChar(TextOf(text), '%') == std::string_view::npos) return;
-  if (HoldsPlaceholder(TextOf(text))) ReplacePlaceholders(match, text);
+  try {
+    if (HoldsPlaceholder(TextOf(text))) ReplacePlaceholders(match, text);
+  } catch (const std::bad_alloc&) {
+    // What is not replaced by now stays as it is.
+  }
   TraceWrite("Watch - Expanded: '%s'", MaskedText(text.data()).Text());
 }
 

@@ -2,7 +2,8 @@
 //
 // Values are what a card's certificates say of themselves: they are not authenticated, and they are
 // cleaned before they leave this unit. All operations may be called from any thread; the card is
-// locked while it is read. Nothing is thrown.
+// locked while it is read. Nothing is thrown, but for std::bad_alloc by the three operations that
+// work on given values: SplitPrincipalName, SubjectPlaceholders, ReplaceLogonPlaceholders.
 #pragma once
 
 #include <cstddef>
@@ -21,8 +22,9 @@ namespace qixx {
 // --- texts of a card --------------------------------------------------------------------------
 
 /// Makes a text that came from outside harmless for command lines and configuration files, in
-/// place: control characters, double quotes and a '>' that stands alone become '_'. Parts taken
-/// from a cleaned text are to be cleaned again, since a '>' may stand alone in them.
+/// place: control characters, double quotes and a '>' that stands alone (between blanks, ends and
+/// '%') become '_'. Parts taken from a cleaned text are to be cleaned again, since a '>' may stand
+/// alone in them.
 void CleanCardText(std::span<char> text);
 
 /// The two halves of a user principal name, both cleaned.

@@ -1,8 +1,6 @@
 #include "watch/event_table.h"
 
 #include <charconv>
-#include <limits>
-#include <string>
 
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -14,11 +12,6 @@
 
 namespace qixx {
 namespace {
-
-constexpr std::size_t kEntryKeySize = 16;
-/// A wait is counted in steps of a third of a second.
-constexpr unsigned kStepMilliseconds = 333;
-constexpr std::uint64_t kStepsPerSecond = 3;
 
 /// The three sources of event commands.
 enum class CommandForm { kSection, kDirect, kKeyword };
@@ -169,9 +162,9 @@ bool BuildWatchSection(std::string_view name, std::span<char> out) {
   if (out.empty()) return false;
   out[0] = '\0';
   if (name.size() + kPrefix.size() >= out.size()) return false;
-  std::string section(name == kDefault ? "" : kPrefix);
-  section += name;
-  return CopyTextIfFits(out, section);
+  const std::size_t length = name == kDefault ? 0 : CopyTextCut(out, kPrefix);
+  CopyTextCut(out.subspan(length), name);
+  return true;
 }
 
 bool BuildEventSection(bool insert, std::string_view name, std::span<char> out) {
@@ -211,12 +204,11 @@ bool WaitBeforeEvent(const CWatchOptions& record, CK_SLOT_ID slot, bool insert) 
   // Without a configuration the remove section counts as having no ordinary command.
   static_cast<void>(LoadProductConfiguration(config));
 
-  constexpr std::uint64_t kMaximum = std::numeric_limits<std::uint64_t>::max();
-  const std::uint64_t steps = wait > kMaximum / kStepsPerSecond ? kMaximum : wait * kStepsPerSecond;
-  for (std::uint64_t step = 0; step < steps; ++step) {
+  const std::uint64_t rounds = WaitRounds(wait);
+  for (std::uint64_t round = 0; round < rounds; ++round) {
     if (!(insert ? MayInsert(record) : MayRemove(config, record, slot))) return false;
     EventHook(record, insert);
-    if (!WatchSleep(kStepMilliseconds)) return false;
+    if (!WatchSleep(kWaitPause)) return false;
   }
   return true;
 }

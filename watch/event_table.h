@@ -47,6 +47,8 @@ bool WaitBeforeEvent(const CWatchOptions& record, CK_SLOT_ID slot, bool insert);
 /// the watcher's remove section.
 [[nodiscard]] bool IsOrdinaryCommand(CConfig& config, std::string_view name, std::string_view text);
 
+/// Size of the area for an entry's key, terminator included.
+inline constexpr std::size_t kEntryKeySize = 16;
 /// The key of an entry: its number in decimal digits. Entries are counted from 1.
 void FormatEntryKey(unsigned number, std::span<char> key);
 

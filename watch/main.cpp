@@ -53,7 +53,7 @@ int main(int argc, char** argv) {
     qixx::JoinArguments(argc, argv, line);
     return qixx::WatchMain(0, 0, line);
   } catch (...) {
-    // Only memory running out at start comes here; ending is all that is left.
+    // Only memory running out comes here; ending is all that is left.
     return EXIT_FAILURE;
   }
 }

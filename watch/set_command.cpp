@@ -6,6 +6,7 @@
 #include <exception>
 #include <initializer_list>
 #include <memory>
+#include <new>
 #include <span>
 #include <utility>
 #include <vector>
@@ -193,6 +194,13 @@ bool SetOnRemove(const SetOptions& options) {
   return true;
 }
 
+bool SetOnEvent(CK_SLOT_ID slot, std::string_view text, bool insert) try {
+  const SetOptions options(text);
+  return insert ? SetOnInsert(slot, options) : SetOnRemove(options);
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
 void AppendOption(std::string& text, std::string_view option, std::string_view value) {
   if (value.empty()) return;
   text.append(option).append(" \"").append(value).append("\" ");
@@ -225,29 +233,32 @@ void ClearLogonValues(const char* file) {
   }
 }
 
-bool BackupOrRestoreConfigFile(const char* file) {
+bool BackupOrRestoreConfigFile(const char* file) try {
   if (ViewOf(file).empty()) return false;
   const CriticalScope hold(&FileLock());
   const std::string saved = std::string(file) + kSavedCopySuffix;
   if (!PathExists(saved.c_str())) return CopyFileSafely(file, saved.c_str());
   return CopyFileSafely(saved.c_str(), ResolveLinks(file).c_str());
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 bool SetCommand(CK_SLOT_ID slot, std::string_view text, bool insert) {
   TraceWrite("Watch - Set command ...");
-  const SetOptions options(text);
-  const bool success = insert ? SetOnInsert(slot, options) : SetOnRemove(options);
+  const bool success = SetOnEvent(slot, text, insert);
   TraceWrite("Watch - Set command ... %s", success ? "OK" : "FAILED");
   return success;
 }
 
 bool RunSetCommand(CK_SLOT_ID slot, std::string_view match, std::string_view registry,
-                   std::string_view configFile, bool insert) {
+                   std::string_view configFile, bool insert) try {
   std::string text;
   AppendOption(text, "-match", match);
   AppendOption(text, "-registry", registry);
   AppendOption(text, "-config", configFile);
   return !text.empty() && SetCommand(slot, text, insert);
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 }  // namespace qixx

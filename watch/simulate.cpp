@@ -9,7 +9,8 @@
 namespace qixx {
 namespace {
 
-/// Waits as an insert does, for either kind; false when there is nothing worth waiting for.
+/// Waits as an insert does, for either kind; false when there is nothing worth waiting for, or when
+/// the process is asked to stop.
 bool WaitBeforeSimulation(CConfig& config, const CWatchOptions& record, bool insert) {
   const std::uint64_t rounds = WaitRounds(record.insertWait);
   for (std::uint64_t round = 0; round < rounds; ++round) {
@@ -23,7 +24,7 @@ bool WaitBeforeSimulation(CConfig& config, const CWatchOptions& record, bool ins
 /// Every entry up to the first missing one runs, as an insert's command, whatever came of the
 /// others.
 void RunEntries(CConfig& config, const CWatchOptions& record, const char* section) {
-  char key[16];
+  char key[kEntryKeySize];
   char text[kTextSize];
   for (unsigned number = 1;; ++number) {
     FormatEntryKey(number, key);

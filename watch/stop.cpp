@@ -22,10 +22,11 @@ using std::chrono::milliseconds;
 
 constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
-std::atomic<int> g_stopSignal{0};
+std::atomic<bool> g_stopRequested{false};
 /// Made readable once and never read, so that it ends every sleep from then on.
 std::atomic<int> g_wakeDescriptor{-1};
-static_assert(std::atomic<int>::is_always_lock_free, "the handler must not wait for a lock");
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
+              "the handler must not wait for a lock");
 
 void SetAction(int signal, void (*handler)(int)) {
   struct sigaction action = {};
@@ -41,12 +42,12 @@ bool IsIgnored(int signal) {
 }
 
 /// Runs as a signal handler: async-signal-safe calls only.
-void NoteStop(int signal) {
+void NoteStop(int /*signal*/) {
   const int callerError = errno;
   for (const int other : kStopSignals) {
     if (!IsIgnored(other)) SetAction(other, SIG_DFL);
   }
-  g_stopSignal = signal;
+  g_stopRequested = true;
   const std::uint64_t one = 1;
   // A write that fails leaves the stop noted; it is then seen at the next look.
   [[maybe_unused]] const ssize_t written = ::write(g_wakeDescriptor, &one, sizeof one);
@@ -82,20 +83,18 @@ void InstallStopHandlers() {
   FillStandardDescriptors();
   if (g_wakeDescriptor == -1) g_wakeDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   SetAction(SIGPIPE, SIG_IGN);
+  // A file at its size limit is then a failed write, which is handled, and not the end.
+  SetAction(SIGXFSZ, SIG_IGN);
   SetAction(SIGCHLD, SIG_DFL);
-  SetAction(SIGTERM, NoteStop);
-  SetAction(SIGINT, NoteStop);
-  // Started under nohup, the service is to survive its terminal.
-  if (!IsIgnored(SIGHUP)) SetAction(SIGHUP, NoteStop);
+  // Whoever started the service with a signal ignored, as nohup does, wants it to survive that one.
+  for (const int signal : kStopSignals) {
+    if (!IsIgnored(signal)) SetAction(signal, NoteStop);
+  }
   UnblockStopSignals();
 }
 
 bool StopRequested() {
-  return g_stopSignal != 0;
-}
-
-int StopSignal() {
-  return g_stopSignal;
+  return g_stopRequested;
 }
 
 bool SleepUnlessStopped(unsigned time) {
@@ -105,7 +104,10 @@ bool SleepUnlessStopped(unsigned time) {
     const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
     if (left.count() <= 0) return true;
     const auto timeout = static_cast<int>(std::min<std::int64_t>(left.count(), INT_MAX));
-    if (::poll(&wake, 1, timeout) == -1 && errno != EINTR) PauseFor(left);
+    const int woken = ::poll(&wake, 1, timeout);
+    const bool interrupted = woken == -1 && errno == EINTR;
+    // A descriptor that something else in the process closed must not make this a busy loop.
+    if (woken != 0 && !interrupted && !StopRequested()) PauseFor(left);
   }
   return false;
 }

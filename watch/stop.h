@@ -6,11 +6,10 @@
 
 namespace qixx {
 
-/// Installs the handlers; opens standard descriptors that are closed on /dev/null; ignores SIGPIPE.
+/// Installs the handlers, but for signals that are ignored; opens standard descriptors that are
+/// closed on /dev/null; ignores SIGPIPE and SIGXFSZ, whose causes come back as failed writes.
 void InstallStopHandlers();
 [[nodiscard]] bool StopRequested();
-/// The signal that asked for the stop, 0 without one.
-[[nodiscard]] int StopSignal();
 /// Sleeps up to `milliseconds`; true when the time passed, false when the process is to stop.
 bool SleepUnlessStopped(unsigned milliseconds);
 

@@ -6,7 +6,7 @@
 
 namespace qixx {
 
-/// How many watchers may be started one by the other.
+/// How many watchers may be started, each by the one before it.
 inline constexpr unsigned kMaximumWatcherDepth = 8;
 
 /// Joins the process arguments, each followed by one blank, cut to the area.

@@ -2,132 +2,84 @@
 
 #include <gtest/gtest.h>
 
-#include "runtime/files.h"
-#include "tests/support/environment.h"
-#include "tests/support/temporary_folder.h"
+#include <string>
 
 namespace qixx::testing {
 namespace {
 
-/// What a record holds, but for empty fields, zeros and the usual section and round limit.
-std::string Describe(const CWatchOptions& record) {
-  std::string out;
-  const std::pair<const char*, const char*> texts[] = {{"registry", record.registry},
-                                                       {"program", record.program},
-                                                       {"configFile", record.configFile},
-                                                       {"arguments", record.arguments},
-                                                       {"message", record.message},
-                                                       {"message2", record.message2},
-                                                       {"match", record.match},
-                                                       {"simulate", record.simulate},
-                                                       {"rest", record.rest},
-                                                       {"background", record.background}};
-  for (const auto& [name, value] : texts) {
-    if (*value != '\0') out += std::string(name) + "=" + value + ";";
-  }
-  if (std::string_view(record.section) != "Watch") out += std::string(record.section) + ";";
-  const std::pair<const char*, std::uint64_t> numbers[] = {{"insertWait", record.insertWait},
-                                                           {"removeWait", record.removeWait},
-                                                           {"terminate", record.terminate},
-                                                           {"recognized", record.recognized},
-                                                           {"hideInsert", record.hideInsert},
-                                                           {"hideRemove", record.hideRemove},
-                                                           {"sync", record.sync},
-                                                           {"waitFlag", record.waitFlag}};
-  for (const auto& [name, value] : numbers) {
-    if (value != 0) out += name + (value == 1 ? "" : "=" + std::to_string(value)) + ";";
-  }
-  if (record.roundLimit != kEndlessRounds) out += "n=" + std::to_string(record.roundLimit);
-  return out;
+std::string Shown(const char* name, std::string_view text) {
+  return text.empty() ? "" : std::string(name) + "=" + std::string(text) + ";";
+}
+std::string Shown(const char* name, std::uint64_t number, std::uint64_t usual = 0) {
+  return number == usual ? "" : Shown(name, std::to_string(number));
 }
 
-class Options : public ::testing::Test {
- protected:
-  Options() { InitProductIdentity(); }
-  TemporaryFolder folder;
-  ScopedVariable path{"qixconfigglobal", folder.Path("system.conf").c_str()};
-  CWatchOptions record{};
-};
+/// What a record holds, but for empty fields, zeros and the usual round limit.
+std::string Describe(const CWatchOptions& record) {
+  return Shown("r", record.registry) + Shown("p", record.program) + Shown("c", record.configFile) +
+         Shown("a", record.arguments) + Shown("m", record.message) + Shown("m2", record.message2) +
+         Shown("match", record.match) + Shown("simulate", record.simulate) +
+         Shown("rest", record.rest) + Shown("section", record.section) +
+         Shown("background", record.background) + Shown("in", record.insertWait) +
+         Shown("out", record.removeWait) + Shown("term", record.terminate) +
+         Shown("recognized", record.recognized) + Shown("hidein", record.hideInsert) +
+         Shown("hideout", record.hideRemove) + Shown("sync", record.sync) +
+         Shown("w", record.waitFlag) + Shown("n", record.roundLimit, kEndlessRounds);
+}
 
-TEST_F(Options, OneTextFillsTheRecord) {
+TEST(Options, OneTextFillsTheRecord) {
   const struct {
     const char* name;
     const char* text;
-    const char* expected;
+    const char* expected;  // without the usual section
   } rows[] = {
       {"keyword form does not read -c beside -r",
        "-p prog -r reg -c file -a \"a b\" -n 3 -w 5 -hide -sync -t -recognized ",
-       "registry=reg;program=prog;arguments=a b;insertWait=5;terminate;recognized;hideInsert;sync;"
-       "n=3"},
-      {"empty -r is keyword form and stops -c", "-p prog -r -c file x", "program=prog;"},
-      {"names in capitals", "-P prog -C file ", "program=prog;configFile=file;"},
-      {"no digits give no rounds", "-p a -c b -n x ", "program=a;configFile=b;n=0"},
-      {"-t not inside -tx", "-p a -c b -tx ", "program=a;configFile=b;"},
-      {"-m wants a second blank", "-p a -c b -m no ", "program=a;configFile=b;"},
-      {"-m with a second blank", "-p a -c b -m  yes ", "program=a;configFile=b;message=yes;"},
-      {"-p alone is kept beside the rest", "-p prog x ", "program=prog;rest=-p prog x ;"},
+       "r=reg;p=prog;a=a b;in=5;term=1;recognized=1;hidein=1;sync=1;n=3;"},
+      {"empty -r is keyword form and stops -c", "-p prog -r -c file x", "p=prog;"},
+      {"names in capitals", "-P prog -C file ", "p=prog;c=file;"},
+      {"no digits give no rounds", "-p a -c b -n x ", "p=a;c=b;n=0;"},
+      {"-t not inside -tx", "-p a -c b -tx ", "p=a;c=b;"},
+      {"value behind a longer name", "-p a -c b -ab -a x", "p=a;c=b;a=x;"},
+      {"quoted value without end", "-p a -c b -a  \"x y", "p=a;c=b;a=x y;"},
+      {"-m wants a second blank", "-p a -c b -m no ", "p=a;c=b;"},
+      {"-m with a second blank", "-p a -c b -m  yes ", "p=a;c=b;m=yes;"},
+      {"-p alone is kept beside the rest", "-p prog x ", "p=prog;rest=-p prog x ;"},
       {"positional form",
-       "-w -match \"cn=x\" -wait \"5|7\" -message \"a|b|c\" -hide remove -sync -term -recognized "
-       "c ",
-       "message=a;message2=b|c;match=cn=x;rest=c ;insertWait=5;removeWait=7;terminate;recognized;"
-       "hideRemove;sync;waitFlag;"},
-      {"order is fixed", "-sync -match \"x\" ", "rest=-match \"x\" ;sync;"},
-      {"blanks between options are not skipped", "-w  -sync ", "rest= -sync ;waitFlag;"},
-      {"-hide with another word", "-hide now ", "rest=now ;hideInsert;hideRemove;"},
-      {"-hide insert at the very end", "-hide insert", "rest=insert;hideInsert;hideRemove;"},
+       "-w -match \"cn=x\" -wait \"5|7\" -message \"a|b|c\" -hide remove -sync -term -recognized x",
+       "m=a;m2=b|c;match=cn=x;rest=x;in=5;out=7;term=1;recognized=1;hideout=1;sync=1;w=1;"},
+      {"order is fixed", "-sync -match \"x\" ", "rest=-match \"x\" ;sync=1;"},
+      {"blanks between options are not skipped", "-w  -sync ", "rest= -sync ;w=1;"},
+      {"-hide with another word", "-hide now ", "rest=now ;hidein=1;hideout=1;"},
+      {"-hide insert at the very end", "-hide insert", "rest=insert;hidein=1;hideout=1;"},
       {"value without closing quote", "-match \"cn=x", "match=cn=x;"},
       {"closing quote at the end", "-match \"cn=x\"", "match=cn=x;"},
-      {"opening quote at the end", "-wait \"", ""},
-      {"numbers", "-wait \"-1| 99999999999999999999\" ", "removeWait=18446744073709551615;"},
+      {"numbers", "-wait \"-1| 99999999999999999999\" ", "out=18446744073709551615;"},
       {"no rest in a simulation", "-simulate \"insert\" config ", "simulate=insert;"},
       {"one verb is skipped", "-start -i c ", "rest=-i c ;"},
-      {"last word in quotes names the section", "-b \"the Extra\"  c ", "rest=c ;Extra;"},
-      {"one word in quotes names none", "-s \"Extra\" c", "rest=c;"},
-      {"empty text", "", "n=0"},
+      {"one word in quotes names no section", "-s \"Extra\" c", "rest=c;"},
+      {"empty text", "", "n=0;"},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    record = {};
+    CWatchOptions record{};
     const bool textLeft = ParseWatchOptions(row.text, record);
-    EXPECT_EQ(Describe(record), row.expected);
-    EXPECT_EQ(textLeft, record.rest[0] != '\0' || record.simulate[0] != '\0');
+    EXPECT_STREQ(record.section, "Watch") << row.name;
+    record.section[0] = '\0';
+    EXPECT_EQ(Describe(record), row.expected) << row.name;
+    EXPECT_EQ(textLeft, record.rest[0] != '\0' || record.simulate[0] != '\0') << row.name;
   }
 }
 
-TEST_F(Options, LaterTextsOverlayAndHardlyEverClear) {
-  folder.Write("system.conf", "[Watch]\nBackground=show\n[Extra]\n");
+TEST(Options, LaterTextsOverlayAndHardlyEverClear) {
+  CWatchOptions record{};
   ParseWatchOptions("-match \"old\" -sync config", record);
-  EXPECT_EQ(Describe(record), "match=old;rest=config;background=show;sync;");
+  ParseWatchOptions("-w -hide x", record);
+  EXPECT_EQ(Describe(record), "match=old;rest=x;section=Watch;hidein=1;hideout=1;sync=1;w=1;");
   ParseWatchOptions("-p x -c y -n 3 ", record);
-  EXPECT_EQ(Describe(record), "program=x;configFile=y;rest=config;background=show;sync;n=3");
   ParseWatchOptions("", record);
-  EXPECT_EQ(record.roundLimit, 3U);
-  const ScopedVariable notRead("qix:Extra:Background", "environment");
-  ParseWatchOptions("-s \"w Extra\" ", record);
-  EXPECT_EQ(Describe(record), "program=x;configFile=y;rest=config;Extra;sync;");
-}
-
-TEST_F(Options, ValueOfAnOptionAnywhereInATextIsFound) {
-  const struct {
-    const char* name;
-    const char* text;
-    const char* option;
-    const char* value;  // null when the option is not there
-  } rows[] = {
-      {"behind a longer name", "-term -t x y", "-t", "x"},
-      {"in quotes", "-a  \"x y\" z", "-a", "x y"},
-      {"without closing quote", "-a \"x y", "-a", "x y"},
-      {"cut", "-a 1234567890", "-a", "1234567"},
-      {"another option follows", "-a -b", "-a", ""},
-      {"at the end", "x -A", "-a", ""},
-      {"only inside a word", "-ab x-ac", "-a", nullptr},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    char value[8] = "kept";
-    EXPECT_EQ(GetOptionValue(row.text, row.option, value), row.value != nullptr);
-    EXPECT_STREQ(value, row.value != nullptr ? row.value : "kept");
-  }
+  EXPECT_EQ(Describe(record), "p=x;c=y;rest=x;section=Watch;hidein=1;hideout=1;sync=1;w=1;n=3;");
+  ParseWatchOptions("-b \"w Extra\" ", record);
+  EXPECT_EQ(Describe(record), "p=x;c=y;rest=x;section=Extra;hidein=1;hideout=1;sync=1;w=1;");
 }
 
 }  // namespace

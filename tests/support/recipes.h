@@ -1,0 +1,99 @@
+// Certificates by recipe, for what the openssl program will not make.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+
+#include "der/certificate.h"
+#include "runtime/text.h"
+
+namespace qixx::testing {
+
+inline Bytes BytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+inline std::string FromHex(std::string_view hex) {
+  std::string bytes(hex.size(), '\0');
+  const int length = HexDecode(hex, {reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size()});
+  return bytes.substr(0, static_cast<std::size_t>(length));
+}
+
+inline std::string ToHex(Bytes bytes) {
+  std::string hex(2 * bytes.size(), '\0');
+  EXPECT_GE(HexEncode(bytes, hex), 0);
+  return hex;
+}
+
+/// An element of definite length.
+inline std::string Der(int tag, const std::string& content) {
+  std::string header(1, static_cast<char>(tag));
+  if (content.size() > 0x7F) header += '\x82', header += static_cast<char>(content.size() >> 8);
+  return header + static_cast<char>(content.size()) + content;
+}
+
+/// An element of indefinite length.
+inline std::string Open(int tag, const std::string& content) {
+  return std::string(1, static_cast<char>(tag)) + '\x80' + content + std::string(2, '\0');
+}
+
+inline std::string Oid(std::string_view dotted) {
+  std::array<std::uint8_t, 64> out{};
+  std::size_t length = 0;
+  EXPECT_EQ(EncodeOid(dotted, out, length), kDerOk) << dotted;
+  return {out.begin(), out.begin() + static_cast<std::ptrdiff_t>(length)};
+}
+
+/// A relative name of one attribute.
+inline std::string Part(std::string_view type, const std::string& value, int tag = 0x0C) {
+  return Der(0x31, Der(0x30, Oid(type) + Der(tag, value)));
+}
+
+inline std::string Extension(std::string_view identifier, const std::string& value) {
+  return Der(0x30, Oid(identifier) + Der(0x04, value));
+}
+
+inline std::string OtherName(std::string_view type, const std::string& value) {
+  return Der(0xA0, Oid(type) + Der(0xA0, Der(0x0C, value)));
+}
+
+struct Recipe {
+  std::string serial = "\x2A";
+  std::string issuer = Part("o", "Tessaly") + Part("cn", "Card CA");
+  std::string notBefore = Der(0x17, "200101000000Z");
+  std::string notAfter = Der(0x17, "491231235959Z");
+  std::string subject = Part("o", "Example, Inc.") + Part("cn", "Ann Lee");
+  std::string alternativeNames = OtherName(kUserPrincipalName, "ann@example.org");
+  std::string extensions = Extension(kKeyUsage, FromHex("03020780")) +
+                           Extension(kExtendedKeyUsage, Der(0x30, Oid(kSmartCardLogon)));
+  std::string (*sequence)(int, const std::string&) = Der;  ///< the form of the inner sequences
+
+  [[nodiscard]] std::string Info() const {
+    const std::string algorithm = Der(0x30, Oid("1.2.840.10045.4.3.2"));
+    const std::string all =
+        extensions + (alternativeNames.empty()
+                          ? ""
+                          : Extension(kSubjectAlternativeName, Der(0x30, alternativeNames)));
+    return sequence(0x30, Der(0xA0, FromHex("020102")) + Der(0x02, serial) + algorithm +
+                              sequence(0x30, issuer) + sequence(0x30, notBefore + notAfter) +
+                              sequence(0x30, subject) + Der(0x30, algorithm + FromHex("03020000")) +
+                              sequence(0xA3, sequence(0x30, all)));
+  }
+  [[nodiscard]] std::string Build(const std::string& behindSignature = "") const {
+    return Der(0x30, Info() + Der(0x30, Oid("1.2.840.10045.4.3.2")) +
+                         Der(0x03, std::string(9, '\0')) + behindSignature);
+  }
+};
+
+/// The name that a certificate logs on with; empty when there is none.
+inline std::string LogonName(const CertificatePtr& holder, bool required, bool emailAllowed) {
+  std::string name;
+  if (holder != nullptr) static_cast<void>(GetLogonName(*holder, required, emailAllowed, name));
+  return name;
+}
+
+}  // namespace qixx::testing
