@@ -157,8 +157,12 @@ ConfigResult CConfigFile::LoadText(const char* data, std::size_t length) {
 ConfigResult CConfigFile::Open(bool writable, const char* path, bool quiet) {
   CConfigFile::Close(true);
   const char* const name = path == nullptr ? "" : path;
-  path_[0] = '\0';
-  if (CopyTextIfFits(path_, name)) fileTime_ = ModificationTime(path_);
+  const bool isKept = CopyTextIfFits(path_, name);
+  if (isKept) {
+    fileTime_ = ModificationTime(path_);
+  } else {
+    path_[0] = '\0';
+  }
   if (!quiet) TraceWrite("Config - Open '%s' (%s)", name, writable ? "w" : "r");
 
   writable_ = writable;
@@ -462,9 +466,13 @@ ConfigResult CConfigFile::EnumBlocks(std::span<char> name, std::size_t& index) {
 
 // --- changes ----------------------------------------------------------------------------------
 
+bool CConfigFile::FitsLimit(std::size_t bytes) const {
+  return bytes <= kMaximumConfigSize - std::min(text_.size(), kMaximumConfigSize);
+}
+
 ConfigResult CConfigFile::Grow(std::size_t bytes) {
+  if (!FitsLimit(bytes)) return kConfigFailed;
   const std::size_t free = capacity_ - text_.size();
-  if (bytes > kMaximumConfigSize - std::min(text_.size(), kMaximumConfigSize)) return kConfigFailed;
   const std::size_t steps = bytes > free ? WholeSteps(bytes - free) : 1;
   return Guarded([&] {
     ForgetCursors();
@@ -477,7 +485,7 @@ ConfigResult CConfigFile::Grow(std::size_t bytes) {
 /// Grows when `bytes` more would not fit. Comes before anything is cut, so that a failure leaves
 /// the text as it was.
 ConfigResult CConfigFile::MakeRoom(std::size_t bytes, Change change) {
-  if (bytes <= capacity_ - text_.size()) return kConfigOk;
+  if (bytes <= capacity_ - text_.size()) return FitsLimit(bytes) ? kConfigOk : kConfigFailed;
   const int needed = static_cast<int>(std::min(bytes, kMaximumConfigSize));
   switch (change) {
     case Change::kAdd:
@@ -571,8 +579,10 @@ ConfigResult CConfigFile::SetBlock(const char* name, std::span<const std::uint8_
     if (blockName.empty() || text.empty()) return kConfigFailed;
     const ConfigResult result = MakeRoom(text.size(), Change::kSet);
     if (result != kConfigOk) return result;
-    (void)CConfigFile::DeleteBlock(blockName.c_str());
+    BlockSpan old;
+    const bool replaces = FindBlock(text_, blockName, old);
     text_.append(text);
+    if (replaces) text_.erase(old.begin, old.end - old.begin);
     Touch();
     return kConfigOk;
   });

@@ -105,13 +105,14 @@ class CConfigFile : public CConfigItem {
   ConfigResult LookUp(const char* section, const char* entry, std::string_view& value);
   ConfigResult LookUpInText(const char* section, const char* entry, std::string_view& value);
   ConfigResult LookUpInTree(const char* section, const char* entry, std::string_view& value) const;
+  [[nodiscard]] bool FitsLimit(std::size_t bytes) const;
   ConfigResult MakeRoom(std::size_t bytes, Change change);
   ConfigResult Splice(TextRange range, std::string_view replacement, Change change);
   ConfigResult Adopt(std::string_view text, Change change);
   void RenameProfiles();
 
   std::string text_;
-  std::size_t capacity_ = 0;  ///< grows in steps; the string beneath holds at least as much
+  std::size_t capacity_ = 0;  ///< never below the length; a change that would exceed it grows it
   std::size_t position_ = 0;  ///< of the line reader
   int descriptor_ = -1;
   bool hasText_ = false;

@@ -13,8 +13,6 @@ namespace qixx {
 namespace {
 
 constexpr int kEmptyLinePasses = 10;
-/// More data than a configuration file could hold; keeps the arithmetic of the encoder in range.
-constexpr std::size_t kMaximumBlock = 64U << 20;
 
 /// What is left of a run of line feeds after replacing three by two, over and over.
 std::size_t ShortenedRun(std::size_t length) {
@@ -180,7 +178,6 @@ std::string SectionHead(std::string_view section) {
 }
 
 std::string BlockText(std::string_view name, std::span<const std::uint8_t> data) {
-  if (data.size() > kMaximumBlock) return {};
   char* lines = nullptr;
   Base64EncodeLines(data, lines);
   const std::unique_ptr<char[]> encoded(lines);

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "config/format.h"
@@ -49,6 +48,7 @@ bool Contains(std::string_view text, std::string_view pattern) {
 struct Entry {
   std::string name;
   std::string value;
+  bool assigned = false;  ///< false for a line without '='
 };
 
 /// Unlike a written value this one was read from a line, so it is neither cut nor cleaned.
@@ -61,16 +61,20 @@ LineReader LinesOf(std::string_view text, const SectionSpan& section) {
   return LineReader(text.substr(0, section.end), section.header.end);
 }
 
-/// The entries of a section, of equal names the first one.
+/// The entries of a section, of equal names the first one that has a value.
 std::vector<Entry> CollectEntries(std::string_view text, const SectionSpan& section) {
   std::vector<Entry> entries;
-  std::unordered_set<std::string> known;
+  std::unordered_map<std::string, std::size_t> known;
   LineReader lines = LinesOf(text, section);
   for (TextLine line; lines.Next(line);) {
     if (IsComment(line.text)) continue;
     const std::string_view name = EntryName(line.text);
-    if (!known.insert(Folded(name)).second) continue;
-    entries.push_back({std::string(name), std::string(EntryValue(line.text))});
+    const auto [place, isNew] = known.try_emplace(Folded(name), entries.size());
+    if (isNew) entries.push_back({std::string(name), {}, false});
+    Entry& entry = entries[place->second];
+    if (entry.assigned || !Contains(line.text, "=")) continue;
+    entry.value = EntryValue(line.text);
+    entry.assigned = true;
   }
   return entries;
 }
@@ -136,7 +140,7 @@ ValuesByName CollectImageTargets(std::string_view text) {
   SectionSpan section;
   if (!FindSection(text, kImageTarget, section)) return values;
   for (const Entry& entry : CollectEntries(text, section)) {
-    values.emplace(Folded(entry.name), entry.value);
+    if (entry.assigned) values.emplace(Folded(entry.name), entry.value);
   }
   return values;
 }

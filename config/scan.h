@@ -53,7 +53,7 @@ class BlockEnds {
  public:
   explicit BlockEnds(std::string_view text) : text_(text) {}
   /// Position behind the "/>" of the block that begins at `begin`; kNoPosition for one that is
-  /// never closed, which then is an ordinary line: it must not hide the rest of the text.
+  /// never closed: that one ends a section, but must not hide the rest of the text.
   [[nodiscard]] std::size_t Behind(std::size_t begin);
 
  private:

@@ -10,6 +10,13 @@
 
 namespace qixx::testing {
 
+/// A row of a table: a text before something is done to it and after.
+struct TextCase {
+  const char* name;
+  std::string before;
+  std::string after;
+};
+
 /// Holds a text without any file.
 class LoadedFile : public CConfigFile {
  public:
@@ -19,12 +26,10 @@ class LoadedFile : public CConfigFile {
 };
 
 inline std::string TextIn(const CConfigItem& item) {
-  std::size_t size = 0;
-  if (item.GetText(nullptr, size) != kConfigOk) return "(no text)";
-  std::string text(++size, '\0');
-  if (item.GetText(text.data(), size) != kConfigOk) return "(does not fit)";
-  text.resize(size);
-  return text;
+  std::size_t size = kMaximumLoadedText;
+  std::string text(size, '\0');
+  if (item.GetText(text.data(), size) != kConfigOk) return "(no text)";
+  return text.substr(0, size);
 }
 
 /// The value, or its result code in brackets.
