@@ -66,7 +66,7 @@ std::int32_t LengthOf(Bytes bytes, std::size_t& headerLength, int nesting) {
   return CheckedLength(ReadBigEndian(bytes.subspan(kShortHeader, count)), bytes.size());
 }
 
-/// Reads the first element; `content` is null on failure.
+/// Reads the first element, which must be an identifier. `element` stays as it is on failure.
 std::int32_t OpenOid(Bytes bytes, DerElement& element) {
   if (bytes.size() < kShortHeader) return kDerBadLength;
   if (bytes[0] != kTagOid) return kDerWrongTag;
@@ -309,7 +309,7 @@ std::int32_t EncodeOid(std::string_view name, std::span<std::uint8_t> out, std::
   const bool isDotted = name.find('.') != std::string_view::npos;
   std::size_t used = 0;
   std::int32_t result = EncodeDotted(isDotted ? name : DottedAttributeName(name), out, used);
-  if (result == kDerWrongTag && TraceIsOn()) {
+  if (result == kDerWrongTag) {
     TraceWrite("Der - Bad oid: '%.*s'", static_cast<int>(name.size()), name.data());
   }
   if (result == kDerOk) result = WrapElement(kTagOid, out, used);

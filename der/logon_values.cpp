@@ -185,7 +185,7 @@ bool GetLogonValues(Bytes certificate, bool smartCardLogonRequired, bool emailAl
   if (smartCardLogonRequired && !HasExtendedKeyUsage(*holder, kSmartCardLogon)) return false;
 
   std::string name;
-  const bool found = GetLogonName(*holder, smartCardLogonRequired, emailAllowed, name);
+  const bool found = GetLogonName(*holder, false, emailAllowed, name);
   if (upn != nullptr) CopyOut(name, upnSize, upn);
   if (subject != nullptr && subjectSize != 0) {
     CopyOut(GetSubjectText(*holder), subjectSize - 1, subject);
