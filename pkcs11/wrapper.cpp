@@ -149,7 +149,6 @@ bool CWrapperPkcs11::LoadNow(const char* path, std::span<char> found) {
     extended_ = true;
     return true;
   }
-  if (ViewOf(path).empty()) return false;
   library_ = LoadLibrarySearch(path, found);
   if (library_ == nullptr) return false;
   CopyTextCut(libraryPath_, TextOf(found));
@@ -347,10 +346,8 @@ template <typename Function>
 bool CWrapperPkcs11::FindOnce(Function& cached, const char* name) {
   if (cached != nullptr) return true;
   // The reference stays for as long as the process, since the address does.
-  char found[kTextSize] = {};
-  const char* const path = PathToLoad();
-  const LibraryHandle library = path[0] == '\0' ? nullptr : LoadLibrarySearch(path, found);
-  if (library != nullptr) cached = reinterpret_cast<Function>(FindSymbol(library, name));
+  const LibraryHandle library = LoadLibrarySearch(PathToLoad(), {});
+  cached = reinterpret_cast<Function>(FindSymbol(library, name));
   return cached != nullptr;
 }
 

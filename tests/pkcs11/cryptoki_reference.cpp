@@ -9,12 +9,7 @@ namespace qixx::testing {
 
 std::map<std::string, unsigned long> ReferenceTable() {
   std::map<std::string, unsigned long> table;
-#define CONSTANT(name) table[#name] = static_cast<unsigned long>(name);
-#define FIELD(structure, field)          \
-  table[#structure] = sizeof(structure); \
-  table[#structure "." #field] = offsetof(structure, field);
-#include "cryptoki_names.inc"
-#include "tests/pkcs11/cryptoki_fields.inc"
+#include "cryptoki_table.inc"
   return table;
 }
 

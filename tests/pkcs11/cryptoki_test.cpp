@@ -4,8 +4,8 @@
 
 #include <cstddef>
 #include <map>
-#include <set>
 #include <string>
+#include <string_view>
 
 namespace qixx::testing {
 
@@ -13,25 +13,16 @@ namespace qixx::testing {
 std::map<std::string, unsigned long> ReferenceTable();
 
 TEST(Cryptoki, AgreesWithDistribution) {
-  std::map<std::string, unsigned long> ours;
-#define CONSTANT(name) ours[#name] = name;
-#define FIELD(structure, field)         \
-  ours[#structure] = sizeof(structure); \
-  ours[#structure "." #field] = offsetof(structure, field);
-#include "cryptoki_names.inc"
-#include "tests/pkcs11/cryptoki_fields.inc"
-
+  std::map<std::string, unsigned long> table;
+#include "cryptoki_table.inc"
   // The distribution's header has these five at 0x1C0 and up, the standard from 0x1B5.
-  const std::set<std::string> apart = {"CKR_EXCEEDED_MAX_ITERATIONS", "CKR_FIPS_SELF_TEST_FAILED",
-                                       "CKR_LIBRARY_LOAD_FAILED", "CKR_PIN_TOO_WEAK",
-                                       "CKR_PUBLIC_KEY_INVALID"};
-  int compared = 0;
+  constexpr std::string_view kApart =
+      "CKR_EXCEEDED_MAX_ITERATIONS CKR_FIPS_SELF_TEST_FAILED CKR_LIBRARY_LOAD_FAILED "
+      "CKR_PIN_TOO_WEAK CKR_PUBLIC_KEY_INVALID";
   for (const auto& [name, value] : ReferenceTable()) {
-    if (apart.count(name) != 0) continue;
-    EXPECT_EQ(ours.at(name), value) << name;
-    ++compared;
+    EXPECT_TRUE(table.at(name) == value || kApart.find(name) != kApart.npos) << name;
   }
-  EXPECT_GT(compared, 450);
+  EXPECT_GT(table.size(), 450U);
 }
 
 }  // namespace qixx::testing
