@@ -27,7 +27,7 @@ class Input {
   }
   std::string Line() {
     const std::size_t end = rest_.find('\n');
-    const std::string line(rest_.substr(0, end));
+    std::string line(rest_.substr(0, end));
     rest_.remove_prefix(end == std::string_view::npos ? rest_.size() : end + 1);
     return line;
   }

@@ -153,7 +153,7 @@ TEST(Commands, DirectFormRunsOneCommandForBothEvents) {
 TEST(Commands, SecretsNeverReachTheTrace) {
   Desktop desktop;
   desktop.Configure(
-      "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=/bin/echo -pin 4711 "
+      "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=/bin/echo 100% -pin 4711 "
       "-password \"open sesame\" -PUK   0815\n");
   desktop.InsertCard(1);
   desktop.Start({"-p", "/bin/true", "-c", desktop.Path("none.conf"), "-sopin", "1122"});

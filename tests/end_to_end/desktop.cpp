@@ -21,6 +21,7 @@ constexpr std::size_t kStampLength = 14;  // " hh.mm.ss.mmm "
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;
@@ -101,7 +102,9 @@ void Desktop::Start(const std::vector<std::string>& arguments, const std::string
   std::vector<std::string> words = {program.empty() ? std::string(QIXX_PROGRAM) : program};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<std::string> settings;
-  for (const auto& [name, value] : variables_) settings.push_back(name + "=" + value);
+  settings.reserve(variables_.size());
+  for (const auto& [name, value] : variables_)
+    settings.emplace_back(name).append("=").append(value);
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -109,8 +112,16 @@ void Desktop::Start(const std::vector<std::string>& arguments, const std::string
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, "stdout.txt", O_WRONLY | O_CREAT | O_APPEND, 0600);
   posix_spawn_file_actions_addopen(&actions, 2, "stderr.txt", O_WRONLY | O_CREAT | O_APPEND, 0600);
-  const int failure = ::posix_spawn(&process_, words.front().c_str(), &actions, nullptr,
+  // The test's own caller may ignore signals; the service starts with none ignored.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  sigset_t all;
+  sigfillset(&all);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  const int failure = ::posix_spawn(&process_, words.front().c_str(), &actions, &attributes,
                                     Pointers(words).data(), Pointers(settings).data());
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (failure != 0) throw std::runtime_error("cannot start " + words.front());
 }

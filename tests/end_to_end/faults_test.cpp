@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <ostream>
 
 #include "tests/end_to_end/desktop.h"
 #include "tests/support/eventually.h"
@@ -84,6 +85,8 @@ struct BrokenText {
   const char* name;
   std::string watch;
   std::string entry = "kill x";
+
+  friend void PrintTo(const BrokenText& text, std::ostream* out) { *out << text.name; }
 };
 
 const std::string kMuch(5000, 'm');
