@@ -31,11 +31,31 @@ int Base64Value(char c) {
   return byte < kBase64Values.size() ? kBase64Values[byte] : -1;
 }
 
+// Tables, because the digits of a codec's input are as good as random and a branch on each would be
+// guessed wrong every other time.
+constexpr std::array<std::int8_t, 256> InvertHexDigits() {
+  std::array<std::int8_t, 256> values{};
+  values.fill(-1);
+  for (std::size_t i = 0; i < kHexDigits.size(); ++i) {
+    values[static_cast<unsigned char>(kHexDigits[i])] = static_cast<std::int8_t>(i);
+    values[static_cast<unsigned char>(FoldCase(kHexDigits[i]))] = static_cast<std::int8_t>(i);
+  }
+  return values;
+}
+constexpr std::array<std::int8_t, 256> kHexValues = InvertHexDigits();
+
+constexpr std::array<std::array<char, 2>, 256> PairHexDigits() {
+  std::array<std::array<char, 2>, 256> pairs{};
+  for (std::size_t byte = 0; byte < pairs.size(); ++byte) {
+    pairs[byte] = {kHexDigits[byte >> 4], kHexDigits[byte & 0x0F]};
+  }
+  return pairs;
+}
+constexpr std::array<std::array<char, 2>, 256> kHexPairs = PairHexDigits();
+
 /// The value of a digit in either case, -1 when it is none.
 int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  const char folded = FoldCase(c);
-  return folded >= 'a' && folded <= 'f' ? folded - 'a' + 10 : -1;
+  return kHexValues[static_cast<unsigned char>(c)];
 }
 
 std::string_view UpToZero(std::string_view text) {
@@ -269,12 +289,9 @@ bool ReplaceAllNoCase(std::span<char> area, std::string_view from, std::string_v
 int HexEncode(std::span<const std::uint8_t> data, std::span<char> out) {
   const std::size_t length = 2 * data.size();
   if (length > out.size() || length > INT_MAX) return -1;
-  std::size_t at = 0;
-  for (const std::uint8_t byte : data) {
-    out[at++] = kHexDigits[byte >> 4];
-    out[at++] = kHexDigits[byte & 0x0F];
-  }
-  if (at < out.size()) out[at] = '\0';
+  char* to = out.data();
+  for (const std::uint8_t byte : data) to = std::copy_n(kHexPairs[byte].data(), 2, to);
+  if (length < out.size()) *to = '\0';
   return static_cast<int>(length);
 }
 
