@@ -5,6 +5,8 @@
 #include "tests/support/fake_card.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/trace_capture.h"
+#include "watch/command.h"
 #include "watch/set_command.h"
 
 namespace qixx::testing {
@@ -84,6 +86,15 @@ TEST_F(CardService, LogonSlotIsTheOneOfTheRecordedIdentity) {
     EXPECT_EQ(slot, expected) << identity;
   }
   SetCredentialQuestion(nullptr);
+}
+
+TEST_F(CardService, SimulatedInsertNeverReachesForTheCard) {
+  card.slots.push_back({.id = 0});
+  const TraceCapture trace;
+  EXPECT_TRUE(SetCommand(5, "-registry there", true));
+  EXPECT_FALSE(SetCommand(0, "-registry there", true));
+  EXPECT_FALSE(ExecuteCommand(0, true, "extern /none.so,x", 0, true, true));
+  EXPECT_FALSE(trace.Has("Helper - Failed to load '/none.so'"));
 }
 
 TEST(ConfigFile, GetsWhatANameMeansAndNothingElse) {
