@@ -75,7 +75,7 @@ TEST(ConfigChange, RenamesSections) {
          {"target in front", "[New]\nc=3\n[X]\n[Old]", "\n[X]\n[New]\nc=3\n"},
          {"nothing to merge", "[New]\n;c\n[Old]\n", "[New]\n;c\n[New]\n"}});
   Check([](CConfigFile& file) { return file.RenameSection("Old", "OLD"); },
-        {{"letters only", "[Old]\na=1\n", "[OLD]\na=1\n"}});
+        {{"letters only", "[Old]\na=1\n[Old]\na=2\n", "[OLD]\na=1\n[OLD]\na=2\n"}});
 }
 
 TEST(ConfigChange, Migrates) {

@@ -30,7 +30,7 @@ TEST(Conditions, ChooseTheFirstThatHolds) {
       {"a|/OPT/bin/viewer||b", "a"},
       {"a|bin/viewer||b|/other/viewer||c", "c"},
       {"a|viewer,other||b|viewer,,*,{On}||c", "b"},
-      {"a|{on}||b|7viewer||c|mode:other||d|MODE:test||e", "d"}};
+      {"a|{on}||b|7;viewer||c|mode:other||d|MODE:test||e", "d"}};
   for (const auto& [value, chosen] : cases) {
     EXPECT_EQ(ResolveConditional(value, context), chosen) << value;
   }

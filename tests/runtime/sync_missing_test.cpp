@@ -31,7 +31,6 @@ TEST(SyncMissingTest, RunsUnlockedUntilTheCallerBringsMutexes) {
   EXPECT_EQ(section.Initialise(), kSyncSystemFailure);
   EXPECT_EQ(ThreadCreate([](void* argument) { return argument; }, nullptr), 0u);
   ThreadKill(1, 0);
-  ThreadDetachSelf();
   EXPECT_EQ(refused, 2) << "the exact name, then the versioned one, and never again";
 
   ExternalMutexHooks hooks;

@@ -107,8 +107,7 @@ TEST(TextTest, Utf16BecomesUtf8) {
   // a, umlaut, euro, pair, lone high, b, lone low, zero, odd byte
   const std::uint8_t bytes[] = {'a',  0,    0xE4, 0, 0xAC, 0x20, 0x3D, 0xD8, 0x00, 0xDE,
                                 0x3D, 0xD8, 'b',  0, 0,    0xDE, 0,    0,    0x42};
-  const std::string expected("a\u00E4\u20AC\U0001F600\uFFFDb\uFFFD\0", 18);
-  EXPECT_EQ(Utf16ToUtf8(bytes), expected);
+  EXPECT_EQ(Utf16ToUtf8(bytes), std::string("a\u00E4\u20AC\U0001F600\uFFFDb\uFFFD\0", 18));
 }
 
 }  // namespace
