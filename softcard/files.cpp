@@ -62,7 +62,7 @@ int ReplaceFile(int folder, const std::string& name, std::string_view content) {
       ::renameat(folder, fresh.c_str(), folder, name.c_str()) == 0) {
     return 0;
   }
-  const int error = errno;
+  const int error = errno != 0 ? errno : EIO;
   ::unlinkat(folder, fresh.c_str(), 0);
   return error;
 }

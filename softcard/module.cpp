@@ -201,7 +201,8 @@ Module::Access Module::Enter(CK_SESSION_HANDLE session) {
   if (found == sessions_.end()) return {CKR_SESSION_HANDLE_INVALID};
   const CK_SLOT_ID slot = found->second.slot;
   const CardIdentity card = found->second.card;
-  if (CardIn(slot) != card) {
+  // The card that was read last counts too: one that was away meanwhile has lost its sessions.
+  if (CardIn(slot) != card || tokens_[slot].card != card) {
     std::erase_if(sessions_, [&card](const auto& entry) { return entry.second.card == card; });
     return {CKR_DEVICE_REMOVED};
   }
@@ -340,7 +341,7 @@ CK_RV Module::WriteVariables(CK_SLOT_ID slot, const CK_ATTRIBUTE* value) {
     bytes = {static_cast<const char*>(value->pValue), value->ulValueLen};
   }
   const std::optional<std::string> lines = DecodeVariables(bytes);
-  if (!lines) return CKR_ATTRIBUTE_VALUE_INVALID;
+  if (!lines || lines->size() > kFileLimit) return CKR_ATTRIBUTE_VALUE_INVALID;
   const CK_RV result = WriteCardFile(slot, kVariablesFile, *lines);
   if (result != CKR_OK) return result;
   return ReadToken(slot) ? CKR_OK : CKR_DEVICE_REMOVED;

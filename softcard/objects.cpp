@@ -141,6 +141,8 @@ CK_RV ReadAttributes(const Object& object, const Template& wanted) {
 std::string EncodeVariables(std::string_view lines) {
   std::string value(1, '\0');
   for (const Setting& variable : ReadSettings(lines)) {
+    // A zero byte would shift all names and values behind it by one.
+    if ((variable.name + variable.value).find('\0') != std::string::npos) continue;
     value.append(variable.name).push_back('\0');
     value.append(variable.value).push_back('\0');
   }
