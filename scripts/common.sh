@@ -15,7 +15,7 @@ need_packages() {
     fail "this system has no dpkg; please install by your own means what these Debian packages hold: $*"
   local missing=() package
   for package in "$@"; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
       missing+=("$package")
   done
   [ ${#missing[@]} -gt 0 ] || return 0
