@@ -1,0 +1,388 @@
+#include "bridge/entries.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "bridge/module.h"
+#include "bridge/slots.h"
+#include "bridge/variables.h"
+#include "pkcs11/extended.h"
+#include "runtime/sync.h"
+#include "runtime/text.h"
+
+namespace qixx::bridge {
+namespace {
+
+/// How often the readers are looked at while a thread waits for a slot event, and how often
+/// C_Finalize looks whether the waiting threads have left.
+constexpr timespec kWaitPause = {0, 200'000'000};
+constexpr timespec kLeavePause = {0, 5'000'000};
+
+constexpr std::size_t kSuiteValueSize = 8;
+
+struct Bridge {
+  CCritical guard;  ///< for everything below
+  Slots slots;
+  bool begun = false;    ///< the module is initialised, by us or by somebody else
+  bool ours = false;     ///< by us
+  unsigned waiting = 0;  ///< threads in C_WaitForSlotEvent
+};
+
+/// The module from C_Initialize to C_Finalize. Read without the lock by what goes straight through.
+constinit std::atomic<const CK_FUNCTION_LIST*> running = nullptr;
+
+/// Never destroyed: a program may call from its own static destructors.
+Bridge& TheBridge() {
+  alignas(Bridge) static unsigned char area[sizeof(Bridge)];
+  static Bridge* const bridge = new (area) Bridge;
+  return *bridge;
+}
+
+/// Any entry: what is thrown, by us or by the module, becomes a result.
+template <typename Operation>
+CK_RV Answer(const Operation& operation) noexcept {
+  try {
+    return operation();
+  } catch (const std::bad_alloc&) {
+    return CKR_HOST_MEMORY;
+  } catch (...) {
+    return CKR_GENERAL_ERROR;
+  }
+}
+
+/// An entry that goes on into the module.
+template <typename Operation>
+CK_RV AnswerWithModule(const Operation& operation) noexcept {
+  return Answer([&operation]() -> CK_RV {
+    const CK_FUNCTION_LIST* const module = running.load(std::memory_order_acquire);
+    return module == nullptr ? CKR_CRYPTOKI_NOT_INITIALIZED : operation(*module);
+  });
+}
+
+/// An entry that uses the slots, one at a time.
+template <typename Operation>
+CK_RV AnswerWithSlots(const Operation& operation) noexcept {
+  return AnswerWithModule([&operation](const CK_FUNCTION_LIST& module) -> CK_RV {
+    Bridge& bridge = TheBridge();
+    const CriticalScope hold(&bridge.guard);
+    if (running.load(std::memory_order_relaxed) == nullptr) {
+      return CKR_CRYPTOKI_NOT_INITIALIZED;
+    }
+    return operation(module, bridge.slots);
+  });
+}
+
+/// An entry for one slot: called with the module's id of it, without the lock.
+template <typename Operation>
+CK_RV AnswerForSlot(CK_SLOT_ID number, const Operation& operation) noexcept {
+  CK_SLOT_ID id = 0;
+  const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+    const std::optional<CK_SLOT_ID> known = slots.ToModule(number);
+    id = known.value_or(0);
+    return known ? CKR_OK : CKR_SLOT_ID_INVALID;
+  });
+  if (result != CKR_OK) return result;
+  return AnswerWithModule([&](const CK_FUNCTION_LIST& module) { return operation(module, id); });
+}
+
+// --- life ---------------------------------------------------------------------------------------
+
+CK_RV Begin(Bridge& bridge, CK_VOID_PTR initArgs) {
+  if (bridge.begun) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+  static const CK_FUNCTION_LIST* loaded = nullptr;  // once loaded, it stays
+  if (loaded == nullptr) loaded = LoadModule();
+  if (loaded == nullptr) return CKR_LIBRARY_LOAD_FAILED;
+  const CK_RV result = loaded->C_Initialize(initArgs);
+  if (result != CKR_OK && result != CKR_CRYPTOKI_ALREADY_INITIALIZED) return result;
+  bridge.ours = result == CKR_OK;
+  try {
+    bridge.slots.Begin(*loaded);
+  } catch (...) {
+    if (bridge.ours) loaded->C_Finalize(nullptr);
+    throw;
+  }
+  bridge.begun = true;
+  running.store(loaded, std::memory_order_release);
+  return CKR_OK;
+}
+
+/// `bridge.guard` is held once when this is called, and is let go while threads leave.
+CK_RV End(Bridge& bridge, CK_VOID_PTR reserved) {
+  const CK_FUNCTION_LIST* const module = running.exchange(nullptr);
+  if (module == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  while (bridge.waiting != 0) {
+    bridge.guard.Leave();
+    ::nanosleep(&kLeavePause, nullptr);
+    bridge.guard.Enter();
+  }
+  bridge.slots.End();
+  bridge.begun = false;
+  return bridge.ours ? module->C_Finalize(reserved) : CKR_OK;
+}
+
+// --- slots and events ---------------------------------------------------------------------------
+
+CK_RV HandOutList(std::span<const CK_SLOT_ID> numbers, CK_SLOT_ID_PTR list, CK_ULONG& count) {
+  const CK_ULONG room = count;
+  count = numbers.size();
+  if (list == nullptr) return CKR_OK;
+  if (room < numbers.size()) return CKR_BUFFER_TOO_SMALL;
+  std::copy(numbers.begin(), numbers.end(), list);
+  return CKR_OK;
+}
+
+CK_RV AwaitSlotEvent(bool block, CK_SLOT_ID& number) {
+  Bridge& bridge = TheBridge();
+  const CriticalScope hold(&bridge.guard);
+  for (;;) {
+    if (running.load(std::memory_order_relaxed) == nullptr) {
+      return CKR_CRYPTOKI_NOT_INITIALIZED;
+    }
+    if (bridge.slots.TakeEvent(number)) return CKR_OK;
+    if (!block) return CKR_NO_EVENT;
+    ++bridge.waiting;
+    bridge.guard.Leave();
+    ::nanosleep(&kWaitPause, nullptr);
+    bridge.guard.Enter();
+    --bridge.waiting;
+  }
+}
+
+// --- the suite's attribute ----------------------------------------------------------------------
+
+CK_RV AnswerZeros(CK_ATTRIBUTE& attribute) {
+  if (attribute.pValue != nullptr) {
+    if (attribute.ulValueLen < kSuiteValueSize) {
+      attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+      return CKR_BUFFER_TOO_SMALL;
+    }
+    std::memset(attribute.pValue, 0, kSuiteValueSize);
+  }
+  attribute.ulValueLen = kSuiteValueSize;
+  return CKR_OK;
+}
+
+/// The module's own value, else zeros. It is asked for alone: there are modules that answer nothing
+/// of a list in which they do not know one.
+CK_RV GetSuiteAttribute(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session,
+                        CK_OBJECT_HANDLE object, CK_ATTRIBUTE& attribute) {
+  CK_ATTRIBUTE asked = attribute;
+  const CK_RV result = module.C_GetAttributeValue(session, object, &asked, 1);
+  if (result == CKR_ATTRIBUTE_TYPE_INVALID) return AnswerZeros(attribute);
+  attribute.ulValueLen = asked.ulValueLen;
+  return result;
+}
+
+/// The others in their order, then the suite's. The first failure counts.
+CK_RV GetAttributes(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session,
+                    CK_OBJECT_HANDLE object, std::span<CK_ATTRIBUTE> attributes) {
+  const auto isSuite = [](const CK_ATTRIBUTE& attribute) {
+    return attribute.type == kSuiteAttribute;
+  };
+  if (std::none_of(attributes.begin(), attributes.end(), isSuite)) {
+    return module.C_GetAttributeValue(session, object, attributes.data(), attributes.size());
+  }
+  std::vector<CK_ATTRIBUTE> others;
+  std::remove_copy_if(attributes.begin(), attributes.end(), std::back_inserter(others), isSuite);
+  CK_RV result = CKR_OK;
+  if (!others.empty()) {
+    result = module.C_GetAttributeValue(session, object, others.data(), others.size());
+  }
+  auto other = others.begin();
+  for (CK_ATTRIBUTE& attribute : attributes) {
+    if (!isSuite(attribute)) {
+      attribute.ulValueLen = (other++)->ulValueLen;
+      continue;
+    }
+    const CK_RV answer = GetSuiteAttribute(module, session, object, attribute);
+    if (result == CKR_OK) result = answer;
+  }
+  return result;
+}
+
+// --- the standard's functions -------------------------------------------------------------------
+
+/// As the list has them. They are not exported under their own names: in a program with two modules
+/// the first one's would be called, by the other module too.
+struct PlainEntries {
+#define BRIDGE_ENTRY(name, parameters, arguments)                                   \
+  static CK_RV name parameters noexcept {                                           \
+    return AnswerWithModule(                                                        \
+        [&](const CK_FUNCTION_LIST& module) { return module.C_##name arguments; }); \
+  }
+  QIXX_CK_FUNCTIONS(BRIDGE_ENTRY)
+#undef BRIDGE_ENTRY
+};
+
+/// Those in which the bridge has a part.
+struct Entries : PlainEntries {
+  static CK_RV Initialize(CK_VOID_PTR initArgs) noexcept {
+    return Answer([&] {
+      Bridge& bridge = TheBridge();
+      const CriticalScope hold(&bridge.guard);
+      return Begin(bridge, initArgs);
+    });
+  }
+  static CK_RV Finalize(CK_VOID_PTR reserved) noexcept {
+    return Answer([&] {
+      Bridge& bridge = TheBridge();
+      const CriticalScope hold(&bridge.guard);
+      return End(bridge, reserved);
+    });
+  }
+  static CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept {
+    return C_GetFunctionList(list);
+  }
+  /// Of a newer standard the list here has no more than this one.
+  static CK_RV GetInfo(CK_INFO_PTR info) noexcept {
+    const CK_RV result = PlainEntries::GetInfo(info);
+    if (result == CKR_OK) {
+      info->cryptokiVersion = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR};
+    }
+    return result;
+  }
+
+  static CK_RV GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list,
+                           CK_ULONG_PTR count) noexcept {
+    return AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+      if (count == nullptr) return CKR_ARGUMENTS_BAD;
+      std::vector<CK_SLOT_ID> numbers;
+      const CK_RV result = slots.List(tokenPresent != CK_FALSE, list == nullptr, numbers);
+      return result == CKR_OK ? HandOutList(numbers, list, *count) : result;
+    });
+  }
+  static CK_RV GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) noexcept {
+    std::optional<CK_SLOT_INFO> known;
+    const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+      if (info == nullptr) return CKR_ARGUMENTS_BAD;
+      known = slots.Info(slot);
+      if (known) *info = *known;
+      return CKR_OK;
+    });
+    if (result != CKR_OK || known) return result;
+    return AnswerForSlot(slot, [&](const CK_FUNCTION_LIST& module, CK_SLOT_ID id) {
+      return module.C_GetSlotInfo(id, info);
+    });
+  }
+  static CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot,
+                                CK_VOID_PTR reserved) noexcept {
+    return Answer([&]() -> CK_RV {
+      if (slot == nullptr || reserved != nullptr) return CKR_ARGUMENTS_BAD;
+      return AwaitSlotEvent((flags & CKF_DONT_BLOCK) == 0, *slot);
+    });
+  }
+
+#define BRIDGE_SLOT_ENTRY(name, parameters, arguments)                                  \
+  static CK_RV name parameters noexcept {                                               \
+    return AnswerForSlot(number, [&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) { \
+      return module.C_##name arguments;                                                 \
+    });                                                                                 \
+  }
+  BRIDGE_SLOT_ENTRY(GetTokenInfo, (CK_SLOT_ID number, CK_TOKEN_INFO_PTR info), (slot, info))
+  BRIDGE_SLOT_ENTRY(GetMechanismList,
+                    (CK_SLOT_ID number, CK_MECHANISM_TYPE_PTR mechanisms, CK_ULONG_PTR count),
+                    (slot, mechanisms, count))
+  BRIDGE_SLOT_ENTRY(GetMechanismInfo,
+                    (CK_SLOT_ID number, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR info),
+                    (slot, type, info))
+  BRIDGE_SLOT_ENTRY(InitToken,
+                    (CK_SLOT_ID number, CK_UTF8CHAR_PTR pin, CK_ULONG pinLength,
+                     CK_UTF8CHAR_PTR label),
+                    (slot, pin, pinLength, label))
+  BRIDGE_SLOT_ENTRY(OpenSession,
+                    (CK_SLOT_ID number, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify,
+                     CK_SESSION_HANDLE_PTR session),
+                    (slot, flags, application, notify, session))
+  BRIDGE_SLOT_ENTRY(CloseAllSessions, (CK_SLOT_ID number), (slot))
+#undef BRIDGE_SLOT_ENTRY
+
+  static CK_RV GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) noexcept {
+    const CK_RV result = PlainEntries::GetSessionInfo(session, info);
+    if (result != CKR_OK) return result;
+    return AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+      info->slotID = slots.FromModule(info->slotID).value_or(0);
+      return CKR_OK;
+    });
+  }
+  static CK_RV GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                 CK_ATTRIBUTE_PTR attributes, CK_ULONG count) noexcept {
+    return AnswerWithModule([&](const CK_FUNCTION_LIST& module) {
+      if (attributes == nullptr) {
+        return module.C_GetAttributeValue(session, object, attributes, count);
+      }
+      return GetAttributes(module, session, object, std::span(attributes, count));
+    });
+  }
+};
+
+// --- the extension ------------------------------------------------------------------------------
+
+/// Calls `operation` with the module's id of the first slot that holds a token.
+template <typename Operation>
+CK_RV AnswerForFirstToken(const Operation& operation) noexcept {
+  CK_SLOT_ID first = 0;
+  const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+    std::vector<CK_SLOT_ID> numbers;
+    const CK_RV listed = slots.List(true, true, numbers);
+    if (listed == CKR_OK && !numbers.empty()) first = numbers.front();
+    return listed == CKR_OK && first == 0 ? CKR_TOKEN_NOT_PRESENT : listed;
+  });
+  return result == CKR_OK ? AnswerForSlot(first, operation) : result;
+}
+
+}  // namespace
+
+CK_FUNCTION_LIST StandardFunctions() {
+  return {{CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
+#define BRIDGE_MEMBER(name, parameters, arguments) &Entries::name,
+          QIXX_CK_FUNCTIONS(BRIDGE_MEMBER)
+#undef BRIDGE_MEMBER
+  };
+}
+
+CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept {
+  return Answer([&] {
+    Bridge& bridge = TheBridge();
+    const CriticalScope hold(&bridge.guard);
+    (void)End(bridge, nullptr);
+    return Begin(bridge, initArgs);
+  });
+}
+
+CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept {
+  return Entries::GetSlotList(tokenPresent, static_cast<CK_SLOT_ID_PTR>(slots),
+                              static_cast<CK_ULONG_PTR>(count));
+}
+
+CK_RV GetVariable(const char* name, char* value, CK_ULONG_PTR length) noexcept {
+  return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
+    if (name == nullptr || length == nullptr) return CKR_ARGUMENTS_BAD;
+    std::string text;
+    const CK_RV result = ReadVariable(module, slot, name, text);
+    if (result != CKR_OK) return result;
+    const CK_ULONG room = *length;
+    *length = text.size() + 1;  // the terminator counts
+    if (value == nullptr) return CKR_OK;
+    if (room < *length) return CKR_BUFFER_TOO_SMALL;
+    std::copy_n(text.c_str(), *length, value);
+    return CKR_OK;
+  });
+}
+
+CK_RV SetVariable(const char* name, const char* value) noexcept {
+  return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
+    return WriteVariable(module, slot, ViewOf(name), ViewOf(value));
+  });
+}
+
+}  // namespace qixx::bridge

@@ -1,0 +1,27 @@
+// The bridge's PKCS#11 functions: the standard's, and the suite's extension.
+//
+// All may be called from any thread, as far as the module beneath allows; the bridge has one lock
+// of its own, which is held for the numbers of the slots and for events, not while a call goes on
+// into the module with a session. Nothing is thrown across.
+#pragma once
+
+#include "pkcs11/cryptoki.h"
+
+namespace qixx::bridge {
+
+/// The standard's functions; C_GetFunctionList hands them out.
+[[nodiscard]] CK_FUNCTION_LIST StandardFunctions();
+
+/// C_Reinitialize: ends all sessions and begins again.
+[[nodiscard]] CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept;
+/// C_ListCards: C_GetSlotList under another name.
+[[nodiscard]] CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept;
+/// C_GetVariable: copies a token variable of the first token into `value`, whose size goes in and
+/// whose length comes out by `length`, as with an attribute's value: a null `value` asks for the
+/// length. CKR_DATA_INVALID when there is no such variable.
+[[nodiscard]] CK_RV GetVariable(const char* name, char* value, CK_ULONG_PTR length) noexcept;
+/// C_SetVariable: writes a token variable to the first token; a null or empty value takes it away.
+/// The token decides whether that takes a login, which is the caller's business.
+[[nodiscard]] CK_RV SetVariable(const char* name, const char* value) noexcept;
+
+}  // namespace qixx::bridge

@@ -1,0 +1,141 @@
+#include "bridge/module.h"
+
+#include <dlfcn.h>
+
+#include <cstddef>
+#include <string>
+
+#include "config/store.h"
+#include "runtime/files.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+
+namespace qixx::bridge {
+namespace {
+
+constexpr const char* kDefaultModule = "opensc-pkcs11.so";
+
+/// Where distributions keep PKCS#11 modules. The first is the folder of this machine's architecture
+/// where there is one.
+constexpr const char* kModuleFolders[] = {
+#ifdef QIXX_ARCHITECTURE
+    "/usr/lib/" QIXX_ARCHITECTURE "/",
+    "/usr/lib/" QIXX_ARCHITECTURE "/pkcs11/",
+    "/usr/lib/" QIXX_ARCHITECTURE "/softhsm/",
+#endif
+    "/usr/lib64/",
+    "/usr/lib64/pkcs11/",
+    "/usr/lib/",
+    "/usr/lib/pkcs11/",
+    "/usr/lib64/softhsm/",
+    "/usr/lib/softhsm/",
+    "/usr/local/lib64/pkcs11/",
+    "/usr/local/lib/pkcs11/",
+    "/usr/local/lib/",
+};
+
+/// Reads the module's name and switches the trace on.
+std::string ReadSettings() {
+  char module[kTextSize] = "";
+  char trace[kTextSize] = "";
+  CConfig config;
+  config.OpenAll(false);  // whatever can be opened is asked
+  if (!ReadConfigText(config, "Trace", "bridge", trace, false)) {
+    (void)ReadConfigText(config, "Trace", "File", trace, false);
+  }
+  (void)ReadConfigText(config, "Pkcs11", "Module", module, false);
+  config.Close(true);
+  if (trace[0] != '\0') TraceSetFile(trace);
+  return module[0] != '\0' ? module : kDefaultModule;
+}
+
+/// Kept to itself: the program may hold another module with functions of the same names.
+void* Open(const std::string& path, std::string& fault) {
+  void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  // The first fault is that of the name as configured, which is the one to tell.
+  if (const char* const told = ::dlerror(); library == nullptr && fault.empty()) {
+    fault = told == nullptr ? "" : told;
+  }
+  return library;
+}
+
+void* Find(const std::string& name, std::string& path) {
+  std::string fault;
+  path = name;
+  if (void* const library = Open(path, fault); library != nullptr) return library;
+  if (name.find('/') == std::string::npos) {
+    for (const char* const folder : kModuleFolders) {
+      path = folder + name;
+      if (!PathExists(path.c_str())) continue;
+      fault.clear();  // of a file that is there, the fault says more
+      if (void* const library = Open(path, fault); library != nullptr) return library;
+    }
+  }
+  TraceWrite("Bridge - Failed to load '%s': %s", name.c_str(), fault.c_str());
+  return nullptr;
+}
+
+/// The answer of the functions that a module leaves out.
+struct Missing {
+#define BRIDGE_MISSING(name, parameters, arguments) \
+  static CK_RV name parameters {                    \
+    return Refuse arguments;                        \
+  }
+  QIXX_CK_FUNCTIONS(BRIDGE_MISSING)
+#undef BRIDGE_MISSING
+
+ private:
+  template <typename... Arguments>
+  static CK_RV Refuse(const Arguments&... /*unused*/) {
+    return CKR_FUNCTION_NOT_SUPPORTED;
+  }
+};
+
+void Fill(const CK_FUNCTION_LIST& module, CK_FUNCTION_LIST& functions) {
+  // Before the release 2.01 of the standard the list ended in front of its last function.
+  const bool isWhole = module.version.major > 2 || module.version.minor >= 1;
+  const std::size_t size =
+      isWhole ? sizeof(CK_FUNCTION_LIST) : offsetof(CK_FUNCTION_LIST, C_WaitForSlotEvent);
+  functions.version = module.version;
+#define BRIDGE_FILL(name, parameters, arguments)                                   \
+  functions.C_##name = &Missing::name;                                             \
+  if (offsetof(CK_FUNCTION_LIST, C_##name) < size && module.C_##name != nullptr) { \
+    functions.C_##name = module.C_##name;                                          \
+  }
+  QIXX_CK_FUNCTIONS(BRIDGE_FILL)
+#undef BRIDGE_FILL
+}
+
+bool TakeFunctions(void* library, const std::string& path, CK_FUNCTION_LIST& functions) {
+  const auto obtain = reinterpret_cast<CK_C_GetFunctionList>(::dlsym(library, "C_GetFunctionList"));
+  CK_FUNCTION_LIST* module = nullptr;
+  if (obtain == &C_GetFunctionList) {
+    TraceWrite("Bridge - '%s' is the bridge itself", path.c_str());
+    return false;
+  }
+  if (obtain == nullptr || obtain(&module) != CKR_OK || module == nullptr) {
+    TraceWrite("Bridge - '%s' is no PKCS#11 module", path.c_str());
+    return false;
+  }
+  Fill(*module, functions);
+  return true;
+}
+
+}  // namespace
+
+const CK_FUNCTION_LIST* LoadModule() {
+  static CK_FUNCTION_LIST functions;
+  InitProductIdentity();
+  const std::string name = ReadSettings();
+  std::string path;
+  void* const library = Find(name, path);
+  if (library == nullptr) return nullptr;
+  if (!TakeFunctions(library, path, functions)) {
+    ::dlclose(library);
+    return nullptr;
+  }
+  TraceWrite("Bridge - Loaded '%s'", path.c_str());
+  return &functions;
+}
+
+}  // namespace qixx::bridge

@@ -1,0 +1,180 @@
+#include "bridge/readers.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+
+#include "runtime/trace.h"
+
+namespace qixx::bridge {
+namespace {
+
+// The interface of PC/SC as the pcsc-lite project publishes it for this platform, where both of its
+// number types are one machine word.
+using PcscResult = long;
+using PcscWord = unsigned long;
+
+struct ReaderQuery {
+  const char* name;
+  void* userData;
+  PcscWord knownState;
+  PcscWord state;
+  PcscWord answerLength;
+  unsigned char answerToReset[33];
+};
+
+constexpr std::uint32_t kSuccess = 0;
+constexpr std::uint32_t kInsufficientBuffer = 0x80100008;
+constexpr std::uint32_t kUnknownReader = 0x80100009;
+constexpr std::uint32_t kNoReaders = 0x8010002E;
+
+constexpr PcscWord kScopeSystem = 2;
+constexpr PcscWord kStatePresent = 0x20;
+constexpr unsigned kChangesShift = 16;
+
+/// More readers than PC/SC knows, and more than any desktop has.
+constexpr std::size_t kMaxReaders = 64;
+constexpr std::size_t kMaxNames = 64 * 1024;
+constexpr std::size_t kNamesAtFirst = 2048;
+
+struct Pcsc {
+  PcscResult (*establish)(PcscWord scope, const void*, const void*, long* context) = nullptr;
+  PcscResult (*release)(long context) = nullptr;
+  PcscResult (*list)(long context, const char* groups, char* names, PcscWord* size) = nullptr;
+  PcscResult (*state)(long context, PcscWord timeout, ReaderQuery* readers, PcscWord) = nullptr;
+
+  [[nodiscard]] bool IsComplete() const {
+    return establish != nullptr && release != nullptr && list != nullptr && state != nullptr;
+  }
+};
+
+template <typename Function>
+void Resolve(void* library, const char* name, Function& function) {
+  function = reinterpret_cast<Function>(::dlsym(library, name));
+}
+
+Pcsc LoadPcsc() {
+  Pcsc pcsc;
+  void* const library = ::dlopen("libpcsclite.so.1", RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr) return pcsc;
+  Resolve(library, "SCardEstablishContext", pcsc.establish);
+  Resolve(library, "SCardReleaseContext", pcsc.release);
+  Resolve(library, "SCardListReaders", pcsc.list);
+  Resolve(library, "SCardGetStatusChange", pcsc.state);
+  return pcsc;
+}
+
+/// Loaded once and never given back.
+const Pcsc& Library() {
+  static const Pcsc library = LoadPcsc();
+  return library;
+}
+
+/// The part of a reader's name that a slot description has room for.
+std::string_view CutName(std::string_view name) {
+  name = name.substr(0, sizeof CK_SLOT_INFO::slotDescription);
+  return name.substr(0, name.find_last_not_of(' ') + 1);
+}
+
+/// The codes have 32 bits, whatever the sign that a machine word gives them.
+std::uint32_t CodeOf(PcscResult result) {
+  return static_cast<std::uint32_t>(result);
+}
+
+}  // namespace
+
+std::string_view DescriptionText(const CK_SLOT_INFO& info) {
+  const std::string_view text(reinterpret_cast<const char*>(info.slotDescription),
+                              sizeof info.slotDescription);
+  return CutName(text.substr(0, std::min(text.find('\0'), text.size())));
+}
+
+bool Readers::Look() {
+  const bool wasConnected = connected_;
+  if (!Connect() || !ReadNames()) names_.assign(1, '\0');
+  bool changed = wasConnected != connected_;
+  if (names_ != current_) {
+    changed = true;
+    TakeNames();
+  }
+  if (!readers_.empty() && !ReadStates()) {
+    // A reader went between the two questions. The next look sees which.
+    current_.clear();
+  }
+  return changed;
+}
+
+void Readers::Close() {
+  if (connected_) Library().release(context_);
+  connected_ = false;
+}
+
+bool Readers::Connect() {
+  if (connected_) return true;
+  if (!Library().IsComplete()) return false;
+  connected_ = CodeOf(Library().establish(kScopeSystem, nullptr, nullptr, &context_)) == kSuccess;
+  return connected_;
+}
+
+bool Readers::ReadNames() {
+  names_.resize(std::max(names_.capacity(), kNamesAtFirst));
+  for (;;) {
+    PcscWord size = names_.size();
+    const std::uint32_t code = CodeOf(Library().list(context_, nullptr, names_.data(), &size));
+    if (code == kInsufficientBuffer && size > names_.size() && size <= kMaxNames) {
+      names_.resize(size);
+      continue;
+    }
+    if (code != kSuccess && code != kNoReaders) Close();  // the service is away or another one
+    if (code != kSuccess || size < 2 || size > names_.size()) return false;
+    names_.resize(size);
+    // Two zero bytes end the list, also that of a service that does not write them.
+    names_[size - 2] = names_[size - 1] = '\0';
+    return true;
+  }
+}
+
+void Readers::TakeNames() {
+  current_ = names_;
+  readers_.clear();
+  for (const char* name = current_.data(); *name != '\0' && readers_.size() < kMaxReaders;) {
+    const std::string_view whole(name);
+    readers_.push_back({std::string(CutName(whole)), {}});
+    name += whole.size() + 1;
+  }
+}
+
+bool Readers::ReadStates() {
+  std::array<ReaderQuery, kMaxReaders> queries{};
+  const char* name = current_.data();
+  for (std::size_t i = 0; i < readers_.size(); ++i) {
+    queries[i].name = name;
+    name += std::string_view(name).size() + 1;
+  }
+  // No state is said to be known, so the answer is there at once.
+  const std::uint32_t code = CodeOf(Library().state(context_, 0, queries.data(), readers_.size()));
+  if (code != kSuccess) {
+    if (code != kUnknownReader) Close();
+    return false;
+  }
+  for (std::size_t i = 0; i < readers_.size(); ++i) {
+    const PcscWord state = queries[i].state;
+    readers_[i].state = {(state & kStatePresent) != 0,
+                         static_cast<std::uint32_t>(state >> kChangesShift) & 0xFFFF};
+  }
+  return true;
+}
+
+const Readers::Reader* Readers::Find(std::string_view name) const {
+  const Reader* found = nullptr;
+  for (const Reader& reader : readers_) {
+    if (reader.name != name) continue;
+    if (found != nullptr) return nullptr;
+    found = &reader;
+  }
+  return found;
+}
+
+}  // namespace qixx::bridge

@@ -1,0 +1,65 @@
+// The card readers as PC/SC sees them: which there are, and whether a card is in.
+//
+// The PC/SC library is loaded at run time and asked directly, beside whatever the module does,
+// because it tells of a card at once and at the cost of one message, while a module tells when it
+// has read the card. It is asked for the state of the readers and for nothing else: no card is
+// connected to. Without that library, and while its service is away, there are no readers here.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "pkcs11/cryptoki.h"
+
+namespace qixx::bridge {
+
+/// A reader's name as a slot description holds it: cut to 64 bytes, without padding.
+[[nodiscard]] std::string_view DescriptionText(const CK_SLOT_INFO& info);
+
+/// Not for several threads at a time.
+class Readers {
+ public:
+  struct State {
+    bool present = false;
+    std::uint32_t changes = 0;  ///< grows with each insertion and removal
+
+    bool operator==(const State&) const = default;
+  };
+  struct Reader {
+    std::string name;  ///< cut as a slot description is
+    State state;
+  };
+
+  Readers() = default;
+  ~Readers() { Close(); }
+  Readers(const Readers&) = delete;
+  Readers& operator=(const Readers&) = delete;
+
+  /// Asks for the state of all readers. True when there are others than at the last look, also when
+  /// they were all there before: a restarted service has let go of everything. Allocates nothing
+  /// while the readers stay.
+  bool Look();
+  /// Ends the connection; the next look makes another.
+  void Close();
+
+  [[nodiscard]] std::span<const Reader> All() const { return readers_; }
+  /// Null when no reader has the name, or more than one has it.
+  [[nodiscard]] const Reader* Find(std::string_view name) const;
+
+ private:
+  bool Connect();
+  bool ReadNames();
+  bool ReadStates();
+  void TakeNames();
+
+  long context_ = 0;
+  bool connected_ = false;
+  std::vector<char> names_;    ///< as PC/SC lists them: each terminated, then an empty one
+  std::vector<char> current_;  ///< those of the last look
+  std::vector<Reader> readers_;
+};
+
+}  // namespace qixx::bridge

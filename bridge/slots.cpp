@@ -1,0 +1,312 @@
+#include "bridge/slots.h"
+
+#include <time.h>
+
+#include <algorithm>
+
+#include "runtime/trace.h"
+
+namespace qixx::bridge {
+namespace {
+
+// How the service counts: see CHelperPkcs11::NormalizeSlotId.
+constexpr CK_SLOT_ID kGroupSize = 3;
+constexpr CK_SLOT_ID kLastGroup = 94;
+
+/// What a module may make us hold, whatever it says.
+constexpr CK_ULONG kMaxSlots = 4096;
+constexpr CK_ULONG kSlotsAtFirst = 32;
+/// A list that grows between the question for its length and that for itself is asked for again.
+constexpr int kListAttempts = 3;
+/// More pending events than this are left for the next look.
+constexpr int kEventsPerLook = 16;
+
+/// Between two comparisons of all slots while the module tells events, in milliseconds.
+constexpr std::int64_t kRefreshInterval = 1000;
+/// How often a module is asked for a reader that PC/SC shows and it does not: it may be slower, or
+/// be set to ignore it.
+constexpr int kSearches = 10;
+
+std::int64_t Milliseconds() {
+  timespec time = {};
+  ::clock_gettime(CLOCK_MONOTONIC, &time);
+  return std::int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
+}
+
+}  // namespace
+
+// --- for the bridge's functions -----------------------------------------------------------------
+
+void Slots::Begin(const CK_FUNCTION_LIST& module) {
+  module_ = &module;
+  eventless_ = false;
+  readers_.Look();
+  Refresh();
+  for (Slot& slot : slots_) {
+    slot.pulled = false;
+    slot.shown = StateOf(slot);
+  }
+}
+
+void Slots::End() {
+  module_ = nullptr;
+  readers_.Close();
+}
+
+CK_RV Slots::List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers) {
+  if (stale_ || (refresh && !withToken)) Refresh();
+  std::vector<CK_SLOT_ID> ids;
+  const CK_RV result = ListModule(withToken, refresh && withToken, ids);
+  if (result != CKR_OK) return result;
+  if (!std::all_of(ids.begin(), ids.end(), [this](CK_SLOT_ID id) { return ById(id) != nullptr; })) {
+    Refresh();
+  }
+  numbers.clear();
+  for (const CK_SLOT_ID id : ids) {
+    if (const Slot* const slot = ById(id); slot != nullptr) numbers.push_back(slot->number);
+  }
+  return CKR_OK;
+}
+
+std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
+  const Slot* const slot = ByNumber(number);
+  if (slot == nullptr || !slot->byPcsc || slot->further) return {};
+  if (readers_.Look()) stale_ = true;
+  CK_SLOT_INFO info = slot->info;
+  info.flags &= ~CKF_TOKEN_PRESENT;
+  if (!slot->pulled && StateOf(*slot).present) info.flags |= CKF_TOKEN_PRESENT;
+  return info;
+}
+
+std::optional<CK_SLOT_ID> Slots::ToModule(CK_SLOT_ID number) {
+  if (stale_) Refresh();
+  const Slot* const slot = ByNumber(number);
+  return slot == nullptr ? std::nullopt : std::optional(slot->id);
+}
+
+std::optional<CK_SLOT_ID> Slots::FromModule(CK_SLOT_ID id) {
+  const Slot* const slot = ById(id);
+  return slot == nullptr ? std::nullopt : std::optional(slot->number);
+}
+
+bool Slots::TakeEvent(CK_SLOT_ID& number) {
+  for (Slot& slot : slots_) slot.pulled = false;
+  Look();
+  for (std::size_t i = 0; i < slots_.size(); ++i) {
+    const std::size_t place = (turn_ + i) % slots_.size();
+    Slot& slot = slots_[place];
+    if (slot.further || !ShowNext(slot, StateOf(slot))) continue;
+    turn_ = place + 1;
+    number = slot.number;
+    return true;
+  }
+  return false;
+}
+
+// --- states -------------------------------------------------------------------------------------
+
+Readers::State Slots::StateOf(const Slot& slot) const {
+  if (!slot.byPcsc) return {slot.listed && (slot.info.flags & CKF_TOKEN_PRESENT) != 0, 0};
+  const Readers::Reader* const reader = readers_.Find(slot.Description());
+  return reader == nullptr ? Readers::State{} : reader->state;
+}
+
+/// True when there is something to tell. A card that gave place to another is pulled first.
+bool Slots::ShowNext(Slot& slot, const Readers::State& state) {
+  if (slot.shown.present && state.present && slot.shown != state) {
+    slot.pulled = true;
+    slot.shown = {false, state.changes};
+    return true;
+  }
+  const bool differs = slot.shown.present != state.present;
+  slot.shown = state;
+  return differs;
+}
+
+void Slots::Look() {
+  if (readers_.Look()) {
+    stale_ = true;
+    searches_ = kSearches;
+  }
+  AdoptReaders();
+  if (searches_ > 0 && KnowsAllReaders()) searches_ = 0;
+  const bool comparing = NeedsModule();
+  if (comparing && !eventless_) HearModule();
+  const bool isDue = Milliseconds() - refreshed_ >= kRefreshInterval;
+  if (searches_ > 0 && (stale_ || isDue)) {
+    --searches_;
+    Refresh();
+  } else if (comparing && (eventless_ || isDue)) {
+    Refresh();
+  }
+}
+
+/// A slot that is named after a PC/SC reader is watched by PC/SC from now on.
+void Slots::AdoptReaders() {
+  for (Slot& slot : slots_) {
+    if (slot.byPcsc) continue;
+    const Readers::Reader* const reader = readers_.Find(slot.Description());
+    if (reader == nullptr) continue;
+    slot.byPcsc = true;
+    slot.shown.changes = reader->state.changes;
+  }
+}
+
+bool Slots::KnowsAllReaders() const {
+  const auto isKnown = [this](const Readers::Reader& reader) {
+    return std::any_of(slots_.begin(), slots_.end(),
+                       [&reader](const Slot& slot) { return slot.Description() == reader.name; });
+  };
+  return std::all_of(readers_.All().begin(), readers_.All().end(), isKnown);
+}
+
+bool Slots::NeedsModule() const {
+  return slots_.empty() || !std::all_of(slots_.begin(), slots_.end(), [](const Slot& slot) {
+           return slot.byPcsc || slot.further;
+         });
+}
+
+// --- the module ---------------------------------------------------------------------------------
+
+/// An event says that a slot is worth a look, and no more: what is told is its state.
+void Slots::HearModule() {
+  for (int taken = 0; taken < kEventsPerLook; ++taken) {
+    CK_SLOT_ID id = 0;
+    const CK_RV result = module_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &id, nullptr);
+    if (result == CKR_FUNCTION_NOT_SUPPORTED) eventless_ = true;
+    if (result != CKR_OK) return;
+    if (Slot* const slot = ById(id); slot != nullptr) {
+      ReadInfo(id, slot->info);
+    } else {
+      refreshed_ = 0;
+    }
+  }
+}
+
+/// A slot of which nothing can be read shows no token.
+void Slots::ReadInfo(CK_SLOT_ID id, CK_SLOT_INFO& info) const {
+  CK_SLOT_INFO read = {};
+  if (module_->C_GetSlotInfo(id, &read) == CKR_OK) {
+    info = read;
+  } else {
+    info.flags &= ~CKF_TOKEN_PRESENT;
+  }
+}
+
+CK_RV Slots::ListModule(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& ids) const {
+  const CK_BBOOL present = withToken ? CK_TRUE : CK_FALSE;
+  CK_ULONG count = 0;
+  // Some modules look for new readers when they are asked for the number alone.
+  CK_RV result = refresh ? module_->C_GetSlotList(present, nullptr, &count) : CKR_OK;
+  for (int attempt = 0; result == CKR_OK && attempt < kListAttempts; ++attempt) {
+    ids.resize(std::clamp(count, kSlotsAtFirst, kMaxSlots));
+    count = ids.size();
+    result = module_->C_GetSlotList(present, ids.data(), &count);
+    if (result == CKR_OK) {
+      ids.resize(std::min<std::size_t>(count, ids.size()));
+      return CKR_OK;
+    }
+    if (result == CKR_BUFFER_TOO_SMALL) result = module_->C_GetSlotList(present, nullptr, &count);
+  }
+  return result == CKR_OK ? CKR_BUFFER_TOO_SMALL : result;
+}
+
+/// Brings everything up to what the module lists now. A list that fails says nothing.
+void Slots::Refresh() {
+  refreshed_ = Milliseconds();
+  std::vector<CK_SLOT_ID> ids;
+  if (ListModule(false, true, ids) != CKR_OK) return;
+  std::vector<Sight> sights;
+  sights.reserve(ids.size());
+  for (const CK_SLOT_ID id : ids) {
+    const Slot* const known = ById(id);
+    Sight sight = {id, known != nullptr ? known->info : CK_SLOT_INFO{}, false};
+    ReadInfo(id, sight.info);
+    sights.push_back(sight);
+  }
+  Place(sights);
+  AdoptReaders();
+  stale_ = false;
+}
+
+// --- numbers ------------------------------------------------------------------------------------
+
+/// Finds each slot among those seen before: unchanged, else by its description, else by its id.
+void Slots::Place(std::vector<Sight>& sights) {
+  for (Slot& slot : slots_) slot.listed = false;
+  const auto claim = [this, &sights](const auto& isSame) {
+    for (Sight& sight : sights) {
+      if (sight.placed) continue;
+      const auto slot = std::find_if(slots_.begin(), slots_.end(), [&](const Slot& known) {
+        return !known.listed && isSame(known, sight, DescriptionText(sight.info));
+      });
+      if (slot == slots_.end()) continue;
+      if (slot->Description() != DescriptionText(sight.info)) slot->byPcsc = false;
+      slot->id = sight.id;
+      slot->info = sight.info;
+      slot->listed = sight.placed = true;
+    }
+  };
+  claim([](const Slot& slot, const Sight& sight, std::string_view description) {
+    return slot.id == sight.id && slot.Description() == description;
+  });
+  claim([](const Slot& slot, const Sight&, std::string_view description) {
+    return !description.empty() && slot.Description() == description;
+  });
+  claim([](const Slot& slot, const Sight& sight, std::string_view) {
+    return slot.id == sight.id && !slot.further;
+  });
+  for (const Sight& sight : sights) {
+    if (!sight.placed && slots_.size() < kMaxSlots) Add(sight);
+  }
+}
+
+void Slots::Add(const Sight& sight) {
+  Slot slot;
+  slot.id = sight.id;
+  slot.info = sight.info;
+  slot.listed = true;
+  // Two slots of this name are two of one reader when PC/SC knows just one of it.
+  const auto first = std::find_if(slots_.begin(), slots_.end(), [&slot](const Slot& other) {
+    return !other.further && other.Description() == slot.Description();
+  });
+  slot.further = first != slots_.end() && readers_.Find(slot.Description()) != nullptr;
+  slot.number = NewNumber(slot.further ? &*first : nullptr);
+  slots_.push_back(slot);
+  const std::string_view description = slot.Description();
+  TraceWrite("Bridge - Slot %d is slot 0x%lx of the module, '%.*s'", static_cast<int>(slot.number),
+             slot.id, static_cast<int>(description.size()), description.data());
+}
+
+/// For another slot of a reader one of that reader's numbers, as long as it has any.
+CK_SLOT_ID Slots::NewNumber(const Slot* first) {
+  if (first != nullptr && first->number <= kLastGroup) {
+    for (CK_SLOT_ID number = first->number + 1; number < first->number + kGroupSize; ++number) {
+      if (ByNumber(number) == nullptr) return number;
+    }
+  }
+  CK_SLOT_ID& next = first == nullptr && nextGroup_ <= kLastGroup ? nextGroup_ : nextSingle_;
+  const CK_SLOT_ID number = next;
+  next += &next == &nextGroup_ ? kGroupSize : 1;
+  return number;
+}
+
+Slots::Slot* Slots::ByNumber(CK_SLOT_ID number) {
+  const auto slot = std::find_if(slots_.begin(), slots_.end(), [number](const Slot& candidate) {
+    return candidate.number == number;
+  });
+  return slot == slots_.end() ? nullptr : &*slot;
+}
+
+/// The one that the module lists, else the one that had this id last.
+Slots::Slot* Slots::ById(CK_SLOT_ID id) {
+  Slot* found = nullptr;
+  for (Slot& slot : slots_) {
+    if (slot.id != id) continue;
+    found = &slot;
+    if (slot.listed) break;
+  }
+  return found;
+}
+
+}  // namespace qixx::bridge

@@ -1,0 +1,36 @@
+// A PC/SC service (pcscd) with two virtual readers, in a world of its own: a mount and a network
+// namespace hold its socket and the readers' ports, so that it meets neither the machine's own
+// service nor that of another test.
+#pragma once
+
+#include <sys/types.h>
+
+#include <csignal>
+#include <string>
+
+#include "tests/support/temporary_folder.h"
+
+namespace qixx::testing {
+
+class CardService {
+ public:
+  /// Moves this process, and what it starts, into a world of its own; once for each process. Where
+  /// that is not allowed, root takes the machine's, one test at a time, when no service is there.
+  /// Returns why there can be no service here, an empty text when there can.
+  [[nodiscard]] static std::string EnterWorld();
+
+  CardService() = default;
+  ~CardService();
+  CardService(const CardService&) = delete;
+  CardService& operator=(const CardService&) = delete;
+
+  /// A service that had readers keeps them.
+  void Start(bool withReaders = true);
+  void Stop(int signal = SIGTERM);
+
+ private:
+  const TemporaryFolder readers_;
+  pid_t process_ = 0;
+};
+
+}  // namespace qixx::testing

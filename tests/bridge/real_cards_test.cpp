@@ -1,0 +1,219 @@
+// The service, the bridge, the distribution's OpenSC and PC/SC service, and a PIV card in a virtual
+// reader: everything is real but the card.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+
+#include "tests/bridge/card_service.h"
+#include "tests/bridge/piv_card.h"
+#include "tests/end_to_end/desktop.h"
+#include "tests/support/environment.h"
+#include "tests/support/eventually.h"
+#include "tests/support/openssl.h"
+
+namespace qixx::testing {
+namespace {
+
+constexpr const char* kUpn = "ann@tessaly.example\n";
+
+class RealCards : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (const std::string fault = CardService::EnterWorld(); !fault.empty()) {
+      GTEST_SKIP() << "NOT TESTED on cards: " << fault;
+    }
+    if (OutputOf("ls /usr/lib/*/opensc-pkcs11.so /usr/lib*/opensc-pkcs11.so 2>/dev/null; true")
+            .empty()) {
+      GTEST_SKIP() << "NOT TESTED on cards: no OpenSC (package opensc)";
+    }
+    ASSERT_TRUE(MakeCertificate(desktop.Path("ann.der"))) << "the program openssl is needed";
+    certificate_ = desktop.Home().Read("ann.der");
+  }
+  void TearDown() override {
+    while (!in_.empty()) Remove(in_.begin()->first);
+    if (desktop.Process() == 0) return;
+    EXPECT_EQ(desktop.Stop(), 0) << desktop.Report();
+  }
+
+  /// Starts to watch; the name of the card's holder goes into "said.txt".
+  void Watch(const std::string& options = "") {
+    desktop.Configure("[Command]\nWatch=-sync " + options +
+                      "config Watch\n[Watch Insert]\n1=" + desktop.Echo("%UPN%", "said.txt") +
+                      "\n[Watch Remove]\n1=" + desktop.Echo("removed", "said.txt") + "\n");
+    desktop.Start();
+    ASSERT_TRUE(desktop.Traced("Watch - Running 'Watch'")) << desktop.Report();
+  }
+
+  void Insert(int reader, const std::string& certificate, InsertedCard::Options options = {}) {
+    std::unique_ptr<InsertedCard>& card = in_[reader];
+    ASSERT_TRUE(Eventually([&] {
+      card.reset();
+      card = std::make_unique<InsertedCard>(kFirstReaderPort + reader, certificate, options);
+      return card->IsIn();
+    })) << "reader "
+        << reader << " does not listen";
+  }
+  void Insert(int reader) { Insert(reader, certificate_); }
+  /// Every card tells what was done to it.
+  void Remove(int reader) {
+    EXPECT_EQ(in_[reader]->Counters().pins, 0) << "a PIN was sent";
+    EXPECT_EQ(in_[reader]->Counters().writes, 0) << "the card was written to";
+    in_.erase(reader);
+  }
+  [[nodiscard]] bool Connected(int slot, std::size_t count = 1) const {
+    return desktop.Traced("Watch - Connected slot " + std::to_string(slot), count);
+  }
+  [[nodiscard]] bool Disconnected(int slot, std::size_t count = 1) const {
+    return desktop.Traced("Watch - Disconnected slot " + std::to_string(slot), count);
+  }
+
+  CardService service;
+  Desktop desktop;
+  std::string certificate_;
+  std::map<int, std::unique_ptr<InsertedCard>> in_;
+};
+
+TEST_F(RealCards, CardThatIsInAtStart) {
+  service.Start();
+  Insert(1);
+  ASSERT_TRUE(Eventually([&] { return in_[1]->Counters().resets != 0; }));
+  Watch();
+  EXPECT_TRUE(Connected(4)) << desktop.Report();
+  EXPECT_TRUE(desktop.Holds("said.txt", kUpn)) << desktop.Report();
+  Remove(1);
+  EXPECT_TRUE(Disconnected(4)) << desktop.Report();
+}
+
+TEST_F(RealCards, EachReaderAndTheHolderOfItsCard) {
+  service.Start();
+  Watch();
+  for (const int reader : {0, 1, 0}) {
+    const int slot = reader * 3 + 1;
+    const std::size_t count = desktop.TraceCount("Watch - Connected slot " + std::to_string(slot));
+    Insert(reader);
+    ASSERT_TRUE(Connected(slot, count + 1)) << desktop.Report();
+    EXPECT_TRUE(desktop.Holds("said.txt", kUpn)) << desktop.Report();
+    Remove(reader);
+    ASSERT_TRUE(Disconnected(slot, count + 1)) << desktop.Report();
+    EXPECT_TRUE(desktop.Holds("said.txt", "removed\n")) << desktop.Report();
+  }
+}
+
+TEST_F(RealCards, TenInARow) {
+  service.Start();
+  Watch();
+  for (std::size_t count = 1; count <= 10; ++count) {
+    Insert(0);
+    ASSERT_TRUE(Connected(1, count)) << desktop.Report();
+    Remove(0);
+    ASSERT_TRUE(Disconnected(1, count)) << desktop.Report();
+  }
+  EXPECT_EQ(desktop.TraceCount("Watch - Event"), 21U) << "the one at start, and two for each card";
+}
+
+TEST_F(RealCards, TwoAtOnce) {
+  service.Start();
+  Watch();
+  Insert(0);
+  ASSERT_TRUE(Connected(1)) << desktop.Report();
+  Insert(1);
+  ASSERT_TRUE(desktop.Traced("Watch - Already connected")) << desktop.Report();
+  Remove(0);
+  EXPECT_TRUE(Disconnected(1)) << desktop.Report();
+}
+
+TEST_F(RealCards, ChangedBetweenTwoLooks) {
+  service.Start();
+  Watch();
+  Insert(0);
+  ASSERT_TRUE(Connected(1)) << desktop.Report();
+  ::kill(desktop.Process(), SIGSTOP);
+  Remove(0);
+  Insert(0);
+  ASSERT_TRUE(Eventually([&] { return in_[0]->Counters().resets != 0; }));
+  ::kill(desktop.Process(), SIGCONT);
+  EXPECT_TRUE(Disconnected(1)) << desktop.Report();
+  EXPECT_TRUE(Connected(1, 2)) << desktop.Report();
+}
+
+TEST_F(RealCards, PulledWhileItIsRead) {
+  service.Start();
+  Watch();
+  Insert(0, certificate_, {.pulledWhileRead = true});
+  ASSERT_TRUE(Connected(1)) << desktop.Report();
+  EXPECT_TRUE(in_[0]->Counters().gone);
+  ASSERT_TRUE(Disconnected(1)) << desktop.Report();
+  Remove(0);
+  Insert(0);
+  ASSERT_TRUE(Connected(1, 2)) << desktop.Report();
+  EXPECT_TRUE(desktop.Holds("said.txt", kUpn)) << desktop.Report();
+}
+
+TEST_F(RealCards, ServiceComesLateDiesAndComesBack) {
+  Watch();
+  ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
+  for (const std::size_t count : {1, 2}) {
+    service.Start();
+    Insert(1);
+    ASSERT_TRUE(Connected(4, count)) << desktop.Report();
+    EXPECT_TRUE(desktop.Holds("said.txt", kUpn)) << desktop.Report();
+    service.Stop(SIGKILL);
+    ASSERT_TRUE(Disconnected(4, count)) << desktop.Report();
+    Remove(1);
+  }
+}
+
+TEST_F(RealCards, DriverComesLater) {
+  service.Start(false);
+  Watch();
+  ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
+  // A driver that has just been installed is found by a service that is started again.
+  service.Stop();
+  service.Start();
+  Insert(0);
+  EXPECT_TRUE(Connected(1)) << desktop.Report();
+  EXPECT_TRUE(desktop.Holds("said.txt", kUpn)) << desktop.Report();
+}
+
+TEST_F(RealCards, CardThatTheModuleDoesNotKnow) {
+  service.Start();
+  Watch();
+  Insert(0, "");
+  EXPECT_TRUE(Connected(1)) << "its events count all the same: " << desktop.Report();
+  Remove(0);
+  EXPECT_TRUE(Disconnected(1)) << desktop.Report();
+  EXPECT_EQ(desktop.Stop(), 0);
+
+  Watch("-recognized ");
+  Insert(0, "");
+  ASSERT_TRUE(Eventually([&] { return in_[0]->Counters().commands != 0; }));
+  Insert(1);
+  ASSERT_TRUE(Connected(4)) << desktop.Report();
+  EXPECT_EQ(desktop.TraceCount("Watch - Connected slot 1"), 1U);
+}
+
+/// What the tool prints, without the numbers that differ from run to run.
+std::string Listed(const std::string& module) {
+  return OutputOf("pkcs11-tool --module " + module +
+                  " -L -O 2>&1 | sed -E 's/0x[0-9a-f]+/ID/; s/(object) [0-9]+/\\1/'");
+}
+
+TEST_F(RealCards, ToolListsWhatTheModuleHas) {
+  if (*QIXX_SANITIZER != '\0') {
+    GTEST_SKIP() << "a program without the sanitizer cannot load a library with it";
+  }
+  if (OutputOf("command -v pkcs11-tool").empty()) {
+    GTEST_SKIP() << "NOT TESTED: pkcs11-tool is not installed (package opensc)";
+  }
+  service.Start();
+  Insert(1);
+  ASSERT_TRUE(Eventually([&] { return in_[1]->Counters().resets != 0; }));
+  const ScopedVariable none("qixconfigglobal", desktop.Path("none.conf").c_str());
+  const std::string bare = Listed("opensc-pkcs11.so");
+  EXPECT_EQ(Listed(BRIDGE), bare);
+  EXPECT_NE(bare.find("Certificate for PIV Authentication"), std::string::npos) << bare;
+}
+
+}  // namespace
+}  // namespace qixx::testing

@@ -1,0 +1,34 @@
+// virtual_card PORT CERTIFICATE [DELAY]: a PIV card is in the reader of that port (35963, 35964)
+// until the program is ended. The certificate is a file in DER; the card takes DELAY milliseconds
+// for each command.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "tests/bridge/piv_card.h"
+#include "tests/support/temporary_folder.h"
+
+int main(int count, char** arguments) {
+  if (count < 3) {
+    std::fputs("usage: virtual_card PORT CERTIFICATE.der [DELAY]\n", stderr);
+    return 2;
+  }
+  sigset_t end;
+  ::sigemptyset(&end);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&end, signal);
+  ::sigprocmask(SIG_BLOCK, &end, nullptr);  // before the card's thread is there
+
+  using namespace qixx::testing;
+  const std::string certificate = TemporaryFolder::ReadFile(arguments[2]);
+  const InsertedCard card(std::atoi(arguments[1]), certificate,
+                          {.delay = count > 3 ? std::atoi(arguments[3]) : 0});
+  if (certificate.empty() || !card.IsIn()) {
+    std::fputs("virtual_card: no certificate, or no reader behind that port\n", stderr);
+    return 1;
+  }
+  int signal = 0;
+  ::sigwait(&end, &signal);
+  std::printf("%d commands, %d PINs, %d writes\n", card.Counters().commands.load(),
+              card.Counters().pins.load(), card.Counters().writes.load());
+  return 0;
+}
