@@ -8,9 +8,7 @@ namespace qixx::testing {
 namespace {
 
 CertificatePtr Load(const Recipe& recipe) {
-  CertificatePtr holder = LoadCertificate(BytesOf(recipe.Build()));
-  EXPECT_NE(holder, nullptr);
-  return holder;
+  return LoadCertificate(BytesOf(recipe.Build()));
 }
 
 TEST(LogonName, FollowsTheNames) {
@@ -88,7 +86,6 @@ TEST(CDerCert, ReadsManyExtensionsAndLargeValues) {
   recipe.subject = Part("o", std::string(16384, ',')) + Part("cn", std::string(8000, 'x'));
   const CertificatePtr large = Load(recipe);
   EXPECT_EQ(GetSubjectText(*large), "") << "escaped it is larger than the certificate";
-  EXPECT_EQ(LogonName(large, true, false), "ann@example.org");
   EXPECT_FALSE(large->certificate.IsSelfSigned());
   EXPECT_EQ(large->certificate.SetData(BytesOf("\x30")), kDerOk);
   EXPECT_EQ(LogonName(large, false, true), "") << "nothing is left of the first value";
@@ -108,7 +105,7 @@ TEST(CDerCert, ExpiresByUtcTimeOnly) {
                                            {"1501010000+00", 0x17, false}}) {
     const CertificatePtr holder = Load({.notAfter = Der(tag, time)});
     EXPECT_EQ(holder->certificate.IsExpired(), expired) << time;
-    char notBefore[14] = "x", notAfter[14] = "x";
+    char notBefore[15] = "x", notAfter[15] = "x";
     holder->certificate.CopyValidity(notBefore, notAfter);
     EXPECT_STREQ(notBefore, tag == 0x17 ? "200101000000Z" : "") << "both or neither";
   }
@@ -137,6 +134,8 @@ TEST(CertificateHolder, RanksDuplicates) {
   EXPECT_FALSE(AreDuplicates(*newer, *Load({.issuer = Part("o", "Other")})));
   EXPECT_FALSE(AreDuplicates(*newer, *Load({.subject = Part("cn", "Ann")})));
   EXPECT_FALSE(AreDuplicates(*newer, *Load({.extensions = ""})));
+  older->slot = 4;
+  EXPECT_FALSE(AreDuplicates(*newer, *older));
   longest->superseded = true;
   EXPECT_FALSE(AreDuplicates(*newer, *longest));
 }

@@ -12,12 +12,13 @@ std::string Format(const std::string& parts, std::size_t size = 4096) {
 
 TEST(FormatName, WritesEveryKindOfValue) {
   const std::string badType = Der(0x31, Der(0x30, FromHex("0601FF0C0141")));
-  const std::string bmp = FromHex("002C D83DDE00 D83D 0041 00"), bad3 = "\uFFFD\uFFFD\uFFFD";
+  const std::string bmp = FromHex("002C D83DDE00 D83D 0041DE00 00"), bad3 = "\uFFFD\uFFFD\uFFFD";
   const std::tuple<const char*, std::string, std::string> rows[] = {
       {"short names", Part("S", "Lee") + Part("t", "Dr") + Part("g", "Ann"), "s=Lee,t=Dr,g=Ann"},
       {"broken UTF-8", Part("o", "a\xFF\xC0\xAFz\xE2\x82"), "o=a\uFFFD\uFFFD\uFFFDz\uFFFD\uFFFD"},
       {"surrogate, overlong", Part("o", "\xED\xA0\x80 \xE0\x9F\xBF"), "o=" + bad3 + " " + bad3},
-      {"surrogates in BMPString", Part("o", bmp, 0x1E), "o=\\,\U0001F600\uFFFDA"},
+      {"overlong by one", Part("o", "\xF0\x8F\xBF\xBF,"), "o=" + bad3 + "\uFFFD\\,"},
+      {"surrogates in BMPString", Part("o", bmp, 0x1E), "o=\\,\U0001F600\uFFFDA\uFFFD"},
       {"past Unicode", Part("o", FromHex("0001F600 00110000"), 0x1C), "o=\U0001F600\uFFFD"},
       {"no text", Part("o", FromHex("00FF2C"), 0x03), "o=#030300FF2C"},
       {"zero byte", Part("o", std::string("a\0b", 3)), std::string("o=a\0b", 5)},
@@ -34,7 +35,7 @@ TEST(FormatName, WritesEveryKindOfValue) {
 TEST(NextNameComponent, WalksFormattedNames) {
   std::string_view rest = " ,+CN=Ann  , o=A\\, B\\+C\\\\\\,cn=root\\\\ + c=D\\=E\\,e= ,junk,cn=c";
   std::string key, value, components;
-  while (NextNameComponent(rest, key, value)) components += key + ":" + value + ";";
+  while (NextNameComponent(rest, key, value)) components.append(key + ":").append(value + ";");
   EXPECT_EQ(components, "CN:Ann ;o:A, B+C\\,cn=root\\;c:D\\=E,e=;");
 }
 
@@ -47,7 +48,8 @@ TEST(MatchNames, AsksSubjectOrIssuer) {
                              "SUBJECT|  ann", "Issuer| cn=Card CA", "nobody; ;cn=x; example "}) {
     EXPECT_TRUE(MatchNames(certificate, true, filter)) << filter;
   }
-  for (const char* filter : {"cn=Ann", "cn=Ann Lee Jr", "=Ann Lee", "issuer|ann", "nobody;cn=x"}) {
+  for (const char* filter :
+       {"cn=Ann", "cn=Ann Lee Jr", "=Ann Lee", "issuer|ann", "nobody; ;cn=x"}) {
     EXPECT_FALSE(MatchNames(certificate, true, filter)) << filter;
   }
   EXPECT_TRUE(MatchNames(certificate, false, "card ca"));

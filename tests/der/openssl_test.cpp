@@ -41,7 +41,7 @@ const Row kRows[] = {
     {"BMPString", "CN=J\u00fcr\u20ac\nO=A,B\n", "", "", "MASK:0x0800"},
     {"IA5String", "0.DC=org\n1.DC=example\nCN=Ann\n"},
     {"multi-valued", "C=DE\nCN=Ann\n+SN=Lee\n+OU=Card\n"},
-    {"separators", "O=Example, Inc.\nOU=a+b=c\nGN=\\\\,+;<>\n"},
+    {"separators", "O=Example, Inc.\nOU=a+b=c\nGN=\"\\\\,+;<> \"\n"},
     {"200 characters, serial of 1 byte", kLong, "", "", "utf8only", "0x7F"},
     {"serial with a leading zero", kAnn, "", "", "utf8only", "0x80"},
     {"20 components, serial of 20 bytes", kMany, "", "", "utf8only", kSerial20},
