@@ -167,14 +167,16 @@ bool Readers::ReadStates() {
   return true;
 }
 
+std::size_t Readers::Count(std::string_view name) const {
+  return static_cast<std::size_t>(
+      std::count_if(readers_.begin(), readers_.end(),
+                    [name](const Reader& reader) { return reader.name == name; }));
+}
+
 const Readers::Reader* Readers::Find(std::string_view name) const {
-  const Reader* found = nullptr;
-  for (const Reader& reader : readers_) {
-    if (reader.name != name) continue;
-    if (found != nullptr) return nullptr;
-    found = &reader;
-  }
-  return found;
+  if (Count(name) != 1) return nullptr;
+  return &*std::find_if(readers_.begin(), readers_.end(),
+                        [name](const Reader& reader) { return reader.name == name; });
 }
 
 }  // namespace qixx::bridge

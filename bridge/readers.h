@@ -6,6 +6,7 @@
 // connected to. Without that library, and while its service is away, there are no readers here.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -46,6 +47,8 @@ class Readers {
   void Close();
 
   [[nodiscard]] std::span<const Reader> All() const { return readers_; }
+  /// How many have the name: cut short, two may have one.
+  [[nodiscard]] std::size_t Count(std::string_view name) const;
   /// Null when no reader has the name, or more than one has it.
   [[nodiscard]] const Reader* Find(std::string_view name) const;
 

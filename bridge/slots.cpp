@@ -41,6 +41,7 @@ void Slots::Begin(const CK_FUNCTION_LIST& module) {
   module_ = &module;
   eventless_ = false;
   readers_.Look();
+  searches_ = kSearches;
   Refresh();
   for (Slot& slot : slots_) {
     slot.pulled = false;
@@ -54,6 +55,7 @@ void Slots::End() {
 }
 
 CK_RV Slots::List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers) {
+  used_ = true;
   if (stale_ || (refresh && !withToken)) Refresh();
   std::vector<CK_SLOT_ID> ids;
   const CK_RV result = ListModule(withToken, refresh && withToken, ids);
@@ -69,9 +71,9 @@ CK_RV Slots::List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers
 }
 
 std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
+  LookAtReaders();
   const Slot* const slot = ByNumber(number);
   if (slot == nullptr || !slot->byPcsc || slot->further) return {};
-  if (readers_.Look()) stale_ = true;
   CK_SLOT_INFO info = slot->info;
   info.flags &= ~CKF_TOKEN_PRESENT;
   if (!slot->pulled && StateOf(*slot).present) info.flags |= CKF_TOKEN_PRESENT;
@@ -79,6 +81,7 @@ std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
 }
 
 std::optional<CK_SLOT_ID> Slots::ToModule(CK_SLOT_ID number) {
+  used_ = true;
   if (stale_) Refresh();
   const Slot* const slot = ByNumber(number);
   return slot == nullptr ? std::nullopt : std::optional(slot->id);
@@ -98,9 +101,18 @@ bool Slots::TakeEvent(CK_SLOT_ID& number) {
     if (slot.further || !ShowNext(slot, StateOf(slot))) continue;
     turn_ = place + 1;
     number = slot.number;
+    if (slot.byPcsc && !slot.shown.present) letGo_ = used_;
     return true;
   }
+  if (letGo_) LetGo();
   return false;
+}
+
+/// The module has not seen that a card it used was pulled. It holds on to it, which may keep others
+/// from the next card, until it looks; there is time for that now.
+void Slots::LetGo() {
+  letGo_ = used_ = false;
+  Refresh();
 }
 
 // --- states -------------------------------------------------------------------------------------
@@ -123,12 +135,17 @@ bool Slots::ShowNext(Slot& slot, const Readers::State& state) {
   return differs;
 }
 
-void Slots::Look() {
+/// Of other readers the module hears when it is next needed.
+void Slots::LookAtReaders() {
   if (readers_.Look()) {
     stale_ = true;
     searches_ = kSearches;
   }
   AdoptReaders();
+}
+
+void Slots::Look() {
+  LookAtReaders();
   if (searches_ > 0 && KnowsAllReaders()) searches_ = 0;
   const bool comparing = NeedsModule();
   if (comparing && !eventless_) HearModule();
@@ -141,12 +158,17 @@ void Slots::Look() {
   }
 }
 
-/// A slot that is named after a PC/SC reader is watched by PC/SC from now on.
+/// A slot that has the name of one PC/SC reader is watched by PC/SC. When another reader comes that
+/// has the same name, as far as a description goes, the slot is given back to the module.
 void Slots::AdoptReaders() {
   for (Slot& slot : slots_) {
-    if (slot.byPcsc) continue;
+    if (slot.byPcsc && readers_.Count(slot.Description()) > 1) {
+      slot.byPcsc = false;
+      slot.shown.changes = 0;
+      refreshed_ = 0;  // its state has to be asked for
+    }
     const Readers::Reader* const reader = readers_.Find(slot.Description());
-    if (reader == nullptr) continue;
+    if (slot.byPcsc || reader == nullptr) continue;
     slot.byPcsc = true;
     slot.shown.changes = reader->state.changes;
   }

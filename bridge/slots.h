@@ -68,7 +68,9 @@ class Slots {
   };
 
   void Look();
+  void LookAtReaders();
   void AdoptReaders();
+  void LetGo();
   void HearModule();
   void Refresh();
   [[nodiscard]] bool NeedsModule() const;
@@ -94,6 +96,8 @@ class Slots {
   bool stale_ = false;          ///< the module has not looked since the readers changed
   int searches_ = 0;            ///< refreshes still to try for a reader that the module lacks
   bool eventless_ = false;      ///< the module knows no events
+  bool used_ = false;           ///< the module may hold on to a card
+  bool letGo_ = false;          ///< and that card was pulled
   std::int64_t refreshed_ = 0;  ///< when, in milliseconds
 };
 

@@ -20,7 +20,6 @@ namespace qixx::testing {
 namespace {
 
 constexpr const char* kProgram = "/usr/sbin/pcscd";
-/// What the package of the virtual readers tells the service.
 constexpr const char* kReaders = "/etc/reader.conf.d/vpcd";
 constexpr const char* kFolder = "/run/pcscd";
 constexpr const char* kSocket = "/run/pcscd/pcscd.comm";
@@ -79,17 +78,19 @@ CardService::~CardService() {
   if (process_ != 0) Stop();
 }
 
-void CardService::Start(bool withReaders) {
-  if (withReaders) {
-    std::filesystem::copy_file(kReaders, readers_.Path("vpcd"),
-                               std::filesystem::copy_options::skip_existing);
-  }
+std::string CardService::Readers() {
+  return TemporaryFolder::ReadFile(kReaders);
+}
+
+void CardService::Start(const std::string& readers) {
+  std::filesystem::create_directories(folder_.Path("readers"));
+  if (!readers.empty()) folder_.Write("readers/vpcd", readers);
   process_ = ::fork();
   if (process_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is killed leaves none behind
     const int quiet = ::open("/dev/null", O_RDWR);
     for (const int descriptor : {0, 1, 2}) ::dup2(quiet, descriptor);
-    ::execl(kProgram, kProgram, "--foreground", "-c", readers_.Path().c_str(), nullptr);
+    ::execl(kProgram, kProgram, "--foreground", "-c", folder_.Path("readers").c_str(), nullptr);
     ::_exit(127);
   }
 }

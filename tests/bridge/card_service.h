@@ -24,12 +24,15 @@ class CardService {
   CardService(const CardService&) = delete;
   CardService& operator=(const CardService&) = delete;
 
-  /// A service that had readers keeps them.
-  void Start(bool withReaders = true);
+  /// What the package of the virtual readers tells the service about them.
+  [[nodiscard]] static std::string Readers();
+
+  /// An empty text: no readers.
+  void Start(const std::string& readers = Readers());
   void Stop(int signal = SIGTERM);
 
  private:
-  const TemporaryFolder readers_;
+  const TemporaryFolder folder_;
   pid_t process_ = 0;
 };
 

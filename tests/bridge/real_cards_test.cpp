@@ -165,7 +165,7 @@ TEST_F(RealCards, ServiceComesLateDiesAndComesBack) {
 }
 
 TEST_F(RealCards, DriverComesLater) {
-  service.Start(false);
+  service.Start("");
   Watch();
   ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
   // A driver that has just been installed is found by a service that is started again.
@@ -174,6 +174,26 @@ TEST_F(RealCards, DriverComesLater) {
   Insert(0);
   EXPECT_TRUE(Connected(1)) << desktop.Report();
   EXPECT_TRUE(desktop.Holds("said.txt", kUpn)) << desktop.Report();
+}
+
+/// Readers whose names are one and the same in the 64 bytes of a slot description: PC/SC cannot
+/// tell the slots apart, the module can.
+TEST_F(RealCards, ReadersWithOneName) {
+  std::string readers = CardService::Readers();
+  const std::string name = "Virtual PCD";
+  ASSERT_NE(readers.find(name), std::string::npos) << readers;
+  readers.replace(readers.find(name), name.size(), std::string(80, 'x'));
+  service.Start(readers);
+  Watch();
+  for (const int reader : {0, 1}) {
+    const int slot = reader * 3 + 1;
+    Insert(reader);
+    ASSERT_TRUE(Connected(slot)) << desktop.Report();
+    EXPECT_TRUE(desktop.Holds("said.txt", kUpn)) << desktop.Report();
+    Remove(reader);
+    ASSERT_TRUE(Disconnected(slot)) << desktop.Report();
+  }
+  EXPECT_EQ(desktop.TraceCount("Watch - Event"), 5U);
 }
 
 TEST_F(RealCards, CardThatTheModuleDoesNotKnow) {
