@@ -1,150 +1,132 @@
 // Where the service takes its commands from: files, environment, conditions, command line.
-#include <gtest/gtest.h>
+#include <algorithm>
 
-#include <filesystem>
-
-#include "tests/end_to_end/desktop.h"
+#include "tests/end_to_end/service_test.h"
 
 namespace qixx::testing {
 namespace {
 
-TEST(Configuration, ConditionsChooseTheCommandForThisProgram) {
-  Desktop desktop;
+namespace fs = std::filesystem;
+
+class Configuration : public ServiceTest {
+ protected:
+  void SetUp() override { desktop.InsertCard(1); }
+  void Start() {
+    Configure("-sync", {Echo("system", "said")});
+    desktop.Start();
+  }
+};
+
+TEST_F(Configuration, ConditionsChooseTheCommandForThisProgram) {
   desktop.Configure(
       "[Condition]\n1={here} qixxwatch\n2={there} other\n"
       "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=" +
-      desktop.Echo("other", "named.txt") + "|other||" + desktop.Echo("mine", "named.txt") +
-      "|gone;qixxwatch,*||" + desktop.Echo("rest", "named.txt") +
-      "\n2=" + desktop.Echo("no", "braced.txt") + "|{there}||" + desktop.Echo("yes", "braced.txt") +
-      "|{here}\n3=" + desktop.Echo("default", "last.txt") + "||unused|*\n");
-  desktop.InsertCard(1);
+      Echo("other", "named") + "|other||" + Echo("mine", "named") + "|gone;qixxwatch,*||" +
+      Echo("rest", "named") + "\n2=" + Echo("no", "braced") + "|{there}||" + Echo("yes", "braced") +
+      "|{here}\n3=" + Echo("default", "last") + "||unused|*\n");
   desktop.Start();
-  EXPECT_TRUE(desktop.Holds("named.txt", "mine\n")) << desktop.Report();
-  EXPECT_TRUE(desktop.Holds("braced.txt", "yes\n")) << desktop.Report();
-  EXPECT_TRUE(desktop.Holds("last.txt", "default\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
-  EXPECT_GE(desktop.TraceCount("Config - Active named conditions: {here}"), 1U);
+  EXPECT_TRUE(desktop.Holds("named", "mine\n"));
+  EXPECT_TRUE(desktop.Holds("braced", "yes\n"));
+  EXPECT_TRUE(desktop.Holds("last", "default\n"));
+  EXPECT_TRUE(desktop.Traced("Config - Active named conditions: {here}"));
 }
 
-TEST(Configuration, EnvironmentOverridesAnyValue) {
-  Desktop desktop;
-  desktop.Configure("[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=" +
-                    desktop.Echo("file", "said.txt") + "\n");
-  desktop.SetVariable("qix:Watch Insert:1", desktop.Echo("environment", "said.txt"));
+TEST_F(Configuration, EnvironmentOverridesAnyValue) {
+  desktop.SetVariable("qix:Watch Insert:1", Echo("environment", "said"));
   desktop.SetVariable("qix:Watch Insert:2", "parallel kill x");
-  desktop.InsertCard(1);
-  desktop.Start();
-  EXPECT_TRUE(desktop.Holds("said.txt", "environment\n")) << desktop.Report();
-  EXPECT_TRUE(desktop.Traced("Watch - Thread execute command ... done")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
+  Start();
+  EXPECT_TRUE(desktop.Holds("said", "environment\n"));
+  EXPECT_TRUE(desktop.Traced("Watch - Thread execute command ... done"));
 }
 
-TEST(Configuration, UsersFileDecidesTheTraceAndTheSystemsTheCommands) {
-  Desktop desktop;
-  desktop.Configure("[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=" +
-                    desktop.Echo("system", "said.txt") + "\n");
-  desktop.Home().Write(".qix/qix.conf",
-                       "[Trace]\nwatch=" + desktop.Path("users.log") +
-                           "\n[Watch Insert]\n1=" + desktop.Echo("user", "said.txt") + "\n");
-  desktop.InsertCard(1);
-  desktop.Start();
-  EXPECT_TRUE(desktop.Holds("said.txt", "system\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
-  EXPECT_FALSE(std::filesystem::exists(desktop.Path("trace.log")));
+TEST_F(Configuration, UsersFileDecidesTheTraceAndTheSystemsTheCommands) {
+  desktop.Home().Write(".qix/qix.conf", "[Trace]\nwatch=" + desktop.Path("users.log") +
+                                            "\n[Watch Insert]\n1=" + Echo("user", "said") + "\n");
+  Start();
+  EXPECT_TRUE(desktop.Holds("said", "system\n"));
+  Stop();
+  EXPECT_FALSE(Exists("trace.log"));
   EXPECT_NE(desktop.Home().Read("users.log").find("Watch - Stopped"), std::string::npos);
 }
 
-TEST(Configuration, PerUserInstallationUsesOneFileInTheHome) {
-  Desktop desktop;
-  desktop.Configure("");
-  std::filesystem::create_directories(desktop.Path(".qix/lib"));
+TEST_F(Configuration, PerUserInstallationUsesOneFileInTheHome) {
+  Configure("-sync", {Echo("home", "said")});
+  fs::create_directories(desktop.Path(".qix/lib"));
+  fs::rename(desktop.Path("system.conf"), desktop.Path(".qix/qix.conf"));
   desktop.SetVariable("qixconfigglobal", "");
-  desktop.Home().Write(".qix/qix.conf", desktop.Home().Read("system.conf") +
-                                            "[Command]\nWatch=-sync config Watch\n"
-                                            "[Watch Insert]\n1=" +
-                                            desktop.Echo("home", "said.txt") + "\n");
-  desktop.InsertCard(1);
   desktop.Start();
-  EXPECT_TRUE(desktop.Holds("said.txt", "home\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
+  EXPECT_TRUE(desktop.Holds("said", "home\n"));
 }
 
-TEST(Configuration, FileBesideTheProgramComesBeforeTheSystems) {
-  Desktop desktop;
-  desktop.Configure("[Command]\nWatch=-sync config Other\n[Watch Insert]\n1=" +
-                    desktop.Echo("beside", "said.txt") +
-                    "\n[Watch Other Insert]\n1=" + desktop.Echo("system", "said.txt") + "\n");
-  const std::string program = desktop.Path("bin/watch.program");
-  std::filesystem::create_directories(desktop.Path("bin"));
-  std::filesystem::copy_file(QIXX_PROGRAM, program);
+TEST_F(Configuration, FileBesideTheProgramComesBeforeTheSystems) {
+  desktop.Configure(
+      "[Command]\nWatch=-sync config Other\n[Watch Insert]\n1=" + Echo("beside", "said") +
+      "\n[Watch Other Insert]\n1=" + Echo("system", "said") + "\n");
   desktop.Home().Write("bin/watch.conf", "[Command]\nWatch=-sync config Watch\n");
-  desktop.InsertCard(1);
-  desktop.Start({}, program);
-  EXPECT_TRUE(desktop.Holds("said.txt", "beside\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
+  fs::copy_file(QIXX_PROGRAM, desktop.Path("bin/watch.program"));
+  desktop.Start({}, desktop.Path("bin/watch.program"));
+  EXPECT_TRUE(desktop.Holds("said", "beside\n"));
 }
 
-TEST(Configuration, CommandLineOverlaysTheConfiguration) {
-  struct Row {
-    const char* name;
-    std::vector<std::string> arguments;
-    const char* running;  // the section that runs, null when nothing does
-  };
-  const Row rows[] = {
-      {"no arguments", {}, "Watch"},
-      {"another section", {"-sync", "config", "Extra"}, "Extra"},
-      {"a child watcher", {"X", "config", "Extra"}, "Extra"},
-      {"a child watcher without command", {"X"}, nullptr},
-      {"a question", {"?"}, nullptr},
-      {"options that a service installer gives", {"-install", "config", "Extra"}, "Watch"},
-      {"the word in quotes that names the section", {"-s", "\"watch Extra\"", "config"}, "Extra"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    Desktop desktop;
-    desktop.Configure(
-        "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=kill x\n"
-        "[Watch Extra Insert]\n1=kill x\n");
-    desktop.Start(row.arguments);
-    if (row.running != nullptr) {
-      EXPECT_TRUE(desktop.Traced("Watch - Running '" + std::string(row.running) + "'"))
-          << desktop.Report();
-      EXPECT_EQ(desktop.Stop(), 0);
-    } else {
-      EXPECT_EQ(desktop.Stop(0), 0);
-      EXPECT_TRUE(desktop.TraceAfter("Watch - Running").empty()) << desktop.Report();
-    }
+struct CommandLine {
+  const char* name;
+  std::vector<std::string> arguments;
+  const char* running;  // the section that runs, null when nothing does
+
+  friend void PrintTo(const CommandLine& line, std::ostream* out) { *out << line.name; }
+};
+const CommandLine kCommandLines[] = {
+    {"NoArguments", {}, "Watch"},
+    {"AnotherSection", {"-sync", "config", "Extra"}, "Extra"},
+    {"ChildWatcher", {"X", "config", "Extra"}, "Extra"},
+    {"ChildWatcherWithoutCommand", {"X"}, nullptr},
+    {"Question", {"?"}, nullptr},
+    {"OptionsOfAServiceInstaller", {"-install", "config", "Extra"}, "Watch"},
+    {"WordInQuotesNamesTheSection", {"-s", "\"watch Extra\"", "config"}, "Extra"},
+};
+class CommandLines : public ServiceTest, public ::testing::WithParamInterface<CommandLine> {};
+
+TEST_P(CommandLines, OverlayTheConfiguration) {
+  desktop.Configure(
+      "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=kill x\n"
+      "[Watch Extra Insert]\n1=kill x\n");
+  desktop.Start(GetParam().arguments);
+  if (GetParam().running != nullptr) {
+    EXPECT_TRUE(desktop.Traced("Watch - Running '" + std::string(GetParam().running) + "'"));
+  } else {
+    EXPECT_EQ(desktop.Stop(0), 0);
+    EXPECT_TRUE(desktop.TraceAfter("Watch - Running").empty());
   }
 }
 
-TEST(Configuration, WithoutTraceNoFileAppears) {
-  Desktop desktop;
+INSTANTIATE_TEST_SUITE_P(Configuration, CommandLines, ::testing::ValuesIn(kCommandLines),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Configuration, WithoutTraceNoFileAppears) {
   desktop.Home().Write("system.conf", "[Install]\nDirectory=" QIXX_SOFTCARD_FOLDER
                                       "\n[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=" +
-                                          desktop.Echo("in", "in.txt") + "\n");
-  desktop.InsertCard(1);
+                                          Echo("in", "said") + "\n");
   desktop.Start();
-  EXPECT_TRUE(desktop.Holds("in.txt", "in\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
-  std::vector<std::string> files;
-  for (const auto& file : std::filesystem::directory_iterator(desktop.Home().Path())) {
+  EXPECT_TRUE(desktop.Holds("said", "in\n"));
+  Stop();
+  Lines files;
+  for (const auto& file : fs::directory_iterator(desktop.Home().Path())) {
     files.push_back(file.path().filename().string());
   }
   std::sort(files.begin(), files.end());
-  EXPECT_EQ(files, (std::vector<std::string>{".qix", "in.txt", "readers", "stderr.txt",
-                                             "stdout.txt", "system.conf"}));
+  EXPECT_EQ(files, (Lines{".qix", "readers", "said", "stderr.txt", "stdout.txt", "system.conf"}));
   EXPECT_EQ(desktop.Home().Read("stdout.txt") + desktop.Home().Read("stderr.txt"), "");
 }
 
-TEST(Configuration, HelpAndVersionAnswerBeforeAnythingElse) {
+TEST_F(Configuration, HelpAndVersionAnswerBeforeAnythingElse) {
   for (const char* option : {"--help", "--version"}) {
-    Desktop desktop;
-    desktop.Configure("[Command]\nWatch=config Watch\n[Watch Remove]\n1=kill x\n");
+    Configure("", {"kill x"});
     desktop.Start({option});
     EXPECT_EQ(desktop.Stop(0), 0);
     EXPECT_NE(desktop.Home().Read("stdout.txt").find("qixxwatch"), std::string::npos);
-    EXPECT_TRUE(desktop.Trace().empty());
+    fs::remove(desktop.Path("stdout.txt"));
   }
+  EXPECT_TRUE(desktop.Trace().empty());
 }
 
 }  // namespace

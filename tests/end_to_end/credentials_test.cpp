@@ -1,17 +1,12 @@
 // The card holder's logon values, from a certificate on the card to the started program and the
 // configuration file.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-
-#include "tests/end_to_end/desktop.h"
-#include "tests/support/eventually.h"
+#include "tests/end_to_end/service_test.h"
 #include "tests/support/openssl.h"
 
 namespace qixx::testing {
 namespace {
 
-class Credentials : public ::testing::Test {
+class Credentials : public ServiceTest {
  protected:
   void SetUp() override {
     ASSERT_FALSE(OutputOf("openssl version").empty()) << "the program openssl is needed";
@@ -20,138 +15,114 @@ class Credentials : public ::testing::Test {
     EXPECT_TRUE(MakeCertificate(desktop.Path(name), text)) << name;
     return desktop.Path(name);
   }
-  void Watch(const std::string& options, const std::string& insert,
-             const std::string& remove = "") {
-    desktop.Configure("[Command]\nWatch=" + options + "-sync config Watch\n[Watch Insert]\n" +
-                      insert + "\n[Watch Remove]\n" + remove + "\n");
-    desktop.Start();
-    ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
-  }
   /// Moves the next card in, after the one before it.
-  void NextCard(const std::string& certificate, std::size_t count) {
-    if (count > 1) {
-      desktop.RemoveCard(1);
-      ASSERT_TRUE(desktop.Traced("Watch - Disconnected slot 1", count - 1)) << desktop.Report();
-    }
-    desktop.InsertCard(1, {certificate});
-    ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1", count)) << desktop.Report();
+  void NextCard(const Lines& certificates) {
+    if (cards_++ > 0) RemoveLastCard();
+    desktop.InsertCard(1, certificates);
+    ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1", cards_));
   }
+  void RemoveLastCard() {
+    desktop.RemoveCard(1);
+    ASSERT_TRUE(desktop.Traced("Watch - Disconnected slot 1", cards_ - 1));
+  }
+  [[nodiscard]] std::string Logon() const { return desktop.Home().Read("logon.conf"); }
+  void WriteLogon(const std::string& text) { desktop.Home().Write("logon.conf", text); }
 
-  Desktop desktop;
+  const std::string set = "set -config " + desktop.Path("logon.conf");
+
+ private:
+  std::size_t cards_ = 0;
 };
 
 TEST_F(Credentials, PlaceholdersReachTheStartedProgram) {
-  Watch("",
-        "1=/bin/echo \"%UPN%|%username%|%DOMAIN%|%OID.cn%|%OID.O%|%SUBJECT%|%SERIALNUMBER%\" > " +
-            desktop.Path("said.txt"));
-  NextCard(Certificate("ann.der"), 1);
-  EXPECT_TRUE(desktop.Holds("said.txt",
+  Watch("-sync",
+        {Echo("\"%UPN%|%username%|%DOMAIN%|%OID.cn%|%OID.O%|%SUBJECT%|%SERIALNUMBER%\"", "said")});
+  NextCard({Certificate("ann.der")});
+  EXPECT_TRUE(desktop.Holds("said",
                             "ann@tessaly.example|ann|tessaly.example|Ann Lee|Example Org|"
-                            "o=Example Org,cn=Ann Lee|0A01\n"))
-      << desktop.Report();
-  NextCard(Certificate("plain.der", {.subject = "/CN=Lee\\, Ann", .upn = "ann", .serial = "0x80"}),
-           2);
-  EXPECT_TRUE(desktop.Holds("said.txt", "ann|ann||Lee, Ann|%OID.O%|cn=Lee\\, Ann|0080\n"))
-      << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
+                            "o=Example Org,cn=Ann Lee|0A01\n"));
+  NextCard(
+      {Certificate("plain.der", {.subject = "/CN=Lee\\, Ann", .upn = "ann", .serial = "0x80"})});
+  EXPECT_TRUE(desktop.Holds("said", "ann|ann||Lee, Ann|%OID.O%|cn=Lee\\, Ann|0080\n"));
 }
 
 TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
   const std::string before =
       "[User]\nUsername=\nDomain=none\n[Mail]\nAddress=%USERNAME%@%DOMAIN%\nName=%OID.cn%\n"
       "[Card]\nText=%SUBJECT% %SERIALNUMBER%\n";
-  desktop.Home().Write("logon.conf", before);
-  const std::string set = "1=set -config " + desktop.Path("logon.conf");
-  Watch("", set, set);
-  NextCard(Certificate("ann.der"), 1);
-  const std::string first =
-      "[User]\nUsername=ann\nDomain=tessaly.example\n[Mail]\nAddress=ann@tessaly.example\n"
-      "Name=Ann Lee\n[Card]\nText=o=Example Org,cn=Ann Lee 0A01\n";
-  EXPECT_TRUE(desktop.Holds("logon.conf", first)) << desktop.Report();
+  WriteLogon(before);
+  Watch("-sync", {set}, {set});
+  NextCard({Certificate("ann.der")});
+  EXPECT_EQ(Logon(),
+            "[User]\nUsername=ann\nDomain=tessaly.example\n[Mail]\nAddress=ann@tessaly.example\n"
+            "Name=Ann Lee\n[Card]\nText=o=Example Org,cn=Ann Lee 0A01\n");
   EXPECT_EQ(desktop.Home().Read("logon.conf.org"), before);
-
-  NextCard(Certificate("bob.der", {.subject = "/CN=Bob", .upn = "bob@b.example", .serial = "0x0b"}),
-           2);
-  EXPECT_TRUE(
-      desktop.Holds("logon.conf",
-                    "[User]\nUsername=bob\nDomain=b.example\n[Mail]\nAddress=bob@b.example\n"
-                    "Name=Bob\n[Card]\nText=cn=Bob 0B\n"))
-      << desktop.Report();
-  desktop.RemoveCard(1);
-  EXPECT_TRUE(desktop.Traced("Watch - Disconnected slot 1", 2));
-  EXPECT_EQ(desktop.Home().Read("logon.conf"),
-            "[User]\nUsername=\nDomain=\n[Mail]\nAddress=bob@b.example\nName=Bob\n[Card]\n"
-            "Text=cn=Bob 0B\n");
-  EXPECT_EQ(desktop.Stop(), 0);
+  NextCard(
+      {Certificate("bob.der", {.subject = "/CN=Bob", .upn = "bob@b.example", .serial = "0x0b"})});
+  const std::string rest =
+      "[Mail]\nAddress=bob@b.example\nName=Bob\n[Card]\n"
+      "Text=cn=Bob 0B\n";
+  EXPECT_EQ(Logon(), "[User]\nUsername=bob\nDomain=b.example\n" + rest);
+  RemoveLastCard();
+  EXPECT_TRUE(desktop.Holds("logon.conf", "[User]\nUsername=\nDomain=\n" + rest));
 }
 
-TEST_F(Credentials, KeywordFormFillsTheFileAndRestoresItOnRemoval) {
-  desktop.Home().Write("logon.conf", "[User]\nUsername=x\nCard=%SUBJECT%\n");
+TEST_F(Credentials, KeywordFormFillsTheFileStartsItsProgramAndClearsTheFile) {
+  WriteLogon("[User]\nUsername=x\nCard=%SUBJECT%\n");
+  const std::string program = desktop.WriteProgram("echo \"$2\" > " + desktop.Path("ran.txt"));
   desktop.Configure("");
-  desktop.Start({"-sync", "-p", "/bin/true", "-c", desktop.Path("logon.conf")});
-  ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
-  NextCard(Certificate("ann.der"), 1);
-  EXPECT_EQ(desktop.Home().Read("logon.conf"),
-            "[User]\nUsername=ann\nCard=o=Example Org,cn=Ann Lee\nDomain=tessaly.example\n")
-      << desktop.Report();
-  desktop.RemoveCard(1);
-  EXPECT_TRUE(desktop.Traced("Watch - Disconnected slot 1")) << desktop.Report();
-  EXPECT_EQ(desktop.Home().Read("logon.conf"), "[User]\nUsername=\nCard=\nDomain=\n");
-  EXPECT_EQ(desktop.Stop(), 0);
+  desktop.Start({"-sync", "-p", program, "-c", desktop.Path("logon.conf"), "-a", "\"one two\""});
+  ASSERT_TRUE(desktop.Traced("Watch - Event"));
+  NextCard({Certificate("ann.der")});
+  EXPECT_TRUE(desktop.Holds("ran.txt", "two\n"));
+  EXPECT_EQ(Logon(),
+            "[User]\nUsername=ann\nCard=o=Example Org,cn=Ann Lee\nDomain=tessaly.example\n");
+  RemoveLastCard();
+  EXPECT_TRUE(desktop.Holds("logon.conf", "[User]\nUsername=\nCard=\nDomain=\n"));
 }
 
 TEST_F(Credentials, MatchDecidesWhichCardCounts) {
-  Watch("-match \"o=Other; cn=ann lee\" ", "1=/bin/echo %USERNAME% > " + desktop.Path("said.txt"));
-  NextCard(Certificate("bob.der", {.subject = "/O=Org/CN=Bob", .upn = "bob@b"}), 1);
-  EXPECT_TRUE(desktop.Traced("Watch - Inserted event ... FAILED")) << desktop.Report();
-  NextCard(Certificate("ann.der"), 2);
-  EXPECT_TRUE(desktop.Holds("said.txt", "ann\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
+  Watch("-match \"o=Other; cn=ann lee\" -sync", {Echo("%USERNAME%", "said")});
+  NextCard({Certificate("bob.der", {.subject = "/O=Org/CN=Bob", .upn = "bob@b"})});
+  EXPECT_TRUE(desktop.Traced("Watch - Inserted event ... FAILED"));
+  NextCard({Certificate("ann.der")});
+  EXPECT_TRUE(desktop.Holds("said", "ann\n"));
 }
 
 TEST_F(Credentials, CertificateIsTakenByPassesAndOrder) {
-  Watch("", "1=/bin/echo \"%UPN%\" > " + desktop.Path("said.txt"));
+  Watch("-sync", {Echo("\"%UPN%\"", "said")});
   const std::string mail = Certificate(
       "a-mail.der", {.subject = "/CN=M/emailAddress=m@mail.example", .upn = "", .more = ""});
-  const std::string logon = Certificate("b-logon.der");
-  desktop.InsertCard(1, {mail, logon});
-  EXPECT_TRUE(desktop.Holds("said.txt", "ann@tessaly.example\n")) << desktop.Report();
-  desktop.RemoveCard(1);
-  ASSERT_TRUE(desktop.Traced("Watch - Disconnected slot 1"));
-  desktop.InsertCard(1, {mail});
-  EXPECT_TRUE(desktop.Holds("said.txt", "m@mail.example\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
+  NextCard({mail, Certificate("b-logon.der")});
+  EXPECT_TRUE(desktop.Holds("said", "ann@tessaly.example\n"));
+  NextCard({mail});
+  EXPECT_TRUE(desktop.Holds("said", "m@mail.example\n"));
 }
 
 TEST_F(Credentials, TokenVariableNamesTheLogonUserInFastMatch) {
-  desktop.Home().Write("logon.conf", "[User]\nUsername=\n");
-  Watch("", "1=set -match fast -config " + desktop.Path("logon.conf"));
-  desktop.AddReader(1);
+  WriteLogon("[User]\nUsername=\n");
+  Watch("-sync", {"set -match fast -config " + desktop.Path("logon.conf")});
   desktop.Home().Write("readers/1/card.new/variables", "ActiveLogonUPN=eve@fast.example\n");
   std::filesystem::rename(desktop.Path("readers/1/card.new"), desktop.Path("readers/1/card"));
-  EXPECT_TRUE(desktop.Traced("Watch - Found active logon UPN eve@fast.example"))
-      << desktop.Report();
-  EXPECT_TRUE(desktop.Holds("logon.conf", "[User]\nUsername=eve\nDomain=fast.example\n"))
-      << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
+  EXPECT_TRUE(desktop.Traced("Watch - Found active logon UPN eve@fast.example"));
+  EXPECT_TRUE(desktop.Holds("logon.conf", "[User]\nUsername=eve\nDomain=fast.example\n"));
 }
 
 TEST_F(Credentials, ValuesOfACardAddNoArgumentRedirectionOrLine) {
-  desktop.Home().Write("logon.conf", "[User]\nText=%OID.cn%\n");
-  Watch("", "1=set -config " + desktop.Path("logon.conf") + "\n2=/bin/echo \"%OID.cn%\" %UPN%");
-  const std::string evil = "/CN=a\" > " + desktop.Path("owned.txt") + " \nPath\\=x";
-  std::string subject = evil;
-  for (std::size_t at = subject.find('/', 1); at != std::string::npos;
-       at = subject.find('/', at + 2)) {
-    subject.insert(at, "\\");
+  WriteLogon("[User]\nText=%OID.cn%\n");
+  Watch("-sync", {set, "/bin/echo \"%OID.cn%\" %UPN%"});
+  std::string owned = desktop.Path("owned.txt");
+  const std::string text = "[User]\nText=a_ _ " + owned + " _Path=x\nUsername=x _ y\n";
+  // openssl separates components by "/".
+  for (std::size_t at = 0; (at = owned.find('/', at)) != std::string::npos; at += 2) {
+    owned.insert(at, "\\");
   }
-  NextCard(Certificate("evil.der", {.subject = subject, .upn = "x > y"}), 1);
-  EXPECT_EQ(desktop.Stop(), 0);
-  EXPECT_FALSE(std::filesystem::exists(desktop.Path("owned.txt"))) << desktop.Report();
-  EXPECT_FALSE(std::filesystem::exists(desktop.Path("y")));
-  EXPECT_EQ(desktop.Home().Read("logon.conf"),
-            "[User]\nText=a_ _ " + desktop.Path("owned.txt") + " _Path=x\nUsername=x _ y\n")
-      << desktop.Report();
+  NextCard(
+      {Certificate("evil.der", {.subject = "/CN=a\" > " + owned + " \nPath\\=x", .upn = "x > y"})});
+  Stop();
+  EXPECT_FALSE(Exists("owned.txt"));
+  EXPECT_FALSE(Exists("y"));
+  EXPECT_EQ(Logon(), text);
 }
 
 }  // namespace

@@ -29,18 +29,7 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
 
 }  // namespace
 
-Desktop::Desktop(Module module) {
-  switch (module) {
-    case Module::kSoftCard:
-      libraries_ = QIXX_SOFTCARD_FOLDER;
-      break;
-    case Module::kPlain:
-      libraries_ = QIXX_SOFTCARD_PLAIN_FOLDER;
-      break;
-    case Module::kNone:
-      libraries_ = home_.Path("no-library");
-      break;
-  }
+Desktop::Desktop() {
   variables_ = {{"HOME", home_.Path()},
                 {"PATH", "/usr/bin:/bin"},
                 {"qixconfigglobal", home_.Path("system.conf")},
@@ -54,6 +43,10 @@ Desktop::Desktop(Module module) {
 
 Desktop::~Desktop() {
   if (process_ != 0) Stop(SIGKILL);
+}
+
+void Desktop::Use(Module module) {
+  libraries_ = module == Module::kPlain ? QIXX_SOFTCARD_PLAIN_FOLDER : Path("no-library");
 }
 
 std::string Desktop::Echo(const std::string& word, const std::string& file) const {

@@ -14,12 +14,12 @@
 
 namespace qixx::testing {
 
-/// Which build of the soft card the service finds.
-enum class Module { kSoftCard, kPlain, kNone };
+/// What the service finds in place of the soft card: a standard module, or nothing.
+enum class Module { kPlain, kNone };
 
 class Desktop {
  public:
-  explicit Desktop(Module module = Module::kSoftCard);
+  Desktop();
   /// Kills what still runs.
   ~Desktop();
   Desktop(const Desktop&) = delete;
@@ -33,6 +33,8 @@ class Desktop {
   /// Writes an executable shell script into the home and returns its path.
   std::string WriteProgram(const std::string& script, const std::string& name = "program") const;
 
+  /// Another library than the soft card, before `Configure`.
+  void Use(Module module);
   /// Writes the system's file: trace and library settings, then `text`.
   void Configure(const std::string& text) const;
   /// Sets an environment variable of the service.
@@ -65,7 +67,7 @@ class Desktop {
 
  private:
   TemporaryFolder home_;
-  std::string libraries_;
+  std::string libraries_ = QIXX_SOFTCARD_FOLDER;
   std::map<std::string, std::string> variables_;
   pid_t process_ = 0;
 };

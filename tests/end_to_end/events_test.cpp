@@ -1,48 +1,34 @@
 // From a card in a reader to the commands of the event: which events count, in which order things
 // happen, and how the service ends.
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <filesystem>
 
-#include "tests/end_to_end/desktop.h"
-#include "tests/support/eventually.h"
+#include "tests/end_to_end/service_test.h"
 
 namespace qixx::testing {
 namespace {
 
-using Lines = std::vector<std::string>;
+class Events : public ServiceTest {
+ protected:
+  void WatchBoth(const std::string& options) { Watch(options, {in}, {out}); }
 
-std::string Commands(const Desktop& desktop) {
-  return "[Watch Insert]\n1=" + desktop.Echo("in", "in.txt") +
-         "\n[Watch Remove]\n1=" + desktop.Echo("out", "out.txt") + "\n";
-}
+  const std::string in = Echo("in", "in.txt");
+  const std::string out = Echo("out", "out.txt");
+};
 
-std::string Watching(const Desktop& desktop, const std::string& options = "") {
-  return "[Command]\nWatch=" + options + "config Watch\n" + Commands(desktop);
-}
-
-TEST(Events, InsertAndRemoveRunTheirCommandsInOrder) {
-  Desktop desktop;
-  desktop.Configure(Watching(desktop, "-sync "));
-  desktop.Start();
-  ASSERT_TRUE(desktop.Traced("Watch - Running 'Watch'")) << desktop.Report();
-
+TEST_F(Events, InsertAndRemoveRunTheirCommandsInOrder) {
+  WatchBoth("-sync");
   desktop.InsertCard(1);
-  EXPECT_TRUE(desktop.Holds("in.txt", "in\n")) << desktop.Report();
+  EXPECT_TRUE(desktop.Holds("in.txt", "in\n"));
   EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
-  EXPECT_FALSE(std::filesystem::exists(desktop.Path("out.txt")));
+  EXPECT_FALSE(Exists("out.txt"));
   desktop.RemoveCard(1);
-  EXPECT_TRUE(desktop.Holds("out.txt", "out\n")) << desktop.Report();
+  EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
   EXPECT_TRUE(desktop.Traced("Watch - Disconnected slot 1"));
-
-  EXPECT_EQ(desktop.Stop(), 0) << desktop.Report();
+  Stop();
   Lines own;
   for (const std::string& line : desktop.TraceAfter("Watch - ")) {
     if (!line.starts_with("Command")) own.push_back(line);
   }
-  const std::string echo_in = desktop.Echo("in", "in.txt");
-  const std::string echo_out = desktop.Echo("out", "out.txt");
   EXPECT_EQ(own, (Lines{"Starting",
                         "Configuration: 'Watch Insert'",
                         "Configuration: 'Watch Remove'",
@@ -52,212 +38,154 @@ TEST(Events, InsertAndRemoveRunTheirCommandsInOrder) {
                         "Event",
                         "Inserted event ...",
                         "Configuration: 'Watch Insert'",
-                        "Execute insert command: " + echo_in,
+                        "Execute insert command: " + in,
                         "Inserted event ... OK",
                         "Connected slot 1",
                         "Event",
                         "Remove event ...",
                         "Configuration: 'Watch Remove'",
-                        "Execute remove command: " + echo_out,
+                        "Execute remove command: " + out,
                         "Remove event ... done",
                         "Disconnected slot 1",
                         "Stopping 'Watch'",
-                        "Stopped"}))
-      << desktop.Report();
+                        "Stopped"}));
 }
 
-TEST(Events, StartWithoutCardRunsTheRemoveCommandsOnceUnlessSync) {
-  for (const bool sync : {false, true}) {
-    Desktop desktop;
-    desktop.Configure(Watching(desktop, sync ? "-sync " : ""));
-    desktop.Start();
-    ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
-    if (sync) {
-      desktop.InsertCard(1);
-      EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
-      EXPECT_EQ(desktop.TraceCount("Watch - Remove event ..."), 0U);
-    } else {
-      EXPECT_TRUE(desktop.Traced("Watch - Disconnected slot 0")) << desktop.Report();
-      EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
-    }
-    EXPECT_EQ(desktop.Stop(), 0);
-  }
+TEST_F(Events, StartWithoutCardRunsTheRemoveCommandsOnce) {
+  WatchBoth("");
+  EXPECT_TRUE(desktop.Traced("Watch - Disconnected slot 0"));
+  EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
 }
 
-TEST(Events, CardAtStartIsConnectedInTheFirstRound) {
-  Desktop desktop;
-  desktop.Configure(Watching(desktop));
+TEST_F(Events, CardAtStartIsConnectedInTheFirstRound) {
   desktop.InsertCard(1);
-  desktop.Start();
-  EXPECT_TRUE(desktop.Holds("in.txt", "in\n")) << desktop.Report();
+  WatchBoth("");
   EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
   EXPECT_EQ(desktop.TraceCount("Watch - Remove event ..."), 0U);
-  EXPECT_EQ(desktop.Stop(), 0);
 }
 
-TEST(Events, SecondReaderIsAlreadyConnectedAndItsRemovalChangesNothing) {
-  Desktop desktop;
-  desktop.Configure(Watching(desktop, "-sync "));
+TEST_F(Events, SecondReaderIsAlreadyConnectedAndItsRemovalChangesNothing) {
   desktop.AddReader(4);
-  desktop.Start();
-  ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
+  WatchBoth("-sync");
   desktop.InsertCard(1);
-  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1")) << desktop.Report();
+  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1"));
   desktop.InsertCard(4);
-  EXPECT_TRUE(desktop.Traced("Watch - Already connected")) << desktop.Report();
+  EXPECT_TRUE(desktop.Traced("Watch - Already connected"));
   desktop.RemoveCard(1);
   EXPECT_TRUE(desktop.Traced("Watch - Disconnected slot 1"));
   // The card that stayed is not connected by itself; its removal is none of a connected slot.
   desktop.RemoveCard(4);
-  EXPECT_TRUE(desktop.Traced("Watch - Event", 5)) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
+  EXPECT_TRUE(desktop.Traced("Watch - Event", 5));
+  Stop();
   EXPECT_EQ(desktop.TraceCount("Watch - Inserted event ..."), 1U);
   EXPECT_EQ(desktop.TraceCount("Watch - Remove event ..."), 1U);
 }
 
-TEST(Events, OnlyFirstSlotsOfAGroupAndHighSlotsCount) {
-  Desktop desktop;
-  desktop.Configure(Watching(desktop, "-sync "));
+TEST_F(Events, OnlyFirstSlotsOfAGroupAndHighSlotsCount) {
   for (const int slot : {2, 3, 96, 97}) desktop.AddReader(slot);
-  desktop.Start();
-  ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
-  for (const int slot : {2, 3, 96}) desktop.InsertCard(slot);
-  desktop.InsertCard(97);
-  EXPECT_TRUE(desktop.Traced("Watch - Connected slot 97")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
-  EXPECT_EQ(desktop.TraceCount("Watch - Event"), 2U) << desktop.Report();
+  WatchBoth("-sync");
+  for (const int slot : {2, 3, 96, 97}) desktop.InsertCard(slot);
+  EXPECT_TRUE(desktop.Traced("Watch - Connected slot 97"));
+  Stop();
+  EXPECT_EQ(desktop.TraceCount("Watch - Event"), 2U);
 }
 
-TEST(Events, RecognizedIgnoresATokenThatCannotBeRead) {
-  Desktop desktop;
-  desktop.Configure(Watching(desktop, "-sync -recognized "));
+TEST_F(Events, RecognizedIgnoresATokenThatCannotBeRead) {
   desktop.SetModuleFaults("fail=C_GetTokenInfo:0xe1\n");
-  desktop.Start();
-  ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
+  WatchBoth("-sync -recognized");
   desktop.InsertCard(1);
-  ASSERT_TRUE(desktop.Traced("Watch - Event", 2)) << desktop.Report();
+  ASSERT_TRUE(desktop.Traced("Watch - Event", 2));
   desktop.RemoveCard(1);
-  ASSERT_TRUE(desktop.Traced("Watch - Event", 3)) << desktop.Report();
+  ASSERT_TRUE(desktop.Traced("Watch - Event", 3));
   desktop.SetModuleFaults("");
   desktop.InsertCard(1);
-  EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
+  EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
+  Stop();
   EXPECT_EQ(desktop.TraceCount("Watch - Inserted event ..."), 1U);
 }
 
-TEST(Events, StopsInOrderByEverySignalAlsoDuringAWait) {
-  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-    Desktop desktop;
-    desktop.Configure(Watching(desktop, "-wait \"600\" -sync "));
-    desktop.Start();
-    ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
-    desktop.InsertCard(1);
-    ASSERT_TRUE(desktop.Traced("Watch - Inserted event ...")) << desktop.Report();
-    EXPECT_EQ(desktop.Stop(signal), 0) << desktop.Report();
-    EXPECT_EQ(desktop.TraceCount("Watch - Inserted event ... FAILED"), 1U);
-    EXPECT_EQ(desktop.TraceCount("Watch - Stopped"), 1U) << desktop.Report();
-    EXPECT_FALSE(std::filesystem::exists(desktop.Path("in.txt")));
-  }
+class Signals : public Events, public ::testing::WithParamInterface<int> {};
+
+TEST_P(Signals, EndTheServiceInOrderAlsoDuringAWait) {
+  WatchBoth("-wait \"600\" -sync");
+  desktop.InsertCard(1);
+  ASSERT_TRUE(desktop.Traced("Watch - Inserted event ..."));
+  EXPECT_EQ(desktop.Stop(GetParam()), 0);
+  EXPECT_EQ(desktop.TraceCount("Watch - Inserted event ... FAILED"), 1U);
+  EXPECT_EQ(desktop.TraceCount("Watch - Stopped"), 1U);
+  EXPECT_FALSE(Exists("in.txt"));
 }
 
-TEST(Events, WaitHoldsTheInsertCommandsBackAndACardPulledMeanwhileGivesFailed) {
-  Desktop desktop;
-  desktop.Configure("[Command]\nWatch=-match \"cn=nobody\" -wait \"2|1\" -sync config Watch\n" +
-                    Commands(desktop));
-  desktop.Start();
-  ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
+INSTANTIATE_TEST_SUITE_P(Events, Signals, ::testing::Values(SIGTERM, SIGINT, SIGHUP));
+
+TEST_F(Events, WaitHoldsTheInsertCommandsBackAndACardPulledMeanwhileGivesFailed) {
+  WatchBoth("-match \"cn=nobody\" -wait \"2|1\" -sync");
   desktop.InsertCard(1);
-  EXPECT_TRUE(desktop.Traced("Watch - Inserted event ... FAILED")) << desktop.Report();
+  EXPECT_TRUE(desktop.Traced("Watch - Inserted event ... FAILED"));
   EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
   const auto pulled = std::chrono::steady_clock::now();
   desktop.RemoveCard(1);
-  EXPECT_TRUE(desktop.Holds("out.txt", "out\n")) << desktop.Report();
+  EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
   EXPECT_GE(std::chrono::steady_clock::now() - pulled, std::chrono::milliseconds(999));
-  EXPECT_EQ(desktop.Stop(), 0);
-  EXPECT_FALSE(std::filesystem::exists(desktop.Path("in.txt")));
+  EXPECT_FALSE(Exists("in.txt"));
 }
 
-TEST(Events, RoundLimitEndsTheRunByItself) {
-  Desktop desktop;
+TEST_F(Events, RoundLimitEndsTheRunByItself) {
   desktop.Configure("");
   desktop.Start({"-p", "/bin/true", "-c", desktop.Path("none.conf"), "-n", "3"});
-  EXPECT_EQ(desktop.Stop(0), 0) << desktop.Report();
-  EXPECT_EQ(desktop.TraceCount("Watch - Stopped"), 1U) << desktop.Report();
+  EXPECT_EQ(desktop.Stop(0), 0);
+  EXPECT_EQ(desktop.TraceCount("Watch - Stopped"), 1U);
 }
 
-TEST(Events, KeywordFormStartsItsProgramAndClearsTheFile) {
-  Desktop desktop;
-  desktop.Configure("");
-  const std::string file = desktop.Home().Write("logon.conf", "[User]\nUsername=ann\nDomain=d\n");
-  const std::string program = desktop.WriteProgram("echo \"$2\" > " + desktop.Path("ran.txt"));
-  desktop.Start({"-sync", "-p", program, "-c", file, "-a", "\"one two\""});
-  ASSERT_TRUE(desktop.Traced("Watch - Event")) << desktop.Report();
-  desktop.InsertCard(1);
-  EXPECT_TRUE(desktop.Traced("Watch - Process 0 started")) << desktop.Report();
-  EXPECT_TRUE(desktop.Holds("ran.txt", "two\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Home().Read("logon.conf"), "[User]\nUsername=ann\nDomain=d\n");
-  desktop.RemoveCard(1);
-  EXPECT_TRUE(desktop.Holds("logon.conf", "[User]\nUsername=\nDomain=\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
-}
-
-TEST(Events, ExtraWatchersRunTheirOwnSectionsAndEndWithTheirParent) {
-  Desktop desktop;
+TEST_F(Events, ExtraWatchersRunTheirOwnSectionsAndEndWithTheirParent) {
   desktop.Configure(
       "[Command]\nWatch=-sync config Watch|One|Two\nWatch Two=-sync config Other\n"
       "[Watch Insert]\n1=" +
-      desktop.Echo("main", "main.txt") +
-      "\n[Watch One Insert]\n1=" + desktop.Echo("one", "one.txt") +
-      "\n[Watch Other Insert]\n1=" + desktop.Echo("two", "two.txt") + "\n");
+      in + "\n[Watch One Insert]\n1=" + Echo("one", "one.txt") +
+      "\n[Watch Other Insert]\n1=" + Echo("two", "two.txt") + "\n");
   desktop.Start();
-  for (const char* section : {"Watch", "One", "Other"}) {
-    ASSERT_TRUE(desktop.Traced("Watch - Running '" + std::string(section) + "'"))
-        << desktop.Report();
+  const Lines sections = {"Watch'", "One'", "Other'"};
+  for (const std::string& section : sections) {
+    ASSERT_TRUE(desktop.Traced("Watch - Running '" + section));
   }
   desktop.InsertCard(1);
-  EXPECT_TRUE(desktop.Holds("main.txt", "main\n")) << desktop.Report();
-  EXPECT_TRUE(desktop.Holds("one.txt", "one\n")) << desktop.Report();
-  EXPECT_TRUE(desktop.Holds("two.txt", "two\n")) << desktop.Report();
-  EXPECT_EQ(desktop.Stop(), 0);
-  for (const char* section : {"Watch", "One", "Other"}) {
-    EXPECT_TRUE(desktop.Traced("Watch - Stopping '" + std::string(section) + "'"))
-        << desktop.Report();
+  for (const std::string word : {"in", "one", "two"}) {
+    EXPECT_TRUE(desktop.Holds(word + ".txt", word + "\n"));
+  }
+  Stop();
+  for (const std::string& section : sections) {
+    EXPECT_TRUE(desktop.Traced("Watch - Stopping '" + section));
   }
   EXPECT_TRUE(desktop.Traced("Watch - Stopped", 3));
 }
 
-TEST(Events, BackgroundProgramIsStartedAndToldToHide) {
-  Desktop desktop;
+TEST_F(Events, BackgroundProgramIsStartedAndToldToHide) {
   // The main program stands in the "bin" beside the installation directory.
-  const TemporaryFolder& home = desktop.Home();
-  std::filesystem::create_directories(home.Path("lib"));
-  std::filesystem::copy_file(std::string(QIXX_SOFTCARD_FOLDER) + "libqixp11.so",
-                             home.Path("lib/libqixp11.so"));
-  desktop.WriteProgram("echo \"$@\" >> " + home.Path("shown.txt"), "bin/qix");
-  home.Write("system.conf", "[Trace]\nwatch=" + home.Path("trace.log") +
-                                "\n[Install]\nDirectory=" + home.Path("lib") + "\n" +
-                                Watching(desktop, "-sync ") + "[Watch]\nBackground=show -icon\n");
+  std::filesystem::create_directories(desktop.Path("lib"));
+  std::filesystem::copy_file(QIXX_SOFTCARD_FOLDER "libqixp11.so", desktop.Path("lib/libqixp11.so"));
+  desktop.WriteProgram("echo \"$@\" >> " + desktop.Path("shown.txt"), "bin/qix");
+  desktop.Home().Write("system.conf",
+                       "[Trace]\nwatch=" + desktop.Path("trace.log") + "\n[Install]\nDirectory=" +
+                           desktop.Path("lib") + "\n[Watch]\nBackground=show -icon\n" +
+                           "[Command]\nWatch=config Watch\n[Watch Remove]\n1=" + out + "\n");
   desktop.Start();
-  EXPECT_TRUE(desktop.Holds("shown.txt", "show -icon\n")) << desktop.Report();
+  EXPECT_TRUE(desktop.Holds("shown.txt", "show -icon\n"));
   ASSERT_TRUE(desktop.Traced("Watch - Running 'Watch'"));
-  EXPECT_EQ(desktop.Stop(), 0);
-  EXPECT_TRUE(desktop.Holds("shown.txt", "show -icon\nshow -icon -hide\n")) << desktop.Report();
+  Stop();
+  EXPECT_TRUE(desktop.Holds("shown.txt", "show -icon\nshow -icon -hide\n"));
 }
 
-TEST(Events, SimulationRunsASectionOnceWithoutTheLibrary) {
-  Desktop desktop(Module::kNone);
-  desktop.Configure("[Watch Insert]\n1=" + desktop.Echo("in", "in.txt") +
-                    "\n2=close x\n3=" + desktop.Echo("after", "after.txt") +
-                    "\n[Watch Remove]\n1=kill x\n2=" + desktop.Echo("out", "out.txt") + "\n");
+TEST_F(Events, SimulationRunsASectionOnceWithoutTheLibrary) {
+  Configure("", {in, "close x", Echo("after", "after.txt")}, {"kill x", out});
   desktop.Start({"-simulate", "\"insert\""});
-  EXPECT_EQ(desktop.Stop(0), 0) << desktop.Report();
-  EXPECT_TRUE(desktop.Holds("in.txt", "in\n")) << desktop.Report();
-  EXPECT_TRUE(desktop.Holds("after.txt", "after\n")) << desktop.Report();
-  EXPECT_EQ(desktop.TraceCount("Watch - Simulate insert at 2 failed"), 1U) << desktop.Report();
+  EXPECT_EQ(desktop.Stop(0), 0);
+  EXPECT_TRUE(desktop.Holds("in.txt", "in\n"));
+  EXPECT_TRUE(desktop.Holds("after.txt", "after\n"));
+  EXPECT_EQ(desktop.TraceCount("Watch - Simulate insert at 2 failed"), 1U);
   desktop.Start({"-simulate", "\"pulled\""});
   EXPECT_EQ(desktop.Stop(0), 0);
-  EXPECT_TRUE(desktop.Holds("out.txt", "out\n")) << desktop.Report();
-  EXPECT_EQ(desktop.TraceAfter("WrapperPkcs11 - Loaded").size(), 0U);
+  EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
+  EXPECT_TRUE(desktop.TraceAfter("WrapperPkcs11 - Loaded").empty());
 }
 
 }  // namespace
