@@ -9,38 +9,57 @@ fail() {
   exit 1
 }
 
-# Installs the Debian packages that are missing, or prints the one line that does and stops.
-need_packages() {
-  command -v dpkg-query >/dev/null ||
-    fail "this system has no dpkg; please install by your own means what these Debian packages hold: $*"
-  local missing=() package
+# Sets `missing` to those of the Debian packages that are not installed, and `how` to the line that installs them.
+find_missing() {
+  local package
+  missing=()
   for package in "$@"; do
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
       missing+=("$package")
   done
-  [ ${#missing[@]} -gt 0 ] || return 0
+  how="sudo apt-get update && sudo apt-get install -y --no-install-recommends ${missing[*]}"
+}
 
-  local as_root=()
+# Installs what is in `missing`. 1: that is not for this user to do; 2: apt-get failed, its last words are printed.
+install_missing() {
+  local as_root=() log code=0
   if [ "$(id -u)" -ne 0 ]; then
-    if command -v sudo >/dev/null && sudo -n true 2>/dev/null; then
-      as_root=(sudo -n)
-    else
-      fail "some packages are missing. Please run this line, then start again:
-  sudo apt-get update && sudo apt-get install -y --no-install-recommends ${missing[*]}"
-    fi
+    command -v sudo >/dev/null && sudo -n true 2>/dev/null || return 1
+    as_root=(sudo -n)
   fi
   printf 'Installing %s\n' "${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
-  local log
   log=$(mktemp)
-  if ! { "${as_root[@]}" apt-get update -q &&
+  { "${as_root[@]}" apt-get update -q &&
     "${as_root[@]}" apt-get install -q -y --no-install-recommends "${missing[@]}"; } \
-    >"$log" 2>&1 </dev/null; then
-    tail -n 15 "$log" >&2
-    rm -f "$log"
-    fail "could not install ${missing[*]} (the last lines of apt-get stand above)"
-  fi
+    >"$log" 2>&1 </dev/null || code=2
+  [ $code -eq 0 ] || tail -n 15 "$log" >&2
   rm -f "$log"
+  return $code
+}
+
+# Installs the Debian packages that are missing, or prints the one line that does and stops.
+need_packages() {
+  command -v dpkg-query >/dev/null ||
+    fail "this system has no dpkg; please install by your own means what these Debian packages hold: $*"
+  local missing how code=0
+  find_missing "$@"
+  [ ${#missing[@]} -gt 0 ] || return 0
+  install_missing || code=$?
+  case $code in
+    1) fail "some packages are missing. Please run this line, then start again:
+  $how" ;;
+    2) fail "could not install ${missing[*]} (the last lines of apt-get stand above)" ;;
+  esac
+}
+
+# The same for packages without which only a part is lost, which the first argument names.
+want_packages() {
+  local lost=$1 missing how
+  shift
+  find_missing "$@"
+  [ ${#missing[@]} -eq 0 ] || install_missing ||
+    printf '\n*** %s, for want of packages. To change that, run\n***   %s\n\n' "$lost" "$how" >&2
 }
 
 # Configures a preset (first argument, more cmake arguments may follow). Warnings are errors in

@@ -2,16 +2,16 @@
 // a program that links the language's runtime only.
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
-#include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
+
+#include "tests/support/openssl.h"
 
 namespace qixx::testing {
 namespace {
@@ -22,6 +22,8 @@ const std::map<std::string, std::set<std::string>> kMayInclude = {
     {"config", {"config", "runtime"}},
     {"pkcs11", {"pkcs11", "config", "der", "runtime"}},
     {"watch", {"watch", "pkcs11", "config", "der", "runtime"}},
+    {"bridge", {"bridge", "pkcs11", "config", "runtime"}},
+    {"softcard", {"softcard", "pkcs11"}},
 };
 
 /// What stands between the first `open` behind `from` and the next `close`; empty without them.
@@ -56,25 +58,24 @@ TEST(Layout, IncludesPointDownOnly) {
   EXPECT_GT(seen, 50U) << "the include lines were not found";
 }
 
-TEST(Layout, ProgramLinksTheRuntimeOnly) {
+TEST(Layout, ProgramAndBridgeLinkTheRuntimeOnly) {
   const std::set<std::string, std::less<>> allowed = {
       "libstdc++.so.6",       "libm.so.6",
       "libgcc_s.so.1",        "libc.so.6",
       "libdl.so.2",           "libasan.so.8",
       "libubsan.so.1",        "libtsan.so.2",
       "ld-linux-x86-64.so.2", "ld-linux-aarch64.so.1"};
-  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(
-      ::popen("readelf -d '" QIXX_PROGRAM "' 2>&1", "r"), &::pclose);
-  ASSERT_NE(pipe, nullptr);
-  std::array<char, 512> line{};
-  std::size_t seen = 0;
-  while (std::fgets(line.data(), line.size(), pipe.get()) != nullptr) {
-    const std::string_view library = Between(line.data(), "(NEEDED)", '[', ']');
-    if (library.empty()) continue;
-    ++seen;
-    EXPECT_TRUE(allowed.contains(library)) << library;
+  for (const char* file : {QIXX_PROGRAM, QIXX_BRIDGE}) {
+    std::size_t seen = 0;
+    std::istringstream lines(OutputOf("readelf -d '" + std::string(file) + "'"));
+    for (std::string line; std::getline(lines, line);) {
+      const std::string_view library = Between(line, "(NEEDED)", '[', ']');
+      if (library.empty()) continue;
+      ++seen;
+      EXPECT_TRUE(allowed.contains(library)) << file << " links " << library;
+    }
+    EXPECT_GT(seen, 0U) << "readelf (package binutils) gave no list of libraries of " << file;
   }
-  EXPECT_GT(seen, 0U) << "readelf (package binutils) gave no list of libraries";
 }
 
 }  // namespace
