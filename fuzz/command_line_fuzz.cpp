@@ -8,6 +8,7 @@
 #include "fuzz/fuzz.h"
 #include "runtime/files.h"
 #include "runtime/process.h"
+#include "runtime/secrets.h"
 #include "watch/options.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,21 +1,19 @@
 #include "runtime/files.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <utility>
 
+#include "runtime/descriptor.h"
 #include "runtime/loader.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -47,91 +45,17 @@ constinit const ProductIdentity* identity = &kNoIdentity;
 /// Empty until the first question.
 constinit char callingApplication[kTextSize] = "";
 
-/// A file descriptor that closes itself; negative for none.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() { Close(); }
-  Descriptor(Descriptor&& other) noexcept : number_(other.Release()) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  Descriptor& operator=(Descriptor&&) = delete;
-
-  [[nodiscard]] bool IsOpen() const { return number_ >= 0; }
-  [[nodiscard]] int Get() const { return number_; }
-  /// False when the system reports a write that failed late. An open descriptor is needed.
-  bool Close() { return IsOpen() && ::close(Release()) == 0; }
-
- private:
-  int Release() { return std::exchange(number_, -1); }
-  int number_;
-};
-
-/// Opens a regular file and nothing else; a pipe or a device neither blocks nor is touched further.
-Descriptor OpenRegular(const char* path, int flags, struct stat& status, mode_t mode = 0) {
-  if (path == nullptr) {
-    errno = ENOENT;
-    return Descriptor(-1);
-  }
-  Descriptor file(::open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode));
-  if (!file.IsOpen()) return file;
-  if (::fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode)) return file;
-  file.Close();
-  errno = EINVAL;
-  return file;
-}
-
-/// Reads until `area` is full or the file ends. Returns the count, negative after an error.
-ssize_t ReadFully(const Descriptor& file, std::span<std::uint8_t> area) {
-  std::size_t done = 0;
-  while (done < area.size()) {
-    const ssize_t got = ::read(file.Get(), area.data() + done, area.size() - done);
-    if (got == 0) break;
-    if (got > 0) {
-      done += static_cast<std::size_t>(got);
-    } else if (errno != EINTR) {
-      return -1;
-    }
-  }
-  return static_cast<ssize_t>(done);
-}
-
-bool WriteFully(const Descriptor& file, std::span<const std::uint8_t> data) {
-  while (!data.empty()) {
-    const ssize_t put = ::write(file.Get(), data.data(), data.size());
-    if (put > 0) {
-      data = data.subspan(static_cast<std::size_t>(put));
-    } else if (put == 0 || errno != EINTR) {
-      return false;
-    }
-  }
-  return true;
-}
-
-/// Asks for the space that writing `length` bytes takes, before the old content is touched. False
-/// only when there is none; many file systems cannot tell.
-bool ReserveSpace(const Descriptor& file, std::size_t length) {
-  if (length == 0) return true;
-  if (::fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length)) == 0) return true;
-  return errno != ENOSPC && errno != EDQUOT;
-}
-
-bool CutTo(const Descriptor& file, std::size_t length) {
-  return ::ftruncate(file.Get(), static_cast<off_t>(length)) == 0;
-}
-
-/// Writes the whole of `from` over `to` and cuts `to` to that length.
+/// Writes the whole of `from` over `to` and cuts `to` to what was written, so that a file copied
+/// onto itself stays as it is.
 bool CopyContent(const Descriptor& from, const Descriptor& to) {
   std::array<std::uint8_t, kCopyBlock> block;
-  std::size_t copied = 0;
-  for (;;) {
-    const ssize_t got = ReadFully(from, block);
-    if (got < 0) return false;
-    if (got == 0) return CutTo(to, copied);
-    const auto length = static_cast<std::size_t>(got);
-    if (!WriteFully(to, std::span(block).first(length))) return false;
-    copied += length;
+  off_t copied = 0;
+  ssize_t got = 0;
+  while ((got = ReadFully(from, block)) > 0) {
+    if (!WriteFully(to, std::span(block).first(static_cast<std::size_t>(got)))) break;
+    copied += got;
   }
+  return ::ftruncate(to.Get(), copied) == 0 && got == 0;
 }
 
 /// Enlarges a buffer that holds `used` bytes; false when memory runs out.
@@ -380,8 +304,10 @@ bool CopyFile(const char* source, const char* destination) {
   if (!from.IsOpen()) return false;
   // A new copy of a private file must not be open to more eyes than the file.
   const mode_t mode = (status.st_mode & kNewFile) | S_IRUSR | S_IWUSR;
-  Descriptor to = OpenRegular(destination, O_WRONLY | O_CREAT, status, mode);
-  return to.IsOpen() && CopyContent(from, to) && to.Close();
+  const Descriptor to = OpenRegular(destination, O_WRONLY | O_CREAT, status, mode);
+  if (!to.IsOpen()) return false;
+  CopyContent(from, to);
+  return true;
 }
 
 bool CopyFileSafely(const char* source, const char* destination) {
@@ -409,16 +335,13 @@ std::size_t GetFileSize(const char* path) {
   return end > 0 ? static_cast<std::size_t>(end) : 0;
 }
 
-ReadOutcome ReadWholeFile(const char* path, std::uint8_t*& data, std::size_t& length) {
+std::size_t ReadWholeFile(const char* path, std::uint8_t*& data) {
   data = nullptr;
-  length = 0;
   struct stat status {};
   const Descriptor file = OpenRegular(path, O_RDONLY, status);
-  if (!file.IsOpen()) {
-    return errno == ENOENT || errno == ENOTDIR ? ReadOutcome::kMissing : ReadOutcome::kFailed;
-  }
+  if (!file.IsOpen()) return 0;
   const auto reported = static_cast<std::size_t>(status.st_size);
-  if (reported > kMaximumFileSize) return ReadOutcome::kFailed;
+  if (reported > kMaximumFileSize) return 0;
 
   // The first step takes in the reported size, and one read more shows the end of the file. What
   // has no size (a file of /proc) or grows meanwhile is followed step by step.
@@ -426,31 +349,24 @@ ReadOutcome ReadWholeFile(const char* path, std::uint8_t*& data, std::size_t& le
   std::size_t used = 0;
   std::size_t step = reported / kReadStep * kReadStep + kReadStep;
   for (;;) {
-    if (!Grow(buffer, used, used + step)) return ReadOutcome::kFailed;
+    if (!Grow(buffer, used, used + step)) return 0;
     const ssize_t got = ReadFully(file, std::span(buffer.get() + used, step));
-    if (got < 0) return ReadOutcome::kFailed;
+    if (got < 0) return 0;
     used += static_cast<std::size_t>(got);
-    if (used > kMaximumFileSize) return ReadOutcome::kFailed;
+    if (used > kMaximumFileSize) return 0;
     if (static_cast<std::size_t>(got) < step) break;
     step = kReadStep;
   }
-  if (used == 0) return ReadOutcome::kRead;
-  data = buffer.release();
-  length = used;
-  return ReadOutcome::kRead;
-}
-
-std::size_t ReadWholeFile(const char* path, std::uint8_t*& data) {
-  std::size_t length = 0;
-  (void)ReadWholeFile(path, data, length);
-  return length;
+  if (used != 0) data = buffer.release();
+  return used;
 }
 
 bool WriteWholeFile(std::span<const std::uint8_t> data, const char* path) {
   struct stat status {};
-  Descriptor file = OpenRegular(path, O_WRONLY | O_CREAT, status, kNewFile);
-  return file.IsOpen() && ReserveSpace(file, data.size()) && WriteFully(file, data) &&
-         CutTo(file, data.size()) && file.Close();
+  const Descriptor file = OpenRegular(path, O_WRONLY | O_CREAT | O_TRUNC, status, kNewFile);
+  if (!file.IsOpen()) return false;
+  WriteFully(file, data);
+  return true;
 }
 
 bool WriteWholeFileSafely(std::span<const std::uint8_t> data, const char* path) {
@@ -462,10 +378,9 @@ bool WriteWholeFileSafely(std::span<const std::uint8_t> data, const char* path) 
 
 bool GetCallingApplication(std::span<char> area) {
   try {
-    const std::string_view known = TextOf(callingApplication);
-    const bool found = known.empty() ? JoinIfFits(area, FindCallingApplication(), "")
-                                     : JoinIfFits(area, known, "");
-    return found && area[0] != '\0';
+    std::string path(TextOf(callingApplication));
+    if (path.empty()) path = FindCallingApplication();
+    return JoinIfFits(area, path, "") && !path.empty();
   } catch (const std::bad_alloc&) {
     ClearArea(area);
     return false;

@@ -2,8 +2,8 @@
 //
 // Texts go into caller-owned areas, and what is too long for its area is dropped, never cut.
 // Nothing is thrown; a failure shows in what is returned (false, 0, an empty text). All operations
-// may be called from any thread once InitProductIdentity, the first GetCallingApplication and, for
-// ExpandPath, the first InstallDirectory have run.
+// may be called from any thread once InitProductIdentity and the first GetCallingApplication have
+// run.
 #pragma once
 
 #include <cstddef>
@@ -36,8 +36,8 @@ std::size_t GetTempDirectory(std::span<char> area);
 /// Makes every directory of `path` that ends in '/', with mode 0700. Existing ones are no error.
 bool CreatePath(const char* path);
 bool DeleteFile(const char* path);
-/// Copies the content alone. True when both files could be opened and all was copied; no
-/// destination is made for a missing source. Both must be regular files.
+/// Copies the content alone, between regular files. True when both could be opened, whatever became
+/// of the copying; CopyFileSafely tells more. No destination is made for a missing source.
 [[nodiscard]] bool CopyFile(const char* source, const char* destination);
 /// Makes `destination` a copy of a regular file. A new destination gets the permissions of the
 /// source, an old one keeps its own; so it is with owner and group where the system allows it. The
@@ -53,20 +53,11 @@ bool DeleteFile(const char* path);
 /// Larger files are not read.
 inline constexpr std::size_t kMaximumFileSize = std::size_t{64} * 1024 * 1024;
 
-/// Why reading a file gave nothing.
-enum class ReadOutcome {
-  kRead,     ///< all of the file was read; it may be empty
-  kMissing,  ///< there is no such file
-  kFailed,   ///< no regular file, not readable, too large, or out of memory
-};
-
-/// Reads a whole regular file into a new array that the caller frees with delete[]; null for an
-/// empty file and on failure.
-[[nodiscard]] ReadOutcome ReadWholeFile(const char* path, std::uint8_t*& data, std::size_t& length);
-/// The same for callers to whom every failure is an empty file. Returns the length.
-std::size_t ReadWholeFile(const char* path, std::uint8_t*& data);
-/// Writes over the file and cuts it to the new length, so that a full disk leaves the old content
-/// where that can be told in time. True when all was written.
+/// Reads a whole regular file into a new array that the caller frees with delete[]. Returns the
+/// length; 0 and null for an empty file and on every failure, also one midway.
+[[nodiscard]] std::size_t ReadWholeFile(const char* path, std::uint8_t*& data);
+/// Empties the regular file, or makes it, and writes the data. True when it could be opened; what
+/// became of the writing is told by WriteWholeFileSafely only.
 [[nodiscard]] bool WriteWholeFile(std::span<const std::uint8_t> data, const char* path);
 /// Gives an existing regular file a new content in the manner of CopyFileSafely: whatever fails or
 /// dies on the way, it holds all of the old content or all of the new.

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "runtime/files.h"
+#include "runtime/secrets.h"
 #include "runtime/settings.h"
 #include "runtime/sync.h"
 #include "runtime/trace.h"
@@ -46,7 +47,7 @@ void AppendSlash(std::span<char> directory) {
 
 void ReadInstallDirectory(RuntimeSettings& settings, std::span<char> directory) {
   if (settings.Open(SettingsScope::kSystemOnly)) {
-    if (!settings.GetText("Install", "Directory", directory)) directory[0] = '\0';
+    (void)settings.GetText("Install", "Directory", directory);
     settings.Close();
   }
   if (directory[0] == '\0') CopyTextCut(directory, kDefaultDirectory);
@@ -108,7 +109,7 @@ bool SplitAndCall(char* text) {
   const ScopedCut behindFunction(text + blank);
   const ScopedLibrary library(text);
   if (!library.IsOpen()) {
-    TraceWrite("Helper - Failed to load '%s'", text);
+    TraceWrite("Helper - Failed to load '%s'", MaskedText(text).Text());
     return false;
   }
   int ignored = 0;
@@ -167,8 +168,6 @@ void SetLibraryDirectory(const char* directory) {
   if (!CopyTextIfFits(libraryDirectory, wanted.empty() ? kDefaultDirectory : wanted)) return;
   AppendSlash(libraryDirectory);
 }
-
-CLibrary::CLibrary() : handle_(nullptr), path_{} {}
 
 CLibrary::~CLibrary() {
   CLibrary::Unload();

@@ -35,13 +35,13 @@ void CloseLibrary(LibraryHandle library);
 /// "/usr/lib/" unless set.
 [[nodiscard]] const char* LibraryDirectory();
 /// A '/' is appended where it is missing. A directory that does not fit is ignored; null or empty
-/// goes back to "/usr/lib/".
+/// goes back to "/usr/lib/". To be called before there are other threads.
 void SetLibraryDirectory(const char* directory);
 
 /// An owned library that is loaded at most once between two unloads.
 class CLibrary {
  public:
-  CLibrary();
+  CLibrary() = default;
   virtual ~CLibrary();
   CLibrary(const CLibrary&) = delete;
   CLibrary& operator=(const CLibrary&) = delete;
@@ -60,8 +60,8 @@ class CLibrary {
   [[nodiscard]] bool IsOpen() const;
   bool Open(const char* name);
 
-  LibraryHandle handle_;
-  char path_[kTextSize];
+  LibraryHandle handle_ = nullptr;
+  char path_[kTextSize] = {};
 };
 
 /// The one library object of the process itself; nothing is loaded at start, and what is loaded at

@@ -12,19 +12,20 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <new>
 #include <string_view>
 
 #include "runtime/children.h"
 #include "runtime/files.h"
 #include "runtime/loader.h"
+#include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
 namespace qixx {
 namespace {
 
-constexpr std::array<std::string_view, 5> kSecretKeys{"pin", "sopin", "puk", "pwd", "password"};
 /// A shorter quoted token keeps its quotes.
 constexpr std::size_t kShortestUnquoted = 4;
 
@@ -105,34 +106,6 @@ ArgumentVector BuildVector(const char* program, std::string_view line, std::stri
   return nullptr;
 }
 
-// --- secrets ----------------------------------------------------------------------------------
-
-/// Masks what belongs to a secret option whose key ends at `at`: the rest of its word behind a '='
-/// and the word or quoted text behind the following blanks. Places are looked up in `line`, so that
-/// a value masked before hides no option.
-void MaskValue(std::string_view line, std::size_t at, char* masked) {
-  const std::size_t blank = std::min(line.find(' ', at), line.size());
-  const std::size_t equals = std::min(line.find('=', at), blank);
-  if (equals < blank) std::fill(masked + equals + 1, masked + blank, '*');
-
-  std::size_t begin = line.find_first_not_of(' ', blank);
-  if (begin == std::string_view::npos) return;
-  const bool quoted = line[begin] == '"';
-  if (quoted) ++begin;
-  const std::size_t end = std::min(line.find(quoted ? '"' : ' ', begin), line.size());
-  std::fill(masked + begin, masked + end, '*');
-}
-
-void MaskKey(std::string_view line, std::string_view key, char* masked) {
-  for (std::size_t dash = line.find('-'); dash != std::string_view::npos;
-       dash = line.find('-', dash + 1)) {
-    const std::string_view option = line.substr(dash + 1);
-    if (option.size() > key.size() && StartsWithNoCase(option, key)) {
-      MaskValue(line, dash + 1 + key.size(), masked);
-    }
-  }
-}
-
 // --- the child --------------------------------------------------------------------------------
 
 /// All that the child needs, made before the fork: another thread may hold the lock of the heap
@@ -140,10 +113,12 @@ void MaskKey(std::string_view line, std::string_view key, char* masked) {
 struct ChildPlan {
   ChildPlan(const char* program, const char* arguments)
       : vector(BuildVector(program, ViewOf(arguments), ViewOf(arguments), count)) {
-    const std::unique_ptr<char[]> masked(TraceIsOn() ? MaskSecrets(arguments) : nullptr);
+    if (!TraceIsOn()) return;
+    const MaskedText maskedProgram(program);
+    const MaskedText masked(arguments);
     std::size_t ignored = 0;
-    if (masked != nullptr || arguments == nullptr) {
-      shown = BuildVector(program, ViewOf(arguments), ViewOf(masked.get()), ignored);
+    if (masked.Text() != nullptr || arguments == nullptr) {
+      shown = BuildVector(maskedProgram.Text(), ViewOf(arguments), ViewOf(masked.Text()), ignored);
     }
   }
 
@@ -282,10 +257,8 @@ void PollChild(pid_t child, std::int64_t waitMode) {
 
 int LaunchProcess(const char* program, const char* arguments, std::int64_t waitMode, bool /*show*/,
                   std::uint64_t* /*processId*/) {
-  if (TraceIsOn()) {
-    TraceWrite("Helper - Start application: '%s' '%s'", program == nullptr ? "" : program,
-               MaskedText(arguments).Text());
-  }
+  TraceWrite("Helper - Start application: '%s' '%s'",
+             MaskedText(program == nullptr ? "" : program).Text(), MaskedText(arguments).Text());
   const ChildPlan plan(program, arguments);
   const pid_t child = ForkChild(plan);
   if (child < 0) {
@@ -309,17 +282,6 @@ void FreeArguments(char** vector) {
   for (char** entry = vector; *entry != nullptr; ++entry) delete[] * entry;
   delete[] vector;
 }
-
-char* MaskSecrets(const char* text) {
-  char* masked = nullptr;
-  Duplicate(text, masked);
-  if (masked == nullptr) return nullptr;
-  for (const std::string_view key : kSecretKeys) MaskKey(text, key, masked);
-  return masked;
-}
-
-MaskedText::MaskedText(const char* text)
-    : off_(!TraceIsOn()), copy_(off_ ? nullptr : MaskSecrets(text)) {}
 
 bool IsProcessRunning(std::uint64_t processId) {
   const int id = static_cast<int>(processId);

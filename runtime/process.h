@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
 namespace qixx {
 
@@ -26,23 +25,6 @@ int LaunchProcess(const char* program, const char* arguments, std::int64_t waitM
 /// null-ended vector to be freed with FreeArguments, or null; `count` excludes the end mark.
 [[nodiscard]] char** SplitArguments(const char* program, const char* arguments, std::size_t& count);
 void FreeArguments(char** vector);
-
-/// New array copy with the values of secret options replaced by '*' (lengths are kept), freed with
-/// delete[]; null for a null text.
-[[nodiscard]] char* MaskSecrets(const char* text);
-
-/// A masked copy for one trace line: TraceWrite("... '%s'", MaskedText(text).Text()). No copy is
-/// made while tracing is off; whatever goes wrong, the unmasked text is never given out.
-class MaskedText {
- public:
-  explicit MaskedText(const char* text);
-  /// Null for a null text, and when memory ran out.
-  [[nodiscard]] const char* Text() const { return off_ ? "" : copy_.get(); }
-
- private:
-  bool off_;
-  std::unique_ptr<char[]> copy_;
-};
 
 /// Whether there is such a child and it still runs. Traces, and reaps an ended child.
 bool IsProcessRunning(std::uint64_t processId);

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <csignal>
 #include <ctime>
-#include <iterator>
 #include <limits>
 #include <memory>
 #include <new>
@@ -157,8 +156,7 @@ std::uint32_t UnlockPlatformMutex(void* mutex) {
 
 // --- critical sections ------------------------------------------------------------------------
 
-CCritical::CCritical() : mutex_(nullptr), initialised_(false), owner_(0), count_(0) {
-  std::fill(std::begin(area_), std::end(area_), static_cast<unsigned char>(0));
+CCritical::CCritical() {
   Initialise();
 }
 

@@ -55,11 +55,11 @@ class CCritical {
  private:
   std::uint32_t Lock();
 
-  unsigned char area_[64];
-  void* mutex_;
-  bool initialised_;
-  std::atomic<ThreadId> owner_;
-  std::atomic<std::uint64_t> count_;
+  [[maybe_unused]] unsigned char area_[64] = {};
+  void* mutex_ = nullptr;
+  bool initialised_ = false;
+  std::atomic<ThreadId> owner_{0};
+  std::atomic<std::uint64_t> count_{0};
 };
 
 /// A counter under its own lock; it passes neither 0 nor 4,294,967,295.
@@ -104,8 +104,8 @@ void ThreadKill(ThreadId thread, int signal);
 /// ever. Not used by the program itself.
 void SetLockTimeout(std::uint32_t seconds);
 
-/// Registers mutex functions for all sections made from now on. Refused (with a trace line, result
-/// 0) once any section is live. A null record keeps the internal mutexes.
+/// Registers mutex functions for all sections made from now on, before there are other threads.
+/// Refused (with a trace line, result 0) once any section is live. A null record changes nothing.
 std::uint32_t SetExternalMutexHooks(const ExternalMutexHooks* hooks);
 
 }  // namespace qixx

@@ -1,7 +1,6 @@
 #include "runtime/trace.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "runtime/descriptor.h"
 #include "runtime/files.h"
 #include "runtime/settings.h"
 #include "runtime/sync.h"
@@ -31,6 +31,7 @@ constexpr std::string_view kNullText = "[null]";
 constexpr std::string_view kTooManyArguments = "INTERNAL PROBLEM, TOO MANY ARGUMENTS";
 constexpr unsigned kMostSlots = 10;
 constexpr off_t kMostFileBytes = 104'857'600;
+constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
 constexpr time_t kSizeCheckSeconds = 3'600;
 constexpr std::uint32_t kDayMilliseconds = 86'400'000;
 constexpr std::int32_t kReleaseAll = -1;
@@ -79,48 +80,6 @@ class KeepErrorNumber {
 
  private:
   int kept_;
-};
-
-// --- files ------------------------------------------------------------------------------------
-
-/// A file opened for writing and made for its owner only. Whatever is no regular file is left
-/// alone, and opening it never blocks.
-class RegularFile {
- public:
-  RegularFile(const char* path, int flags)
-      : descriptor_(
-            ::open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags, S_IRUSR | S_IWUSR)) {
-    struct stat status = {};
-    if (descriptor_ >= 0 && ::fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode)) {
-      size_ = status.st_size;
-    } else {
-      Close();
-    }
-  }
-  ~RegularFile() { Close(); }
-  RegularFile(const RegularFile&) = delete;
-  RegularFile& operator=(const RegularFile&) = delete;
-
-  [[nodiscard]] bool IsOpen() const { return descriptor_ >= 0; }
-  /// The size when it was opened, 0 when it was not.
-  [[nodiscard]] off_t Size() const { return size_; }
-  bool Truncate() { return IsOpen() && ::ftruncate(descriptor_, 0) == 0; }
-  void Write(std::string_view bytes) {
-    while (IsOpen() && !bytes.empty()) {
-      const ssize_t written = ::write(descriptor_, bytes.data(), bytes.size());
-      if (written < 0 && errno == EINTR) continue;
-      if (written <= 0) return;
-      bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-  }
-
- private:
-  void Close() {
-    if (descriptor_ >= 0) ::close(descriptor_);
-    descriptor_ = -1;
-  }
-  int descriptor_;
-  off_t size_ = 0;
 };
 
 // --- target names -----------------------------------------------------------------------------
@@ -468,13 +427,18 @@ bool HasLineArea() {
   return state.lineArea != nullptr;
 }
 
+bool Empty(const Descriptor& file) {
+  return ::ftruncate(file.Get(), 0) == 0;
+}
+
 /// Empties a target that has grown too large. Looks once an hour, and at the first line.
 void CheckTargetSize() {
   const time_t now = ::time(nullptr);
   if (IsServerTarget(TextOf(state.target)) || now <= state.nextSizeCheck) return;
   state.nextSizeCheck = now + kSizeCheckSeconds;
-  RegularFile file(state.target, 0);
-  if (file.Size() > kMostFileBytes) file.Truncate();
+  struct stat status {};
+  const Descriptor file = OpenRegular(state.target, O_WRONLY, status);
+  if (file.IsOpen() && status.st_size > kMostFileBytes) Empty(file);
 }
 
 /// Opened anew for each line: others write the same file, and a deleted one comes back.
@@ -483,7 +447,9 @@ void AppendToTarget(std::string_view line) {
     state.target[0] = 's';  // Known behaviour of server targets; nothing else depends on it.
     return;
   }
-  RegularFile(state.target, O_APPEND | O_CREAT).Write(line);
+  struct stat status {};
+  WriteFully(OpenRegular(state.target, O_WRONLY | O_APPEND | O_CREAT, status, kOwnerOnly),
+             {reinterpret_cast<const std::uint8_t*>(line.data()), line.size()});
 }
 
 void CallBack(std::string_view line) {
@@ -649,8 +615,11 @@ void TraceDump(const char* name, std::span<const std::uint8_t> data) {
       std::snprintf(path, sizeof path, "%.*s~%s%s", static_cast<int>(directory.size()),
                     directory.data(), Product().prefix, name == nullptr ? "" : name);
   if (length < 0 || static_cast<std::size_t>(length) >= sizeof path) return;
-  RegularFile file(path, O_CREAT | O_NOFOLLOW);
-  if (file.Truncate()) file.Write({reinterpret_cast<const char*>(data.data()), data.size()});
+  struct stat status {};
+  const Descriptor file = OpenRegular(path, O_WRONLY | O_CREAT | O_NOFOLLOW, status, kOwnerOnly);
+  // In a shared directory somebody else may have put a file of that name there to read it later.
+  const bool own = file.IsOpen() && status.st_uid == ::geteuid();
+  if (own && Empty(file)) WriteFully(file, data);
 }
 
 void TraceStop() {
