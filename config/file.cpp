@@ -119,6 +119,10 @@ const char* MissingLineEnd(std::string_view text, std::size_t position) {
   return position == 0 || IsLineBreak(text[position - 1]) ? "" : "\n";
 }
 
+void Erase(std::string& text, TextRange range) {
+  text.erase(range.begin, range.end - range.begin);
+}
+
 /// The section that Delete takes: preferably one that stands directly behind an LF.
 bool FindSectionToDelete(std::string_view text, std::string_view name, TextRange& cut) {
   MarkReader marks(text);
@@ -184,8 +188,8 @@ ConfigResult CConfigFile::Open(bool writable, const char* path, bool quiet) {
 }
 
 ConfigResult CConfigFile::Close(bool release) {
-  const bool mustWrite = modified_ && writable_ && IsOpen();
-  const bool written = !mustWrite || WriteText();
+  const bool mustWrite = modified_ && writable_;
+  const bool written = !mustWrite || (IsOpen() && WriteText());
   const bool closed = CloseFile();
   writable_ = false;
   modified_ = false;
@@ -346,10 +350,8 @@ ConfigResult CConfigFile::LookUp(const char* section, const char* entry, std::st
 
 ConfigResult CConfigFile::FindValue(const char* section, const char* entry,
                                     std::span<char> buffer) {
-  std::string_view value;
-  const ConfigResult result = LookUp(section, entry, value);
-  CopyTextCut(buffer, value);
-  return result;
+  return tree_ == nullptr ? FindValueInText(section, entry, buffer)
+                          : FindValueInTree(section, entry, buffer);
 }
 
 ConfigResult CConfigFile::FindValueInText(const char* section, const char* entry,
@@ -377,11 +379,8 @@ ConfigResult CConfigFile::GetValue(const char* section, const char* entry, std::
 }
 
 bool CConfigFile::SectionExists(const char* section) {
-  MarkReader marks(text_);
-  for (TextLine header; marks.NextHeader(header);) {
-    if (IsExactHeaderOf(header.text, ViewOf(section))) return true;
-  }
-  return false;
+  TextLine header;
+  return FindHeader(text_, ViewOf(section), IsExactHeaderOf, header);
 }
 
 ConfigResult CConfigFile::GetBlock(const char* name, std::uint8_t*& data, std::size_t& length) {
@@ -427,11 +426,8 @@ ConfigResult CConfigFile::EnumSectionEntries(const char* section, std::span<char
     const std::string_view name = ViewOf(section);
     SectionCursor& cursor = sectionCursor_;
     if (cursor.position == 0 || cursor.next != wanted || !EqualsNoCase(cursor.section, name)) {
-      MarkReader marks(text_);
       TextLine header;
-      do {
-        if (!marks.NextHeader(header)) return kConfigFailed;
-      } while (!IsExactHeaderOf(header.text, name));
+      if (!FindHeader(text_, name, IsExactHeaderOf, header)) return kConfigFailed;
       cursor = {std::string(name), 0, header.end};
     }
     LineReader lines(text_, cursor.position);
@@ -522,10 +518,11 @@ ConfigResult CConfigFile::Adopt(std::string_view text, Change change) {
 
 ConfigResult CConfigFile::SetValue(const char* section, const char* entry, const char* value,
                                    bool convert) {
-  if (!hasText_ || ViewOf(section).empty() || ViewOf(entry).empty()) return kConfigFailed;
+  if (!hasText_ || ViewOf(section).empty()) return kConfigFailed;
   return Guarded([&] {
     const std::string sectionName = OneLine(section);
-    const std::string entryName = OneLine(entry);
+    const std::string entryName = OneLine(ViewOf(entry));
+    if (!IsEntryName(entryName)) return kConfigFailed;
     const EntrySearch found = FindEntry(text_, sectionName, entryName);
     const std::string head = found.result == kConfigNoSection ? SectionHead(sectionName)
                                                               : MissingLineEnd(text_, found.begin);
@@ -537,16 +534,18 @@ ConfigResult CConfigFile::SetValue(const char* section, const char* entry, const
 }
 
 ConfigResult CConfigFile::AddValue(const char* section, const char* entry, const char* value) {
-  if (!hasText_ || ViewOf(section).empty() || ViewOf(entry).empty()) return kConfigFailed;
+  if (!hasText_ || ViewOf(section).empty()) return kConfigFailed;
   return Guarded([&] {
     const std::string sectionName = OneLine(section);
+    const std::string entryName = OneLine(ViewOf(entry));
+    if (!IsEntryName(entryName)) return kConfigFailed;
     SectionSpan found;
     const bool exists = FindSection(text_, sectionName, found);
     // A missing section is added in front of everything, unlike in SetValue: both are intended.
     const std::size_t position = exists ? found.insertion : 0;
     const std::string head =
         exists ? std::string(MissingLineEnd(text_, position)) + '\n' : SectionHead(sectionName);
-    const std::string text = EntryText(head, OneLine(entry), ViewOf(value));
+    const std::string text = EntryText(head, entryName, ViewOf(value));
     if (text.empty()) return kConfigFailed;
     return Splice({position, position}, text, Change::kAdd);
   });
@@ -561,7 +560,7 @@ ConfigResult CConfigFile::Delete(const char* section, const char* entry) {
              found.result == kConfigOk) {
     cut = {found.begin, found.end};
   }
-  text_.erase(cut.begin, cut.end - cut.begin);
+  Erase(text_, cut);
   Touch();
   return kConfigOk;
 }
@@ -575,23 +574,23 @@ ConfigResult CConfigFile::SetBlock(const char* name, std::span<const std::uint8_
       return Adopt(text, Change::kSet);
     }
     const std::string blockName = OneLine(name);
-    const std::string text = BlockText(blockName, data);
-    if (blockName.empty() || text.empty()) return kConfigFailed;
-    const ConfigResult result = MakeRoom(text.size(), Change::kSet);
-    if (result != kConfigOk) return result;
-    BlockSpan old;
-    const bool replaces = FindBlock(text_, blockName, old);
-    text_.append(text);
-    if (replaces) text_.erase(old.begin, old.end - old.begin);
-    Touch();
-    return kConfigOk;
+    const std::string added = BlockText(blockName, data);
+    if (blockName.empty() || added.empty()) return kConfigFailed;
+    std::string text = text_;
+    BlockSpan block;
+    if (FindBlock(text, blockName, block)) Erase(text, block.range);
+    const std::size_t position = text.size();
+    text += added;
+    // A block in front that is never closed would end here and hide all between.
+    if (!FindBlock(text, blockName, block, position)) return kConfigFailed;
+    return Adopt(text, Change::kSet);
   });
 }
 
 ConfigResult CConfigFile::DeleteBlock(const char* name) {
   BlockSpan block;
   if (ViewOf(name).empty() || !FindBlock(text_, name, block)) return kConfigFailed;
-  text_.erase(block.begin, block.end - block.begin);
+  Erase(text_, block.range);
   Touch();
   return kConfigOk;
 }
@@ -603,11 +602,8 @@ ConfigResult CConfigFile::RenameSection(const char* oldName, const char* newName
   return Guarded([&] {
     const std::string name = OneLine(newName);
     std::string merged;
-    if (MergeBeforeRename(text_, oldName, name, merged)) {
-      const ConfigResult result = Adopt(merged, Change::kSet);
-      if (result != kConfigOk) return result;
-    }
-    return Adopt(RewriteHeaders(text_, oldName, name), Change::kRename);
+    const bool merges = MergeBeforeRename(text_, oldName, name, merged);
+    return Adopt(RewriteHeaders(merges ? merged : text_, oldName, name), Change::kRename);
   });
 }
 

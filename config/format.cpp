@@ -53,24 +53,19 @@ SortedSection BeginSection(std::string_view header) {
 
 std::vector<SortedSection> SplitSections(std::string_view text) {
   std::vector<SortedSection> sections;
-  LineReader lines(text);
-  BlockEnds blocks(text);
-  std::size_t blockEnd = 0;
-  for (TextLine line; lines.Next(line);) {
-    const std::string_view whole = text.substr(line.begin, line.end - line.begin);
-    const bool inBlock = line.begin < blockEnd;
-    if (!inBlock && whole.starts_with('[')) {
-      if (!sections.empty()) sections.back().text += '\n';
-      sections.push_back(BeginSection(whole));
-      continue;
+  MarkReader marks(text);
+  TextLine header;
+  for (bool more = marks.NextHeader(header); more;) {
+    SortedSection& section =
+        sections.emplace_back(BeginSection(text.substr(header.begin, header.end - header.begin)));
+    const std::size_t begin = header.end;
+    more = marks.NextHeader(header);
+    LineReader lines(text.substr(0, more ? header.begin : text.size()), begin);
+    for (TextLine line; lines.Next(line);) {
+      section.text.append(text, line.begin, line.end - line.begin).append(1, '\n');
     }
-    if (!inBlock && whole.starts_with('<')) {
-      const std::size_t end = blocks.Behind(line.begin);
-      blockEnd = end == kNoPosition ? 0 : end;
-    }
-    if (!sections.empty()) sections.back().text.append(whole).append(1, '\n');
+    section.text += '\n';
   }
-  if (!sections.empty()) sections.back().text += '\n';
   return sections;
 }
 
@@ -137,13 +132,14 @@ std::string SortSections(std::string_view text) {
 
 std::string StripCommentLines(std::string_view text) {
   std::string kept;
-  BlockEnds blocks(text);
+  MarkReader marks(text);
+  TextRange block;
+  bool hasBlock = marks.NextBlock(block);
   for (std::size_t begin = 0; begin < text.size();) {
     const bool dropped = IsDroppedLine(text.substr(begin));
     std::size_t end = FindLineEnd(text, begin);
-    if (!dropped && SkipBlanks(text.substr(begin, end - begin)).starts_with('<')) {
-      const std::size_t blockEnd = blocks.Behind(begin);
-      if (blockEnd != kNoPosition) end = FindLineEnd(text, blockEnd);
+    for (; hasBlock && block.begin < end; hasBlock = marks.NextBlock(block)) {
+      end = FindLineEnd(text, block.end);
     }
     if (dropped) {
       end = std::min(text.find_first_not_of("\r\n", end), text.size());

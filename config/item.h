@@ -56,12 +56,14 @@ class CConfigItem {
   /// The data of a block in a new array that the caller frees with delete[].
   virtual ConfigResult GetBlock(const char* name, std::uint8_t*& data, std::size_t& length);
 
-  /// A null value is written as an empty one.
+  /// A null value is written as an empty one. Refuses an entry whose line would not be read as one:
+  /// its name is empty or begins with a blank, a line end, '[', '<', ';' or '#'.
   virtual ConfigResult SetValue(const char* section, const char* entry, const char* value,
                                 bool convert);
-  /// Replaces the block of that name. With a null name the data replace the whole text.
+  /// Replaces the block of that name. With a null name the data replace the whole text. Refuses a
+  /// block that could not be read again, as where one in front of it is never closed.
   virtual ConfigResult SetBlock(const char* name, std::span<const std::uint8_t> data);
-  /// Adds an entry without looking for one that is there already.
+  /// Adds an entry without looking for one that is there already. Refuses what SetValue refuses.
   virtual ConfigResult AddValue(const char* section, const char* entry, const char* value);
   /// A null entry stands for the whole section. Succeeds, and counts as a change, also when there
   /// was nothing to delete.

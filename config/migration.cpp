@@ -79,27 +79,9 @@ std::vector<Entry> CollectEntries(std::string_view text, const SectionSpan& sect
   return entries;
 }
 
-bool FindExactSection(std::string_view text, std::string_view name, SectionSpan& section) {
-  MarkReader marks(text);
-  for (TextLine header; marks.NextHeader(header);) {
-    if (!IsExactHeaderOf(header.text, name)) continue;
-    section = SpanOfSection(text, header);
-    return true;
-  }
-  return false;
-}
-
 /// As IsHeaderOf, but the letter case counts.
 bool IsRewritable(std::string_view line, std::string_view name) {
   return IsHeaderOf(line, name) && line.substr(1).starts_with(name);
-}
-
-bool FindRewritable(std::string_view text, std::string_view name, TextLine& header) {
-  MarkReader marks(text);
-  while (marks.NextHeader(header)) {
-    if (IsRewritable(header.text, name)) return true;
-  }
-  return false;
 }
 
 /// The lines of a section after setting all `entries` in it: each takes the place of the first
@@ -145,22 +127,26 @@ ValuesByName CollectImageTargets(std::string_view text) {
   return values;
 }
 
-/// Takes the images that may leave out of their section; those that are new to the other one are
+/// Takes the images that may leave out of their sections; those that are new to the other one are
 /// added to `images` as lines.
-std::string TakeImages(std::string_view text, const SectionSpan& source, std::string& images) {
+std::string TakeImages(std::string_view text, std::string& images) {
   ValuesByName targets = CollectImageTargets(text);
   std::string kept;
   std::size_t copied = 0;
-  LineReader lines = LinesOf(text, source);
-  for (TextLine line; lines.Next(line);) {
-    if (!IsImage(line.text)) continue;
-    const std::string_view name = EntryName(line.text);
-    const std::string_view value = EntryValue(line.text);
-    const auto [target, isNew] = targets.try_emplace(Folded(name), value);
-    if (!isNew && !EqualsNoCase(target->second, value)) continue;
-    if (isNew) images += LineOf(name, value);
-    kept.append(text, copied, BeforeBlanks(text, line.begin) - copied);
-    copied = BehindLineEnd(text, line.end);
+  MarkReader marks(text);
+  for (TextLine header; marks.NextHeader(header);) {
+    if (!IsHeaderOf(header.text, kImageSource)) continue;
+    LineReader lines = LinesOf(text, SpanOfSection(text, header));
+    for (TextLine line; lines.Next(line);) {
+      if (!IsImage(line.text)) continue;
+      const std::string_view name = EntryName(line.text);
+      const std::string_view value = EntryValue(line.text);
+      const auto [target, isNew] = targets.try_emplace(Folded(name), value);
+      if (!isNew && !EqualsNoCase(target->second, value)) continue;
+      if (isNew) images += LineOf(name, value);
+      kept.append(text, copied, BeforeBlanks(text, line.begin) - copied);
+      copied = BehindLineEnd(text, line.end);
+    }
   }
   return kept.append(text, copied);
 }
@@ -179,18 +165,19 @@ bool LooksOld(std::string_view text) {
 bool MergeBeforeRename(std::string_view text, std::string_view oldName, std::string_view newName,
                        std::string& merged) {
   TextLine target;
-  SectionSpan source;
-  if (EqualsNoCase(oldName, newName) || !FindRewritable(text, oldName, target) ||
-      !FindExactSection(text, newName, source)) {
+  TextLine header;
+  if (EqualsNoCase(oldName, newName) || !FindHeader(text, oldName, IsRewritable, target) ||
+      !FindHeader(text, newName, IsExactHeaderOf, header)) {
     return false;
   }
+  const SectionSpan source = SpanOfSection(text, header);
   const std::vector<Entry> entries = CollectEntries(text, source);
   if (entries.empty()) return false;
 
   const TextRange cut = CutOfSection(text, source);
   merged.assign(text, 0, cut.begin).append(text, cut.end);
   // The header is still there, but what went in front of it has moved it.
-  if (!FindRewritable(merged, oldName, target)) return false;
+  if (!FindHeader(merged, oldName, IsRewritable, target)) return false;
   const SectionSpan section = SpanOfSection(merged, target);
   const std::string lines = SetEntries(merged, section, entries);
   merged.replace(target.end, section.insertion - target.end, lines);
@@ -212,12 +199,11 @@ std::string RewriteHeaders(std::string_view text, std::string_view oldName,
 }
 
 bool MoveImages(std::string_view text, std::string& moved) {
-  SectionSpan section;
-  if (!FindSection(text, kImageSource, section)) return false;
   std::string images;
-  moved = TakeImages(text, section, images);
+  moved = TakeImages(text, images);
   if (moved.size() == text.size()) return false;
   if (images.empty()) return true;
+  SectionSpan section;
   if (!FindSection(moved, kImageTarget, section)) {
     moved += SectionHead(kImageTarget) + images;
     return true;

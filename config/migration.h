@@ -32,8 +32,8 @@ inline constexpr const char* kProfileSection = "SmartCardProfile";
 [[nodiscard]] std::string RewriteHeaders(std::string_view text, std::string_view oldName,
                                          std::string_view newName);
 
-/// Moves the images of section "CredentialProvider" to section "Dialog Presentation"; an image that
-/// is there already with another value stays in both. False (and no result) without a change.
+/// Moves the images of all sections "CredentialProvider" to section "Dialog Presentation"; an image
+/// that is there already with another value stays in both. False (and no result) without a change.
 [[nodiscard]] bool MoveImages(std::string_view text, std::string& moved);
 
 }  // namespace qixx

@@ -9,14 +9,9 @@ namespace {
 
 constexpr std::string_view kBlockEnd = "/>";
 
-TextLine LineAt(std::string_view text, std::size_t begin) {
-  const std::size_t end = FindLineEnd(text, begin);
-  return {text.substr(begin, std::min(end - begin, kMaximumLine)), begin, end};
-}
-
-bool IsLineStart(std::string_view text, std::size_t position) {
-  const std::size_t start = BeforeBlanks(text, position);
-  return start == 0 || IsLineBreak(text[start - 1]);
+TextLine LineIn(std::string_view text, TextRange range) {
+  const std::size_t length = std::min(range.end - range.begin, kMaximumLine);
+  return {text.substr(range.begin, length), range.begin, range.end};
 }
 
 bool IsEntryOf(std::string_view line, std::string_view entry) {
@@ -65,46 +60,49 @@ bool LineReader::Next(TextLine& line) {
     ++position_;
   }
   if (position_ >= text_.size()) return false;
-  line = LineAt(text_, position_);
+  line = LineIn(text_, {position_, FindLineEnd(text_, position_)});
   position_ = line.end;
   return true;
 }
 
-std::size_t BlockEnds::Behind(std::size_t begin) {
-  if (mark_ < begin) mark_ = begin;
-  if (mark_ != kNoPosition) mark_ = text_.find(kBlockEnd, mark_);
-  return mark_ == kNoPosition ? kNoPosition : mark_ + kBlockEnd.size();
-}
-
-bool MarkReader::Next(Mark& mark) {
+bool MarkReader::Find(Mark wanted, TextRange& found) {
   for (;;) {
-    if (header_ < position_) header_ = text_.find('[', position_);
-    if (block_ < position_) block_ = text_.find('<', position_);
-    const std::size_t begin = std::min(header_, block_);
+    if (bracket_ < position_) bracket_ = text_.find('[', position_);
+    if (angle_ < position_) angle_ = text_.find('<', position_);
+    const std::size_t begin = std::min(bracket_, angle_);
     if (begin == kNoPosition) return false;
     position_ = begin + 1;
-    if (!IsLineStart(text_, begin)) continue;
-    if (begin == header_) {
-      mark = {false, LineAt(text_, begin)};
-      position_ = mark.line.end;
-      return true;
-    }
-    const std::size_t end = blocks_.Behind(begin);
+    const Mark mark = begin == bracket_ ? Mark::kHeader : Mark::kBlock;
+    const std::size_t start = BeforeBlanks(text_, begin);
+    const bool startsLine = start == 0 || IsLineBreak(text_[start - 1]);
+    const bool followsBlock = mark == Mark::kBlock && start == blockEnd_;
+    if (!startsLine && !followsBlock) continue;
+    const std::size_t end = mark == Mark::kHeader ? FindLineEnd(text_, begin) : BehindBlock(begin);
     if (end == kNoPosition) continue;
-    mark = {true, {{}, begin, end}};
-    position_ = FindLineEnd(text_, end);
+    position_ = end;
+    if (mark == Mark::kBlock) blockEnd_ = end;
+    if (mark != wanted) continue;
+    found = {begin, end};
     return true;
   }
+}
+
+/// Asked for growing positions; kNoPosition for a block that is never closed.
+std::size_t MarkReader::BehindBlock(std::size_t begin) {
+  if (terminator_ < begin) terminator_ = begin;
+  if (terminator_ != kNoPosition) terminator_ = text_.find(kBlockEnd, terminator_);
+  return terminator_ == kNoPosition ? kNoPosition : terminator_ + kBlockEnd.size();
 }
 
 bool MarkReader::NextHeader(TextLine& header) {
-  Mark mark;
-  while (Next(mark)) {
-    if (mark.block) continue;
-    header = mark.line;
-    return true;
-  }
-  return false;
+  TextRange range;
+  if (!Find(Mark::kHeader, range)) return false;
+  header = LineIn(text_, range);
+  return true;
+}
+
+bool MarkReader::NextBlock(TextRange& block) {
+  return Find(Mark::kBlock, block);
 }
 
 std::string_view HeaderName(std::string_view line) {
@@ -119,6 +117,10 @@ bool IsHeaderOf(std::string_view line, std::string_view section) {
 
 bool IsExactHeaderOf(std::string_view line, std::string_view section) {
   return line.size() == section.size() + 2 && IsHeaderOf(line, section);
+}
+
+bool IsEntryName(std::string_view name) {
+  return !name.empty() && !name.starts_with(' ') && !IsComment(name) && !EndsSection(name);
 }
 
 std::string_view EntryName(std::string_view line) {
@@ -151,23 +153,27 @@ TextRange CutOfSection(std::string_view text, const SectionSpan& section) {
   return {behindFeed ? begin - 1 : begin, end};
 }
 
-bool FindSection(std::string_view text, std::string_view name, SectionSpan& section) {
+bool FindHeader(std::string_view text, std::string_view section, HeaderTest test,
+                TextLine& header) {
   MarkReader marks(text);
-  for (TextLine header; marks.NextHeader(header);) {
-    if (!IsHeaderOf(header.text, name)) continue;
-    section = SpanOfSection(text, header);
-    return true;
+  while (marks.NextHeader(header)) {
+    if (test(header.text, section)) return true;
   }
   return false;
 }
 
-EntrySearch FindEntry(std::string_view text, std::string_view section, std::string_view entry) {
-  MarkReader marks(text);
-  TextLine line;
-  do {
-    if (!marks.NextHeader(line)) return {kConfigNoSection, {}, text.size(), text.size()};
-  } while (!IsHeaderOf(line.text, section));
+bool FindSection(std::string_view text, std::string_view name, SectionSpan& section) {
+  TextLine header;
+  if (!FindHeader(text, name, IsHeaderOf, header)) return false;
+  section = SpanOfSection(text, header);
+  return true;
+}
 
+EntrySearch FindEntry(std::string_view text, std::string_view section, std::string_view entry) {
+  TextLine line;
+  if (!FindHeader(text, section, IsHeaderOf, line)) {
+    return {kConfigNoSection, {}, text.size(), text.size()};
+  }
   std::size_t last = line.end;
   for (LineReader lines(text, line.end); lines.Next(line) && !EndsSection(line.text);) {
     if (IsEntryOf(line.text, entry)) {
@@ -196,15 +202,11 @@ bool EntryReader::Next(std::string_view& section, std::string_view& entry) {
   return false;
 }
 
-bool FindBlock(std::string_view text, std::string_view name, BlockSpan& block) {
+bool FindBlock(std::string_view text, std::string_view name, BlockSpan& block, std::size_t from) {
   MarkReader marks(text);
-  for (Mark mark; marks.Next(mark);) {
-    if (!mark.block) continue;
-    const std::string_view whole = text.substr(mark.line.begin, mark.line.end - mark.line.begin);
-    if (!MatchBlock(whole, name, block.body)) continue;
-    block.begin = mark.line.begin;
-    block.end = mark.line.end;
-    return true;
+  while (marks.NextBlock(block.range)) {
+    const auto [begin, end] = block.range;
+    if (begin >= from && MatchBlock(text.substr(begin, end - begin), name, block.body)) return true;
   }
   return false;
 }

@@ -18,6 +18,12 @@ inline constexpr std::size_t kMaximumLine = 164096;
 
 inline constexpr std::size_t kNoPosition = std::string_view::npos;
 
+/// From `begin` to in front of `end`.
+struct TextRange {
+  std::size_t begin = 0;
+  std::size_t end = 0;
+};
+
 /// One line without the blanks in front of it and its line end.
 struct TextLine {
   std::string_view text;  ///< cut at kMaximumLine
@@ -48,41 +54,30 @@ class LineReader {
   std::size_t position_;
 };
 
-/// Finds where blocks end. Asked for growing positions it reads the text once.
-class BlockEnds {
- public:
-  explicit BlockEnds(std::string_view text) : text_(text) {}
-  /// Position behind the "/>" of the block that begins at `begin`; kNoPosition for one that is
-  /// never closed: that one ends a section, but must not hide the rest of the text.
-  [[nodiscard]] std::size_t Behind(std::size_t begin);
-
- private:
-  std::string_view text_;
-  std::size_t mark_ = 0;
-};
-
-/// A header line or a block.
-struct Mark {
-  bool block = false;
-  TextLine line;  ///< the header; of a block its first position and the one behind "/>"
-};
-
 /// Walks the headers and blocks of a text without looking at the lines between. What stands in a
-/// block, or behind it in its last line, belongs to no section and is passed over.
+/// block, or behind it in its last line, belongs to no section and is passed over; only another
+/// block may follow there. A block that is never closed ends a section, but hides nothing.
 class MarkReader {
  public:
   explicit MarkReader(std::string_view text)
-      : text_(text), blocks_(text), header_(text.find('[')), block_(text.find('<')) {}
-  [[nodiscard]] bool Next(Mark& mark);
-  /// The same, for headers only.
+      : text_(text), bracket_(text.find('[')), angle_(text.find('<')) {}
+  /// Both are false at the end of the text. What is not asked for is passed over, so a reader is
+  /// asked either for headers or for blocks.
   [[nodiscard]] bool NextHeader(TextLine& header);
+  [[nodiscard]] bool NextBlock(TextRange& block);
 
  private:
+  enum class Mark { kHeader, kBlock };
+
+  bool Find(Mark wanted, TextRange& found);
+  std::size_t BehindBlock(std::size_t begin);
+
   std::string_view text_;
-  BlockEnds blocks_;
   std::size_t position_ = 0;
-  std::size_t header_;
-  std::size_t block_;
+  std::size_t bracket_;
+  std::size_t angle_;
+  std::size_t terminator_ = 0;  ///< of a block; the text is searched for it only once
+  std::size_t blockEnd_ = 0;    ///< behind the last block
 };
 
 // --- lines ------------------------------------------------------------------------------------
@@ -100,12 +95,20 @@ class MarkReader {
 [[nodiscard]] bool IsHeaderOf(std::string_view line, std::string_view section);
 /// Letter case is ignored; nothing may stand behind the ']'.
 [[nodiscard]] bool IsExactHeaderOf(std::string_view line, std::string_view section);
+/// Whether the line that is written for an entry of that name is read as one again.
+[[nodiscard]] bool IsEntryName(std::string_view name);
 /// The text in front of the first '=', else the whole line.
 [[nodiscard]] std::string_view EntryName(std::string_view line);
 /// The text behind the first '=' without trailing blanks.
 [[nodiscard]] std::string_view EntryValue(std::string_view line);
 
 // --- sections and entries ---------------------------------------------------------------------
+
+/// Whether a line is a header of that section, by one rule or another.
+using HeaderTest = bool (*)(std::string_view line, std::string_view section);
+/// The first header that passes the test.
+[[nodiscard]] bool FindHeader(std::string_view text, std::string_view section, HeaderTest test,
+                              TextLine& header);
 
 /// The lines of a section: from behind its header to the next header or block.
 struct SectionSpan {
@@ -116,10 +119,6 @@ struct SectionSpan {
 [[nodiscard]] SectionSpan SpanOfSection(std::string_view text, const TextLine& header);
 /// What goes when the section is deleted: its lines with the LF in front of its header, but not the
 /// line end in front of the next header or block.
-struct TextRange {
-  std::size_t begin = 0;
-  std::size_t end = 0;
-};
 [[nodiscard]] TextRange CutOfSection(std::string_view text, const SectionSpan& section);
 /// The first section of that name.
 [[nodiscard]] bool FindSection(std::string_view text, std::string_view name, SectionSpan& section);
@@ -151,10 +150,11 @@ class EntryReader {
 // --- blocks -----------------------------------------------------------------------------------
 
 struct BlockSpan {
-  std::size_t begin = 0;  ///< position of the '<'
-  std::size_t end = 0;    ///< position behind the "/>"
+  TextRange range;  ///< from '<' to "/>"
   std::string_view body;
 };
-[[nodiscard]] bool FindBlock(std::string_view text, std::string_view name, BlockSpan& block);
+/// The first block of that name that begins at `from` or behind it.
+[[nodiscard]] bool FindBlock(std::string_view text, std::string_view name, BlockSpan& block,
+                             std::size_t from = 0);
 
 }  // namespace qixx

@@ -24,6 +24,9 @@ namespace {
 
 constexpr std::string_view kStaticPath = "static";
 constexpr const char* kConditionSection = "Condition";
+/// Far more than the list of the active ones holds. Finding each takes a walk over the file, which
+/// endless conditions of a hostile file must not repeat for ever.
+constexpr unsigned kMaximumConditions = 1000;
 
 // The areas of the typed forms, terminator included.
 constexpr std::size_t kItemIntegerSize = 16;
@@ -141,11 +144,13 @@ CConfig::~CConfig() {
 
 // --- opening and closing ----------------------------------------------------------------------
 
-void CConfig::Close(bool release) {
+ConfigResult CConfig::Close(bool release) {
+  ConfigResult result = kConfigOk;
   for (std::unique_ptr<CConfigItem>& item : items_) {
-    if (item != nullptr) item->Close(release);
+    if (item != nullptr && item->Close(release) != kConfigOk) result = kConfigFailed;
     if (release) item.reset();
   }
+  return result;
 }
 
 ConfigResult CConfig::OpenAll(bool writable) {
@@ -434,7 +439,7 @@ void CConfig::CollectNamedConditions() {
                                  [this](std::string_view mode) { return IsModeActive(mode); }};
 
   std::string value;
-  for (unsigned number = 1;; ++number) {
+  for (unsigned number = 1; number <= kMaximumConditions; ++number) {
     const std::string entry = std::to_string(number);
     const ConfigResult result = ReadWhole(
         [&](std::span<char> area) {

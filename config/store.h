@@ -24,7 +24,8 @@ class CConfig {
   CConfig& operator=(const CConfig&) = delete;
 
   /// Writes a modified writable file back and closes it. With `release` the items are given up too.
-  virtual void Close(bool release);
+  /// kConfigFailed when a changed text could not be written.
+  virtual ConfigResult Close(bool release);
   /// The user's file and, when it is another, the system's. The result of the last open.
   virtual ConfigResult OpenAll(bool writable);
   /// The system's file alone.
@@ -38,7 +39,7 @@ class CConfig {
   /// look at the buffer, best through ReadConfigText below.
   virtual ConfigResult GetString(const char* section, const char* entry, std::span<char> buffer,
                                  bool convert);
-  /// Sets a value in the first item.
+  /// Sets a value in the first item; Close brings it to the file.
   virtual ConfigResult SetString(const char* section, const char* entry, const char* value,
                                  bool convert);
 

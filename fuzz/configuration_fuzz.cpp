@@ -56,6 +56,11 @@ void Walk(CConfigFile& file) {
   }
 }
 
+/// Nothing in it is written otherwise than it stands, or closes a block that the text leaves open.
+bool IsPlain(const std::string& text) {
+  return text.find('\r') == std::string::npos && text.find("/>") == std::string::npos;
+}
+
 void Change(CConfigFile& file, std::uint8_t operation, fuzzing::Input& input) {
   const std::string first = input.Line();
   const std::string second = input.Line();
@@ -64,7 +69,9 @@ void Change(CConfigFile& file, std::uint8_t operation, fuzzing::Input& input) {
   std::size_t index = operation;
   switch (operation % 11) {
     case 0:
-      file.SetValue(first.c_str(), second.c_str(), third.c_str(), true);
+      if (file.SetValue(first.c_str(), second.c_str(), third.c_str(), true) != kConfigOk) break;
+      if (!IsPlain(first + second + third)) break;
+      if (file.GetValue(first.c_str(), second.c_str(), area, true) != kConfigOk) std::abort();
       break;
     case 1:
       file.AddValue(first.c_str(), second.c_str(), third.c_str());

@@ -1,0 +1,370 @@
+// Opening, reading, changing and saving one file, and the cache of lookup trees.
+#include "config/file.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/tree.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/support/trace_capture.h"
+
+namespace qixx::testing {
+namespace {
+
+using namespace std::string_literals;
+
+/// A row of a table: a text before something is done to it and after.
+struct TextCase {
+  const char* name;
+  std::string before;
+  std::string after;
+};
+
+/// Holds a text without any file.
+class LoadedFile : public CConfigFile {
+ public:
+  explicit LoadedFile(std::string_view text) {
+    EXPECT_EQ(LoadText(text.data(), text.size()), kConfigOk);
+  }
+};
+
+std::string TextIn(const CConfigItem& item) {
+  std::size_t size = kMaximumLoadedText;
+  std::string text(size, '\0');
+  if (item.GetText(text.data(), size) != kConfigOk) return "(no text)";
+  return text.substr(0, size);
+}
+
+/// The value, or its result code in brackets.
+std::string ValueIn(CConfigItem& item, const char* section, const char* entry) {
+  char value[kTextSize] = "left alone";
+  const ConfigResult result = item.GetValue(section, entry, value, true);
+  if (result == kConfigOk) return value;
+  EXPECT_STREQ(value, "");
+  if (result == kConfigFailed) return "(6)";
+  return result == kConfigNoSection ? "(no section)" : "(no entry)";
+}
+
+void Check(ConfigResult (*change)(CConfigFile&), const std::vector<TextCase>& cases) {
+  for (const TextCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    LoadedFile file(c.before);
+    EXPECT_EQ(change(file), kConfigOk);
+    EXPECT_EQ(TextIn(file), c.after);
+  }
+}
+
+TEST(ConfigText, IsCleanedOnLoad) {
+  Check([](CConfigFile&) { return kConfigOk; },
+        {{"all leading high bytes", "\xFF\xFE\x80\xC3[A]\n\xC3\xA4=1\n", "[A]\n\xC3\xA4=1\n"},
+         {"zero bytes at the end", "[A]\n\0\0\0"s, "[A]\n"},
+         {"UTF-16", "\xFF\xFE[\0A\0]\0\n\0\xE4\0=\0\x31\0"s, "[A]\n\xC3\xA4=1"},
+         {"zero characters in UTF-16", "a\0\0\0b\0"s, "a.b"},
+         {"CR only", "[A]\rE=1\r", "[A]\nE=1\n"},
+         {"old name beside its new one", "[Soft Tokens]\n;SoftToken", "[Soft Tokens]\n;SoftToken"},
+         {"old name in other letters", "[soft tokens]\n", "[soft tokens]\n"}});
+}
+
+TEST(ConfigLookup, ScanAndTreeHaveTheirOwnRules) {
+  const TemporaryFolder folder;
+  const std::string text =
+      "Two=0\n[First] text\r\nName=  one   \nname=last\nBlank =1\n"
+      "#Hash=1\n//Slash=1\n  Indented=yes\n\tTab=1\nTwo=a=b\rCr=1\nno equals\n"
+      "<Block = \n[Hidden]\nInside=1\n/>Rest=1\n[open\nStill=1\n"
+      "[Twice]\nE=1\n[TWICE]\nE=2\n";
+  LoadedFile scanned(text);
+  CConfigFile parsed;
+  parsed.Open(false, folder.Write("a.conf", text).c_str(), true);
+  const auto both = [&](const char* section, const char* entry) {
+    return ValueIn(scanned, section, entry) + " / " + ValueIn(parsed, section, entry);
+  };
+  EXPECT_EQ(both("FIRST", "NAME"), "  one / last");
+  EXPECT_EQ(both("First", "Blank"), "(no entry) / (6)");
+  EXPECT_EQ(both("First", "#Hash"), "(no entry) / 1");
+  EXPECT_EQ(both("First", "//Slash"), "1 / (6)");
+  EXPECT_EQ(both("First", "Indented"), "yes / (6)");
+  EXPECT_EQ(both("First", "Tab"), "(no entry) / (6)");
+  EXPECT_EQ(both("First", "Two"), "a=b / a=b");  // its line ends at a CR
+  EXPECT_EQ(both("First", "Rest"), "(no entry) / (6)");
+  EXPECT_EQ(both("First", "Still"), "(no entry) / 1");  // behind the block and "[open"
+  EXPECT_EQ(both("Hidden", "Inside"), "(no section) / (6)");
+  EXPECT_EQ(both("Twice", "E"), "1 / 2");
+  EXPECT_FALSE(scanned.SectionExists("First"));  // not alone in its line
+
+  // A change is visible at once, and from then on the text is scanned.
+  EXPECT_EQ(parsed.SetValue("Twice", "E", "3", false), kConfigOk);
+  EXPECT_EQ(both("Twice", "E"), "1 / 3");
+
+  // The place of its tree is free again, and a tree outlives a close that keeps the text.
+  parsed.Open(false, folder.Write("a.conf", "[New]\n").c_str(), true);
+  parsed.Close(false);
+  EXPECT_EQ(ValueIn(parsed, "New", "E"), "(6)");
+}
+
+TEST(ConfigLookup, CutsOverlongLinesAndTexts) {
+  LoadedFile file("[A]\nLong=" + std::string(kMaximumLine, 'x') + "[B]\nE=2\n[B]\nE=1\n");
+  std::string value(2 * kMaximumLine, '\0');
+  EXPECT_EQ(file.GetValue("A", "Long", value, false), kConfigOk);
+  EXPECT_EQ(value.find('\0'), kMaximumLine - 5);
+  EXPECT_EQ(ValueIn(file, "A", "E"), "2");
+  const std::string text(kMaximumLoadedText + 1, ';');
+  EXPECT_EQ(file.LoadText(text.data(), text.size()), kConfigFailed);
+  EXPECT_EQ(ValueIn(file, "B", "E"), "1");
+  EXPECT_EQ(file.LoadText(text.data(), text.size() - 1), kConfigOk);
+}
+
+TEST(ConfigEnumeration, YieldsNamesInOrder) {
+  LoadedFile file(
+      "lost=1\n[A] x\na=1\n;c=1\n#h=1\nno equals\n<B = \nQQ==\n[not]\n/>\nbehind=1\n"
+      "[]\nlost=2\n[C]\nc=1\nc=2\n<B2 = \n/>\nd=1\n[C]\ne=1\n");
+  char section[kTextSize];
+  char entry[kTextSize];
+  std::string all;
+  std::size_t index = 0;
+  while (file.EnumEntries(section, entry, index) == kConfigOk) all += section + "."s + entry + "|";
+  EXPECT_EQ(all, "A.a|A.no equals|A.behind|C.c|C.c|C.d|C.e|");
+  // The header must stand alone, and a block ends the section.
+  EXPECT_EQ(file.EnumSectionEntries("A", entry, index = 0), kConfigFailed);
+  all.clear();
+  for (index = 0; file.EnumSectionEntries("c", entry, index) == kConfigOk;) all += entry + "|"s;
+  for (index = 0; file.EnumBlocks(entry, index) == kConfigOk;) all += entry + "|"s;
+  EXPECT_EQ(all, "c|c|B|B2|");
+}
+
+std::string BlockIn(CConfigFile& file, const char* name) {
+  std::uint8_t* data = nullptr;
+  std::size_t length = 0;
+  if (file.GetBlock(name, data, length) != kConfigOk) return "(none)";
+  const std::unique_ptr<std::uint8_t[]> owned(data);
+  return {owned.get(), owned.get() + length};
+}
+
+ConfigResult Set(CConfigFile& file, const char* name, const std::string& data) {
+  return file.SetBlock(name, {reinterpret_cast<const std::uint8_t*>(data.data()), data.size()});
+}
+
+TEST(ConfigBlocks, AreFoundByName) {
+  LoadedFile file(
+      "[A]\nx=<Fake = QQ==/>\n<Empty = \n/>\n< sPaced =\nQU\nJD/>\n"
+      "<Outer = \nQQ==\n<Inner = QkI=\n/>  <Same=RA==/> x <Late=QQ==/>\n<Open = QQ==");
+  EXPECT_EQ(BlockIn(file, "Spaced"), "ABC");
+  EXPECT_EQ(BlockIn(file, "Outer"), "A");
+  EXPECT_EQ(BlockIn(file, "Same"), "D");
+  for (const char* name : {"Empty", "Fake", "Inner", "Late", "Oute", ""}) {
+    EXPECT_EQ(BlockIn(file, name), "(none)") << name;
+  }
+  // A block behind the open one would close it.
+  EXPECT_EQ(Set(file, "New", "new"), kConfigFailed);
+  EXPECT_EQ(BlockIn(file, "New") + BlockIn(file, "Open"), "(none)(none)");
+}
+
+TEST(ConfigBlocks, AreWrittenAndDeleted) {
+  LoadedFile file("[A]\nE=1");
+  EXPECT_EQ(Set(file, "Key", "old"), kConfigOk);
+  EXPECT_EQ(TextIn(file), "[A]\nE=1\n<Key = \nb2xk\n/>");
+  const std::string twoLines(50, 'd');
+  EXPECT_EQ(Set(file, "KEY", twoLines), kConfigOk);
+  EXPECT_EQ(BlockIn(file, "key"), twoLines);
+  EXPECT_EQ(file.DeleteBlock("Key"), kConfigOk);
+  EXPECT_EQ(TextIn(file), "[A]\nE=1\n\n");
+  EXPECT_EQ(Set(file, nullptr, "[C]\0x"s), kConfigOk);
+  EXPECT_EQ(TextIn(file), "[C].x");
+}
+
+TEST(TreeCache, SharesEqualTextsAndTakesTheOldestPlace) {
+  CConfigTree cache;
+  const LookupTree* const tree = cache.Attach("/a", "[A]\n");
+  EXPECT_EQ(cache.Attach("/a", "[A]\n"), tree);
+  cache.Release(cache.Attach("/b", "[B]\n"));
+  cache.Release(cache.Attach("/c", "[C]\n"));
+  // The oldest is the first; it is in use, so there is no place although two are free.
+  EXPECT_EQ(cache.Attach("/d", "[D]\n"), nullptr);
+  // The same bytes under another path are shared in the place that was chosen.
+  EXPECT_EQ(cache.Attach("/d", "[A]\n"), tree);
+  cache.Release(tree);
+  cache.Release(tree);
+  EXPECT_EQ(cache.Attach("/a", "[other]\n"), nullptr);  // one of three still reads it
+  cache.Release(tree);
+}
+
+TEST(ConfigChange, SetsAndAddsValues) {
+  Check([](CConfigFile& file) { return file.SetValue("S", "E", "v", true); },
+        {{"missing section", "[A]\nx=1\n", "[A]\nx=1\n\n[S]\nE=v\n"},
+         {"section in a block", "<B = \n[S]\nE=1\n/>\n", "<B = \n[S]\nE=1\n/>\n\n[S]\nE=v\n"},
+         {"behind a whole CR LF", "[S]\r\nx=1\r\n\r\n[A]", "[S]\r\nx=1\r\nE=v\n\r\n[A]"},
+         {"before a block", "[S]\n  <B = \n/>\n", "[S]\nE=v\n  <B = \n/>\n"},
+         {"whole line with its end", "[S]\r\n  e=old\r\nb=2", "[S]\r\nE=v\nb=2"},
+         {"first of two", "[S]\na=1\nE=1\nE=2\n[S]\nE=3", "[S]\na=1\nE=v\nE=2\n[S]\nE=3"}});
+  Check([](CConfigFile& file) { return file.AddValue("S", "E", "v"); },
+        {{"missing section goes first", "[A]\n", "\n[S]\nE=v\n[A]\n"},
+         {"behind the last line", "[S]\nE=1", "[S]\nE=1\n\nE=v\n"}});
+}
+
+TEST(ConfigChange, WritesNothingThatReadsAsSomethingElse) {
+  LoadedFile file("");
+  EXPECT_EQ(file.SetValue("S\n", "E\r", nullptr, false), kConfigOk);
+  EXPECT_EQ(file.SetValue("S\n", "F", "a\r\n[X]", false), kConfigOk);
+  const std::string longer(kGrowthStep, 'x');
+  EXPECT_EQ(file.AddValue("L", "E", longer.c_str()), kConfigOk);
+  for (const char* name : {"", " E", "\nE", "[E", "<E", ";E", "#E", longer.c_str()}) {
+    EXPECT_EQ(file.SetValue("L", name, "v", false), kConfigFailed) << name;
+    EXPECT_EQ(file.AddValue("L", name, "v"), kConfigFailed) << name;
+  }
+  EXPECT_EQ(TextIn(file), "\n[L]\nE=" + longer.substr(8) + "\n\n[S ]\nE =\nF=a  [X]\n");
+}
+
+TEST(ConfigChange, DeletesEntriesAndSections) {
+  Check([](CConfigFile& file) { return file.Delete("S", "e"); },
+        {{"whole line with its end", "[S]\r\n  E=1\r\nb=2\n", "[S]\r\nb=2\n"},
+         {"not there", "[S]\n;E=1\n[A]\nE=1\n", "[S]\n;E=1\n[A]\nE=1\n"}});
+  Check([](CConfigFile& file) { return file.Delete("S", nullptr); },
+        {{"with the line feed in front", "[A]\n[s] x\nE=1\n\n[B]\n", "[A]\n[B]\n"},
+         {"one behind a line feed first", "[S]\nE=1\n[S]\nE=2\n", "[S]\nE=1"},
+         {"at the start", "[S]\nE=1\n<B = \nQQ==/>", "\n<B = \nQQ==/>"},
+         {"not in a block", "<B = \n[S]\n/>\n", "<B = \n[S]\n/>\n"},
+         {"not the indented one behind it", "[S]\nE=1\n  [B]\n", "\n  [B]\n"}});
+}
+
+TEST(ConfigChange, RenamesSections) {
+  Check([](CConfigFile& file) { return file.RenameSection("Old", "New"); },
+        {{"not there", "[New]\nx=1\n", "[New]\nx=1\n"},
+         {"every header", "[Old] x\n[Old]\na=1\n  [Old]\n", "[New] x\n[New]\na=1\n  [New]\n"},
+         {"letter case of the old name", "[old]\n[New]\nx=1\n", "[old]\n[New]\nx=1\n"},
+         {"only headers", "[Old]\na=[Old]\n<B = \n[Old]\n/>", "[New]\na=[Old]\n<B = \n[Old]\n/>"},
+         {"values of the target win",
+          "[Old]\nb=old\nB=older\n\n[New]\nB=new\n;c\nb=newer\nc=3\nd\nf\nF=6\n[X]\n",
+          "[New]\nB=new\nB=older\nc=3\nd=\nf=6\n\n[X]\n"},
+         {"target in front", "[New]\nc=3\n[X]\n[Old]", "\n[X]\n[New]\nc=3\n"}});
+  Check([](CConfigFile& file) { return file.RenameSection("Old", "OLD"); },
+        {{"letters only", "[Old]\na=1\n[Old]\na=2\n", "[OLD]\na=1\n[OLD]\na=2\n"}});
+}
+
+TEST(ConfigChange, Migrates) {
+  const std::string images = "[Dialog Presentation]\nImage4\nbmp1=SAME\nImage2=other\n";
+  Check([](CConfigFile& file) { return file.Migrate(true), kConfigOk; },
+        {{"in the order of the table", "[Credential Provider]\nBMP=x\n[Smart Card]\n",
+          "[CredentialProvider]\n[SmartCard]\n\n[Dialog Presentation]\nBMP=x\n"},
+         {"profiles", "[InitProfiles]\n1=One\n2=Two\n4=Four\n[One]\n[Two]\n[Four]\n",
+          "[SmartCardProfile]\n1=One\n2=Two\n4=Four\n[SmartCardProfile One]\n"
+          "[SmartCardProfile Two]\n[Four]\n"},
+         {"images",
+          "[CredentialProvider]\nBMP1=same\nimage2=mine\n  IMAGE4=moved\nE=1\n" + images +
+              "[credentialprovider]\nBMP5=too\nimage4=other",
+          "[CredentialProvider]\nimage2=mine\nE=1\n" + images +
+              "IMAGE4=moved\nBMP5=too\n[credentialprovider]\nimage4=other"}});
+}
+
+TEST(ConfigChange, SortsAndStrips) {
+  Check([](CConfigFile& file) { return file.Sort(), kConfigOk; },
+        {{"by name", "lost=1\n[b] x\n\n  e=1\n;c\n [A]\nf=2", "[A]\nf=2\n\n[b]\ne=1\n;c\n\n"},
+         {"equal names", "[a]\n1=1\n[A]\n2=2\n[a]\n3=3\n[B]\n",
+          "[A]\n2=2\n\n[a]\n3=3\n\n[a]\n1=1\n\n[B]\n\n"},
+         {"blocks move along", "[B]\n<k = \n[Q\n/><l =\n[R\n/>\n[A]\n",
+          "[A]\n\n[B]\n<k = \n[Q\n/><l =\n[R\n/>\n\n"}});
+  Check([](CConfigFile& file) { return file.StripComments(), kConfigOk; },
+        {{"comments", "//c\n\n[A]\r\n\r\n;c\r\n\r\n#h\n ;d\n/x\n <k = \n//8=\n/><l =\n;\n/>\n//",
+          "[A]\r\n#h\n ;d\n/x\n <k = \n//8=\n/><l =\n;\n/>\n"}});
+}
+
+TEST(ConfigChange, GrowsInStepsAndSaysSo) {
+  // A loaded text has room for 1024 bytes more; each change needs one byte more than there is.
+  LoadedFile file("[S]\n");
+  TraceCapture trace;
+  EXPECT_EQ(file.AddValue("S", "F", std::string(1021, 'v').c_str()), kConfigOk);
+  EXPECT_EQ(file.SetValue("S", "E", std::string(kGrowthStep - 3, 'v').c_str(), false), kConfigOk);
+  EXPECT_EQ(file.RenameSection("S", std::string(kGrowthStep + 1, 'n').c_str()), kConfigOk);
+  EXPECT_EQ(trace.Lines(), (std::vector<std::string>{"Config - Increase for add (1025)",
+                                                     "Config - Increase for set (164096)",
+                                                     "Config - Increase for rename (164096)"}));
+  EXPECT_EQ(file.Grow(kMaximumConfigSize), kConfigFailed);
+}
+
+class ConfigSaving : public ::testing::Test {
+ protected:
+  void Open(const std::string& content) {
+    folder_.Write("a.conf", content);
+    EXPECT_EQ(file_.Open(true, path_.c_str(), false), kConfigOk);
+  }
+  void Set() { EXPECT_EQ(file_.SetValue("S", "E", "v", false), kConfigOk); }
+  std::string Content() { return folder_.Read("a.conf"); }
+
+  TemporaryFolder folder_;
+  const std::string path_ = folder_.Path("a.conf");
+  TraceCapture trace_;
+  CConfigFile file_;
+};
+
+TEST_F(ConfigSaving, TidiedTextWinsOverAChangedFile) {
+  const std::string thousand(1000, '\n');
+  const std::string comment(kGrowthStep - 8, ';');
+  const TextCase cases[] = {
+      {"empty lines", "[S]\r\nE=1\r\n\r\n\r\n\r\n\r\n[T]\r\n", "[S]\nE=v\n\n[T]\n"},
+      {"ten passes", "[S]\nE=1\n" + thousand + "[T]", "[S]\nE=v\n" + thousand.substr(983) + "[T]"},
+      {"a full growth step", "[S]\nE=1\n" + comment, "[S]\nE=v\n" + comment},
+      {"nothing but an old name", "[S]\nE=v\n[Soft Tokens]", "[S]\nE=v\n[SoftToken]"}};
+  for (const TextCase& c : cases) {
+    Open(c.before);
+    if (ValueIn(file_, "S", "E") != "v") Set();
+    folder_.Write("a.conf", std::string(100, 'x'));
+    const utimbuf past{1000, 1000};
+    ASSERT_EQ(::utime(path_.c_str(), &past), 0);
+    EXPECT_EQ(file_.Close(false), kConfigOk);
+    EXPECT_EQ(Content(), c.after) << c.name;
+  }
+  EXPECT_EQ(trace_.Count("Config - WARNING: File '" + path_ + "' modified"), std::size(cases));
+}
+
+TEST_F(ConfigSaving, LeavesAnUnchangedOrReadOnlyFileAlone) {
+  const std::string content = "\xEF\xBB\xBF[S]\r\n\r\n\r\n\r\n\r\n";
+  Open(content);
+  file_.Open(false, file_.GetPath(), false);
+  EXPECT_FALSE(file_.IsOpen());
+  Set();
+  EXPECT_EQ(file_.Close(true), kConfigOk);
+  EXPECT_EQ(Content(), content);
+  EXPECT_EQ(trace_.Lines(), (std::vector<std::string>{"Config - Open '" + path_ + "' (w)",
+                                                      "Config - Open '" + path_ + "' (r)"}));
+}
+
+TEST_F(ConfigSaving, WhatCannotBeReadIsNeverWritten) {
+  const std::string pipe = folder_.Path("pipe.conf");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  const std::string large = folder_.Write("large.conf", "[S]\n");
+  ASSERT_EQ(::truncate(large.c_str(), static_cast<off_t>(kMaximumConfigSize) + 1), 0);
+  const std::string encoded = folder_.Write("a.EDB", "[S]\nE=1\n");
+  for (const std::string& path : {pipe, large, folder_.Path(), std::string(), encoded}) {
+    EXPECT_EQ(file_.Open(true, path.c_str(), true), kConfigOk);
+    EXPECT_EQ(TextIn(file_), "") << path;
+    Set();
+    EXPECT_EQ(file_.Close(true), kConfigFailed) << path;
+  }
+  EXPECT_EQ(trace_.Count("Config - Failed to open"), 4U);  // all but the last
+  EXPECT_EQ(folder_.Read("a.EDB"), "[S]\nE=1\n");
+}
+
+TEST_F(ConfigSaving, FullDiskLosesNothing) {
+  const std::string content = "[S]\nE=" + std::string(5000, 'x') + "\n";
+  Open(content);
+  file_.SetValue("A", "B", std::string(5000, 'y').c_str(), false);
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  const auto oldAction = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit small{6000, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  EXPECT_EQ(file_.Close(true), kConfigFailed);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+  std::signal(SIGXFSZ, oldAction);
+  EXPECT_EQ(Content(), content);
+  EXPECT_EQ(trace_.Lines(), std::vector<std::string>{"Config - Open '" + path_ + "' (w)"});
+}
+
+}  // namespace
+}  // namespace qixx::testing
