@@ -19,20 +19,14 @@ constexpr std::uint8_t kTagExtensions = 0xA3;
 constexpr std::string_view kSubjectSelector = "subject|";
 constexpr std::string_view kIssuerSelector = "issuer|";
 
-std::int32_t FailedToGet(const char* part, std::int32_t result) {
-  TraceWrite("DerCertificate - Failed to get %s", part);
-  return result;
+std::int32_t ExpectTag(Bytes element, std::uint8_t tag) {
+  return element[0] == tag ? kDerOk : kDerWrongTag;
 }
 
 /// Takes the next element, which must have the tag, off `rest`.
-std::int32_t TakePart(Bytes& rest, std::uint8_t tag, const char* part, DerElement& element) {
+std::int32_t TakeTagged(Bytes& rest, std::uint8_t tag, DerElement& element) {
   const std::int32_t result = TakeElement(rest, element);
-  if (result != kDerOk) return FailedToGet(part, result);
-  return element.Tag() == tag ? kDerOk : FailedToGet(part, kDerWrongTag);
-}
-
-std::int32_t ExpectTag(Bytes element, std::uint8_t tag, const char* part) {
-  return element[0] == tag ? kDerOk : FailedToGet(part, kDerWrongTag);
+  return result == kDerOk ? ExpectTag(element.whole, tag) : result;
 }
 
 /// False, and nothing copied, when there is no time or no room for it.
@@ -119,7 +113,10 @@ std::int32_t CDerCert::DecodeParts(Bytes content, std::size_t claimedLength) {
     }
     const std::size_t size = header + static_cast<std::size_t>(length);
     const std::int32_t result = (this->*part.decode)(rest.first(std::min(size, rest.size())));
-    if (result != kDerOk) return result;
+    if (result != kDerOk) {
+      TraceWrite("DerCertificate - Failed to get %s", part.name);
+      return result;
+    }
     position += size;
   }
   if (length < 0) return length;
@@ -134,62 +131,51 @@ std::int32_t CDerCert::DecodeParts(Bytes content, std::size_t claimedLength) {
 std::int32_t CDerCert::DecodeInfo(Bytes element) {
   DerElement info;
   std::int32_t result = ReadElement(element, info);
-  if (result != kDerOk) return FailedToGet("info", result);
+  if (result != kDerOk) return result;
 
   Bytes rest = info.content;
   DerElement version;
-  if (!rest.empty() && rest[0] == kTagVersion) {
-    result = TakePart(rest, kTagVersion, "version", version);
-    if (result != kDerOk) return result;
-  }
+  if (!rest.empty() && rest[0] == kTagVersion) result = TakeElement(rest, version);
   DerElement serialNumber, algorithm, issuer, validity, subject;
   struct Field {
     std::uint8_t tag;
-    const char* name;
     DerElement& element;
   };
-  const Field fields[] = {{kTagInteger, "serial number", serialNumber},
-                          {kTagSequence, "algorithm", algorithm},
-                          {kTagSequence, "issuer", issuer},
-                          {kTagSequence, "validity", validity},
-                          {kTagSequence, "subject", subject}};
-  for (const Field& field : fields) {
-    result = TakePart(rest, field.tag, field.name, field.element);
-    if (result != kDerOk) return result;
+  for (const Field& field :
+       {Field{kTagInteger, serialNumber}, Field{kTagSequence, algorithm},
+        Field{kTagSequence, issuer}, Field{kTagSequence, validity}, Field{kTagSequence, subject}}) {
+    if (result == kDerOk) result = TakeTagged(rest, field.tag, field.element);
   }
+  if (result != kDerOk) return result;
   serialNumber_ = serialNumber.whole;
   issuer_ = issuer.whole;
   subject_ = subject.whole;
   result = DecodeValidity(validity.content);
-  if (result != kDerOk) return result;
 
   DerElement next;
-  while (!rest.empty()) {
+  while (result == kDerOk && !rest.empty()) {
     result = TakeElement(rest, next);
     if (result == kDerOk && next.Tag() == kTagExtensions) result = DecodeExtensions(next.content);
-    if (result != kDerOk) return FailedToGet("key and extensions", result);
   }
-  return kDerOk;
+  return result;
 }
 
 std::int32_t CDerCert::DecodeSignatureAlgorithm(Bytes element) {
-  return ExpectTag(element, kTagSequence, "signature algorithm");
+  return ExpectTag(element, kTagSequence);
 }
 
 std::int32_t CDerCert::DecodeSignature(Bytes element) {
-  return ExpectTag(element, kTagBitString, "signature");
+  return ExpectTag(element, kTagBitString);
 }
 
 std::int32_t CDerCert::DecodeValidity(Bytes content) {
-  DerElement time;
-  std::int32_t result = TakeElement(content, time);
-  if (result == kDerOk) {
-    notBefore_ = time.whole;
-    result = TakeElement(content, time);
-  }
-  if (result != kDerOk) return FailedToGet("validity", result);
-  notAfter_ = time.whole;
-  return kDerOk;
+  DerElement notBefore;
+  DerElement notAfter;
+  std::int32_t result = TakeElement(content, notBefore);
+  if (result == kDerOk) result = TakeElement(content, notAfter);
+  notBefore_ = notBefore.whole;
+  notAfter_ = notAfter.whole;
+  return result;
 }
 
 std::int32_t CDerCert::DecodeExtensions(Bytes wrapped) {

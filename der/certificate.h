@@ -174,6 +174,7 @@ using CertificatePtr = std::unique_ptr<CertificateHolder, CertificateReleaser>;
 [[nodiscard]] bool GetPrincipalName(const CertificateHolder& holder, bool emailWanted,
                                     std::string& name);
 /// The same, cut to `size` characters and terminated behind them: `output` has room for size + 1.
+/// False also when `output` is empty as a text, for a size of 0 or a zero byte in front.
 [[nodiscard]] bool GetPrincipalName(const CertificateHolder& holder, char* output, std::size_t size,
                                     bool emailWanted);
 
@@ -182,10 +183,10 @@ using CertificatePtr = std::unique_ptr<CertificateHolder, CertificateReleaser>;
 [[nodiscard]] bool GetLogonName(const CertificateHolder& holder, bool smartCardLogonRequired,
                                 bool emailAllowed, std::string& name);
 
-/// Loads a certificate and takes its logon values; true when it has a name to log on with, but the
-/// subject and the serial number are filled without one too. All outputs are terminated. `upn` has
-/// room for upnSize + 1 characters. The subject is cut to its area; a serial number (upper-case
-/// hexadecimal) that does not fit is left empty. A null output is not wanted.
+/// Loads a certificate and takes its logon values; true when `upn` is not empty, but the subject
+/// and the serial number are filled without a name to log on with too. All outputs are terminated.
+/// `upn` has room for upnSize + 1 characters; the other two may be null. The subject is cut to its
+/// area; a serial number (upper-case hexadecimal) that does not fit is left empty.
 [[nodiscard]] bool GetLogonValues(Bytes certificate, bool smartCardLogonRequired, bool emailAllowed,
                                   char* upn, std::size_t upnSize, char* subject,
                                   std::size_t subjectSize, char* serial, std::size_t serialSize);

@@ -307,11 +307,13 @@ std::int32_t WrapElement(std::uint8_t tag, std::span<std::uint8_t> buffer, std::
 
 std::int32_t EncodeOid(std::string_view name, std::span<std::uint8_t> out, std::size_t& length) {
   const bool isDotted = name.find('.') != std::string_view::npos;
-  std::size_t used = 0;
-  std::int32_t result = EncodeDotted(isDotted ? name : DottedAttributeName(name), out, used);
-  if (result == kDerWrongTag) {
+  const std::string_view dotted = isDotted ? name : DottedAttributeName(name);
+  if (dotted.empty()) {
     TraceWrite("Der - Bad oid: '%.*s'", static_cast<int>(name.size()), name.data());
+    return kDerWrongTag;
   }
+  std::size_t used = 0;
+  std::int32_t result = EncodeDotted(dotted, out, used);
   if (result == kDerOk) result = WrapElement(kTagOid, out, used);
   if (result == kDerOk) length = used;
   return result;

@@ -117,8 +117,8 @@ struct OidRecord {
                                        std::size_t& length);
 
 /// Encodes an object identifier element from dotted text or from one of the short names of
-/// der/names.h. kDerWrongTag (and a trace line) for a name that is neither, kDerTooSmall when it
-/// does not fit. `out` may have been written to on failure.
+/// der/names.h. kDerWrongTag for a name that is neither (traced unless it has a dot), kDerTooSmall
+/// when it does not fit. `out` may have been written to on failure.
 [[nodiscard]] std::int32_t EncodeOid(std::string_view name, std::span<std::uint8_t> out,
                                      std::size_t& length);
 

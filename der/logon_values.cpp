@@ -34,14 +34,9 @@ CertificatePtr LoadDer(Bytes bytes) {
 
 /// The e-mail attribute of the subject, up to its first comma. False when there is no attribute.
 bool FindSubjectEmail(std::string_view subject, std::string& email) {
-  std::string key;
-  std::string value;
-  while (NextNameComponent(subject, key, value)) {
-    if (key != kEmailAttribute) continue;
-    email = value.substr(0, value.find(','));
-    return true;
-  }
-  return false;
+  if (!FindNameValue(subject, kEmailAttribute, email)) return false;
+  email.resize(std::min(email.find(','), email.size()));
+  return true;
 }
 
 /// The first alternative name of a kind, as an element without content when there is none.
@@ -161,9 +156,9 @@ bool GetPrincipalName(const CertificateHolder& holder, bool emailWanted, std::st
 bool GetPrincipalName(const CertificateHolder& holder, char* output, std::size_t size,
                       bool emailWanted) {
   std::string name;
-  const bool found = GetPrincipalName(holder, emailWanted, name);
+  static_cast<void>(GetPrincipalName(holder, emailWanted, name));
   CopyOut(name, size, output);
-  return found;
+  return output[0] != '\0';
 }
 
 bool GetLogonName(const CertificateHolder& holder, bool smartCardLogonRequired, bool emailAllowed,
@@ -177,16 +172,15 @@ bool GetLogonName(const CertificateHolder& holder, bool smartCardLogonRequired, 
 bool GetLogonValues(Bytes certificate, bool smartCardLogonRequired, bool emailAllowed, char* upn,
                     std::size_t upnSize, char* subject, std::size_t subjectSize, char* serial,
                     std::size_t serialSize) {
-  if (upn != nullptr) upn[0] = '\0';
+  upn[0] = '\0';
   Empty(subject, subjectSize);
   Empty(serial, serialSize);
   const CertificatePtr holder = LoadCertificate(certificate);
   if (holder == nullptr) return false;
   if (smartCardLogonRequired && !HasExtendedKeyUsage(*holder, kSmartCardLogon)) return false;
 
-  std::string name;
-  const bool found = GetLogonName(*holder, false, emailAllowed, name);
-  if (upn != nullptr) CopyOut(name, upnSize, upn);
+  const bool found = GetPrincipalName(*holder, upn, upnSize, false) ||
+                     (emailAllowed && GetPrincipalName(*holder, upn, upnSize, true));
   if (subject != nullptr && subjectSize != 0) {
     CopyOut(GetSubjectText(*holder), subjectSize - 1, subject);
   }

@@ -296,6 +296,18 @@ std::size_t ValueLength(std::string_view text) {
   return at < text.size() ? at : text.size();
 }
 
+/// Takes a component off a formatted name as it stands, escapes included.
+bool TakeComponent(std::string_view& rest, std::string_view& key, std::string_view& value) {
+  while (!rest.empty() && (rest[0] == ' ' || IsSeparator(rest[0]))) rest.remove_prefix(1);
+  const std::size_t equals = rest.find_first_of("=,+");
+  if (equals == std::string_view::npos || rest[equals] != '=') return false;
+  key = rest.substr(0, equals);
+  rest.remove_prefix(equals + 1);
+  value = rest.substr(0, ValueLength(rest));
+  rest.remove_prefix(value.size());
+  return true;
+}
+
 std::string WithoutEscapes(std::string_view text) {
   std::string plain;
   plain.reserve(text.size());
@@ -333,18 +345,26 @@ std::size_t FormatName(Bytes name, std::span<char> text) {
 }
 
 bool NextNameComponent(std::string_view& rest, std::string& key, std::string& value) try {
-  while (!rest.empty() && (rest[0] == ' ' || IsSeparator(rest[0]))) rest.remove_prefix(1);
-  const std::size_t equals = rest.find_first_of("=,+");
-  if (equals == std::string_view::npos || rest[equals] != '=') return false;
-  key = rest.substr(0, equals);
-  rest.remove_prefix(equals + 1);
-
-  const std::size_t length = ValueLength(rest);
-  std::string_view encoded = rest.substr(0, length);
-  rest.remove_prefix(length);
+  std::string_view type;
+  std::string_view encoded;
+  if (!TakeComponent(rest, type, encoded)) return false;
   if (!rest.empty() && encoded.ends_with(' ')) encoded.remove_suffix(1);
+  key = type;
   value = WithoutEscapes(encoded);
   return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+bool FindNameValue(std::string_view text, std::string_view key, std::string& value) try {
+  std::string_view type;
+  std::string_view encoded;
+  while (TakeComponent(text, type, encoded)) {
+    if (type != key) continue;
+    value = WithoutEscapes(encoded);
+    return true;
+  }
+  return false;
 } catch (const std::bad_alloc&) {
   return false;
 }

@@ -33,6 +33,10 @@ std::size_t FormatName(Bytes name, std::span<char> text);
 /// False at the end, and at a component without '='.
 bool NextNameComponent(std::string_view& rest, std::string& key, std::string& value);
 
+/// The value of the first component with this very key in a formatted name: without escapes, but as
+/// it stands otherwise, blanks included. False when there is none.
+bool FindNameValue(std::string_view text, std::string_view key, std::string& value);
+
 /// Whether an encoded name (also given as formatted `text`) passes a filter: alternatives separated
 /// by ';', the first that matches decides. "type=value" asks for an attribute of that short or
 /// dotted type with that very value; anything else must occur in the text. Letter case (of ASCII

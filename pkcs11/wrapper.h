@@ -39,9 +39,8 @@ class CForwarderPkcs11 {
   CK_FUNCTION_LIST_PTR functions_ = nullptr;  ///< owned by the library
 };
 
-/// The forwarder with everything that does not simply go through. Operations of the same name hide
-/// the plain ones above.
-class CWrapperPkcs11 final : public CForwarderPkcs11 {
+/// The forwarder with everything that does not simply go through.
+class CWrapperPkcs11 final : private CForwarderPkcs11 {
  public:
   constexpr CWrapperPkcs11() = default;
   /// Traces only: others in the process may still use the library.
@@ -98,9 +97,10 @@ class CWrapperPkcs11 final : public CForwarderPkcs11 {
   /// at once; callers rely on that.
   bool HasNewEvent(std::uint64_t& lastSeen);
 
-  // Parallel functions, which the standard keeps for old programs only.
+  // Parallel functions, which the standard keeps for old programs only; SetPIN without `extra`.
   CK_RV GetFunctionStatus(CK_SESSION_HANDLE) = delete;
   CK_RV CancelFunction(CK_SESSION_HANDLE) = delete;
+  CK_RV SetPIN(CK_SESSION_HANDLE, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR, CK_ULONG) = delete;
 
   // --- extension functions ---------------------------------------------------------------------
   // CKR_FUNCTION_NOT_SUPPORTED while nothing was ever loaded and for a function that the library
@@ -124,12 +124,20 @@ class CWrapperPkcs11 final : public CForwarderPkcs11 {
   /// CKR_FUNCTION_NOT_SUPPORTED while nothing was ever loaded.
   CK_RV RemoveExternalSlot(ExtensionWord first);
 
+  // --- all other operations: the forwarder's, where nothing above has the same name -------------
+
+#define QIXX_OPERATION(name, parameters, arguments) using CForwarderPkcs11::name;
+  QIXX_CK_FUNCTIONS(QIXX_OPERATION)
+#undef QIXX_OPERATION
+
  private:
   bool LoadNow(const char* path, std::span<char> found);
   bool ObtainFunctionList();
   void ResolveExtensions();
   const char* PathToLoad();
-  [[nodiscard]] int Count() const { return static_cast<int>(initializeCount_); }
+  [[nodiscard]] int Count() const {
+    return static_cast<int>(initializeCount_);
+  }
   std::uint64_t CloseRemaining(LibraryHandle library) const;
   template <typename... Parameters>
   CK_RV CallExtension(CK_RV (*ExtensionSlots::*function)(Parameters...), Parameters... arguments);

@@ -216,6 +216,16 @@ Module::Access Module::EnterForWriting(CK_SESSION_HANDLE session) {
   return access;
 }
 
+CK_RV Module::FindObject(const Access& access, CK_OBJECT_HANDLE object, const Template& wanted,
+                         const Object*& found) {
+  if (access.result != CKR_OK) return access.result;
+  if (!wanted.IsValid()) return CKR_ARGUMENTS_BAD;
+  const auto held = access.token->objects.find(object);
+  if (held == access.token->objects.end()) return CKR_OBJECT_HANDLE_INVALID;
+  found = &held->second;
+  return CKR_OK;
+}
+
 CK_ULONG Module::CountSessions(const CardIdentity& card, CK_FLAGS flags) const {
   return static_cast<CK_ULONG>(
       std::count_if(sessions_.begin(), sessions_.end(), [&](const auto& entry) {
@@ -280,13 +290,10 @@ CK_RV Module::FindObjectsFinal(CK_SESSION_HANDLE session) {
 
 CK_RV Module::GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                                 CK_ATTRIBUTE_PTR attributes, CK_ULONG count) {
-  const Access access = Enter(session);
-  if (access.result != CKR_OK) return access.result;
   const Template wanted{attributes, count};
-  if (!wanted.IsValid()) return CKR_ARGUMENTS_BAD;
-  const auto held = access.token->objects.find(object);
-  if (held == access.token->objects.end()) return CKR_OBJECT_HANDLE_INVALID;
-  return ReadAttributes(held->second, wanted);
+  const Object* held = nullptr;
+  const CK_RV result = FindObject(Enter(session), object, wanted, held);
+  return result == CKR_OK ? ReadAttributes(*held, wanted) : result;
 }
 
 CK_RV Module::CreateObject(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attributes, CK_ULONG count,
@@ -315,18 +322,17 @@ CK_RV Module::CreateObject(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attribute
 CK_RV Module::SetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                                 CK_ATTRIBUTE_PTR attributes, CK_ULONG count) {
   const Access access = EnterForWriting(session);
-  if (access.result != CKR_OK) return access.result;
   const Template wanted{attributes, count};
-  if (!wanted.IsValid()) return CKR_ARGUMENTS_BAD;
-  const auto held = access.token->objects.find(object);
-  if (held == access.token->objects.end()) return CKR_OBJECT_HANDLE_INVALID;
+  const Object* held = nullptr;
+  const CK_RV result = FindObject(access, object, wanted, held);
+  if (result != CKR_OK) return result;
 
   CK_ATTRIBUTE modifiable{CKA_MODIFIABLE, const_cast<CK_BBOOL*>(&CK_TRUE), sizeof CK_TRUE};
-  if (!Matches(held->second, {&modifiable, 1})) return CKR_ATTRIBUTE_READ_ONLY;
+  if (!Matches(*held, {&modifiable, 1})) return CKR_ATTRIBUTE_READ_ONLY;
   for (const CK_ATTRIBUTE& attribute : wanted) {
     if (attribute.type == CKA_VALUE) continue;
-    return held->second.attributes.contains(attribute.type) ? CKR_ATTRIBUTE_READ_ONLY
-                                                            : CKR_ATTRIBUTE_TYPE_INVALID;
+    return held->attributes.contains(attribute.type) ? CKR_ATTRIBUTE_READ_ONLY
+                                                     : CKR_ATTRIBUTE_TYPE_INVALID;
   }
   const CK_ATTRIBUTE* const value = Find(wanted, CKA_VALUE);
   return value == nullptr ? CKR_OK : WriteVariables(access.session->slot, value);

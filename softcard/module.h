@@ -97,6 +97,9 @@ class Module : public Unserved {
 
   Access Enter(CK_SESSION_HANDLE session);
   Access EnterForWriting(CK_SESSION_HANDLE session);
+  /// The object, for a call that names one and gives a template.
+  static CK_RV FindObject(const Access& access, CK_OBJECT_HANDLE object, const Template& wanted,
+                          const Object*& found);
   [[nodiscard]] CK_ULONG CountSessions(const CardIdentity& card, CK_FLAGS flags) const;
   /// Nothing without a card; handles of objects that are still there stay.
   std::optional<CardIdentity> ReadToken(CK_SLOT_ID slot);

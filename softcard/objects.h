@@ -1,6 +1,7 @@
 // The objects on a card and the standard's rules for their attributes (PKCS#11 2.40, 4.1 to 4.6).
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
@@ -12,9 +13,6 @@
 
 namespace qixx::softcard {
 
-/// The suite's own attribute of a certificate: eight bytes, here the place of the certificate on
-/// the card, counted from 0.
-inline constexpr CK_ATTRIBUTE_TYPE kVendorAttribute = 0xFFFF0008;
 /// No more certificates than this are taken from one card.
 inline constexpr std::size_t kCertificateLimit = 4096;
 /// The file of the variables, and the same object given byte by byte; the second one wins.
@@ -39,7 +37,7 @@ struct Object {
 };
 
 /// The objects of the card in the order of its files. `suite` tells whether certificates carry the
-/// suite's own attribute.
+/// suite's own attribute, whose eight bytes are then their place on the card, counted from 0.
 [[nodiscard]] std::vector<Object> ObjectsOf(const std::vector<CardFile>& files, bool suite);
 
 /// The object that holds the token's variables in `value`.

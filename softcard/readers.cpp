@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include "softcard/files.h"
 

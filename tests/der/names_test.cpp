@@ -29,7 +29,6 @@ TEST(FormatName, WritesEveryKindOfValue) {
   const std::string parts = Part("o", "Org") + Part("cn", "a,b");
   EXPECT_EQ(Format(parts, 14), "o=Org,cn=a\\,b");
   EXPECT_EQ(Format(parts, 13), "o=Org") << "a component is left out whole";
-  EXPECT_EQ(Format(parts, 0), "");
 }
 
 TEST(NextNameComponent, WalksFormattedNames) {

@@ -17,17 +17,13 @@ class ScopedVariable {
   }
   ~ScopedVariable() { Put(old_ ? old_->c_str() : nullptr); }
   ScopedVariable(const ScopedVariable&) = delete;
-  ScopedVariable& operator=(const ScopedVariable&) = delete;
 
  private:
   void Put(const char* value) const {
-    if (value == nullptr) {
-      ::unsetenv(name_.c_str());
-    } else {
-      ::setenv(name_.c_str(), value, 1);
-    }
+    static_cast<void>(value == nullptr ? ::unsetenv(name_.c_str())
+                                       : ::setenv(name_.c_str(), value, 1));
   }
-  std::string name_;
+  const std::string name_;
   std::optional<std::string> old_;
 };
 

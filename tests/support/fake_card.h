@@ -10,7 +10,6 @@
 #include <map>
 #include <span>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -39,7 +38,7 @@ inline FakeObject CertificateObject(const std::string& value) {
 
 struct FakeSlot {
   CK_SLOT_ID id = 1;
-  std::string description = "Reader";  ///< empty for a slot that cannot be asked
+  std::string description = "Reader";
   CK_FLAGS flags = CKF_TOKEN_PRESENT | CKF_HW_SLOT;
   std::vector<FakeObject> objects = {};
 };
@@ -49,23 +48,15 @@ class FakeCard {
   FakeCard() {
     current = this;
     CK_FUNCTION_LIST& list = memory.standard;
-#define QIXX_REFUSE(name, parameters, arguments) \
-  list.C_##name = [](auto...) -> CK_RV { return CKR_FUNCTION_FAILED; };
-    QIXX_CK_FUNCTIONS(QIXX_REFUSE)
-#undef QIXX_REFUSE
-    list.C_Initialize = [](auto...) { return CKR_OK; };
-    list.C_Finalize = [](auto...) { return ++current->finalized, CKR_OK; };
-    list.C_WaitForSlotEvent = [](auto...) { return CKR_NO_EVENT; };
+    list.C_Initialize = list.C_Finalize = [](auto...) { return CKR_OK; };
     list.C_GetSlotList = [](CK_BBOOL, CK_SLOT_ID* ids, CK_ULONG* count) {
       *count = current->slots.size();
-      for (const FakeSlot& slot : current->slots) {
-        if (ids != nullptr) *ids++ = slot.id;
-      }
+      if (ids != nullptr) std::ranges::transform(current->slots, ids, &FakeSlot::id);
       return CKR_OK;
     };
     list.C_GetSlotInfo = [](CK_SLOT_ID id, CK_SLOT_INFO* info) {
       const FakeSlot* const slot = current->Find(id);
-      if (slot == nullptr || slot->description.empty()) return CKR_DEVICE_ERROR;
+      if (slot == nullptr) return CKR_SLOT_ID_INVALID;
       *info = {};
       info->flags = slot->flags;
       slot->description.copy(reinterpret_cast<char*>(info->slotDescription), 64);
@@ -79,29 +70,22 @@ class FakeCard {
       return CKR_OK;
     };
     list.C_CloseSession = [](CK_ULONG) { return --current->openSessions, CKR_OK; };
-    list.C_FindObjectsInit = [](CK_ULONG session, CK_ATTRIBUTE* wanted, CK_ULONG count) {
+    list.C_FindObjectsInit = [](CK_ULONG, CK_ATTRIBUTE* wanted, CK_ULONG count) {
       ++current->openSearches;
-      current->matches.clear();
-      CK_OBJECT_HANDLE handle = 0;
-      for (FakeObject object : current->Find(session)->objects) {
-        ++handle;
-        const auto has = [&object](const CK_ATTRIBUTE& attribute) {
-          return object[attribute.type] == TextOf(attribute);
-        };
-        if (std::all_of(wanted, wanted + count, has)) current->matches.push_back(handle);
+      current->sought = ObjectOf(wanted, count);
+      current->searched = 0;
+      return CKR_OK;
+    };
+    list.C_FindObjects = [](CK_ULONG session, CK_ULONG* object, CK_ULONG, CK_ULONG* count) {
+      const std::vector<FakeObject>& objects = current->Find(session)->objects;
+      for (*count = 0; *count == 0 && current->searched < objects.size();) {
+        *count = std::ranges::includes(objects[current->searched++], current->sought) ? 1 : 0;
+        *object = current->searched;
       }
       return CKR_OK;
     };
-    list.C_FindObjects = [](CK_ULONG, CK_ULONG* objects, CK_ULONG, CK_ULONG* count) {
-      *count = current->matches.empty() ? 0 : 1;
-      if (*count == 0) return CKR_OK;
-      *objects = current->matches.front();
-      current->matches.erase(current->matches.begin());
-      return CKR_OK;
-    };
     list.C_FindObjectsFinal = [](CK_ULONG) { return --current->openSearches, CKR_OK; };
-    list.C_GetAttributeValue = [](CK_ULONG session, CK_ULONG object, CK_ATTRIBUTE* attributes,
-                                  CK_ULONG count) {
+    list.C_GetAttributeValue = [](auto session, auto object, auto attributes, CK_ULONG count) {
       const FakeObject& held = current->Find(session)->objects.at(object - 1);
       for (CK_ATTRIBUTE& wanted : std::span(attributes, count)) {
         if (!held.contains(wanted.type)) return CKR_ATTRIBUTE_TYPE_INVALID;
@@ -113,61 +97,46 @@ class FakeCard {
       }
       return CKR_OK;
     };
-    list.C_CreateObject = [](CK_ULONG session, CK_ATTRIBUTE* attributes, CK_ULONG count,
-                             CK_ULONG* object) {
-      FakeObject made;
-      for (const CK_ATTRIBUTE& given : std::span(attributes, count))
-        made[given.type] = TextOf(given);
-      current->Find(session)->objects.push_back(made);
-      *object = current->Find(session)->objects.size();
-      return CKR_OK;
-    };
   }
   ~FakeCard() {
-    EXPECT_EQ(openSessions, 0);
-    EXPECT_EQ(openSearches, 0);
+    EXPECT_EQ(std::pair(openSessions, openSearches), std::pair(0, 0));
     current = nullptr;
   }
   FakeCard(const FakeCard&) = delete;
   FakeCard& operator=(const FakeCard&) = delete;
 
-  CK_FUNCTION_LIST& List() {
-    return memory.standard;
+  CK_FUNCTION_LIST& List() { return memory.standard; }
+  static FakeObject ObjectOf(CK_ATTRIBUTE* attributes, CK_ULONG count) {
+    FakeObject object;
+    for (const CK_ATTRIBUTE& given : std::span(attributes, count)) {
+      object[given.type].assign(static_cast<const char*>(given.pValue), given.ulValueLen);
+    }
+    return object;
   }
 
   static inline FakeCard* current = nullptr;
   ExtendedFunctionList memory = {};
   std::vector<FakeSlot> slots;
-  int finalized = 0;
   int openSessions = 0;
   int openSearches = 0;
 
  private:
-  static std::string_view TextOf(const CK_ATTRIBUTE& attribute) {
-    return {static_cast<const char*>(attribute.pValue), attribute.ulValueLen};
-  }
   FakeSlot* Find(CK_SLOT_ID id) {
     const auto slot = std::ranges::find(slots, id, &FakeSlot::id);
     return slot == slots.end() ? nullptr : &*slot;
   }
 
-  std::vector<CK_OBJECT_HANDLE> matches;
+  // The search, of which there is one at a time.
+  FakeObject sought;
+  std::size_t searched = 0;
 };
 
-/// A fake module that answers as told for as long as this lives.
-class FakeModule {
- public:
-  FakeModule(const char* path, CK_RV result, CK_FUNCTION_LIST_PTR list)
-      : library_(OpenLibrary(path)) {
-    reinterpret_cast<void (*)(CK_RV, CK_FUNCTION_LIST_PTR)>(
-        FindSymbol(library_, "FakeModuleAnswer"))(result, list);
+/// Has a fake module answer as told from now on; it stays loaded.
+struct FakeModule {
+  FakeModule(const char* path, CK_RV result, CK_FUNCTION_LIST_PTR list) {
+    void* const say = FindSymbol(OpenLibrary(path), "FakeModuleAnswer");
+    reinterpret_cast<void (*)(CK_RV, CK_FUNCTION_LIST_PTR)>(say)(result, list);
   }
-  ~FakeModule() { CloseLibrary(library_); }
-  FakeModule(const FakeModule&) = delete;
-  FakeModule& operator=(const FakeModule&) = delete;
-
- private:
-  LibraryHandle library_;
 };
 
 }  // namespace qixx::testing

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -21,12 +20,6 @@ inline std::string FromHex(std::string_view hex) {
   std::string bytes(hex.size(), '\0');
   const int length = HexDecode(hex, {reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size()});
   return bytes.substr(0, static_cast<std::size_t>(length));
-}
-
-inline std::string ToHex(Bytes bytes) {
-  std::string hex(2 * bytes.size(), '\0');
-  EXPECT_GE(HexEncode(bytes, hex), 0);
-  return hex;
 }
 
 /// An element of definite length.
@@ -74,14 +67,11 @@ struct Recipe {
 
   [[nodiscard]] std::string Info() const {
     const std::string algorithm = Der(0x30, Oid("1.2.840.10045.4.3.2"));
-    const std::string all =
-        extensions + (alternativeNames.empty()
-                          ? ""
-                          : Extension(kSubjectAlternativeName, Der(0x30, alternativeNames)));
+    const std::string names = Extension(kSubjectAlternativeName, Der(0x30, alternativeNames));
     return sequence(0x30, Der(0xA0, FromHex("020102")) + Der(0x02, serial) + algorithm +
                               sequence(0x30, issuer) + sequence(0x30, notBefore + notAfter) +
                               sequence(0x30, subject) + Der(0x30, algorithm + FromHex("03020000")) +
-                              sequence(0xA3, sequence(0x30, all)));
+                              sequence(0xA3, sequence(0x30, extensions + names)));
   }
   [[nodiscard]] std::string Build(const std::string& behindSignature = "") const {
     return Der(0x30, Info() + Der(0x30, Oid("1.2.840.10045.4.3.2")) +

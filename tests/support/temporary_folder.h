@@ -2,8 +2,6 @@
 #pragma once
 
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -16,9 +14,7 @@ namespace qixx::testing {
 class TemporaryFolder {
  public:
   TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qixxwatch-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    path_ = pattern;
+    if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no temporary folder");
   }
   ~TemporaryFolder() {
     std::error_code ignored;
@@ -45,7 +41,7 @@ class TemporaryFolder {
   }
 
  private:
-  std::string path_;
+  std::string path_ = (std::filesystem::temp_directory_path() / "qixxwatch-XXXXXX").string();
 };
 
 }  // namespace qixx::testing

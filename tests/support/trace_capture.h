@@ -14,7 +14,8 @@ namespace qixx::testing {
 class TraceCapture {
  public:
   TraceCapture() {
-    Clear();
+    const std::lock_guard<std::mutex> hold(guard);
+    kept.clear();
     TraceSetCallback(&TraceCapture::Keep);
   }
   ~TraceCapture() { TraceSetCallback(nullptr); }
@@ -22,34 +23,24 @@ class TraceCapture {
   TraceCapture& operator=(const TraceCapture&) = delete;
 
   [[nodiscard]] std::vector<std::string> Lines() const {
-    const std::lock_guard<std::mutex> hold(Guard());
-    return Kept();
+    const std::lock_guard<std::mutex> hold(guard);
+    return kept;
   }
   [[nodiscard]] bool Has(const std::string& line) const { return Count(line) != 0; }
   [[nodiscard]] std::size_t Count(const std::string& line) const {
     const std::vector<std::string> lines = Lines();
     return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
   }
-  void Clear() {
-    const std::lock_guard<std::mutex> hold(Guard());
-    Kept().clear();
-  }
 
  private:
-  static std::mutex& Guard() {
-    static std::mutex guard;
-    return guard;
-  }
-  static std::vector<std::string>& Kept() {
-    static std::vector<std::string> kept;
-    return kept;
-  }
   static void Keep(const char* line, std::size_t length) {
-    const std::lock_guard<std::mutex> hold(Guard());
-    std::string text(line, length);
-    if (!text.empty() && text.back() == '\n') text.pop_back();
-    Kept().push_back(text);
+    const std::lock_guard<std::mutex> hold(guard);
+    kept.emplace_back(line, length);
+    if (kept.back().ends_with('\n')) kept.back().pop_back();
   }
+
+  static inline std::mutex guard;
+  static inline std::vector<std::string> kept;
 };
 
 }  // namespace qixx::testing
