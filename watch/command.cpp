@@ -2,9 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <climits>
-#include <csignal>
 #include <memory>
 #include <new>
 #include <string>
@@ -12,6 +11,7 @@
 #include "pkcs11/wrapper.h"
 #include "runtime/loader.h"
 #include "runtime/process.h"
+#include "runtime/secrets.h"
 #include "runtime/sync.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -57,17 +57,16 @@ bool RunProgram(const CommandContext& context, const char* line) {
 /// A program in quotes ends at the next quote and its arguments follow behind any blanks; any other
 /// ends at the first blank, right behind which its arguments begin.
 bool RunApplication(const CommandContext& context, const char* text) {
-  const std::string_view line(text);
+  std::string_view line(text);
   const bool quoted = line.starts_with('"');
-  const std::string_view behindQuote = line.substr(quoted ? 1 : 0);
-  const std::size_t end = behindQuote.find(quoted ? '"' : ' ');
-  const std::string program(behindQuote.substr(0, end));
+  if (quoted) line.remove_prefix(1);
+  const std::size_t end = std::min(FindChar(line, quoted ? '"' : ' '), line.size());
+  const std::string program(line.substr(0, end));
   if (program.empty()) return false;
 
-  std::string_view rest =
-      end == std::string_view::npos ? std::string_view{} : behindQuote.substr(end + 1);
-  if (quoted) rest = SkipBlanks(rest);
-  return StartTracked(context, program.c_str(), std::string(rest).c_str());
+  line.remove_prefix(std::min(end + 1, line.size()));
+  const std::string arguments(quoted ? SkipBlanks(line) : line);
+  return StartTracked(context, program.c_str(), arguments.c_str());
 }
 
 /// Both document commands come to this; script mode has no effect on this platform.
@@ -148,7 +147,7 @@ bool ReadReaderName(CK_SLOT_ID slot, std::string& reader) {
   return true;
 }
 
-void WriteAnswerField(const char* file, const char* name, std::string_view answer,
+void WriteAnswerField(const char* file, std::string_view name, std::string_view answer,
                       std::size_t index) {
   std::string_view field;
   if (!GetField(answer, index, ';', field) || field.empty()) return;
@@ -157,11 +156,20 @@ void WriteAnswerField(const char* file, const char* name, std::string_view answe
   SetConfigValue(file, name, value);
 }
 
+/// Writes the answer into the file that the arguments name; "-registry" names a place that this
+/// platform does not have.
+void WriteAnswer(std::string_view arguments, std::string_view answer) {
+  char file[kTextSize] = "";
+  if (!GetOptionValue(arguments, "-config", file) || file[0] == '\0') return;
+  WriteAnswerField(file, kUserNameKey, answer, 0);
+  WriteAnswerField(file, kDomainKey, answer, 1);
+}
+
 bool CallReadCommand(const std::string& path, const std::string& reader,
                      const std::string& arguments) {
   const OwnedLibrary library(OpenLibrary(path.c_str()));
   if (library == nullptr) {
-    TraceWrite("Helper - Failed to load '%s'", path.c_str());
+    TraceWrite("Helper - Failed to load '%s'", MaskedText(path.c_str()).Text());
     return false;
   }
   const auto read = reinterpret_cast<ReadCommandEntry>(FindSymbol(library.get(), "ReadCommand"));
@@ -171,13 +179,7 @@ bool CallReadCommand(const std::string& path, const std::string& reader,
     return false;
   }
   answer[sizeof answer - 1] = '\0';
-
-  char file[kTextSize] = "";
-  if (GetOptionValue(arguments, "-config", file) && file[0] != '\0') {
-    WriteAnswerField(file, "Username", answer, 0);
-    WriteAnswerField(file, "Domain", answer, 1);
-  }
-  // "-registry" names a place that this platform does not have.
+  WriteAnswer(arguments, answer);
   return true;
 }
 
@@ -264,21 +266,6 @@ bool StartCommandProcess(const char* program, const char* arguments, std::uint64
   if (LaunchProcess(executable, arguments, kWaitNone, show, &started) == 0) return false;
   processId = started;
   return true;
-}
-
-bool EndProcess(std::uint64_t processId) {
-  constexpr int kTests = 10;
-  constexpr useconds_t kPauseMicroseconds = 333000;
-  TraceWrite("Helper - End process %d", static_cast<int>(processId));
-  // 0 and negative ids would reach whole groups of processes.
-  if (processId == 0 || processId > INT_MAX) return false;
-  ::kill(static_cast<pid_t>(processId), SIGKILL);
-  for (int test = 1; test <= kTests; ++test) {
-    // A process first found gone at the last test still counts as a failure.
-    if (!IsProcessRunning(processId)) return test < kTests;
-    ::usleep(kPauseMicroseconds);
-  }
-  return false;
 }
 
 bool WaitForParallelJobs(unsigned milliseconds) {

@@ -24,10 +24,6 @@ bool ExecuteCommand(CK_SLOT_ID slot, bool insert, const char* text, std::uint64_
 bool StartCommandProcess(const char* program, const char* arguments, std::uint64_t wait, bool show,
                          std::uint64_t& processId);
 
-/// Kills the process and tests up to ten times for its end. Success means that it was gone at one
-/// of the first nine tests, as intended. Ids outside 1 to INT_MAX are refused.
-bool EndProcess(std::uint64_t processId);
-
 /// Waits up to `milliseconds` for running "parallel " jobs; false when some still run.
 bool WaitForParallelJobs(unsigned milliseconds);
 

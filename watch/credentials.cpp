@@ -13,7 +13,7 @@
 #include "pkcs11/reader.h"
 #include "pkcs11/wrapper.h"
 #include "runtime/files.h"
-#include "runtime/process.h"
+#include "runtime/secrets.h"
 #include "runtime/trace.h"
 #include "watch/card_lock.h"
 
@@ -25,14 +25,6 @@ constexpr std::size_t kMaxCertificates = 128;
 constexpr std::uint8_t kEverySlot = 255;
 constexpr std::size_t kMatchValueSize = 2;
 constexpr const char* kActiveLogonName = "ActiveLogonUPN";
-
-constexpr std::string_view kSubjectPrefix = "%OID.";
-/// The fixed placeholders, in the order of their replacement.
-constexpr std::string_view kUpn = "%UPN%";
-constexpr std::string_view kUserName = "%USERNAME%";
-constexpr std::string_view kDomain = "%DOMAIN%";
-constexpr std::string_view kSubject = "%SUBJECT%";
-constexpr std::string_view kSerialNumber = "%SERIALNUMBER%";
 
 void ClearArea(std::span<char> area) {
   if (!area.empty()) area[0] = '\0';
@@ -140,8 +132,8 @@ bool ReadActiveLogonName(CK_SLOT_ID slot, std::span<char> upn) {
 // --- placeholders -----------------------------------------------------------------------------
 
 bool HoldsPlaceholder(std::string_view text) {
-  for (const std::string_view name :
-       {kUpn, kUserName, kDomain, kSubject, kSerialNumber, kSubjectPrefix}) {
+  for (const std::string_view name : {kUpnPlaceholder, kUserNamePlaceholder, kDomainPlaceholder,
+                                      kSubjectPlaceholder, kSerialPlaceholder, kComponentPrefix}) {
     if (FindTextNoCase(text, name) != std::string_view::npos) return true;
   }
   return false;
@@ -166,7 +158,13 @@ bool AskCredentialStore(const char* user, std::span<char, kSlotIdentitySize> ide
   return GetStoredCredential(user, identity);
 }
 
-constinit CredentialQuestion credentialQuestion = &AskCredentialStore;
+/// This platform does not tell who is logged on.
+bool FindNoUser(std::span<char> /*name*/) {
+  return false;
+}
+
+constexpr LogonQueries kPlatformQueries = {&FindNoUser, &AskCredentialStore};
+constinit LogonQueries logonQueries = kPlatformQueries;
 
 bool HasIdentity(CK_SLOT_ID slot, std::span<const char, kSlotIdentitySize> identity) {
   CK_SLOT_INFO info{};
@@ -206,7 +204,7 @@ std::vector<SubjectPlaceholder> SubjectPlaceholders(std::string_view subject) {
   std::string value;
   while (NextNameComponent(subject, key, value)) {
     CleanCardText(value);
-    std::string name = std::string(kSubjectPrefix) + key + '%';
+    std::string name = std::string(kComponentPrefix) + key + '%';
     const bool known = std::any_of(
         placeholders.begin(), placeholders.end(),
         [&name](const SubjectPlaceholder& other) { return EqualsNoCase(other.name, name); });
@@ -221,8 +219,8 @@ bool ParseMatchText(std::string_view match, std::span<char> name, std::span<std:
   const std::string_view head = match.substr(0, bar);
   const std::string_view digits =
       bar == std::string_view::npos ? std::string_view{} : match.substr(bar + 1);
-  const bool valueFits = bar == std::string_view::npos || digits.size() < 2 * value.size();
-  if (!valueFits || !CopyTextIfFits(name, head)) return false;
+  if (bar != std::string_view::npos && digits.size() >= 2 * value.size()) return false;
+  if (!CopyTextIfFits(name, head)) return false;
   const int decoded = HexDecode(digits, value);
   valueLength = decoded < 0 ? 0 : static_cast<std::size_t>(decoded);
   return true;
@@ -234,16 +232,15 @@ bool FindLogonCredential(std::string_view match, std::uint64_t& certificate, std
   ClearArea(subject);
   ClearArea(serial);
   try {
-    CredentialMatch wanted;
-    if (EqualsNoCase(match, "fast") && !upn.empty()) {
-      if (ReadActiveLogonName(certificate, upn)) {
-        TraceWrite("Watch - Found active logon UPN %s", upn.data());
-        return certificate != 0;
-      }
-    } else {
-      // A match that cannot be read asks for no name.
-      wanted.Parse(match);
+    const bool fast = EqualsNoCase(match, "fast") && !upn.empty();
+    if (fast && ReadActiveLogonName(certificate, upn)) {
+      TraceWrite("Watch - Found active logon UPN %s", upn.data());
+      return certificate != 0;
     }
+    CredentialMatch wanted;
+    // A match that cannot be read asks for nothing, and neither does the word "fast": it is a name
+    // without a value.
+    wanted.Parse(match);
     certificate = 0;
     return SelectCredential(wanted, certificate, upn, subject, serial);
   } catch (const std::bad_alloc&) {
@@ -278,24 +275,28 @@ void ExpandLogonPlaceholders(std::string_view match, std::span<char> text) {
 
 void ReplaceLogonPlaceholders(const LogonValues& values, std::span<char> text) {
   const LogonName name = SplitPrincipalName(TextOf(values.upn));
-  ReplaceAllNoCase(text, kUpn, TextOf(values.upn));
-  ReplaceAllNoCase(text, kUserName, name.user);
-  ReplaceAllNoCase(text, kDomain, name.domain);
-  ReplaceAllNoCase(text, kSubject, TextOf(values.subject));
-  ReplaceAllNoCase(text, kSerialNumber, TextOf(values.serial));
+  ReplaceAllNoCase(text, kUpnPlaceholder, TextOf(values.upn));
+  ReplaceAllNoCase(text, kUserNamePlaceholder, name.user);
+  ReplaceAllNoCase(text, kDomainPlaceholder, name.domain);
+  ReplaceAllNoCase(text, kSubjectPlaceholder, TextOf(values.subject));
+  ReplaceAllNoCase(text, kSerialPlaceholder, TextOf(values.serial));
   for (const SubjectPlaceholder& placeholder : SubjectPlaceholders(TextOf(values.subject))) {
     ReplaceAllNoCase(text, placeholder.name, placeholder.value);
   }
 }
 
-void SetCredentialQuestion(CredentialQuestion question) {
-  credentialQuestion = question == nullptr ? &AskCredentialStore : question;
+void SetLogonQueries(const LogonQueries* queries) {
+  logonQueries = queries == nullptr ? kPlatformQueries : *queries;
+}
+
+bool FindLogonUser(std::span<char> name) {
+  return logonQueries.user(name) && !TextOf(name).empty();
 }
 
 bool FindLogonSlot(const char* user, std::span<const CK_SLOT_ID> slots, CK_SLOT_ID& slot,
                    std::span<std::uint8_t> certificate, std::size_t& certificateLength) {
   std::array<char, kSlotIdentitySize> identity{};
-  if (!credentialQuestion(user, identity, certificate, certificateLength)) return false;
+  if (!logonQueries.credential(user, identity, certificate, certificateLength)) return false;
   const auto found = std::find_if(slots.begin(), slots.end(), [&identity](CK_SLOT_ID candidate) {
     return HasIdentity(candidate, identity);
   });

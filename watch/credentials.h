@@ -19,6 +19,16 @@
 
 namespace qixx {
 
+// --- placeholders -----------------------------------------------------------------------------
+
+inline constexpr std::string_view kUpnPlaceholder = "%UPN%";
+inline constexpr std::string_view kUserNamePlaceholder = "%USERNAME%";
+inline constexpr std::string_view kDomainPlaceholder = "%DOMAIN%";
+inline constexpr std::string_view kSubjectPlaceholder = "%SUBJECT%";
+inline constexpr std::string_view kSerialPlaceholder = "%SERIALNUMBER%";
+/// What a placeholder for one component of the subject begins with; its key and a '%' follow.
+inline constexpr std::string_view kComponentPrefix = "%OID.";
+
 // --- texts of a card --------------------------------------------------------------------------
 
 /// Makes a text that came from outside harmless for command lines and configuration files, in
@@ -75,21 +85,27 @@ void ExpandLogonPlaceholders(std::string_view match, std::span<char> text);
 /// The replacement alone, by the given values.
 void ReplaceLogonPlaceholders(const LogonValues& values, std::span<char> text);
 
-// --- the logon slot ---------------------------------------------------------------------------
+// --- the logon user ---------------------------------------------------------------------------
 
+/// Size of the area for the logon user's name, terminator included.
+inline constexpr std::size_t kLogonUserSize = 100;
 /// Size of a slot's identity text, its description without terminator.
 inline constexpr std::size_t kSlotIdentitySize = sizeof(CK_SLOT_INFO::slotDescription);
 
-/// Asks for the slot identity and the certificate that are recorded for a user. True with an
-/// answer.
-using CredentialQuestion = bool (*)(const char* user, std::span<char, kSlotIdentitySize> identity,
-                                    std::span<std::uint8_t> certificate,
-                                    std::size_t& certificateLength);
+/// What the platform is asked about the logon user. Both say whether there is an answer.
+struct LogonQueries {
+  /// The name of the user who is logged on.
+  bool (*user)(std::span<char> name);
+  /// The slot identity and the certificate that are recorded for the user.
+  bool (*credential)(const char* user, std::span<char, kSlotIdentitySize> identity,
+                     std::span<std::uint8_t> certificate, std::size_t& certificateLength);
+};
+/// Replaces the queries, null by the platform's own, which have no answer here. Only while no other
+/// thread asks; not used by the program itself.
+void SetLogonQueries(const LogonQueries* queries);
 
-/// Puts another question in place of the platform's credential store, or with null the store back.
-/// Only while no other thread asks.
-void SetCredentialQuestion(CredentialQuestion question);
-
+/// The name of the active logon user; false when there is none.
+[[nodiscard]] bool FindLogonUser(std::span<char> name);
 /// The slot whose identity text equals the one recorded for the logon user, 0 when none does.
 /// False when the question cannot be answered.
 bool FindLogonSlot(const char* user, std::span<const CK_SLOT_ID> slots, CK_SLOT_ID& slot,

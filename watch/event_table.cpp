@@ -1,13 +1,14 @@
 #include "watch/event_table.h"
 
-#include <charconv>
+#include <cstdio>
 
+#include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/command.h"
 #include "watch/credentials.h"
 #include "watch/set_command.h"
-#include "watch/slot_loop.h"
+#include "watch/stop.h"
 #include "watch/terminate_list.h"
 
 namespace qixx {
@@ -19,7 +20,7 @@ enum class CommandForm { kSection, kDirect, kKeyword };
 CommandForm FormOf(const CWatchOptions& record) {
   const std::string_view rest = TextOf(record.rest);
   if (rest.empty()) return CommandForm::kKeyword;
-  return EqualsNoCase(rest, "config") ? CommandForm::kSection : CommandForm::kDirect;
+  return EqualsNoCase(rest, kConfigWord) ? CommandForm::kSection : CommandForm::kDirect;
 }
 
 /// Reads entry `number` of an event section. A present but empty entry is read.
@@ -47,10 +48,9 @@ bool Execute(const CWatchOptions& record, CK_SLOT_ID slot, bool insert, const ch
 // --- insert -----------------------------------------------------------------------------------
 
 bool InsertDirect(const CWatchOptions& record, CK_SLOT_ID slot) {
-  const char* text = record.rest;
-  if (StartsWithNoCase(text, "-r ")) return true;
-  if (text[0] == '~') ++text;
-  return Execute(record, slot, true, text);
+  if (record.rest[0] == '~') return Execute(record, slot, true, record.rest + 1);
+  if (StartsWithNoCase(record.rest, "-r ")) return true;
+  return Execute(record, slot, true, record.rest);
 }
 
 bool InsertSection(const CWatchOptions& record, CK_SLOT_ID slot) {
@@ -157,12 +157,11 @@ bool LoadProductConfiguration(CConfig& config) {
 }
 
 bool BuildWatchSection(std::string_view name, std::span<char> out) {
-  constexpr std::string_view kDefault = "Watch";
   constexpr std::string_view kPrefix = "Watch ";
   if (out.empty()) return false;
   out[0] = '\0';
   if (name.size() + kPrefix.size() >= out.size()) return false;
-  const std::size_t length = name == kDefault ? 0 : CopyTextCut(out, kPrefix);
+  const std::size_t length = name == kDefaultSection ? 0 : CopyTextCut(out, kPrefix);
   CopyTextCut(out.subspan(length), name);
   return true;
 }
@@ -175,15 +174,12 @@ bool BuildEventSection(bool insert, std::string_view name, std::span<char> out) 
       BuildWatchSection(name, out.first(out.size() - suffix.size()))) {
     CopyTextCut(out.subspan(TextOf(out).size()), suffix);
   }
-  TraceWrite("Watch - Configuration: '%s'", out.data());
+  TraceWrite("Watch - Configuration: '%s'", MaskedText(out.data()).Text());
   return out[0] != '\0';
 }
 
 void FormatEntryKey(unsigned number, std::span<char> key) {
-  if (key.empty()) return;
-  char* const end = key.data() + key.size() - 1;
-  const auto [last, error] = std::to_chars(key.data(), end, number);
-  *(error == std::errc{} ? last : key.data()) = '\0';
+  std::snprintf(key.data(), key.size(), "%u", number);
 }
 
 bool HasEventCommands(const CWatchOptions& record) {
@@ -214,7 +210,7 @@ bool WaitBeforeEvent(const CWatchOptions& record, CK_SLOT_ID slot, bool insert) 
 }
 
 bool IsOrdinaryCommand(CConfig& config, std::string_view name, std::string_view text) {
-  if (StartsWithNoCase(text, "config")) return HasOrdinaryRemoveCommand(config, name, false);
+  if (StartsWithNoCase(text, kConfigWord)) return HasOrdinaryRemoveCommand(config, name, false);
   return !StartsWithNoCase(text, "close ") && !StartsWithNoCase(text, "kill ");
 }
 
@@ -224,7 +220,7 @@ bool HasOrdinaryRemoveCommand(CConfig& config, std::string_view name, bool inser
   char text[kRemoveEntrySize];
   for (unsigned number = 1; ReadEventEntry(config, section, number, text, false); ++number) {
     // In the remove section such an entry would only send the scan back to its own start.
-    if (!insert && StartsWithNoCase(text, "config")) continue;
+    if (!insert && StartsWithNoCase(text, kConfigWord)) continue;
     if (IsOrdinaryCommand(config, name, text)) return true;
   }
   return false;

@@ -7,7 +7,6 @@
 namespace qixx {
 namespace {
 
-constexpr std::string_view kDefaultSection = "Watch";
 constexpr char kQuote = '"';
 /// Short texts that are only read for a number or a name.
 constexpr std::size_t kScratchSize = 100;

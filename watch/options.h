@@ -13,6 +13,11 @@ namespace qixx {
 /// Round limit of a watcher without "-n": in practice endless.
 inline constexpr std::uint64_t kEndlessRounds = 4294967295;
 
+/// The watcher's section where none is named.
+inline constexpr std::string_view kDefaultSection = "Watch";
+/// The rest of a watcher whose commands stand in the configuration.
+inline constexpr std::string_view kConfigWord = "config";
+
 /// What one watcher does. Zero-filled before the first parse; later parses overlay it and, but for
 /// a few fields named in the parser, never clear it.
 struct CWatchOptions {

@@ -1,15 +1,17 @@
 #include "watch/set_command.h"
 
-#include <algorithm>
+#include <compare>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <initializer_list>
 #include <memory>
 #include <new>
+#include <optional>
+#include <set>
 #include <span>
-#include <utility>
-#include <vector>
+#include <string>
+#include <string_view>
 
 #include "config/store.h"
 #include "runtime/files.h"
@@ -25,10 +27,11 @@ namespace {
 /// What a configuration file's name gets for its saved copy.
 constexpr const char* kSavedCopySuffix = ".org";
 
-/// Reading, changing and writing a file is one step. Never destroyed, like all that a command on a
-/// thread of its own may use while the process ends.
+/// Reading, changing and writing a file is one step. In static storage and never destroyed, like
+/// all that a command on a thread of its own may use while the process ends.
 CCritical& FileLock() {
-  static CCritical* const lock = new CCritical;
+  alignas(CCritical) static unsigned char storage[sizeof(CCritical)];
+  static CCritical* const lock = new (storage) CCritical;
   return *lock;
 }
 
@@ -90,7 +93,7 @@ void SetPlaceholder(const char* file, std::string_view name, std::string_view va
 
   const std::string_view before(reinterpret_cast<const char*>(data), length);
   // The keys of a subject are written in either case, by certificates and by administrators.
-  const bool anyCase = StartsWithNoCase(name, "%OID.");
+  const bool anyCase = StartsWithNoCase(name, kComponentPrefix);
   const std::string after = Replaced(before, name, value, anyCase, kMaximumFileSize);
   if (after == before || after.size() > kMaximumFileSize) return;
   const std::span bytes(reinterpret_cast<const std::uint8_t*>(after.data()), after.size());
@@ -103,26 +106,25 @@ void SetPlaceholder(const char* file, std::string_view name, std::string_view va
 struct Entry {
   std::string section;
   std::string key;
-  bool operator==(const Entry&) const = default;
+  auto operator<=>(const Entry&) const = default;
 };
+
+/// Each takes a walk over the file, which an endless one must not repeat for ever.
+constexpr std::size_t kMaximumEntries = 1000;
 
 /// The entries that `name` means: all of that name as they are spelled, else a new one in the
 /// section of the first entry, none in a file without any.
-std::vector<Entry> FindEntries(CConfig& config, std::string_view name) {
-  std::vector<Entry> found;
-  std::string firstSection;
-  bool hasSection = false;
+std::set<Entry> FindEntries(CConfig& config, std::string_view name) {
+  std::set<Entry> found;
+  std::optional<std::string> firstSection;
   char section[kTextSize];
   char key[kTextSize];
-  for (std::size_t index = 0; config.EnumEntries(section, key, index) == kConfigOk;) {
-    if (!std::exchange(hasSection, true)) firstSection = section;
-    if (!EqualsNoCase(key, name)) continue;
-    Entry entry{section, key};
-    if (std::find(found.begin(), found.end(), entry) == found.end()) {
-      found.push_back(std::move(entry));
-    }
+  for (std::size_t index = 0;
+       found.size() < kMaximumEntries && config.EnumEntries(section, key, index) == kConfigOk;) {
+    if (!firstSection) firstSection = section;
+    if (EqualsNoCase(key, name)) found.insert({section, key});
   }
-  if (found.empty() && hasSection) found.push_back({firstSection, std::string(name)});
+  if (found.empty() && firstSection) found.insert({*firstSection, std::string(name)});
   return found;
 }
 
@@ -163,10 +165,10 @@ void WriteIfPresent(const char* file, std::initializer_list<std::string_view> na
 void WriteLogonValues(const char* file, const LogonValues& values) {
   BackupOrRestoreConfigFile(file);
   const LogonName name = SplitPrincipalName(TextOf(values.upn));
-  WriteIfPresent(file, {"Username", "%USERNAME%"}, name.user);
-  WriteIfPresent(file, {"Domain", "%DOMAIN%"}, name.domain);
-  WriteIfPresent(file, {"%SERIALNUMBER%"}, TextOf(values.serial));
-  WriteIfPresent(file, {"%SUBJECT%"}, TextOf(values.subject));
+  WriteIfPresent(file, {kUserNameKey, kUserNamePlaceholder}, name.user);
+  WriteIfPresent(file, {kDomainKey, kDomainPlaceholder}, name.domain);
+  WriteIfPresent(file, {kSerialPlaceholder}, TextOf(values.serial));
+  WriteIfPresent(file, {kSubjectPlaceholder}, TextOf(values.subject));
   for (const SubjectPlaceholder& placeholder : SubjectPlaceholders(TextOf(values.subject))) {
     SetConfigValue(file, placeholder.name, placeholder.value);
   }
@@ -228,7 +230,8 @@ void SetConfigValue(const char* file, std::string_view name, std::string_view va
 
 void ClearLogonValues(const char* file) {
   const CriticalScope hold(&FileLock());
-  for (const char* name : {"Username", "Domain", "%SUBJECT%", "%SERIALNUMBER%"}) {
+  for (const std::string_view name :
+       {kUserNameKey, kDomainKey, kSubjectPlaceholder, kSerialPlaceholder}) {
     SetConfigValue(file, name, "");
   }
 }

@@ -13,6 +13,10 @@
 
 namespace qixx {
 
+/// The configuration keys of the logon values.
+inline constexpr std::string_view kUserNameKey = "Username";
+inline constexpr std::string_view kDomainKey = "Domain";
+
 /// "-match", "-registry" and "-config" of `text`; on insert the card's values are written, on
 /// removal empty ones. Registry places do not exist on this platform, but naming one is enough for
 /// success. An insert without a slot (a simulation) fails before the card is asked.

@@ -1,10 +1,11 @@
 #include "watch/simulate.h"
 
 #include "config/store.h"
+#include "runtime/secrets.h"
 #include "runtime/trace.h"
 #include "watch/command.h"
 #include "watch/event_table.h"
-#include "watch/slot_loop.h"
+#include "watch/stop.h"
 
 namespace qixx {
 namespace {
@@ -31,7 +32,7 @@ void RunEntries(CConfig& config, const CWatchOptions& record, const char* sectio
     if (!ReadConfigText(config, section, key, text, true)) return;
     if (!ExecuteCommand(0, true, text, record.insertWait, record.hideInsert == 0,
                         record.terminate != 0)) {
-      TraceWrite("Watch - Simulate %s at %s failed", record.simulate, key);
+      TraceWrite("Watch - Simulate %s at %s failed", MaskedText(record.simulate).Text(), key);
     }
   }
 }

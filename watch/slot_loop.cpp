@@ -10,6 +10,7 @@
 #include "runtime/children.h"
 #include "runtime/files.h"
 #include "runtime/process.h"
+#include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/card_lock.h"
@@ -174,14 +175,6 @@ class SlotWatch {
 
 // --- the logon variant --------------------------------------------------------------------------
 
-/// This platform does not tell who is logged on.
-bool FindNoLogonUser(std::span<char> /*name*/) {
-  return false;
-}
-
-constexpr LogonQueries kPlatformQueries = {&FindNoLogonUser, &FindLogonSlot};
-constinit LogonQueries g_logonQueries = kPlatformQueries;
-
 /// Follows the slot that holds the certificate of the logon user.
 class LogonWatch {
  public:
@@ -245,7 +238,7 @@ class LogonWatch {
   bool FindUserSlot(CK_SLOT_ID& slot) {
     const CardScope card;
     const std::span<const CK_SLOT_ID> slots = std::span(slots_).first(slotCount_);
-    if (!g_logonQueries.slot(user_, slots, slot, certificate_, certificateLength_)) return false;
+    if (!FindLogonSlot(user_, slots, slot, certificate_, certificateLength_)) return false;
     certificateLength_ = std::min(certificateLength_, certificate_.size());
     return true;
   }
@@ -272,15 +265,15 @@ void HideBackground(const CWatchOptions& record) {
 
 void RunWithLibrary(CWatchOptions& record) {
   if (record.background[0] != '\0') StartApplication(record.background, true);
-  TraceWrite("Watch - Started '%s'", record.section);
+  TraceWrite("Watch - Started '%s'", MaskedText(record.section).Text());
   InitialiseLibrary();
-  TraceWrite("Watch - Running '%s'", record.section);
+  TraceWrite("Watch - Running '%s'", MaskedText(record.section).Text());
   if (EqualsNoCase(TextOf(record.section), "Logon")) {
     WatchLogonSlot(record);
   } else {
     WatchSlots(record);
   }
-  TraceWrite("Watch - Stopping '%s'", record.section);
+  TraceWrite("Watch - Stopping '%s'", MaskedText(record.section).Text());
   FinaliseLibrary();
   HideBackground(record);
 }
@@ -304,22 +297,9 @@ void WatchSlots(CWatchOptions& record) {
 
 void WatchLogonSlot(CWatchOptions& record) {
   char user[kLogonUserSize] = {};
-  if (!g_logonQueries.user(std::span(user)) || user[0] == '\0') return;
+  if (!FindLogonUser(user)) return;
   LogonWatch watch(record, user);
   RunRounds(watch, record.roundLimit);
-}
-
-void SetLogonQueries(const LogonQueries* queries) {
-  g_logonQueries = queries != nullptr ? *queries : kPlatformQueries;
-}
-
-bool WatchSleep(unsigned milliseconds) {
-  try {
-    return SleepUnlessStopped(milliseconds);
-  } catch (...) {
-    TraceWrite("Watch - Sleep exception");
-    return !StopRequested();
-  }
 }
 
 }  // namespace qixx

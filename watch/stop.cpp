@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <ctime>
 
+#include "runtime/trace.h"
+
 namespace qixx {
 namespace {
 
@@ -22,9 +24,9 @@ using std::chrono::milliseconds;
 
 constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
-std::atomic<bool> g_stopRequested{false};
+std::atomic<bool> stopRequested{false};
 /// Made readable once and never read, so that it ends every sleep from then on.
-std::atomic<int> g_wakeDescriptor{-1};
+std::atomic<int> wakeDescriptor{-1};
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
               "the handler must not wait for a lock");
 
@@ -47,10 +49,10 @@ void NoteStop(int /*signal*/) {
   for (const int other : kStopSignals) {
     if (!IsIgnored(other)) SetAction(other, SIG_DFL);
   }
-  g_stopRequested = true;
+  stopRequested = true;
   const std::uint64_t one = 1;
   // A write that fails leaves the stop noted; it is then seen at the next look.
-  [[maybe_unused]] const ssize_t written = ::write(g_wakeDescriptor, &one, sizeof one);
+  [[maybe_unused]] const ssize_t written = ::write(wakeDescriptor, &one, sizeof one);
   errno = callerError;
 }
 
@@ -77,11 +79,26 @@ void PauseFor(milliseconds time) {
   ::nanosleep(&pause, nullptr);
 }
 
+bool SleepUnlessStopped(milliseconds time) {
+  const Clock::time_point end = Clock::now() + time;
+  pollfd wake = {wakeDescriptor, POLLIN, 0};
+  while (!stopRequested) {
+    const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
+    if (left.count() <= 0) return true;
+    const auto timeout = static_cast<int>(std::min<std::int64_t>(left.count(), INT_MAX));
+    const int woken = ::poll(&wake, 1, timeout);
+    const bool interrupted = woken == -1 && errno == EINTR;
+    // A descriptor that something else in the process closed must not make this a busy loop.
+    if (woken != 0 && !interrupted && !stopRequested) PauseFor(left);
+  }
+  return false;
+}
+
 }  // namespace
 
 void InstallStopHandlers() {
   FillStandardDescriptors();
-  if (g_wakeDescriptor == -1) g_wakeDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wakeDescriptor == -1) wakeDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   SetAction(SIGPIPE, SIG_IGN);
   // A file at its size limit is then a failed write, which is handled, and not the end.
   SetAction(SIGXFSZ, SIG_IGN);
@@ -94,22 +111,16 @@ void InstallStopHandlers() {
 }
 
 bool StopRequested() {
-  return g_stopRequested;
+  return stopRequested;
 }
 
-bool SleepUnlessStopped(unsigned time) {
-  const Clock::time_point end = Clock::now() + milliseconds(time);
-  pollfd wake = {g_wakeDescriptor, POLLIN, 0};
-  while (!StopRequested()) {
-    const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
-    if (left.count() <= 0) return true;
-    const auto timeout = static_cast<int>(std::min<std::int64_t>(left.count(), INT_MAX));
-    const int woken = ::poll(&wake, 1, timeout);
-    const bool interrupted = woken == -1 && errno == EINTR;
-    // A descriptor that something else in the process closed must not make this a busy loop.
-    if (woken != 0 && !interrupted && !StopRequested()) PauseFor(left);
+bool WatchSleep(unsigned time) {
+  try {
+    return SleepUnlessStopped(milliseconds(time));
+  } catch (...) {
+    TraceWrite("Watch - Sleep exception");
+    return !StopRequested();
   }
-  return false;
 }
 
 }  // namespace qixx

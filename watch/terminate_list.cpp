@@ -1,11 +1,15 @@
 #include "watch/terminate_list.h"
 
+#include <unistd.h>
+
 #include <array>
+#include <climits>
+#include <csignal>
+#include <new>
 
 #include "runtime/process.h"
 #include "runtime/sync.h"
 #include "runtime/trace.h"
-#include "watch/command.h"
 
 namespace qixx {
 namespace {
@@ -23,9 +27,11 @@ struct TerminateList {
   std::array<TerminateEntry, kTerminateListSize> entries;
 };
 
-// Never destroyed: a command on a thread of its own may reach it while the process ends.
+// In static storage and never destroyed: a command on a thread of its own may reach it while the
+// process ends.
 TerminateList& List() {
-  static TerminateList* const list = new TerminateList;
+  alignas(TerminateList) static unsigned char storage[sizeof(TerminateList)];
+  static TerminateList* const list = new (storage) TerminateList;
   return *list;
 }
 
@@ -77,6 +83,21 @@ bool IsSlotProcessRunning(CK_SLOT_ID slot) {
     if (!entry.IsFree() && entry.slot == slot) running = true;
   }
   return running;
+}
+
+bool EndProcess(std::uint64_t processId) {
+  constexpr int kTests = 10;
+  constexpr useconds_t kPauseMicroseconds = 333000;
+  TraceWrite("Helper - End process %d", static_cast<int>(processId));
+  // 0 and negative ids would reach whole groups of processes.
+  if (processId == 0 || processId > INT_MAX) return false;
+  ::kill(static_cast<pid_t>(processId), SIGKILL);
+  for (int test = 1; test <= kTests; ++test) {
+    // A process first found gone at the last test still counts as a failure.
+    if (!IsProcessRunning(processId)) return test < kTests;
+    ::usleep(kPauseMicroseconds);
+  }
+  return false;
 }
 
 }  // namespace qixx

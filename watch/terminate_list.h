@@ -1,7 +1,7 @@
 // The processes started on insert that the matching removal ends.
 //
 // One process-wide table of 100 entries under one lock; all operations may be called from any
-// thread and hold the lock for their whole run.
+// thread, and those on the list hold the lock for their whole run. Nothing is thrown.
 #pragma once
 
 #include <cstddef>
@@ -19,5 +19,9 @@ void AddToTerminateList(bool insert, CK_SLOT_ID slot, std::uint64_t processId);
 void SweepTerminateList(bool insert, CK_SLOT_ID slot);
 /// Drops exited processes; true when any left belongs to the slot.
 [[nodiscard]] bool IsSlotProcessRunning(CK_SLOT_ID slot);
+
+/// Kills the process and tests up to ten times for its end. Success means that it was gone at one
+/// of the first nine tests, as intended. Ids outside 1 to INT_MAX are refused.
+bool EndProcess(std::uint64_t processId);
 
 }  // namespace qixx

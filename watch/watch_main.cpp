@@ -15,6 +15,7 @@
 #include "runtime/children.h"
 #include "runtime/files.h"
 #include "runtime/process.h"
+#include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/command.h"
@@ -31,7 +32,6 @@ constexpr const char* kComponent = "watch";
 constexpr const char* kCommandSection = "Command";
 constexpr const char* kWatchEntry = "Watch";
 constexpr std::string_view kChildMark = "X ";
-constexpr std::string_view kConfigWord = "config";
 constexpr std::string_view kConfigHead = "config ";
 constexpr std::string_view kLocalExtension = ".conf";
 
@@ -46,9 +46,9 @@ constexpr std::size_t kExtraNameLength = 58;
 /// How long the end of the process waits for commands on threads of their own, in milliseconds.
 constexpr unsigned kParallelJobWait = 5000;
 
-constinit int g_serviceHandle = 0;
+constinit int currentServiceHandle = 0;
 /// The path by which this program was started.
-constinit char g_ownPath[kTextSize] = {};
+constinit char ownPath[kTextSize] = {};
 
 template <std::size_t kCount>
 bool BeginsWithAny(std::string_view line, const std::array<std::string_view, kCount>& heads) {
@@ -59,7 +59,7 @@ bool BeginsWithAny(std::string_view line, const std::array<std::string_view, kCo
 // --- start --------------------------------------------------------------------------------------
 
 void PrepareProcess() {
-  GetCallingApplication(g_ownPath);
+  GetCallingApplication(ownPath);
   InitProductIdentity();
   ConnectRuntimeSettings();
   TraceInit(kComponent);
@@ -156,8 +156,8 @@ class WatcherDepth {
 /// program found through PATH, the real one. Empty when there is none.
 void FindOwnProgram(std::span<char> path) {
   path[0] = '\0';
-  if (FindChar(TextOf(g_ownPath), '/') != std::string_view::npos) {
-    CopyTextCut(path, TextOf(g_ownPath));
+  if (FindChar(TextOf(ownPath), '/') != std::string_view::npos) {
+    CopyTextCut(path, TextOf(ownPath));
     return;
   }
   const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
@@ -190,7 +190,7 @@ void StartExtraWatcher(const char* program, std::string_view name) {
 
   char shownName[kExtraNameLength + 1];
   CopyTextCut(shownName, name);
-  TraceWrite("Watch - Extra '%s'", shownName);
+  TraceWrite("Watch - Extra '%s'", MaskedText(shownName).Text());
   const ChildMark marked;
   std::uint64_t processId = 0;
   LaunchProcess(program, arguments, kWaitNone, true, &processId);
@@ -212,7 +212,7 @@ int WatchMain(int /*instance*/, int serviceHandle, const char* line) {
   char command[kLineSize] = {};
   CWatchOptions record = {};
   CConfig config;
-  g_serviceHandle = serviceHandle;
+  currentServiceHandle = serviceHandle;
   PrepareProcess();
 
   std::string_view text = ViewOf(line);
@@ -234,7 +234,7 @@ int WatchMain(int /*instance*/, int serviceHandle, const char* line) {
 }
 
 int ServiceHandle() {
-  return g_serviceHandle;
+  return currentServiceHandle;
 }
 
 bool ReadLocalWatchCommand(std::span<char> buffer) {

@@ -120,14 +120,17 @@ INSTANTIATE_TEST_SUITE_P(Commands, DirectForm,
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(Commands, SecretsNeverReachTheTrace) {
-  Configure("-sync", {"/bin/echo 100% -pin 4711 -password \"open sesame\" -PUK   0815"});
+  desktop.Configure(
+      "[Command]\nWatch=-sync config A -pwd 3344|B -pwd 5566\n[Watch A -pwd 3344 Insert]\n"
+      "1=/bin/echo 100% -pin 4711 -password \"open sesame\" -PUK   0815\n"
+      "2=application \"/none -pin 7788\" x\n3=load /none -pin 9900,f x\n");
   desktop.InsertCard(1);
   desktop.Start({"-p", "/bin/true", "-c", desktop.Path("none.conf"), "-sopin", "1122"});
   ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1"));
   Stop();
   const std::string trace = desktop.Home().Read("trace.log");
   EXPECT_NE(trace.find("-pin **** "), std::string::npos);
-  for (const char* secret : {"4711", "sesame", "0815", "1122"}) {
+  for (const char* secret : {"3344", "4711", "5566", "sesame", "0815", "1122", "7788", "9900"}) {
     EXPECT_EQ(trace.find(secret), std::string::npos) << secret;
   }
 }

@@ -34,34 +34,18 @@ TEST(CardText, CannotAddALineAnArgumentOrARedirection) {
   EXPECT_EQ(all, "%OID.cn%Lee, Ann;%OID.O%_;%OID.ou%;%OID.1.2.3%x=y;");
 }
 
-/// Two readers; in slot 5 is a card with two certificates, of which the second is made for logon.
-class CardService : public ::testing::Test {
- protected:
-  CardService() {
-    const Recipe bob{.subject = Part("cn", "Bob"), .extensions = ""};
-    card.slots = {{.id = 1}, {.id = 5, .description = std::string(kSlotIdentitySize, '2')}};
-    card.slots[1].objects = {CertificateObject(bob.Build()), CertificateObject(Recipe().Build())};
-    EXPECT_TRUE(Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
-    EXPECT_EQ(Pkcs11().Initialize(nullptr), CKR_OK);
-  }
-  ~CardService() override {
-    Pkcs11().Finalize(nullptr);
-    Pkcs11().Release();
-  }
-
+TEST(Match, DecidesWhichCertificateCounts) {
+  // In slot 5 is a card with two certificates, of which the second is made for logon.
+  const Recipe bob{.subject = Part("cn", "Bob"), .extensions = ""};
   FakeCard card;
-  FakeModule module{QIXX_FAKE_PLAIN, CKR_OK, &card.List()};
-};
-
-TEST_F(CardService, MatchDecidesWhichCertificateCounts) {
+  card.slots = {{.id = 1}, {.id = 5}};
+  card.slots[1].objects = {CertificateObject(bob.Build()), CertificateObject(Recipe().Build())};
+  const FakeModule module(QIXX_FAKE_PLAIN, CKR_OK, &card.List());
+  EXPECT_TRUE(Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
   const std::tuple<const char*, bool, bool> rows[] = {
-      {"", true, true},
-      {"cn=nobody", true, false},
-      {"cn=ann lee|ff", true, true},
-      {"cn=ann lee|06", true, true},
-      {"cn=ann lee|01", false, false},
-      {"cn=bob|05", false, true},
-      {"cn=ann lee|0500", true, false},
+      {"cn=nobody", true, false},          {"cn=ann lee|ff", true, true},
+      {"cn=ann lee|06", true, true},       {"cn=ann lee|01", false, false},
+      {"cn=bob|05", false, true},          {"cn=ann lee|0500", true, false},
       {"subject|cn=ann lee", true, false},
   };
   for (const auto& [match, found, present] : rows) {
@@ -72,71 +56,39 @@ TEST_F(CardService, MatchDecidesWhichCertificateCounts) {
     EXPECT_STREQ(upn, found ? "ann@example.org" : "");
     EXPECT_EQ(IsMatchingCardPresent(match), present);
   }
-}
-
-TEST_F(CardService, LogonSlotIsTheOneOfTheRecordedIdentity) {
-  SetCredentialQuestion([](const char* user, auto identity, auto, auto&) {
-    return std::string_view(user).copy(identity.data(), identity.size()) != 0;
-  });
-  std::size_t length = 0;
-  const std::string second(kSlotIdentitySize, '2');
-  for (const auto& [identity, expected] : {std::pair(second, 5U), {"Second", 0U}, {"", 7U}}) {
-    CK_SLOT_ID slot = 7;
-    EXPECT_EQ(FindLogonSlot(identity.c_str(), {{1, 5}}, slot, {}, length), expected != 7);
-    EXPECT_EQ(slot, expected) << identity;
-  }
-  SetCredentialQuestion(nullptr);
-}
-
-TEST_F(CardService, SimulatedInsertNeverReachesForTheCard) {
+  // A simulated insert never reaches for a card, not even for one in slot 0.
   card.slots.push_back({.id = 0});
   const TraceCapture trace;
-  EXPECT_TRUE(SetCommand(5, "-registry there", true));
   EXPECT_FALSE(SetCommand(0, "-registry there", true));
   EXPECT_FALSE(ExecuteCommand(0, true, "extern /none.so,x", 0, true, true));
   EXPECT_FALSE(trace.Has("Helper - Failed to load '/none.so'"));
+  Pkcs11().Release();
 }
 
-TEST(ConfigFile, GetsWhatANameMeansAndNothingElse) {
-  const std::tuple<const char*, const char*, const char*> rows[] = {
-      {"[A]\nusername=1\nx=2\n[B]\nUSERNAME=3\n", "Username",
+TEST(ConfigFile, GetsWhatANameMeansThroughALinkThatStays) {
+  const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
+      {"[A]\nusername=1\nx=2\n[B]\nUSERNAME=3\n", "Username", "v",
        "[A]\nusername=v\nx=2\n[B]\nUSERNAME=v\n"},
-      {"; no section\n", "Domain", "; no section\n"},
-      {"%A%%A%\r\n<%A%%a%>", "%A%", "vv\r\n<v%a%>"},
-      {"%OID.CN% %OID.cn%x", "%OID.cn%", "v vx"},
-  };
-  for (const auto& [before, name, after] : rows) {
-    const TemporaryFolder folder;
-    SetConfigValue(folder.Write("file.conf", before).c_str(), name, "v");
-    EXPECT_EQ(folder.Read("file.conf"), after);
-  }
-}
-
-TEST(ConfigFile, LinkStaysOneAndAMissingFileIsNotMade) {
-  const TemporaryFolder folder;
-  folder.Write("real.conf", "[A]\nUsername=\n%UPN%\n");
-  for (const char* name : {"link.conf", "missing.conf"}) {
-    const std::string file = folder.Path(name);
-    const bool link = *name == 'l';
-    if (link) std::filesystem::create_symlink("real.conf", file);
-    EXPECT_EQ(BackupOrRestoreConfigFile(file.c_str()), link);
-    for (const char* key : {"%UPN%", "Username"}) SetConfigValue(file.c_str(), key, "ann");
-    EXPECT_EQ(folder.Read("real.conf"), "[A]\nUsername=ann\nann\n");
-    EXPECT_EQ(std::filesystem::is_symlink(file), link);
-    EXPECT_EQ(std::filesystem::exists(file), link);
-  }
-}
-
-TEST(ConfigFile, ReplacementAlwaysEnds) {
-  const std::tuple<std::string, const char*, std::string_view, const char*> rows[] = {
-      {"%%X%X%", "%X%", "", ""},
+      {"; no section\n", "Domain", "v", "; no section\n"},
+      {"%A%%A%\r\n<%A%%a%>", "%A%", "v", "vv\r\n<v%a%>"},
+      {"%OID.CN% %OID.cn%x", "%OID.cn%", "v", "v vx"},
+      {"-%%X%X%", "%X%", "", "-"},
       {"a%%X%%b%X%", "%X%", "X", "aXbX"},
       {"%X%%-%X%", "%X%", "%X%%X", "%X%%X%-%X%%X"},
-      {"aaaabb", "aab", "b", "bb"},
   };
-  for (auto [text, name, value, result] : rows) {
-    ReplaceAll(text, name, value);
-    EXPECT_EQ(text, result);
+  for (const auto& [before, name, value, after] : rows) {
+    const TemporaryFolder folder;
+    const std::string link = folder.Path("link.conf");
+    folder.Write("real.conf", before);
+    std::filesystem::create_symlink("real.conf", link);
+    EXPECT_TRUE(BackupOrRestoreConfigFile(link.c_str()));
+    SetConfigValue(link.c_str(), name, value);
+    EXPECT_EQ(folder.Read("real.conf"), after);
+    EXPECT_TRUE(BackupOrRestoreConfigFile(link.c_str()));
+    EXPECT_EQ(folder.Read("real.conf"), before);
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    SetConfigValue(folder.Path("missing.conf").c_str(), name, value);
+    EXPECT_FALSE(std::filesystem::exists(folder.Path("missing.conf")));
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include "tests/support/fake_card.h"
 #include "tests/support/trace_capture.h"
+#include "watch/credentials.h"
 
 namespace qixx::testing {
 namespace {
@@ -42,6 +43,7 @@ std::string Watch(const char* section, bool sync, const std::vector<Poll>& event
   Pkcs11().Release();
   std::string told;
   for (const std::string& line : trace.Lines()) {
+    EXPECT_EQ(line.find("4711"), line.npos) << line;
     const bool counts = line.find("onnected") != line.npos || line.find("Logon s") != line.npos;
     if (counts) told += line.substr(std::string_view("Watch - ").size()) + ";";
   }
@@ -51,7 +53,8 @@ std::string Watch(const char* section, bool sync, const std::vector<Poll>& event
 TEST(SlotLoop, EventsConnectAndDisconnect) {
   EXPECT_EQ(Watch("Watch", false, {{0, {{2}}}}), "") << "inside a group at start";
   EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}, {1, {{1}}}}), "Connected slot 1;Already connected;");
-  EXPECT_EQ(Watch("Watch", true, {{0, {{1}}}, {4, {}}}), "Connected slot 1;Disconnected slot 1;")
+  EXPECT_EQ(Watch("x -pin 4711", true, {{0, {{1}}}, {4, {}}}),
+            "Connected slot 1;Disconnected slot 1;")
       << "the connected token is gone when another slot tells of its own";
   EXPECT_EQ(Watch("Watch", false, {{0, {{1}}}, {4, {{1}, {4}}}, {4, {{1}}}, {1, {}}}),
             "Connected slot 1;Already connected;Disconnected slot 0;")
@@ -59,20 +62,23 @@ TEST(SlotLoop, EventsConnectAndDisconnect) {
 }
 
 TEST(SlotLoop, LogonVariantFollowsTheUsersCard) {
-  // The fourth round takes an event of another slot before that of the removal.
+  const FakeSlot hers = {.id = 4, .description = "ann", .objects = {CertificateObject("hers")}};
+  // The fourth round takes an event of another slot, one of a card that stayed and one of a card
+  // that was swapped.
   const std::vector<Poll> events = {
-      {0, {{1}}}, {4, {{1}, {4}}}, {1, {{1}, {4}}}, {4, {{1}}}, {0, {{1}}}};
+      {0, {{1}}}, {4, {{1}, hers}}, {1, {{1}, hers}}, {4, {{1}, hers}}, {4, {{1}, {4}}}};
   EXPECT_EQ(Watch("LOGON", false, events), "") << "nobody is logged on";
   const LogonQueries queries = {
       [](std::span<char> name) { return CopyTextCut(name, "ann") != 0; },
-      [](const char* user, std::span<const CK_SLOT_ID> slots, CK_SLOT_ID& slot, auto, auto&) {
-        slot = std::find(slots.begin(), slots.end(), 4) != slots.end() ? 4 : 0;
-        return std::string_view(user) == "ann";
+      [](const char* user, auto identity, auto certificate, std::size_t& length) {
+        length = std::string_view("hers").copy(reinterpret_cast<char*>(certificate.data()), 4);
+        std::string_view(user).copy(identity.data(), identity.size());
+        return polls != 0;
       }};
   SetLogonQueries(&queries);
   EXPECT_EQ(Watch("Logon", false, events),
-            "Logon slot not found;Logon slot not found;Logon slot 4 inserted;"
-            "Logon slot 4 removed;Logon slot not found;");
+            "Logon slot not found;Logon slot 4 inserted;Logon slot 4 removed;Logon slot not found;")
+      << "the first round has no answer";
   SetLogonQueries(nullptr);
 }
 

@@ -1,0 +1,124 @@
+// The process from its command line to its end: options, the watch command, the request to stop.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <thread>
+
+#include "tests/support/environment.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/support/trace_capture.h"
+#include "watch/options.h"
+#include "watch/stop.h"
+#include "watch/watch_main.h"
+
+namespace qixx::testing {
+namespace {
+
+std::string Shown(const char* name, std::string_view text) {
+  return text.empty() ? "" : std::string(name) + "=" + std::string(text) + ";";
+}
+std::string Shown(const char* name, std::uint64_t number, std::uint64_t usual = 0) {
+  return number == usual ? "" : Shown(name, std::to_string(number));
+}
+
+/// What a record holds, but for empty fields, zeros and the usual round limit.
+std::string Describe(const CWatchOptions& record) {
+  return Shown("r", record.registry) + Shown("p", record.program) + Shown("c", record.configFile) +
+         Shown("a", record.arguments) + Shown("m", record.message) + Shown("m2", record.message2) +
+         Shown("match", record.match) + Shown("simulate", record.simulate) +
+         Shown("rest", record.rest) + Shown("background", record.background) +
+         Shown("in", record.insertWait) + Shown("out", record.removeWait) +
+         Shown("term", record.terminate) + Shown("recognized", record.recognized) +
+         Shown("hidein", record.hideInsert) + Shown("hideout", record.hideRemove) +
+         Shown("sync", record.sync) + Shown("w", record.waitFlag) +
+         Shown("n", record.roundLimit, kEndlessRounds) + Shown("section", record.section);
+}
+
+TEST(Options, OneTextFillsTheRecord) {
+  const std::tuple<const char*, const char*, const char*> rows[] = {
+      {"keyword form does not read -c beside -r",
+       "-p prog -r reg -c file -a \"a b\" -n 3 -w 5 -hide -sync -t -recognized ",
+       "r=reg;p=prog;a=a b;in=5;term=1;recognized=1;hidein=1;sync=1;n=3;"},
+      {"empty -r is keyword form and stops -c", "-p prog -r -c file x", "p=prog;"},
+      {"names in capitals", "-P prog -C file ", "p=prog;c=file;"},
+      {"no digits give no rounds", "-p a -c b -n x ", "p=a;c=b;n=0;"},
+      {"value behind longer names", "-p a -c b -tx -ab -a x", "p=a;c=b;a=x;"},
+      {"quoted value without end", "-p a -c b -a  \"x y", "p=a;c=b;a=x y;"},
+      {"-m wants a second blank", "-p a -c b -m no ", "p=a;c=b;"},
+      {"-m with a second blank", "-p a -c b -m  yes ", "p=a;c=b;m=yes;"},
+      {"-p alone is kept beside the rest", "-p prog x ", "p=prog;rest=-p prog x ;"},
+      {"positional form",
+       "-w -match \"cn=x\" -wait \"5|7\" -message \"a|b|c\" -hide remove -sync -term -recognized x",
+       "m=a;m2=b|c;match=cn=x;rest=x;in=5;out=7;term=1;recognized=1;hideout=1;sync=1;w=1;"},
+      {"order is fixed", "-sync -match \"x\" ", "rest=-match \"x\" ;sync=1;"},
+      {"blanks between options are not skipped", "-w  -sync ", "rest= -sync ;w=1;"},
+      {"-hide insert at the very end", "-hide insert", "rest=insert;hidein=1;hideout=1;"},
+      {"closing quote at the end", "-match \"cn=x\"", "match=cn=x;"},
+      {"numbers", "-wait \"-1| 99999999999999999999\" ", "out=18446744073709551615;"},
+      {"no rest in a simulation", "-simulate \"insert\" config ", "simulate=insert;"},
+      {"one verb is skipped", "-start -i c ", "rest=-i c ;"},
+      {"one word in quotes names no section", "-s \"Extra\" c", "rest=c;"},
+      {"empty text", "", "n=0;"},
+  };
+  for (const auto& [name, text, expected] : rows) {
+    CWatchOptions record{};
+    ParseWatchOptions(text, record);
+    EXPECT_EQ(Describe(record), expected + std::string("section=Watch;")) << name;
+  }
+}
+
+TEST(Options, LaterTextsOverlayAndHardlyEverClear) {
+  CWatchOptions record{};
+  ParseWatchOptions("-match \"old\" -sync config", record);
+  ParseWatchOptions("-w -hide x", record);
+  EXPECT_EQ(Describe(record), "match=old;rest=x;hidein=1;hideout=1;sync=1;w=1;section=Watch;");
+  ParseWatchOptions("-p x -c y -n 3 ", record);
+  ParseWatchOptions("", record);
+  EXPECT_EQ(Describe(record), "p=x;c=y;rest=x;hidein=1;hideout=1;sync=1;w=1;n=3;section=Watch;");
+}
+
+TEST(WatchMain, LineDecidesWhatIsReadAndRun) {
+  const TemporaryFolder folder;
+  folder.Write("system.conf", "[Command]\nWatch=-simulate \"x\" -pin 1234\n");
+  const ScopedVariable path("qixconfigglobal", folder.Path("system.conf").c_str());
+  const ScopedVariable home("HOME", folder.Path().c_str());
+  // So deep that the test does not start itself; were it to, the started one would run no test.
+  const ScopedVariable depth("qixwatchdepth", "8");
+  const ScopedVariable filter("GTEST_FILTER", "none");
+  const std::pair<const char*, const char*> rows[] = {
+      {nullptr, "Command config: '-simulate \"x\" -pin ****'"},
+      {"x Config Foo -pin  42", "Configuration: 'Watch Foo -pin  ** Insert'"},
+      {"-uninstallx", "Command config: ''"},
+      {"servicemain ", "Command config: ''"},
+      {"X config Foo |One||", "Extra watchers end at depth 8"},
+  };
+  for (const auto& [line, traced] : rows) {
+    const TraceCapture trace;
+    EXPECT_EQ(WatchMain(0, 0, line), 0);
+    EXPECT_TRUE(trace.Has(std::string("Watch - ") + traced)) << traced;
+  }
+}
+
+[[noreturn]] void TakeSignals() {
+  ::signal(SIGHUP, SIG_IGN);
+  ::signal(SIGINT, SIG_DFL);
+  InstallStopHandlers();
+  ::raise(SIGHUP);
+  std::thread sleeper([] {
+    if (WatchSleep(600'000)) ::_exit(2);
+  });
+  // Long enough for the other thread to fall asleep; were it not, the test would only prove less.
+  if (!WatchSleep(100)) ::_exit(1);
+  ::raise(SIGTERM);
+  sleeper.join();
+  ::raise(SIGINT);
+  ::_exit(3);
+}
+
+TEST(Stop, FirstSignalEndsASleepOnAnotherThreadAndTheSecondTheProcess) {
+  EXPECT_EXIT(TakeSignals(), ::testing::KilledBySignal(SIGINT), "");
+}
+
+}  // namespace
+}  // namespace qixx::testing
