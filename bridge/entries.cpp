@@ -1,12 +1,12 @@
 #include "bridge/entries.h"
 
-#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstring>
-#include <memory>
+#include <ctime>
+#include <iterator>
 #include <new>
 #include <optional>
 #include <span>
@@ -28,18 +28,27 @@ namespace {
 constexpr timespec kWaitPause = {0, 200'000'000};
 constexpr timespec kLeavePause = {0, 5'000'000};
 
+constexpr CK_VERSION kVersion = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR};
 constexpr std::size_t kSuiteValueSize = 8;
 
 struct Bridge {
   CCritical guard;  ///< for everything below
   Slots slots;
-  bool begun = false;    ///< the module is initialised, by us or by somebody else
-  bool ours = false;     ///< by us
+  bool ours = false;     ///< it was us who initialised the module, not somebody else
   unsigned waiting = 0;  ///< threads in C_WaitForSlotEvent
 };
 
-/// The module from C_Initialize to C_Finalize. Read without the lock by what goes straight through.
+/// The module from C_Initialize to the begin of C_Finalize, and the process that initialised it
+/// until the end of C_Finalize, else 0. Read without the lock by what goes straight through.
 constinit std::atomic<const CK_FUNCTION_LIST*> running = nullptr;
+constinit std::atomic<pid_t> process = 0;
+
+/// Null in a forked child, too, until it initialises for itself, as the standard asks of it.
+const CK_FUNCTION_LIST* Running() {
+  const CK_FUNCTION_LIST* const module = running.load(std::memory_order_acquire);
+  return module != nullptr && process.load(std::memory_order_relaxed) == ::getpid() ? module
+                                                                                    : nullptr;
+}
 
 /// Never destroyed: a program may call from its own static destructors.
 Bridge& TheBridge() {
@@ -64,7 +73,7 @@ CK_RV Answer(const Operation& operation) noexcept {
 template <typename Operation>
 CK_RV AnswerWithModule(const Operation& operation) noexcept {
   return Answer([&operation]() -> CK_RV {
-    const CK_FUNCTION_LIST* const module = running.load(std::memory_order_acquire);
+    const CK_FUNCTION_LIST* const module = Running();
     return module == nullptr ? CKR_CRYPTOKI_NOT_INITIALIZED : operation(*module);
   });
 }
@@ -75,9 +84,8 @@ CK_RV AnswerWithSlots(const Operation& operation) noexcept {
   return AnswerWithModule([&operation](const CK_FUNCTION_LIST& module) -> CK_RV {
     Bridge& bridge = TheBridge();
     const CriticalScope hold(&bridge.guard);
-    if (running.load(std::memory_order_relaxed) == nullptr) {
-      return CKR_CRYPTOKI_NOT_INITIALIZED;
-    }
+    // It may have ended while the lock was waited for.
+    if (Running() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
     return operation(module, bridge.slots);
   });
 }
@@ -97,37 +105,54 @@ CK_RV AnswerForSlot(CK_SLOT_ID number, const Operation& operation) noexcept {
 
 // --- life ---------------------------------------------------------------------------------------
 
+/// Leaves a module alone that somebody else initialised. One that fails here stays ours.
+CK_RV FinalizeModule(Bridge& bridge, const CK_FUNCTION_LIST& module) {
+  const CK_RV result = bridge.ours ? module.C_Finalize(nullptr) : CKR_OK;
+  if (result == CKR_OK) bridge.ours = false;
+  return result;
+}
+
+/// In a child that was forked in between.
+void LeaveToParent(Bridge& bridge) {
+  bridge.slots.LeaveToParent();
+  bridge.ours = false;
+  bridge.waiting = 0;
+}
+
 CK_RV Begin(Bridge& bridge, CK_VOID_PTR initArgs) {
-  if (bridge.begun) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+  if (process == ::getpid()) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+  if (process != 0) LeaveToParent(bridge);
   static const CK_FUNCTION_LIST* loaded = nullptr;  // once loaded, it stays
   if (loaded == nullptr) loaded = LoadModule();
-  if (loaded == nullptr) return CKR_LIBRARY_LOAD_FAILED;
+  if (loaded == nullptr) return CKR_GENERAL_ERROR;
   const CK_RV result = loaded->C_Initialize(initArgs);
   if (result != CKR_OK && result != CKR_CRYPTOKI_ALREADY_INITIALIZED) return result;
-  bridge.ours = result == CKR_OK;
+  if (result == CKR_OK) bridge.ours = true;
   try {
     bridge.slots.Begin(*loaded);
   } catch (...) {
-    if (bridge.ours) loaded->C_Finalize(nullptr);
+    (void)FinalizeModule(bridge, *loaded);
     throw;
   }
-  bridge.begun = true;
+  process = ::getpid();
   running.store(loaded, std::memory_order_release);
   return CKR_OK;
 }
 
 /// `bridge.guard` is held once when this is called, and is let go while threads leave.
-CK_RV End(Bridge& bridge, CK_VOID_PTR reserved) {
-  const CK_FUNCTION_LIST* const module = running.exchange(nullptr);
+CK_RV End(Bridge& bridge) {
+  const CK_FUNCTION_LIST* const module = Running();
   if (module == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  running = nullptr;
   while (bridge.waiting != 0) {
     bridge.guard.Leave();
     ::nanosleep(&kLeavePause, nullptr);
     bridge.guard.Enter();
   }
   bridge.slots.End();
-  bridge.begun = false;
-  return bridge.ours ? module->C_Finalize(reserved) : CKR_OK;
+  const CK_RV result = FinalizeModule(bridge, *module);
+  process = 0;
+  return result;
 }
 
 // --- slots and events ---------------------------------------------------------------------------
@@ -145,9 +170,7 @@ CK_RV AwaitSlotEvent(bool block, CK_SLOT_ID& number) {
   Bridge& bridge = TheBridge();
   const CriticalScope hold(&bridge.guard);
   for (;;) {
-    if (running.load(std::memory_order_relaxed) == nullptr) {
-      return CKR_CRYPTOKI_NOT_INITIALIZED;
-    }
+    if (Running() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (bridge.slots.TakeEvent(number)) return CKR_OK;
     if (!block) return CKR_NO_EVENT;
     ++bridge.waiting;
@@ -173,12 +196,13 @@ CK_RV AnswerZeros(CK_ATTRIBUTE& attribute) {
 }
 
 /// The module's own value, else zeros. It is asked for alone: there are modules that answer nothing
-/// of a list in which they do not know one.
+/// of a list in which they do not know one. Others say that all is well and leave the length out.
 CK_RV GetSuiteAttribute(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session,
                         CK_OBJECT_HANDLE object, CK_ATTRIBUTE& attribute) {
   CK_ATTRIBUTE asked = attribute;
   const CK_RV result = module.C_GetAttributeValue(session, object, &asked, 1);
-  if (result == CKR_ATTRIBUTE_TYPE_INVALID) return AnswerZeros(attribute);
+  const bool isLeftOut = result == CKR_OK && asked.ulValueLen == CK_UNAVAILABLE_INFORMATION;
+  if (result == CKR_ATTRIBUTE_TYPE_INVALID || isLeftOut) return AnswerZeros(attribute);
   attribute.ulValueLen = asked.ulValueLen;
   return result;
 }
@@ -234,10 +258,11 @@ struct Entries : PlainEntries {
     });
   }
   static CK_RV Finalize(CK_VOID_PTR reserved) noexcept {
-    return Answer([&] {
+    return Answer([&]() -> CK_RV {
+      if (reserved != nullptr) return CKR_ARGUMENTS_BAD;
       Bridge& bridge = TheBridge();
       const CriticalScope hold(&bridge.guard);
-      return End(bridge, reserved);
+      return End(bridge);
     });
   }
   static CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept {
@@ -246,8 +271,8 @@ struct Entries : PlainEntries {
   /// Of a newer standard the list here has no more than this one.
   static CK_RV GetInfo(CK_INFO_PTR info) noexcept {
     const CK_RV result = PlainEntries::GetInfo(info);
-    if (result == CKR_OK) {
-      info->cryptokiVersion = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR};
+    if (result == CKR_OK && info != nullptr && info->cryptokiVersion.major > kVersion.major) {
+      info->cryptokiVersion = kVersion;
     }
     return result;
   }
@@ -308,7 +333,7 @@ struct Entries : PlainEntries {
 
   static CK_RV GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) noexcept {
     const CK_RV result = PlainEntries::GetSessionInfo(session, info);
-    if (result != CKR_OK) return result;
+    if (result != CKR_OK || info == nullptr) return result;
     return AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
       info->slotID = slots.FromModule(info->slotID).value_or(0);
       return CKR_OK;
@@ -343,7 +368,7 @@ CK_RV AnswerForFirstToken(const Operation& operation) noexcept {
 }  // namespace
 
 CK_FUNCTION_LIST StandardFunctions() {
-  return {{CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
+  return {kVersion,
 #define BRIDGE_MEMBER(name, parameters, arguments) &Entries::name,
           QIXX_CK_FUNCTIONS(BRIDGE_MEMBER)
 #undef BRIDGE_MEMBER
@@ -354,7 +379,7 @@ CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept {
   return Answer([&] {
     Bridge& bridge = TheBridge();
     const CriticalScope hold(&bridge.guard);
-    (void)End(bridge, nullptr);
+    (void)End(bridge);
     return Begin(bridge, initArgs);
   });
 }

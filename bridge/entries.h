@@ -2,7 +2,8 @@
 //
 // All may be called from any thread, as far as the module beneath allows; the bridge has one lock
 // of its own, which is held for the numbers of the slots and for events, not while a call goes on
-// into the module with a session. Nothing is thrown across.
+// into the module with a session. In a forked child nothing is initialised. Nothing is thrown
+// across.
 #pragma once
 
 #include "pkcs11/cryptoki.h"

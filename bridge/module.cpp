@@ -34,7 +34,7 @@ constexpr const char* kModuleFolders[] = {
     "/usr/local/lib/",
 };
 
-/// Reads the module's name and switches the trace on.
+/// Reads the module's name, and switches the trace on at first.
 std::string ReadSettings() {
   char module[kTextSize] = "";
   char trace[kTextSize] = "";
@@ -45,7 +45,8 @@ std::string ReadSettings() {
   }
   (void)ReadConfigText(config, "Pkcs11", "Module", module, false);
   config.Close(true);
-  if (trace[0] != '\0') TraceSetFile(trace);
+  // Each switching on writes a line, and a module that is missing is asked for again and again.
+  if (trace[0] != '\0' && !TraceIsOn()) TraceSetFile(trace);
   return module[0] != '\0' ? module : kDefaultModule;
 }
 

@@ -12,8 +12,8 @@ namespace qixx::bridge {
 /// folders in which distributions keep such modules.
 ///
 /// Once loaded, the module stays for the life of the process, whose exit handlers it may have
-/// joined. Switches the bridge's trace on, entry "bridge" of section "Trace", at the first call.
-/// Callers serialise.
+/// joined. Switches the bridge's trace on, entry "bridge" of section "Trace", else "File". A call
+/// after a failure reads the configuration again. Callers serialise.
 [[nodiscard]] const CK_FUNCTION_LIST* LoadModule();
 
 }  // namespace qixx::bridge

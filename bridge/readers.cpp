@@ -36,7 +36,7 @@ constexpr unsigned kChangesShift = 16;
 
 /// More readers than PC/SC knows, and more than any desktop has.
 constexpr std::size_t kMaxReaders = 64;
-constexpr std::size_t kMaxNames = 64 * 1024;
+constexpr std::size_t kMaxNames = std::size_t{64} * 1024;
 constexpr std::size_t kNamesAtFirst = 2048;
 
 struct Pcsc {
@@ -50,20 +50,14 @@ struct Pcsc {
   }
 };
 
-template <typename Function>
-void Resolve(void* library, const char* name, Function& function) {
-  function = reinterpret_cast<Function>(::dlsym(library, name));
-}
-
 Pcsc LoadPcsc() {
-  Pcsc pcsc;
   void* const library = ::dlopen("libpcsclite.so.1", RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) return pcsc;
-  Resolve(library, "SCardEstablishContext", pcsc.establish);
-  Resolve(library, "SCardReleaseContext", pcsc.release);
-  Resolve(library, "SCardListReaders", pcsc.list);
-  Resolve(library, "SCardGetStatusChange", pcsc.state);
-  return pcsc;
+  if (library == nullptr) return {};
+  const auto entry = [library](const char* name) { return ::dlsym(library, name); };
+  return {reinterpret_cast<decltype(Pcsc::establish)>(entry("SCardEstablishContext")),
+          reinterpret_cast<decltype(Pcsc::release)>(entry("SCardReleaseContext")),
+          reinterpret_cast<decltype(Pcsc::list)>(entry("SCardListReaders")),
+          reinterpret_cast<decltype(Pcsc::state)>(entry("SCardGetStatusChange"))};
 }
 
 /// Loaded once and never given back.
@@ -136,14 +130,17 @@ bool Readers::ReadNames() {
   }
 }
 
+/// A reader that stays keeps its state, for when the next question fails.
 void Readers::TakeNames() {
-  current_ = names_;
-  readers_.clear();
-  for (const char* name = current_.data(); *name != '\0' && readers_.size() < kMaxReaders;) {
+  std::vector<Reader> readers;
+  for (const char* name = names_.data(); *name != '\0' && readers.size() < kMaxReaders;) {
     const std::string_view whole(name);
-    readers_.push_back({std::string(CutName(whole)), {}});
+    const Reader* const known = Find(CutName(whole));
+    readers.push_back({std::string(CutName(whole)), known == nullptr ? State{} : known->state});
     name += whole.size() + 1;
   }
+  current_ = names_;
+  readers_.swap(readers);
 }
 
 bool Readers::ReadStates() {

@@ -1,8 +1,8 @@
 // The card readers as PC/SC sees them: which there are, and whether a card is in.
 //
 // The PC/SC library is loaded at run time and asked directly, beside whatever the module does,
-// because it tells of a card at once and at the cost of one message, while a module tells when it
-// has read the card. It is asked for the state of the readers and for nothing else: no card is
+// because it tells of a card at once and at the cost of three messages, while a module tells when
+// it has read the card. It is asked for the state of the readers and for nothing else: no card is
 // connected to. Without that library, and while its service is away, there are no readers here.
 #pragma once
 
@@ -41,10 +41,12 @@ class Readers {
 
   /// Asks for the state of all readers. True when there are others than at the last look, also when
   /// they were all there before: a restarted service has let go of everything. Allocates nothing
-  /// while the readers stay.
+  /// while the readers stay. May throw std::bad_alloc; the next look makes up for it.
   bool Look();
   /// Ends the connection; the next look makes another.
   void Close();
+  /// In a forked child: leaves the connection to the parent, of which it is.
+  void Forget() { connected_ = false; }
 
   [[nodiscard]] std::span<const Reader> All() const { return readers_; }
   /// How many have the name: cut short, two may have one.

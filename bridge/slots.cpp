@@ -1,8 +1,8 @@
 #include "bridge/slots.h"
 
-#include <time.h>
-
 #include <algorithm>
+#include <ctime>
+#include <string>
 
 #include "runtime/trace.h"
 
@@ -39,7 +39,7 @@ std::int64_t Milliseconds() {
 
 void Slots::Begin(const CK_FUNCTION_LIST& module) {
   module_ = &module;
-  eventless_ = false;
+  eventless_ = used_ = letGo_ = false;
   readers_.Look();
   searches_ = kSearches;
   Refresh();
@@ -73,7 +73,7 @@ CK_RV Slots::List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers
 std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
   LookAtReaders();
   const Slot* const slot = ByNumber(number);
-  if (slot == nullptr || !slot->byPcsc || slot->further) return {};
+  if (slot == nullptr || !slot->byPcsc) return {};
   CK_SLOT_INFO info = slot->info;
   info.flags &= ~CKF_TOKEN_PRESENT;
   if (!slot->pulled && StateOf(*slot).present) info.flags |= CKF_TOKEN_PRESENT;
@@ -82,9 +82,12 @@ std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
 
 std::optional<CK_SLOT_ID> Slots::ToModule(CK_SLOT_ID number) {
   used_ = true;
-  if (stale_) Refresh();
-  const Slot* const slot = ByNumber(number);
-  return slot == nullptr ? std::nullopt : std::optional(slot->id);
+  const Slot* slot = ByNumber(number);
+  if (stale_ || (slot != nullptr && !slot->listed)) {
+    Refresh();
+    slot = ByNumber(number);
+  }
+  return slot == nullptr || !slot->listed ? std::nullopt : std::optional(slot->id);
 }
 
 std::optional<CK_SLOT_ID> Slots::FromModule(CK_SLOT_ID id) {
@@ -150,34 +153,39 @@ void Slots::Look() {
   const bool comparing = NeedsModule();
   if (comparing && !eventless_) HearModule();
   const bool isDue = Milliseconds() - refreshed_ >= kRefreshInterval;
-  if (searches_ > 0 && (stale_ || isDue)) {
-    --searches_;
-    Refresh();
-  } else if (comparing && (eventless_ || isDue)) {
-    Refresh();
-  }
+  const bool searching = searches_ > 0 && (stale_ || isDue);
+  if (searching) --searches_;
+  if (searching || (comparing && (eventless_ || isDue))) Refresh();
 }
 
-/// A slot that has the name of one PC/SC reader is watched by PC/SC. When another reader comes that
-/// has the same name, as far as a description goes, the slot is given back to the module.
+/// A slot is watched by PC/SC when it alone has the name of one reader. Once others have that name
+/// too, as far as a description goes, only the module can tell them apart.
 void Slots::AdoptReaders() {
   for (Slot& slot : slots_) {
-    if (slot.byPcsc && readers_.Count(slot.Description()) > 1) {
+    if (slot.further) continue;
+    const std::size_t readers = readers_.Count(slot.Description());
+    if (slot.byPcsc && (readers > 1 || HasTwin(slot))) {
       slot.byPcsc = false;
       slot.shown.changes = 0;
       refreshed_ = 0;  // its state has to be asked for
+    } else if (!slot.byPcsc && readers == 1 && !HasTwin(slot)) {
+      slot.byPcsc = true;
+      slot.shown.changes = readers_.Find(slot.Description())->state.changes;
     }
-    const Readers::Reader* const reader = readers_.Find(slot.Description());
-    if (slot.byPcsc || reader == nullptr) continue;
-    slot.byPcsc = true;
-    slot.shown.changes = reader->state.changes;
   }
+}
+
+bool Slots::HasTwin(const Slot& slot) const {
+  return std::any_of(slots_.begin(), slots_.end(), [&slot](const Slot& other) {
+    return &other != &slot && !other.further && other.Description() == slot.Description();
+  });
 }
 
 bool Slots::KnowsAllReaders() const {
   const auto isKnown = [this](const Readers::Reader& reader) {
-    return std::any_of(slots_.begin(), slots_.end(),
-                       [&reader](const Slot& slot) { return slot.Description() == reader.name; });
+    return std::any_of(slots_.begin(), slots_.end(), [&reader](const Slot& slot) {
+      return slot.listed && slot.Description() == reader.name;
+    });
   };
   return std::all_of(readers_.All().begin(), readers_.All().end(), isKnown);
 }
@@ -190,28 +198,14 @@ bool Slots::NeedsModule() const {
 
 // --- the module ---------------------------------------------------------------------------------
 
-/// An event says that a slot is worth a look, and no more: what is told is its state.
+/// An event says that the slots are worth a look, and no more: what is told is their state.
 void Slots::HearModule() {
   for (int taken = 0; taken < kEventsPerLook; ++taken) {
     CK_SLOT_ID id = 0;
     const CK_RV result = module_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &id, nullptr);
     if (result == CKR_FUNCTION_NOT_SUPPORTED) eventless_ = true;
     if (result != CKR_OK) return;
-    if (Slot* const slot = ById(id); slot != nullptr) {
-      ReadInfo(id, slot->info);
-    } else {
-      refreshed_ = 0;
-    }
-  }
-}
-
-/// A slot of which nothing can be read shows no token.
-void Slots::ReadInfo(CK_SLOT_ID id, CK_SLOT_INFO& info) const {
-  CK_SLOT_INFO read = {};
-  if (module_->C_GetSlotInfo(id, &read) == CKR_OK) {
-    info = read;
-  } else {
-    info.flags &= ~CKF_TOKEN_PRESENT;
+    refreshed_ = 0;
   }
 }
 
@@ -233,7 +227,8 @@ CK_RV Slots::ListModule(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& i
   return result == CKR_OK ? CKR_BUFFER_TOO_SMALL : result;
 }
 
-/// Brings everything up to what the module lists now. A list that fails says nothing.
+/// Brings everything up to what the module lists now. A list that fails says nothing. A slot of
+/// which nothing can be read shows no token, and gets no number before something can.
 void Slots::Refresh() {
   refreshed_ = Milliseconds();
   std::vector<CK_SLOT_ID> ids;
@@ -241,9 +236,13 @@ void Slots::Refresh() {
   std::vector<Sight> sights;
   sights.reserve(ids.size());
   for (const CK_SLOT_ID id : ids) {
-    const Slot* const known = ById(id);
-    Sight sight = {id, known != nullptr ? known->info : CK_SLOT_INFO{}, false};
-    ReadInfo(id, sight.info);
+    Sight sight = {.id = id};
+    if (module_->C_GetSlotInfo(id, &sight.info) != CKR_OK) {
+      const Slot* const known = ById(id);
+      if (known == nullptr) continue;
+      sight.info = known->info;
+      sight.info.flags &= ~CKF_TOKEN_PRESENT;
+    }
     sights.push_back(sight);
   }
   Place(sights);
@@ -253,31 +252,33 @@ void Slots::Refresh() {
 
 // --- numbers ------------------------------------------------------------------------------------
 
-/// Finds each slot among those seen before: unchanged, else by its description, else by its id.
+/// Finds each slot among those seen before: unchanged, else by its description, else where it was,
+/// unless it is a reader's name that the module now shows there.
 void Slots::Place(std::vector<Sight>& sights) {
-  for (Slot& slot : slots_) slot.listed = false;
+  for (Slot& slot : slots_) slot.placed = false;
   const auto claim = [this, &sights](const auto& isSame) {
     for (Sight& sight : sights) {
-      if (sight.placed) continue;
+      const std::string_view description = DescriptionText(sight.info);
       const auto slot = std::find_if(slots_.begin(), slots_.end(), [&](const Slot& known) {
-        return !known.listed && isSame(known, sight, DescriptionText(sight.info));
+        return !sight.placed && !known.placed && isSame(known, sight.id, description);
       });
       if (slot == slots_.end()) continue;
-      if (slot->Description() != DescriptionText(sight.info)) slot->byPcsc = false;
       slot->id = sight.id;
       slot->info = sight.info;
-      slot->listed = sight.placed = true;
+      slot->placed = sight.placed = true;
     }
   };
-  claim([](const Slot& slot, const Sight& sight, std::string_view description) {
-    return slot.id == sight.id && slot.Description() == description;
+  claim([](const Slot& slot, CK_SLOT_ID id, std::string_view description) {
+    return slot.id == id && slot.Description() == description;
   });
-  claim([](const Slot& slot, const Sight&, std::string_view description) {
+  claim([](const Slot& slot, CK_SLOT_ID, std::string_view description) {
     return !description.empty() && slot.Description() == description;
   });
-  claim([](const Slot& slot, const Sight& sight, std::string_view) {
-    return slot.id == sight.id && !slot.further;
+  claim([this](const Slot& slot, CK_SLOT_ID id, std::string_view description) {
+    return slot.listed && slot.id == id && !slot.further && !slot.byPcsc &&
+           readers_.Count(description) == 0;
   });
+  for (Slot& slot : slots_) slot.listed = slot.placed;
   for (const Sight& sight : sights) {
     if (!sight.placed && slots_.size() < kMaxSlots) Add(sight);
   }
@@ -295,9 +296,11 @@ void Slots::Add(const Sight& sight) {
   slot.further = first != slots_.end() && readers_.Find(slot.Description()) != nullptr;
   slot.number = NewNumber(slot.further ? &*first : nullptr);
   slots_.push_back(slot);
-  const std::string_view description = slot.Description();
-  TraceWrite("Bridge - Slot %d is slot 0x%lx of the module, '%.*s'", static_cast<int>(slot.number),
-             slot.id, static_cast<int>(description.size()), description.data());
+  std::string name(slot.Description());
+  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
+  std::replace_if(name.begin(), name.end(), isControl, '_');  // it comes from a device
+  TraceWrite("Bridge - Slot %d is slot 0x%lx of the module, '%s'", static_cast<int>(slot.number),
+             slot.id, name.c_str());
 }
 
 /// For another slot of a reader one of that reader's numbers, as long as it has any.
@@ -320,15 +323,12 @@ Slots::Slot* Slots::ByNumber(CK_SLOT_ID number) {
   return slot == slots_.end() ? nullptr : &*slot;
 }
 
-/// The one that the module lists, else the one that had this id last.
+/// Of those that the module lists.
 Slots::Slot* Slots::ById(CK_SLOT_ID id) {
-  Slot* found = nullptr;
-  for (Slot& slot : slots_) {
-    if (slot.id != id) continue;
-    found = &slot;
-    if (slot.listed) break;
-  }
-  return found;
+  const auto slot = std::find_if(slots_.begin(), slots_.end(), [id](const Slot& candidate) {
+    return candidate.listed && candidate.id == id;
+  });
+  return slot == slots_.end() ? nullptr : &*slot;
 }
 
 }  // namespace qixx::bridge

@@ -3,14 +3,16 @@
 // The service knows 0 as no slot and takes three numbers for one reader, of which it listens to the
 // first: 1, 4, 7 and so on up to 94, from 97 on one number for each. Reader k, in the order in
 // which the module first showed them, has the number 3k+1, later ones 97 and up; a reader is known
-// again by its description, so it keeps its number when it is pulled out and plugged in again.
+// again by its description, so it keeps its number when it is pulled out and plugged in again. Only
+// a slot that stays, and is no PC/SC reader, may change its description and keep its number.
 // Where a module has several slots for one reader, as for a card with several PINs, the further
 // ones get the other two numbers of that reader.
 //
 // A slot whose description is the name of a PC/SC reader is watched by PC/SC itself: its changes
 // are known before, and without, the module reading the card. For all other slots the module is
 // asked for its events, and their states are compared: at each look when it has no events, else
-// once a second, since there are modules that keep some back, those of new readers above all.
+// at an event and once a second, since there are modules that keep some back, those of new readers
+// above all.
 //
 // Not for several threads at a time. May throw std::bad_alloc, which leaves everything usable.
 #pragma once
@@ -33,12 +35,15 @@ class Slots {
   void Begin(const CK_FUNCTION_LIST& module);
   /// Ends it; the numbers stay.
   void End();
+  /// Instead of End in a forked child: the parent goes on.
+  void LeaveToParent() { readers_.Forget(); }
 
   /// The numbers of the slots in the module's order. `refresh` asks the module to look for new
   /// ones.
   CK_RV List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers);
   /// What is known of a slot without the module; nothing where the module is to be asked.
   [[nodiscard]] std::optional<CK_SLOT_INFO> Info(CK_SLOT_ID number);
+  /// The module's id of a slot that it lists now: it may use that of another one anew.
   [[nodiscard]] std::optional<CK_SLOT_ID> ToModule(CK_SLOT_ID number);
   [[nodiscard]] std::optional<CK_SLOT_ID> FromModule(CK_SLOT_ID id);
 
@@ -52,7 +57,8 @@ class Slots {
     CK_SLOT_ID number = 0;
     CK_SLOT_ID id = 0;  ///< the module's, at last sight
     CK_SLOT_INFO info{};
-    bool listed = false;   ///< by the module, at last sight
+    bool listed = false;   ///< by the module now, else the id may be another slot's
+    bool placed = false;   ///< found again, while a list is gone through
     bool further = false;  ///< another slot of a reader that has one already: tells no events
     bool byPcsc = false;   ///< watched by PC/SC
     bool pulled = false;   ///< shown empty until the next event is taken
@@ -62,9 +68,9 @@ class Slots {
   };
   /// A slot as the module lists it.
   struct Sight {
-    CK_SLOT_ID id;
-    CK_SLOT_INFO info;
-    bool placed;
+    CK_SLOT_ID id = 0;
+    CK_SLOT_INFO info{};
+    bool placed = false;
   };
 
   void Look();
@@ -75,8 +81,8 @@ class Slots {
   void Refresh();
   [[nodiscard]] bool NeedsModule() const;
   [[nodiscard]] bool KnowsAllReaders() const;
+  [[nodiscard]] bool HasTwin(const Slot& slot) const;
   CK_RV ListModule(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& ids) const;
-  void ReadInfo(CK_SLOT_ID id, CK_SLOT_INFO& info) const;
 
   void Place(std::vector<Sight>& sights);
   void Add(const Sight& sight);
@@ -85,7 +91,7 @@ class Slots {
   [[nodiscard]] Slot* ById(CK_SLOT_ID id);
 
   [[nodiscard]] Readers::State StateOf(const Slot& slot) const;
-  static bool ShowNext(Slot& slot, const Readers::State& state);
+  [[nodiscard]] static bool ShowNext(Slot& slot, const Readers::State& state);
 
   const CK_FUNCTION_LIST* module_ = nullptr;
   Readers readers_;

@@ -13,29 +13,7 @@ namespace {
 
 using Variables = std::vector<std::pair<std::string, std::string>>;
 
-constexpr CK_ULONG kMaxStore = 1024 * 1024;
-
-/// A session, closed with the scope.
-class Session {
- public:
-  Session(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, CK_FLAGS flags)
-      : module_(module),
-        result_(
-            module.C_OpenSession(slot, CKF_SERIAL_SESSION | flags, nullptr, nullptr, &handle_)) {}
-  ~Session() {
-    if (result_ == CKR_OK) module_.C_CloseSession(handle_);
-  }
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
-
-  [[nodiscard]] CK_RV Result() const { return result_; }
-  [[nodiscard]] CK_SESSION_HANDLE Handle() const { return handle_; }
-
- private:
-  const CK_FUNCTION_LIST& module_;
-  CK_SESSION_HANDLE handle_ = CK_INVALID_HANDLE;
-  CK_RV result_;
-};
+constexpr CK_ULONG kMaxStore = CK_ULONG{1024} * 1024;
 
 /// The store's attributes: five to find it by, and its value.
 struct StoreTemplate {
@@ -54,35 +32,6 @@ struct StoreTemplate {
   }
 };
 constexpr CK_ULONG kToFind = 5;
-
-/// CKR_OK with CK_INVALID_HANDLE when the token has no store.
-CK_RV FindStore(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session,
-                CK_OBJECT_HANDLE& store) {
-  StoreTemplate wanted;
-  std::string none;
-  auto attributes = wanted.Attributes(none);
-  store = CK_INVALID_HANDLE;
-  CK_RV result = module.C_FindObjectsInit(session, attributes.data(), kToFind);
-  if (result != CKR_OK) return result;
-  CK_ULONG count = 0;
-  result = module.C_FindObjects(session, &store, 1, &count);
-  if (result != CKR_OK || count != 1) store = CK_INVALID_HANDLE;
-  module.C_FindObjectsFinal(session);
-  return result;
-}
-
-CK_RV ReadStore(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE store,
-                std::string& bytes) {
-  CK_ATTRIBUTE attribute = {CKA_VALUE, nullptr, 0};
-  CK_RV result = module.C_GetAttributeValue(session, store, &attribute, 1);
-  if (result != CKR_OK) return result;
-  if (attribute.ulValueLen > kMaxStore) return CKR_DATA_LEN_RANGE;
-  bytes.resize(attribute.ulValueLen);
-  attribute.pValue = bytes.data();
-  result = module.C_GetAttributeValue(session, store, &attribute, 1);
-  bytes.resize(std::min<std::size_t>(bytes.size(), attribute.ulValueLen));
-  return result;
-}
 
 std::string TakeText(std::string_view& rest) {
   const std::size_t end = std::min(rest.find('\0'), rest.size());
@@ -120,26 +69,86 @@ bool IsStorable(std::string_view text) {
   return text.find('\0') == std::string_view::npos && DropTrailingBlanks(text) == text;
 }
 
-CK_RV Load(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE& store,
-           Variables& variables) {
+/// The store of a token as it is found, and the session in which it was found.
+class Store {
+ public:
+  Store(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, CK_FLAGS flags)
+      : module_(module),
+        opened_(
+            module.C_OpenSession(slot, CKF_SERIAL_SESSION | flags, nullptr, nullptr, &session_)) {}
+  ~Store() {
+    if (opened_ == CKR_OK) module_.C_CloseSession(session_);
+  }
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  /// CKR_OK without variables when the token has no store.
+  CK_RV Load(Variables& variables);
+  /// After a Load; makes the store when there was none.
+  CK_RV Save(const Variables& variables);
+
+ private:
+  CK_RV Find();
+  CK_RV Read(std::string& bytes);
+
+  const CK_FUNCTION_LIST& module_;
+  CK_SESSION_HANDLE session_ = CK_INVALID_HANDLE;
+  CK_OBJECT_HANDLE object_ = CK_INVALID_HANDLE;
+  CK_RV opened_;
+};
+
+CK_RV Store::Load(Variables& variables) {
+  CK_RV result = opened_;
+  if (result == CKR_OK) result = Find();
+  if (result != CKR_OK || object_ == CK_INVALID_HANDLE) return result;
   std::string bytes;
-  CK_RV result = FindStore(module, session, store);
-  if (result != CKR_OK || store == CK_INVALID_HANDLE) return result;
-  result = ReadStore(module, session, store, bytes);
-  variables = Decode(bytes);
+  result = Read(bytes);
+  if (result == CKR_OK) variables = Decode(bytes);
   return result;
+}
+
+CK_RV Store::Find() {
+  StoreTemplate wanted;
+  std::string none;
+  auto attributes = wanted.Attributes(none);
+  CK_RV result = module_.C_FindObjectsInit(session_, attributes.data(), kToFind);
+  if (result != CKR_OK) return result;
+  CK_ULONG count = 0;
+  result = module_.C_FindObjects(session_, &object_, 1, &count);
+  if (result != CKR_OK || count != 1) object_ = CK_INVALID_HANDLE;
+  module_.C_FindObjectsFinal(session_);
+  return result;
+}
+
+CK_RV Store::Read(std::string& bytes) {
+  CK_ATTRIBUTE attribute = {CKA_VALUE, nullptr, 0};
+  CK_RV result = module_.C_GetAttributeValue(session_, object_, &attribute, 1);
+  if (result != CKR_OK) return result;
+  if (attribute.ulValueLen > kMaxStore) return CKR_DATA_LEN_RANGE;
+  bytes.resize(attribute.ulValueLen);
+  attribute.pValue = bytes.data();
+  result = module_.C_GetAttributeValue(session_, object_, &attribute, 1);
+  bytes.resize(std::min<std::size_t>(bytes.size(), attribute.ulValueLen));
+  return result;
+}
+
+CK_RV Store::Save(const Variables& variables) {
+  std::string bytes = Encode(variables);
+  StoreTemplate written;
+  auto attributes = written.Attributes(bytes);
+  if (object_ == CK_INVALID_HANDLE) {
+    return module_.C_CreateObject(session_, attributes.data(), attributes.size(), &object_);
+  }
+  return module_.C_SetAttributeValue(session_, object_, &attributes[kToFind], 1);
 }
 
 }  // namespace
 
 CK_RV ReadVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string_view name,
                    std::string& value) {
-  const Session session(module, slot, 0);
-  if (session.Result() != CKR_OK) return session.Result();
-  CK_OBJECT_HANDLE store = CK_INVALID_HANDLE;
+  Store store(module, slot, 0);
   Variables variables;
-  const CK_RV result = Load(module, session.Handle(), store, variables);
-  if (result != CKR_OK) return result;
+  if (const CK_RV result = store.Load(variables); result != CKR_OK) return result;
   const auto found = FindIn(variables, name);
   if (found == variables.end()) return CKR_DATA_INVALID;
   value = found->second;
@@ -149,14 +158,10 @@ CK_RV ReadVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string_
 CK_RV WriteVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string_view name,
                     std::string_view value) {
   if (name.empty() || !IsStorable(name) || !IsStorable(value)) return CKR_ARGUMENTS_BAD;
-  const Session session(module, slot, CKF_RW_SESSION);
-  if (session.Result() != CKR_OK) return session.Result();
-  CK_OBJECT_HANDLE store = CK_INVALID_HANDLE;
+  Store store(module, slot, CKF_RW_SESSION);
   Variables variables;
   // A store that cannot be read is not written over.
-  const CK_RV result = Load(module, session.Handle(), store, variables);
-  if (result != CKR_OK) return result;
-
+  if (const CK_RV result = store.Load(variables); result != CKR_OK) return result;
   const auto found = FindIn(variables, name);
   if (value.empty()) {
     if (found == variables.end()) return CKR_OK;
@@ -166,13 +171,7 @@ CK_RV WriteVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string
   } else {
     variables.emplace_back(name, value);
   }
-  std::string bytes = Encode(variables);
-  StoreTemplate written;
-  auto attributes = written.Attributes(bytes);
-  if (store == CK_INVALID_HANDLE) {
-    return module.C_CreateObject(session.Handle(), attributes.data(), attributes.size(), &store);
-  }
-  return module.C_SetAttributeValue(session.Handle(), store, &attributes[kToFind], 1);
+  return store.Save(variables);
 }
 
 }  // namespace qixx::bridge

@@ -14,8 +14,7 @@ namespace qixx::testing {
 
 class CardService {
  public:
-  /// Moves this process, and what it starts, into a world of its own; once for each process. Where
-  /// that is not allowed, root takes the machine's, one test at a time, when no service is there.
+  /// Moves this process, and what it starts, into a world of its own; once for each process.
   /// Returns why there can be no service here, an empty text when there can.
   [[nodiscard]] static std::string EnterWorld();
 

@@ -34,8 +34,8 @@ class LoadedBridge : public ::testing::Test {
     ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
   }
   template <typename Type>
-  Type Function(const char* name) {
-    return reinterpret_cast<Type>(::dlsym(library_, name));
+  Type Function(const std::string& name) {
+    return reinterpret_cast<Type>(::dlsym(library_, name.c_str()));
   }
 
   std::vector<CK_SLOT_ID> Slots(CK_BBOOL withToken = CK_FALSE) {

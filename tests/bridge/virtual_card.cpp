@@ -3,27 +3,23 @@
 // for each command.
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
+#include <string>
 
 #include "tests/bridge/piv_card.h"
 #include "tests/support/temporary_folder.h"
 
 int main(int count, char** arguments) {
-  if (count < 3) {
-    std::fputs("usage: virtual_card PORT CERTIFICATE.der [DELAY]\n", stderr);
-    return 2;
-  }
+  using namespace qixx::testing;
   sigset_t end;
   ::sigemptyset(&end);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&end, signal);
   ::sigprocmask(SIG_BLOCK, &end, nullptr);  // before the card's thread is there
 
-  using namespace qixx::testing;
-  const std::string certificate = TemporaryFolder::ReadFile(arguments[2]);
-  const InsertedCard card(std::atoi(arguments[1]), certificate,
-                          {.delay = count > 3 ? std::atoi(arguments[3]) : 0});
+  const std::string certificate = count > 2 ? TemporaryFolder::ReadFile(arguments[2]) : "";
+  const InsertedCard card(count > 2 ? std::stoi(arguments[1]) : 0, certificate,
+                          {.delay = count > 3 ? std::stoi(arguments[3]) : 0});
   if (certificate.empty() || !card.IsIn()) {
-    std::fputs("virtual_card: no certificate, or no reader behind that port\n", stderr);
+    std::fputs("usage: virtual_card PORT CERTIFICATE.der [DELAY], with a reader there\n", stderr);
     return 1;
   }
   int signal = 0;
