@@ -98,12 +98,14 @@ bool CutFile(int file, std::size_t length) {
 }
 
 /// Makes `text` the content of the file. What goes behind the old end is written first: when the
-/// disk is full the file is cut back and still holds all that it held.
+/// disk is full the file is cut back and still holds all that it held. A network file system tells
+/// of a full disk no sooner than when it is made to write.
 bool ReplaceContent(int file, std::string_view text) {
   std::size_t oldSize = 0;
   if (!GetSize(file, oldSize)) return false;
   oldSize = std::min(oldSize, text.size());
-  if (!WriteAt(file, text.substr(oldSize), oldSize)) {
+  const std::string_view added = text.substr(oldSize);
+  if (!WriteAt(file, added, oldSize) || (!added.empty() && ::fsync(file) != 0)) {
     (void)CutFile(file, oldSize);
     return false;
   }
@@ -197,7 +199,7 @@ ConfigResult CConfigFile::Close(bool release) {
   ForgetCursors();
   if (release) {
     DetachTree();
-    text_ = std::string();
+    std::string().swap(text_);  // an assignment would keep the memory
     capacity_ = 0;
     hasText_ = false;
   }
@@ -283,11 +285,12 @@ bool CConfigFile::IsProductFile() const {
 }
 
 ConfigResult CConfigFile::GetText(char* buffer, std::size_t& size) const {
-  const std::size_t available = size;
+  const std::span<char> area(buffer, buffer == nullptr ? 0 : size);
+  CopyTextCut(area, {});
   size = text_.size();
   if (!hasText_) return kConfigFailed;
   if (buffer == nullptr) return kConfigOk;
-  return CopyTextIfFits({buffer, available}, text_) ? kConfigOk : kConfigFailed;
+  return CopyTextIfFits(area, text_) ? kConfigOk : kConfigFailed;
 }
 
 void CConfigFile::ForgetCursors() {

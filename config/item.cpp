@@ -44,7 +44,8 @@ ConfigResult CConfigItem::EnumBlocks(std::span<char> name, std::size_t& /*index*
   return kConfigFailed;
 }
 
-ConfigResult CConfigItem::GetText(char* /*buffer*/, std::size_t& size) const {
+ConfigResult CConfigItem::GetText(char* buffer, std::size_t& size) const {
+  if (buffer != nullptr) CopyTextCut({buffer, size}, {});
   size = 0;
   return kConfigFailed;
 }
