@@ -108,8 +108,12 @@ void SignalMarkedChildren(int signal) {
   Registry* const registry = GetRegistry();
   if (registry == nullptr) return;
   const CriticalScope hold(&registry->lock);
-  for (const Child& child : registry->children) {
-    if (child.marked && !child.ended) ::kill(child.id, signal);
+  for (Child& child : registry->children) {
+    if (!child.marked || child.ended) continue;
+    // Asked for at the last moment: a loaded library may have reaped children that are not its own.
+    const pid_t result = ::waitpid(child.id, &child.status, WNOHANG);
+    child.ended = result == child.id;
+    if (result == 0) ::kill(child.id, signal);
   }
 }
 

@@ -27,9 +27,10 @@ constinit char installDirectory[kTextSize] = "";
 constinit char libraryDirectory[kTextSize] = "";
 
 /// Held while a directory is filled: a command on a thread of its own may be the first to ask.
-/// Never destroyed, because such a thread may outlive the static destructors.
+/// In static storage and never destroyed, because such a thread may outlive the static destructors.
 CCritical& DirectoryLock() {
-  static CCritical* const lock = new CCritical;
+  alignas(CCritical) static unsigned char storage[sizeof(CCritical)];
+  static CCritical* const lock = new (storage) CCritical;
   return *lock;
 }
 
@@ -70,14 +71,19 @@ class ScopedLibrary {
 
   [[nodiscard]] bool IsOpen() const { return handle_ != nullptr; }
   /// Calls the function with a copy of the arguments that it may keep for the call or write to.
-  /// False when there is no such function.
+  /// False when there is no such function, or it threw.
   bool Call(const char* function, const char* arguments, int& result) const {
     char* copied = nullptr;
     Duplicate(arguments == nullptr ? "" : arguments, copied);
     const std::unique_ptr<char[]> copy(copied);
     const auto entry = reinterpret_cast<ExternalEntry>(FindSymbol(handle_, function));
     if (entry == nullptr || copy == nullptr) return false;
-    result = entry(0, handle_, copy.get(), 0);
+    try {
+      result = entry(0, handle_, copy.get(), 0);
+    } catch (...) {
+      // Nothing that the library throws may outlive the library.
+      return false;
+    }
     return true;
   }
 

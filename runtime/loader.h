@@ -70,7 +70,7 @@ class CLibrary {
 
 /// "library path,function arguments": calls the function once. The text is cut while the library is
 /// at work and whole again when this returns. No search for the library. True when the function was
-/// called.
+/// called and returned; nothing that it throws comes through.
 bool CallExternal(char* text);
 /// Hands the arguments to the main library's "EntryAdmin". Returns its result, -1 when there is
 /// none.

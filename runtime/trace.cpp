@@ -431,10 +431,12 @@ bool Empty(const Descriptor& file) {
   return ::ftruncate(file.Get(), 0) == 0;
 }
 
-/// Empties a target that has grown too large. Looks once an hour, and at the first line.
+/// Empties a target that has grown too large. Looks once an hour, at the first line, and when the
+/// clock was put back.
 void CheckTargetSize() {
   const time_t now = ::time(nullptr);
-  if (IsServerTarget(TextOf(state.target)) || now <= state.nextSizeCheck) return;
+  const bool early = now <= state.nextSizeCheck && state.nextSizeCheck - now <= kSizeCheckSeconds;
+  if (early || IsServerTarget(TextOf(state.target))) return;
   state.nextSizeCheck = now + kSizeCheckSeconds;
   struct stat status {};
   const Descriptor file = OpenRegular(state.target, O_WRONLY, status);
@@ -617,8 +619,9 @@ void TraceDump(const char* name, std::span<const std::uint8_t> data) {
   if (length < 0 || static_cast<std::size_t>(length) >= sizeof path) return;
   struct stat status {};
   const Descriptor file = OpenRegular(path, O_WRONLY | O_CREAT | O_NOFOLLOW, status, kOwnerOnly);
-  // In a shared directory somebody else may have put a file of that name there to read it later.
-  const bool own = file.IsOpen() && status.st_uid == ::geteuid();
+  // In a shared directory somebody else may have put a file of that name there to read it later, or
+  // another name of a file that must not be emptied.
+  const bool own = file.IsOpen() && status.st_uid == ::geteuid() && status.st_nlink == 1;
   if (own && Empty(file)) WriteFully(file, data);
 }
 

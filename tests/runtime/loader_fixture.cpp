@@ -6,3 +6,7 @@ extern "C" int RunCommand(int /*zero*/, void* /*library*/, const char* arguments
   std::memset(const_cast<char*>(arguments), '#', std::strlen(arguments));
   return 0;
 }
+
+extern "C" int Throw(int /*zero*/, void* /*library*/, const char* arguments, int /*last*/) {
+  throw arguments;
+}

@@ -34,7 +34,8 @@ TEST(EntryPoints, AreCalledWithACopy) {
   const std::pair<const char*, bool> rows[] = {{",RunCommand one, two", true},
                                                {" RunCommand x", false},
                                                {",RunCommand", false},
-                                               {",Missing x", false}};
+                                               {",Missing x", false},
+                                               {",Throw x", false}};
   for (const auto& [behind, called] : rows) {
     const std::string text = kFixture + behind;
     std::string copy = text;
