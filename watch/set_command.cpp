@@ -1,5 +1,11 @@
 #include "watch/set_command.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <compare>
 #include <cstdint>
 #include <cstdlib>
@@ -14,6 +20,7 @@
 #include <string_view>
 
 #include "config/store.h"
+#include "runtime/descriptor.h"
 #include "runtime/files.h"
 #include "runtime/sync.h"
 #include "runtime/text.h"
@@ -40,11 +47,64 @@ struct FreeDeleter {
 };
 
 /// The file behind symbolic links: it is the one to replace, and the link stays. A path that leads
-/// nowhere yet is its own answer.
+/// nowhere yet is its own answer; for a link that leads nowhere, as while a network is away, there
+/// is none.
 std::string ResolveLinks(const std::string& path) {
   const std::unique_ptr<char, FreeDeleter> resolved(::realpath(path.c_str(), nullptr));
-  return resolved == nullptr ? path : std::string(resolved.get());
+  if (resolved != nullptr) return resolved.get();
+  char ignored = 0;
+  return ::readlink(path.c_str(), &ignored, 1) < 0 ? path : std::string();
 }
+
+/// Whether nothing has that name for certain. A saved copy that only cannot be reached now must not
+/// be made anew: the file holds a card's values by then.
+bool IsMissing(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+// --- one writer at a time ---------------------------------------------------------------------
+
+/// Locks the folder of a file against other services: extra watchers answer the same event, often
+/// with the same file. The folder, because the file itself is replaced. Whoever holds the lock for
+/// too long, and a file system without locks, is not waited for.
+Descriptor LockFolder(const char* file) try {
+  constexpr int kTries = 200;
+  constexpr unsigned kPause = 10'000;  // microseconds
+  const std::string path = ResolveLinks(std::string(ViewOf(file)));
+  const std::size_t slash = FindCharBack(path, '/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  Descriptor locked(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (int tries = kTries; tries > 0 && locked.IsOpen(); --tries) {
+    if (::flock(locked.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) break;
+    ::usleep(kPause);
+  }
+  return locked;
+} catch (const std::bad_alloc&) {
+  return Descriptor(-1);
+}
+
+/// Belongs to the file lock.
+constinit unsigned fileScopes = 0;
+
+/// Holds a file for a scope, against other threads and other services. Scopes of one file may be
+/// nested.
+class FileScope {
+ public:
+  explicit FileScope(const char* file)
+      : hold_(&FileLock()), folder_(fileScopes++ == 0 ? LockFolder(file) : Descriptor(-1)) {}
+  ~FileScope() {
+    // A process that was forked meanwhile may have the descriptor too.
+    if (folder_.IsOpen()) ::flock(folder_.Get(), LOCK_UN);
+    --fileScopes;
+  }
+  FileScope(const FileScope&) = delete;
+  FileScope& operator=(const FileScope&) = delete;
+
+ private:
+  CriticalScope hold_;
+  Descriptor folder_;
+};
 
 // --- placeholders in a file's text ------------------------------------------------------------
 
@@ -185,7 +245,7 @@ bool SetOnInsert(CK_SLOT_ID slot, const SetOptions& options) {
   TraceWrite("Watch - Logon credential: '%s'", values.upn);
   TraceWrite("Watch - Logon subject:    '%s'", values.subject);
   if (options.config[0] == '\0') return options.registry[0] != '\0';
-  const CriticalScope hold(&FileLock());
+  const FileScope hold(options.config);
   WriteLogonValues(options.config, values);
   return true;
 }
@@ -216,7 +276,7 @@ void ReplaceAll(std::string& text, std::string_view name, std::string_view value
 
 void SetConfigValue(const char* file, std::string_view name, std::string_view value) {
   if (ViewOf(file).empty() || name.empty()) return;
-  const CriticalScope hold(&FileLock());
+  const FileScope hold(file);
   try {
     if (name.starts_with('%')) {
       SetPlaceholder(file, name, value);
@@ -229,7 +289,7 @@ void SetConfigValue(const char* file, std::string_view name, std::string_view va
 }
 
 void ClearLogonValues(const char* file) {
-  const CriticalScope hold(&FileLock());
+  const FileScope hold(file);
   for (const std::string_view name :
        {kUserNameKey, kDomainKey, kSubjectPlaceholder, kSerialPlaceholder}) {
     SetConfigValue(file, name, "");
@@ -238,10 +298,12 @@ void ClearLogonValues(const char* file) {
 
 bool BackupOrRestoreConfigFile(const char* file) try {
   if (ViewOf(file).empty()) return false;
-  const CriticalScope hold(&FileLock());
+  const FileScope hold(file);
   const std::string saved = std::string(file) + kSavedCopySuffix;
-  if (!PathExists(saved.c_str())) return CopyFileSafely(file, saved.c_str());
-  return CopyFileSafely(saved.c_str(), ResolveLinks(file).c_str());
+  const bool save = IsMissing(saved);
+  const char* const source = save ? file : saved.c_str();
+  if (GetFileSize(source) > kMaximumFileSize) return false;
+  return CopyFileSafely(source, save ? saved.c_str() : ResolveLinks(file).c_str());
 } catch (const std::bad_alloc&) {
   return false;
 }

@@ -2,7 +2,8 @@
 //
 // Files change as a whole or not at all as far as this unit writes them itself; a symbolic link
 // stays one and its target is written. All operations may be called from any thread: one lock is
-// held while a file is read, changed and written, so that two commands lose none of their values.
+// held while a file is read, changed and written, so that two commands lose none of their values;
+// the file's folder is locked too, which holds other services off for up to two seconds.
 // Nothing is thrown, but for what ReplaceAll says.
 #pragma once
 

@@ -1,5 +1,9 @@
 #include "watch/credentials.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <filesystem>
 
 #include "tests/support/fake_card.h"
@@ -89,7 +93,28 @@ TEST(ConfigFile, GetsWhatANameMeansThroughALinkThatStays) {
     EXPECT_TRUE(std::filesystem::is_symlink(link));
     SetConfigValue(folder.Path("missing.conf").c_str(), name, value);
     EXPECT_FALSE(std::filesystem::exists(folder.Path("missing.conf")));
+    std::filesystem::remove(folder.Path("real.conf"));
+    EXPECT_FALSE(BackupOrRestoreConfigFile(link.c_str()));
+    EXPECT_TRUE(std::filesystem::is_symlink(link)) << "although it leads nowhere";
   }
+}
+
+TEST(ConfigFile, TwoServicesLoseNoValues) {
+  constexpr int kKeys = 50;
+  const TemporaryFolder folder;
+  const std::string file = folder.Write("both.conf", "[A]\nx=1\n");
+  const auto setAll = [&file](char head) {
+    for (int i = 0; i < kKeys; ++i) SetConfigValue(file.c_str(), head + std::to_string(i), "v");
+  };
+  const pid_t other = ::fork();
+  if (other == 0) {
+    setAll('b');
+    ::_exit(0);
+  }
+  setAll('a');
+  ::waitpid(other, nullptr, 0);
+  const std::string text = folder.Read("both.conf");
+  EXPECT_EQ(std::count(text.begin(), text.end(), 'v'), 2 * kKeys) << text;
 }
 
 }  // namespace
