@@ -23,6 +23,8 @@ constexpr CK_SLOT_ID kGroupSize = 3;
 
 // What a library may make us allocate or read, whatever it says.
 constexpr CK_ULONG kMaxSlots = 4096;
+/// For cards that are put in between asking for the number of slots and asking for them.
+constexpr CK_ULONG kSpareSlots = 16;
 constexpr int kMaxObjectsPerSlot = 4096;
 constexpr CK_ULONG kMaxVariableBytes = 1 << 20;
 
@@ -41,7 +43,7 @@ class TokenSlots {
   TokenSlots() {
     CK_ULONG count = 0;
     if (Pkcs11().GetSlotList(CK_TRUE, nullptr, &count) != CKR_OK || count == 0) return;
-    const CK_ULONG places = std::min(count, kMaxSlots);
+    const CK_ULONG places = std::min(count, kMaxSlots - kSpareSlots) + kSpareSlots;
     slots_.reset(new (std::nothrow) CK_SLOT_ID[places]());
     if (slots_ == nullptr) return;
     count = places;
