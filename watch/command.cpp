@@ -6,6 +6,7 @@
 #include <atomic>
 #include <memory>
 #include <new>
+#include <span>
 #include <string>
 
 #include "pkcs11/wrapper.h"
@@ -165,6 +166,19 @@ void WriteAnswer(std::string_view arguments, std::string_view answer) {
   WriteAnswerField(file, kDomainKey, answer, 1);
 }
 
+/// False without an answer. Nothing that the library throws may outlive it.
+bool ReadAnswer(LibraryHandle library, const std::string& reader, const std::string& arguments,
+                std::span<char> answer) try {
+  const auto read = reinterpret_cast<ReadCommandEntry>(FindSymbol(library, "ReadCommand"));
+  const int size = static_cast<int>(answer.size());
+  const bool answered =
+      read != nullptr && read(reader.c_str(), arguments.c_str(), answer.data(), size) != 0;
+  answer.back() = '\0';
+  return answered;
+} catch (...) {
+  return false;
+}
+
 bool CallReadCommand(const std::string& path, const std::string& reader,
                      const std::string& arguments) {
   const OwnedLibrary library(OpenLibrary(path.c_str()));
@@ -172,13 +186,8 @@ bool CallReadCommand(const std::string& path, const std::string& reader,
     TraceWrite("Helper - Failed to load '%s'", MaskedText(path.c_str()).Text());
     return false;
   }
-  const auto read = reinterpret_cast<ReadCommandEntry>(FindSymbol(library.get(), "ReadCommand"));
   char answer[kTextSize] = "";
-  if (read == nullptr ||
-      read(reader.c_str(), arguments.c_str(), answer, static_cast<int>(sizeof answer)) == 0) {
-    return false;
-  }
-  answer[sizeof answer - 1] = '\0';
+  if (!ReadAnswer(library.get(), reader, arguments, answer)) return false;
   WriteAnswer(arguments, answer);
   return true;
 }

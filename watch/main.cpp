@@ -1,9 +1,12 @@
 // The program: its command line becomes one line for WatchMain.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
 #include "runtime/text.h"
+#include "watch/command.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
 
@@ -46,14 +49,17 @@ bool PrintInformation(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  int result = EXIT_FAILURE;
   try {
     if (PrintInformation(argc, argv)) return EXIT_SUCCESS;
     qixx::InstallStopHandlers();
     char line[qixx::kLineSize] = {};
     qixx::JoinArguments(argc, argv, line);
-    return qixx::WatchMain(0, 0, line);
+    result = qixx::WatchMain(0, 0, line);
   } catch (...) {
     // Only memory running out comes here; ending is all that is left.
-    return EXIT_FAILURE;
   }
+  // A command that still runs may be inside a library, whose static objects must not go under it.
+  if (!qixx::WaitForParallelJobs(0)) ::_exit(result);
+  return result;
 }

@@ -66,7 +66,12 @@ bool IsLibraryLoaded() {
 /// library, so without one it is left out; that search is for InitialiseLater.
 bool TakeEvent(CK_SLOT_ID& slot) {
   const CardScope card;
-  return IsLibraryLoaded() && Pkcs11().WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr) == CKR_OK;
+  if (!IsLibraryLoaded()) return false;
+  const CK_RV result = Pkcs11().WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
+  // Somebody else in the process has finalised it: ours is over too, and InitialiseLater is to act.
+  const bool ended = result == CKR_CRYPTOKI_NOT_INITIALIZED && Pkcs11().InitializeCount() != 0;
+  if (ended) Pkcs11().Finalize(nullptr);
+  return result == CKR_OK;
 }
 
 CK_SLOT_ID FindSlotWithCard() {
@@ -126,15 +131,22 @@ class SlotWatch {
   /// The first round always has an event: that of a card that is there already, or of none, so that
   /// the remove commands bring the desktop into its state without a card.
   bool NextEvent(bool initialisedLate, CK_SLOT_ID& slot) {
+    catchUp_ = catchUp_ || initialisedLate;
     if (TakeEvent(slot)) return true;
     if (firstRound_) {
       slot = FindSlotWithCard();
       connected_ = kNoSlot;
       return true;
     }
-    // A library that came up late does not report a card that was there before it.
-    slot = initialisedLate ? FindSlotWithCard() : kNoSlot;
+    slot = catchUp_ ? MissedSlot() : kNoSlot;
     return slot != kNoSlot;
+  }
+  /// A library that came up late reports nothing from before: neither that the connected card has
+  /// gone, which comes first, nor that a card is there.
+  CK_SLOT_ID MissedSlot() {
+    if (connected_ != kNoSlot && !ShowsToken(connected_)) return connected_;
+    catchUp_ = false;
+    return connected_ == kNoSlot ? FindSlotWithCard() : kNoSlot;
   }
 
   void HandleToken(CK_SLOT_ID slot) {
@@ -171,6 +183,7 @@ class SlotWatch {
   CWatchOptions& record_;
   CK_SLOT_ID connected_ = kNoSlot;
   bool firstRound_ = true;
+  bool catchUp_ = false;  ///< what a library that came up late missed is still to be looked for
 };
 
 // --- the logon variant --------------------------------------------------------------------------

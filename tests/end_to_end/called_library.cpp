@@ -1,7 +1,10 @@
 // The library that the "load " and "extern " commands of the tests call. Each entry point appends
 // what it was given to the file that its argument text names, so a test sees the call.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -12,6 +15,15 @@ void Append(const char* file, const char* text) {
   std::fclose(stream);
 }
 
+/// Tells of its destruction while `Stay` is at work.
+struct Witness {
+  std::string file;
+  ~Witness() {
+    if (!file.empty()) Append(file.c_str(), "destroyed\n");
+  }
+};
+Witness witness;
+
 }  // namespace
 
 extern "C" {
@@ -21,6 +33,14 @@ __attribute__((visibility("default"))) int Called(int zero, void* library, const
   if (zero != 0 || library == nullptr || reserved != 0) return 1;
   Append(arguments, "called\n");
   return 0;
+}
+
+/// Does not return while a test runs.
+__attribute__((visibility("default"))) int Stay(int /*zero*/, void* /*library*/,
+                                                const char* arguments, int /*reserved*/) {
+  witness.file = arguments;
+  Append(arguments, "called\n");
+  for (;;) ::sleep(1);
 }
 
 /// The argument text is "ANSWER -config FILE": the answer goes into the area.

@@ -71,6 +71,13 @@ TEST_F(Commands, LoadCallsAFunctionOfALibrary) {
   EXPECT_FALSE(Exists("never.txt"));
 }
 
+TEST_F(Commands, ParallelCommandInALibraryKeepsItsObjectsToTheEnd) {
+  Run({"parallel load " QIXX_CALLED_LIBRARY ",Stay " + desktop.Path("called.txt")});
+  EXPECT_TRUE(desktop.Holds("called.txt", "called\n"));
+  Stop();
+  EXPECT_EQ(desktop.Home().Read("called.txt"), "called\n");
+}
+
 TEST_F(Commands, ExternWritesTheLibrarysAnswerIntoAFile) {
   const std::string file = desktop.Home().Write("logon.conf", "[User]\nDomain=old\nUsername=\n");
   Run({"extern " QIXX_CALLED_LIBRARY ",ann;example -config " + file, Echo("next", "next.txt")});

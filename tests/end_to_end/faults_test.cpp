@@ -34,14 +34,22 @@ TEST_F(Faults, PlainStandardModuleServes) {
                              "libqixp11.so'"));
 }
 
-TEST_F(Faults, LibraryThatComesUpLateIsInitialisedLater) {
+TEST_F(Faults, LibraryThatComesUpLateOrIsFinalisedByOthersIsInitialisedLater) {
   desktop.SetModuleFaults("fail=C_Initialize:0x30\n");
-  Start();
+  Configure("-sync", {Echo("in", "in.txt")}, {Echo("out", "out.txt")});
+  desktop.Start();
   ASSERT_TRUE(desktop.Traced("WrapperPkcs11 - Initialize count 0 at initialize"));
   desktop.SetModuleFaults("");
   ASSERT_TRUE(desktop.Traced("WrapperPkcs11 - Initialize count 1 at initialize"));
   desktop.InsertCard(1);
   EXPECT_TRUE(desktop.Holds("in.txt", "in\n"));
+  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1"));
+  desktop.SetModuleFaults("fail=C_WaitForSlotEvent:0x190\n");
+  ASSERT_TRUE(desktop.Traced("WrapperPkcs11 - Initialize count 0 at finalize"));
+  desktop.RemoveCard(1);
+  desktop.SetModuleFaults("");
+  EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
+  EXPECT_EQ(desktop.TraceCount("WrapperPkcs11 - Initialize count 1 at initialize"), 2U);
 }
 
 TEST_F(Faults, ClosedStandardDescriptorsHarmNoFile) {
