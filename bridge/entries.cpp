@@ -69,7 +69,8 @@ CK_RV Answer(const Operation& operation) noexcept {
   }
 }
 
-/// An entry that goes on into the module.
+/// An entry that goes on into the module. Not even the lock is touched before it runs: in a forked
+/// child another thread, which is not there, may hold it.
 template <typename Operation>
 CK_RV AnswerWithModule(const Operation& operation) noexcept {
   return Answer([&operation]() -> CK_RV {
@@ -258,7 +259,7 @@ struct Entries : PlainEntries {
     });
   }
   static CK_RV Finalize(CK_VOID_PTR reserved) noexcept {
-    return Answer([&]() -> CK_RV {
+    return AnswerWithModule([&](const CK_FUNCTION_LIST&) -> CK_RV {
       if (reserved != nullptr) return CKR_ARGUMENTS_BAD;
       Bridge& bridge = TheBridge();
       const CriticalScope hold(&bridge.guard);
@@ -301,7 +302,7 @@ struct Entries : PlainEntries {
   }
   static CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot,
                                 CK_VOID_PTR reserved) noexcept {
-    return Answer([&]() -> CK_RV {
+    return AnswerWithModule([&](const CK_FUNCTION_LIST&) -> CK_RV {
       if (slot == nullptr || reserved != nullptr) return CKR_ARGUMENTS_BAD;
       return AwaitSlotEvent((flags & CKF_DONT_BLOCK) == 0, *slot);
     });

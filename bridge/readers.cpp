@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <ctime>
 
 #include "runtime/trace.h"
 
@@ -38,6 +39,10 @@ constexpr unsigned kChangesShift = 16;
 constexpr std::size_t kMaxReaders = 64;
 constexpr std::size_t kMaxNames = std::size_t{64} * 1024;
 constexpr std::size_t kNamesAtFirst = 2048;
+
+/// Between two tries to connect, in milliseconds. Each may start the service, and one that fails
+/// again and again is given up by who starts it; one that refuses writes that down each time.
+constexpr std::int64_t kConnectPause = 3000;
 
 struct Pcsc {
   PcscResult (*establish)(PcscWord scope, const void*, const void*, long* context) = nullptr;
@@ -79,6 +84,12 @@ std::uint32_t CodeOf(PcscResult result) {
 
 }  // namespace
 
+std::int64_t Milliseconds() {
+  timespec time = {};
+  ::clock_gettime(CLOCK_MONOTONIC, &time);
+  return std::int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
+}
+
 std::string_view DescriptionText(const CK_SLOT_INFO& info) {
   const std::string_view text(reinterpret_cast<const char*>(info.slotDescription),
                               sizeof info.slotDescription);
@@ -105,9 +116,15 @@ void Readers::Close() {
   connected_ = false;
 }
 
+void Readers::Forget() {
+  connected_ = false;
+  connectAfter_ = 0;
+}
+
 bool Readers::Connect() {
   if (connected_) return true;
-  if (!Library().IsComplete()) return false;
+  if (!Library().IsComplete() || Milliseconds() < connectAfter_) return false;
+  connectAfter_ = Milliseconds() + kConnectPause;
   connected_ = CodeOf(Library().establish(kScopeSystem, nullptr, nullptr, &context_)) == kSuccess;
   return connected_;
 }

@@ -20,6 +20,9 @@ namespace qixx::bridge {
 /// A reader's name as a slot description holds it: cut to 64 bytes, without padding.
 [[nodiscard]] std::string_view DescriptionText(const CK_SLOT_INFO& info);
 
+/// A clock that only goes forward.
+[[nodiscard]] std::int64_t Milliseconds();
+
 /// Not for several threads at a time.
 class Readers {
  public:
@@ -41,12 +44,14 @@ class Readers {
 
   /// Asks for the state of all readers. True when there are others than at the last look, also when
   /// they were all there before: a restarted service has let go of everything. Allocates nothing
-  /// while the readers stay. May throw std::bad_alloc; the next look makes up for it.
+  /// while the readers stay. May throw std::bad_alloc; the next look makes up for it. A connection
+  /// that was lost or refused is made again, but not at each look.
   bool Look();
-  /// Ends the connection; the next look makes another.
+  /// Ends the connection.
   void Close();
-  /// In a forked child: leaves the connection to the parent, of which it is.
-  void Forget() { connected_ = false; }
+  /// Lets the next look connect at once. Without a Close before, in a forked child, the connection
+  /// is left to the parent, of which it is.
+  void Forget();
 
   [[nodiscard]] std::span<const Reader> All() const { return readers_; }
   /// How many have the name: cut short, two may have one.
@@ -62,8 +67,9 @@ class Readers {
 
   long context_ = 0;
   bool connected_ = false;
-  std::vector<char> names_;    ///< as PC/SC lists them: each terminated, then an empty one
-  std::vector<char> current_;  ///< those of the last look
+  std::int64_t connectAfter_ = 0;  ///< not before then, in milliseconds
+  std::vector<char> names_;        ///< as PC/SC lists them: each terminated, then an empty one
+  std::vector<char> current_;      ///< those of the last look
   std::vector<Reader> readers_;
 };
 

@@ -1,7 +1,6 @@
 #include "bridge/slots.h"
 
 #include <algorithm>
-#include <ctime>
 #include <string>
 
 #include "runtime/trace.h"
@@ -26,12 +25,8 @@ constexpr std::int64_t kRefreshInterval = 1000;
 /// How often a module is asked for a reader that PC/SC shows and it does not: it may be slower, or
 /// be set to ignore it.
 constexpr int kSearches = 10;
-
-std::int64_t Milliseconds() {
-  timespec time = {};
-  ::clock_gettime(CLOCK_MONOTONIC, &time);
-  return std::int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
-}
+/// For how long a slot whose card was pulled shows none at most, in milliseconds.
+constexpr std::int64_t kShownEmpty = 1000;
 
 }  // namespace
 
@@ -44,7 +39,7 @@ void Slots::Begin(const CK_FUNCTION_LIST& module) {
   searches_ = kSearches;
   Refresh();
   for (Slot& slot : slots_) {
-    slot.pulled = false;
+    slot.emptyUntil = 0;
     slot.shown = StateOf(slot);
   }
 }
@@ -52,6 +47,7 @@ void Slots::Begin(const CK_FUNCTION_LIST& module) {
 void Slots::End() {
   module_ = nullptr;
   readers_.Close();
+  readers_.Forget();
 }
 
 CK_RV Slots::List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers) {
@@ -76,7 +72,7 @@ std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
   if (slot == nullptr || !slot->byPcsc) return {};
   CK_SLOT_INFO info = slot->info;
   info.flags &= ~CKF_TOKEN_PRESENT;
-  if (!slot->pulled && StateOf(*slot).present) info.flags |= CKF_TOKEN_PRESENT;
+  if (Milliseconds() >= slot->emptyUntil && StateOf(*slot).present) info.flags |= CKF_TOKEN_PRESENT;
   return info;
 }
 
@@ -96,7 +92,7 @@ std::optional<CK_SLOT_ID> Slots::FromModule(CK_SLOT_ID id) {
 }
 
 bool Slots::TakeEvent(CK_SLOT_ID& number) {
-  for (Slot& slot : slots_) slot.pulled = false;
+  for (Slot& slot : slots_) slot.emptyUntil = 0;
   Look();
   for (std::size_t i = 0; i < slots_.size(); ++i) {
     const std::size_t place = (turn_ + i) % slots_.size();
@@ -128,14 +124,12 @@ Readers::State Slots::StateOf(const Slot& slot) const {
 
 /// True when there is something to tell. A card that gave place to another is pulled first.
 bool Slots::ShowNext(Slot& slot, const Readers::State& state) {
-  if (slot.shown.present && state.present && slot.shown != state) {
-    slot.pulled = true;
-    slot.shown = {false, state.changes};
-    return true;
-  }
-  const bool differs = slot.shown.present != state.present;
-  slot.shown = state;
-  return differs;
+  const bool wasPresent = slot.shown.present;
+  const bool isPulled = wasPresent && slot.shown != state;
+  slot.shown = {state.present && !isPulled, state.changes};
+  // The next card may be in before anybody has asked.
+  if (isPulled) slot.emptyUntil = Milliseconds() + kShownEmpty;
+  return slot.shown.present != wasPresent;
 }
 
 /// Of other readers the module hears when it is next needed.
@@ -243,6 +237,7 @@ void Slots::Refresh() {
       sight.info = known->info;
       sight.info.flags &= ~CKF_TOKEN_PRESENT;
     }
+    if ((sight.info.flags & CKF_TOKEN_PRESENT) != 0) used_ = true;
     sights.push_back(sight);
   }
   Place(sights);

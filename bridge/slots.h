@@ -48,8 +48,8 @@ class Slots {
   [[nodiscard]] std::optional<CK_SLOT_ID> FromModule(CK_SLOT_ID id);
 
   /// Takes the next event without waiting. A card that was changed for another one between two
-  /// looks gives two: pulled, for which Info shows the slot empty until the next call, and
-  /// inserted.
+  /// looks gives two, pulled and inserted. After the first Info shows the slot empty until the next
+  /// call, or for a second: who polls Info alone is to see the new card, too.
   bool TakeEvent(CK_SLOT_ID& number);
 
  private:
@@ -61,8 +61,8 @@ class Slots {
     bool placed = false;   ///< found again, while a list is gone through
     bool further = false;  ///< another slot of a reader that has one already: tells no events
     bool byPcsc = false;   ///< watched by PC/SC
-    bool pulled = false;   ///< shown empty until the next event is taken
     Readers::State shown;  ///< what was told of it last
+    std::int64_t emptyUntil = 0;  ///< shown empty so long, or until the next event is taken
 
     [[nodiscard]] std::string_view Description() const { return DescriptionText(info); }
   };
