@@ -69,12 +69,14 @@ void ReapChildren() {
   Registry* const registry = GetRegistry();
   if (registry == nullptr) return;
   const CriticalScope hold(&registry->lock);
-  std::erase_if(registry->children, [](Child& child) {
-    if (child.ended) return false;
+  for (std::size_t n = registry->children.size(); n-- > 0;) {
+    Child& child = registry->children[n];
+    if (child.ended) continue;
     const pid_t result = ::waitpid(child.id, &child.status, WNOHANG);
     child.ended = result == child.id;
-    return result < 0;
-  });
+    // Reaped by somebody else.
+    if (result < 0) registry->children.erase(registry->children.begin() + static_cast<int>(n));
+  }
   LimitStatuses(registry->children);
 }
 

@@ -78,13 +78,7 @@ class ScopedLibrary {
     const std::unique_ptr<char[]> copy(copied);
     const auto entry = reinterpret_cast<ExternalEntry>(FindSymbol(handle_, function));
     if (entry == nullptr || copy == nullptr) return false;
-    try {
-      result = entry(0, handle_, copy.get(), 0);
-    } catch (...) {
-      // Nothing that the library throws may outlive the library.
-      return false;
-    }
-    return true;
+    return CallLibrary([&] { result = entry(0, handle_, copy.get(), 0); });
   }
 
  private:

@@ -5,6 +5,8 @@
 // any thread; a CLibrary belongs to one at a time.
 #pragma once
 
+#include <cxxabi.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -68,12 +70,26 @@ class CLibrary {
 /// the exit of the program is unloaded there.
 [[nodiscard]] CLibrary& ProcessLibrary();
 
+/// Runs a call into somebody else's library; false when it threw. What a library throws may not
+/// outlive it, so nothing comes through; but a thread that the library ends goes on ending.
+template <typename Operation>
+bool CallLibrary(const Operation& call) {
+  try {
+    call();
+    return true;
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    return false;
+  }
+}
+
 /// "library path,function arguments": calls the function once. The text is cut while the library is
 /// at work and whole again when this returns. No search for the library. True when the function was
 /// called and returned; nothing that it throws comes through.
 bool CallExternal(char* text);
 /// Hands the arguments to the main library's "EntryAdmin". Returns its result, -1 when there is
-/// none.
+/// none, or it threw.
 int CallAdminEntry(const char* arguments);
 
 }  // namespace qixx

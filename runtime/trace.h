@@ -44,8 +44,8 @@ void TraceSetCallTarget(const char* name, std::int32_t counter);
 void TraceReleaseOneLine();
 [[nodiscard]] bool TraceIsOn();
 /// Keeps a copy of a data block in a file beside the target ("~qix" and the name), made for its
-/// owner only; links are not followed, and what is somebody else's is left alone. In call mode it
-/// takes the place of a released line.
+/// owner only; links are not followed, and what is somebody else's or has a second name is left
+/// alone. In call mode it takes the place of a released line.
 void TraceDump(const char* name, std::span<const std::uint8_t> data);
 /// Waits for the end of queued writing; lines are written directly here, so there is none.
 void TraceStop();
