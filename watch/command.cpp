@@ -92,7 +92,13 @@ struct ParallelJob {
 
 constinit std::atomic<unsigned> runningJobs{0};
 
+/// Counts a job off, also one whose command ended the thread.
+struct JobEnd {
+  ~JobEnd() { runningJobs.fetch_sub(1, std::memory_order_release); }
+};
+
 void* RunParallelJob(void* argument) {
+  const JobEnd end;
   ThreadDetachSelf();
   std::unique_ptr<ParallelJob> job(static_cast<ParallelJob*>(argument));
   TraceWrite("Watch - Thread execute command ...");
@@ -101,7 +107,6 @@ void* RunParallelJob(void* argument) {
                  context.terminate);
   job.reset();
   TraceWrite("Watch - Thread execute command ... done");
-  runningJobs.fetch_sub(1, std::memory_order_release);
   return nullptr;
 }
 
@@ -148,13 +153,12 @@ bool ReadReaderName(CK_SLOT_ID slot, std::string& reader) {
   return true;
 }
 
-void WriteAnswerField(const char* file, std::string_view name, std::string_view answer,
-                      std::size_t index) {
+std::string AnswerField(std::string_view answer, std::size_t index) {
   std::string_view field;
-  if (!GetField(answer, index, ';', field) || field.empty()) return;
+  if (!GetField(answer, index, ';', field)) return {};
   std::string value(field);
   CleanCardText(value);
-  SetConfigValue(file, name, value);
+  return value;
 }
 
 /// Writes the answer into the file that the arguments name; "-registry" names a place that this
@@ -162,21 +166,22 @@ void WriteAnswerField(const char* file, std::string_view name, std::string_view 
 void WriteAnswer(std::string_view arguments, std::string_view answer) {
   char file[kTextSize] = "";
   if (!GetOptionValue(arguments, "-config", file) || file[0] == '\0') return;
-  WriteAnswerField(file, kUserNameKey, answer, 0);
-  WriteAnswerField(file, kDomainKey, answer, 1);
+  WriteLogonName(file, AnswerField(answer, 0), AnswerField(answer, 1));
 }
 
-/// False without an answer. Nothing that the library throws may outlive it.
+/// False without an answer.
 bool ReadAnswer(LibraryHandle library, const std::string& reader, const std::string& arguments,
-                std::span<char> answer) try {
+                std::span<char> answer) {
   const auto read = reinterpret_cast<ReadCommandEntry>(FindSymbol(library, "ReadCommand"));
   const int size = static_cast<int>(answer.size());
-  const bool answered =
-      read != nullptr && read(reader.c_str(), arguments.c_str(), answer.data(), size) != 0;
+  int answered = 0;
+  if (read == nullptr || !CallLibrary([&] {
+        answered = read(reader.c_str(), arguments.c_str(), answer.data(), size);
+      })) {
+    return false;
+  }
   answer.back() = '\0';
-  return answered;
-} catch (...) {
-  return false;
+  return answered != 0;
 }
 
 bool CallReadCommand(const std::string& path, const std::string& reader,

@@ -130,10 +130,7 @@ void RunRemoveCommands(CConfig& config, const CWatchOptions& record, CK_SLOT_ID 
       RemoveSection(config, record, slot);
       break;
     case CommandForm::kKeyword:
-      if (record.configFile[0] != '\0') {
-        BackupOrRestoreConfigFile(record.configFile);
-        ClearLogonValues(record.configFile);
-      }
+      if (record.configFile[0] != '\0') RestoreAndClear(record.configFile);
       break;
   }
 }

@@ -296,6 +296,18 @@ void ClearLogonValues(const char* file) {
   }
 }
 
+void WriteLogonName(const char* file, std::string_view user, std::string_view domain) {
+  const FileScope hold(file);
+  WriteIfPresent(file, {kUserNameKey}, user);
+  WriteIfPresent(file, {kDomainKey}, domain);
+}
+
+void RestoreAndClear(const char* file) {
+  const FileScope hold(file);
+  BackupOrRestoreConfigFile(file);
+  ClearLogonValues(file);
+}
+
 bool BackupOrRestoreConfigFile(const char* file) try {
   if (ViewOf(file).empty()) return false;
   const FileScope hold(file);

@@ -26,9 +26,13 @@ bool SetCommand(CK_SLOT_ID slot, std::string_view text, bool insert);
 bool RunSetCommand(CK_SLOT_ID slot, std::string_view match, std::string_view registry,
                    std::string_view configFile, bool insert);
 
+/// Writes the user name and the domain under their keys; an empty one leaves the file's own.
+void WriteLogonName(const char* file, std::string_view user, std::string_view domain);
 /// Empties what a removal clears: the user name, the domain, and the placeholders of the subject
 /// and the serial number.
 void ClearLogonValues(const char* file);
+/// The same for the file as it was saved; see BackupOrRestoreConfigFile.
+void RestoreAndClear(const char* file);
 
 /// Writes one value into an existing configuration file. A name that begins with '%' is a
 /// placeholder in the file's text (the key of "%OID." names in any letter case). Any other is a

@@ -144,6 +144,7 @@ class SlotWatch {
   /// A library that came up late reports nothing from before: neither that the connected card has
   /// gone, which comes first, nor that a card is there.
   CK_SLOT_ID MissedSlot() {
+    if (Pkcs11().InitializeCount() == 0) return kNoSlot;  // finalised once more: nothing to ask
     if (connected_ != kNoSlot && !ShowsToken(connected_)) return connected_;
     catchUp_ = false;
     return connected_ == kNoSlot ? FindSlotWithCard() : kNoSlot;
@@ -195,7 +196,7 @@ class LogonWatch {
 
   void Round(bool initialisedLate) {
     if (tracked_ != kNoSlot) {
-      FollowSlot();
+      FollowSlot(initialisedLate);
     } else {
       SearchSlot(initialisedLate);
     }
@@ -205,17 +206,20 @@ class LogonWatch {
   }
 
  private:
-  void FollowSlot() {
+  /// A library that came up late does not report what went before.
+  void FollowSlot(bool initialisedLate) {
+    if (initialisedLate && !HoldsCertificate()) return ForgetSlot();
     CK_SLOT_ID slot = kNoSlot;
     for (int taken = 0; taken < kEventsPerRound && TakeEvent(slot); ++taken) {
-      if (slot != tracked_ || HoldsCertificate()) continue;
-      TraceWrite("Watch - Logon slot %d removed", static_cast<int>(slot));
-      ResetStoredCredential(user_);
-      OnRemoveEvent(record_, slot);
-      tracked_ = kNoSlot;
-      certificateLength_ = 0;
-      return;
+      if (slot == tracked_ && !HoldsCertificate()) return ForgetSlot();
     }
+  }
+  void ForgetSlot() {
+    TraceWrite("Watch - Logon slot %d removed", static_cast<int>(tracked_));
+    ResetStoredCredential(user_);
+    OnRemoveEvent(record_, tracked_);
+    tracked_ = kNoSlot;
+    certificateLength_ = 0;
   }
   [[nodiscard]] bool HoldsCertificate() const {
     if (!ShowsToken(tracked_)) return false;

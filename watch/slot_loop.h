@@ -1,7 +1,7 @@
 // The watcher's run: background program, library, slot events, orderly end.
 //
 // Everything here runs on the main thread. A round without an event allocates nothing and touches
-// no file, and wakes the process once.
+// no file, and wakes the process once; but every thirtieth one looks for a library that is missing.
 #pragma once
 
 #include "watch/options.h"

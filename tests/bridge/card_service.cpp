@@ -44,7 +44,7 @@ bool EnterNamespaces() {
                      WriteText("/proc/self/gid_map", "0 " + std::to_string(group) + " 1"))) {
     return false;
   }
-  return ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+  return ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
          ::mount("none", "/run", "tmpfs", 0, nullptr) == 0 && ::mkdir("/run/pcscd", 0755) == 0 &&
          RaiseLoopback();
 }

@@ -1,5 +1,6 @@
 // The library that the "load " and "extern " commands of the tests call. Each entry point appends
 // what it was given to the file that its argument text names, so a test sees the call.
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -41,6 +42,12 @@ __attribute__((visibility("default"))) int Stay(int /*zero*/, void* /*library*/,
   witness.file = arguments;
   Append(arguments, "called\n");
   for (;;) ::sleep(1);
+}
+
+/// Ends its thread.
+__attribute__((visibility("default"))) int Leave(int /*zero*/, void* /*library*/,
+                                                 const char* /*arguments*/, int /*reserved*/) {
+  ::pthread_exit(nullptr);
 }
 
 /// The argument text is "ANSWER -config FILE": the answer goes into the area.
