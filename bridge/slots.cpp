@@ -63,7 +63,18 @@ CK_RV Slots::List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers
   for (const CK_SLOT_ID id : ids) {
     if (const Slot* const slot = ById(id); slot != nullptr) numbers.push_back(slot->number);
   }
+  if (withToken) AddSeenByPcsc(numbers);
   return CKR_OK;
+}
+
+/// A module may leave out a card that it cannot read. The commands of its insertion run as well.
+void Slots::AddSeenByPcsc(std::vector<CK_SLOT_ID>& numbers) const {
+  for (const Slot& slot : slots_) {
+    if (!slot.byPcsc || !slot.listed || slot.further || !StateOf(slot).present) continue;
+    if (std::find(numbers.begin(), numbers.end(), slot.number) == numbers.end()) {
+      numbers.push_back(slot.number);
+    }
+  }
 }
 
 std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {

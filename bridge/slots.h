@@ -77,6 +77,7 @@ class Slots {
   void LookAtReaders();
   void AdoptReaders();
   void LetGo();
+  void AddSeenByPcsc(std::vector<CK_SLOT_ID>& numbers) const;
   void HearModule();
   void Refresh();
   [[nodiscard]] bool NeedsModule() const;
