@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <compare>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -18,6 +17,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "config/store.h"
 #include "runtime/descriptor.h"
@@ -163,11 +163,8 @@ void SetPlaceholder(const char* file, std::string_view name, std::string_view va
 
 // --- configuration keys -----------------------------------------------------------------------
 
-struct Entry {
-  std::string section;
-  std::string key;
-  auto operator<=>(const Entry&) const = default;
-};
+/// Section and key.
+using Entry = std::pair<std::string, std::string>;
 
 /// Each takes a walk over the file, which an endless one must not repeat for ever.
 constexpr std::size_t kMaximumEntries = 1000;
@@ -194,8 +191,8 @@ void SetKey(const char* file, std::string_view name, std::string_view value) {
   CConfig config;
   if (config.OpenItem(true, file) != kConfigOk) return;
   const std::string text(value);
-  for (const Entry& entry : FindEntries(config, name)) {
-    config.SetString(entry.section.c_str(), entry.key.c_str(), text.c_str(), true);
+  for (const auto& [section, key] : FindEntries(config, name)) {
+    config.SetString(section.c_str(), key.c_str(), text.c_str(), true);
   }
   config.Close(true);
 }
