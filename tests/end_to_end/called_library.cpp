@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 namespace {
 
@@ -18,12 +17,12 @@ void Append(const char* file, const char* text) {
 
 /// Tells of its destruction while `Stay` is at work.
 struct Witness {
-  std::string file;
+  char file[256];
   ~Witness() {
-    if (!file.empty()) Append(file.c_str(), "destroyed\n");
+    if (file[0] != '\0') Append(file, "destroyed\n");
   }
 };
-Witness witness;
+constinit Witness witness = {};
 
 }  // namespace
 
@@ -39,7 +38,7 @@ __attribute__((visibility("default"))) int Called(int zero, void* library, const
 /// Does not return while a test runs.
 __attribute__((visibility("default"))) int Stay(int /*zero*/, void* /*library*/,
                                                 const char* arguments, int /*reserved*/) {
-  witness.file = arguments;
+  std::snprintf(witness.file, sizeof witness.file, "%s", arguments);
   Append(arguments, "called\n");
   for (;;) ::sleep(1);
 }
