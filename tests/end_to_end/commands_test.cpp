@@ -72,8 +72,8 @@ TEST_F(Commands, LoadCallsAFunctionOfALibrary) {
 }
 
 TEST_F(Commands, ParallelCommandMayEndItsThreadOrStayInALibraryToTheEnd) {
-  Run({"parallel load " QIXX_CALLED_LIBRARY ",Leave x",
-       "parallel load " QIXX_CALLED_LIBRARY ",Stay " + desktop.Path("called.txt")});
+  Run({"parallel load " QIXX_CALLED_LIBRARY ",Stay " + desktop.Path("called.txt"), "/bin/true",
+       "parallel load " QIXX_CALLED_LIBRARY ",Leave x"});
   EXPECT_TRUE(desktop.Holds("called.txt", "called\n"));
   Stop();
   EXPECT_EQ(desktop.Home().Read("called.txt"), "called\n");
