@@ -16,6 +16,7 @@
 #include "bridge/module.h"
 #include "bridge/slots.h"
 #include "bridge/variables.h"
+#include "pkcs11/entry.h"
 #include "pkcs11/extended.h"
 #include "runtime/sync.h"
 #include "runtime/text.h"
@@ -57,23 +58,11 @@ Bridge& TheBridge() {
   return *bridge;
 }
 
-/// Any entry: what is thrown, by us or by the module, becomes a result.
-template <typename Operation>
-CK_RV Answer(const Operation& operation) noexcept {
-  try {
-    return operation();
-  } catch (const std::bad_alloc&) {
-    return CKR_HOST_MEMORY;
-  } catch (...) {
-    return CKR_GENERAL_ERROR;
-  }
-}
-
 /// An entry that goes on into the module. Not even the lock is touched before it runs: in a forked
 /// child another thread, which is not there, may hold it.
 template <typename Operation>
 CK_RV AnswerWithModule(const Operation& operation) noexcept {
-  return Answer([&operation]() -> CK_RV {
+  return AnswerOf([&operation]() -> CK_RV {
     const CK_FUNCTION_LIST* const module = Running();
     return module == nullptr ? CKR_CRYPTOKI_NOT_INITIALIZED : operation(*module);
   });
@@ -252,7 +241,7 @@ struct PlainEntries {
 /// Those in which the bridge has a part.
 struct Entries : PlainEntries {
   static CK_RV Initialize(CK_VOID_PTR initArgs) noexcept {
-    return Answer([&] {
+    return AnswerOf([&] {
       Bridge& bridge = TheBridge();
       const CriticalScope hold(&bridge.guard);
       return Begin(bridge, initArgs);
@@ -377,7 +366,7 @@ CK_FUNCTION_LIST StandardFunctions() {
 }
 
 CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept {
-  return Answer([&] {
+  return AnswerOf([&] {
     Bridge& bridge = TheBridge();
     const CriticalScope hold(&bridge.guard);
     (void)End(bridge);

@@ -2,10 +2,10 @@
 
 #include <chrono>
 #include <mutex>
-#include <new>
 #include <optional>
 #include <thread>
 
+#include "pkcs11/entry.h"
 #include "softcard/faults.h"
 #include "softcard/module.h"
 
@@ -36,17 +36,13 @@ void Pause(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time) {
   lock.lock();
 }
 
-/// Any entry: the prescribed answer, or the operation with its exceptions turned into results.
+/// Any entry: the prescribed answer, or the operation.
 template <typename Operation>
 CK_RV Answer(const char* function, Operation operation) noexcept {
-  try {
-    if (const std::optional<CK_RV> fault = FaultOf(function)) return *fault;
-    return operation();
-  } catch (const std::bad_alloc&) {
-    return CKR_HOST_MEMORY;
-  } catch (...) {
-    return CKR_GENERAL_ERROR;
-  }
+  return AnswerOf([&]() -> CK_RV {
+    const std::optional<CK_RV> fault = FaultOf(function);
+    return fault ? *fault : operation();
+  });
 }
 
 /// An entry that needs the running module, and has it for itself.
