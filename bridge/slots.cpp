@@ -26,7 +26,7 @@ constexpr std::int64_t kRefreshInterval = 1000;
 /// be set to ignore it.
 constexpr int kSearches = 10;
 /// For how long a slot whose card was pulled shows none at most, in milliseconds.
-constexpr std::int64_t kShownEmpty = 1000;
+constexpr std::int64_t kShownEmpty = 10'000;
 
 }  // namespace
 

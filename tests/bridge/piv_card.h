@@ -2,23 +2,33 @@
 // the authentication certificate, in a virtual reader of vpcd for as long as the object lives.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <thread>
 
 namespace qixx::testing {
 
+using namespace std::string_literals;
+using namespace std::string_view_literals;
+
 /// The first reader's port; each further reader has the next one.
 inline constexpr int kFirstReaderPort = 35963;
 
 /// What was asked of a card since it was made.
 struct CardCounters {
-  std::atomic<int> commands = 0;
   std::atomic<int> pins = 0;    ///< commands that carry a PIN or a PUK
   std::atomic<int> writes = 0;  ///< commands that would change the card or use a key
   std::atomic<int> certificateReads = 0;
-  std::atomic<bool> gone = false;  ///< the reader has let go of the card
 };
 
 struct CardHabits {
@@ -29,20 +39,125 @@ struct CardHabits {
 class InsertedCard {
  public:
   /// The port's reader. `certificate` is DER; without, the card knows no application.
-  InsertedCard(int port, std::string certificate, CardHabits habits = {});
-  ~InsertedCard();
-  InsertedCard(const InsertedCard&) = delete;
-  InsertedCard& operator=(const InsertedCard&) = delete;
+  InsertedCard(int port, std::string certificate, CardHabits habits = {})
+      : certificate_(std::move(certificate)), habits_(habits), socket_(Connect(port)) {
+    if (IsIn()) thread_ = std::thread(&InsertedCard::Serve, this);
+  }
+  ~InsertedCard() {
+    if (!IsIn()) return;
+    ::shutdown(socket_, SHUT_RDWR);
+    thread_.join();
+    ::close(socket_);
+  }
 
   /// False when there is no such reader.
   [[nodiscard]] bool IsIn() const { return socket_ >= 0; }
   [[nodiscard]] const CardCounters& Counters() const { return counters_; }
 
  private:
-  void Serve();
-  std::string Answer(std::string_view command);
-  std::string GetData(std::string_view tag);
-  std::string Hand(std::string data);
+  static constexpr std::string_view kPivName = "\xA0\x00\x00\x03\x08"sv;
+  static constexpr std::string_view kCertificateTag = "\x5F\xC1\x05"sv;
+  static constexpr std::size_t kLongestAnswer = 256;
+
+  /// An element whose length stands in two bytes, however short it is.
+  static std::string Element(std::string_view tag, std::string_view value) {
+    const std::size_t size = value.size();
+    return std::string(tag) + '\x82' + static_cast<char>(size >> 8) + static_cast<char>(size) +
+           std::string(value);
+  }
+
+  static bool Receive(int socket, std::string& area) {
+    // An acknowledgement held back for the next answer costs 40 ms, which no card does.
+    const int on = 1;
+    ::setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    return ::recv(socket, area.data(), area.size(), MSG_WAITALL) ==
+           static_cast<ssize_t>(area.size());
+  }
+
+  /// A message: its length in two bytes, most significant first, then itself.
+  static bool ReceiveMessage(int socket, std::string& message) {
+    std::string head(2, '\0');
+    if (!Receive(socket, head)) return false;
+    message.resize(static_cast<std::uint8_t>(head[0]) * 256U + static_cast<std::uint8_t>(head[1]));
+    return Receive(socket, message);
+  }
+
+  static bool SendMessage(int socket, const std::string& text) {
+    const std::string message =
+        std::string{static_cast<char>(text.size() >> 8), static_cast<char>(text.size())} + text;
+    return ::send(socket, message.data(), message.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(message.size());
+  }
+
+  static int Connect(int port) {
+    const int made = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(made, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+      return made;
+    }
+    ::close(made);
+    return -1;
+  }
+
+  void Serve() {
+    for (std::string message; ReceiveMessage(socket_, message);) {
+      if (message.size() == 1) {
+        // On, off or reset, which have no answer; 4 asks for the answer to reset.
+        if (message[0] == 4 && !SendMessage(socket_, "\x3B\x80\x80\x01\x01")) break;
+        continue;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(habits_.delay));
+      const std::string answer = Answer(message);
+      if (habits_.pulledWhileRead && counters_.certificateReads != 0) break;
+      if (!SendMessage(socket_, answer)) break;
+    }
+    ::shutdown(socket_, SHUT_RDWR);
+  }
+
+  std::string Answer(std::string_view command) {
+    const std::uint8_t instruction = command.size() < 4 ? 0 : static_cast<std::uint8_t>(command[1]);
+    const std::string_view data =
+        command.size() > 5 ? command.substr(5, static_cast<std::uint8_t>(command[4])) : ""sv;
+    switch (instruction) {
+      case 0xA4:  // select
+        if (certificate_.empty() || !data.starts_with(kPivName)) return "\x6A\x82";
+        return Hand(Element("\x61", Element("\x4F", "\x00\x00\x10\x00\x01\x00"sv) +
+                                        Element("\x79", Element("\x4F", kPivName))));
+      case 0xC0:  // get response
+        return Hand(std::move(rest_));
+      case 0xCB:  // get data; behind 5C and its length the tag
+        return GetData(data.substr(std::min<std::size_t>(2, data.size())));
+      case 0x20:  // verify: without data it asks for the tries that are left
+        if (data.empty()) return "\x63\xC3";
+        [[fallthrough]];
+      case 0x24:  // change reference data
+      case 0x2C:  // reset retry counter
+        ++counters_.pins;
+        break;
+      case 0xDB:  // put data
+      case 0x47:  // generate a key pair
+      case 0x87:  // general authenticate
+        ++counters_.writes;
+        break;
+    }
+    return "\x6D\x00"s;
+  }
+
+  std::string GetData(std::string_view tag) {
+    if (tag != kCertificateTag || certificate_.empty()) return "\x6A\x82";
+    ++counters_.certificateReads;
+    return Hand(Element("\x53", Element("\x70", certificate_) + "\x71\x01\x00\xFE\x00"s));
+  }
+
+  std::string Hand(std::string data) {
+    if (data.size() <= kLongestAnswer) return data + "\x90\x00"s;
+    rest_ = data.substr(kLongestAnswer);
+    data.resize(kLongestAnswer);
+    return data + '\x61' + static_cast<char>(std::min(rest_.size(), kLongestAnswer));
+  }
 
   const std::string certificate_;
   const CardHabits habits_;

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "config/tree.h"
@@ -21,12 +22,8 @@ namespace {
 
 using namespace std::string_literals;
 
-/// A row of a table: a text before something is done to it and after.
-struct TextCase {
-  const char* name;
-  std::string before;
-  std::string after;
-};
+/// A row of a table: its name, a text before something is done to it and after.
+using TextCase = std::tuple<const char*, std::string, std::string>;
 
 /// Holds a text without any file.
 class LoadedFile : public CConfigFile {
@@ -54,11 +51,11 @@ std::string ValueIn(CConfigItem& item, const char* section, const char* entry) {
 }
 
 void Check(ConfigResult (*change)(CConfigFile&), const std::vector<TextCase>& cases) {
-  for (const TextCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    LoadedFile file(c.before);
+  for (const auto& [name, before, after] : cases) {
+    SCOPED_TRACE(name);
+    LoadedFile file(before);
     EXPECT_EQ(change(file), kConfigOk);
-    EXPECT_EQ(TextIn(file), c.after);
+    EXPECT_EQ(TextIn(file), after);
   }
 }
 
@@ -294,7 +291,6 @@ class ConfigSaving : public ::testing::Test {
     EXPECT_EQ(file_.Open(true, path_.c_str(), false), kConfigOk);
   }
   void Set() { EXPECT_EQ(file_.SetValue("S", "E", "v", false), kConfigOk); }
-  std::string Content() { return folder_.Read("a.conf"); }
 
   TemporaryFolder folder_;
   const std::string path_ = folder_.Path("a.conf");
@@ -310,14 +306,14 @@ TEST_F(ConfigSaving, TidiedTextWinsOverAChangedFile) {
       {"ten passes", "[S]\nE=1\n" + thousand + "[T]", "[S]\nE=v\n" + thousand.substr(983) + "[T]"},
       {"a full growth step", "[S]\nE=1\n" + comment, "[S]\nE=v\n" + comment},
       {"nothing but an old name", "[S]\nE=v\n[Soft Tokens]", "[S]\nE=v\n[SoftToken]"}};
-  for (const TextCase& c : cases) {
-    Open(c.before);
+  for (const auto& [name, before, after] : cases) {
+    Open(before);
     if (ValueIn(file_, "S", "E") != "v") Set();
     folder_.Write("a.conf", std::string(100, 'x'));
     const utimbuf past{1000, 1000};
     ASSERT_EQ(::utime(path_.c_str(), &past), 0);
     EXPECT_EQ(file_.Close(false), kConfigOk);
-    EXPECT_EQ(Content(), c.after) << c.name;
+    EXPECT_EQ(folder_.Read("a.conf"), after) << name;
   }
   EXPECT_EQ(trace_.Count("Config - WARNING: File '" + path_ + "' modified"), std::size(cases));
 }
@@ -329,7 +325,7 @@ TEST_F(ConfigSaving, LeavesAnUnchangedOrReadOnlyFileAlone) {
   EXPECT_FALSE(file_.IsOpen());
   Set();
   EXPECT_EQ(file_.Close(true), kConfigOk);
-  EXPECT_EQ(Content(), content);
+  EXPECT_EQ(folder_.Read("a.conf"), content);
   EXPECT_EQ(trace_.Lines(), (std::vector<std::string>{"Config - Open '" + path_ + "' (w)",
                                                       "Config - Open '" + path_ + "' (r)"}));
 }
@@ -362,7 +358,7 @@ TEST_F(ConfigSaving, FullDiskLosesNothing) {
   EXPECT_EQ(file_.Close(true), kConfigFailed);
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
   std::signal(SIGXFSZ, oldAction);
-  EXPECT_EQ(Content(), content);
+  EXPECT_EQ(folder_.Read("a.conf"), content);
   EXPECT_EQ(trace_.Lines(), std::vector<std::string>{"Config - Open '" + path_ + "' (w)"});
 }
 

@@ -11,51 +11,28 @@ namespace fs = std::filesystem;
 class Configuration : public ServiceTest {
  protected:
   void SetUp() override { desktop.InsertCard(1); }
-  void Start() {
-    Configure("-sync", {Echo("system", "said")});
-    desktop.Start();
-  }
 };
 
-TEST_F(Configuration, ConditionsChooseTheCommandForThisProgram) {
-  desktop.Configure(
-      "[Condition]\n1={here} qixxwatch\n2={there} other\n"
-      "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=" +
-      Echo("other", "named") + "|other||" + Echo("mine", "named") + "|gone;qixxwatch,*||" +
-      Echo("rest", "named") + "\n2=" + Echo("no", "braced") + "|{there}||" + Echo("yes", "braced") +
-      "|{here}\n3=" + Echo("default", "last") + "||unused|*\n");
-  desktop.Start();
-  EXPECT_TRUE(desktop.Holds("named", "mine\n"));
-  EXPECT_TRUE(desktop.Holds("braced", "yes\n"));
-  EXPECT_TRUE(desktop.Holds("last", "default\n"));
-  EXPECT_TRUE(desktop.Traced("Config - Active named conditions: {here}"));
-}
-
-TEST_F(Configuration, EnvironmentOverridesAnyValue) {
+TEST_F(Configuration, EnvironmentOverridesValuesWhoseConditionsAskForThisProgram) {
   desktop.SetVariable("qix:Watch Insert:1", Echo("environment", "said"));
   desktop.SetVariable("qix:Watch Insert:2", "parallel kill x");
-  Start();
+  Configure("-sync", {"/bin/false", "/bin/false",
+                      Echo("no", "file") + "|other||" + Echo("yes", "file") + "|gone;qixxwatch,*"});
+  desktop.Start();
   EXPECT_TRUE(desktop.Holds("said", "environment\n"));
+  EXPECT_TRUE(desktop.Holds("file", "yes\n"));
   EXPECT_TRUE(desktop.Traced("Watch - Thread execute command ... done"));
 }
 
 TEST_F(Configuration, UsersFileDecidesTheTraceAndTheSystemsTheCommands) {
   desktop.Home().Write(".qix/qix.conf", "[Trace]\nwatch=" + desktop.Path("users.log") +
                                             "\n[Watch Insert]\n1=" + Echo("user", "said") + "\n");
-  Start();
+  Configure("-sync", {Echo("system", "said")});
+  desktop.Start();
   EXPECT_TRUE(desktop.Holds("said", "system\n"));
   Stop();
   EXPECT_FALSE(Exists("trace.log"));
   EXPECT_NE(desktop.Home().Read("users.log").find("Watch - Stopped"), std::string::npos);
-}
-
-TEST_F(Configuration, PerUserInstallationUsesOneFileInTheHome) {
-  Configure("-sync", {Echo("home", "said")});
-  fs::create_directories(desktop.Path(".qix/lib"));
-  fs::rename(desktop.Path("system.conf"), desktop.Path(".qix/qix.conf"));
-  desktop.SetVariable("qixconfigglobal", "");
-  desktop.Start();
-  EXPECT_TRUE(desktop.Holds("said", "home\n"));
 }
 
 TEST_F(Configuration, FileBesideTheProgramComesBeforeTheSystems) {
@@ -68,39 +45,29 @@ TEST_F(Configuration, FileBesideTheProgramComesBeforeTheSystems) {
   EXPECT_TRUE(desktop.Holds("said", "beside\n"));
 }
 
-struct CommandLine {
-  const char* name;
-  std::vector<std::string> arguments;
-  const char* running;  // the section that runs, null when nothing does
-
-  friend void PrintTo(const CommandLine& line, std::ostream* out) { *out << line.name; }
-};
-const CommandLine kCommandLines[] = {
-    {"NoArguments", {}, "Watch"},
-    {"AnotherSection", {"-sync", "config", "Extra"}, "Extra"},
-    {"ChildWatcher", {"X", "config", "Extra"}, "Extra"},
-    {"ChildWatcherWithoutCommand", {"X"}, nullptr},
-    {"Question", {"?"}, nullptr},
-    {"OptionsOfAServiceInstaller", {"-install", "config", "Extra"}, "Watch"},
-    {"WordInQuotesNamesTheSection", {"-s", "\"watch Extra\"", "config"}, "Extra"},
-};
-class CommandLines : public ServiceTest, public ::testing::WithParamInterface<CommandLine> {};
-
-TEST_P(CommandLines, OverlayTheConfiguration) {
+TEST_F(Configuration, CommandLineOverlaysIt) {
+  // The words, and the section that runs, empty when nothing does.
+  const std::pair<Lines, std::string> rows[] = {
+      {{}, "Watch"},
+      {{"-sync", "config", "Extra"}, "Extra"},
+      {{"X", "config", "Extra"}, "Extra"},
+      {{"X"}, ""},
+      {{"?"}, ""},
+      {{"-install", "config", "Extra"}, "Watch"},
+      {{"-s", "\"watch Extra\"", "config"}, "Extra"},
+  };
   desktop.Configure(
-      "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=kill x\n"
-      "[Watch Extra Insert]\n1=kill x\n");
-  desktop.Start(GetParam().arguments);
-  if (GetParam().running != nullptr) {
-    EXPECT_TRUE(desktop.Traced("Watch - Running '" + std::string(GetParam().running) + "'"));
-  } else {
-    EXPECT_EQ(desktop.Stop(0), 0);
-    EXPECT_TRUE(desktop.TraceAfter("Watch - Running").empty());
+      "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=kill x\n[Watch Extra Insert]\n1=kill "
+      "x\n");
+  for (const auto& [words, section] : rows) {
+    SCOPED_TRACE(::testing::PrintToString(words));
+    fs::remove(desktop.Path("trace.log"));
+    desktop.Start(words);
+    EXPECT_TRUE(section.empty() || desktop.Traced("Watch - Running '" + section + "'"));
+    EXPECT_EQ(desktop.Stop(section.empty() ? 0 : SIGTERM), 0);
+    EXPECT_EQ(desktop.TraceAfter("Watch - Running").size(), section.empty() ? 0U : 1U);
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Configuration, CommandLines, ::testing::ValuesIn(kCommandLines),
-                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(Configuration, WithoutTraceNoFileAppears) {
   desktop.Home().Write("system.conf", "[Install]\nDirectory=" QIXX_SOFTCARD_FOLDER
@@ -126,7 +93,7 @@ TEST_F(Configuration, HelpAndVersionAnswerBeforeAnythingElse) {
     EXPECT_NE(desktop.Home().Read("stdout.txt").find("qixxwatch"), std::string::npos);
     fs::remove(desktop.Path("stdout.txt"));
   }
-  EXPECT_TRUE(desktop.Trace().empty());
+  EXPECT_TRUE(desktop.TraceAfter("").empty());
 }
 
 }  // namespace

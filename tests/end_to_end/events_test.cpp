@@ -51,33 +51,14 @@ TEST_F(Events, InsertAndRemoveRunTheirCommandsInOrder) {
                         "Stopped"}));
 }
 
-TEST_F(Events, StartWithoutCardRunsTheRemoveCommandsOnce) {
+TEST_F(Events, FirstRoundRunsTheRemoveCommandsUnlessThereIsACard) {
   WatchBoth("");
   EXPECT_TRUE(desktop.Traced("Watch - Disconnected slot 0"));
   EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
-}
-
-TEST_F(Events, CardAtStartIsConnectedInTheFirstRound) {
-  desktop.InsertCard(1);
-  WatchBoth("");
-  EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
-  EXPECT_EQ(desktop.TraceCount("Watch - Remove event ..."), 0U);
-}
-
-TEST_F(Events, SecondReaderIsAlreadyConnectedAndItsRemovalChangesNothing) {
-  desktop.AddReader(4);
-  WatchBoth("-sync");
-  desktop.InsertCard(1);
-  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1"));
-  desktop.InsertCard(4);
-  EXPECT_TRUE(desktop.Traced("Watch - Already connected"));
-  desktop.RemoveCard(1);
-  EXPECT_TRUE(desktop.Traced("Watch - Disconnected slot 1"));
-  // The card that stayed is not connected by itself; its removal is none of a connected slot.
-  desktop.RemoveCard(4);
-  EXPECT_TRUE(desktop.Traced("Watch - Event", 5));
   Stop();
-  EXPECT_EQ(desktop.TraceCount("Watch - Inserted event ..."), 1U);
+  desktop.InsertCard(1);
+  desktop.Start();
+  EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
   EXPECT_EQ(desktop.TraceCount("Watch - Remove event ..."), 1U);
 }
 
@@ -104,19 +85,19 @@ TEST_F(Events, RecognizedIgnoresATokenThatCannotBeRead) {
   EXPECT_EQ(desktop.TraceCount("Watch - Inserted event ..."), 1U);
 }
 
-class Signals : public Events, public ::testing::WithParamInterface<int> {};
-
-TEST_P(Signals, EndTheServiceInOrderAlsoDuringAWait) {
-  WatchBoth("-wait \"600\" -sync");
+TEST_F(Events, AnySignalEndsTheServiceInOrderAlsoDuringAWait) {
+  Configure("-wait \"600\" -sync", {in});
   desktop.InsertCard(1);
-  ASSERT_TRUE(desktop.Traced("Watch - Inserted event ..."));
-  EXPECT_EQ(desktop.Stop(GetParam()), 0);
-  EXPECT_EQ(desktop.TraceCount("Watch - Inserted event ... FAILED"), 1U);
-  EXPECT_EQ(desktop.TraceCount("Watch - Stopped"), 1U);
+  std::size_t runs = 0;
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    desktop.Start();
+    ASSERT_TRUE(desktop.Traced("Watch - Inserted event ...", ++runs));
+    EXPECT_EQ(desktop.Stop(signal), 0) << signal;
+    EXPECT_EQ(desktop.TraceCount("Watch - Inserted event ... FAILED"), runs);
+    EXPECT_EQ(desktop.TraceCount("Watch - Stopped"), runs);
+  }
   EXPECT_FALSE(Exists("in.txt"));
 }
-
-INSTANTIATE_TEST_SUITE_P(Events, Signals, ::testing::Values(SIGTERM, SIGINT, SIGHUP));
 
 TEST_F(Events, WaitHoldsTheInsertCommandsBackAndACardPulledMeanwhileGivesFailed) {
   WatchBoth("-match \"cn=nobody\" -wait \"2|1\" -sync");
@@ -128,13 +109,6 @@ TEST_F(Events, WaitHoldsTheInsertCommandsBackAndACardPulledMeanwhileGivesFailed)
   EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
   EXPECT_GE(std::chrono::steady_clock::now() - pulled, std::chrono::milliseconds(999));
   EXPECT_FALSE(Exists("in.txt"));
-}
-
-TEST_F(Events, RoundLimitEndsTheRunByItself) {
-  desktop.Configure("");
-  desktop.Start({"-p", "/bin/true", "-c", desktop.Path("none.conf"), "-n", "3"});
-  EXPECT_EQ(desktop.Stop(0), 0);
-  EXPECT_EQ(desktop.TraceCount("Watch - Stopped"), 1U);
 }
 
 TEST_F(Events, ExtraWatchersRunTheirOwnSectionsAndEndWithTheirParent) {
@@ -164,10 +138,11 @@ TEST_F(Events, BackgroundProgramIsStartedAndToldToHide) {
   std::filesystem::create_directories(desktop.Path("lib"));
   std::filesystem::copy_file(QIXX_SOFTCARD_FOLDER "libqixp11.so", desktop.Path("lib/libqixp11.so"));
   desktop.WriteProgram("echo \"$@\" >> " + desktop.Path("shown.txt"), "bin/qix");
-  desktop.Home().Write("system.conf",
-                       "[Trace]\nwatch=" + desktop.Path("trace.log") + "\n[Install]\nDirectory=" +
-                           desktop.Path("lib") + "\n[Watch]\nBackground=show -icon\n" +
-                           "[Command]\nWatch=config Watch\n[Watch Remove]\n1=" + out + "\n");
+  desktop.Use(desktop.Path("lib"));
+  desktop.Configure(
+      "[Watch]\nBackground=show -icon\n[Command]\nWatch=config Watch\n"
+      "[Watch Remove]\n1=" +
+      out + "\n");
   desktop.Start();
   EXPECT_TRUE(desktop.Holds("shown.txt", "show -icon\n"));
   ASSERT_TRUE(desktop.Traced("Watch - Running 'Watch'"));

@@ -27,8 +27,9 @@ class ServiceTest : public ::testing::Test {
     desktop.Start();
     ASSERT_TRUE(desktop.Traced("Watch - Event"));
   }
+  /// A command line that writes `word` into a file of the home.
   [[nodiscard]] std::string Echo(const std::string& word, const std::string& file) const {
-    return desktop.Echo(word, file);
+    return "/bin/echo " + word + " > " + desktop.Path(file);
   }
   [[nodiscard]] bool Exists(const std::string& file) const {
     return std::filesystem::exists(desktop.Path(file));

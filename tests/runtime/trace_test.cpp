@@ -7,11 +7,8 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <map>
 
 #include "runtime/files.h"
-#include "runtime/settings.h"
-#include "runtime/text.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 
@@ -120,37 +117,6 @@ TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
   if (::chown(folder_.Write("~qixtheirs", "kept").c_str(), 1, 1) != 0) return;
   TraceDump("theirs", data);
   EXPECT_EQ(folder_.Read("~qixtheirs"), "kept");
-}
-
-/// Settings by "section:entry".
-struct FixedSettings : RuntimeSettings {
-  bool Open(SettingsScope) override { return true; }
-  bool GetText(const char* section, const char* entry, std::span<char> value) override {
-    const auto found = texts.find(std::string(section) + ":" + entry);
-    CopyTextCut(value, found == texts.end() ? "" : found->second);
-    return found != texts.end();
-  }
-  bool GetBoolean(const char*, const char*, bool&) override { return false; }
-  void Close() override {}
-  std::map<std::string, std::string> texts;
-};
-
-TEST_F(TraceTest, SettingsChooseTheTargetAndCallModeLetsOneLinePass) {
-  FixedSettings settings;
-  SetRuntimeSettings(&settings);
-  settings.texts = {{"Trace:File", folder_.Path("f.log")}, {"Trace Call:watch", folder_.Path("c")}};
-  TraceInit("watch");
-  EXPECT_NE(folder_.Read("f.log"), "");
-  settings.texts["Trace:watch"] = "";  // present, so "File" does not count
-  TraceInit("watch");
-  SetRuntimeSettings(nullptr);
-  TraceWrite("lost");
-  TraceReleaseOneLine();
-  for (const char* const text : {"passed", "lost"}) TraceWrite("%s", text);
-  EXPECT_THAT(folder_.Read("c"), MatchesRegex("\\[[^\n]* passed\n"));
-  TraceSetCallTarget(nullptr, 0);
-  SetFile("b.log");
-  EXPECT_NE(folder_.Read("b.log"), "") << "all lines pass";
 }
 
 }  // namespace

@@ -1,79 +1,35 @@
 // The module as a program sees it: loaded by its path, called through its function list; then other
 // people's programs and the script for the cards, run as a user would run them.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <future>
-#include <string>
-#include <vector>
 
-#include "pkcs11/cryptoki.h"
-#include "tests/support/environment.h"
 #include "tests/support/eventually.h"
+#include "tests/support/loaded_module.h"
 #include "tests/support/openssl.h"
-#include "tests/support/temporary_folder.h"
 
 namespace qixx::testing {
 namespace {
 
 using namespace std::string_literals;
-using Handles = std::vector<CK_OBJECT_HANDLE>;
 
 /// A certificate up to its subject "s": serial number 0x1234, issuer "i".
 constexpr const char* kHolderPem =
     "-----BEGIN CERTIFICATE-----\nMBUwE6ADAgECAgISNDAAMAFpMAAwAXM=\n-----END CERTIFICATE-----\n";
 
-class SoftCard : public ::testing::Test {
+class SoftCard : public LoadedModule {
  protected:
-  ~SoftCard() override {
-    if (list_ == nullptr) return;
-    list_->C_Finalize(nullptr);
-    ::dlclose(library_);
-  }
-
-  void Start() {
-    library_ = ::dlopen(SOFTCARD_SUITE, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library_, nullptr) << ::dlerror();
-    const auto get = reinterpret_cast<CK_C_GetFunctionList>(::dlsym(library_, "C_GetFunctionList"));
-    ASSERT_EQ(get(&list_), CKR_OK);
-    ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
-  }
   void Insert(const std::string& slot) { folder_.Write(slot + "/card/holder.pem", kHolderPem); }
   void Remove(const std::string& folder) { std::filesystem::remove_all(folder_.Path(folder)); }
-  CK_SESSION_HANDLE Open(CK_SLOT_ID slot) {
-    CK_SESSION_HANDLE session = 0;
-    const CK_FLAGS flags = CKF_RW_SESSION | CKF_SERIAL_SESSION;
-    EXPECT_EQ(list_->C_OpenSession(slot, flags, nullptr, nullptr, &session), CKR_OK);
-    return session;
-  }
-  Handles Search(CK_SESSION_HANDLE session) {
-    Handles found(8);
-    CK_ULONG count = 0;
-    EXPECT_EQ(list_->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
-    EXPECT_EQ(list_->C_FindObjects(session, found.data(), found.size(), &count), CKR_OK);
-    EXPECT_EQ(list_->C_FindObjectsFinal(session), CKR_OK);
-    found.resize(count);
-    return found;
-  }
   std::string Read(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
     std::string value(99, '\0');
     CK_ATTRIBUTE attribute{type, value.data(), value.size()};
     EXPECT_EQ(list_->C_GetAttributeValue(session, object, &attribute, 1), CKR_OK) << type;
     return value.substr(0, attribute.ulValueLen);
   }
-  /// The slot of the next event, -1 for none.
-  long Poll() {
-    CK_SLOT_ID slot = 0;
-    const CK_RV result = list_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
-    return result == CKR_OK ? static_cast<long>(slot) : -1;
-  }
 
-  const TemporaryFolder folder_;
   const ScopedVariable readers_{"QIXX_SOFTCARD", folder_.Path().c_str()};
-  void* library_ = nullptr;
-  CK_FUNCTION_LIST* list_ = nullptr;
 };
 
 TEST_F(SoftCard, SlotsAreTheFoldersWithAPlainNumber) {
@@ -81,33 +37,18 @@ TEST_F(SoftCard, SlotsAreTheFoldersWithAPlainNumber) {
     folder_.Write(name, "description=Virtual Slot\nflags=0x80000001\n");
   }
   Insert("10");
-  Start();
-  std::vector<CK_SLOT_ID> slots(3);
-  CK_ULONG count = 0;
-  EXPECT_EQ(list_->C_GetSlotList(CK_FALSE, slots.data(), &count), CKR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(list_->C_GetSlotList(CK_FALSE, slots.data(), &count), CKR_OK);
-  EXPECT_EQ(slots, (std::vector<CK_SLOT_ID>{4, 10, 97}));
+  Start(SOFTCARD_SUITE);
+  CK_ULONG count = 2;
+  EXPECT_EQ(list_->C_GetSlotList(CK_FALSE, Numbers(2).data(), &count), CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(Slots(), (Numbers{4, 10, 97}));
   CK_SLOT_INFO info;
   EXPECT_EQ(list_->C_GetSlotInfo(4, &info), CKR_OK);
   EXPECT_EQ(std::string(info.slotDescription, info.slotDescription + 14), "Virtual Slot  ");
   EXPECT_EQ(info.flags, 0x80000000U) << "presence is the card's matter";
 }
 
-TEST_F(SoftCard, EachChangeIsReportedOnce) {
-  Insert("1");
-  Start();
-  EXPECT_EQ(Poll(), -1) << "a card found at the start is no change";
-  Insert("10");
-  Insert("4");
-  Remove("1/card");
-  for (const long slot : {1, 4, 10, -1}) EXPECT_EQ(Poll(), slot);
-  Remove("4");
-  Insert("4");
-  EXPECT_EQ(Poll(), 4) << "another card";
-}
-
 TEST_F(SoftCard, AWaitEndsWithTheModule) {
-  Start();
+  Start(SOFTCARD_SUITE);
   folder_.Write("module", "log=1\n");
   CK_SLOT_ID slot = 0;
   std::future<CK_RV> waiting =
@@ -117,19 +58,8 @@ TEST_F(SoftCard, AWaitEndsWithTheModule) {
   EXPECT_EQ(waiting.get(), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
-TEST_F(SoftCard, CertificatesCarryTheirFields) {
-  folder_.Write("1/card/holder.pem", "text\n"s + kHolderPem + kHolderPem);
-  Start();
-  const CK_SESSION_HANDLE session = Open(1);
-  const Handles objects = Search(session);
-  ASSERT_EQ(objects.size(), 2U);
-  EXPECT_EQ(Read(session, objects[0], CKA_SERIAL_NUMBER), "\x02\x02\x12\x34");
-  EXPECT_EQ(Read(session, objects[0], CKA_ISSUER), "\x30\x01i");
-  EXPECT_EQ(Search(Open(1)), objects) << "handles hold from session to session";
-}
-
 TEST_F(SoftCard, HostileFilesAreBoundedAndPassedOver) {
-  Start();
+  Start(SOFTCARD_SUITE);
   const std::pair<const char*, std::string> files[] = {
       {"1/card/endless length.der", "\x30\x08\x30\x06\xA0\x84\xFF\xFF\xFF\xFF"},
       {"1/card/stray byte.pem", "-----BEGIN CERTIFICATE-----A*A-----END CERTIFICATE-----"},
@@ -138,11 +68,15 @@ TEST_F(SoftCard, HostileFilesAreBoundedAndPassedOver) {
   for (const auto& [name, content] : files) folder_.Write(name, content);
   ASSERT_EQ(::mkfifo(folder_.Path("1/card/pipe.der").c_str(), 0600), 0);
   EXPECT_EQ(Search(Open(1)).size(), 2U);
+  folder_.Write("2/card/two.pem", "text\n"s + kHolderPem + kHolderPem);
+  const CK_SESSION_HANDLE session = Open(2);
+  ASSERT_EQ(Search(session).size(), 2U);
+  EXPECT_EQ(Read(session, Search(session)[1], CKA_ISSUER), "\x30\x01i");
 }
 
 TEST_F(SoftCard, VariablesAreOneDataObject) {
   folder_.Write("1/card/variables", "# note\nActiveLogonUPN=user  \nempty=\r\n=no name\n");
-  Start();
+  Start(SOFTCARD_SUITE);
   const CK_SESSION_HANDLE session = Open(1);
   const CK_OBJECT_HANDLE object = Search(session).at(0);
   EXPECT_EQ(Read(session, object, CKA_VALUE), "\0ActiveLogonUPN\0user  \0empty\0\0"s);
@@ -160,12 +94,13 @@ TEST_F(SoftCard, VariablesAreOneDataObject) {
 
 TEST_F(SoftCard, SessionsEndWithTheirCard) {
   Insert("1");
-  Start();
+  Start(SOFTCARD_SUITE);
   const CK_SESSION_HANDLE first = Open(1);
   Remove("1/card");
   Insert("1");
   const CK_SESSION_HANDLE third = Open(1);
   CK_SESSION_INFO info;
+  EXPECT_EQ(Poll(), 1) << "another card";
   EXPECT_EQ(list_->C_GetSessionInfo(first, &info), CKR_DEVICE_REMOVED);
   EXPECT_EQ(list_->C_GetSessionInfo(third, &info), CKR_OK);
 }

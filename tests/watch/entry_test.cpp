@@ -1,14 +1,16 @@
 // The process from its command line to its end: options, the watch command, the request to stop.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <thread>
 
+#include "runtime/files.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 #include "watch/options.h"
+#include "watch/settings.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
 
@@ -98,6 +100,29 @@ TEST(WatchMain, LineDecidesWhatIsReadAndRun) {
     EXPECT_EQ(WatchMain(0, 0, line), 0);
     EXPECT_TRUE(trace.Has(std::string("Watch - ") + traced)) << traced;
   }
+}
+
+TEST(Trace, SettingsChooseTheTargetAndCallModeLetsOneLinePass) {
+  const TemporaryFolder folder;
+  const ScopedVariable path("qixconfigglobal", folder.Path("system.conf").c_str());
+  const ScopedVariable home("HOME", folder.Path().c_str());
+  const std::string settings = "[Trace Call]\nwatch=" + folder.Path("call.log") +
+                               "\n[Trace]\nFile=" + folder.Path("file.log") + "\n";
+  InitProductIdentity();
+  ConnectRuntimeSettings();
+  folder.Write("system.conf", settings);
+  TraceInit("watch");
+  EXPECT_NE(folder.Read("file.log"), "");
+  folder.Write("system.conf", settings + "watch=\n");  // present, so "File" does not count
+  TraceInit("watch");
+  TraceWrite("lost");
+  TraceReleaseOneLine();
+  for (const char* const text : {"passed", "lost"}) TraceWrite("%s", text);
+  EXPECT_THAT(folder.Read("call.log"), ::testing::MatchesRegex("\\[[^\n]* passed\n"));
+  TraceSetCallTarget(nullptr, 0);
+  TraceSetFile(folder.Path("all.log").c_str());
+  EXPECT_NE(folder.Read("all.log"), "") << "all lines pass";
+  TraceSetFile(nullptr);
 }
 
 [[noreturn]] void TakeSignals() {

@@ -1,10 +1,9 @@
-// The bridge in this process, over a module of choice.
+// A PKCS#11 module in this process, called through its function list.
 #pragma once
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -14,18 +13,16 @@
 
 namespace qixx::testing {
 
-class LoadedBridge : public ::testing::Test {
+class LoadedModule : public ::testing::Test {
  protected:
-  ~LoadedBridge() override {
+  using Numbers = std::vector<CK_ULONG>;
+
+  ~LoadedModule() override {
     if (list_ != nullptr) list_->C_Finalize(nullptr);
   }
 
-  /// A copy of its own each time, since a bridge keeps its numbers as long as the process.
-  void Load(const std::string& module) {
-    ::setenv("qix:Pkcs11:Module", module.c_str(), 1);
-    path_ = folder_.Path("bridge" + std::to_string(++copies_) + ".so");
-    std::filesystem::copy_file(BRIDGE, path_);
-    library_ = ::dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
+  virtual void Load(const std::string& module) {
+    library_ = ::dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library_, nullptr) << ::dlerror();
     ASSERT_EQ(Function<CK_C_GetFunctionList>("C_GetFunctionList")(&list_), CKR_OK);
   }
@@ -38,10 +35,10 @@ class LoadedBridge : public ::testing::Test {
     return reinterpret_cast<Type>(::dlsym(library_, name.c_str()));
   }
 
-  std::vector<CK_SLOT_ID> Slots(CK_BBOOL withToken = CK_FALSE) {
+  Numbers Slots(CK_BBOOL withToken = CK_FALSE) {
     CK_ULONG count = 0;
     EXPECT_EQ(list_->C_GetSlotList(withToken, nullptr, &count), CKR_OK);
-    std::vector<CK_SLOT_ID> slots(count);
+    Numbers slots(count);
     EXPECT_EQ(list_->C_GetSlotList(withToken, slots.data(), &count), CKR_OK);
     slots.resize(count);
     return slots;
@@ -53,25 +50,24 @@ class LoadedBridge : public ::testing::Test {
     EXPECT_TRUE(result == CKR_OK || result == CKR_NO_EVENT) << result;
     return result == CKR_OK ? static_cast<long>(slot) : -1;
   }
-  bool ShowsToken(CK_SLOT_ID slot) {
-    CK_SLOT_INFO info = {};
-    EXPECT_EQ(list_->C_GetSlotInfo(slot, &info), CKR_OK) << slot;
-    return (info.flags & CKF_TOKEN_PRESENT) != 0;
-  }
-  CK_SESSION_HANDLE Open(CK_SLOT_ID slot, CK_FLAGS flags = CKF_RW_SESSION) {
+  CK_SESSION_HANDLE Open(CK_SLOT_ID slot) {
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
-    EXPECT_EQ(list_->C_OpenSession(slot, flags | CKF_SERIAL_SESSION, nullptr, nullptr, &session),
-              CKR_OK);
+    const CK_FLAGS flags = CKF_RW_SESSION | CKF_SERIAL_SESSION;
+    EXPECT_EQ(list_->C_OpenSession(slot, flags, nullptr, nullptr, &session), CKR_OK);
     return session;
+  }
+  /// At most eight objects.
+  Numbers Search(CK_SESSION_HANDLE session) {
+    Numbers found(8);
+    CK_ULONG count = 0;
+    EXPECT_EQ(list_->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
+    EXPECT_EQ(list_->C_FindObjects(session, found.data(), found.size(), &count), CKR_OK);
+    EXPECT_EQ(list_->C_FindObjectsFinal(session), CKR_OK);
+    found.resize(count);
+    return found;
   }
 
   const TemporaryFolder folder_;
-  const ScopedVariable home_{"HOME", folder_.Path().c_str()};
-  const ScopedVariable module_{"qix:Pkcs11:Module", nullptr};
-  /// The machine's own card readers stay out of it.
-  const ScopedVariable noReaders_{"PCSCLITE_CSOCK_NAME", folder_.Path("none").c_str()};
-  std::string path_;
-  int copies_ = 0;
   void* library_ = nullptr;
   CK_FUNCTION_LIST* list_ = nullptr;
 };
