@@ -7,7 +7,6 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
-#include <new>
 #include <optional>
 #include <span>
 #include <string>
@@ -18,6 +17,7 @@
 #include "bridge/variables.h"
 #include "pkcs11/entry.h"
 #include "pkcs11/extended.h"
+#include "runtime/lasting.h"
 #include "runtime/sync.h"
 #include "runtime/text.h"
 
@@ -53,8 +53,7 @@ const CK_FUNCTION_LIST* Running() {
 
 /// Never destroyed: a program may call from its own static destructors.
 Bridge& TheBridge() {
-  alignas(Bridge) static unsigned char area[sizeof(Bridge)];
-  static Bridge* const bridge = new (area) Bridge;
+  static Lasting<Bridge> bridge;
   return *bridge;
 }
 

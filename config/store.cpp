@@ -15,6 +15,7 @@
 #include "config/conditions.h"
 #include "config/file.h"
 #include "runtime/files.h"
+#include "runtime/lasting.h"
 #include "runtime/sync.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -108,8 +109,7 @@ ConfigResult ReadWhole(Reader read, std::string& text) {
 // --- the reference file -----------------------------------------------------------------------
 
 CCritical& ReferenceLock() {
-  alignas(CCritical) static unsigned char storage[sizeof(CCritical)];
-  static CCritical* const lock = new (storage) CCritical;
+  static Lasting<CCritical> lock;
   return *lock;
 }
 

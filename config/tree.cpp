@@ -5,6 +5,7 @@
 #include <new>
 
 #include "config/scan.h"
+#include "runtime/lasting.h"
 #include "runtime/trace.h"
 
 namespace qixx {
@@ -116,8 +117,7 @@ CConfigTree::~CConfigTree() {
 }
 
 CConfigTree& CConfigTree::Instance() {
-  alignas(CConfigTree) static unsigned char storage[sizeof(CConfigTree)];
-  static CConfigTree* const instance = new (storage) CConfigTree;
+  static Lasting<CConfigTree> instance;
   return *instance;
 }
 

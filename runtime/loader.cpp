@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "runtime/files.h"
+#include "runtime/lasting.h"
 #include "runtime/secrets.h"
 #include "runtime/settings.h"
 #include "runtime/sync.h"
@@ -29,8 +30,7 @@ constinit char libraryDirectory[kTextSize] = "";
 /// Held while a directory is filled: a command on a thread of its own may be the first to ask.
 /// In static storage and never destroyed, because such a thread may outlive the static destructors.
 CCritical& DirectoryLock() {
-  alignas(CCritical) static unsigned char storage[sizeof(CCritical)];
-  static CCritical* const lock = new (storage) CCritical;
+  static Lasting<CCritical> lock;
   return *lock;
 }
 

@@ -1,13 +1,12 @@
 #include "watch/card_lock.h"
 
-#include <new>
+#include "runtime/lasting.h"
 
 namespace qixx {
 
 CCritical& CardLock() {
   // In static storage and never destroyed, because a command's thread may outlive the main one.
-  alignas(CCritical) static unsigned char storage[sizeof(CCritical)];
-  static CCritical* const lock = new (storage) CCritical;
+  static Lasting<CCritical> lock;
   return *lock;
 }
 

@@ -22,6 +22,7 @@
 #include "config/store.h"
 #include "runtime/descriptor.h"
 #include "runtime/files.h"
+#include "runtime/lasting.h"
 #include "runtime/sync.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -37,8 +38,7 @@ constexpr const char* kSavedCopySuffix = ".org";
 /// Reading, changing and writing a file is one step. In static storage and never destroyed, like
 /// all that a command on a thread of its own may use while the process ends.
 CCritical& FileLock() {
-  alignas(CCritical) static unsigned char storage[sizeof(CCritical)];
-  static CCritical* const lock = new (storage) CCritical;
+  static Lasting<CCritical> lock;
   return *lock;
 }
 

@@ -1,9 +1,9 @@
 #include "watch/settings.h"
 
-#include <new>
 #include <optional>
 
 #include "config/store.h"
+#include "runtime/lasting.h"
 #include "runtime/settings.h"
 
 namespace qixx {
@@ -38,9 +38,8 @@ class StoreSettings : public RuntimeSettings {
 
 void ConnectRuntimeSettings() {
   // In static storage and never destroyed: the runtime may ask until the process has ended.
-  alignas(StoreSettings) static unsigned char storage[sizeof(StoreSettings)];
-  static StoreSettings* const settings = new (storage) StoreSettings;
-  SetRuntimeSettings(settings);
+  static Lasting<StoreSettings> settings;
+  SetRuntimeSettings(&*settings);
 }
 
 }  // namespace qixx

@@ -5,8 +5,8 @@
 #include <array>
 #include <climits>
 #include <csignal>
-#include <new>
 
+#include "runtime/lasting.h"
 #include "runtime/process.h"
 #include "runtime/sync.h"
 #include "runtime/trace.h"
@@ -30,8 +30,7 @@ struct TerminateList {
 // In static storage and never destroyed: a command on a thread of its own may reach it while the
 // process ends.
 TerminateList& List() {
-  alignas(TerminateList) static unsigned char storage[sizeof(TerminateList)];
-  static TerminateList* const list = new (storage) TerminateList;
+  static Lasting<TerminateList> list;
   return *list;
 }
 
