@@ -19,7 +19,7 @@
 #include "tests/support/openssl.h"
 #include "tests/support/temporary_folder.h"
 
-namespace qixx {
+namespace qixx::bench {
 namespace {
 
 constexpr std::size_t kCertificates = 128;
@@ -35,7 +35,7 @@ std::string Certificate(const testing::TemporaryFolder& folder, const std::strin
   return made ? testing::TemporaryFolder::ReadFile(file) : std::string();
 }
 
-Bytes BytesOf(const std::string& text) {
+der::Bytes BytesOf(const std::string& text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
@@ -46,8 +46,8 @@ void CertificateLogonValues(benchmark::State& state) {
   std::array<char, 256> subject{};
   std::array<char, 256> serial{};
   for (auto _ : state) {
-    const bool found = GetLogonValues(BytesOf(der), true, false, upn.data(), 256, subject.data(),
-                                      256, serial.data(), 256);
+    const bool found = der::GetLogonValues(BytesOf(der), true, false, upn.data(), 256,
+                                           subject.data(), 256, serial.data(), 256);
     if (!found) state.SkipWithError("no logon values");
   }
 }
@@ -117,17 +117,18 @@ void CollectFromSoftCard(benchmark::State& state) {
     der[serial + 3] = static_cast<char>(number);
     folder.Write("1/card/certificate" + std::to_string(number) + ".der", der);
   }
-  InitProductIdentity();
-  Pkcs11().SetLibraryPath(QIXX_SOFTCARD);
-  if (Pkcs11().Initialize(nullptr) != CKR_OK) return state.SkipWithError("no soft card");
+  runtime::InitProductIdentity();
+  pkcs11::Pkcs11().SetLibraryPath(QIXX_SOFTCARD);
+  if (pkcs11::Pkcs11().Initialize(nullptr) != CKR_OK) return state.SkipWithError("no soft card");
   for (auto _ : state) {
-    std::array<CertificatePtr, kCertificates + 1> holders;
-    CHelperPkcs11::CollectCertificates(holders, kAnyKeyUsage, nullptr, nullptr, false);
+    std::array<der::CertificatePtr, kCertificates + 1> holders;
+    pkcs11::CHelperPkcs11::CollectCertificates(holders, pkcs11::kAnyKeyUsage, nullptr, nullptr,
+                                               false);
     if (holders[kCertificates - 1] == nullptr) state.SkipWithError("not all were found");
   }
-  Pkcs11().Finalize(nullptr);
+  pkcs11::Pkcs11().Finalize(nullptr);
 }
 BENCHMARK(CollectFromSoftCard)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::bench

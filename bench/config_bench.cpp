@@ -12,7 +12,7 @@
 #include "config/store.h"
 #include "tests/support/temporary_folder.h"
 
-namespace qixx {
+namespace qixx::bench {
 namespace {
 
 constexpr int kSections = 256;
@@ -65,7 +65,7 @@ void ConfigOpen(benchmark::State& state) {
   const testing::TemporaryFolder folder;
   const std::string file = folder.Write("qix.conf", Text());
   for (auto _ : state) {
-    CConfig config;
+    config::CConfig config;
     benchmark::DoNotOptimize(config.OpenItem(state.range(0) != 0, file.c_str()));
     config.Close(true);
   }
@@ -92,14 +92,14 @@ void ConfigRead(benchmark::State& state) {
   const testing::TemporaryFolder folder;
   const std::string file = folder.Write("qix.conf", Text());
   const std::vector<Names> wanted = Wanted();
-  CConfig config;
+  config::CConfig config;
   config.OpenItem(state.range(0) != 0, file.c_str());
   std::array<char, 256> value{};
   for (auto _ : state) {
     for (const Names& names : wanted) {
-      const ConfigResult result =
+      const config::ConfigResult result =
           config.GetString(names.section.c_str(), names.entry.c_str(), value, false);
-      if (result != kConfigOk) state.SkipWithError("a value was not found");
+      if (result != config::kConfigOk) state.SkipWithError("a value was not found");
     }
   }
   config.Close(true);
@@ -129,7 +129,7 @@ void ConfigSet(benchmark::State& state) {
   const testing::TemporaryFolder folder;
   const std::string file = folder.Write("qix.conf", Text());
   const std::vector<Names> wanted = Wanted();
-  CConfig config;
+  config::CConfig config;
   config.OpenItem(true, file.c_str());
   int round = 0;
   for (auto _ : state) {
@@ -143,4 +143,4 @@ void ConfigSet(benchmark::State& state) {
 BENCHMARK(ConfigSet)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::bench

@@ -8,7 +8,7 @@
 #include "tests/support/temporary_folder.h"
 #include "watch/options.h"
 
-namespace qixx {
+namespace qixx::bench {
 namespace {
 
 constexpr std::string_view kPositional =
@@ -17,11 +17,11 @@ constexpr std::string_view kKeyword =
     "-match \"cn=Ann\" -p /usr/bin/program -c /home/ann/logon.conf -a \"one two\" -n 3 -sync ";
 
 void ParseBare(benchmark::State& state) {
-  CWatchOptions record{};
+  watch::CWatchOptions record{};
   for (auto _ : state) {
     for (char* field : {record.program, record.configFile, record.arguments, record.match,
                         record.rest, record.section, record.background}) {
-      CopyTextCut({field, kTextSize}, kPositional);
+      runtime::CopyTextCut({field, runtime::kTextSize}, kPositional);
       benchmark::DoNotOptimize(field);
     }
   }
@@ -35,12 +35,12 @@ void Parse(benchmark::State& state) {
   const testing::ScopedVariable configuration("qixconfigglobal", folder.Path("none.conf").c_str());
   const std::string_view line = state.range(0) == 0 ? kPositional : kKeyword;
   for (auto _ : state) {
-    CWatchOptions record{};
-    benchmark::DoNotOptimize(ParseWatchOptions(line, record));
+    watch::CWatchOptions record{};
+    benchmark::DoNotOptimize(watch::ParseWatchOptions(line, record));
   }
 }
 BENCHMARK(Parse)->Name("ParsePositional")->Arg(0);
 BENCHMARK(Parse)->Name("ParseKeyword")->Arg(1);
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::bench

@@ -8,7 +8,7 @@
 
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::bench {
 namespace {
 
 constexpr std::size_t kMebibyte = 1024 * 1024;
@@ -39,34 +39,34 @@ BENCHMARK(CopyPass)->Name("CodecBareBase64")->Arg(2390);
 void HexEncodeMebibyte(benchmark::State& state) {
   const std::vector<std::uint8_t> data = Data();
   std::vector<char> text(2 * kMebibyte + 1);
-  for (auto _ : state) benchmark::DoNotOptimize(HexEncode(data, text));
+  for (auto _ : state) benchmark::DoNotOptimize(runtime::HexEncode(data, text));
 }
 BENCHMARK(HexEncodeMebibyte);
 
 void HexDecodeMebibyte(benchmark::State& state) {
   std::vector<std::uint8_t> data = Data();
   std::vector<char> text(2 * kMebibyte + 1);
-  const int length = HexEncode(data, text);
+  const int length = runtime::HexEncode(data, text);
   const std::string_view view(text.data(), static_cast<std::size_t>(length));
-  for (auto _ : state) benchmark::DoNotOptimize(HexDecode(view, data));
+  for (auto _ : state) benchmark::DoNotOptimize(runtime::HexDecode(view, data));
 }
 BENCHMARK(HexDecodeMebibyte);
 
 void Base64EncodeMebibyte(benchmark::State& state) {
   const std::vector<std::uint8_t> data = Data();
   std::vector<char> text(2 * kMebibyte);
-  for (auto _ : state) benchmark::DoNotOptimize(Base64Encode(text, data));
+  for (auto _ : state) benchmark::DoNotOptimize(runtime::Base64Encode(text, data));
 }
 BENCHMARK(Base64EncodeMebibyte);
 
 void Base64DecodeMebibyte(benchmark::State& state) {
   std::vector<std::uint8_t> data = Data();
   std::vector<char> text(2 * kMebibyte);
-  const int length = Base64Encode(text, data);
+  const int length = runtime::Base64Encode(text, data);
   const std::string_view view(text.data(), static_cast<std::size_t>(length));
-  for (auto _ : state) benchmark::DoNotOptimize(Base64Decode(data, view));
+  for (auto _ : state) benchmark::DoNotOptimize(runtime::Base64Decode(data, view));
 }
 BENCHMARK(Base64DecodeMebibyte);
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::bench

@@ -9,7 +9,7 @@
 #include "runtime/trace.h"
 #include "tests/support/temporary_folder.h"
 
-namespace qixx {
+namespace qixx::bench {
 namespace {
 
 constexpr std::string_view kLine =
@@ -28,16 +28,18 @@ BENCHMARK(TraceLineBare);
 
 void TraceLine(benchmark::State& state) {
   const testing::TemporaryFolder folder;
-  TraceSetFile(folder.Path("trace.log").c_str());
-  for (auto _ : state) TraceWrite("Watch - Execute %s command: %s", "insert", "/usr/bin/true");
-  TraceSetFile(nullptr);
+  runtime::TraceSetFile(folder.Path("trace.log").c_str());
+  for (auto _ : state)
+    runtime::TraceWrite("Watch - Execute %s command: %s", "insert", "/usr/bin/true");
+  runtime::TraceSetFile(nullptr);
 }
 BENCHMARK(TraceLine);
 
 void TraceLineSwitchedOff(benchmark::State& state) {
-  for (auto _ : state) TraceWrite("Watch - Execute %s command: %s", "insert", "/usr/bin/true");
+  for (auto _ : state)
+    runtime::TraceWrite("Watch - Execute %s command: %s", "insert", "/usr/bin/true");
 }
 BENCHMARK(TraceLineSwitchedOff);
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::bench

@@ -33,7 +33,7 @@ constexpr CK_VERSION kVersion = {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR}
 constexpr std::size_t kSuiteValueSize = 8;
 
 struct Bridge {
-  CCritical guard;  ///< for everything below
+  runtime::CCritical guard;  ///< for everything below
   Slots slots;
   bool ours = false;     ///< it was us who initialised the module, not somebody else
   unsigned waiting = 0;  ///< threads in C_WaitForSlotEvent
@@ -53,7 +53,7 @@ const CK_FUNCTION_LIST* Running() {
 
 /// Never destroyed: a program may call from its own static destructors.
 Bridge& TheBridge() {
-  static Lasting<Bridge> bridge;
+  static runtime::Lasting<Bridge> bridge;
   return *bridge;
 }
 
@@ -61,7 +61,7 @@ Bridge& TheBridge() {
 /// child another thread, which is not there, may hold it.
 template <typename Operation>
 CK_RV AnswerWithModule(const Operation& operation) noexcept {
-  return AnswerOf([&operation]() -> CK_RV {
+  return pkcs11::AnswerOf([&operation]() -> CK_RV {
     const CK_FUNCTION_LIST* const module = Running();
     return module == nullptr ? CKR_CRYPTOKI_NOT_INITIALIZED : operation(*module);
   });
@@ -72,7 +72,7 @@ template <typename Operation>
 CK_RV AnswerWithSlots(const Operation& operation) noexcept {
   return AnswerWithModule([&operation](const CK_FUNCTION_LIST& module) -> CK_RV {
     Bridge& bridge = TheBridge();
-    const CriticalScope hold(&bridge.guard);
+    const runtime::CriticalScope hold(&bridge.guard);
     // It may have ended while the lock was waited for.
     if (Running() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
     return operation(module, bridge.slots);
@@ -157,7 +157,7 @@ CK_RV HandOutList(std::span<const CK_SLOT_ID> numbers, CK_SLOT_ID_PTR list, CK_U
 
 CK_RV AwaitSlotEvent(bool block, CK_SLOT_ID& number) {
   Bridge& bridge = TheBridge();
-  const CriticalScope hold(&bridge.guard);
+  const runtime::CriticalScope hold(&bridge.guard);
   for (;;) {
     if (Running() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (bridge.slots.TakeEvent(number)) return CKR_OK;
@@ -200,7 +200,7 @@ CK_RV GetSuiteAttribute(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE sessio
 CK_RV GetAttributes(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session,
                     CK_OBJECT_HANDLE object, std::span<CK_ATTRIBUTE> attributes) {
   const auto isSuite = [](const CK_ATTRIBUTE& attribute) {
-    return attribute.type == kSuiteAttribute;
+    return attribute.type == pkcs11::kSuiteAttribute;
   };
   if (std::none_of(attributes.begin(), attributes.end(), isSuite)) {
     return module.C_GetAttributeValue(session, object, attributes.data(), attributes.size());
@@ -240,9 +240,9 @@ struct PlainEntries {
 /// Those in which the bridge has a part.
 struct Entries : PlainEntries {
   static CK_RV Initialize(CK_VOID_PTR initArgs) noexcept {
-    return AnswerOf([&] {
+    return pkcs11::AnswerOf([&] {
       Bridge& bridge = TheBridge();
-      const CriticalScope hold(&bridge.guard);
+      const runtime::CriticalScope hold(&bridge.guard);
       return Begin(bridge, initArgs);
     });
   }
@@ -250,7 +250,7 @@ struct Entries : PlainEntries {
     return AnswerWithModule([&](const CK_FUNCTION_LIST&) -> CK_RV {
       if (reserved != nullptr) return CKR_ARGUMENTS_BAD;
       Bridge& bridge = TheBridge();
-      const CriticalScope hold(&bridge.guard);
+      const runtime::CriticalScope hold(&bridge.guard);
       return End(bridge);
     });
   }
@@ -365,9 +365,9 @@ CK_FUNCTION_LIST StandardFunctions() {
 }
 
 CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept {
-  return AnswerOf([&] {
+  return pkcs11::AnswerOf([&] {
     Bridge& bridge = TheBridge();
-    const CriticalScope hold(&bridge.guard);
+    const runtime::CriticalScope hold(&bridge.guard);
     (void)End(bridge);
     return Begin(bridge, initArgs);
   });
@@ -395,7 +395,7 @@ CK_RV GetVariable(const char* name, char* value, CK_ULONG_PTR length) noexcept {
 
 CK_RV SetVariable(const char* name, const char* value) noexcept {
   return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
-    return WriteVariable(module, slot, ViewOf(name), ViewOf(value));
+    return WriteVariable(module, slot, runtime::ViewOf(name), runtime::ViewOf(value));
   });
 }
 

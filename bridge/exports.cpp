@@ -9,7 +9,7 @@
 
 namespace {
 
-using Word = qixx::ExtensionWord;
+using Word = qixx::pkcs11::ExtensionWord;
 
 template <typename Value>
 Value* PointerOf(Word word) {
@@ -49,7 +49,7 @@ BRIDGE_REFUSED(C_RemoveExternalSlot, Word)
 
 QIXX_CK_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
   // Not constant: who loads the library writes what it finds by name into the extension's slots.
-  static qixx::ExtendedFunctionList functions = {
+  static qixx::pkcs11::ExtendedFunctionList functions = {
       qixx::bridge::StandardFunctions(),
       {&C_Reinitialize, &C_ResetToken, &C_UnlockPIN, &C_SetPINEx, &C_SetTraceFile,
        &C_SetTraceCallback, nullptr, &C_GenerateChallenge, &C_SetTokenTimeout, &C_SetVariable,

@@ -36,17 +36,17 @@ constexpr const char* kModuleFolders[] = {
 
 /// Reads the module's name, and switches the trace on at first.
 std::string ReadSettings() {
-  char module[kTextSize] = "";
-  char trace[kTextSize] = "";
-  CConfig config;
+  char module[runtime::kTextSize] = "";
+  char trace[runtime::kTextSize] = "";
+  config::CConfig config;
   config.OpenAll(false);  // whatever can be opened is asked
-  if (!ReadConfigText(config, "Trace", "bridge", trace, false)) {
-    (void)ReadConfigText(config, "Trace", "File", trace, false);
+  if (!config::ReadConfigText(config, "Trace", "bridge", trace, false)) {
+    (void)config::ReadConfigText(config, "Trace", "File", trace, false);
   }
-  (void)ReadConfigText(config, "Pkcs11", "Module", module, false);
+  (void)config::ReadConfigText(config, "Pkcs11", "Module", module, false);
   config.Close(true);
   // Each switching on writes a line, and a module that is missing is asked for again and again.
-  if (trace[0] != '\0' && !TraceIsOn()) TraceSetFile(trace);
+  if (trace[0] != '\0' && !runtime::TraceIsOn()) runtime::TraceSetFile(trace);
   return module[0] != '\0' ? module : kDefaultModule;
 }
 
@@ -67,12 +67,12 @@ void* Find(const std::string& name, std::string& path) {
   if (name.find('/') == std::string::npos) {
     for (const char* const folder : kModuleFolders) {
       path = folder + name;
-      if (!PathExists(path.c_str())) continue;
+      if (!runtime::PathExists(path.c_str())) continue;
       fault.clear();  // of a file that is there, the fault says more
       if (void* const library = Open(path, fault); library != nullptr) return library;
     }
   }
-  TraceWrite("Bridge - Failed to load '%s': %s", name.c_str(), fault.c_str());
+  runtime::TraceWrite("Bridge - Failed to load '%s': %s", name.c_str(), fault.c_str());
   return nullptr;
 }
 
@@ -111,11 +111,11 @@ bool TakeFunctions(void* library, const std::string& path, CK_FUNCTION_LIST& fun
   const auto obtain = reinterpret_cast<CK_C_GetFunctionList>(::dlsym(library, "C_GetFunctionList"));
   CK_FUNCTION_LIST* module = nullptr;
   if (obtain == &C_GetFunctionList) {
-    TraceWrite("Bridge - '%s' is the bridge itself", path.c_str());
+    runtime::TraceWrite("Bridge - '%s' is the bridge itself", path.c_str());
     return false;
   }
   if (obtain == nullptr || obtain(&module) != CKR_OK || module == nullptr) {
-    TraceWrite("Bridge - '%s' is no PKCS#11 module", path.c_str());
+    runtime::TraceWrite("Bridge - '%s' is no PKCS#11 module", path.c_str());
     return false;
   }
   Fill(*module, functions);
@@ -126,7 +126,7 @@ bool TakeFunctions(void* library, const std::string& path, CK_FUNCTION_LIST& fun
 
 const CK_FUNCTION_LIST* LoadModule() {
   static CK_FUNCTION_LIST functions;
-  InitProductIdentity();
+  runtime::InitProductIdentity();
   const std::string name = ReadSettings();
   std::string path;
   void* const library = Find(name, path);
@@ -135,7 +135,7 @@ const CK_FUNCTION_LIST* LoadModule() {
     ::dlclose(library);
     return nullptr;
   }
-  TraceWrite("Bridge - Loaded '%s'", path.c_str());
+  runtime::TraceWrite("Bridge - Loaded '%s'", path.c_str());
   return &functions;
 }
 

@@ -305,8 +305,8 @@ void Slots::Add(const Sight& sight) {
   std::string name(slot.Description());
   const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
   std::replace_if(name.begin(), name.end(), isControl, '_');  // it comes from a device
-  TraceWrite("Bridge - Slot %d is slot 0x%lx of the module, '%s'", static_cast<int>(slot.number),
-             slot.id, name.c_str());
+  runtime::TraceWrite("Bridge - Slot %d is slot 0x%lx of the module, '%s'",
+                      static_cast<int>(slot.number), slot.id, name.c_str());
 }
 
 /// For another slot of a reader one of that reader's numbers, as long as it has any.

@@ -20,7 +20,7 @@ struct StoreTemplate {
   CK_OBJECT_CLASS objectClass = CKO_DATA;
   CK_BBOOL onToken = CK_TRUE;
   CK_BBOOL isPrivate = CK_FALSE;
-  std::string application = Product().name;
+  std::string application = runtime::Product().name;
 
   std::array<CK_ATTRIBUTE, 6> Attributes(std::string& value) {
     return {{{CKA_CLASS, &objectClass, sizeof objectClass},
@@ -35,7 +35,7 @@ constexpr CK_ULONG kToFind = 5;
 
 std::string TakeText(std::string_view& rest) {
   const std::size_t end = std::min(rest.find('\0'), rest.size());
-  const std::string_view text = DropTrailingBlanks(rest.substr(0, end));
+  const std::string_view text = runtime::DropTrailingBlanks(rest.substr(0, end));
   rest.remove_prefix(std::min(end + 1, rest.size()));
   return std::string(text);
 }
@@ -66,7 +66,7 @@ auto FindIn(Variables& variables, std::string_view name) {
 }
 
 bool IsStorable(std::string_view text) {
-  return text.find('\0') == std::string_view::npos && DropTrailingBlanks(text) == text;
+  return text.find('\0') == std::string_view::npos && runtime::DropTrailingBlanks(text) == text;
 }
 
 /// The store of a token as it is found, and the session in which it was found.

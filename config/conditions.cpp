@@ -4,7 +4,7 @@
 
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::config {
 namespace {
 
 constexpr std::size_t kNone = std::string_view::npos;
@@ -27,8 +27,9 @@ std::string_view FileName(std::string_view path) {
 bool IsCallingApplication(std::string_view names, std::string_view application) {
   do {
     const std::string_view name = TakePart(names, ";");
-    const bool isPath = FindChar(name, '/') != kNone;
-    if (!name.empty() && EqualsNoCase(name, isPath ? application : FileName(application))) {
+    const bool isPath = runtime::FindChar(name, '/') != kNone;
+    if (!name.empty() &&
+        runtime::EqualsNoCase(name, isPath ? application : FileName(application))) {
       return true;
     }
   } while (names.data() != nullptr);
@@ -40,7 +41,7 @@ bool TermHolds(std::string_view term, const ConditionContext& context) {
   // Numeric conditions are reserved and hold nowhere.
   if (term.front() >= '0' && term.front() <= '9') return false;
   if (term.front() == '{') return context.isNamedConditionActive(term);
-  if (StartsWithNoCase(term, kModePrefix)) {
+  if (runtime::StartsWithNoCase(term, kModePrefix)) {
     return context.isModeActive(term.substr(kModePrefix.size()));
   }
   return IsCallingApplication(term, context.application);
@@ -71,4 +72,4 @@ std::string_view ResolveConditional(std::string_view value, const ConditionConte
   return value;
 }
 
-}  // namespace qixx
+}  // namespace qixx::config

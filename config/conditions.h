@@ -15,7 +15,7 @@
 #include <functional>
 #include <string_view>
 
-namespace qixx {
+namespace qixx::config {
 
 /// What conditions are judged by.
 struct ConditionContext {
@@ -34,4 +34,4 @@ struct ConditionContext {
 [[nodiscard]] std::string_view ResolveConditional(std::string_view value,
                                                   const ConditionContext& context);
 
-}  // namespace qixx
+}  // namespace qixx::config

@@ -15,7 +15,7 @@
 #include "runtime/files.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::config {
 namespace {
 
 constexpr std::size_t kLoadedTextReserve = 1024;
@@ -40,7 +40,7 @@ std::string_view FileName(std::string_view path) {
 bool HasEncodedName(std::string_view path) {
   const std::string_view name = FileName(path);
   const std::size_t dot = name.rfind('.');
-  return dot != kNoPosition && EqualsNoCase(name.substr(dot), kEncodedExtension);
+  return dot != kNoPosition && runtime::EqualsNoCase(name.substr(dot), kEncodedExtension);
 }
 
 std::time_t ModificationTime(const char* path) {
@@ -163,13 +163,13 @@ ConfigResult CConfigFile::LoadText(const char* data, std::size_t length) {
 ConfigResult CConfigFile::Open(bool writable, const char* path, bool quiet) {
   CConfigFile::Close(true);
   const char* const name = path == nullptr ? "" : path;
-  const bool isKept = CopyTextIfFits(path_, name);
+  const bool isKept = runtime::CopyTextIfFits(path_, name);
   if (isKept) {
     fileTime_ = ModificationTime(path_);
   } else {
     path_[0] = '\0';
   }
-  if (!quiet) TraceWrite("Config - Open '%s' (%s)", name, writable ? "w" : "r");
+  if (!quiet) runtime::TraceWrite("Config - Open '%s' (%s)", name, writable ? "w" : "r");
 
   writable_ = writable;
   encoded_ = HasEncodedName(name);
@@ -179,7 +179,7 @@ ConfigResult CConfigFile::Open(bool writable, const char* path, bool quiet) {
     CloseFile();
     text_.clear();
     modified_ = false;
-    TraceWrite("Config - Failed to open");
+    runtime::TraceWrite("Config - Failed to open");
   }
   if (!writable) {
     // Without any text there is nothing to look up, and the scan tells better what is missing.
@@ -210,7 +210,8 @@ bool CConfigFile::OpenFile(const char* path) {
   // The second try makes a missing file. It never empties one that could not be opened a moment
   // ago.
   descriptor_ = OpenRegular(path, writable_ ? O_RDWR : O_RDONLY);
-  if (descriptor_ < 0) descriptor_ = OpenRegular(path, writable_ ? O_RDWR | O_CREAT : O_RDONLY);
+  if (descriptor_ < 0)
+    descriptor_ = OpenRegular(path, writable_ ? O_RDWR | O_CREAT : O_RDONLY);
   return descriptor_ >= 0;
 }
 
@@ -241,7 +242,7 @@ bool CConfigFile::WriteText() {
   if (!Transcode(true)) return false;
   NormaliseForSave(text_);
   if (fileTime_ != 0 && ModificationTime(path_) != fileTime_) {
-    TraceWrite("Config - WARNING: File '%s' modified", path_);
+    runtime::TraceWrite("Config - WARNING: File '%s' modified", path_);
   }
   return ReplaceContent(descriptor_, text_);
 }
@@ -280,17 +281,17 @@ bool CConfigFile::IsOpen() const {
 }
 
 bool CConfigFile::IsProductFile() const {
-  const std::string_view prefix = Product().prefix;
+  const std::string_view prefix = runtime::Product().prefix;
   return !prefix.empty() && FileName(path_).starts_with(prefix);
 }
 
 ConfigResult CConfigFile::GetText(char* buffer, std::size_t& size) const {
   const std::span<char> area(buffer, buffer == nullptr ? 0 : size);
-  CopyTextCut(area, {});
+  runtime::CopyTextCut(area, {});
   size = text_.size();
   if (!hasText_) return kConfigFailed;
   if (buffer == nullptr) return kConfigOk;
-  return CopyTextIfFits(area, text_) ? kConfigOk : kConfigFailed;
+  return runtime::CopyTextIfFits(area, text_) ? kConfigOk : kConfigFailed;
 }
 
 void CConfigFile::ForgetCursors() {
@@ -320,7 +321,7 @@ std::size_t CConfigFile::ReadLine(std::span<char> buffer) {
   TextLine line;
   LineReader lines(text_, position_);
   position_ = lines.Next(line) ? line.end : text_.size();
-  return CopyTextCut(buffer, line.text);
+  return runtime::CopyTextCut(buffer, line.text);
 }
 
 ConfigResult CConfigFile::LookUpInText(const char* section, const char* entry,
@@ -361,7 +362,7 @@ ConfigResult CConfigFile::FindValueInText(const char* section, const char* entry
                                           std::span<char> buffer) {
   std::string_view value;
   const ConfigResult result = LookUpInText(section, entry, value);
-  CopyTextCut(buffer, value);
+  runtime::CopyTextCut(buffer, value);
   return result;
 }
 
@@ -369,7 +370,7 @@ ConfigResult CConfigFile::FindValueInTree(const char* section, const char* entry
                                           std::span<char> buffer) {
   std::string_view value;
   const ConfigResult result = LookUpInTree(section, entry, value);
-  CopyTextCut(buffer, value);
+  runtime::CopyTextCut(buffer, value);
   return result;
 }
 
@@ -377,24 +378,24 @@ ConfigResult CConfigFile::GetValue(const char* section, const char* entry, std::
                                    bool convert) {
   std::string_view value;
   const ConfigResult result = LookUp(section, entry, value);
-  CopyTextCut(buffer, convert ? Utf8ToLocal(value) : value);
+  runtime::CopyTextCut(buffer, convert ? runtime::Utf8ToLocal(value) : value);
   return result;
 }
 
 bool CConfigFile::SectionExists(const char* section) {
   TextLine header;
-  return FindHeader(text_, ViewOf(section), IsExactHeaderOf, header);
+  return FindHeader(text_, runtime::ViewOf(section), IsExactHeaderOf, header);
 }
 
 ConfigResult CConfigFile::GetBlock(const char* name, std::uint8_t*& data, std::size_t& length) {
   data = nullptr;
   length = 0;
   BlockSpan block;
-  if (ViewOf(name).empty() || !FindBlock(text_, name, block)) return kConfigFailed;
+  if (runtime::ViewOf(name).empty() || !FindBlock(text_, name, block)) return kConfigFailed;
   const std::size_t capacity = block.body.size() / 4 * 3 + 3;
   std::unique_ptr<std::uint8_t[]> decoded(new (std::nothrow) std::uint8_t[capacity]);
   if (decoded == nullptr) return kConfigFailed;
-  const int count = Base64Decode({decoded.get(), capacity}, block.body);
+  const int count = runtime::Base64Decode({decoded.get(), capacity}, block.body);
   if (count <= 0) return kConfigFailed;
   data = decoded.release();
   length = static_cast<std::size_t>(count);
@@ -416,19 +417,20 @@ ConfigResult CConfigFile::EnumEntries(std::span<char> section, std::span<char> e
   do {
     found = entryCursor_->Next(foundSection, foundEntry);
   } while (found && nextEntry_++ != wanted);
-  CopyTextCut(section, found ? foundSection : std::string_view{});
-  CopyTextCut(entry, found ? foundEntry : std::string_view{});
+  runtime::CopyTextCut(section, found ? foundSection : std::string_view{});
+  runtime::CopyTextCut(entry, found ? foundEntry : std::string_view{});
   return found ? kConfigOk : kConfigFailed;
 }
 
 ConfigResult CConfigFile::EnumSectionEntries(const char* section, std::span<char> entry,
                                              std::size_t& index) {
   const std::size_t wanted = index++;
-  CopyTextCut(entry, {});
+  runtime::CopyTextCut(entry, {});
   return Guarded([&] {
-    const std::string_view name = ViewOf(section);
+    const std::string_view name = runtime::ViewOf(section);
     SectionCursor& cursor = sectionCursor_;
-    if (cursor.position == 0 || cursor.next != wanted || !EqualsNoCase(cursor.section, name)) {
+    if (cursor.position == 0 || cursor.next != wanted ||
+        !runtime::EqualsNoCase(cursor.section, name)) {
       TextLine header;
       if (!FindHeader(text_, name, IsExactHeaderOf, header)) return kConfigFailed;
       cursor = {std::string(name), 0, header.end};
@@ -438,7 +440,7 @@ ConfigResult CConfigFile::EnumSectionEntries(const char* section, std::span<char
       if (IsComment(line.text)) continue;
       cursor.position = line.end;
       if (cursor.next++ != wanted) continue;
-      CopyTextCut(entry, EntryName(line.text));
+      runtime::CopyTextCut(entry, EntryName(line.text));
       return kConfigOk;
     }
     return kConfigFailed;
@@ -447,7 +449,7 @@ ConfigResult CConfigFile::EnumSectionEntries(const char* section, std::span<char
 
 ConfigResult CConfigFile::EnumBlocks(std::span<char> name, std::size_t& index) {
   const std::size_t wanted = index++;
-  CopyTextCut(name, {});
+  runtime::CopyTextCut(name, {});
   if (nextBlock_ != wanted) {
     nextBlock_ = 0;
     blockPosition_ = 0;
@@ -457,8 +459,9 @@ ConfigResult CConfigFile::EnumBlocks(std::span<char> name, std::size_t& index) {
     if (begin == std::string::npos) return kConfigFailed;
     blockPosition_ = begin + 2;
     if (nextBlock_++ != wanted) continue;
-    const std::string_view found = SkipBlanks(std::string_view(text_).substr(blockPosition_));
-    CopyTextCut(name, found.substr(0, found.find_first_of("= \r\n")));
+    const std::string_view found =
+        runtime::SkipBlanks(std::string_view(text_).substr(blockPosition_));
+    runtime::CopyTextCut(name, found.substr(0, found.find_first_of("= \r\n")));
     return kConfigOk;
   }
 }
@@ -488,13 +491,13 @@ ConfigResult CConfigFile::MakeRoom(std::size_t bytes, Change change) {
   const int needed = static_cast<int>(std::min(bytes, kMaximumConfigSize));
   switch (change) {
     case Change::kAdd:
-      TraceWrite("Config - Increase for add (%d)", needed);
+      runtime::TraceWrite("Config - Increase for add (%d)", needed);
       break;
     case Change::kSet:
-      TraceWrite("Config - Increase for set (%d)", needed);
+      runtime::TraceWrite("Config - Increase for set (%d)", needed);
       break;
     case Change::kRename:
-      TraceWrite("Config - Increase for rename (%d)", needed);
+      runtime::TraceWrite("Config - Increase for rename (%d)", needed);
       break;
   }
   return Grow(bytes);
@@ -521,15 +524,16 @@ ConfigResult CConfigFile::Adopt(std::string_view text, Change change) {
 
 ConfigResult CConfigFile::SetValue(const char* section, const char* entry, const char* value,
                                    bool convert) {
-  if (!hasText_ || ViewOf(section).empty()) return kConfigFailed;
+  if (!hasText_ || runtime::ViewOf(section).empty()) return kConfigFailed;
   return Guarded([&] {
     const std::string sectionName = OneLine(section);
-    const std::string entryName = OneLine(ViewOf(entry));
+    const std::string entryName = OneLine(runtime::ViewOf(entry));
     if (!IsEntryName(entryName)) return kConfigFailed;
     const EntrySearch found = FindEntry(text_, sectionName, entryName);
     const std::string head = found.result == kConfigNoSection ? SectionHead(sectionName)
                                                               : MissingLineEnd(text_, found.begin);
-    const std::string_view written = convert ? LocalToUtf8(ViewOf(value)) : ViewOf(value);
+    const std::string_view written =
+        convert ? runtime::LocalToUtf8(runtime::ViewOf(value)) : runtime::ViewOf(value);
     const std::string text = EntryText(head, entryName, written);
     if (text.empty()) return kConfigFailed;
     return Splice({found.begin, found.end}, text, Change::kSet);
@@ -537,10 +541,10 @@ ConfigResult CConfigFile::SetValue(const char* section, const char* entry, const
 }
 
 ConfigResult CConfigFile::AddValue(const char* section, const char* entry, const char* value) {
-  if (!hasText_ || ViewOf(section).empty()) return kConfigFailed;
+  if (!hasText_ || runtime::ViewOf(section).empty()) return kConfigFailed;
   return Guarded([&] {
     const std::string sectionName = OneLine(section);
-    const std::string entryName = OneLine(ViewOf(entry));
+    const std::string entryName = OneLine(runtime::ViewOf(entry));
     if (!IsEntryName(entryName)) return kConfigFailed;
     SectionSpan found;
     const bool exists = FindSection(text_, sectionName, found);
@@ -548,7 +552,7 @@ ConfigResult CConfigFile::AddValue(const char* section, const char* entry, const
     const std::size_t position = exists ? found.insertion : 0;
     const std::string head =
         exists ? std::string(MissingLineEnd(text_, position)) + '\n' : SectionHead(sectionName);
-    const std::string text = EntryText(head, entryName, ViewOf(value));
+    const std::string text = EntryText(head, entryName, runtime::ViewOf(value));
     if (text.empty()) return kConfigFailed;
     return Splice({position, position}, text, Change::kAdd);
   });
@@ -592,7 +596,7 @@ ConfigResult CConfigFile::SetBlock(const char* name, std::span<const std::uint8_
 
 ConfigResult CConfigFile::DeleteBlock(const char* name) {
   BlockSpan block;
-  if (ViewOf(name).empty() || !FindBlock(text_, name, block)) return kConfigFailed;
+  if (runtime::ViewOf(name).empty() || !FindBlock(text_, name, block)) return kConfigFailed;
   Erase(text_, block.range);
   Touch();
   return kConfigOk;
@@ -600,8 +604,8 @@ ConfigResult CConfigFile::DeleteBlock(const char* name) {
 
 ConfigResult CConfigFile::RenameSection(const char* oldName, const char* newName) {
   if (!hasText_) return kConfigFailed;
-  if (ViewOf(oldName).empty() || !SectionExists(oldName)) return kConfigOk;
-  if (ViewOf(newName).empty()) return kConfigFailed;
+  if (runtime::ViewOf(oldName).empty() || !SectionExists(oldName)) return kConfigOk;
+  if (runtime::ViewOf(newName).empty()) return kConfigFailed;
   return Guarded([&] {
     const std::string name = OneLine(newName);
     std::string merged;
@@ -613,7 +617,7 @@ ConfigResult CConfigFile::RenameSection(const char* oldName, const char* newName
 void CConfigFile::Sort() {
   (void)Guarded([&] {
     const std::string sorted = SortSections(text_);
-    return CompareNoCase(sorted, text_) == 0 ? kConfigOk : Adopt(sorted, Change::kSet);
+    return runtime::CompareNoCase(sorted, text_) == 0 ? kConfigOk : Adopt(sorted, Change::kSet);
   });
 }
 
@@ -649,4 +653,4 @@ void CConfigFile::RenameProfiles() {
   }
 }
 
-}  // namespace qixx
+}  // namespace qixx::config

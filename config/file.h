@@ -20,7 +20,7 @@
 #include "config/scan.h"
 #include "config/tree.h"
 
-namespace qixx {
+namespace qixx::config {
 
 /// The longest text that LoadText takes.
 inline constexpr std::size_t kMaximumLoadedText = 1048576;
@@ -130,4 +130,4 @@ class CConfigFile : public CConfigItem {
   std::size_t blockPosition_ = 0;
 };
 
-}  // namespace qixx
+}  // namespace qixx::config

@@ -9,7 +9,7 @@
 #include "config/scan.h"
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::config {
 namespace {
 
 constexpr int kEmptyLinePasses = 10;
@@ -70,12 +70,12 @@ std::vector<SortedSection> SplitSections(std::string_view text) {
 }
 
 bool NameLess(const SortedSection& a, const SortedSection& b) {
-  return CompareNoCase(a.name, b.name) < 0;
+  return runtime::CompareNoCase(a.name, b.name) < 0;
 }
 
 void ConvertFromUtf16(std::string& text) {
   std::string converted =
-      Utf16ToUtf8({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+      runtime::Utf16ToUtf8({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
   // Two bytes or more always give some text, so this is the memory.
   if (converted.empty()) throw std::bad_alloc();
   text = std::move(converted);
@@ -175,7 +175,7 @@ std::string SectionHead(std::string_view section) {
 
 std::string BlockText(std::string_view name, std::span<const std::uint8_t> data) {
   char* lines = nullptr;
-  Base64EncodeLines(data, lines);
+  runtime::Base64EncodeLines(data, lines);
   const std::unique_ptr<char[]> encoded(lines);
   if (encoded == nullptr) return {};
   std::string text("\n<");
@@ -185,8 +185,8 @@ std::string BlockText(std::string_view name, std::span<const std::uint8_t> data)
 
 std::string Folded(std::string_view text) {
   std::string folded(text);
-  std::transform(folded.begin(), folded.end(), folded.begin(), FoldCase);
+  std::transform(folded.begin(), folded.end(), folded.begin(), runtime::FoldCase);
   return folded;
 }
 
-}  // namespace qixx
+}  // namespace qixx::config

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-namespace qixx {
+namespace qixx::config {
 
 // --- whole texts ------------------------------------------------------------------------------
 
@@ -46,4 +46,4 @@ void ReplaceZeroBytes(std::string& text);
 /// The text with its ASCII letters in lower case.
 [[nodiscard]] std::string Folded(std::string_view text);
 
-}  // namespace qixx
+}  // namespace qixx::config

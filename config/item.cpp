@@ -1,6 +1,6 @@
 #include "config/item.h"
 
-namespace qixx {
+namespace qixx::config {
 
 ConfigResult CConfigItem::LoadText(const char* /*data*/, std::size_t /*length*/) {
   return kConfigFailed;
@@ -28,31 +28,31 @@ bool CConfigItem::IsProductFile() const {
 
 ConfigResult CConfigItem::EnumEntries(std::span<char> section, std::span<char> entry,
                                       std::size_t& /*index*/) {
-  CopyTextCut(section, {});
-  CopyTextCut(entry, {});
+  runtime::CopyTextCut(section, {});
+  runtime::CopyTextCut(entry, {});
   return kConfigFailed;
 }
 
 ConfigResult CConfigItem::EnumSectionEntries(const char* /*section*/, std::span<char> entry,
                                              std::size_t& /*index*/) {
-  CopyTextCut(entry, {});
+  runtime::CopyTextCut(entry, {});
   return kConfigFailed;
 }
 
 ConfigResult CConfigItem::EnumBlocks(std::span<char> name, std::size_t& /*index*/) {
-  CopyTextCut(name, {});
+  runtime::CopyTextCut(name, {});
   return kConfigFailed;
 }
 
 ConfigResult CConfigItem::GetText(char* buffer, std::size_t& size) const {
-  if (buffer != nullptr) CopyTextCut({buffer, size}, {});
+  if (buffer != nullptr) runtime::CopyTextCut({buffer, size}, {});
   size = 0;
   return kConfigFailed;
 }
 
 ConfigResult CConfigItem::GetValue(const char* /*section*/, const char* /*entry*/,
                                    std::span<char> buffer, bool /*convert*/) {
-  CopyTextCut(buffer, {});
+  runtime::CopyTextCut(buffer, {});
   return kConfigFailed;
 }
 
@@ -92,4 +92,4 @@ void CConfigItem::Sort() {}
 
 void CConfigItem::Migrate(bool /*force*/) {}
 
-}  // namespace qixx
+}  // namespace qixx::config

@@ -11,7 +11,7 @@
 #include "config/result.h"
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::config {
 
 /// What GetKind answers for a text file.
 inline constexpr std::uint32_t kConfigKindFile = 1;
@@ -79,7 +79,7 @@ class CConfigItem {
  protected:
   CConfigItem() = default;
 
-  char path_[kTextSize] = {};
+  char path_[runtime::kTextSize] = {};
 };
 
-}  // namespace qixx
+}  // namespace qixx::config

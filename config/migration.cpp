@@ -8,7 +8,7 @@
 #include "config/scan.h"
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::config {
 namespace {
 
 constexpr SectionAlias kSectionAliases[] = {
@@ -112,7 +112,8 @@ std::string SetEntries(std::string_view text, const SectionSpan& section,
 }
 
 bool IsImage(std::string_view line) {
-  return Contains(line, "=") && (StartsWithNoCase(line, "BMP") || StartsWithNoCase(line, "IMAGE"));
+  return Contains(line, "=") &&
+         (runtime::StartsWithNoCase(line, "BMP") || runtime::StartsWithNoCase(line, "IMAGE"));
 }
 
 using ValuesByName = std::unordered_map<std::string, std::string>;
@@ -142,7 +143,7 @@ std::string TakeImages(std::string_view text, std::string& images) {
       const std::string_view name = EntryName(line.text);
       const std::string_view value = EntryValue(line.text);
       const auto [target, isNew] = targets.try_emplace(Folded(name), value);
-      if (!isNew && !EqualsNoCase(target->second, value)) continue;
+      if (!isNew && !runtime::EqualsNoCase(target->second, value)) continue;
       if (isNew) images += LineOf(name, value);
       kept.append(text, copied, BeforeBlanks(text, line.begin) - copied);
       copied = BehindLineEnd(text, line.end);
@@ -166,7 +167,7 @@ bool MergeBeforeRename(std::string_view text, std::string_view oldName, std::str
                        std::string& merged) {
   TextLine target;
   TextLine header;
-  if (EqualsNoCase(oldName, newName) || !FindHeader(text, oldName, IsRewritable, target) ||
+  if (runtime::EqualsNoCase(oldName, newName) || !FindHeader(text, oldName, IsRewritable, target) ||
       !FindHeader(text, newName, IsExactHeaderOf, header)) {
     return false;
   }
@@ -214,4 +215,4 @@ bool MoveImages(std::string_view text, std::string& moved) {
   return true;
 }
 
-}  // namespace qixx
+}  // namespace qixx::config

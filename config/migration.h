@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-namespace qixx {
+namespace qixx::config {
 
 struct SectionAlias {
   char oldName[32];
@@ -36,4 +36,4 @@ inline constexpr const char* kProfileSection = "SmartCardProfile";
 /// that is there already with another value stays in both. False (and no result) without a change.
 [[nodiscard]] bool MoveImages(std::string_view text, std::string& moved);
 
-}  // namespace qixx
+}  // namespace qixx::config

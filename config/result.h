@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace qixx {
+namespace qixx::config {
 
 using ConfigResult = std::uint32_t;
 
@@ -15,4 +15,4 @@ inline constexpr ConfigResult kConfigNoPath = 48;
 inline constexpr ConfigResult kConfigNoSection = 0x80001001;
 inline constexpr ConfigResult kConfigNoEntry = 0x80001002;
 
-}  // namespace qixx
+}  // namespace qixx::config

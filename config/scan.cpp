@@ -4,7 +4,7 @@
 
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::config {
 namespace {
 
 constexpr std::string_view kBlockEnd = "/>";
@@ -15,15 +15,15 @@ TextLine LineIn(std::string_view text, TextRange range) {
 }
 
 bool IsEntryOf(std::string_view line, std::string_view entry) {
-  return line.size() > entry.size() && line[entry.size()] == '=' && StartsWithNoCase(line, entry) &&
-         !IsComment(line);
+  return line.size() > entry.size() && line[entry.size()] == '=' &&
+         runtime::StartsWithNoCase(line, entry) && !IsComment(line);
 }
 
 /// The body of a block of that name, whose text runs from '<' to "/>"; false for another name.
 bool MatchBlock(std::string_view block, std::string_view name, std::string_view& body) {
-  block = SkipBlanks(block.substr(1, block.size() - 1 - kBlockEnd.size()));
-  if (!StartsWithNoCase(block, name)) return false;
-  block = SkipBlanks(block.substr(name.size()));
+  block = runtime::SkipBlanks(block.substr(1, block.size() - 1 - kBlockEnd.size()));
+  if (!runtime::StartsWithNoCase(block, name)) return false;
+  block = runtime::SkipBlanks(block.substr(name.size()));
   if (!block.starts_with('=')) return false;
   body = block.substr(1);
   return true;
@@ -112,7 +112,7 @@ std::string_view HeaderName(std::string_view line) {
 
 bool IsHeaderOf(std::string_view line, std::string_view section) {
   return line.size() >= section.size() + 2 && line.front() == '[' &&
-         line[section.size() + 1] == ']' && StartsWithNoCase(line.substr(1), section);
+         line[section.size() + 1] == ']' && runtime::StartsWithNoCase(line.substr(1), section);
 }
 
 bool IsExactHeaderOf(std::string_view line, std::string_view section) {
@@ -129,7 +129,8 @@ std::string_view EntryName(std::string_view line) {
 
 std::string_view EntryValue(std::string_view line) {
   const std::size_t equals = line.find('=');
-  return equals == kNoPosition ? std::string_view{} : DropTrailingBlanks(line.substr(equals + 1));
+  return equals == kNoPosition ? std::string_view{}
+                               : runtime::DropTrailingBlanks(line.substr(equals + 1));
 }
 
 SectionSpan SpanOfSection(std::string_view text, const TextLine& header) {
@@ -211,4 +212,4 @@ bool FindBlock(std::string_view text, std::string_view name, BlockSpan& block, s
   return false;
 }
 
-}  // namespace qixx
+}  // namespace qixx::config

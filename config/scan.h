@@ -9,7 +9,7 @@
 
 #include "config/result.h"
 
-namespace qixx {
+namespace qixx::config {
 
 /// Steps in which the capacity of a text grows; also the longest text that one change writes.
 inline constexpr std::size_t kGrowthStep = 164096;
@@ -157,4 +157,4 @@ struct BlockSpan {
 [[nodiscard]] bool FindBlock(std::string_view text, std::string_view name, BlockSpan& block,
                              std::size_t from = 0);
 
-}  // namespace qixx
+}  // namespace qixx::config

@@ -20,7 +20,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::config {
 namespace {
 
 constexpr std::string_view kStaticPath = "static";
@@ -40,8 +40,8 @@ std::atomic<bool> staticMode{false};
 bool Join(std::span<char> area, std::initializer_list<std::string_view> parts) {
   std::size_t length = 0;
   for (const std::string_view part : parts) {
-    if (!CopyTextIfFits(area.subspan(std::min(length, area.size())), part)) {
-      CopyTextCut(area, {});
+    if (!runtime::CopyTextIfFits(area.subspan(std::min(length, area.size())), part)) {
+      runtime::CopyTextCut(area, {});
       return false;
     }
     length += part.size();
@@ -51,44 +51,45 @@ bool Join(std::span<char> area, std::initializer_list<std::string_view> parts) {
 
 /// The variable named by the product prefix and `name`; null when it is not set.
 const char* GetProductVariable(std::string_view name) {
-  char variable[kTextSize];
-  const std::string_view prefix = Product().prefix;
+  char variable[runtime::kTextSize];
+  const std::string_view prefix = runtime::Product().prefix;
   if (prefix.empty() || !Join(variable, {prefix, name})) return nullptr;
   return std::getenv(variable);
 }
 
 /// A path from the environment, when it is set, not empty and short enough.
 bool GetPathVariable(std::string_view name, std::span<char> path) {
-  const std::string_view value = LocalToUtf8(ViewOf(GetProductVariable(name)));
-  return !value.empty() && CopyTextIfFits(path, value);
+  const std::string_view value = runtime::LocalToUtf8(runtime::ViewOf(GetProductVariable(name)));
+  return !value.empty() && runtime::CopyTextIfFits(path, value);
 }
 
 /// The value that the environment gives a setting; null when it gives none.
 const char* FindOverride(const char* section, const char* entry) {
-  char name[kTextSize];
+  char name[runtime::kTextSize];
   return Join(name, {":", section, ":", entry}) ? GetProductVariable(name) : nullptr;
 }
 
 /// The product's directory below the home directory, with a '/' at its end.
 bool GetUserDirectory(std::span<char> directory) {
-  const std::string_view home = ViewOf(std::getenv("HOME"));
-  const std::string_view prefix = Product().prefix;
+  const std::string_view home = runtime::ViewOf(std::getenv("HOME"));
+  const std::string_view prefix = runtime::Product().prefix;
   if (home.empty() || prefix.empty()) return false;
   return Join(directory, {home, home.ends_with('/') ? "." : "/.", prefix, "/"});
 }
 
 /// A per-user installation is known by its library directory.
 bool HoldsLibraries(std::string_view directory) {
-  char path[kTextSize];
+  char path[runtime::kTextSize];
   struct stat info {};
   return Join(path, {directory, "lib"}) && ::stat(path, &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 /// Signed numbers are decimal; a hexadecimal one has no sign.
 std::int64_t ParseInteger(std::string_view text) {
-  if (!StartsWithNoCase(SkipBlanks(text), "0x")) return ParseSigned(text);
+  if (!runtime::StartsWithNoCase(runtime::SkipBlanks(text), "0x"))
+    return runtime::ParseSigned(text);
   constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
-  return static_cast<std::int64_t>(std::min(ParseNumber(text), kLargest));
+  return static_cast<std::int64_t>(std::min(runtime::ParseNumber(text), kLargest));
 }
 
 /// Fills `text` by `read`, which cuts what it reads to its area: the area grows until the text
@@ -96,10 +97,10 @@ std::int64_t ParseInteger(std::string_view text) {
 template <typename Reader>
 ConfigResult ReadWhole(Reader read, std::string& text) {
   constexpr std::size_t kGrowth = 4;
-  for (std::size_t size = kTextSize;; size *= kGrowth) {
+  for (std::size_t size = runtime::kTextSize;; size *= kGrowth) {
     text.resize(size);
     const ConfigResult result = read(std::span<char>(text));
-    const std::size_t length = TextOf(text).size();
+    const std::size_t length = runtime::TextOf(text).size();
     if (result == kConfigOk && length + 1 == size && size <= kMaximumLine) continue;
     text.resize(length);
     return result;
@@ -108,21 +109,21 @@ ConfigResult ReadWhole(Reader read, std::string& text) {
 
 // --- the reference file -----------------------------------------------------------------------
 
-CCritical& ReferenceLock() {
-  static Lasting<CCritical> lock;
+runtime::CCritical& ReferenceLock() {
+  static runtime::Lasting<runtime::CCritical> lock;
   return *lock;
 }
 
 /// Taken from the environment once; "0" when it names no file.
 const char* ReferencePath() {
-  static char path[kTextSize] = {};
-  if (path[0] == '\0' && !GetPathVariable("configref", path)) CopyTextCut(path, "0");
+  static char path[runtime::kTextSize] = {};
+  if (path[0] == '\0' && !GetPathVariable("configref", path)) runtime::CopyTextCut(path, "0");
   return path;
 }
 
 /// Adds the setting to the reference file unless it is there.
 void AddReference(const char* section, const char* entry) {
-  const CriticalScope hold(&ReferenceLock());
+  const runtime::CriticalScope hold(&ReferenceLock());
   CConfigFile file;
   char value[kItemIntegerSize];
   file.Open(false, ReferencePath(), true);
@@ -155,25 +156,25 @@ ConfigResult CConfig::Close(bool release) {
 
 ConfigResult CConfig::OpenAll(bool writable) {
   Close(true);
-  char local[kTextSize] = {};
-  char global[kTextSize] = {};
+  char local[runtime::kTextSize] = {};
+  char global[runtime::kTextSize] = {};
   ConfigResult result = FindLocalPath(local);
   if (result == kConfigOk) {
     result = OpenItem(writable, local);
-    if (result != kConfigOk) TraceWrite("Config - Open %s failed", "local");
+    if (result != kConfigOk) runtime::TraceWrite("Config - Open %s failed", "local");
   }
-  if (FindGlobalPath(global) == kConfigOk && TextOf(global) != TextOf(local)) {
+  if (FindGlobalPath(global) == kConfigOk && runtime::TextOf(global) != runtime::TextOf(local)) {
     result = OpenItem(writable, global);
-    if (result != kConfigOk) TraceWrite("Config - Open %s failed", "global");
+    if (result != kConfigOk) runtime::TraceWrite("Config - Open %s failed", "global");
   }
   return result;
 }
 
 ConfigResult CConfig::OpenDefault(bool writable) {
-  char path[kTextSize];
+  char path[runtime::kTextSize];
   const ConfigResult result = FindGlobalPath(path);
   if (result != kConfigOk) {
-    TraceWrite("Config - Failed to find config file");
+    runtime::TraceWrite("Config - Failed to find config file");
     return result;
   }
   return OpenItem(writable, path);
@@ -183,13 +184,13 @@ ConfigResult CConfig::OpenItem(bool writable, const char* path) {
   writable_ = writable;
   const auto free = std::find(std::begin(items_), std::end(items_), nullptr);
   if (free == std::end(items_)) {
-    TraceWrite("Config - No more internal objects");
+    runtime::TraceWrite("Config - No more internal objects");
     return kConfigFailed;
   }
   std::unique_ptr<CConfigItem> item(new (std::nothrow) CConfigFile);
   if (item == nullptr) return kConfigFailed;
   const bool isFirst = free == std::begin(items_);
-  const ConfigResult result = ViewOf(path) == kStaticPath
+  const ConfigResult result = runtime::ViewOf(path) == kStaticPath
                                   ? item->LoadText("", 0)
                                   : item->Open(writable && isFirst, path, false);
   if (result == kConfigOk) *free = std::move(item);
@@ -197,26 +198,26 @@ ConfigResult CConfig::OpenItem(bool writable, const char* path) {
 }
 
 ConfigResult CConfig::FindLocalPath(std::span<char> path) {
-  CopyTextCut(path, {});
+  runtime::CopyTextCut(path, {});
   if (GetPathVariable("configlocal", path)) return kConfigOk;
-  char directory[kTextSize];
+  char directory[runtime::kTextSize];
   if (!GetUserDirectory(directory)) return kConfigNoPath;
-  if (!PathExists(directory)) CreatePath(directory);
-  const bool fits = Join(path, {TextOf(directory), Product().configFile});
+  if (!runtime::PathExists(directory)) runtime::CreatePath(directory);
+  const bool fits = Join(path, {runtime::TextOf(directory), runtime::Product().configFile});
   return fits ? kConfigOk : kConfigNoPath;
 }
 
 ConfigResult CConfig::FindGlobalPath(std::span<char> path) {
-  CopyTextCut(path, {});
+  runtime::CopyTextCut(path, {});
   if (staticMode) return Join(path, {kStaticPath}) ? kConfigOk : kConfigNoPath;
   if (GetPathVariable("configglobal", path)) return kConfigOk;
-  const std::string_view file = Product().configFile;
+  const std::string_view file = runtime::Product().configFile;
   if (file.empty()) return kConfigNoPath;
 
-  char user[kTextSize];
-  const bool perUser = GetUserDirectory(user) && HoldsLibraries(TextOf(user));
-  const std::string_view directory = perUser ? TextOf(user) : "/etc/";
-  if (Join(path, {directory, file}) && PathExists(path.data())) return kConfigOk;
+  char user[runtime::kTextSize];
+  const bool perUser = GetUserDirectory(user) && HoldsLibraries(runtime::TextOf(user));
+  const std::string_view directory = perUser ? runtime::TextOf(user) : "/etc/";
+  if (Join(path, {directory, file}) && runtime::PathExists(path.data())) return kConfigOk;
   // The directory to fall back on is deliberately empty: the file of the current directory.
   return Join(path, {file}) ? kConfigOk : kConfigNoPath;
 }
@@ -242,12 +243,13 @@ ConfigResult CConfig::GetLayered(const char* section, const char* entry, std::sp
 /// One attempt: the environment, else the item. A value from the environment is reported as failed.
 ConfigResult CConfig::GetItemString(std::size_t item, const char* section, const char* entry,
                                     std::span<char> buffer, bool convert, bool raw) {
-  CopyTextCut(buffer, {});
+  runtime::CopyTextCut(buffer, {});
   if (section == nullptr || entry == nullptr) return kConfigFailed;
   CConfigItem* const held = Item(item);
   ConfigResult result = kConfigFailed;
   if (const char* value = FindOverride(section, entry); value != nullptr) {
-    (void)CopyTextIfFits(buffer, convert ? std::string_view(value) : LocalToUtf8(value));
+    (void)runtime::CopyTextIfFits(buffer,
+                                  convert ? std::string_view(value) : runtime::LocalToUtf8(value));
   } else if (held != nullptr) {
     result = raw ? held->GetValue(section, entry, buffer, convert)
                  : ReadResolved(*held, section, entry, buffer, convert);
@@ -264,7 +266,7 @@ ConfigResult CConfig::ReadResolved(CConfigItem& item, const char* section, const
     const ConfigResult result = ReadWhole(
         [&](std::span<char> area) { return item.GetValue(section, entry, area, convert); }, value);
     if (result != kConfigOk) return result;
-    CopyTextCut(buffer, IsConditional(value) ? Resolve(value) : value);
+    runtime::CopyTextCut(buffer, IsConditional(value) ? Resolve(value) : value);
     return kConfigOk;
   } catch (const std::exception&) {
     return kConfigFailed;
@@ -273,37 +275,38 @@ ConfigResult CConfig::ReadResolved(CConfigItem& item, const char* section, const
 
 bool ReadConfigText(CConfig& config, const char* section, const char* entry, std::span<char> buffer,
                     bool convert) {
-  return config.GetString(section, entry, buffer, convert) == kConfigOk || !TextOf(buffer).empty();
+  return config.GetString(section, entry, buffer, convert) == kConfigOk ||
+         !runtime::TextOf(buffer).empty();
 }
 
 ConfigResult CConfig::GetItemInteger(std::size_t item, const char* section, const char* entry,
                                      std::int32_t& value) {
   char text[kItemIntegerSize];
   const ConfigResult result = GetItemString(item, section, entry, text, false, raw_);
-  if (result != kConfigOk && TextOf(text).empty()) return result;
+  if (result != kConfigOk && runtime::TextOf(text).empty()) return result;
   using Limits = std::numeric_limits<std::int32_t>;
-  value = static_cast<std::int32_t>(
-      std::clamp<std::int64_t>(ParseSigned(TextOf(text)), Limits::min(), Limits::max()));
+  value = static_cast<std::int32_t>(std::clamp<std::int64_t>(
+      runtime::ParseSigned(runtime::TextOf(text)), Limits::min(), Limits::max()));
   return kConfigOk;
 }
 
 /// A number's text; one from the environment counts as read.
 ConfigResult CConfig::GetNumber(const char* section, const char* entry, std::span<char> buffer) {
   const ConfigResult result = GetString(section, entry, buffer, false);
-  return TextOf(buffer).empty() ? result : kConfigOk;
+  return runtime::TextOf(buffer).empty() ? result : kConfigOk;
 }
 
 ConfigResult CConfig::GetUnsigned(const char* section, const char* entry, std::uint64_t& value) {
   char text[kNumberSize];
   const ConfigResult result = GetNumber(section, entry, text);
-  if (result == kConfigOk) value = ParseNumber(TextOf(text));
+  if (result == kConfigOk) value = runtime::ParseNumber(runtime::TextOf(text));
   return result;
 }
 
 ConfigResult CConfig::GetInteger(const char* section, const char* entry, std::int64_t& value) {
   char text[kNumberSize];
   const ConfigResult result = GetNumber(section, entry, text);
-  if (result == kConfigOk) value = ParseInteger(TextOf(text));
+  if (result == kConfigOk) value = ParseInteger(runtime::TextOf(text));
   return result;
 }
 
@@ -316,9 +319,9 @@ ConfigResult CConfig::GetBoolean(const char* section, const char* entry, bool& v
 
 ConfigResult CConfig::GetQualified(const char* section, const char* entry, const char* qualifier,
                                    std::span<char> buffer, bool convert) {
-  CopyTextCut(buffer, {});
-  char name[kTextSize];
-  if (!Join(name, {ViewOf(entry), "_", ViewOf(qualifier)})) return kConfigFailed;
+  runtime::CopyTextCut(buffer, {});
+  char name[runtime::kTextSize];
+  if (!Join(name, {runtime::ViewOf(entry), "_", runtime::ViewOf(qualifier)})) return kConfigFailed;
   return GetString(section, name, buffer, convert);
 }
 
@@ -330,14 +333,14 @@ bool CConfig::SectionExists(const char* section) {
 
 ConfigResult CConfig::EnumEntries(std::span<char> section, std::span<char> entry,
                                   std::size_t& index) {
-  CopyTextCut(section, {});
-  CopyTextCut(entry, {});
+  runtime::CopyTextCut(section, {});
+  runtime::CopyTextCut(entry, {});
   return items_[0] == nullptr ? kConfigFailed : items_[0]->EnumEntries(section, entry, index);
 }
 
 ConfigResult CConfig::EnumSectionEntries(const char* section, std::span<char> entry,
                                          std::size_t& index) {
-  CopyTextCut(entry, {});
+  runtime::CopyTextCut(entry, {});
   const std::size_t wanted = index;
   ConfigResult result = kConfigFailed;
   // The first item that has the section is the one that is walked through, to its end.
@@ -408,33 +411,34 @@ bool CConfig::IsModeActive(std::string_view /*mode*/) const {
 }
 
 std::string_view CConfig::Resolve(std::string_view value) {
-  char application[kTextSize];
-  GetCallingApplication(application);
-  return ResolveConditional(
-      value,
-      {TextOf(application), [this](std::string_view name) { return IsNamedConditionActive(name); },
-       [this](std::string_view mode) { return IsModeActive(mode); }});
+  char application[runtime::kTextSize];
+  runtime::GetCallingApplication(application);
+  return ResolveConditional(value,
+                            {runtime::TextOf(application),
+                             [this](std::string_view name) { return IsNamedConditionActive(name); },
+                             [this](std::string_view mode) { return IsModeActive(mode); }});
 }
 
 bool CConfig::IsNamedConditionActive(std::string_view name) {
   if (activeConditions_ == nullptr) CollectNamedConditions();
   const char* const active = activeConditions_.get();
-  if (!conditionsReported_ && active[0] != '\0' && TraceIsOn()) {
-    TraceWrite("Config - Active named conditions: %s", active);
+  if (!conditionsReported_ && active[0] != '\0' && runtime::TraceIsOn()) {
+    runtime::TraceWrite("Config - Active named conditions: %s", active);
     conditionsReported_ = true;
   }
-  return FindText(active, name) != std::string_view::npos;
+  return runtime::FindText(active, name) != std::string_view::npos;
 }
 
 void CConfig::CollectNamedConditions() {
-  activeConditions_ = std::make_unique<char[]>(kTextSize);
-  const std::span<char> active(activeConditions_.get(), kTextSize);
-  char application[kTextSize];
-  GetCallingApplication(application);
+  activeConditions_ = std::make_unique<char[]>(runtime::kTextSize);
+  const std::span<char> active(activeConditions_.get(), runtime::kTextSize);
+  char application[runtime::kTextSize];
+  runtime::GetCallingApplication(application);
   // The list that is being made is asked, so a condition may build on those in front of it.
-  const ConditionContext context{TextOf(application),
+  const ConditionContext context{runtime::TextOf(application),
                                  [active](std::string_view name) {
-                                   return FindText(TextOf(active), name) != std::string_view::npos;
+                                   return runtime::FindText(runtime::TextOf(active), name) !=
+                                          std::string_view::npos;
                                  },
                                  [this](std::string_view mode) { return IsModeActive(mode); }};
 
@@ -450,9 +454,10 @@ void CConfig::CollectNamedConditions() {
     const std::size_t close = value.find('}');
     if (!value.starts_with('{') || close == std::string::npos) continue;
     const std::string_view name = std::string_view(value).substr(0, close + 1);
-    const std::string_view condition = SkipBlanks(std::string_view(value).substr(close + 1));
+    const std::string_view condition =
+        runtime::SkipBlanks(std::string_view(value).substr(close + 1));
     if (!ConditionHolds(condition, context)) continue;
-    (void)CopyTextIfFits(active.subspan(TextOf(active).size()), name);
+    (void)runtime::CopyTextIfFits(active.subspan(runtime::TextOf(active).size()), name);
   }
 }
 
@@ -464,10 +469,11 @@ void CConfig::RecordReference(const char* section, const char* entry) const {
     return item != nullptr && item->GetKind() == kConfigKindRecorded;
   });
   const std::string_view name = entry;
-  if (!wanted || ViewOf(section).empty() || name.empty() || FindChar(name, '_') != kNoPosition) {
+  if (!wanted || runtime::ViewOf(section).empty() || name.empty() ||
+      runtime::FindChar(name, '_') != kNoPosition) {
     return;
   }
   AddReference(section, entry);
 }
 
-}  // namespace qixx
+}  // namespace qixx::config

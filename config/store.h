@@ -14,7 +14,7 @@
 #include "config/item.h"
 #include "config/result.h"
 
-namespace qixx {
+namespace qixx::config {
 
 class CConfig {
  public:
@@ -112,4 +112,4 @@ class CConfigLang : public CConfig {};
 [[nodiscard]] bool ReadConfigText(CConfig& config, const char* section, const char* entry,
                                   std::span<char> buffer, bool convert);
 
-}  // namespace qixx
+}  // namespace qixx::config

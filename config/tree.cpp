@@ -8,7 +8,7 @@
 #include "runtime/lasting.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::config {
 namespace {
 
 /// Keeps a text of nothing but tiny lines from taking many times its size.
@@ -19,7 +19,8 @@ constexpr std::size_t kUsualLineLength = 32;
 /// FNV-1a over the folded bytes.
 std::uint32_t HashFolded(std::string_view name) {
   std::uint32_t hash = 2166136261U;
-  for (const char c : name) hash = (hash ^ static_cast<unsigned char>(FoldCase(c))) * 16777619U;
+  for (const char c : name)
+    hash = (hash ^ static_cast<unsigned char>(runtime::FoldCase(c))) * 16777619U;
   return hash;
 }
 
@@ -67,7 +68,7 @@ bool LookupTree::Parse() {
     if (line.front() == '[') {
       const std::string_view name = HeaderName(line);
       if (!name.empty()) section = Prepend(kRoot, NodeKind::kSection, name, {});
-    } else if (section != kRoot && FindChar(line, '=') != kNoPosition) {
+    } else if (section != kRoot && runtime::FindChar(line, '=') != kNoPosition) {
       (void)Prepend(section, NodeKind::kEntry, EntryName(line), EntryValue(line));
     }
   }
@@ -86,7 +87,7 @@ LookupTree::NodeIndex LookupTree::FindChild(NodeIndex parent, std::string_view n
   const std::uint32_t hash = HashFolded(name);
   NodeIndex child = nodes_[parent].firstChild;
   while (child != kRoot &&
-         (nodes_[child].nameHash != hash || !EqualsNoCase(nodes_[child].name, name))) {
+         (nodes_[child].nameHash != hash || !runtime::EqualsNoCase(nodes_[child].name, name))) {
     child = nodes_[child].nextSibling;
   }
   return child;
@@ -107,28 +108,28 @@ bool LookupTree::FindValue(std::string_view section, std::string_view entry,
 }
 
 CConfigTree::~CConfigTree() {
-  const CriticalScope hold(&lock_);
+  const runtime::CriticalScope hold(&lock_);
   for (Slot& slot : slots_) {
     if (slot.useCount == 0) continue;
-    TraceWrite("Config - WARNING Tree cache in use");
+    runtime::TraceWrite("Config - WARNING Tree cache in use");
     // Whoever still reads it goes on reading it.
     (void)slot.tree.release();
   }
 }
 
 CConfigTree& CConfigTree::Instance() {
-  static Lasting<CConfigTree> instance;
+  static runtime::Lasting<CConfigTree> instance;
   return *instance;
 }
 
 const LookupTree* CConfigTree::Attach(std::string_view path, std::string_view text) {
-  const CriticalScope hold(&lock_);
+  const runtime::CriticalScope hold(&lock_);
   Slot& slot = ChooseSlot(path);
   if (slot.tree == nullptr || slot.tree->Text() != text) {
     if (slot.useCount != 0) return nullptr;
     slot.tree = LookupTree::Build(text);
     slot.lastUse = 0;
-    CopyTextCut(slot.path, path);
+    runtime::CopyTextCut(slot.path, path);
     if (slot.tree == nullptr) return nullptr;
   }
   slot.lastUse = std::time(nullptr);
@@ -137,18 +138,18 @@ const LookupTree* CConfigTree::Attach(std::string_view path, std::string_view te
 }
 
 void CConfigTree::Release(const LookupTree* tree) {
-  const CriticalScope hold(&lock_);
+  const runtime::CriticalScope hold(&lock_);
   for (Slot& slot : slots_) {
     if (tree != nullptr && slot.tree.get() == tree && slot.useCount > 0) --slot.useCount;
   }
 }
 
 CConfigTree::Slot& CConfigTree::ChooseSlot(std::string_view path) {
-  const auto samePath = [path](const Slot& slot) { return TextOf(slot.path) == path; };
+  const auto samePath = [path](const Slot& slot) { return runtime::TextOf(slot.path) == path; };
   const auto found = std::find_if(std::begin(slots_), std::end(slots_), samePath);
   if (found != std::end(slots_)) return *found;
   return *std::min_element(std::begin(slots_), std::end(slots_),
                            [](const Slot& a, const Slot& b) { return a.lastUse < b.lastUse; });
 }
 
-}  // namespace qixx
+}  // namespace qixx::config

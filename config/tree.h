@@ -15,7 +15,7 @@
 #include "runtime/sync.h"
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::config {
 
 class LookupTree {
  public:
@@ -77,7 +77,7 @@ class CConfigTree {
 
  private:
   struct Slot {
-    char path[kTextSize] = {};
+    char path[runtime::kTextSize] = {};
     std::uint32_t useCount = 0;
     std::int64_t lastUse = 0;  ///< in seconds, 0 for never
     std::unique_ptr<const LookupTree> tree;
@@ -85,8 +85,8 @@ class CConfigTree {
 
   Slot& ChooseSlot(std::string_view path);
 
-  CCritical lock_;
+  runtime::CCritical lock_;
   Slot slots_[3];
 };
 
-}  // namespace qixx
+}  // namespace qixx::config

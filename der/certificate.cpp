@@ -9,7 +9,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::der {
 namespace {
 
 constexpr std::size_t kShortestCertificate = 4;
@@ -54,13 +54,13 @@ std::int32_t CDerCert::Clear() {
 
 std::int32_t CDerCert::SetData(Bytes bytes) {
   CDerCert::Clear();
-  TraceDump("data.cer", bytes);
+  runtime::TraceDump("data.cer", bytes);
   if (bytes.size() >= kShortestCertificate && bytes[0] == kTagSequence) {
     const std::int32_t result = DecodeCertificate(bytes);
     if (result != kDerOk) return result;
   } else {
     // Counts as a certificate without content: readers of such a value get empty answers.
-    TraceWrite("DerCertificate - Bad certificate value");
+    runtime::TraceWrite("DerCertificate - Bad certificate value");
   }
   decoded_ = true;
   selfSigned_ = SameBytes(issuer_, subject_);
@@ -73,7 +73,7 @@ std::int32_t CDerCert::SetData(Bytes bytes) {
 std::int32_t CDerCert::DecodeCertificate(Bytes bytes) {
   std::int32_t result = CDer::SetData(bytes);
   if (result != kDerOk) {
-    TraceWrite("DerCertificate - Generic decoding failed");
+    runtime::TraceWrite("DerCertificate - Generic decoding failed");
     return result;
   }
   const Bytes copy = WorkingCopy();
@@ -85,8 +85,8 @@ std::int32_t CDerCert::DecodeCertificate(Bytes bytes) {
   std::size_t claimed = 0;
   result = ParseElement(copy, content, claimed, &header);
   if (result != kDerOk) {
-    TraceWrite("DerCertificate - Failed to decode top sequence (%d bytes)",
-               static_cast<int>(copy.size()));
+    runtime::TraceWrite("DerCertificate - Failed to decode top sequence (%d bytes)",
+                        static_cast<int>(copy.size()));
     return result;
   }
   return DecodeParts(copy.subspan(header, std::min(claimed, copy.size() - header)), claimed);
@@ -108,21 +108,21 @@ std::int32_t CDerCert::DecodeParts(Bytes content, std::size_t claimedLength) {
     std::size_t header = 0;
     length = DecodeLength(rest, header);
     if (length < 0) {
-      TraceWrite("DerCertificate - Failed to get %s", part.name);
+      runtime::TraceWrite("DerCertificate - Failed to get %s", part.name);
       continue;
     }
     const std::size_t size = header + static_cast<std::size_t>(length);
     const std::int32_t result = (this->*part.decode)(rest.first(std::min(size, rest.size())));
     if (result != kDerOk) {
-      TraceWrite("DerCertificate - Failed to get %s", part.name);
+      runtime::TraceWrite("DerCertificate - Failed to get %s", part.name);
       return result;
     }
     position += size;
   }
   if (length < 0) return length;
   if (position >= claimedLength) return kDerOk;
-  TraceWrite("DerCertificate - %d bytes ignored at end",
-             static_cast<int>(claimedLength - position));
+  runtime::TraceWrite("DerCertificate - %d bytes ignored at end",
+                      static_cast<int>(claimedLength - position));
   return kDerLeftOver;
 }
 
@@ -209,7 +209,7 @@ bool CDerCert::FormatNames(std::size_t size) {
   issuerText_.reset(new (std::nothrow) char[size]);
   subjectText_.reset(new (std::nothrow) char[size]);
   if (issuerText_ == nullptr || subjectText_ == nullptr) {
-    TraceWrite("Der - Out of memory");
+    runtime::TraceWrite("Der - Out of memory");
     return false;
   }
   issuerLength_ = FormatNameText(issuer_, {issuerText_.get(), size});
@@ -268,10 +268,10 @@ Bytes CDerCert::FindExtension(std::string_view identifier) const {
 
 bool CDerCert::MatchNames(bool subjectByDefault, std::string_view filter) const {
   bool ofSubject = subjectByDefault;
-  if (StartsWithNoCase(filter, kSubjectSelector)) {
+  if (runtime::StartsWithNoCase(filter, kSubjectSelector)) {
     ofSubject = true;
     filter.remove_prefix(kSubjectSelector.size());
-  } else if (StartsWithNoCase(filter, kIssuerSelector)) {
+  } else if (runtime::StartsWithNoCase(filter, kIssuerSelector)) {
     ofSubject = false;
     filter.remove_prefix(kIssuerSelector.size());
   }
@@ -279,4 +279,4 @@ bool CDerCert::MatchNames(bool subjectByDefault, std::string_view filter) const 
                    : MatchName(issuer_, IssuerText(), filter);
 }
 
-}  // namespace qixx
+}  // namespace qixx::der

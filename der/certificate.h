@@ -16,7 +16,7 @@
 
 #include "der/der.h"
 
-namespace qixx {
+namespace qixx::der {
 
 inline constexpr std::size_t kMaxExtensions = 32;
 inline constexpr std::size_t kMaxKeyIdentifier = 64;
@@ -214,4 +214,4 @@ using CertificatePtr = std::unique_ptr<CertificateHolder, CertificateReleaser>;
 /// rank the same the one found first is kept, so the answer is false.
 [[nodiscard]] bool RanksHigher(const CertificateHolder& a, const CertificateHolder& b);
 
-}  // namespace qixx
+}  // namespace qixx::der

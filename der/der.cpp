@@ -11,7 +11,7 @@
 #include "der/names.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::der {
 namespace {
 
 constexpr std::uint8_t kIndefinite = 0x80;
@@ -222,7 +222,7 @@ std::int32_t EncodeDotted(std::string_view dotted, std::span<std::uint8_t> out, 
 
 std::int32_t DecodeLength(Bytes bytes, std::size_t& headerLength) {
   const std::int32_t length = LengthOf(bytes, headerLength, 0);
-  if (length < 0) TraceWrite("Der - Invalid length encoding");
+  if (length < 0) runtime::TraceWrite("Der - Invalid length encoding");
   return length;
 }
 
@@ -293,8 +293,8 @@ std::int32_t WrapElement(std::uint8_t tag, std::span<std::uint8_t> buffer, std::
   const std::size_t room = buffer.size() - std::min(length, buffer.size());
   const std::size_t need = LongestHeader(buffer.size());
   if (room < need) {
-    TraceWrite("Der - Buffer too small: have %d, need %d", static_cast<int>(room),
-               static_cast<int>(need));
+    runtime::TraceWrite("Der - Buffer too small: have %d, need %d", static_cast<int>(room),
+                        static_cast<int>(need));
     return kDerTooSmall;
   }
   if (length > std::numeric_limits<std::uint32_t>::max()) return kDerBadLength;
@@ -309,7 +309,7 @@ std::int32_t EncodeOid(std::string_view name, std::span<std::uint8_t> out, std::
   const bool isDotted = name.find('.') != std::string_view::npos;
   const std::string_view dotted = isDotted ? name : DottedAttributeName(name);
   if (dotted.empty()) {
-    TraceWrite("Der - Bad oid: '%.*s'", static_cast<int>(name.size()), name.data());
+    runtime::TraceWrite("Der - Bad oid: '%.*s'", static_cast<int>(name.size()), name.data());
     return kDerWrongTag;
   }
   std::size_t used = 0;
@@ -333,7 +333,7 @@ std::int32_t CDer::SetData(Bytes bytes) {
   workingLength_ = bytes.size();
   data_.reset(new (std::nothrow) std::uint8_t[bytes.size()]);
   if (data_ == nullptr) {
-    TraceWrite("Der - Out of memory");
+    runtime::TraceWrite("Der - Out of memory");
     return kDerOutOfMemory;
   }
   std::copy(bytes.begin(), bytes.end(), data_.get());
@@ -362,4 +362,4 @@ void CDer::ShortenData(std::size_t length) {
   dataLength_ = std::min(dataLength_, length);
 }
 
-}  // namespace qixx
+}  // namespace qixx::der

@@ -17,7 +17,7 @@
 #include <span>
 #include <string_view>
 
-namespace qixx {
+namespace qixx::der {
 
 using Bytes = std::span<const std::uint8_t>;
 
@@ -157,4 +157,4 @@ class CDer {
   std::size_t workingLength_ = 0;
 };
 
-}  // namespace qixx
+}  // namespace qixx::der

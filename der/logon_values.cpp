@@ -8,7 +8,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::der {
 namespace {
 
 // GeneralName (RFC 5280, 4.2.1.6), context-specific tags.
@@ -19,7 +19,7 @@ constexpr std::uint8_t kTagRfc822Name = 0x81;
 std::unique_ptr<std::uint8_t[]> FromBase64(Bytes text, std::size_t& length) {
   std::unique_ptr<std::uint8_t[]> decoded(new (std::nothrow) std::uint8_t[text.size()]);
   if (decoded == nullptr) return nullptr;
-  const int count = Base64Decode({decoded.get(), text.size()}, AsText(text));
+  const int count = runtime::Base64Decode({decoded.get(), text.size()}, AsText(text));
   if (count <= 0) return nullptr;
   length = static_cast<std::size_t>(count);
   return decoded;
@@ -69,7 +69,7 @@ void Empty(char* output, std::size_t size) {
 }
 
 void CopySerialNumber(const CertificateHolder& holder, char* serial, std::size_t size) {
-  const int length = HexEncode(GetSerialNumber(holder), {serial, size - 1});
+  const int length = runtime::HexEncode(GetSerialNumber(holder), {serial, size - 1});
   serial[length < 0 ? 0 : length] = '\0';
 }
 
@@ -79,9 +79,9 @@ std::uint64_t MomentOf(Bytes time) {
   constexpr std::size_t kGeneralizedDigits = 14;
   constexpr std::uint64_t kCentury = 1'00'00'00'00'00'00;
   const std::string_view text = AsText(ContentOf(time));
-  if (text.size() == kGeneralizedDigits + 1) return ParseDecimal(text);
+  if (text.size() == kGeneralizedDigits + 1) return runtime::ParseDecimal(text);
   if (text.size() != kUtcDigits + 1) return 0;
-  const std::uint64_t moment = ParseDecimal(text);
+  const std::uint64_t moment = runtime::ParseDecimal(text);
   return moment + (moment < kCentury / 2 ? 20 * kCentury : 19 * kCentury);
 }
 
@@ -210,7 +210,7 @@ bool AreDuplicates(const CertificateHolder& a, const CertificateHolder& b) {
   if (!a.certificate.HasSameIssuer(b.certificate)) return false;
   if (!a.certificate.HasSameSubject(b.certificate)) return false;
   if (!SameBytes(a.certificate.KeyUsage(), b.certificate.KeyUsage())) return false;
-  TraceWrite("Certificate - Duplicate");
+  runtime::TraceWrite("Certificate - Duplicate");
   return true;
 }
 
@@ -221,4 +221,4 @@ bool RanksHigher(const CertificateHolder& a, const CertificateHolder& b) {
   return MomentOf(a.certificate.NotBefore()) > MomentOf(b.certificate.NotBefore());
 }
 
-}  // namespace qixx
+}  // namespace qixx::der

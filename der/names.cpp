@@ -7,7 +7,7 @@
 
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::der {
 namespace {
 
 struct AttributeName {
@@ -258,7 +258,8 @@ class NameWriter {
 
 bool IsType(const Attribute& attribute, std::string_view type) {
   const std::string_view dotted = attribute.type.Text();
-  return type == dotted || (!type.empty() && EqualsNoCase(type, ShortAttributeName(dotted)));
+  return type == dotted ||
+         (!type.empty() && runtime::EqualsNoCase(type, ShortAttributeName(dotted)));
 }
 
 bool HasValue(const Attribute& attribute, std::string_view expected) {
@@ -266,7 +267,7 @@ bool HasValue(const Attribute& attribute, std::string_view expected) {
   char32_t c = 0;
   while (reader.Next(c)) {
     const Utf8Character character(c);
-    if (!StartsWithNoCase(expected, character.Text())) return false;
+    if (!runtime::StartsWithNoCase(expected, character.Text())) return false;
     expected.remove_prefix(character.Text().size());
   }
   return expected.empty();
@@ -284,7 +285,7 @@ bool HasAttribute(Bytes name, std::string_view type, std::string_view value) {
 bool MatchItem(Bytes name, std::string_view text, std::string_view item) {
   const std::size_t equals = item.find('=');
   if (equals == std::string_view::npos) {
-    return FindTextNoCase(text, item) != std::string_view::npos;
+    return runtime::FindTextNoCase(text, item) != std::string_view::npos;
   }
   return HasAttribute(name, item.substr(0, equals), item.substr(equals + 1));
 }
@@ -330,7 +331,7 @@ std::string_view ShortAttributeName(std::string_view dotted) {
 
 std::string_view DottedAttributeName(std::string_view shortName) {
   for (const AttributeName& name : kAttributeNames) {
-    if (EqualsNoCase(name.shortName, shortName)) return name.dotted;
+    if (runtime::EqualsNoCase(name.shortName, shortName)) return name.dotted;
   }
   return {};
 }
@@ -373,7 +374,8 @@ bool MatchName(Bytes name, std::string_view text, std::string_view filter) {
   bool asked = false;
   while (!filter.empty()) {
     const std::size_t end = std::min(filter.find(';'), filter.size());
-    const std::string_view item = DropTrailingBlanks(SkipBlanks(filter.substr(0, end)));
+    const std::string_view item =
+        runtime::DropTrailingBlanks(runtime::SkipBlanks(filter.substr(0, end)));
     filter.remove_prefix(std::min(end + 1, filter.size()));
     if (item.empty()) continue;
     if (MatchItem(name, text, item)) return true;
@@ -382,4 +384,4 @@ bool MatchName(Bytes name, std::string_view text, std::string_view filter) {
   return !asked;
 }
 
-}  // namespace qixx
+}  // namespace qixx::der

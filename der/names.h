@@ -13,7 +13,7 @@
 
 #include "der/der.h"
 
-namespace qixx {
+namespace qixx::der {
 
 /// The dotted identifier of the e-mail attribute; it has no short name.
 inline constexpr std::string_view kEmailAttribute = "1.2.840.113549.1.9.1";
@@ -43,4 +43,4 @@ bool FindNameValue(std::string_view text, std::string_view key, std::string& val
 /// letters) is ignored, blanks around alternatives too. A filter that asks for nothing matches.
 [[nodiscard]] bool MatchName(Bytes name, std::string_view text, std::string_view filter);
 
-}  // namespace qixx
+}  // namespace qixx::der

@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const bool prepared = [] {
     // The parser ends by reading the product configuration; there is none here.
     ::setenv("qixconfigglobal", "/nonexistent/qix.conf", 1);
-    InitProductIdentity();
+    runtime::InitProductIdentity();
     return true;
   }();
   static_cast<void>(prepared);
@@ -24,17 +24,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzzing::Input input(data, size);
   const std::string first = input.Line();
   const std::string second = input.Rest();
-  CWatchOptions record{};
-  static_cast<void>(ParseWatchOptions(first.c_str(), record));
-  static_cast<void>(ParseWatchOptions(second.c_str(), record));
+  watch::CWatchOptions record{};
+  static_cast<void>(watch::ParseWatchOptions(first.c_str(), record));
+  static_cast<void>(watch::ParseWatchOptions(second.c_str(), record));
   for (const char* field : {record.program, record.match, record.rest, record.section}) {
-    if (std::memchr(field, 0, kTextSize) == nullptr) std::abort();
+    if (std::memchr(field, 0, runtime::kTextSize) == nullptr) std::abort();
   }
   std::size_t count = 0;
-  char** vector = SplitArguments(first.c_str(), second.c_str(), count);
+  char** vector = runtime::SplitArguments(first.c_str(), second.c_str(), count);
   if (vector != nullptr && vector[count] != nullptr) std::abort();
-  FreeArguments(vector);
-  const std::unique_ptr<char[]> masked(MaskSecrets(second.c_str()));
+  runtime::FreeArguments(vector);
+  const std::unique_ptr<char[]> masked(runtime::MaskSecrets(second.c_str()));
   if (masked != nullptr && std::strlen(masked.get()) != std::strlen(second.c_str())) std::abort();
   return 0;
 }

@@ -26,7 +26,7 @@ constexpr std::size_t kWalkLimit = 2000;
 /// The file that is loaded and saved, one for each process.
 const std::string& FilePath() {
   static const std::string path = [] {
-    InitProductIdentity();
+    runtime::InitProductIdentity();
     std::string pattern = "/tmp/qixx-fuzz-XXXXXX";
     const int descriptor = ::mkstemp(pattern.data());
     if (descriptor < 0) std::abort();
@@ -38,17 +38,17 @@ const std::string& FilePath() {
   return path;
 }
 
-void Walk(CConfigFile& file) {
+void Walk(config::CConfigFile& file) {
   std::array<char, 256> section{};
   std::array<char, 256> entry{};
   std::array<char, 64> value{};
   for (std::size_t index = 0; index < kWalkLimit;) {
-    if (file.EnumEntries(section, entry, index) != kConfigOk) break;
+    if (file.EnumEntries(section, entry, index) != config::kConfigOk) break;
     static_cast<void>(file.GetValue(section.data(), entry.data(), value, true));
     if (std::memchr(value.data(), 0, value.size()) == nullptr) std::abort();
   }
   for (std::size_t index = 0; index < kWalkLimit;) {
-    if (file.EnumBlocks(entry, index) != kConfigOk) break;
+    if (file.EnumBlocks(entry, index) != config::kConfigOk) break;
     std::uint8_t* data = nullptr;
     std::size_t length = 0;
     static_cast<void>(file.GetBlock(entry.data(), data, length));
@@ -61,7 +61,7 @@ bool IsPlain(const std::string& text) {
   return text.find('\r') == std::string::npos && text.find("/>") == std::string::npos;
 }
 
-void Change(CConfigFile& file, std::uint8_t operation, fuzzing::Input& input) {
+void Change(config::CConfigFile& file, std::uint8_t operation, fuzzing::Input& input) {
   const std::string first = input.Line();
   const std::string second = input.Line();
   const std::string third = input.Line();
@@ -69,9 +69,11 @@ void Change(CConfigFile& file, std::uint8_t operation, fuzzing::Input& input) {
   std::size_t index = operation;
   switch (operation % 11) {
     case 0:
-      if (file.SetValue(first.c_str(), second.c_str(), third.c_str(), true) != kConfigOk) break;
+      if (file.SetValue(first.c_str(), second.c_str(), third.c_str(), true) != config::kConfigOk)
+        break;
       if (!IsPlain(first + second + third)) break;
-      if (file.GetValue(first.c_str(), second.c_str(), area, true) != kConfigOk) std::abort();
+      if (file.GetValue(first.c_str(), second.c_str(), area, true) != config::kConfigOk)
+        std::abort();
       break;
     case 1:
       file.AddValue(first.c_str(), second.c_str(), third.c_str());
@@ -117,10 +119,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (int number = 0; number < kOperations && input.Byte() != 0; ++number) {
     for (int line = 0; line < 3; ++line) static_cast<void>(input.Line());
   }
-  if (!WriteWholeFile(input.RestBytes(), path.c_str())) std::abort();
+  if (!runtime::WriteWholeFile(input.RestBytes(), path.c_str())) std::abort();
 
   {
-    CConfigFile file;
+    config::CConfigFile file;
     file.Open(true, path.c_str(), true);
     Walk(file);
     for (int number = 0; number < kOperations; ++number) {
@@ -131,15 +133,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     file.Close(true);
   }
   {
-    CConfigFile file;
+    config::CConfigFile file;
     file.Open(false, path.c_str(), true);
     Walk(file);
     file.Close(true);
   }
-  CConfig store;
-  if (store.OpenItem(false, path.c_str()) == kConfigOk) {
+  config::CConfig store;
+  if (store.OpenItem(false, path.c_str()) == config::kConfigOk) {
     std::array<char, 128> value{};
-    static_cast<void>(ReadConfigText(store, "Command", "Watch", value, true));
+    static_cast<void>(config::ReadConfigText(store, "Command", "Watch", value, true));
   }
   store.Close(true);
   return 0;

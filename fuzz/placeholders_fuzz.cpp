@@ -11,22 +11,23 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace qixx;
   fuzzing::Input input(data, size);
-  LogonValues values;
-  CopyTextCut(values.upn, input.Line());
-  CopyTextCut(values.subject, input.Line());
-  CopyTextCut(values.serial, input.Line());
+  watch::LogonValues values;
+  runtime::CopyTextCut(values.upn, input.Line());
+  runtime::CopyTextCut(values.subject, input.Line());
+  runtime::CopyTextCut(values.serial, input.Line());
   const std::string name = input.Line();
   const std::string value = input.Line();
 
-  for (const std::size_t area : {kInsertEntrySize, kRemoveEntrySize, std::size_t{1}}) {
+  for (const std::size_t area :
+       {watch::kInsertEntrySize, watch::kRemoveEntrySize, std::size_t{1}}) {
     std::string text(area, '\0');
-    CopyTextCut(text, input.Rest());
-    ReplaceLogonPlaceholders(values, text);
+    runtime::CopyTextCut(text, input.Rest());
+    watch::ReplaceLogonPlaceholders(values, text);
     if (text.find('\0') == std::string::npos) std::abort();
   }
   std::string text = input.Rest();
-  ReplaceAll(text, name, value);
-  CleanCardText(text);
+  watch::ReplaceAll(text, name, value);
+  watch::CleanCardText(text);
   if (text.find_first_of("\"\n\r\t") != std::string::npos) std::abort();
   return 0;
 }

@@ -12,8 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string name = input.Line();
   std::array<char, 32> output{};
   for (const std::size_t room : {std::size_t{0}, std::size_t{1}, output.size()}) {
-    const bool found =
-        qixx::CHelperPkcs11::FindVariable(input.RestBytes(), name, std::span(output).first(room));
+    const bool found = qixx::pkcs11::CHelperPkcs11::FindVariable(input.RestBytes(), name,
+                                                                 std::span(output).first(room));
     if (found && std::memchr(output.data(), 0, room) == nullptr) std::abort();
   }
   return 0;

@@ -5,7 +5,7 @@
 
 #include "pkcs11/cryptoki.h"
 
-namespace qixx {
+namespace qixx::pkcs11 {
 
 /// Runs the deed of an entry point. Nothing is thrown across: memory that ran out is
 /// CKR_HOST_MEMORY, anything else that was thrown, by whomever, CKR_GENERAL_ERROR.
@@ -20,4 +20,4 @@ CK_RV AnswerOf(const Operation& operation) noexcept {
   }
 }
 
-}  // namespace qixx
+}  // namespace qixx::pkcs11

@@ -11,7 +11,7 @@
 
 #include "pkcs11/cryptoki.h"
 
-namespace qixx {
+namespace qixx::pkcs11 {
 
 /// An attribute of the suite's certificate objects, eight bytes. Nothing here interprets it.
 inline constexpr CK_ATTRIBUTE_TYPE kSuiteAttribute = 0xFFFF0008;
@@ -57,4 +57,4 @@ static_assert(offsetof(ExtendedFunctionList, extension) == sizeof(CK_FUNCTION_LI
               "the slots follow the standard list without a gap");
 static_assert(sizeof(ExtensionSlots) == 11 * sizeof(void*));
 
-}  // namespace qixx
+}  // namespace qixx::pkcs11

@@ -11,7 +11,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::pkcs11 {
 
 namespace {
 
@@ -149,7 +149,7 @@ std::string_view TakePaddedText(std::string_view& rest) {
   const std::size_t end = std::min(rest.find('\0'), rest.size());
   const std::string_view text = rest.substr(0, end);
   rest.remove_prefix(std::min(end + 1, rest.size()));
-  return Utf8ToLocal(DropTrailingBlanks(text));
+  return runtime::Utf8ToLocal(runtime::DropTrailingBlanks(text));
 }
 
 // --- certificate objects -----------------------------------------------------------------------
@@ -160,13 +160,13 @@ struct CertificateObject {
   std::array<CK_BYTE, kMaxCertificateBytes> valueArea{};
   std::size_t valueLength = 0;
   std::array<char, kMaxLabel + 1> label{};  ///< terminated
-  std::array<CK_BYTE, kMaxKeyIdentifier> keyIdentifierArea{};
+  std::array<CK_BYTE, der::kMaxKeyIdentifier> keyIdentifierArea{};
   std::size_t keyIdentifierLength = 0;
   CK_BBOOL modifiable = CK_FALSE;
   std::array<CK_BYTE, 8> suiteValue{};  ///< read and not interpreted
 
-  [[nodiscard]] Bytes Value() const { return std::span(valueArea).first(valueLength); }
-  [[nodiscard]] Bytes KeyIdentifier() const {
+  [[nodiscard]] der::Bytes Value() const { return std::span(valueArea).first(valueLength); }
+  [[nodiscard]] der::Bytes KeyIdentifier() const {
     return std::span(keyIdentifierArea).first(keyIdentifierLength);
   }
 };
@@ -236,23 +236,23 @@ struct CertificateFilter {
   [[nodiscard]] bool AsksForNothing() const {
     return keyUsageMask == kAnyKeyUsage && first == nullptr && second == nullptr;
   }
-  [[nodiscard]] bool Passes(const CDerCert& certificate) const {
+  [[nodiscard]] bool Passes(const der::CDerCert& certificate) const {
     std::uint8_t keyUsage = 0;
-    if (GetKeyUsageBits(certificate, keyUsage) && (keyUsage & keyUsageMask) == 0) return false;
-    return MatchNames(certificate, true, LocalToUtf8(ViewOf(second))) &&
-           MatchNames(certificate, false, LocalToUtf8(ViewOf(first)));
+    if (der::GetKeyUsageBits(certificate, keyUsage) && (keyUsage & keyUsageMask) == 0) return false;
+    return der::MatchNames(certificate, true, runtime::LocalToUtf8(runtime::ViewOf(second))) &&
+           der::MatchNames(certificate, false, runtime::LocalToUtf8(runtime::ViewOf(first)));
   }
 };
 
 /// Null for no bytes, and when memory runs out.
-std::unique_ptr<CK_BYTE[]> CopyOf(Bytes bytes) {
+std::unique_ptr<CK_BYTE[]> CopyOf(der::Bytes bytes) {
   if (bytes.empty()) return nullptr;
   std::unique_ptr<CK_BYTE[]> copy(new (std::nothrow) CK_BYTE[bytes.size()]);
   if (copy != nullptr) std::copy(bytes.begin(), bytes.end(), copy.get());
   return copy;
 }
 
-bool HoldsValue(std::span<const CertificateEntry> entries, CK_SLOT_ID slot, Bytes value) {
+bool HoldsValue(std::span<const CertificateEntry> entries, CK_SLOT_ID slot, der::Bytes value) {
   return std::any_of(entries.begin(), entries.end(), [slot, value](const CertificateEntry& entry) {
     return entry.slot == slot && std::ranges::equal(entry.Value(), value);
   });
@@ -292,10 +292,10 @@ class Collection {
  private:
   bool AddObject(CK_SLOT_ID slot, CK_SESSION_HANDLE session) {
     if (object_.valueLength < kMinCertificateBytes) return false;
-    CDerCert certificate;
+    der::CDerCert certificate;
     char notBefore[kValiditySize] = {};
     char notAfter[kValiditySize] = {};
-    const bool parsed = certificate.SetData(object_.Value()) == kDerOk;
+    const bool parsed = certificate.SetData(object_.Value()) == der::kDerOk;
     if (parsed && filter_.Passes(certificate)) {
       certificate.CopyValidity(notBefore, notAfter);
     } else if (!filter_.AsksForNothing()) {
@@ -309,8 +309,8 @@ class Collection {
     place->session = session;
     place->expired = parsed && certificate.IsExpired();
     // What does not fit stays empty.
-    (void)CopyTextIfFits(place->notBefore, notBefore);
-    (void)CopyTextIfFits(place->notAfter, notAfter);
+    (void)runtime::CopyTextIfFits(place->notBefore, notBefore);
+    (void)runtime::CopyTextIfFits(place->notAfter, notAfter);
     return true;
   }
 
@@ -324,7 +324,7 @@ class Collection {
     entry.keyIdentifier = CopyOf(object_.KeyIdentifier());
     if (entry.keyIdentifier != nullptr) entry.keyIdentifierLength = object_.keyIdentifierLength;
     char* label = nullptr;
-    Duplicate(object_.label.data(), label);
+    runtime::Duplicate(object_.label.data(), label);
     entry.label.reset(label);
     entry.object = object_.handle;
     entry.kind = static_cast<std::uint32_t>(CKC_X_509);
@@ -367,8 +367,8 @@ CK_SLOT_ID CHelperPkcs11::NormalizeSlotId(CK_SLOT_ID slot) {
 
 // --- one certificate ---------------------------------------------------------------------------
 
-bool CHelperPkcs11::FindCertificateOnSlot(Bytes value, CK_SLOT_ID slot, CK_SESSION_HANDLE* session,
-                                          CK_OBJECT_HANDLE* object) {
+bool CHelperPkcs11::FindCertificateOnSlot(der::Bytes value, CK_SLOT_ID slot,
+                                          CK_SESSION_HANDLE* session, CK_OBJECT_HANDLE* object) {
   Session opened(slot);
   if (!opened.IsOpen()) return false;
   CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
@@ -383,7 +383,7 @@ bool CHelperPkcs11::FindCertificateOnSlot(Bytes value, CK_SLOT_ID slot, CK_SESSI
   return true;
 }
 
-bool CHelperPkcs11::FindCertificateOnAnySlot(Bytes value, CK_SLOT_ID* preferredSlot,
+bool CHelperPkcs11::FindCertificateOnAnySlot(der::Bytes value, CK_SLOT_ID* preferredSlot,
                                              CK_SESSION_HANDLE* session, CK_OBJECT_HANDLE* object) {
   TokenSlots tokenSlots;
   const std::span<CK_SLOT_ID> slots = tokenSlots.List();
@@ -399,7 +399,7 @@ bool CHelperPkcs11::FindCertificateOnAnySlot(Bytes value, CK_SLOT_ID* preferredS
   return false;
 }
 
-bool CHelperPkcs11::IsCertificatePresent(CK_SLOT_ID slot, Bytes value) {
+bool CHelperPkcs11::IsCertificatePresent(CK_SLOT_ID slot, der::Bytes value) {
   if (Pkcs11().InitializeCount() == 0) Pkcs11().Initialize(nullptr);
   if (slot != 0) return FindCertificateOnSlot(value, slot, nullptr, nullptr);
   return FindCertificateOnAnySlot(value, nullptr, nullptr, nullptr);
@@ -411,7 +411,7 @@ bool CHelperPkcs11::FindVariableObject(CK_SLOT_ID slot, bool isPrivate, bool cre
                                        CK_SESSION_HANDLE& session, CK_OBJECT_HANDLE& object) {
   if (slot == 0) return false;
   const std::string_view application =
-      LocalToUtf8(ViewOf(Product().name).substr(0, kMaxApplicationName));
+      runtime::LocalToUtf8(runtime::ViewOf(runtime::Product().name).substr(0, kMaxApplicationName));
   CK_OBJECT_CLASS objectClass = CKO_DATA;
   CK_BBOOL onToken = CK_TRUE;
   CK_BBOOL privacy = isPrivate ? CK_TRUE : CK_FALSE;
@@ -449,13 +449,13 @@ bool CHelperPkcs11::GetTokenVariable(CK_SLOT_ID slot, bool isPrivate, std::strin
   return read && FindVariable({store.get(), length}, name, output);
 }
 
-bool CHelperPkcs11::FindVariable(Bytes store, std::string_view name, std::span<char> output) {
+bool CHelperPkcs11::FindVariable(der::Bytes store, std::string_view name, std::span<char> output) {
   if (store.size() <= 2 || store[0] != 0) return false;
   std::string_view rest(reinterpret_cast<const char*>(store.data()) + 1, store.size() - 1);
   while (rest.size() > 3 && rest[0] != '\0') {
     const std::string_view found = TakePaddedText(rest);
     const std::string_view value = TakePaddedText(rest);
-    if (found == name) return CopyTextIfFits(output, value);
+    if (found == name) return runtime::CopyTextIfFits(output, value);
   }
   return false;
 }
@@ -469,8 +469,8 @@ void CertificateEntry::Clear() {
 bool CHelperPkcs11::GetCertificates(std::optional<CK_SLOT_ID> slotFilter, std::uint8_t keyUsageMask,
                                     const char* firstFilter, const char* secondFilter,
                                     std::span<CertificateEntry> entries) {
-  TraceWrite("HelperPkcs11 - Get certificates: 0x%.2X '%s' '%s'", keyUsageMask, firstFilter,
-             secondFilter);
+  runtime::TraceWrite("HelperPkcs11 - Get certificates: 0x%.2X '%s' '%s'", keyUsageMask,
+                      firstFilter, secondFilter);
   TokenSlots tokenSlots;
   const std::span<const CK_SLOT_ID> slots = tokenSlots.List();
   if (slots.empty()) return false;
@@ -496,9 +496,9 @@ std::size_t CHelperPkcs11::OrderCertificates(std::span<CertificateEntry> entries
   return count;
 }
 
-bool CHelperPkcs11::CollectCertificates(std::span<CertificatePtr> list, std::uint8_t keyUsageMask,
-                                        const char* subjectFilter, const char* issuerFilter,
-                                        bool markDuplicates) {
+bool CHelperPkcs11::CollectCertificates(std::span<der::CertificatePtr> list,
+                                        std::uint8_t keyUsageMask, const char* subjectFilter,
+                                        const char* issuerFilter, bool markDuplicates) {
   if (list.empty()) return false;
   const std::size_t places = list.size() - 1;
   const std::unique_ptr<CertificateEntry[]> memory(new (std::nothrow) CertificateEntry[places]);
@@ -517,28 +517,28 @@ bool CHelperPkcs11::CollectCertificates(std::span<CertificatePtr> list, std::uin
   return added;
 }
 
-bool CHelperPkcs11::AddCertificate(std::span<CertificatePtr> list, Bytes value, CK_SLOT_ID slot,
-                                   Bytes keyIdentifier, bool markDuplicates) {
+bool CHelperPkcs11::AddCertificate(std::span<der::CertificatePtr> list, der::Bytes value,
+                                   CK_SLOT_ID slot, der::Bytes keyIdentifier, bool markDuplicates) {
   if (value.empty() || list.empty()) return false;
   const auto last = list.end() - 1;  // stays null
   const auto place = std::find(list.begin(), last, nullptr);
   if (place == last) return false;
-  CertificatePtr added = LoadCertificate(value);
+  der::CertificatePtr added = der::LoadCertificate(value);
   if (added == nullptr) return false;
   added->slot = NormalizeSlotId(slot);
   added->rawSlot = slot;
 
   for (auto known = list.begin(); known != place; ++known) {
-    CertificateHolder& other = **known;
-    if (IsSameCertificate(other, *added)) {
+    der::CertificateHolder& other = **known;
+    if (der::IsSameCertificate(other, *added)) {
       if (other.slot == 0) {
         other.slot = added->slot;
         other.rawSlot = added->rawSlot;
       }
       return false;
     }
-    if (markDuplicates && AreDuplicates(other, *added)) {
-      (RanksHigher(*added, other) ? other : *added).superseded = true;
+    if (markDuplicates && der::AreDuplicates(other, *added)) {
+      (der::RanksHigher(*added, other) ? other : *added).superseded = true;
     }
   }
   added->SetKeyIdentifier(keyIdentifier);
@@ -546,4 +546,4 @@ bool CHelperPkcs11::AddCertificate(std::span<CertificatePtr> list, Bytes value, 
   return true;
 }
 
-}  // namespace qixx
+}  // namespace qixx::pkcs11

@@ -17,7 +17,7 @@
 #include "der/certificate.h"
 #include "pkcs11/cryptoki.h"
 
-namespace qixx {
+namespace qixx::pkcs11 {
 
 /// The slot field and the kind of a free certificate entry.
 inline constexpr CK_SLOT_ID kFreeSlot = 0xFFFFFFFF;
@@ -42,8 +42,10 @@ struct CertificateEntry {
   bool expired = false;  ///< at the time of reading
 
   [[nodiscard]] bool IsFree() const { return slot == kFreeSlot; }
-  [[nodiscard]] Bytes Value() const { return {value.get(), valueLength}; }
-  [[nodiscard]] Bytes KeyIdentifier() const { return {keyIdentifier.get(), keyIdentifierLength}; }
+  [[nodiscard]] der::Bytes Value() const { return {value.get(), valueLength}; }
+  [[nodiscard]] der::Bytes KeyIdentifier() const {
+    return {keyIdentifier.get(), keyIdentifierLength};
+  }
   /// Frees what it holds and makes the entry a free one.
   void Clear();
 };
@@ -71,19 +73,19 @@ class CHelperPkcs11 {
 
   /// Looks for the certificate object with this value. With a `session` the open session is handed
   /// out on success, for the caller to close. Outputs may be null and are set on success only.
-  [[nodiscard]] static bool FindCertificateOnSlot(Bytes value, CK_SLOT_ID slot,
+  [[nodiscard]] static bool FindCertificateOnSlot(der::Bytes value, CK_SLOT_ID slot,
                                                   CK_SESSION_HANDLE* session,
                                                   CK_OBJECT_HANDLE* object);
 
   /// The same on every slot with a token, the one in `preferredSlot` (may be null) first;
   /// `preferredSlot` receives the slot that has it.
-  [[nodiscard]] static bool FindCertificateOnAnySlot(Bytes value, CK_SLOT_ID* preferredSlot,
+  [[nodiscard]] static bool FindCertificateOnAnySlot(der::Bytes value, CK_SLOT_ID* preferredSlot,
                                                      CK_SESSION_HANDLE* session,
                                                      CK_OBJECT_HANDLE* object);
 
   /// Whether the certificate is on the token in `slot`, or on any token for slot 0. Initialises the
   /// library when nobody has; that reference is never given back, as intended.
-  [[nodiscard]] static bool IsCertificatePresent(CK_SLOT_ID slot, Bytes value);
+  [[nodiscard]] static bool IsCertificatePresent(CK_SLOT_ID slot, der::Bytes value);
 
   // --- token variables -------------------------------------------------------------------------
 
@@ -101,7 +103,7 @@ class CHelperPkcs11 {
 
   /// The same in a stored value: a zero byte, then names and values by turns, each padded with
   /// blanks and ended by a zero byte or by the end.
-  [[nodiscard]] static bool FindVariable(Bytes store, std::string_view name,
+  [[nodiscard]] static bool FindVariable(der::Bytes store, std::string_view name,
                                          std::span<char> output);
 
   // --- all certificates ------------------------------------------------------------------------
@@ -111,7 +113,7 @@ class CHelperPkcs11 {
   /// CDerCert::MatchNames, applied to the subject and to the issuer unless they say otherwise. With
   /// `markDuplicates` the lower of two duplicates is marked as superseded. True when at least one
   /// was added.
-  static bool CollectCertificates(std::span<CertificatePtr> list, std::uint8_t keyUsageMask,
+  static bool CollectCertificates(std::span<der::CertificatePtr> list, std::uint8_t keyUsageMask,
                                   const char* subjectFilter, const char* issuerFilter,
                                   bool markDuplicates);
 
@@ -124,12 +126,12 @@ class CHelperPkcs11 {
 
   /// Loads one certificate into the first empty place. False when it is unreadable, already in the
   /// list or when there is no place.
-  static bool AddCertificate(std::span<CertificatePtr> list, Bytes value, CK_SLOT_ID slot,
-                             Bytes keyIdentifier, bool markDuplicates);
+  static bool AddCertificate(std::span<der::CertificatePtr> list, der::Bytes value, CK_SLOT_ID slot,
+                             der::Bytes keyIdentifier, bool markDuplicates);
 
   /// Moves expired certificates behind the others, each group in its order. Returns the number of
   /// entries without those at the end that hold no value.
   static std::size_t OrderCertificates(std::span<CertificateEntry> entries);
 };
 
-}  // namespace qixx
+}  // namespace qixx::pkcs11

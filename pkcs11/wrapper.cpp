@@ -12,7 +12,7 @@
 #include "runtime/files.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::pkcs11 {
 
 namespace {
 
@@ -20,8 +20,8 @@ namespace {
 constexpr std::uint64_t kMaxReleases = 11;
 
 /// The handle that stands for a library inside the program.
-LibraryHandle StaticLibrary() {
-  return std::bit_cast<LibraryHandle>(~std::uintptr_t{0});
+runtime::LibraryHandle StaticLibrary() {
+  return std::bit_cast<runtime::LibraryHandle>(~std::uintptr_t{0});
 }
 
 struct ExtensionLookup {
@@ -65,7 +65,7 @@ CWrapperPkcs11& Pkcs11() {
 }
 
 CWrapperPkcs11::~CWrapperPkcs11() {
-  TraceWrite("WrapperPkcs11 - Destroyed");
+  runtime::TraceWrite("WrapperPkcs11 - Destroyed");
 }
 
 // --- the standard's functions ------------------------------------------------------------------
@@ -113,7 +113,7 @@ CK_RV CWrapperPkcs11::SetPIN(CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR oldPin,
 CK_RV CWrapperPkcs11::WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserved) {
   if (!static_) return WaitForLibrarySlotEvent(flags, slot, reserved);
   if (initializeCount_ != 0) return CKR_NO_EVENT;
-  TraceWrite("WrapperPkcs11 - No event before initialize");
+  runtime::TraceWrite("WrapperPkcs11 - No event before initialize");
   return CKR_CRYPTOKI_NOT_INITIALIZED;
 }
 
@@ -130,16 +130,16 @@ bool CWrapperPkcs11::HasNewEvent(std::uint64_t& lastSeen) {
   const std::uint64_t seen = newEvents_ + 1;
   const bool isNew = seen != lastSeen;
   lastSeen = seen;
-  if (isNew) TraceWrite("WrapperPkcs11 - Has new event");
+  if (isNew) runtime::TraceWrite("WrapperPkcs11 - Has new event");
   return isNew;
 }
 
 // --- the library -------------------------------------------------------------------------------
 
 bool CWrapperPkcs11::Load(const char* path) {
-  char found[kTextSize] = "static";
+  char found[runtime::kTextSize] = "static";
   if (library_ == nullptr && !LoadNow(path, found)) return false;
-  TraceWrite("WrapperPkcs11 - Loaded%s '%s'", extended_ ? " extended" : "", found);
+  runtime::TraceWrite("WrapperPkcs11 - Loaded%s '%s'", extended_ ? " extended" : "", found);
   return true;
 }
 
@@ -149,11 +149,11 @@ bool CWrapperPkcs11::LoadNow(const char* path, std::span<char> found) {
     extended_ = true;
     return true;
   }
-  library_ = LoadLibrarySearch(path, found);
+  library_ = runtime::LoadLibrarySearch(path, found);
   if (library_ == nullptr) return false;
-  CopyTextCut(libraryPath_, TextOf(found));
+  runtime::CopyTextCut(libraryPath_, runtime::TextOf(found));
   if (!ObtainFunctionList()) {
-    CloseLibrary(library_);
+    runtime::CloseLibrary(library_);
     library_ = nullptr;
     return false;
   }
@@ -164,7 +164,7 @@ bool CWrapperPkcs11::LoadNow(const char* path, std::span<char> found) {
 
 bool CWrapperPkcs11::ObtainFunctionList() {
   const auto obtain =
-      reinterpret_cast<CK_C_GetFunctionList>(FindSymbol(library_, "C_GetFunctionList"));
+      reinterpret_cast<CK_C_GetFunctionList>(runtime::FindSymbol(library_, "C_GetFunctionList"));
   if (obtain != nullptr && obtain(&functions_) != CKR_OK) functions_ = nullptr;
   return functions_ != nullptr;
 }
@@ -173,10 +173,10 @@ void CWrapperPkcs11::ResolveExtensions() {
   void* found[std::size(kExtensionLookups)];
   bool any = false;
   for (std::size_t i = 0; i < std::size(kExtensionLookups); ++i) {
-    found[i] = FindSymbol(library_, kExtensionLookups[i].name);
+    found[i] = runtime::FindSymbol(library_, kExtensionLookups[i].name);
     any = any || found[i] != nullptr;
     if (found[i] != nullptr) continue;
-    TraceWrite("WrapperPkcs11 - Function %s missing", kExtensionLookups[i].name);
+    runtime::TraceWrite("WrapperPkcs11 - Function %s missing", kExtensionLookups[i].name);
   }
   if (!any) return;  // a plain standard module: what lies behind its list is not ours
   extension_ = &reinterpret_cast<ExtendedFunctionList*>(functions_)->extension;
@@ -191,7 +191,8 @@ bool CWrapperPkcs11::EnsureLoaded() {
 }
 
 const char* CWrapperPkcs11::PathToLoad() {
-  if (libraryPath_[0] == '\0') CopyTextCut(libraryPath_, ViewOf(Product().pkcs11Library));
+  if (libraryPath_[0] == '\0')
+    runtime::CopyTextCut(libraryPath_, runtime::ViewOf(runtime::Product().pkcs11Library));
   return libraryPath_;
 }
 
@@ -200,25 +201,25 @@ bool CWrapperPkcs11::Release() {
   functions_ = nullptr;
   extension_ = nullptr;
   if (library_ == nullptr) return false;
-  if (library_ != StaticLibrary()) CloseLibrary(library_);
+  if (library_ != StaticLibrary()) runtime::CloseLibrary(library_);
   library_ = nullptr;
-  TraceWrite("WrapperPkcs11 - Released");
+  runtime::TraceWrite("WrapperPkcs11 - Released");
   return true;
 }
 
 bool CWrapperPkcs11::LoadLibraryFromConfig() {
-  CConfig config;
-  if (config.OpenAll(false) != kConfigOk) return false;
-  char path[kTextSize] = {};
-  if (ReadConfigText(config, "Pkcs11", "Library", path, true)) {
-    CopyTextCut(libraryPath_, TextOf(path));
+  config::CConfig config;
+  if (config.OpenAll(false) != config::kConfigOk) return false;
+  char path[runtime::kTextSize] = {};
+  if (config::ReadConfigText(config, "Pkcs11", "Library", path, true)) {
+    runtime::CopyTextCut(libraryPath_, runtime::TextOf(path));
   }
   config.Close(true);
   return true;
 }
 
 bool CWrapperPkcs11::SetLibraryPath(const char* path) {
-  return CopyTextIfFits(libraryPath_, ViewOf(path));
+  return runtime::CopyTextIfFits(libraryPath_, runtime::ViewOf(path));
 }
 
 // --- initialisation ----------------------------------------------------------------------------
@@ -226,12 +227,12 @@ bool CWrapperPkcs11::SetLibraryPath(const char* path) {
 CK_RV CWrapperPkcs11::Initialize(CK_VOID_PTR initArgs) {
   if (initializeCount_ != 0) {
     ++initializeCount_;
-    TraceWrite("WrapperPkcs11 - Initialize count %d at initialize", Count());
+    runtime::TraceWrite("WrapperPkcs11 - Initialize count %d at initialize", Count());
     return CKR_OK;
   }
   if (!EnsureLoaded()) {
-    TraceWrite("WrapperPkcs11 - Failed to load library");
-    TraceWrite("WrapperPkcs11 - Initialize count %d at initialize", Count());
+    runtime::TraceWrite("WrapperPkcs11 - Failed to load library");
+    runtime::TraceWrite("WrapperPkcs11 - Initialize count %d at initialize", Count());
     return CKR_GENERAL_ERROR;
   }
   if (functions_ == nullptr || functions_->C_Initialize == nullptr) return CKR_GENERAL_ERROR;
@@ -239,11 +240,11 @@ CK_RV CWrapperPkcs11::Initialize(CK_VOID_PTR initArgs) {
   if (result == CKR_OK) {
     initializedByUs_ = true;
   } else if (result != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
-    TraceWrite("WrapperPkcs11 - Initialize count %d at initialize", Count());
+    runtime::TraceWrite("WrapperPkcs11 - Initialize count %d at initialize", Count());
     return result;
   }
   initializeCount_ = 1;
-  TraceWrite("WrapperPkcs11 - Initialize count %d at initialize", Count());
+  runtime::TraceWrite("WrapperPkcs11 - Initialize count %d at initialize", Count());
   return CKR_OK;
 }
 
@@ -259,31 +260,31 @@ CK_RV CWrapperPkcs11::Finalize(CK_VOID_PTR reserved) {
     }
     initializedByUs_ = false;
   }
-  TraceWrite("WrapperPkcs11 - Initialize count %d at finalize", Count());
+  runtime::TraceWrite("WrapperPkcs11 - Initialize count %d at finalize", Count());
   return result;
 }
 
 CK_RV CWrapperPkcs11::Reinitialize(CK_VOID_PTR initArgs) {
   if (extended_) return CallExtension(&ExtensionSlots::C_Reinitialize, initArgs);
 
-  const LibraryHandle library = library_;
+  const runtime::LibraryHandle library = library_;
   const std::uint64_t count = initializeCount_;
   std::uint64_t finalized = 0;
   while (finalized < kMaxReleases && Finalize(nullptr) == CKR_OK) ++finalized;
   Release();
   const std::uint64_t closed = CloseRemaining(library);
-  TraceWrite("WrapperPkcs11 - Reinitialize released (%d:%d:%d)", static_cast<int>(count),
-             static_cast<int>(finalized), static_cast<int>(closed));
+  runtime::TraceWrite("WrapperPkcs11 - Reinitialize released (%d:%d:%d)", static_cast<int>(count),
+                      static_cast<int>(finalized), static_cast<int>(closed));
 
   Load(PathToLoad());
   for (std::uint64_t i = 0; i < finalized && Initialize(nullptr) == CKR_OK;) ++i;
   // Other users of the process hold these references and will close them.
-  for (std::uint64_t i = 0; i < closed && OpenLibrary(libraryPath_) != nullptr;) ++i;
+  for (std::uint64_t i = 0; i < closed && runtime::OpenLibrary(libraryPath_) != nullptr;) ++i;
   initializeCount_ = count;
   return CKR_OK;
 }
 
-std::uint64_t CWrapperPkcs11::CloseRemaining(LibraryHandle library) const {
+std::uint64_t CWrapperPkcs11::CloseRemaining(runtime::LibraryHandle library) const {
   if (library == nullptr || library == StaticLibrary()) return 0;
   std::uint64_t closed = 0;
   // Only the loader's word that the library is still there makes its handle safe to use.
@@ -346,8 +347,8 @@ template <typename Function>
 bool CWrapperPkcs11::FindOnce(Function& cached, const char* name) {
   if (cached != nullptr) return true;
   // The reference stays for as long as the process, since the address does.
-  const LibraryHandle library = LoadLibrarySearch(PathToLoad(), {});
-  cached = reinterpret_cast<Function>(FindSymbol(library, name));
+  const runtime::LibraryHandle library = runtime::LoadLibrarySearch(PathToLoad(), {});
+  cached = reinterpret_cast<Function>(runtime::FindSymbol(library, name));
   return cached != nullptr;
 }
 
@@ -368,4 +369,4 @@ CK_RV CWrapperPkcs11::RemoveExternalSlot(ExtensionWord first) {
   return removeExternalSlot(first);
 }
 
-}  // namespace qixx
+}  // namespace qixx::pkcs11

@@ -14,7 +14,7 @@
 #include "runtime/loader.h"
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::pkcs11 {
 
 /// The last argument of SetPIN that stands for the standard's C_SetPIN. The 64-bit all-ones value
 /// is another one, as intended.
@@ -35,7 +35,7 @@ class CForwarderPkcs11 {
   /// Sets the function list when it can be had.
   virtual bool EnsureLoaded() = 0;
 
-  LibraryHandle library_ = nullptr;
+  runtime::LibraryHandle library_ = nullptr;
   CK_FUNCTION_LIST_PTR functions_ = nullptr;  ///< owned by the library
 };
 
@@ -138,13 +138,13 @@ class CWrapperPkcs11 final : private CForwarderPkcs11 {
   [[nodiscard]] int Count() const {
     return static_cast<int>(initializeCount_);
   }
-  std::uint64_t CloseRemaining(LibraryHandle library) const;
+  std::uint64_t CloseRemaining(runtime::LibraryHandle library) const;
   template <typename... Parameters>
   CK_RV CallExtension(CK_RV (*ExtensionSlots::*function)(Parameters...), Parameters... arguments);
   template <typename Function>
   bool FindOnce(Function& cached, const char* name);
 
-  char libraryPath_[kTextSize] = {};
+  char libraryPath_[runtime::kTextSize] = {};
   bool initializedByUs_ = false;
   std::uint64_t initializeCount_ = 0;
   bool extended_ = false;  ///< a list was obtained once
@@ -159,4 +159,4 @@ class CWrapperPkcs11 final : private CForwarderPkcs11 {
 /// The wrapper of the process. It exists before main and its storage as long as the process.
 CWrapperPkcs11& Pkcs11();
 
-}  // namespace qixx
+}  // namespace qixx::pkcs11

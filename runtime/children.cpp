@@ -9,7 +9,7 @@
 
 #include "runtime/sync.h"
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 struct Child {
@@ -119,4 +119,4 @@ void SignalMarkedChildren(int signal) {
   }
 }
 
-}  // namespace qixx
+}  // namespace qixx::runtime

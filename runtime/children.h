@@ -10,7 +10,7 @@
 
 #include <cstddef>
 
-namespace qixx {
+namespace qixx::runtime {
 
 inline constexpr std::size_t kKeptStatuses = 256;
 
@@ -35,4 +35,4 @@ class ChildMark {
 /// given to another process by now is never used.
 void SignalMarkedChildren(int signal);
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <utility>
 
-namespace qixx {
+namespace qixx::runtime {
 
 bool Descriptor::Close() {
   return IsOpen() && ::close(Release()) == 0;
@@ -51,4 +51,4 @@ bool WriteFully(const Descriptor& file, std::span<const std::uint8_t> data) {
   return true;
 }
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <span>
 
-namespace qixx {
+namespace qixx::runtime {
 
 /// A file descriptor that closes itself; negative for none.
 class Descriptor {
@@ -42,4 +42,4 @@ class Descriptor {
 /// False when not all could be written.
 bool WriteFully(const Descriptor& file, std::span<const std::uint8_t> data);
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -18,7 +18,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 constexpr std::size_t kReadStep = 65536;
@@ -430,4 +430,4 @@ bool GetStoredCredential(const char* /*name*/, std::span<char> /*area*/) {
 
 void ResetStoredCredential(const char* /*name*/) {}
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-namespace qixx {
+namespace qixx::runtime {
 
 /// The product's names. All of them are empty until InitProductIdentity has run.
 struct ProductIdentity {
@@ -85,4 +85,4 @@ bool GetStoredCredential(const char* name, std::span<char> area);
 /// Likewise: does nothing.
 void ResetStoredCredential(const char* name);
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -3,7 +3,7 @@
 
 #include <new>
 
-namespace qixx {
+namespace qixx::runtime {
 
 /// Holds an object in its own storage and never destroys it: `static Lasting<CCritical> lock;`. A
 /// command on a thread of its own, or a destructor of somebody else's static object, may still use
@@ -21,4 +21,4 @@ class Lasting {
   alignas(Type) unsigned char storage_[sizeof(Type)];
 };
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -17,7 +17,7 @@
 #include "runtime/sync.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 constexpr const char* kDefaultDirectory = "/usr/lib/";
@@ -239,4 +239,4 @@ int CallAdminEntry(const char* arguments) {
   return result;
 }
 
-}  // namespace qixx
+}  // namespace qixx::runtime

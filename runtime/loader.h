@@ -13,7 +13,7 @@
 
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::runtime {
 
 /// What the platform's loader hands out; null for none.
 using LibraryHandle = void*;
@@ -93,4 +93,4 @@ bool CallExternal(char* text);
 /// none, or it threw.
 int CallAdminEntry(const char* arguments);
 
-}  // namespace qixx
+}  // namespace qixx::runtime

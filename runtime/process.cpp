@@ -22,7 +22,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 /// A shorter quoted token keeps its quotes.
@@ -308,4 +308,4 @@ int StartApplication(const char* arguments, bool startProgram) {
   return LaunchProcess(program, arguments, kWaitNone, false, nullptr);
 }
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qixx {
+namespace qixx::runtime {
 
 /// Do not wait for the child at all.
 inline constexpr std::int64_t kWaitNone = 0;
@@ -34,4 +34,4 @@ bool IsProcessRunning(std::uint64_t processId);
 /// returns 1.
 int StartApplication(const char* arguments, bool startProgram);
 
-}  // namespace qixx
+}  // namespace qixx::runtime

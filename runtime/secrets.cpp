@@ -8,7 +8,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 constexpr std::array<std::string_view, 5> kSecretKeys{"pin", "sopin", "puk", "pwd", "password"};
@@ -48,4 +48,4 @@ char* MaskSecrets(const char* text) {
 MaskedText::MaskedText(const char* text)
     : off_(!TraceIsOn()), copy_(off_ ? nullptr : MaskSecrets(text)) {}
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-namespace qixx {
+namespace qixx::runtime {
 
 /// New array copy with the values of secret options replaced by '*' (lengths are kept), freed with
 /// delete[]; null for a null text.
@@ -22,4 +22,4 @@ class MaskedText {
   std::unique_ptr<char[]> copy_;
 };
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 constinit std::atomic<RuntimeSettings*> installedSettings{nullptr};
@@ -17,4 +17,4 @@ RuntimeSettings* GetRuntimeSettings() {
   return installedSettings.load();
 }
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -7,7 +7,7 @@
 
 #include <span>
 
-namespace qixx {
+namespace qixx::runtime {
 
 /// Which files a question goes to.
 enum class SettingsScope {
@@ -33,4 +33,4 @@ void SetRuntimeSettings(RuntimeSettings* settings);
 /// The installed source, or null.
 [[nodiscard]] RuntimeSettings* GetRuntimeSettings();
 
-}  // namespace qixx
+}  // namespace qixx::runtime

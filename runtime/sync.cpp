@@ -20,7 +20,7 @@
 #endif
 #endif
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 // --- the threads library ----------------------------------------------------------------------
@@ -300,4 +300,4 @@ ThreadId ThreadSelf() {
   return Threads().self != nullptr ? Threads().self() : 0;
 }
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cstdint>
 
-namespace qixx {
+namespace qixx::runtime {
 
 inline constexpr std::uint32_t kSyncOk = 0;
 /// Not initialised, or not held by the caller (CKR_GENERAL_ERROR).
@@ -108,4 +108,4 @@ void SetLockTimeout(std::uint32_t seconds);
 /// Refused (with a trace line, result 0) once any section is live. A null record changes nothing.
 std::uint32_t SetExternalMutexHooks(const ExternalMutexHooks* hooks);
 
-}  // namespace qixx
+}  // namespace qixx::runtime

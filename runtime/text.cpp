@@ -7,7 +7,7 @@
 #include <limits>
 #include <new>
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 constexpr std::string_view kBase64Alphabet =
@@ -388,4 +388,4 @@ std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes) {
   }
 }
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-namespace qixx {
+namespace qixx::runtime {
 
 /// Size of the fixed areas for names, paths and values, terminator included.
 inline constexpr std::size_t kTextSize = 256;
@@ -131,4 +131,4 @@ int Base64Decode(std::span<std::uint8_t> out, std::string_view text);
   return text;
 }
 
-}  // namespace qixx
+}  // namespace qixx::runtime

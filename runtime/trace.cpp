@@ -20,7 +20,7 @@
 #include "runtime/sync.h"
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 constexpr const char* kSection = "Trace";
@@ -654,4 +654,4 @@ std::uint32_t ElapsedMilliseconds(std::uint32_t base) {
   return now < base ? now - base + kDayMilliseconds : now - base;
 }
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <span>
 
-namespace qixx {
+namespace qixx::runtime {
 
 /// Size of the area in which a line is built; longer lines are cut so that their line end fits.
 inline constexpr std::size_t kTraceLineSize = 10240;
@@ -65,4 +65,4 @@ void TraceUnlockAfterFork();
 /// Milliseconds within the UTC day since `base`, with one wrap at midnight.
 [[nodiscard]] std::uint32_t ElapsedMilliseconds(std::uint32_t base);
 
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -39,7 +39,7 @@ void Pause(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time) {
 /// Any entry: the prescribed answer, or the operation.
 template <typename Operation>
 CK_RV Answer(const char* function, Operation operation) noexcept {
-  return AnswerOf([&]() -> CK_RV {
+  return pkcs11::AnswerOf([&]() -> CK_RV {
     const std::optional<CK_RV> fault = FaultOf(function);
     return fault ? *fault : operation();
   });

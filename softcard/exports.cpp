@@ -10,7 +10,7 @@
 
 namespace {
 
-using Word = qixx::ExtensionWord;
+using Word = qixx::pkcs11::ExtensionWord;
 
 }  // namespace
 
@@ -48,7 +48,7 @@ SOFTCARD_REFUSED(C_GetVariable, Word, Word, Word)
 
 /// The slots behind the standard list stay empty: the one who loads the module fills them in.
 qixx::softcard::Variant qixx::softcard::ThisVariant() {
-  static qixx::ExtendedFunctionList list;
+  static qixx::pkcs11::ExtendedFunctionList list;
   return {&list.standard, true};
 }
 

@@ -98,7 +98,7 @@ std::vector<Object> ObjectsOf(const std::vector<CardFile>& files, bool suite) {
       Object object =
           CertificateObject(file.name.substr(0, file.name.rfind('.')), std::move(certificate));
       object.source = file.name + "/" + std::to_string(place++) + "/" + object.attributes[CKA_ID];
-      if (suite) object.attributes[kSuiteAttribute] = BytesOf(CK_ULONG{objects.size()});
+      if (suite) object.attributes[pkcs11::kSuiteAttribute] = BytesOf(CK_ULONG{objects.size()});
       objects.push_back(std::move(object));
     }
     if (file.name == kVariablesFile) {

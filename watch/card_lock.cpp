@@ -2,12 +2,12 @@
 
 #include "runtime/lasting.h"
 
-namespace qixx {
+namespace qixx::watch {
 
-CCritical& CardLock() {
+runtime::CCritical& CardLock() {
   // In static storage and never destroyed, because a command's thread may outlive the main one.
-  static Lasting<CCritical> lock;
+  static runtime::Lasting<runtime::CCritical> lock;
   return *lock;
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

@@ -7,10 +7,10 @@
 
 #include "runtime/sync.h"
 
-namespace qixx {
+namespace qixx::watch {
 
 /// The process-wide lock; never destroyed.
-CCritical& CardLock();
+runtime::CCritical& CardLock();
 
 /// Holds the card for a scope.
 class CardScope {
@@ -18,7 +18,7 @@ class CardScope {
   CardScope() : scope_(&CardLock()) {}
 
  private:
-  CriticalScope scope_;
+  runtime::CriticalScope scope_;
 };
 
-}  // namespace qixx
+}  // namespace qixx::watch

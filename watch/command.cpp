@@ -22,7 +22,7 @@
 #include "watch/set_command.h"
 #include "watch/terminate_list.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
 constexpr const char* kDocumentViewer = "/usr/bin/xdg-open";
@@ -61,24 +61,25 @@ bool RunApplication(const CommandContext& context, const char* text) {
   std::string_view line(text);
   const bool quoted = line.starts_with('"');
   if (quoted) line.remove_prefix(1);
-  const std::size_t end = std::min(FindChar(line, quoted ? '"' : ' '), line.size());
+  const std::size_t end = std::min(runtime::FindChar(line, quoted ? '"' : ' '), line.size());
   const std::string program(line.substr(0, end));
   if (program.empty()) return false;
 
   line.remove_prefix(std::min(end + 1, line.size()));
-  const std::string arguments(quoted ? SkipBlanks(line) : line);
+  const std::string arguments(quoted ? runtime::SkipBlanks(line) : line);
   return StartTracked(context, program.c_str(), arguments.c_str());
 }
 
 /// Both document commands come to this; script mode has no effect on this platform.
 bool OpenDocument(const CommandContext& context, const char* text) {
-  std::string document(DropTrailingBlanks(SkipBlanks(text)));
+  std::string document(runtime::DropTrailingBlanks(runtime::SkipBlanks(text)));
   // The launcher's quotes know no escape, so a quote cannot be part of the one argument.
   std::erase(document, '"');
   if (document.empty()) return true;
   // The launcher takes the quotes off from four characters on.
   if (document.size() > 1) document = '"' + document + '"';
-  LaunchProcess(kDocumentViewer, document.c_str(), kWaitNone, context.show, nullptr);
+  runtime::LaunchProcess(kDocumentViewer, document.c_str(), runtime::kWaitNone, context.show,
+                         nullptr);
   return true;
 }
 
@@ -87,7 +88,7 @@ bool OpenDocument(const CommandContext& context, const char* text) {
 /// One "parallel " command. Its thread owns it from the moment that the thread runs.
 struct ParallelJob {
   CommandContext context;
-  char text[kTextSize];
+  char text[runtime::kTextSize];
 };
 
 constinit std::atomic<unsigned> runningJobs{0};
@@ -99,22 +100,22 @@ struct JobEnd {
 
 void* RunParallelJob(void* argument) {
   const JobEnd end;
-  ThreadDetachSelf();
+  runtime::ThreadDetachSelf();
   std::unique_ptr<ParallelJob> job(static_cast<ParallelJob*>(argument));
-  TraceWrite("Watch - Thread execute command ...");
+  runtime::TraceWrite("Watch - Thread execute command ...");
   const CommandContext& context = job->context;
   ExecuteCommand(context.slot, context.insert, job->text, context.wait, context.show,
                  context.terminate);
   job.reset();
-  TraceWrite("Watch - Thread execute command ... done");
+  runtime::TraceWrite("Watch - Thread execute command ... done");
   return nullptr;
 }
 
 bool RunParallel(const CommandContext& context, const char* text) {
   std::unique_ptr<ParallelJob> job(new ParallelJob{context, {}});
-  if (!CopyTextIfFits(job->text, text)) return false;
+  if (!runtime::CopyTextIfFits(job->text, text)) return false;
   runningJobs.fetch_add(1, std::memory_order_relaxed);
-  if (ThreadCreate(&RunParallelJob, job.get()) == 0) {
+  if (runtime::ThreadCreate(&RunParallelJob, job.get()) == 0) {
     runningJobs.fetch_sub(1, std::memory_order_relaxed);
     return false;
   }
@@ -126,14 +127,14 @@ bool RunParallel(const CommandContext& context, const char* text) {
 // --- libraries --------------------------------------------------------------------------------
 
 struct LibraryCloser {
-  void operator()(void* library) const { CloseLibrary(library); }
+  void operator()(void* library) const { runtime::CloseLibrary(library); }
 };
 using OwnedLibrary = std::unique_ptr<void, LibraryCloser>;
 
 bool RunLoad(const CommandContext& /*context*/, const char* text) {
   // The call cuts the text while it runs.
   std::string copy(text);
-  return CallExternal(copy.data());
+  return runtime::CallExternal(copy.data());
 }
 
 /// Entry point of an "extern " library: fills `answer` with "user name;domain" and returns
@@ -145,17 +146,17 @@ bool ReadReaderName(CK_SLOT_ID slot, std::string& reader) {
   CK_SLOT_INFO info{};
   {
     const CardScope card;
-    if (Pkcs11().GetSlotInfo(slot, &info) != CKR_OK) return false;
+    if (pkcs11::Pkcs11().GetSlotInfo(slot, &info) != CKR_OK) return false;
   }
   const std::span description(reinterpret_cast<const char*>(info.slotDescription),
                               sizeof info.slotDescription);
-  reader = DropTrailingBlanks(TextOf(description));
+  reader = runtime::DropTrailingBlanks(runtime::TextOf(description));
   return true;
 }
 
 std::string AnswerField(std::string_view answer, std::size_t index) {
   std::string_view field;
-  if (!GetField(answer, index, ';', field)) return {};
+  if (!runtime::GetField(answer, index, ';', field)) return {};
   std::string value(field);
   CleanCardText(value);
   return value;
@@ -164,18 +165,18 @@ std::string AnswerField(std::string_view answer, std::size_t index) {
 /// Writes the answer into the file that the arguments name; "-registry" names a place that this
 /// platform does not have.
 void WriteAnswer(std::string_view arguments, std::string_view answer) {
-  char file[kTextSize] = "";
+  char file[runtime::kTextSize] = "";
   if (!GetOptionValue(arguments, "-config", file) || file[0] == '\0') return;
   WriteLogonName(file, AnswerField(answer, 0), AnswerField(answer, 1));
 }
 
 /// False without an answer.
-bool ReadAnswer(LibraryHandle library, const std::string& reader, const std::string& arguments,
-                std::span<char> answer) {
-  const auto read = reinterpret_cast<ReadCommandEntry>(FindSymbol(library, "ReadCommand"));
+bool ReadAnswer(runtime::LibraryHandle library, const std::string& reader,
+                const std::string& arguments, std::span<char> answer) {
+  const auto read = reinterpret_cast<ReadCommandEntry>(runtime::FindSymbol(library, "ReadCommand"));
   const int size = static_cast<int>(answer.size());
   int answered = 0;
-  if (read == nullptr || !CallLibrary([&] {
+  if (read == nullptr || !runtime::CallLibrary([&] {
         answered = read(reader.c_str(), arguments.c_str(), answer.data(), size);
       })) {
     return false;
@@ -186,12 +187,12 @@ bool ReadAnswer(LibraryHandle library, const std::string& reader, const std::str
 
 bool CallReadCommand(const std::string& path, const std::string& reader,
                      const std::string& arguments) {
-  const OwnedLibrary library(OpenLibrary(path.c_str()));
+  const OwnedLibrary library(runtime::OpenLibrary(path.c_str()));
   if (library == nullptr) {
-    TraceWrite("Helper - Failed to load '%s'", MaskedText(path.c_str()).Text());
+    runtime::TraceWrite("Helper - Failed to load '%s'", runtime::MaskedText(path.c_str()).Text());
     return false;
   }
-  char answer[kTextSize] = "";
+  char answer[runtime::kTextSize] = "";
   if (!ReadAnswer(library.get(), reader, arguments, answer)) return false;
   WriteAnswer(arguments, answer);
   return true;
@@ -200,16 +201,16 @@ bool CallReadCommand(const std::string& path, const std::string& reader,
 bool AskLibrary(const CommandContext& context, std::string_view text) {
   std::string reader;
   if (context.IsSimulated() || !ReadReaderName(context.slot, reader)) return false;
-  const std::size_t comma = FindChar(text, ',');
+  const std::size_t comma = runtime::FindChar(text, ',');
   if (comma == std::string_view::npos) return false;
   return CallReadCommand(std::string(text.substr(0, comma)), reader,
                          std::string(text.substr(comma + 1)));
 }
 
 bool RunExtern(const CommandContext& context, const char* text) {
-  TraceWrite("Helper - Extern command ...");
+  runtime::TraceWrite("Helper - Extern command ...");
   const bool success = AskLibrary(context, text);
-  TraceWrite("Helper - Extern command ... %s", success ? "OK" : "FAILED");
+  runtime::TraceWrite("Helper - Extern command ... %s", success ? "OK" : "FAILED");
   return success;
 }
 
@@ -251,7 +252,7 @@ constexpr Keyword kKeywords[] = {
 bool Dispatch(const CommandContext& context, const char* text) {
   for (const Keyword& keyword : kKeywords) {
     if (keyword.removeOnly && context.insert) continue;
-    if (StartsWithNoCase(text, keyword.head))
+    if (runtime::StartsWithNoCase(text, keyword.head))
       return keyword.run(context, text + keyword.head.size());
   }
   return RunProgram(context, text);
@@ -262,8 +263,8 @@ bool Dispatch(const CommandContext& context, const char* text) {
 bool ExecuteCommand(CK_SLOT_ID slot, bool insert, const char* text, std::uint64_t wait, bool show,
                     bool terminate) {
   if (text == nullptr) text = "";
-  TraceWrite("Watch - Execute %s command: %s", insert ? "insert" : "remove",
-             MaskedText(text).Text());
+  runtime::TraceWrite("Watch - Execute %s command: %s", insert ? "insert" : "remove",
+                      runtime::MaskedText(text).Text());
   try {
     return Dispatch({slot, insert, wait, show, terminate}, text);
   } catch (const std::bad_alloc&) {
@@ -273,11 +274,12 @@ bool ExecuteCommand(CK_SLOT_ID slot, bool insert, const char* text, std::uint64_
 
 bool StartCommandProcess(const char* program, const char* arguments, std::uint64_t /*wait*/,
                          bool show, std::uint64_t& processId) {
-  char path[kTextSize] = "";
-  if (!CopyTextIfFits(path, ViewOf(program))) return false;
+  char path[runtime::kTextSize] = "";
+  if (!runtime::CopyTextIfFits(path, runtime::ViewOf(program))) return false;
   std::uint64_t started = 0;
   const char* const executable = path[0] == '\0' ? nullptr : path;
-  if (LaunchProcess(executable, arguments, kWaitNone, show, &started) == 0) return false;
+  if (runtime::LaunchProcess(executable, arguments, runtime::kWaitNone, show, &started) == 0)
+    return false;
   processId = started;
   return true;
 }
@@ -293,4 +295,4 @@ bool WaitForParallelJobs(unsigned milliseconds) {
   return true;
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

@@ -9,7 +9,7 @@
 
 #include "pkcs11/cryptoki.h"
 
-namespace qixx {
+namespace qixx::watch {
 
 /// Runs the command that the head of `text` names (letter case ignored), anything else as a program
 /// with its arguments. Returns its success; a started program or thread is one. `show` and `wait`
@@ -27,4 +27,4 @@ bool StartCommandProcess(const char* program, const char* arguments, std::uint64
 /// Waits up to `milliseconds` for running "parallel " jobs; false when some still run.
 bool WaitForParallelJobs(unsigned milliseconds);
 
-}  // namespace qixx
+}  // namespace qixx::watch

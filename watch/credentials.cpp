@@ -17,7 +17,7 @@
 #include "runtime/trace.h"
 #include "watch/card_lock.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
 constexpr std::size_t kMaxCertificates = 128;
@@ -33,14 +33,14 @@ void ClearArea(std::span<char> area) {
 /// Stores a cleaned value in an area, empty for one that is not wanted or not large enough.
 void StoreValue(std::span<char> area, std::string value) {
   CleanCardText(value);
-  static_cast<void>(CopyTextIfFits(area, value));
+  static_cast<void>(runtime::CopyTextIfFits(area, value));
 }
 
 // --- selecting a certificate ------------------------------------------------------------------
 
 /// What a match text asks of a certificate.
 struct CredentialMatch {
-  char name[kTextSize] = "";
+  char name[runtime::kTextSize] = "";
   std::uint8_t value[kMatchValueSize] = {};
   std::size_t valueLength = 0;
 
@@ -53,66 +53,67 @@ struct CredentialMatch {
   }
 
   /// A name without a value asks for nothing here: it has been asked before the event's commands.
-  [[nodiscard]] bool Accepts(const CertificateHolder& holder) const {
+  [[nodiscard]] bool Accepts(const der::CertificateHolder& holder) const {
     if (!HasValue()) return true;
     const std::optional<CK_SLOT_ID> slot = SlotFilter();
-    if (slot && CHelperPkcs11::NormalizeSlotId(*slot) != holder.slot) return false;
-    return MatchNames(holder.certificate, true, name);
+    if (slot && pkcs11::CHelperPkcs11::NormalizeSlotId(*slot) != holder.slot) return false;
+    return der::MatchNames(holder.certificate, true, name);
   }
 };
 
 /// Keeps a copy of a certificate beside the trace.
-void DumpCertificate(int pass, std::size_t index, const CertificateHolder& holder) {
-  if (!TraceIsOn()) return;
+void DumpCertificate(int pass, std::size_t index, const der::CertificateHolder& holder) {
+  if (!runtime::TraceIsOn()) return;
   const std::uint8_t* bytes = nullptr;
   std::uint64_t length = 0;
   holder.certificate.GetData(bytes, length);
   char name[32];
   std::snprintf(name, sizeof name, "cert%d%d.cer", pass, static_cast<int>(index));
-  TraceDump(name, {bytes, static_cast<std::size_t>(length)});
+  runtime::TraceDump(name, {bytes, static_cast<std::size_t>(length)});
 }
 
 /// The first certificate that yields a name to log on with: one made for smart-card logon in the
 /// first pass, any other (and an e-mail address in place of the name) in the second. A match with a
 /// value asks for the first kind alone.
-const CertificateHolder* SelectCertificate(std::span<const CertificatePtr> certificates,
-                                           const CredentialMatch& match, std::string& upn) {
+const der::CertificateHolder* SelectCertificate(std::span<const der::CertificatePtr> certificates,
+                                                const CredentialMatch& match, std::string& upn) {
   const int passes = match.HasValue() ? 1 : 2;
   for (int pass = 0; pass < passes; ++pass) {
     const bool forLogon = pass == 0;
     for (std::size_t index = 0; index < certificates.size(); ++index) {
-      const CertificateHolder* const holder = certificates[index].get();
+      const der::CertificateHolder* const holder = certificates[index].get();
       if (holder == nullptr) break;
       DumpCertificate(pass, index, *holder);
       if (holder->superseded || !match.Accepts(*holder)) continue;
-      if (GetLogonName(*holder, forLogon, !forLogon, upn) && !upn.empty()) return holder;
+      if (der::GetLogonName(*holder, forLogon, !forLogon, upn) && !upn.empty()) return holder;
     }
   }
   return nullptr;
 }
 
-std::string SerialText(const CertificateHolder& holder) {
-  const Bytes number = GetSerialNumber(holder);
-  std::array<char, kTextSize> text{};
-  if (HexEncode(number, std::span(text).first(kTextSize - 1)) < 0) return {};
+std::string SerialText(const der::CertificateHolder& holder) {
+  const der::Bytes number = der::GetSerialNumber(holder);
+  std::array<char, runtime::kTextSize> text{};
+  if (runtime::HexEncode(number, std::span(text).first(runtime::kTextSize - 1)) < 0) return {};
   return text.data();
 }
 
 bool SelectCredential(const CredentialMatch& match, std::uint64_t& certificate, std::span<char> upn,
                       std::span<char> subject, std::span<char> serial) {
-  std::array<CertificatePtr, kMaxCertificates + 1> certificates;  // a null place ends the list
+  std::array<der::CertificatePtr, kMaxCertificates + 1> certificates;  // a null place ends the list
   {
     const CardScope card;
-    if (!CHelperPkcs11::CollectCertificates(certificates, kAnyKeyUsage, nullptr, nullptr, true)) {
+    if (!pkcs11::CHelperPkcs11::CollectCertificates(certificates, pkcs11::kAnyKeyUsage, nullptr,
+                                                    nullptr, true)) {
       return false;
     }
   }
   std::string name;
-  const CertificateHolder* const holder = SelectCertificate(certificates, match, name);
+  const der::CertificateHolder* const holder = SelectCertificate(certificates, match, name);
   if (holder == nullptr) return false;
   StoreValue(upn, std::move(name));
   // A subject is cut where the other values are left out: its first components still tell who.
-  StoreValue(subject, std::string(GetSubjectText(*holder).substr(0, kTextSize - 1)));
+  StoreValue(subject, std::string(der::GetSubjectText(*holder).substr(0, runtime::kTextSize - 1)));
   StoreValue(serial, SerialText(*holder));
   certificate = reinterpret_cast<std::uintptr_t>(holder);
   return true;
@@ -120,10 +121,10 @@ bool SelectCredential(const CredentialMatch& match, std::uint64_t& certificate, 
 
 /// The name that the suite notes on a token for whoever is logged on.
 bool ReadActiveLogonName(CK_SLOT_ID slot, std::span<char> upn) {
-  char name[kTextSize] = "";
+  char name[runtime::kTextSize] = "";
   {
     const CardScope card;
-    if (!CHelperPkcs11::GetTokenVariable(slot, false, kActiveLogonName, name)) return false;
+    if (!pkcs11::CHelperPkcs11::GetTokenVariable(slot, false, kActiveLogonName, name)) return false;
   }
   StoreValue(upn, name);
   return upn[0] != '\0';
@@ -134,7 +135,7 @@ bool ReadActiveLogonName(CK_SLOT_ID slot, std::span<char> upn) {
 bool HoldsPlaceholder(std::string_view text) {
   for (const std::string_view name : {kUpnPlaceholder, kUserNamePlaceholder, kDomainPlaceholder,
                                       kSubjectPlaceholder, kSerialPlaceholder, kComponentPrefix}) {
-    if (FindTextNoCase(text, name) != std::string_view::npos) return true;
+    if (runtime::FindTextNoCase(text, name) != std::string_view::npos) return true;
   }
   return false;
 }
@@ -143,9 +144,9 @@ void ReplacePlaceholders(std::string_view match, std::span<char> text) {
   LogonValues values;
   std::uint64_t certificate = 0;
   if (!FindLogonCredential(match, certificate, values.upn, values.subject, values.serial)) return;
-  TraceWrite("Watch - Logon credential: '%s'", values.upn);
-  TraceWrite("Watch - Logon subject:    '%s'", values.subject);
-  TraceWrite("Watch - Logon number:     '%s'", values.serial);
+  runtime::TraceWrite("Watch - Logon credential: '%s'", values.upn);
+  runtime::TraceWrite("Watch - Logon subject:    '%s'", values.subject);
+  runtime::TraceWrite("Watch - Logon number:     '%s'", values.serial);
   ReplaceLogonPlaceholders(values, text);
 }
 
@@ -155,7 +156,7 @@ void ReplacePlaceholders(std::string_view match, std::span<char> text) {
 bool AskCredentialStore(const char* user, std::span<char, kSlotIdentitySize> identity,
                         std::span<std::uint8_t> /*certificate*/, std::size_t& certificateLength) {
   certificateLength = 0;
-  return GetStoredCredential(user, identity);
+  return runtime::GetStoredCredential(user, identity);
 }
 
 /// This platform does not tell who is logged on.
@@ -169,7 +170,7 @@ constinit LogonQueries logonQueries = kPlatformQueries;
 bool HasIdentity(CK_SLOT_ID slot, std::span<const char, kSlotIdentitySize> identity) {
   CK_SLOT_INFO info{};
   const CardScope card;
-  return Pkcs11().GetSlotInfo(slot, &info) == CKR_OK &&
+  return pkcs11::Pkcs11().GetSlotInfo(slot, &info) == CKR_OK &&
          std::memcmp(info.slotDescription, identity.data(), identity.size()) == 0;
 }
 
@@ -190,7 +191,7 @@ void CleanCardText(std::span<char> text) {
 }
 
 LogonName SplitPrincipalName(std::string_view upn) {
-  const std::size_t at = FindChar(upn, '@');
+  const std::size_t at = runtime::FindChar(upn, '@');
   LogonName name{std::string(upn.substr(0, at)), {}};
   if (at != std::string_view::npos) name.domain = upn.substr(at + 1);
   CleanCardText(name.user);
@@ -202,12 +203,13 @@ std::vector<SubjectPlaceholder> SubjectPlaceholders(std::string_view subject) {
   std::vector<SubjectPlaceholder> placeholders;
   std::string key;
   std::string value;
-  while (NextNameComponent(subject, key, value)) {
+  while (der::NextNameComponent(subject, key, value)) {
     CleanCardText(value);
     std::string name = std::string(kComponentPrefix) + key + '%';
-    const bool known = std::any_of(
-        placeholders.begin(), placeholders.end(),
-        [&name](const SubjectPlaceholder& other) { return EqualsNoCase(other.name, name); });
+    const bool known = std::any_of(placeholders.begin(), placeholders.end(),
+                                   [&name](const SubjectPlaceholder& other) {
+                                     return runtime::EqualsNoCase(other.name, name);
+                                   });
     if (!known) placeholders.push_back({std::move(name), value});
   }
   return placeholders;
@@ -215,13 +217,13 @@ std::vector<SubjectPlaceholder> SubjectPlaceholders(std::string_view subject) {
 
 bool ParseMatchText(std::string_view match, std::span<char> name, std::span<std::uint8_t> value,
                     std::size_t& valueLength) {
-  const std::size_t bar = FindCharBack(match, '|');
+  const std::size_t bar = runtime::FindCharBack(match, '|');
   const std::string_view head = match.substr(0, bar);
   const std::string_view digits =
       bar == std::string_view::npos ? std::string_view{} : match.substr(bar + 1);
   if (bar != std::string_view::npos && digits.size() >= 2 * value.size()) return false;
-  if (!CopyTextIfFits(name, head)) return false;
-  const int decoded = HexDecode(digits, value);
+  if (!runtime::CopyTextIfFits(name, head)) return false;
+  const int decoded = runtime::HexDecode(digits, value);
   valueLength = decoded < 0 ? 0 : static_cast<std::size_t>(decoded);
   return true;
 }
@@ -232,9 +234,9 @@ bool FindLogonCredential(std::string_view match, std::uint64_t& certificate, std
   ClearArea(subject);
   ClearArea(serial);
   try {
-    const bool fast = EqualsNoCase(match, "fast") && !upn.empty();
+    const bool fast = runtime::EqualsNoCase(match, "fast") && !upn.empty();
     if (fast && ReadActiveLogonName(certificate, upn)) {
-      TraceWrite("Watch - Found active logon UPN %s", upn.data());
+      runtime::TraceWrite("Watch - Found active logon UPN %s", upn.data());
       return certificate != 0;
     }
     CredentialMatch wanted;
@@ -252,36 +254,37 @@ bool IsMatchingCardPresent(std::string_view match) {
   if (match.empty()) return true;
   CredentialMatch wanted;
   if (!wanted.Parse(match)) return false;
-  std::array<CertificateEntry, 1> entries;
+  std::array<pkcs11::CertificateEntry, 1> entries;
   const CardScope card;
-  return CHelperPkcs11::GetCertificates(wanted.SlotFilter(), kAnyKeyUsage, nullptr, wanted.name,
-                                        entries);
+  return pkcs11::CHelperPkcs11::GetCertificates(wanted.SlotFilter(), pkcs11::kAnyKeyUsage, nullptr,
+                                                wanted.name, entries);
 }
 
 bool IsCredentialStillPresent(const CWatchOptions& record) {
   std::uint64_t certificate = 0;
-  return FindLogonCredential(TextOf(record.match), certificate, {}, {}, {});
+  return FindLogonCredential(runtime::TextOf(record.match), certificate, {}, {}, {});
 }
 
 void ExpandLogonPlaceholders(std::string_view match, std::span<char> text) {
-  if (FindChar(TextOf(text), '%') == std::string_view::npos) return;
+  if (runtime::FindChar(runtime::TextOf(text), '%') == std::string_view::npos) return;
   try {
-    if (HoldsPlaceholder(TextOf(text))) ReplacePlaceholders(match, text);
+    if (HoldsPlaceholder(runtime::TextOf(text))) ReplacePlaceholders(match, text);
   } catch (const std::bad_alloc&) {
     // What is not replaced by now stays as it is.
   }
-  TraceWrite("Watch - Expanded: '%s'", MaskedText(text.data()).Text());
+  runtime::TraceWrite("Watch - Expanded: '%s'", runtime::MaskedText(text.data()).Text());
 }
 
 void ReplaceLogonPlaceholders(const LogonValues& values, std::span<char> text) {
-  const LogonName name = SplitPrincipalName(TextOf(values.upn));
-  ReplaceAllNoCase(text, kUpnPlaceholder, TextOf(values.upn));
-  ReplaceAllNoCase(text, kUserNamePlaceholder, name.user);
-  ReplaceAllNoCase(text, kDomainPlaceholder, name.domain);
-  ReplaceAllNoCase(text, kSubjectPlaceholder, TextOf(values.subject));
-  ReplaceAllNoCase(text, kSerialPlaceholder, TextOf(values.serial));
-  for (const SubjectPlaceholder& placeholder : SubjectPlaceholders(TextOf(values.subject))) {
-    ReplaceAllNoCase(text, placeholder.name, placeholder.value);
+  const LogonName name = SplitPrincipalName(runtime::TextOf(values.upn));
+  runtime::ReplaceAllNoCase(text, kUpnPlaceholder, runtime::TextOf(values.upn));
+  runtime::ReplaceAllNoCase(text, kUserNamePlaceholder, name.user);
+  runtime::ReplaceAllNoCase(text, kDomainPlaceholder, name.domain);
+  runtime::ReplaceAllNoCase(text, kSubjectPlaceholder, runtime::TextOf(values.subject));
+  runtime::ReplaceAllNoCase(text, kSerialPlaceholder, runtime::TextOf(values.serial));
+  for (const SubjectPlaceholder& placeholder :
+       SubjectPlaceholders(runtime::TextOf(values.subject))) {
+    runtime::ReplaceAllNoCase(text, placeholder.name, placeholder.value);
   }
 }
 
@@ -290,7 +293,7 @@ void SetLogonQueries(const LogonQueries* queries) {
 }
 
 bool FindLogonUser(std::span<char> name) {
-  return logonQueries.user(name) && !TextOf(name).empty();
+  return logonQueries.user(name) && !runtime::TextOf(name).empty();
 }
 
 bool FindLogonSlot(const char* user, std::span<const CK_SLOT_ID> slots, CK_SLOT_ID& slot,
@@ -304,4 +307,4 @@ bool FindLogonSlot(const char* user, std::span<const CK_SLOT_ID> slots, CK_SLOT_
   return true;
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

@@ -17,7 +17,7 @@
 #include "runtime/text.h"
 #include "watch/options.h"
 
-namespace qixx {
+namespace qixx::watch {
 
 // --- placeholders -----------------------------------------------------------------------------
 
@@ -57,9 +57,9 @@ struct SubjectPlaceholder {
 
 /// Areas for what FindLogonCredential finds.
 struct LogonValues {
-  char upn[kTextSize] = "";
-  char subject[kTextSize] = "";
-  char serial[kTextSize] = "";
+  char upn[runtime::kTextSize] = "";
+  char subject[runtime::kTextSize] = "";
+  char serial[runtime::kTextSize] = "";
 };
 
 /// Splits "name|hex" at the last bar. Returns false, and leaves the outputs alone, when the name
@@ -111,4 +111,4 @@ void SetLogonQueries(const LogonQueries* queries);
 bool FindLogonSlot(const char* user, std::span<const CK_SLOT_ID> slots, CK_SLOT_ID& slot,
                    std::span<std::uint8_t> certificate, std::size_t& certificateLength);
 
-}  // namespace qixx
+}  // namespace qixx::watch

@@ -11,27 +11,27 @@
 #include "watch/stop.h"
 #include "watch/terminate_list.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
 /// The three sources of event commands.
 enum class CommandForm { kSection, kDirect, kKeyword };
 
 CommandForm FormOf(const CWatchOptions& record) {
-  const std::string_view rest = TextOf(record.rest);
+  const std::string_view rest = runtime::TextOf(record.rest);
   if (rest.empty()) return CommandForm::kKeyword;
-  return EqualsNoCase(rest, kConfigWord) ? CommandForm::kSection : CommandForm::kDirect;
+  return runtime::EqualsNoCase(rest, kConfigWord) ? CommandForm::kSection : CommandForm::kDirect;
 }
 
 /// Reads entry `number` of an event section. A present but empty entry is read.
-bool ReadEventEntry(CConfig& config, const char* section, unsigned number, std::span<char> value,
-                    bool convert) {
+bool ReadEventEntry(config::CConfig& config, const char* section, unsigned number,
+                    std::span<char> value, bool convert) {
   char key[kEntryKeySize];
   FormatEntryKey(number, key);
-  return ReadConfigText(config, section, key, value, convert);
+  return config::ReadConfigText(config, section, key, value, convert);
 }
 
-bool HasFirstEntry(CConfig& config, std::string_view name, bool insert) {
+bool HasFirstEntry(config::CConfig& config, std::string_view name, bool insert) {
   char section[kEventSectionSize];
   if (!BuildEventSection(insert, name, section)) return false;
   char value[kRemoveEntrySize];
@@ -49,21 +49,21 @@ bool Execute(const CWatchOptions& record, CK_SLOT_ID slot, bool insert, const ch
 
 bool InsertDirect(const CWatchOptions& record, CK_SLOT_ID slot) {
   if (record.rest[0] == '~') return Execute(record, slot, true, record.rest + 1);
-  if (StartsWithNoCase(record.rest, "-r ")) return true;
+  if (runtime::StartsWithNoCase(record.rest, "-r ")) return true;
   return Execute(record, slot, true, record.rest);
 }
 
 bool InsertSection(const CWatchOptions& record, CK_SLOT_ID slot) {
   char section[kEventSectionSize];
-  if (!BuildEventSection(true, TextOf(record.section), section)) return false;
-  if (!IsMatchingCardPresent(TextOf(record.match))) return false;
-  CConfig config;
+  if (!BuildEventSection(true, runtime::TextOf(record.section), section)) return false;
+  if (!IsMatchingCardPresent(runtime::TextOf(record.match))) return false;
+  config::CConfig config;
   if (!LoadProductConfiguration(config)) return false;
 
   char text[kInsertEntrySize];
   for (unsigned number = 1; ReadEventEntry(config, section, number, text, true); ++number) {
     if (text[0] == '\0') continue;
-    ExpandLogonPlaceholders(TextOf(record.match), text);
+    ExpandLogonPlaceholders(runtime::TextOf(record.match), text);
     // A failing command ends the list, but not the event's success.
     if (!Execute(record, slot, true, text)) break;
   }
@@ -73,8 +73,8 @@ bool InsertSection(const CWatchOptions& record, CK_SLOT_ID slot) {
 bool InsertKeyword(CWatchOptions& record, CK_SLOT_ID slot) {
   if (record.registry[0] != '\0' || record.configFile[0] != '\0') {
     // The program starts whether or not the values could be written.
-    RunSetCommand(slot, TextOf(record.match), TextOf(record.registry), TextOf(record.configFile),
-                  true);
+    RunSetCommand(slot, runtime::TextOf(record.match), runtime::TextOf(record.registry),
+                  runtime::TextOf(record.configFile), true);
   }
   const bool show = record.hideInsert == 0;
   std::uint64_t processId = 0;
@@ -82,7 +82,7 @@ bool InsertKeyword(CWatchOptions& record, CK_SLOT_ID slot) {
     return false;
   }
   record.processId = processId;
-  TraceWrite("Watch - Process %d started", static_cast<int>(processId));
+  runtime::TraceWrite("Watch - Process %d started", static_cast<int>(processId));
   return true;
 }
 
@@ -102,26 +102,26 @@ bool RunInsertCommands(CWatchOptions& record, CK_SLOT_ID slot) {
 
 void EndKeywordProcess(CWatchOptions& record) {
   if (record.terminate == 0 || record.processId == 0) return;
-  TraceWrite("Watch - Terminate process id %d", static_cast<int>(record.processId));
+  runtime::TraceWrite("Watch - Terminate process id %d", static_cast<int>(record.processId));
   if (EndProcess(record.processId)) {
-    TraceWrite("Watch - Terminate process SUCCESS");
+    runtime::TraceWrite("Watch - Terminate process SUCCESS");
   } else {
-    TraceWrite("Watch - Terminate process FAILED");
+    runtime::TraceWrite("Watch - Terminate process FAILED");
   }
   record.processId = 0;
 }
 
 // All commands run, whatever becomes of each: a removal has to leave everything locked and cleared.
-void RemoveSection(CConfig& config, const CWatchOptions& record, CK_SLOT_ID slot) {
+void RemoveSection(config::CConfig& config, const CWatchOptions& record, CK_SLOT_ID slot) {
   char section[kEventSectionSize];
-  if (!BuildEventSection(false, TextOf(record.section), section)) return;
+  if (!BuildEventSection(false, runtime::TextOf(record.section), section)) return;
   char text[kRemoveEntrySize];
   for (unsigned number = 1; ReadEventEntry(config, section, number, text, true); ++number) {
     if (text[0] != '\0') Execute(record, slot, false, text);
   }
 }
 
-void RunRemoveCommands(CConfig& config, const CWatchOptions& record, CK_SLOT_ID slot) {
+void RunRemoveCommands(config::CConfig& config, const CWatchOptions& record, CK_SLOT_ID slot) {
   switch (FormOf(record)) {
     case CommandForm::kDirect:
       if (record.rest[0] != '~') Execute(record, slot, false, record.rest);
@@ -138,8 +138,9 @@ void RunRemoveCommands(CConfig& config, const CWatchOptions& record, CK_SLOT_ID 
 // --- the wait in front of an event ------------------------------------------------------------
 
 /// A removal that has nothing but endings to do goes on only while there is something to end.
-bool MayRemove(CConfig& config, const CWatchOptions& record, CK_SLOT_ID slot) {
-  if (IsOrdinaryCommand(config, TextOf(record.section), TextOf(record.rest))) return true;
+bool MayRemove(config::CConfig& config, const CWatchOptions& record, CK_SLOT_ID slot) {
+  if (IsOrdinaryCommand(config, runtime::TextOf(record.section), runtime::TextOf(record.rest)))
+    return true;
   return record.terminate != 0 && IsSlotProcessRunning(slot);
 }
 
@@ -149,8 +150,8 @@ bool MayInsert(const CWatchOptions& record) {
 
 }  // namespace
 
-bool LoadProductConfiguration(CConfig& config) {
-  return config.OpenDefault(false) == kConfigOk && config.HasText();
+bool LoadProductConfiguration(config::CConfig& config) {
+  return config.OpenDefault(false) == config::kConfigOk && config.HasText();
 }
 
 bool BuildWatchSection(std::string_view name, std::span<char> out) {
@@ -158,8 +159,8 @@ bool BuildWatchSection(std::string_view name, std::span<char> out) {
   if (out.empty()) return false;
   out[0] = '\0';
   if (name.size() + kPrefix.size() >= out.size()) return false;
-  const std::size_t length = name == kDefaultSection ? 0 : CopyTextCut(out, kPrefix);
-  CopyTextCut(out.subspan(length), name);
+  const std::size_t length = name == kDefaultSection ? 0 : runtime::CopyTextCut(out, kPrefix);
+  runtime::CopyTextCut(out.subspan(length), name);
   return true;
 }
 
@@ -169,9 +170,9 @@ bool BuildEventSection(bool insert, std::string_view name, std::span<char> out) 
   out[0] = '\0';
   if (name.size() + suffix.size() < out.size() &&
       BuildWatchSection(name, out.first(out.size() - suffix.size()))) {
-    CopyTextCut(out.subspan(TextOf(out).size()), suffix);
+    runtime::CopyTextCut(out.subspan(runtime::TextOf(out).size()), suffix);
   }
-  TraceWrite("Watch - Configuration: '%s'", MaskedText(out.data()).Text());
+  runtime::TraceWrite("Watch - Configuration: '%s'", runtime::MaskedText(out.data()).Text());
   return out[0] != '\0';
 }
 
@@ -183,17 +184,17 @@ bool HasEventCommands(const CWatchOptions& record) {
   if (FormOf(record) != CommandForm::kSection) {
     return record.rest[0] != '\0' || record.program[0] != '\0';
   }
-  CConfig config;
+  config::CConfig config;
   if (!LoadProductConfiguration(config)) return false;
-  const bool onInsert = HasFirstEntry(config, TextOf(record.section), true);
-  const bool onRemove = HasFirstEntry(config, TextOf(record.section), false);
+  const bool onInsert = HasFirstEntry(config, runtime::TextOf(record.section), true);
+  const bool onRemove = HasFirstEntry(config, runtime::TextOf(record.section), false);
   return onInsert || onRemove;
 }
 
 bool WaitBeforeEvent(const CWatchOptions& record, CK_SLOT_ID slot, bool insert) {
   const std::uint64_t wait = insert ? record.insertWait : record.removeWait;
   if (wait == 0) return true;
-  CConfig config;
+  config::CConfig config;
   // Without a configuration the remove section counts as having no ordinary command.
   static_cast<void>(LoadProductConfiguration(config));
 
@@ -206,41 +207,42 @@ bool WaitBeforeEvent(const CWatchOptions& record, CK_SLOT_ID slot, bool insert) 
   return true;
 }
 
-bool IsOrdinaryCommand(CConfig& config, std::string_view name, std::string_view text) {
-  if (StartsWithNoCase(text, kConfigWord)) return HasOrdinaryRemoveCommand(config, name, false);
-  return !StartsWithNoCase(text, "close ") && !StartsWithNoCase(text, "kill ");
+bool IsOrdinaryCommand(config::CConfig& config, std::string_view name, std::string_view text) {
+  if (runtime::StartsWithNoCase(text, kConfigWord))
+    return HasOrdinaryRemoveCommand(config, name, false);
+  return !runtime::StartsWithNoCase(text, "close ") && !runtime::StartsWithNoCase(text, "kill ");
 }
 
-bool HasOrdinaryRemoveCommand(CConfig& config, std::string_view name, bool insert) {
+bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name, bool insert) {
   char section[kEventSectionSize];
   if (!BuildEventSection(insert, name, section)) return false;
   char text[kRemoveEntrySize];
   for (unsigned number = 1; ReadEventEntry(config, section, number, text, false); ++number) {
     // In the remove section such an entry would only send the scan back to its own start.
-    if (!insert && StartsWithNoCase(text, kConfigWord)) continue;
+    if (!insert && runtime::StartsWithNoCase(text, kConfigWord)) continue;
     if (IsOrdinaryCommand(config, name, text)) return true;
   }
   return false;
 }
 
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot) {
-  TraceWrite("Watch - Inserted event ...");
+  runtime::TraceWrite("Watch - Inserted event ...");
   if (!WaitBeforeEvent(record, slot, true)) {
-    TraceWrite("Watch - Inserted event ... %s", "FAILED");
+    runtime::TraceWrite("Watch - Inserted event ... %s", "FAILED");
     return false;
   }
   EventHook(record, true);
   const bool success = RunInsertCommands(record, slot);
   SweepTerminateList(true, slot);
   EventHook(record, true);
-  TraceWrite("Watch - Inserted event ... %s", success ? "OK" : "FAILED");
+  runtime::TraceWrite("Watch - Inserted event ... %s", success ? "OK" : "FAILED");
   return success;
 }
 
 void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot) {
-  TraceWrite("Watch - Remove event ...");
+  runtime::TraceWrite("Watch - Remove event ...");
   {
-    CConfig config;
+    config::CConfig config;
     // A configuration that does not load has no entries, so it runs no remove commands.
     static_cast<void>(LoadProductConfiguration(config));
     if (WaitBeforeEvent(record, slot, false)) {
@@ -252,9 +254,9 @@ void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot) {
   }
   // Also behind a wait that said no: what the insert started does not outlive the card.
   SweepTerminateList(false, slot);
-  TraceWrite("Watch - Remove event ... done");
+  runtime::TraceWrite("Watch - Remove event ... done");
 }
 
 void EventHook(const CWatchOptions& /*record*/, bool /*insert*/) {}
 
-}  // namespace qixx
+}  // namespace qixx::watch

@@ -11,7 +11,7 @@
 #include "pkcs11/cryptoki.h"
 #include "watch/options.h"
 
-namespace qixx {
+namespace qixx::watch {
 
 /// Event sections are named in areas of this size: names over 50 characters yield no commands.
 inline constexpr std::size_t kEventSectionSize = 64;
@@ -20,7 +20,7 @@ inline constexpr std::size_t kInsertEntrySize = 512;
 inline constexpr std::size_t kRemoveEntrySize = 256;
 
 /// Opens the product configuration read-only. False when there is none, or none that holds a text.
-[[nodiscard]] bool LoadProductConfiguration(CConfig& config);
+[[nodiscard]] bool LoadProductConfiguration(config::CConfig& config);
 
 /// "Watch" itself, else "Watch " and the name; empty when that does not fit. Returns whether `out`
 /// is non-empty.
@@ -42,10 +42,12 @@ void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot);
 bool WaitBeforeEvent(const CWatchOptions& record, CK_SLOT_ID slot, bool insert);
 
 /// Whether the event section of the watcher holds a command that is more than an ending.
-[[nodiscard]] bool HasOrdinaryRemoveCommand(CConfig& config, std::string_view name, bool insert);
+[[nodiscard]] bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name,
+                                            bool insert);
 /// Whether a command text is more than an ending; one that begins with "config" is as ordinary as
 /// the watcher's remove section.
-[[nodiscard]] bool IsOrdinaryCommand(CConfig& config, std::string_view name, std::string_view text);
+[[nodiscard]] bool IsOrdinaryCommand(config::CConfig& config, std::string_view name,
+                                     std::string_view text);
 
 /// Size of the area for an entry's key, terminator included.
 inline constexpr std::size_t kEntryKeySize = 16;
@@ -56,4 +58,4 @@ void FormatEntryKey(unsigned number, std::span<char> key);
 /// do on this platform.
 void EventHook(const CWatchOptions& record, bool insert);
 
-}  // namespace qixx
+}  // namespace qixx::watch

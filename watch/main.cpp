@@ -52,14 +52,14 @@ int main(int argc, char** argv) {
   int result = EXIT_FAILURE;
   try {
     if (PrintInformation(argc, argv)) return EXIT_SUCCESS;
-    qixx::InstallStopHandlers();
-    char line[qixx::kLineSize] = {};
-    qixx::JoinArguments(argc, argv, line);
-    result = qixx::WatchMain(0, 0, line);
+    qixx::watch::InstallStopHandlers();
+    char line[qixx::runtime::kLineSize] = {};
+    qixx::watch::JoinArguments(argc, argv, line);
+    result = qixx::watch::WatchMain(0, 0, line);
   } catch (...) {
     // Only memory running out comes here; ending is all that is left.
   }
   // A command that still runs may be inside a library, whose static objects must not go under it.
-  if (!qixx::WaitForParallelJobs(0)) ::_exit(result);
+  if (!qixx::watch::WaitForParallelJobs(0)) ::_exit(result);
   return result;
 }

@@ -4,7 +4,7 @@
 
 #include "config/store.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
 constexpr char kQuote = '"';
@@ -17,17 +17,17 @@ class OptionText {
   explicit OptionText(std::string_view text) : left_(text) {}
 
   [[nodiscard]] std::string_view Left() const { return left_; }
-  void SkipLeadingBlanks() { left_ = SkipBlanks(left_); }
+  void SkipLeadingBlanks() { left_ = runtime::SkipBlanks(left_); }
 
   /// Consumes `literal` when the text begins with it.
   bool Take(std::string_view literal) {
-    if (!StartsWithNoCase(left_, literal)) return false;
+    if (!runtime::StartsWithNoCase(left_, literal)) return false;
     left_.remove_prefix(literal.size());
     return true;
   }
   /// The text up to the next double-quote character, which is consumed; all of it without one.
   std::string_view TakeToQuote() {
-    const std::size_t end = std::min(FindChar(left_, kQuote), left_.size());
+    const std::size_t end = std::min(runtime::FindChar(left_, kQuote), left_.size());
     const std::string_view value = left_.substr(0, end);
     left_.remove_prefix(std::min(end + 1, left_.size()));
     return value;
@@ -53,9 +53,10 @@ void SkipVerb(OptionText& text) {
 void ParseSectionOption(OptionText& text, CWatchOptions& record) {
   if (!text.Take("-s \"") && !text.Take("-b \"")) return;
   char words[kScratchSize];
-  CopyTextCut(words, text.TakeToQuote());
-  const std::size_t blank = FindCharBack(words, ' ');
-  if (blank != std::string_view::npos) CopyTextCut(record.section, TextOf(words).substr(blank + 1));
+  runtime::CopyTextCut(words, text.TakeToQuote());
+  const std::size_t blank = runtime::FindCharBack(words, ' ');
+  if (blank != std::string_view::npos)
+    runtime::CopyTextCut(record.section, runtime::TextOf(words).substr(blank + 1));
 }
 
 void SetFlag(std::string_view text, std::string_view name, std::uint8_t& flag) {
@@ -80,28 +81,29 @@ void ParseKeywordForm(std::string_view text, CWatchOptions& record) {
 
   char number[kScratchSize] = {};
   GetOptionValue(text, "-n", number);
-  record.roundLimit = number[0] == '\0' ? kEndlessRounds : ParseDecimal(number);
+  record.roundLimit = number[0] == '\0' ? kEndlessRounds : runtime::ParseDecimal(number);
 
   // The name ends in a blank, so that only a second blank or the end makes it match.
   GetOptionValue(text, "-m ", record.message);
 
   number[0] = '\0';
   GetOptionValue(text, "-w", number);
-  if (number[0] != '\0') record.insertWait = ParseDecimal(number);
+  if (number[0] != '\0') record.insertWait = runtime::ParseDecimal(number);
 }
 
 void ParseWaits(std::string_view quoted, CWatchOptions& record) {
   char waits[kScratchSize];
-  CopyTextCut(waits, quoted);
-  record.insertWait = ParseDecimal(waits);
+  runtime::CopyTextCut(waits, quoted);
+  record.insertWait = runtime::ParseDecimal(waits);
   std::string_view second;
-  if (GetField(TextOf(waits), 1, '|', second)) record.removeWait = ParseDecimal(second);
+  if (runtime::GetField(runtime::TextOf(waits), 1, '|', second))
+    record.removeWait = runtime::ParseDecimal(second);
 }
 
 void ParseMessages(std::string_view quoted, CWatchOptions& record) {
-  const std::size_t bar = FindChar(quoted, '|');
-  CopyTextCut(record.message, quoted.substr(0, bar));
-  if (bar != std::string_view::npos) CopyTextCut(record.message2, quoted.substr(bar + 1));
+  const std::size_t bar = runtime::FindChar(quoted, '|');
+  runtime::CopyTextCut(record.message, quoted.substr(0, bar));
+  if (bar != std::string_view::npos) runtime::CopyTextCut(record.message2, quoted.substr(bar + 1));
 }
 
 void ParseHide(OptionText& text, CWatchOptions& record) {
@@ -119,15 +121,16 @@ void ParseHide(OptionText& text, CWatchOptions& record) {
 /// them.
 void ParsePositionalForm(OptionText& text, CWatchOptions& record) {
   if (text.Take("-w ")) record.waitFlag = 1;
-  if (text.Take("-match \"")) CopyTextCut(record.match, text.TakeQuotedValue());
+  if (text.Take("-match \"")) runtime::CopyTextCut(record.match, text.TakeQuotedValue());
   if (text.Take("-wait \"")) ParseWaits(text.TakeQuotedValue(), record);
   if (text.Take("-message \"")) ParseMessages(text.TakeQuotedValue(), record);
   if (text.Take("-hide ")) ParseHide(text, record);
   if (text.Take("-sync ")) record.sync = 1;
   if (text.Take("-term ")) record.terminate = 1;
   if (text.Take("-recognized ")) record.recognized = 1;
-  if (text.Take("-simulate \"")) CopyTextCut(record.simulate, text.TakeQuotedValue());
-  if (record.simulate[0] == '\0' && !text.Left().empty()) CopyTextCut(record.rest, text.Left());
+  if (text.Take("-simulate \"")) runtime::CopyTextCut(record.simulate, text.TakeQuotedValue());
+  if (record.simulate[0] == '\0' && !text.Left().empty())
+    runtime::CopyTextCut(record.rest, text.Left());
   record.roundLimit = kEndlessRounds;
 }
 
@@ -146,9 +149,10 @@ bool ParseOptions(std::string_view line, CWatchOptions& record) {
 
 /// A value that only the environment gives is a failed read and does not count here.
 void ReadBackground(CWatchOptions& record) {
-  CConfig config;
-  if (config.OpenDefault(false) != kConfigOk ||
-      config.GetString(record.section, "Background", record.background, true) != kConfigOk) {
+  config::CConfig config;
+  if (config.OpenDefault(false) != config::kConfigOk ||
+      config.GetString(record.section, "Background", record.background, true) !=
+          config::kConfigOk) {
     record.background[0] = '\0';
   }
 }
@@ -157,32 +161,32 @@ void ReadBackground(CWatchOptions& record) {
 
 bool ParseWatchOptions(std::string_view text, CWatchOptions& record) {
   const bool textLeft = !text.empty() && ParseOptions(text, record);
-  if (record.section[0] == '\0') CopyTextCut(record.section, kDefaultSection);
+  if (record.section[0] == '\0') runtime::CopyTextCut(record.section, kDefaultSection);
   ReadBackground(record);
   return textLeft;
 }
 
 bool GetOptionValue(std::string_view text, std::string_view name, std::span<char> out) {
-  std::size_t at = FindTextNoCase(text, name);
+  std::size_t at = runtime::FindTextNoCase(text, name);
   while (at != std::string_view::npos) {
     const std::string_view behind = text.substr(at + name.size());
     if (behind.empty() || behind.front() == ' ') break;
-    at = FindTextNoCase(text, name, at + name.size());
+    at = runtime::FindTextNoCase(text, name, at + name.size());
   }
   if (at == std::string_view::npos) return false;
   if (out.empty()) return true;
 
-  std::string_view value = SkipBlanks(text.substr(at + name.size()));
+  std::string_view value = runtime::SkipBlanks(text.substr(at + name.size()));
   if (value.starts_with(kQuote)) {
     value.remove_prefix(1);
-    value = value.substr(0, FindChar(value, kQuote));
+    value = value.substr(0, runtime::FindChar(value, kQuote));
   } else if (value.starts_with('-')) {
     value = {};
   } else {
-    value = value.substr(0, FindChar(value, ' '));
+    value = value.substr(0, runtime::FindChar(value, ' '));
   }
-  CopyTextCut(out, value);
+  runtime::CopyTextCut(out, value);
   return true;
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

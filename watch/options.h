@@ -8,7 +8,7 @@
 
 #include "runtime/text.h"
 
-namespace qixx {
+namespace qixx::watch {
 
 /// Round limit of a watcher without "-n": in practice endless.
 inline constexpr std::uint64_t kEndlessRounds = 4294967295;
@@ -21,24 +21,25 @@ inline constexpr std::string_view kConfigWord = "config";
 /// What one watcher does. Zero-filled before the first parse; later parses overlay it and, but for
 /// a few fields named in the parser, never clear it.
 struct CWatchOptions {
-  char registry[kTextSize];    ///< "-r"; nothing on this platform
-  char program[kTextSize];     ///< "-p": program to start on an event
-  char configFile[kTextSize];  ///< "-c": file that receives the logon values, without "-r" only
-  char arguments[kTextSize];   ///< "-a"
-  char message[kTextSize];     ///< kept, not read
-  char message2[kTextSize];    ///< kept, not read
-  char match[kTextSize];       ///< which card's certificate counts
-  std::uint64_t insertWait;    ///< seconds
-  std::uint64_t removeWait;    ///< seconds
+  char registry[runtime::kTextSize];    ///< "-r"; nothing on this platform
+  char program[runtime::kTextSize];     ///< "-p": program to start on an event
+  char configFile[runtime::kTextSize];  ///< "-c": file that receives the logon values, without "-r"
+                                        ///< only
+  char arguments[runtime::kTextSize];   ///< "-a"
+  char message[runtime::kTextSize];     ///< kept, not read
+  char message2[runtime::kTextSize];    ///< kept, not read
+  char match[runtime::kTextSize];       ///< which card's certificate counts
+  std::uint64_t insertWait;             ///< seconds
+  std::uint64_t removeWait;             ///< seconds
   std::uint8_t terminate;
   std::uint8_t recognized;
   std::uint8_t hideInsert;
   std::uint8_t hideRemove;
   std::uint8_t sync;
-  char simulate[32];           ///< non-empty selects the simulation
-  char rest[kTextSize];        ///< text left after the positional options
-  char section[kTextSize];     ///< configuration section of this watcher
-  char background[kTextSize];  ///< value of key "Background" in that section
+  char simulate[32];                    ///< non-empty selects the simulation
+  char rest[runtime::kTextSize];        ///< text left after the positional options
+  char section[runtime::kTextSize];     ///< configuration section of this watcher
+  char background[runtime::kTextSize];  ///< value of key "Background" in that section
   std::uint64_t roundLimit;
   std::uint8_t waitFlag;    ///< kept, not read
   std::uint64_t processId;  ///< of the keyword form's program
@@ -53,4 +54,4 @@ bool ParseWatchOptions(std::string_view text, CWatchOptions& record);
 /// was found; an empty `out` area asks for that alone.
 bool GetOptionValue(std::string_view text, std::string_view name, std::span<char> out);
 
-}  // namespace qixx
+}  // namespace qixx::watch

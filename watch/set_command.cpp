@@ -29,7 +29,7 @@
 #include "watch/credentials.h"
 #include "watch/options.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
 /// What a configuration file's name gets for its saved copy.
@@ -37,8 +37,8 @@ constexpr const char* kSavedCopySuffix = ".org";
 
 /// Reading, changing and writing a file is one step. In static storage and never destroyed, like
 /// all that a command on a thread of its own may use while the process ends.
-CCritical& FileLock() {
-  static Lasting<CCritical> lock;
+runtime::CCritical& FileLock() {
+  static runtime::Lasting<runtime::CCritical> lock;
   return *lock;
 }
 
@@ -68,20 +68,20 @@ bool IsMissing(const std::string& path) {
 /// Locks the folder of a file against other services: extra watchers answer the same event, often
 /// with the same file. The folder, because the file itself is replaced. Whoever holds the lock for
 /// too long, and a file system without locks, is not waited for.
-Descriptor LockFolder(const char* file) try {
+runtime::Descriptor LockFolder(const char* file) try {
   constexpr int kTries = 200;
   constexpr unsigned kPause = 10'000;  // microseconds
-  const std::string path = ResolveLinks(std::string(ViewOf(file)));
-  const std::size_t slash = FindCharBack(path, '/');
+  const std::string path = ResolveLinks(std::string(runtime::ViewOf(file)));
+  const std::size_t slash = runtime::FindCharBack(path, '/');
   const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  Descriptor locked(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  runtime::Descriptor locked(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   for (int tries = kTries; tries > 0 && locked.IsOpen(); --tries) {
     if (::flock(locked.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) break;
     ::usleep(kPause);
   }
   return locked;
 } catch (const std::bad_alloc&) {
-  return Descriptor(-1);
+  return runtime::Descriptor(-1);
 }
 
 /// Belongs to the file lock.
@@ -92,7 +92,8 @@ constinit unsigned fileScopes = 0;
 class FileScope {
  public:
   explicit FileScope(const char* file)
-      : hold_(&FileLock()), folder_(fileScopes++ == 0 ? LockFolder(file) : Descriptor(-1)) {}
+      : hold_(&FileLock()),
+        folder_(fileScopes++ == 0 ? LockFolder(file) : runtime::Descriptor(-1)) {}
   ~FileScope() {
     // A process that was forked meanwhile may have the descriptor too.
     if (folder_.IsOpen()) ::flock(folder_.Get(), LOCK_UN);
@@ -102,8 +103,8 @@ class FileScope {
   FileScope& operator=(const FileScope&) = delete;
 
  private:
-  CriticalScope hold_;
-  Descriptor folder_;
+  runtime::CriticalScope hold_;
+  runtime::Descriptor folder_;
 };
 
 // --- placeholders in a file's text ------------------------------------------------------------
@@ -123,7 +124,7 @@ std::string Replaced(std::string_view text, std::string_view name, std::string_v
   const auto endsInName = [&] {
     if (result.size() < settled + name.size()) return false;
     const std::string_view tail = std::string_view(result).substr(result.size() - name.size());
-    return anyCase ? EqualsNoCase(tail, name) : tail == name;
+    return anyCase ? runtime::EqualsNoCase(tail, name) : tail == name;
   };
   for (std::size_t next = 0; next < text.size() && result.size() <= limit; ++next) {
     pending.push_back(text[next]);
@@ -147,18 +148,18 @@ std::string Replaced(std::string_view text, std::string_view name, std::string_v
 /// placeholder, is left alone.
 void SetPlaceholder(const char* file, std::string_view name, std::string_view value) {
   std::uint8_t* data = nullptr;
-  const std::size_t length = ReadWholeFile(file, data);
+  const std::size_t length = runtime::ReadWholeFile(file, data);
   const std::unique_ptr<std::uint8_t[]> owned(data);
   if (length == 0) return;
 
   const std::string_view before(reinterpret_cast<const char*>(data), length);
   // The keys of a subject are written in either case, by certificates and by administrators.
-  const bool anyCase = StartsWithNoCase(name, kComponentPrefix);
-  const std::string after = Replaced(before, name, value, anyCase, kMaximumFileSize);
-  if (after == before || after.size() > kMaximumFileSize) return;
+  const bool anyCase = runtime::StartsWithNoCase(name, kComponentPrefix);
+  const std::string after = Replaced(before, name, value, anyCase, runtime::kMaximumFileSize);
+  if (after == before || after.size() > runtime::kMaximumFileSize) return;
   const std::span bytes(reinterpret_cast<const std::uint8_t*>(after.data()), after.size());
   // A failure leaves the old text whole, and there is nobody to tell.
-  static_cast<void>(WriteWholeFileSafely(bytes, ResolveLinks(file).c_str()));
+  static_cast<void>(runtime::WriteWholeFileSafely(bytes, ResolveLinks(file).c_str()));
 }
 
 // --- configuration keys -----------------------------------------------------------------------
@@ -171,15 +172,15 @@ constexpr std::size_t kMaximumEntries = 1000;
 
 /// The entries that `name` means: all of that name as they are spelled, else a new one in the
 /// section of the first entry, none in a file without any.
-std::set<Entry> FindEntries(CConfig& config, std::string_view name) {
+std::set<Entry> FindEntries(config::CConfig& config, std::string_view name) {
   std::set<Entry> found;
   std::optional<std::string> firstSection;
-  char section[kTextSize];
-  char key[kTextSize];
-  for (std::size_t index = 0;
-       found.size() < kMaximumEntries && config.EnumEntries(section, key, index) == kConfigOk;) {
+  char section[runtime::kTextSize];
+  char key[runtime::kTextSize];
+  for (std::size_t index = 0; found.size() < kMaximumEntries &&
+                              config.EnumEntries(section, key, index) == config::kConfigOk;) {
     if (!firstSection) firstSection = section;
-    if (EqualsNoCase(key, name)) found.insert({section, key});
+    if (runtime::EqualsNoCase(key, name)) found.insert({section, key});
   }
   if (found.empty() && firstSection) found.insert({*firstSection, std::string(name)});
   return found;
@@ -187,9 +188,9 @@ std::set<Entry> FindEntries(CConfig& config, std::string_view name) {
 
 void SetKey(const char* file, std::string_view name, std::string_view value) {
   // Opening a missing file for writing would make an empty one.
-  if (!PathExists(file)) return;
-  CConfig config;
-  if (config.OpenItem(true, file) != kConfigOk) return;
+  if (!runtime::PathExists(file)) return;
+  config::CConfig config;
+  if (config.OpenItem(true, file) != config::kConfigOk) return;
   const std::string text(value);
   for (const auto& [section, key] : FindEntries(config, name)) {
     config.SetString(section.c_str(), key.c_str(), text.c_str(), true);
@@ -201,9 +202,9 @@ void SetKey(const char* file, std::string_view name, std::string_view value) {
 
 /// The options of a set command, each empty when it is absent.
 struct SetOptions {
-  char match[kTextSize] = "";
-  char registry[kTextSize] = "";
-  char config[kTextSize] = "";
+  char match[runtime::kTextSize] = "";
+  char registry[runtime::kTextSize] = "";
+  char config[runtime::kTextSize] = "";
 
   explicit SetOptions(std::string_view text) {
     GetOptionValue(text, "-match", match);
@@ -221,12 +222,13 @@ void WriteIfPresent(const char* file, std::initializer_list<std::string_view> na
 
 void WriteLogonValues(const char* file, const LogonValues& values) {
   BackupOrRestoreConfigFile(file);
-  const LogonName name = SplitPrincipalName(TextOf(values.upn));
+  const LogonName name = SplitPrincipalName(runtime::TextOf(values.upn));
   WriteIfPresent(file, {kUserNameKey, kUserNamePlaceholder}, name.user);
   WriteIfPresent(file, {kDomainKey, kDomainPlaceholder}, name.domain);
-  WriteIfPresent(file, {kSerialPlaceholder}, TextOf(values.serial));
-  WriteIfPresent(file, {kSubjectPlaceholder}, TextOf(values.subject));
-  for (const SubjectPlaceholder& placeholder : SubjectPlaceholders(TextOf(values.subject))) {
+  WriteIfPresent(file, {kSerialPlaceholder}, runtime::TextOf(values.serial));
+  WriteIfPresent(file, {kSubjectPlaceholder}, runtime::TextOf(values.subject));
+  for (const SubjectPlaceholder& placeholder :
+       SubjectPlaceholders(runtime::TextOf(values.subject))) {
     SetConfigValue(file, placeholder.name, placeholder.value);
   }
 }
@@ -235,12 +237,12 @@ bool SetOnInsert(CK_SLOT_ID slot, const SetOptions& options) {
   if (slot == 0) return false;
   LogonValues values;
   std::uint64_t certificate = slot;
-  if (!FindLogonCredential(TextOf(options.match), certificate, values.upn, values.subject,
+  if (!FindLogonCredential(runtime::TextOf(options.match), certificate, values.upn, values.subject,
                            values.serial)) {
     return false;
   }
-  TraceWrite("Watch - Logon credential: '%s'", values.upn);
-  TraceWrite("Watch - Logon subject:    '%s'", values.subject);
+  runtime::TraceWrite("Watch - Logon credential: '%s'", values.upn);
+  runtime::TraceWrite("Watch - Logon subject:    '%s'", values.subject);
   if (options.config[0] == '\0') return options.registry[0] != '\0';
   const FileScope hold(options.config);
   WriteLogonValues(options.config, values);
@@ -272,7 +274,7 @@ void ReplaceAll(std::string& text, std::string_view name, std::string_view value
 }
 
 void SetConfigValue(const char* file, std::string_view name, std::string_view value) {
-  if (ViewOf(file).empty() || name.empty()) return;
+  if (runtime::ViewOf(file).empty() || name.empty()) return;
   const FileScope hold(file);
   try {
     if (name.starts_with('%')) {
@@ -306,21 +308,21 @@ void RestoreAndClear(const char* file) {
 }
 
 bool BackupOrRestoreConfigFile(const char* file) try {
-  if (ViewOf(file).empty()) return false;
+  if (runtime::ViewOf(file).empty()) return false;
   const FileScope hold(file);
   const std::string saved = std::string(file) + kSavedCopySuffix;
   const bool save = IsMissing(saved);
   const char* const source = save ? file : saved.c_str();
-  if (GetFileSize(source) > kMaximumFileSize) return false;
-  return CopyFileSafely(source, save ? saved.c_str() : ResolveLinks(file).c_str());
+  if (runtime::GetFileSize(source) > runtime::kMaximumFileSize) return false;
+  return runtime::CopyFileSafely(source, save ? saved.c_str() : ResolveLinks(file).c_str());
 } catch (const std::bad_alloc&) {
   return false;
 }
 
 bool SetCommand(CK_SLOT_ID slot, std::string_view text, bool insert) {
-  TraceWrite("Watch - Set command ...");
+  runtime::TraceWrite("Watch - Set command ...");
   const bool success = SetOnEvent(slot, text, insert);
-  TraceWrite("Watch - Set command ... %s", success ? "OK" : "FAILED");
+  runtime::TraceWrite("Watch - Set command ... %s", success ? "OK" : "FAILED");
   return success;
 }
 
@@ -335,4 +337,4 @@ bool RunSetCommand(CK_SLOT_ID slot, std::string_view match, std::string_view reg
   return false;
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

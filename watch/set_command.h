@@ -12,7 +12,7 @@
 
 #include "pkcs11/cryptoki.h"
 
-namespace qixx {
+namespace qixx::watch {
 
 /// The configuration keys of the logon values.
 inline constexpr std::string_view kUserNameKey = "Username";
@@ -47,4 +47,4 @@ bool BackupOrRestoreConfigFile(const char* file);
 /// must come to an end; else the search goes on behind the replacement. May throw std::bad_alloc.
 void ReplaceAll(std::string& text, std::string_view name, std::string_view value);
 
-}  // namespace qixx
+}  // namespace qixx::watch

@@ -6,16 +6,16 @@
 #include "runtime/lasting.h"
 #include "runtime/settings.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
-class StoreSettings : public RuntimeSettings {
+class StoreSettings : public runtime::RuntimeSettings {
  public:
-  bool Open(SettingsScope scope) override {
-    CConfig& store = store_.emplace();
+  bool Open(runtime::SettingsScope scope) override {
+    config::CConfig& store = store_.emplace();
     // Whatever could be opened is asked; even without a file an entry may come from the
     // environment.
-    if (scope == SettingsScope::kSystemOnly) {
+    if (scope == runtime::SettingsScope::kSystemOnly) {
       store.OpenDefault(false);
     } else {
       store.OpenAll(false);
@@ -23,23 +23,23 @@ class StoreSettings : public RuntimeSettings {
     return true;
   }
   bool GetText(const char* section, const char* entry, std::span<char> value) override {
-    return store_.has_value() && ReadConfigText(*store_, section, entry, value, false);
+    return store_.has_value() && config::ReadConfigText(*store_, section, entry, value, false);
   }
   bool GetBoolean(const char* section, const char* entry, bool& value) override {
-    return store_.has_value() && store_->GetBoolean(section, entry, value) == kConfigOk;
+    return store_.has_value() && store_->GetBoolean(section, entry, value) == config::kConfigOk;
   }
   void Close() override { store_.reset(); }
 
  private:
-  std::optional<CConfig> store_;
+  std::optional<config::CConfig> store_;
 };
 
 }  // namespace
 
 void ConnectRuntimeSettings() {
   // In static storage and never destroyed: the runtime may ask until the process has ended.
-  static Lasting<StoreSettings> settings;
-  SetRuntimeSettings(&*settings);
+  static runtime::Lasting<StoreSettings> settings;
+  runtime::SetRuntimeSettings(&*settings);
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

@@ -1,9 +1,9 @@
 // Answers the runtime's questions from the configuration.
 #pragma once
 
-namespace qixx {
+namespace qixx::watch {
 
 /// Makes the configuration store the source of the runtime's settings; called once at start.
 void ConnectRuntimeSettings();
 
-}  // namespace qixx
+}  // namespace qixx::watch

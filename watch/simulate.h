@@ -3,9 +3,9 @@
 
 #include "watch/options.h"
 
-namespace qixx {
+namespace qixx::watch {
 
 /// Runs the event section that the record's `simulate` names. Returns 0.
 int SimulateEvent(const CWatchOptions& record);
 
-}  // namespace qixx
+}  // namespace qixx::watch

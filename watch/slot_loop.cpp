@@ -18,7 +18,7 @@
 #include "watch/event_table.h"
 #include "watch/stop.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
 // Pauses between two rounds, in milliseconds.
@@ -41,25 +41,25 @@ constexpr std::string_view kHideOption = " -hide";
 void InitialiseLibrary() {
   const CardScope card;
   // Without a library the watch runs on; it may come up later.
-  Pkcs11().Initialize(nullptr);
+  pkcs11::Pkcs11().Initialize(nullptr);
 }
 
 void FinaliseLibrary() {
   const CardScope card;
-  Pkcs11().Finalize(nullptr);
+  pkcs11::Pkcs11().Finalize(nullptr);
 }
 
 /// Tries again now and then while the library is not initialised; true when that has just worked.
 bool InitialiseLater(std::uint64_t round) {
   if (round == 0 || round % kInitialiseRounds != 0) return false;
   const CardScope card;
-  return Pkcs11().InitializeCount() == 0 && Pkcs11().Initialize(nullptr) == CKR_OK;
+  return pkcs11::Pkcs11().InitializeCount() == 0 && pkcs11::Pkcs11().Initialize(nullptr) == CKR_OK;
 }
 
 bool IsLibraryLoaded() {
   CK_FUNCTION_LIST_PTR functions = nullptr;
-  return Pkcs11().InitializeCount() != 0 ||
-         Pkcs11().GetFunctionList(&functions) != CKR_FUNCTION_FAILED;
+  return pkcs11::Pkcs11().InitializeCount() != 0 ||
+         pkcs11::Pkcs11().GetFunctionList(&functions) != CKR_FUNCTION_FAILED;
 }
 
 /// Takes a pending event; an error counts as none. The poll would search the disk for a missing
@@ -67,28 +67,30 @@ bool IsLibraryLoaded() {
 bool TakeEvent(CK_SLOT_ID& slot) {
   const CardScope card;
   if (!IsLibraryLoaded()) return false;
-  const CK_RV result = Pkcs11().WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
+  const CK_RV result = pkcs11::Pkcs11().WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
   // Somebody else in the process has finalised it: ours is over too, and InitialiseLater is to act.
-  const bool ended = result == CKR_CRYPTOKI_NOT_INITIALIZED && Pkcs11().InitializeCount() != 0;
-  if (ended) Pkcs11().Finalize(nullptr);
+  const bool ended =
+      result == CKR_CRYPTOKI_NOT_INITIALIZED && pkcs11::Pkcs11().InitializeCount() != 0;
+  if (ended) pkcs11::Pkcs11().Finalize(nullptr);
   return result == CKR_OK;
 }
 
 CK_SLOT_ID FindSlotWithCard() {
   const CardScope card;
-  return CHelperPkcs11::FindWatchSlot(true);
+  return pkcs11::CHelperPkcs11::FindWatchSlot(true);
 }
 
 bool ShowsToken(CK_SLOT_ID slot) {
   CK_SLOT_INFO info = {};
   const CardScope card;
-  return Pkcs11().GetSlotInfo(slot, &info) == CKR_OK && (info.flags & CKF_TOKEN_PRESENT) != 0;
+  return pkcs11::Pkcs11().GetSlotInfo(slot, &info) == CKR_OK &&
+         (info.flags & CKF_TOKEN_PRESENT) != 0;
 }
 
 bool IsTokenReadable(CK_SLOT_ID slot) {
   CK_TOKEN_INFO info = {};
   const CardScope card;
-  return Pkcs11().GetTokenInfo(slot, &info) == CKR_OK;
+  return pkcs11::Pkcs11().GetTokenInfo(slot, &info) == CKR_OK;
 }
 
 // --- the rounds of either variant ---------------------------------------------------------------
@@ -99,7 +101,7 @@ template <typename Watch>
 void RunRounds(Watch& watch, std::uint64_t limit) {
   for (std::uint64_t round = 0; round < limit && !StopRequested(); ++round) {
     watch.Round(InitialiseLater(round));
-    ReapChildren();
+    runtime::ReapChildren();
     if (!WatchSleep(watch.Pause())) return;
   }
 }
@@ -112,8 +114,8 @@ class SlotWatch {
 
   void Round(bool initialisedLate) {
     CK_SLOT_ID slot = kNoSlot;
-    if (NextEvent(initialisedLate, slot) && CHelperPkcs11::NormalizeSlotId(slot) == slot) {
-      TraceWrite("Watch - Event");
+    if (NextEvent(initialisedLate, slot) && pkcs11::CHelperPkcs11::NormalizeSlotId(slot) == slot) {
+      runtime::TraceWrite("Watch - Event");
       if (slot != kNoSlot && ShowsToken(slot)) {
         HandleToken(slot);
       } else {
@@ -144,7 +146,8 @@ class SlotWatch {
   /// A library that came up late reports nothing from before: neither that the connected card has
   /// gone, which comes first, nor that a card is there.
   CK_SLOT_ID MissedSlot() {
-    if (Pkcs11().InitializeCount() == 0) return kNoSlot;  // finalised once more: nothing to ask
+    if (pkcs11::Pkcs11().InitializeCount() == 0)
+      return kNoSlot;  // finalised once more: nothing to ask
     if (connected_ != kNoSlot && !ShowsToken(connected_)) return connected_;
     catchUp_ = false;
     return connected_ == kNoSlot ? FindSlotWithCard() : kNoSlot;
@@ -152,21 +155,21 @@ class SlotWatch {
 
   void HandleToken(CK_SLOT_ID slot) {
     if (connected_ != kNoSlot) {
-      TraceWrite("Watch - Already connected");
+      runtime::TraceWrite("Watch - Already connected");
       return;
     }
     if (record_.recognized != 0 && !IsTokenReadable(slot)) return;
     // Connected even when a command failed, so that the card is not announced twice.
     OnInsertEvent(record_, slot);
     connected_ = slot;
-    TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
+    runtime::TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
   }
 
   /// The connected slot is forgotten in any case, also when no removal is dispatched.
   void HandleNoToken(CK_SLOT_ID slot) {
     if ((connected_ != kNoSlot || record_.sync == 0) && IsRemoval(slot)) {
       OnRemoveEvent(record_, connected_);
-      TraceWrite("Watch - Disconnected slot %d", static_cast<int>(connected_));
+      runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(connected_));
     }
     connected_ = kNoSlot;
   }
@@ -176,8 +179,9 @@ class SlotWatch {
   }
 
   void CheckProgram() {
-    if (record_.processId == 0 || IsProcessRunning(record_.processId)) return;
-    TraceWrite("Watch - Process %d terminated normally", static_cast<int>(record_.processId));
+    if (record_.processId == 0 || runtime::IsProcessRunning(record_.processId)) return;
+    runtime::TraceWrite("Watch - Process %d terminated normally",
+                        static_cast<int>(record_.processId));
     record_.processId = 0;
   }
 
@@ -215,8 +219,8 @@ class LogonWatch {
     }
   }
   void ForgetSlot() {
-    TraceWrite("Watch - Logon slot %d removed", static_cast<int>(tracked_));
-    ResetStoredCredential(user_);
+    runtime::TraceWrite("Watch - Logon slot %d removed", static_cast<int>(tracked_));
+    runtime::ResetStoredCredential(user_);
     OnRemoveEvent(record_, tracked_);
     tracked_ = kNoSlot;
     certificateLength_ = 0;
@@ -224,8 +228,8 @@ class LogonWatch {
   [[nodiscard]] bool HoldsCertificate() const {
     if (!ShowsToken(tracked_)) return false;
     const CardScope card;
-    return CHelperPkcs11::IsCertificatePresent(tracked_,
-                                               std::span(certificate_).first(certificateLength_));
+    return pkcs11::CHelperPkcs11::IsCertificatePresent(
+        tracked_, std::span(certificate_).first(certificateLength_));
   }
 
   void SearchSlot(bool initialisedLate) {
@@ -235,21 +239,21 @@ class LogonWatch {
     CK_SLOT_ID slot = kNoSlot;
     if (!FindUserSlot(slot)) return;
     if (slot != kNoSlot) {
-      TraceWrite("Watch - Logon slot %d inserted", static_cast<int>(slot));
+      runtime::TraceWrite("Watch - Logon slot %d inserted", static_cast<int>(slot));
       OnInsertEvent(record_, slot);
       tracked_ = slot;
       // The events taken from now on do not keep the list up to date.
       slotCount_ = 0;
     } else {
-      TraceWrite("Watch - Logon slot not found");
-      ResetStoredCredential(user_);
+      runtime::TraceWrite("Watch - Logon slot not found");
+      runtime::ResetStoredCredential(user_);
       OnRemoveEvent(record_, kNoSlot);
     }
   }
   void RefreshSlots() {
     const CardScope card;
     CK_ULONG count = slots_.size();
-    const bool listed = Pkcs11().GetSlotList(CK_TRUE, slots_.data(), &count) == CKR_OK;
+    const bool listed = pkcs11::Pkcs11().GetSlotList(CK_TRUE, slots_.data(), &count) == CKR_OK;
     slotCount_ = listed ? std::min<std::size_t>(count, slots_.size()) : 0;
   }
   bool FindUserSlot(CK_SLOT_ID& slot) {
@@ -275,22 +279,22 @@ class LogonWatch {
 void HideBackground(const CWatchOptions& record) {
   if (record.background[0] == '\0') return;
   char arguments[sizeof record.background + kHideOption.size()];
-  const std::size_t length = CopyTextCut(arguments, TextOf(record.background));
-  CopyTextCut(std::span(arguments).subspan(length), kHideOption);
-  StartApplication(arguments, true);
+  const std::size_t length = runtime::CopyTextCut(arguments, runtime::TextOf(record.background));
+  runtime::CopyTextCut(std::span(arguments).subspan(length), kHideOption);
+  runtime::StartApplication(arguments, true);
 }
 
 void RunWithLibrary(CWatchOptions& record) {
-  if (record.background[0] != '\0') StartApplication(record.background, true);
-  TraceWrite("Watch - Started '%s'", MaskedText(record.section).Text());
+  if (record.background[0] != '\0') runtime::StartApplication(record.background, true);
+  runtime::TraceWrite("Watch - Started '%s'", runtime::MaskedText(record.section).Text());
   InitialiseLibrary();
-  TraceWrite("Watch - Running '%s'", MaskedText(record.section).Text());
-  if (EqualsNoCase(TextOf(record.section), "Logon")) {
+  runtime::TraceWrite("Watch - Running '%s'", runtime::MaskedText(record.section).Text());
+  if (runtime::EqualsNoCase(runtime::TextOf(record.section), "Logon")) {
     WatchLogonSlot(record);
   } else {
     WatchSlots(record);
   }
-  TraceWrite("Watch - Stopping '%s'", MaskedText(record.section).Text());
+  runtime::TraceWrite("Watch - Stopping '%s'", runtime::MaskedText(record.section).Text());
   FinaliseLibrary();
   HideBackground(record);
 }
@@ -298,13 +302,13 @@ void RunWithLibrary(CWatchOptions& record) {
 }  // namespace
 
 void RunWatch(CWatchOptions& record) {
-  TraceWrite("Watch - Starting");
+  runtime::TraceWrite("Watch - Starting");
   if (HasEventCommands(record)) {
     RunWithLibrary(record);
   } else {
-    TraceWrite("Watch - No event commands available");
+    runtime::TraceWrite("Watch - No event commands available");
   }
-  TraceWrite("Watch - Stopped");
+  runtime::TraceWrite("Watch - Stopped");
 }
 
 void WatchSlots(CWatchOptions& record) {
@@ -319,4 +323,4 @@ void WatchLogonSlot(CWatchOptions& record) {
   RunRounds(watch, record.roundLimit);
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

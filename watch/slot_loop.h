@@ -6,7 +6,7 @@
 
 #include "watch/options.h"
 
-namespace qixx {
+namespace qixx::watch {
 
 /// The whole run of one watcher.
 void RunWatch(CWatchOptions& record);
@@ -16,4 +16,4 @@ void WatchSlots(CWatchOptions& record);
 /// tell who that is.
 void WatchLogonSlot(CWatchOptions& record);
 
-}  // namespace qixx
+}  // namespace qixx::watch

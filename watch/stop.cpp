@@ -16,7 +16,7 @@
 
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -118,9 +118,9 @@ bool WatchSleep(unsigned time) {
   try {
     return SleepUnlessStopped(milliseconds(time));
   } catch (...) {
-    TraceWrite("Watch - Sleep exception");
+    runtime::TraceWrite("Watch - Sleep exception");
     return !StopRequested();
   }
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

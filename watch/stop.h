@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-namespace qixx {
+namespace qixx::watch {
 
 /// Installs the handlers, but for signals that are ignored; opens standard descriptors that are
 /// closed on /dev/null; ignores SIGPIPE and SIGXFSZ, whose causes come back as failed writes.
@@ -24,4 +24,4 @@ inline constexpr unsigned kWaitPause = 333;
   return seconds > UINT64_MAX / 3 ? UINT64_MAX : seconds * 3;
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

@@ -11,7 +11,7 @@
 #include "runtime/sync.h"
 #include "runtime/trace.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
 struct TerminateEntry {
@@ -23,26 +23,26 @@ struct TerminateEntry {
 };
 
 struct TerminateList {
-  CCritical lock;
+  runtime::CCritical lock;
   std::array<TerminateEntry, kTerminateListSize> entries;
 };
 
 // In static storage and never destroyed: a command on a thread of its own may reach it while the
 // process ends.
 TerminateList& List() {
-  static Lasting<TerminateList> list;
+  static runtime::Lasting<TerminateList> list;
   return *list;
 }
 
 void DropIfExited(TerminateEntry& entry) {
-  if (entry.IsFree() || IsProcessRunning(entry.processId)) return;
-  TraceWrite("Watch - Process %d exited", static_cast<int>(entry.processId));
+  if (entry.IsFree() || runtime::IsProcessRunning(entry.processId)) return;
+  runtime::TraceWrite("Watch - Process %d exited", static_cast<int>(entry.processId));
   entry = TerminateEntry{};
 }
 
 // The entry is given up also when its process does not end: there is nothing more to do about it.
 void Terminate(TerminateEntry& entry) {
-  TraceWrite("Watch - Terminate process %d", static_cast<int>(entry.processId));
+  runtime::TraceWrite("Watch - Terminate process %d", static_cast<int>(entry.processId));
   EndProcess(entry.processId);
   entry = TerminateEntry{};
 }
@@ -52,19 +52,19 @@ void Terminate(TerminateEntry& entry) {
 void AddToTerminateList(bool insert, CK_SLOT_ID slot, std::uint64_t processId) {
   if (!insert || processId == 0) return;
   TerminateList& list = List();
-  const CriticalScope hold(&list.lock);
+  const runtime::CriticalScope hold(&list.lock);
   for (TerminateEntry& entry : list.entries) {
     if (!entry.IsFree()) continue;
     entry = {slot, 1, processId};
-    TraceWrite("Watch - Insert %d to terminate list (%d)", static_cast<int>(processId),
-               static_cast<int>(slot));
+    runtime::TraceWrite("Watch - Insert %d to terminate list (%d)", static_cast<int>(processId),
+                        static_cast<int>(slot));
     return;
   }
 }
 
 void SweepTerminateList(bool insert, CK_SLOT_ID slot) {
   TerminateList& list = List();
-  const CriticalScope hold(&list.lock);
+  const runtime::CriticalScope hold(&list.lock);
   for (TerminateEntry& entry : list.entries) {
     DropIfExited(entry);
     if (entry.IsFree() || entry.slot != slot) continue;
@@ -75,7 +75,7 @@ void SweepTerminateList(bool insert, CK_SLOT_ID slot) {
 
 bool IsSlotProcessRunning(CK_SLOT_ID slot) {
   TerminateList& list = List();
-  const CriticalScope hold(&list.lock);
+  const runtime::CriticalScope hold(&list.lock);
   bool running = false;
   for (TerminateEntry& entry : list.entries) {
     DropIfExited(entry);
@@ -87,16 +87,16 @@ bool IsSlotProcessRunning(CK_SLOT_ID slot) {
 bool EndProcess(std::uint64_t processId) {
   constexpr int kTests = 10;
   constexpr useconds_t kPauseMicroseconds = 333000;
-  TraceWrite("Helper - End process %d", static_cast<int>(processId));
+  runtime::TraceWrite("Helper - End process %d", static_cast<int>(processId));
   // 0 and negative ids would reach whole groups of processes.
   if (processId == 0 || processId > INT_MAX) return false;
   ::kill(static_cast<pid_t>(processId), SIGKILL);
   for (int test = 1; test <= kTests; ++test) {
     // A process first found gone at the last test still counts as a failure.
-    if (!IsProcessRunning(processId)) return test < kTests;
+    if (!runtime::IsProcessRunning(processId)) return test < kTests;
     ::usleep(kPauseMicroseconds);
   }
   return false;
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

@@ -9,7 +9,7 @@
 
 #include "pkcs11/cryptoki.h"
 
-namespace qixx {
+namespace qixx::watch {
 
 inline constexpr std::size_t kTerminateListSize = 100;
 
@@ -24,4 +24,4 @@ void SweepTerminateList(bool insert, CK_SLOT_ID slot);
 /// of the first nine tests, as intended. Ids outside 1 to INT_MAX are refused.
 bool EndProcess(std::uint64_t processId);
 
-}  // namespace qixx
+}  // namespace qixx::watch

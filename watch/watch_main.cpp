@@ -25,7 +25,7 @@
 #include "watch/slot_loop.h"
 #include "watch/stop.h"
 
-namespace qixx {
+namespace qixx::watch {
 namespace {
 
 constexpr const char* kComponent = "watch";
@@ -48,27 +48,28 @@ constexpr unsigned kParallelJobWait = 5000;
 
 constinit int currentServiceHandle = 0;
 /// The path by which this program was started.
-constinit char ownPath[kTextSize] = {};
+constinit char ownPath[runtime::kTextSize] = {};
 
 template <std::size_t kCount>
 bool BeginsWithAny(std::string_view line, const std::array<std::string_view, kCount>& heads) {
-  return std::any_of(heads.begin(), heads.end(),
-                     [line](std::string_view head) { return StartsWithNoCase(line, head); });
+  return std::any_of(heads.begin(), heads.end(), [line](std::string_view head) {
+    return runtime::StartsWithNoCase(line, head);
+  });
 }
 
 // --- start --------------------------------------------------------------------------------------
 
 void PrepareProcess() {
-  GetCallingApplication(ownPath);
-  InitProductIdentity();
+  runtime::GetCallingApplication(ownPath);
+  runtime::InitProductIdentity();
   ConnectRuntimeSettings();
-  TraceInit(kComponent);
+  runtime::TraceInit(kComponent);
 }
 
 /// The program-local file first, then the product's.
-void ReadWatchCommand(CConfig& config, std::span<char> command) {
+void ReadWatchCommand(config::CConfig& config, std::span<char> command) {
   if (ReadLocalWatchCommand(command)) return;
-  if (config.OpenDefault(false) == kConfigOk) {
+  if (config.OpenDefault(false) == config::kConfigOk) {
     // Whatever the result says: a value from the environment counts.
     config.GetString(kCommandSection, kWatchEntry, command, true);
     config.Close(true);
@@ -76,8 +77,8 @@ void ReadWatchCommand(CConfig& config, std::span<char> command) {
 }
 
 void TraceCommands(const char* line, const char* command) {
-  TraceWrite("Watch - Command start:  '%s'", MaskedText(line).Text());
-  TraceWrite("Watch - Command config: '%s'", MaskedText(command).Text());
+  runtime::TraceWrite("Watch - Command start:  '%s'", runtime::MaskedText(line).Text());
+  runtime::TraceWrite("Watch - Command config: '%s'", runtime::MaskedText(command).Text());
 }
 
 // --- options ------------------------------------------------------------------------------------
@@ -89,24 +90,24 @@ void ParseCommands(const char* command, std::string_view line, CWatchOptions& re
 
 /// Takes the section and the list of extra watchers out of "config section|extra|extra".
 void SplitConfigRest(CWatchOptions& record, std::span<char> extraList) {
-  if (!StartsWithNoCase(TextOf(record.rest), kConfigHead)) return;
-  const std::string_view names = TextOf(record.rest).substr(kConfigHead.size());
-  const std::size_t bar = FindChar(names, '|');
-  if (bar != std::string_view::npos) CopyTextCut(extraList, names.substr(bar + 1));
-  const std::string_view section = DropTrailingBlanks(names.substr(0, bar));
-  if (!section.empty()) CopyTextCut(record.section, section);
+  if (!runtime::StartsWithNoCase(runtime::TextOf(record.rest), kConfigHead)) return;
+  const std::string_view names = runtime::TextOf(record.rest).substr(kConfigHead.size());
+  const std::size_t bar = runtime::FindChar(names, '|');
+  if (bar != std::string_view::npos) runtime::CopyTextCut(extraList, names.substr(bar + 1));
+  const std::string_view section = runtime::DropTrailingBlanks(names.substr(0, bar));
+  if (!section.empty()) runtime::CopyTextCut(record.section, section);
   record.rest[kConfigWord.size()] = '\0';
 }
 
 /// The watchers that this one started live in sessions of their own, so a signal to this one does
 /// not reach them.
 void PassStopOn() {
-  if (StopRequested()) SignalMarkedChildren(SIGTERM);
+  if (StopRequested()) runtime::SignalMarkedChildren(SIGTERM);
 }
 
 void RunCommands(const char* command, const char* line, CWatchOptions& record) {
   ParseCommands(command, line, record);
-  char extraList[kTextSize] = {};
+  char extraList[runtime::kTextSize] = {};
   SplitConfigRest(record, extraList);
   if (record.simulate[0] != '\0') {
     SimulateEvent(record);
@@ -124,9 +125,9 @@ void RunCommands(const char* command, const char* line, CWatchOptions& record) {
 class WatcherDepth {
  public:
   WatcherDepth() {
-    std::snprintf(name_, sizeof name_, "%swatchdepth", Product().prefix);
+    std::snprintf(name_, sizeof name_, "%swatchdepth", runtime::Product().prefix);
     const char* const value = ::getenv(name_);
-    depth_ = ParseDecimal(ViewOf(value));
+    depth_ = runtime::ParseDecimal(runtime::ViewOf(value));
     if (!IsExhausted()) Store(depth_ + 1);
   }
   ~WatcherDepth() {
@@ -156,8 +157,8 @@ class WatcherDepth {
 /// program found through PATH, the real one. Empty when there is none.
 void FindOwnProgram(std::span<char> path) {
   path[0] = '\0';
-  if (FindChar(TextOf(ownPath), '/') != std::string_view::npos) {
-    CopyTextCut(path, TextOf(ownPath));
+  if (runtime::FindChar(runtime::TextOf(ownPath), '/') != std::string_view::npos) {
+    runtime::CopyTextCut(path, runtime::TextOf(ownPath));
     return;
   }
   const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
@@ -167,33 +168,33 @@ void FindOwnProgram(std::span<char> path) {
 
 /// Reads the command of an extra watcher; empty when the configuration has none.
 void ReadExtraCommand(std::string_view name, std::span<char> command) {
-  char entry[kTextSize];
+  char entry[runtime::kTextSize];
   std::snprintf(entry, sizeof entry, "%s %.*s", kWatchEntry, static_cast<int>(name.size()),
                 name.data());
   command[0] = '\0';
-  CConfig config;
-  if (config.OpenDefault(false) != kConfigOk ||
-      config.GetString(kCommandSection, entry, command, false) != kConfigOk) {
+  config::CConfig config;
+  if (config.OpenDefault(false) != config::kConfigOk ||
+      config.GetString(kCommandSection, entry, command, false) != config::kConfigOk) {
     command[0] = '\0';
   }
 }
 
 void StartExtraWatcher(const char* program, std::string_view name) {
-  char arguments[kLineSize];
-  const std::size_t head = CopyTextCut(arguments, kChildMark);
+  char arguments[runtime::kLineSize];
+  const std::size_t head = runtime::CopyTextCut(arguments, kChildMark);
   const std::span<char> command = std::span(arguments).subspan(head);
   ReadExtraCommand(name, command);
   if (command[0] == '\0') {
-    const std::size_t end = CopyTextCut(command, kConfigHead);
-    CopyTextCut(command.subspan(end), name);
+    const std::size_t end = runtime::CopyTextCut(command, kConfigHead);
+    runtime::CopyTextCut(command.subspan(end), name);
   }
 
   char shownName[kExtraNameLength + 1];
-  CopyTextCut(shownName, name);
-  TraceWrite("Watch - Extra '%s'", MaskedText(shownName).Text());
-  const ChildMark marked;
+  runtime::CopyTextCut(shownName, name);
+  runtime::TraceWrite("Watch - Extra '%s'", runtime::MaskedText(shownName).Text());
+  const runtime::ChildMark marked;
   std::uint64_t processId = 0;
-  LaunchProcess(program, arguments, kWaitNone, true, &processId);
+  runtime::LaunchProcess(program, arguments, runtime::kWaitNone, true, &processId);
 }
 
 }  // namespace
@@ -203,23 +204,23 @@ void JoinArguments(int argc, const char* const* argv, std::span<char> line) {
   line[0] = '\0';
   std::size_t length = 0;
   for (int i = 1; i < argc && argv[i] != nullptr; ++i) {
-    length += CopyTextCut(line.subspan(length), argv[i]);
-    length += CopyTextCut(line.subspan(length), " ");
+    length += runtime::CopyTextCut(line.subspan(length), argv[i]);
+    length += runtime::CopyTextCut(line.subspan(length), " ");
   }
 }
 
 int WatchMain(int /*instance*/, int serviceHandle, const char* line) {
-  char command[kLineSize] = {};
+  char command[runtime::kLineSize] = {};
   CWatchOptions record = {};
-  CConfig config;
+  config::CConfig config;
   currentServiceHandle = serviceHandle;
   PrepareProcess();
 
-  std::string_view text = ViewOf(line);
-  const bool isChild = StartsWithNoCase(text, kChildMark);
+  std::string_view text = runtime::ViewOf(line);
+  const bool isChild = runtime::StartsWithNoCase(text, kChildMark);
   if (isChild) text.remove_prefix(kChildMark.size());
-  char ownLine[kLineSize];
-  CopyTextCut(ownLine, text);
+  char ownLine[runtime::kLineSize];
+  runtime::CopyTextCut(ownLine, text);
   if (!isChild && !BeginsWithAny(ownLine, kWithoutConfiguration)) ReadWatchCommand(config, command);
   TraceCommands(ownLine, command);
 
@@ -227,7 +228,7 @@ int WatchMain(int /*instance*/, int serviceHandle, const char* line) {
   if (hasCommand && ownLine[0] != '?') {
     RunCommands(command, ownLine, record);
   } else {
-    TraceWrite("Watch - Failed to parse config");
+    runtime::TraceWrite("Watch - Failed to parse config");
   }
   WaitForParallelJobs(kParallelJobWait);
   return 0;
@@ -239,34 +240,37 @@ int ServiceHandle() {
 
 bool ReadLocalWatchCommand(std::span<char> buffer) {
   buffer[0] = '\0';
-  char path[kTextSize] = {};
-  GetCallingApplication(path);
-  const std::size_t dot = FindCharBack(TextOf(path), '.');
+  char path[runtime::kTextSize] = {};
+  runtime::GetCallingApplication(path);
+  const std::size_t dot = runtime::FindCharBack(runtime::TextOf(path), '.');
   if (dot == std::string_view::npos ||
-      !CopyTextIfFits(std::span(path).subspan(dot), kLocalExtension)) {
+      !runtime::CopyTextIfFits(std::span(path).subspan(dot), kLocalExtension)) {
     return false;
   }
-  CConfig config;
-  if (config.OpenItem(false, path) != kConfigOk) return false;
+  config::CConfig config;
+  if (config.OpenItem(false, path) != config::kConfigOk) return false;
   // A value that only the environment gives is a failed read and does not count here.
-  if (config.GetString(kCommandSection, kWatchEntry, buffer, false) != kConfigOk) buffer[0] = '\0';
+  if (config.GetString(kCommandSection, kWatchEntry, buffer, false) != config::kConfigOk)
+    buffer[0] = '\0';
   return buffer[0] != '\0';
 }
 
 void StartExtraWatchers(const char* list) {
   const WatcherDepth depth;
   if (depth.IsExhausted()) {
-    TraceWrite("Watch - Extra watchers end at depth %d", static_cast<int>(kMaximumWatcherDepth));
+    runtime::TraceWrite("Watch - Extra watchers end at depth %d",
+                        static_cast<int>(kMaximumWatcherDepth));
     return;
   }
   char program[PATH_MAX];
   FindOwnProgram(program);
   if (program[0] == '\0') return;
   std::string_view field;
-  for (std::size_t index = 0; GetField(ViewOf(list), index, '|', field); ++index) {
-    const std::string_view name = DropTrailingBlanks(field.substr(0, kExtraNameLength));
+  for (std::size_t index = 0; runtime::GetField(runtime::ViewOf(list), index, '|', field);
+       ++index) {
+    const std::string_view name = runtime::DropTrailingBlanks(field.substr(0, kExtraNameLength));
     if (!name.empty()) StartExtraWatcher(program, name);
   }
 }
 
-}  // namespace qixx
+}  // namespace qixx::watch

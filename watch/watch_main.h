@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <span>
 
-namespace qixx {
+namespace qixx::watch {
 
 /// How many watchers may be started, each by the one before it.
 inline constexpr unsigned kMaximumWatcherDepth = 8;
@@ -27,4 +27,4 @@ bool ReadLocalWatchCommand(std::span<char> buffer);
 /// watchers; at kMaximumWatcherDepth none is started any more.
 void StartExtraWatchers(const char* list);
 
-}  // namespace qixx
+}  // namespace qixx::watch

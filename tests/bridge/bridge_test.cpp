@@ -153,7 +153,7 @@ TEST_F(Bridge, SuiteAttributeIsZeroUnlessTheModuleHasIt) {
     const CK_OBJECT_HANDLE object = Search(session).at(1);  // whose value is not zero
     std::array<char, 64> label{};
     std::array<CK_BYTE, 8> value{0xEE};
-    CK_ATTRIBUTE both[] = {{kSuiteAttribute, value.data(), value.size()},
+    CK_ATTRIBUTE both[] = {{pkcs11::kSuiteAttribute, value.data(), value.size()},
                            {CKA_LABEL, label.data(), label.size()}};
     EXPECT_EQ(list_->C_GetAttributeValue(session, object, both, 2), CKR_OK);
     EXPECT_EQ(both[0].ulValueLen, 8U);
@@ -163,7 +163,7 @@ TEST_F(Bridge, SuiteAttributeIsZeroUnlessTheModuleHasIt) {
               CKR_SESSION_HANDLE_INVALID);
     both[0].ulValueLen = 7;
     EXPECT_EQ(list_->C_GetAttributeValue(session, object, both, 1), CKR_BUFFER_TOO_SMALL);
-    CK_ATTRIBUTE unknown[] = {{CKA_MODULUS, nullptr, 0}, {kSuiteAttribute, nullptr, 0}};
+    CK_ATTRIBUTE unknown[] = {{CKA_MODULUS, nullptr, 0}, {pkcs11::kSuiteAttribute, nullptr, 0}};
     EXPECT_EQ(list_->C_GetAttributeValue(session, object, unknown, 2), CKR_ATTRIBUTE_TYPE_INVALID);
     EXPECT_EQ(unknown[0].ulValueLen, CK_UNAVAILABLE_INFORMATION);
     EXPECT_EQ(unknown[1].ulValueLen, 8U);
@@ -216,7 +216,7 @@ TEST_F(Bridge, BeginsAndEnds) {
 
   desktop_.InsertCard(1);
   const CK_SESSION_HANDLE session = Open(1);
-  EXPECT_EQ(Function<ReinitializeFunction>("C_Reinitialize")(nullptr), CKR_OK);
+  EXPECT_EQ(Function<pkcs11::ReinitializeFunction>("C_Reinitialize")(nullptr), CKR_OK);
   EXPECT_EQ(list_->C_CloseSession(session), CKR_SESSION_HANDLE_INVALID);
 }
 
@@ -228,7 +228,8 @@ TEST_F(Bridge, ForwardsAllAndRefusesWhatItCannotServe) {
   EXPECT_EQ(list_->C_GetSlotInfo(1, nullptr), CKR_ARGUMENTS_BAD);
   EXPECT_EQ(list_->C_WaitForSlotEvent(CKF_DONT_BLOCK, nullptr, nullptr), CKR_ARGUMENTS_BAD);
 
-  const ExtensionSlots& slots = reinterpret_cast<ExtendedFunctionList*>(list_)->extension;
+  const pkcs11::ExtensionSlots& slots =
+      reinterpret_cast<pkcs11::ExtendedFunctionList*>(list_)->extension;
   const auto* entry = reinterpret_cast<void* const*>(&slots);
   for (const char* const name :
        {"Reinitialize", "ResetToken", "UnlockPIN", "SetPINEx", "SetTraceFile", "SetTraceCallback",
@@ -236,9 +237,10 @@ TEST_F(Bridge, ForwardsAllAndRefusesWhatItCannotServe) {
     EXPECT_EQ(*entry++, Function<void*>(std::string("C_") + name)) << name;
   }
   EXPECT_EQ(slots.C_SetPINEx(1, nullptr, 0, nullptr, 0, 0), CKR_FUNCTION_NOT_SUPPORTED);
-  EXPECT_EQ(Function<ExtensionFunction1>("C_RemoveExternalSlot")(0), CKR_FUNCTION_NOT_SUPPORTED);
+  EXPECT_EQ(Function<pkcs11::ExtensionFunction1>("C_RemoveExternalSlot")(0),
+            CKR_FUNCTION_NOT_SUPPORTED);
   CK_ULONG count = 0;
-  EXPECT_EQ(Function<ListCardsFunction>("C_ListCards")(0, nullptr, &count), CKR_OK);
+  EXPECT_EQ(Function<pkcs11::ListCardsFunction>("C_ListCards")(0, nullptr, &count), CKR_OK);
   EXPECT_EQ(count, 1U);
 }
 

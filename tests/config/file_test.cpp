@@ -26,41 +26,42 @@ using namespace std::string_literals;
 using TextCase = std::tuple<const char*, std::string, std::string>;
 
 /// Holds a text without any file.
-class LoadedFile : public CConfigFile {
+class LoadedFile : public config::CConfigFile {
  public:
   explicit LoadedFile(std::string_view text) {
-    EXPECT_EQ(LoadText(text.data(), text.size()), kConfigOk);
+    EXPECT_EQ(LoadText(text.data(), text.size()), config::kConfigOk);
   }
 };
 
-std::string TextIn(const CConfigItem& item) {
-  std::size_t size = kMaximumLoadedText;
+std::string TextIn(const config::CConfigItem& item) {
+  std::size_t size = config::kMaximumLoadedText;
   std::string text(size, '\0');
-  if (item.GetText(text.data(), size) != kConfigOk) return "(no text)";
+  if (item.GetText(text.data(), size) != config::kConfigOk) return "(no text)";
   return text.substr(0, size);
 }
 
 /// The value, or its result code in brackets.
-std::string ValueIn(CConfigItem& item, const char* section, const char* entry) {
-  char value[kTextSize] = "left alone";
-  const ConfigResult result = item.GetValue(section, entry, value, true);
-  if (result == kConfigOk) return value;
+std::string ValueIn(config::CConfigItem& item, const char* section, const char* entry) {
+  char value[runtime::kTextSize] = "left alone";
+  const config::ConfigResult result = item.GetValue(section, entry, value, true);
+  if (result == config::kConfigOk) return value;
   EXPECT_STREQ(value, "");
-  if (result == kConfigFailed) return "(6)";
-  return result == kConfigNoSection ? "(no section)" : "(no entry)";
+  if (result == config::kConfigFailed) return "(6)";
+  return result == config::kConfigNoSection ? "(no section)" : "(no entry)";
 }
 
-void Check(ConfigResult (*change)(CConfigFile&), const std::vector<TextCase>& cases) {
+void Check(config::ConfigResult (*change)(config::CConfigFile&),
+           const std::vector<TextCase>& cases) {
   for (const auto& [name, before, after] : cases) {
     SCOPED_TRACE(name);
     LoadedFile file(before);
-    EXPECT_EQ(change(file), kConfigOk);
+    EXPECT_EQ(change(file), config::kConfigOk);
     EXPECT_EQ(TextIn(file), after);
   }
 }
 
 TEST(ConfigText, IsCleanedOnLoad) {
-  Check([](CConfigFile&) { return kConfigOk; },
+  Check([](config::CConfigFile&) { return config::kConfigOk; },
         {{"all leading high bytes", "\xFF\xFE\x80\xC3[A]\n\xC3\xA4=1\n", "[A]\n\xC3\xA4=1\n"},
          {"zero bytes at the end", "[A]\n\0\0\0"s, "[A]\n"},
          {"UTF-16", "\xFF\xFE[\0A\0]\0\n\0\xE4\0=\0\x31\0"s, "[A]\n\xC3\xA4=1"},
@@ -78,7 +79,7 @@ TEST(ConfigLookup, ScanAndTreeHaveTheirOwnRules) {
       "<Block = \n[Hidden]\nInside=1\n/>Rest=1\n[open\nStill=1\n"
       "[Twice]\nE=1\n[TWICE]\nE=2\n";
   LoadedFile scanned(text);
-  CConfigFile parsed;
+  config::CConfigFile parsed;
   parsed.Open(false, folder.Write("a.conf", text).c_str(), true);
   const auto both = [&](const char* section, const char* entry) {
     return ValueIn(scanned, section, entry) + " / " + ValueIn(parsed, section, entry);
@@ -97,7 +98,7 @@ TEST(ConfigLookup, ScanAndTreeHaveTheirOwnRules) {
   EXPECT_FALSE(scanned.SectionExists("First"));  // not alone in its line
 
   // A change is visible at once, and from then on the text is scanned.
-  EXPECT_EQ(parsed.SetValue("Twice", "E", "3", false), kConfigOk);
+  EXPECT_EQ(parsed.SetValue("Twice", "E", "3", false), config::kConfigOk);
   EXPECT_EQ(both("Twice", "E"), "1 / 3");
 
   // The place of its tree is free again, and a tree outlives a close that keeps the text.
@@ -107,44 +108,46 @@ TEST(ConfigLookup, ScanAndTreeHaveTheirOwnRules) {
 }
 
 TEST(ConfigLookup, CutsOverlongLinesAndTexts) {
-  LoadedFile file("[A]\nLong=" + std::string(kMaximumLine, 'x') + "[B]\nE=2\n[B]\nE=1\n");
-  std::string value(2 * kMaximumLine, '\0');
-  EXPECT_EQ(file.GetValue("A", "Long", value, false), kConfigOk);
-  EXPECT_EQ(value.find('\0'), kMaximumLine - 5);
+  LoadedFile file("[A]\nLong=" + std::string(config::kMaximumLine, 'x') + "[B]\nE=2\n[B]\nE=1\n");
+  std::string value(2 * config::kMaximumLine, '\0');
+  EXPECT_EQ(file.GetValue("A", "Long", value, false), config::kConfigOk);
+  EXPECT_EQ(value.find('\0'), config::kMaximumLine - 5);
   EXPECT_EQ(ValueIn(file, "A", "E"), "2");
-  const std::string text(kMaximumLoadedText + 1, ';');
-  EXPECT_EQ(file.LoadText(text.data(), text.size()), kConfigFailed);
+  const std::string text(config::kMaximumLoadedText + 1, ';');
+  EXPECT_EQ(file.LoadText(text.data(), text.size()), config::kConfigFailed);
   EXPECT_EQ(ValueIn(file, "B", "E"), "1");
-  EXPECT_EQ(file.LoadText(text.data(), text.size() - 1), kConfigOk);
+  EXPECT_EQ(file.LoadText(text.data(), text.size() - 1), config::kConfigOk);
 }
 
 TEST(ConfigEnumeration, YieldsNamesInOrder) {
   LoadedFile file(
       "lost=1\n[A] x\na=1\n;c=1\n#h=1\nno equals\n<B = \nQQ==\n[not]\n/>\nbehind=1\n"
       "[]\nlost=2\n[C]\nc=1\nc=2\n<B2 = \n/>\nd=1\n[C]\ne=1\n");
-  char section[kTextSize];
-  char entry[kTextSize];
+  char section[runtime::kTextSize];
+  char entry[runtime::kTextSize];
   std::string all;
   std::size_t index = 0;
-  while (file.EnumEntries(section, entry, index) == kConfigOk) all += section + "."s + entry + "|";
+  while (file.EnumEntries(section, entry, index) == config::kConfigOk)
+    all += section + "."s + entry + "|";
   EXPECT_EQ(all, "A.a|A.no equals|A.behind|C.c|C.c|C.d|C.e|");
   // The header must stand alone, and a block ends the section.
-  EXPECT_EQ(file.EnumSectionEntries("A", entry, index = 0), kConfigFailed);
+  EXPECT_EQ(file.EnumSectionEntries("A", entry, index = 0), config::kConfigFailed);
   all.clear();
-  for (index = 0; file.EnumSectionEntries("c", entry, index) == kConfigOk;) all += entry + "|"s;
-  for (index = 0; file.EnumBlocks(entry, index) == kConfigOk;) all += entry + "|"s;
+  for (index = 0; file.EnumSectionEntries("c", entry, index) == config::kConfigOk;)
+    all += entry + "|"s;
+  for (index = 0; file.EnumBlocks(entry, index) == config::kConfigOk;) all += entry + "|"s;
   EXPECT_EQ(all, "c|c|B|B2|");
 }
 
-std::string BlockIn(CConfigFile& file, const char* name) {
+std::string BlockIn(config::CConfigFile& file, const char* name) {
   std::uint8_t* data = nullptr;
   std::size_t length = 0;
-  if (file.GetBlock(name, data, length) != kConfigOk) return "(none)";
+  if (file.GetBlock(name, data, length) != config::kConfigOk) return "(none)";
   const std::unique_ptr<std::uint8_t[]> owned(data);
   return {owned.get(), owned.get() + length};
 }
 
-ConfigResult Set(CConfigFile& file, const char* name, const std::string& data) {
+config::ConfigResult Set(config::CConfigFile& file, const char* name, const std::string& data) {
   return file.SetBlock(name, {reinterpret_cast<const std::uint8_t*>(data.data()), data.size()});
 }
 
@@ -159,26 +162,26 @@ TEST(ConfigBlocks, AreFoundByName) {
     EXPECT_EQ(BlockIn(file, name), "(none)") << name;
   }
   // A block behind the open one would close it.
-  EXPECT_EQ(Set(file, "New", "new"), kConfigFailed);
+  EXPECT_EQ(Set(file, "New", "new"), config::kConfigFailed);
   EXPECT_EQ(BlockIn(file, "New") + BlockIn(file, "Open"), "(none)(none)");
 }
 
 TEST(ConfigBlocks, AreWrittenAndDeleted) {
   LoadedFile file("[A]\nE=1");
-  EXPECT_EQ(Set(file, "Key", "old"), kConfigOk);
+  EXPECT_EQ(Set(file, "Key", "old"), config::kConfigOk);
   EXPECT_EQ(TextIn(file), "[A]\nE=1\n<Key = \nb2xk\n/>");
   const std::string twoLines(50, 'd');
-  EXPECT_EQ(Set(file, "KEY", twoLines), kConfigOk);
+  EXPECT_EQ(Set(file, "KEY", twoLines), config::kConfigOk);
   EXPECT_EQ(BlockIn(file, "key"), twoLines);
-  EXPECT_EQ(file.DeleteBlock("Key"), kConfigOk);
+  EXPECT_EQ(file.DeleteBlock("Key"), config::kConfigOk);
   EXPECT_EQ(TextIn(file), "[A]\nE=1\n\n");
-  EXPECT_EQ(Set(file, nullptr, "[C]\0x"s), kConfigOk);
+  EXPECT_EQ(Set(file, nullptr, "[C]\0x"s), config::kConfigOk);
   EXPECT_EQ(TextIn(file), "[C].x");
 }
 
 TEST(TreeCache, SharesEqualTextsAndTakesTheOldestPlace) {
-  CConfigTree cache;
-  const LookupTree* const tree = cache.Attach("/a", "[A]\n");
+  config::CConfigTree cache;
+  const config::LookupTree* const tree = cache.Attach("/a", "[A]\n");
   EXPECT_EQ(cache.Attach("/a", "[A]\n"), tree);
   cache.Release(cache.Attach("/b", "[B]\n"));
   cache.Release(cache.Attach("/c", "[C]\n"));
@@ -193,36 +196,36 @@ TEST(TreeCache, SharesEqualTextsAndTakesTheOldestPlace) {
 }
 
 TEST(ConfigChange, SetsAndAddsValues) {
-  Check([](CConfigFile& file) { return file.SetValue("S", "E", "v", true); },
+  Check([](config::CConfigFile& file) { return file.SetValue("S", "E", "v", true); },
         {{"missing section", "[A]\nx=1\n", "[A]\nx=1\n\n[S]\nE=v\n"},
          {"section in a block", "<B = \n[S]\nE=1\n/>\n", "<B = \n[S]\nE=1\n/>\n\n[S]\nE=v\n"},
          {"behind a whole CR LF", "[S]\r\nx=1\r\n\r\n[A]", "[S]\r\nx=1\r\nE=v\n\r\n[A]"},
          {"before a block", "[S]\n  <B = \n/>\n", "[S]\nE=v\n  <B = \n/>\n"},
          {"whole line with its end", "[S]\r\n  e=old\r\nb=2", "[S]\r\nE=v\nb=2"},
          {"first of two", "[S]\na=1\nE=1\nE=2\n[S]\nE=3", "[S]\na=1\nE=v\nE=2\n[S]\nE=3"}});
-  Check([](CConfigFile& file) { return file.AddValue("S", "E", "v"); },
+  Check([](config::CConfigFile& file) { return file.AddValue("S", "E", "v"); },
         {{"missing section goes first", "[A]\n", "\n[S]\nE=v\n[A]\n"},
          {"behind the last line", "[S]\nE=1", "[S]\nE=1\n\nE=v\n"}});
 }
 
 TEST(ConfigChange, WritesNothingThatReadsAsSomethingElse) {
   LoadedFile file("");
-  EXPECT_EQ(file.SetValue("S\n", "E\r", nullptr, false), kConfigOk);
-  EXPECT_EQ(file.SetValue("S\n", "F", "a\r\n[X]", false), kConfigOk);
-  const std::string longer(kGrowthStep, 'x');
-  EXPECT_EQ(file.AddValue("L", "E", longer.c_str()), kConfigOk);
+  EXPECT_EQ(file.SetValue("S\n", "E\r", nullptr, false), config::kConfigOk);
+  EXPECT_EQ(file.SetValue("S\n", "F", "a\r\n[X]", false), config::kConfigOk);
+  const std::string longer(config::kGrowthStep, 'x');
+  EXPECT_EQ(file.AddValue("L", "E", longer.c_str()), config::kConfigOk);
   for (const char* name : {"", " E", "\nE", "[E", "<E", ";E", "#E", longer.c_str()}) {
-    EXPECT_EQ(file.SetValue("L", name, "v", false), kConfigFailed) << name;
-    EXPECT_EQ(file.AddValue("L", name, "v"), kConfigFailed) << name;
+    EXPECT_EQ(file.SetValue("L", name, "v", false), config::kConfigFailed) << name;
+    EXPECT_EQ(file.AddValue("L", name, "v"), config::kConfigFailed) << name;
   }
   EXPECT_EQ(TextIn(file), "\n[L]\nE=" + longer.substr(8) + "\n\n[S ]\nE =\nF=a  [X]\n");
 }
 
 TEST(ConfigChange, DeletesEntriesAndSections) {
-  Check([](CConfigFile& file) { return file.Delete("S", "e"); },
+  Check([](config::CConfigFile& file) { return file.Delete("S", "e"); },
         {{"whole line with its end", "[S]\r\n  E=1\r\nb=2\n", "[S]\r\nb=2\n"},
          {"not there", "[S]\n;E=1\n[A]\nE=1\n", "[S]\n;E=1\n[A]\nE=1\n"}});
-  Check([](CConfigFile& file) { return file.Delete("S", nullptr); },
+  Check([](config::CConfigFile& file) { return file.Delete("S", nullptr); },
         {{"with the line feed in front", "[A]\n[s] x\nE=1\n\n[B]\n", "[A]\n[B]\n"},
          {"one behind a line feed first", "[S]\nE=1\n[S]\nE=2\n", "[S]\nE=1"},
          {"at the start", "[S]\nE=1\n<B = \nQQ==/>", "\n<B = \nQQ==/>"},
@@ -231,7 +234,7 @@ TEST(ConfigChange, DeletesEntriesAndSections) {
 }
 
 TEST(ConfigChange, RenamesSections) {
-  Check([](CConfigFile& file) { return file.RenameSection("Old", "New"); },
+  Check([](config::CConfigFile& file) { return file.RenameSection("Old", "New"); },
         {{"not there", "[New]\nx=1\n", "[New]\nx=1\n"},
          {"every header", "[Old] x\n[Old]\na=1\n  [Old]\n", "[New] x\n[New]\na=1\n  [New]\n"},
          {"letter case of the old name", "[old]\n[New]\nx=1\n", "[old]\n[New]\nx=1\n"},
@@ -240,13 +243,13 @@ TEST(ConfigChange, RenamesSections) {
           "[Old]\nb=old\nB=older\n\n[New]\nB=new\n;c\nb=newer\nc=3\nd\nf\nF=6\n[X]\n",
           "[New]\nB=new\nB=older\nc=3\nd=\nf=6\n\n[X]\n"},
          {"target in front", "[New]\nc=3\n[X]\n[Old]", "\n[X]\n[New]\nc=3\n"}});
-  Check([](CConfigFile& file) { return file.RenameSection("Old", "OLD"); },
+  Check([](config::CConfigFile& file) { return file.RenameSection("Old", "OLD"); },
         {{"letters only", "[Old]\na=1\n[Old]\na=2\n", "[OLD]\na=1\n[OLD]\na=2\n"}});
 }
 
 TEST(ConfigChange, Migrates) {
   const std::string images = "[Dialog Presentation]\nImage4\nbmp1=SAME\nImage2=other\n";
-  Check([](CConfigFile& file) { return file.Migrate(true), kConfigOk; },
+  Check([](config::CConfigFile& file) { return file.Migrate(true), config::kConfigOk; },
         {{"in the order of the table", "[Credential Provider]\nBMP=x\n[Smart Card]\n",
           "[CredentialProvider]\n[SmartCard]\n\n[Dialog Presentation]\nBMP=x\n"},
          {"profiles", "[InitProfiles]\n1=One\n2=Two\n4=Four\n[One]\n[Two]\n[Four]\n",
@@ -260,13 +263,13 @@ TEST(ConfigChange, Migrates) {
 }
 
 TEST(ConfigChange, SortsAndStrips) {
-  Check([](CConfigFile& file) { return file.Sort(), kConfigOk; },
+  Check([](config::CConfigFile& file) { return file.Sort(), config::kConfigOk; },
         {{"by name", "lost=1\n[b] x\n\n  e=1\n;c\n [A]\nf=2", "[A]\nf=2\n\n[b]\ne=1\n;c\n\n"},
          {"equal names", "[a]\n1=1\n[A]\n2=2\n[a]\n3=3\n[B]\n",
           "[A]\n2=2\n\n[a]\n3=3\n\n[a]\n1=1\n\n[B]\n\n"},
          {"blocks move along", "[B]\n<k = \n[Q\n/><l =\n[R\n/>\n[A]\n",
           "[A]\n\n[B]\n<k = \n[Q\n/><l =\n[R\n/>\n\n"}});
-  Check([](CConfigFile& file) { return file.StripComments(), kConfigOk; },
+  Check([](config::CConfigFile& file) { return file.StripComments(), config::kConfigOk; },
         {{"comments", "//c\n\n[A]\r\n\r\n;c\r\n\r\n#h\n ;d\n/x\n <k = \n//8=\n/><l =\n;\n/>\n//",
           "[A]\r\n#h\n ;d\n/x\n <k = \n//8=\n/><l =\n;\n/>\n"}});
 }
@@ -275,32 +278,34 @@ TEST(ConfigChange, GrowsInStepsAndSaysSo) {
   // A loaded text has room for 1024 bytes more; each change needs one byte more than there is.
   LoadedFile file("[S]\n");
   TraceCapture trace;
-  EXPECT_EQ(file.AddValue("S", "F", std::string(1021, 'v').c_str()), kConfigOk);
-  EXPECT_EQ(file.SetValue("S", "E", std::string(kGrowthStep - 3, 'v').c_str(), false), kConfigOk);
-  EXPECT_EQ(file.RenameSection("S", std::string(kGrowthStep + 1, 'n').c_str()), kConfigOk);
+  EXPECT_EQ(file.AddValue("S", "F", std::string(1021, 'v').c_str()), config::kConfigOk);
+  EXPECT_EQ(file.SetValue("S", "E", std::string(config::kGrowthStep - 3, 'v').c_str(), false),
+            config::kConfigOk);
+  EXPECT_EQ(file.RenameSection("S", std::string(config::kGrowthStep + 1, 'n').c_str()),
+            config::kConfigOk);
   EXPECT_EQ(trace.Lines(), (std::vector<std::string>{"Config - Increase for add (1025)",
                                                      "Config - Increase for set (164096)",
                                                      "Config - Increase for rename (164096)"}));
-  EXPECT_EQ(file.Grow(kMaximumConfigSize), kConfigFailed);
+  EXPECT_EQ(file.Grow(config::kMaximumConfigSize), config::kConfigFailed);
 }
 
 class ConfigSaving : public ::testing::Test {
  protected:
   void Open(const std::string& content) {
     folder_.Write("a.conf", content);
-    EXPECT_EQ(file_.Open(true, path_.c_str(), false), kConfigOk);
+    EXPECT_EQ(file_.Open(true, path_.c_str(), false), config::kConfigOk);
   }
-  void Set() { EXPECT_EQ(file_.SetValue("S", "E", "v", false), kConfigOk); }
+  void Set() { EXPECT_EQ(file_.SetValue("S", "E", "v", false), config::kConfigOk); }
 
   TemporaryFolder folder_;
   const std::string path_ = folder_.Path("a.conf");
   TraceCapture trace_;
-  CConfigFile file_;
+  config::CConfigFile file_;
 };
 
 TEST_F(ConfigSaving, TidiedTextWinsOverAChangedFile) {
   const std::string thousand(1000, '\n');
-  const std::string comment(kGrowthStep - 8, ';');
+  const std::string comment(config::kGrowthStep - 8, ';');
   const TextCase cases[] = {
       {"empty lines", "[S]\r\nE=1\r\n\r\n\r\n\r\n\r\n[T]\r\n", "[S]\nE=v\n\n[T]\n"},
       {"ten passes", "[S]\nE=1\n" + thousand + "[T]", "[S]\nE=v\n" + thousand.substr(983) + "[T]"},
@@ -312,7 +317,7 @@ TEST_F(ConfigSaving, TidiedTextWinsOverAChangedFile) {
     folder_.Write("a.conf", std::string(100, 'x'));
     const utimbuf past{1000, 1000};
     ASSERT_EQ(::utime(path_.c_str(), &past), 0);
-    EXPECT_EQ(file_.Close(false), kConfigOk);
+    EXPECT_EQ(file_.Close(false), config::kConfigOk);
     EXPECT_EQ(folder_.Read("a.conf"), after) << name;
   }
   EXPECT_EQ(trace_.Count("Config - WARNING: File '" + path_ + "' modified"), std::size(cases));
@@ -324,7 +329,7 @@ TEST_F(ConfigSaving, LeavesAnUnchangedOrReadOnlyFileAlone) {
   file_.Open(false, file_.GetPath(), false);
   EXPECT_FALSE(file_.IsOpen());
   Set();
-  EXPECT_EQ(file_.Close(true), kConfigOk);
+  EXPECT_EQ(file_.Close(true), config::kConfigOk);
   EXPECT_EQ(folder_.Read("a.conf"), content);
   EXPECT_EQ(trace_.Lines(), (std::vector<std::string>{"Config - Open '" + path_ + "' (w)",
                                                       "Config - Open '" + path_ + "' (r)"}));
@@ -334,13 +339,13 @@ TEST_F(ConfigSaving, WhatCannotBeReadIsNeverWritten) {
   const std::string pipe = folder_.Path("pipe.conf");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   const std::string large = folder_.Write("large.conf", "[S]\n");
-  ASSERT_EQ(::truncate(large.c_str(), static_cast<off_t>(kMaximumConfigSize) + 1), 0);
+  ASSERT_EQ(::truncate(large.c_str(), static_cast<off_t>(config::kMaximumConfigSize) + 1), 0);
   const std::string encoded = folder_.Write("a.EDB", "[S]\nE=1\n");
   for (const std::string& path : {pipe, large, folder_.Path(), std::string(), encoded}) {
-    EXPECT_EQ(file_.Open(true, path.c_str(), true), kConfigOk);
+    EXPECT_EQ(file_.Open(true, path.c_str(), true), config::kConfigOk);
     EXPECT_EQ(TextIn(file_), "") << path;
     Set();
-    EXPECT_EQ(file_.Close(true), kConfigFailed) << path;
+    EXPECT_EQ(file_.Close(true), config::kConfigFailed) << path;
   }
   EXPECT_EQ(trace_.Count("Config - Failed to open"), 4U);  // all but the last
   EXPECT_EQ(folder_.Read("a.EDB"), "[S]\nE=1\n");
@@ -355,7 +360,7 @@ TEST_F(ConfigSaving, FullDiskLosesNothing) {
   const auto oldAction = std::signal(SIGXFSZ, SIG_IGN);
   const rlimit small{6000, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-  EXPECT_EQ(file_.Close(true), kConfigFailed);
+  EXPECT_EQ(file_.Close(true), config::kConfigFailed);
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
   std::signal(SIGXFSZ, oldAction);
   EXPECT_EQ(folder_.Read("a.conf"), content);

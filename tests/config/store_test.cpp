@@ -17,14 +17,14 @@ namespace {
 
 class ConfigStore : public ::testing::Test {
  protected:
-  ConfigStore() { InitProductIdentity(); }
+  ConfigStore() { runtime::InitProductIdentity(); }
 
   void Load(const std::string& text) {
-    ASSERT_EQ(config_.OpenItem(true, folder_.Write("only.conf", text).c_str()), kConfigOk);
+    ASSERT_EQ(config_.OpenItem(true, folder_.Write("only.conf", text).c_str()), config::kConfigOk);
   }
   std::string Read(const char* section, const char* entry) {
-    char value[kTextSize] = "left alone";
-    return ReadConfigText(config_, section, entry, value, true) ? value : "(none)";
+    char value[runtime::kTextSize] = "left alone";
+    return config::ReadConfigText(config_, section, entry, value, true) ? value : "(none)";
   }
 
   TemporaryFolder folder_;
@@ -32,45 +32,45 @@ class ConfigStore : public ::testing::Test {
   ScopedVariable local_{"qixconfiglocal", nullptr};
   ScopedVariable global_{"qixconfigglobal", nullptr};
   TraceCapture trace_;
-  CConfig config_;
+  config::CConfig config_;
 };
 
 TEST_F(ConfigStore, UserFileComesBeforeTheSystems) {
   folder_.Write("home/.qix/qix.conf", "[S]\nE=user\nEmpty=\n");
   const std::string system = folder_.Write("sys.conf", "[S]\nE=system\nF=more\nEmpty=full\n");
   const ScopedVariable global("qixconfigglobal", system.c_str());
-  ASSERT_EQ(config_.OpenAll(true), kConfigOk);
+  ASSERT_EQ(config_.OpenAll(true), config::kConfigOk);
   EXPECT_EQ(Read("S", "E"), "user");
   EXPECT_EQ(Read("S", "F"), "more");
   EXPECT_EQ(Read("S", "Empty"), "");
-  EXPECT_EQ(config_.OpenItem(true, system.c_str()), kConfigFailed);
+  EXPECT_EQ(config_.OpenItem(true, system.c_str()), config::kConfigFailed);
   EXPECT_EQ(trace_.Count("Config - No more internal objects"), 1U);
 
-  EXPECT_EQ(config_.SetString("S", "F", "set", true), kConfigOk);
-  EXPECT_EQ(config_.Item(1)->SetValue("S", "E", "set", true), kConfigOk);
-  EXPECT_EQ(config_.Close(true), kConfigOk);
+  EXPECT_EQ(config_.SetString("S", "F", "set", true), config::kConfigOk);
+  EXPECT_EQ(config_.Item(1)->SetValue("S", "E", "set", true), config::kConfigOk);
+  EXPECT_EQ(config_.Close(true), config::kConfigOk);
   EXPECT_EQ(folder_.Read("home/.qix/qix.conf"), "[S]\nE=user\nEmpty=\nF=set\n");
   EXPECT_EQ(folder_.Read("sys.conf"), "[S]\nE=system\nF=more\nEmpty=full\n");
-  ASSERT_EQ(config_.OpenItem(true, folder_.Path().c_str()), kConfigOk);
-  EXPECT_EQ(config_.SetString("S", "E", "lost", true), kConfigOk);
-  EXPECT_EQ(config_.Close(true), kConfigFailed);
+  ASSERT_EQ(config_.OpenItem(true, folder_.Path().c_str()), config::kConfigOk);
+  EXPECT_EQ(config_.SetString("S", "E", "lost", true), config::kConfigOk);
+  EXPECT_EQ(config_.Close(true), config::kConfigFailed);
 }
 
 TEST_F(ConfigStore, FindsItsFiles) {
   const std::string file = folder_.Path("home/.qix/qix.conf");
-  char path[kTextSize];
-  const ScopedVariable tooLong("qixconfiglocal", std::string(kTextSize, 'x').c_str());
+  char path[runtime::kTextSize];
+  const ScopedVariable tooLong("qixconfiglocal", std::string(runtime::kTextSize, 'x').c_str());
   const ScopedVariable slash("HOME", folder_.Path("home/").c_str());
   // The library directory makes a per-user installation, even while its file is missing.
   folder_.Write("home/.qix/lib/any", "");
-  EXPECT_EQ(CConfig::FindGlobalPath(path), kConfigOk);
+  EXPECT_EQ(config::CConfig::FindGlobalPath(path), config::kConfigOk);
   EXPECT_STREQ(path, "qix.conf");
   // Opening the user's file for writing makes it, so that both are one file.
-  EXPECT_EQ(config_.OpenAll(true), kConfigOk);
+  EXPECT_EQ(config_.OpenAll(true), config::kConfigOk);
   EXPECT_EQ(config_.Item(0)->GetPath(), file);
   EXPECT_EQ(config_.Item(1), nullptr);
   const ScopedVariable none("HOME", "");
-  EXPECT_EQ(CConfig::FindLocalPath(path), kConfigNoPath);
+  EXPECT_EQ(config::CConfig::FindLocalPath(path), config::kConfigNoPath);
 }
 
 TEST_F(ConfigStore, EnvironmentOverridesValues) {
@@ -79,21 +79,21 @@ TEST_F(ConfigStore, EnvironmentOverridesValues) {
   Load("[S]\nE=file\nlarge=99999999999999999999\n");
   EXPECT_EQ(Read("s", "E"), "file");
   char value[9] = "before";
-  EXPECT_EQ(config_.GetString("S", "E", value, true), kConfigFailed);
+  EXPECT_EQ(config_.GetString("S", "E", value, true), config::kConfigFailed);
   EXPECT_STREQ(value, "");  // it does not fit
   std::uint64_t number = 0;
-  EXPECT_EQ(config_.GetUnsigned("S", "E", number), kConfigOk);
+  EXPECT_EQ(config_.GetUnsigned("S", "E", number), config::kConfigOk);
   EXPECT_EQ(number, 31U);
   std::int32_t ofItem = 0;
-  EXPECT_EQ(config_.GetItemInteger(0, "S", "large", ofItem), kConfigOk);
-  EXPECT_EQ(config_.GetItemInteger(0, "S", "missing", ofItem), kConfigNoEntry);
+  EXPECT_EQ(config_.GetItemInteger(0, "S", "large", ofItem), config::kConfigOk);
+  EXPECT_EQ(config_.GetItemInteger(0, "S", "missing", ofItem), config::kConfigNoEntry);
   EXPECT_EQ(ofItem, 2147483647);
 }
 
 TEST_F(ConfigStore, ConditionsChooseTheFirstThatHolds) {
   // The application that asks is this test program.
-  char program[kTextSize];
-  ASSERT_TRUE(GetCallingApplication(program));
+  char program[runtime::kTextSize];
+  ASSERT_TRUE(runtime::GetCallingApplication(program));
   const std::pair<std::string, const char*> cases[] = {
       {"a|other||b|none", "a|other||b|none"},
       {"a|other||", ""},
@@ -102,11 +102,11 @@ TEST_F(ConfigStore, ConditionsChooseTheFirstThatHolds) {
       {std::string("a|bin/config_test||b|") + program, "b"},
       {"a|config_test,other||b|config_test,,*,{Both}||c", "b"},
       {"a|{both}||b|7;config_test||c|mode:other||d|{Late}||e", "e"},
-      {std::string(kMaximumLine - 100, 'x') + "|nobody||short", "short"}};
+      {std::string(config::kMaximumLine - 100, 'x') + "|nobody||short", "short"}};
   std::string text =
       "[Condition]\n1={Any}   *\n2=no braces\n3={Never} nobody\n"
       "4={" +
-      std::string(kTextSize, 'n') + "}\n5={Both} {Any},*\n7={Late} *\n[S]\n";
+      std::string(runtime::kTextSize, 'n') + "}\n5={Both} {Any},*\n7={Late} *\n[S]\n";
   for (std::size_t row = 0; row < std::size(cases); ++row) {
     text += std::to_string(row) + "=" + cases[row].first + "\n";
   }

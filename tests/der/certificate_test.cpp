@@ -7,25 +7,25 @@
 namespace qixx::testing {
 namespace {
 
-CertificatePtr Load(const Recipe& recipe) {
-  return LoadCertificate(BytesOf(recipe.Build()));
+der::CertificatePtr Load(const Recipe& recipe) {
+  return der::LoadCertificate(BytesOf(recipe.Build()));
 }
 
 TEST(GetLogonValues, FollowsTheNames) {
-  const std::string upn = OtherName(kUserPrincipalName, "u"), other = OtherName("1.2.3", "x");
+  const std::string upn = OtherName(der::kUserPrincipalName, "u"), other = OtherName("1.2.3", "x");
   const std::string mail = Der(0x81, "m@x"), zero("a\0b", 3);
   const std::tuple<const char*, std::string, std::string, std::string> rows[] = {
-      {"zero byte", "", OtherName(kUserPrincipalName, zero), zero},
+      {"zero byte", "", OtherName(der::kUserPrincipalName, zero), zero},
       {"behind other kinds", "", Der(0x82, "x") + mail + upn + other, "u"},
       {"behind another other-name", "", other + upn, ""},
-      {"empty", "", OtherName(kUserPrincipalName, "") + mail + Der(0x81, "n@x"), "m@x"},
-      {"e-mail to its first comma", Part(kEmailAttribute, "a+b ,c@x", 0x16), mail, "a+b "},
-      {"blank behind", Part(kEmailAttribute, "a@x ", 0x16) + Part("cn", "Ann"), mail, "a@x "},
-      {"empty e-mail in the subject", Part(kEmailAttribute, "", 0x16), mail, ""},
+      {"empty", "", OtherName(der::kUserPrincipalName, "") + mail + Der(0x81, "n@x"), "m@x"},
+      {"e-mail to its first comma", Part(der::kEmailAttribute, "a+b ,c@x", 0x16), mail, "a+b "},
+      {"blank behind", Part(der::kEmailAttribute, "a@x ", 0x16) + Part("cn", "Ann"), mail, "a@x "},
+      {"empty e-mail in the subject", Part(der::kEmailAttribute, "", 0x16), mail, ""},
       {"e-mail posing in a value", Part("cn", "x,1.2.840.113549.1.9.1=x@y"), "", ""},
   };
   for (const auto& [name, subject, names, logonName] : rows) {
-    const CertificatePtr holder = Load({.subject = subject, .alternativeNames = names});
+    const der::CertificatePtr holder = Load({.subject = subject, .alternativeNames = names});
     EXPECT_EQ(LogonName(holder, false, true), logonName) << name;
   }
 }
@@ -33,8 +33,8 @@ TEST(GetLogonValues, FollowsTheNames) {
 TEST(GetLogonValues, FillsAreasOfEverySize) {
   const auto ask = [](const Recipe& recipe, bool required, std::size_t upnSize, std::size_t size) {
     char upn[16] = "x", subject[16] = "x", serial[16] = "x";
-    const bool found = GetLogonValues(BytesOf(recipe.Build()), required, true, upn, upnSize,
-                                      subject, size, serial, size);
+    const bool found = der::GetLogonValues(BytesOf(recipe.Build()), required, true, upn, upnSize,
+                                           subject, size, serial, size);
     return std::string(found ? "yes|" : "no|") + upn + "|" + subject + "|" + serial;
   };
   EXPECT_EQ(ask({}, true, 15, 16), "yes|ann@example.org|o=Example\\, Inc|2A");
@@ -46,12 +46,12 @@ TEST(GetLogonValues, FillsAreasOfEverySize) {
 TEST(LoadCertificate, TakesDerAndBase64) {
   const std::string der = Recipe().Build();
   std::string base64(2 * der.size(), '\0');
-  base64.resize(static_cast<std::size_t>(Base64Encode(base64, BytesOf(der))));
+  base64.resize(static_cast<std::size_t>(runtime::Base64Encode(base64, BytesOf(der))));
   const std::string armoured = "-----BEGIN X-----\r\n" + base64 + "\n-----\n" + base64;
   for (const std::string& form : {base64, armoured, der + "behind"}) {
-    const CertificatePtr holder = LoadCertificate(BytesOf(form));
+    const der::CertificatePtr holder = der::LoadCertificate(BytesOf(form));
     ASSERT_NE(holder, nullptr) << form;
-    EXPECT_TRUE(IsSameCertificate(*holder, *LoadCertificate(BytesOf(der)))) << form;
+    EXPECT_TRUE(der::IsSameCertificate(*holder, *der::LoadCertificate(BytesOf(der)))) << form;
   }
 }
 
@@ -77,7 +77,7 @@ TEST(LoadCertificate, TellsWhatIsWrong) {
   };
   for (const auto& [name, value, loads, lines] : rows) {
     TraceCapture trace;
-    EXPECT_EQ(LoadCertificate(BytesOf(value)) != nullptr, loads) << name;
+    EXPECT_EQ(der::LoadCertificate(BytesOf(value)) != nullptr, loads) << name;
     EXPECT_EQ(trace.Lines(), lines) << name;
   }
 }
@@ -85,8 +85,8 @@ TEST(LoadCertificate, TellsWhatIsWrong) {
 TEST(CDerCert, Keeps32Extensions) {
   Recipe recipe{.extensions = ""};
   for (int i = 0; i < 32; ++i) recipe.extensions += Extension("1.2.3." + std::to_string(i), "v");
-  const CertificatePtr holder = Load(recipe);
-  EXPECT_EQ(AsText(holder->certificate.FindExtension("1.2.3.31")), "\x04\x01v");
+  const der::CertificatePtr holder = Load(recipe);
+  EXPECT_EQ(der::AsText(holder->certificate.FindExtension("1.2.3.31")), "\x04\x01v");
   EXPECT_EQ(LogonName(holder, false, true), "") << "the 33rd";
 }
 
@@ -96,7 +96,7 @@ TEST(CDerCert, ExpiresByUtcTimeOnly) {
                                            {"991231235959Z", 0x17, false},
                                            {"20150101000000Z", 0x18, false},
                                            {"1501010000+00", 0x17, false}}) {
-    const CertificatePtr holder = Load({.notAfter = Der(tag, time)});
+    const der::CertificatePtr holder = Load({.notAfter = Der(tag, time)});
     EXPECT_EQ(holder->certificate.IsExpired(), expired) << time;
     char notBefore[15] = "x", notAfter[15] = "x";
     holder->certificate.CopyValidity(notBefore, notAfter);
@@ -106,22 +106,22 @@ TEST(CDerCert, ExpiresByUtcTimeOnly) {
 
 TEST(MatchCertificate, EveryGivenThingMustHold) {
   const std::string text = Recipe().Build(), usage = FromHex("040403020780");
-  const Bytes value = BytesOf(text), serial = BytesOf("\x02\x01\x2A");
-  EXPECT_TRUE(MatchCertificate(value, serial, "o=tessaly", "cn=Ann Lee", BytesOf(usage)));
-  EXPECT_FALSE(MatchCertificate(value, serial.last(1), "", "", {})) << "without its header";
-  EXPECT_FALSE(MatchCertificate(value, {}, "", "cn=Card CA", {}));
-  EXPECT_FALSE(MatchCertificate(value, {}, "", "", serial));
-  EXPECT_TRUE(MatchCertificate(BytesOf("0abc"), serial, "x", "x", serial)) << "does not parse";
+  const der::Bytes value = BytesOf(text), serial = BytesOf("\x02\x01\x2A");
+  EXPECT_TRUE(der::MatchCertificate(value, serial, "o=tessaly", "cn=Ann Lee", BytesOf(usage)));
+  EXPECT_FALSE(der::MatchCertificate(value, serial.last(1), "", "", {})) << "without its header";
+  EXPECT_FALSE(der::MatchCertificate(value, {}, "", "cn=Card CA", {}));
+  EXPECT_FALSE(der::MatchCertificate(value, {}, "", "", serial));
+  EXPECT_TRUE(der::MatchCertificate(BytesOf("0abc"), serial, "x", "x", serial)) << "does not parse";
 }
 
 TEST(CertificateHolder, RanksDuplicates) {
-  const CertificatePtr newer = Load({});
-  const CertificatePtr older = Load({.notBefore = Der(0x17, "990101000000Z")});
-  EXPECT_TRUE(AreDuplicates(*newer, *older) && RanksHigher(*newer, *older));
-  EXPECT_TRUE(RanksHigher(*Load({.notAfter = Der(0x18, "20500101000000Z")}), *newer));
-  EXPECT_FALSE(AreDuplicates(*newer, *Load({.issuer = Part("o", "Other")})));
-  EXPECT_FALSE(AreDuplicates(*newer, *Load({.subject = Part("cn", "Ann")})));
-  EXPECT_FALSE(AreDuplicates(*newer, *Load({.extensions = ""})));
+  const der::CertificatePtr newer = Load({});
+  const der::CertificatePtr older = Load({.notBefore = Der(0x17, "990101000000Z")});
+  EXPECT_TRUE(der::AreDuplicates(*newer, *older) && der::RanksHigher(*newer, *older));
+  EXPECT_TRUE(der::RanksHigher(*Load({.notAfter = Der(0x18, "20500101000000Z")}), *newer));
+  EXPECT_FALSE(der::AreDuplicates(*newer, *Load({.issuer = Part("o", "Other")})));
+  EXPECT_FALSE(der::AreDuplicates(*newer, *Load({.subject = Part("cn", "Ann")})));
+  EXPECT_FALSE(der::AreDuplicates(*newer, *Load({.extensions = ""})));
 }
 
 }  // namespace

@@ -18,13 +18,13 @@ void AskEverything(const std::string& text) {
 /// With definite and with indefinite lengths.
 std::vector<std::string> Seeds() {
   const std::string cn = Open(0x31, Open(0x30, Oid("cn") + Der(0x1E, FromHex("00410042D83D"))));
-  const std::string upn = Open(0xA0, Oid(kUserPrincipalName) + Open(0xA0, Der(0x0C, "ann")));
+  const std::string upn = Open(0xA0, Oid(der::kUserPrincipalName) + Open(0xA0, Der(0x0C, "ann")));
   const Recipe open{.subject = cn, .alternativeNames = upn, .sequence = Open};
   return {Recipe().Build(), open.Build()};
 }
 
 TEST(Hostile, TruncationsAndMutations) {
-  EXPECT_EQ(LogonName(LoadCertificate(BytesOf(Seeds()[1])), true, false), "ann");
+  EXPECT_EQ(LogonName(der::LoadCertificate(BytesOf(Seeds()[1])), true, false), "ann");
   std::mt19937 random(20240229);
   for (const std::string& seed : Seeds()) {
     for (std::size_t size = 0; size <= seed.size(); ++size) AskEverything(seed.substr(0, size));
@@ -42,14 +42,14 @@ TEST(Hostile, TruncationsAndMutations) {
 
 TEST(Hostile, DeepNestingIsRefusedAndLongWalksEnd) {
   std::string nested;
-  for (int depth = 0; depth < kDerMaxNesting; ++depth) nested = Open(0x30, nested);
+  for (int depth = 0; depth < der::kDerMaxNesting; ++depth) nested = Open(0x30, nested);
   std::size_t header = 0;
-  EXPECT_EQ(DecodeLength(BytesOf(nested), header), 4 * kDerMaxNesting - 2);
-  EXPECT_EQ(DecodeLength(BytesOf(Open(0x30, nested)), header), kDerBadLength);
+  EXPECT_EQ(der::DecodeLength(BytesOf(nested), header), 4 * der::kDerMaxNesting - 2);
+  EXPECT_EQ(der::DecodeLength(BytesOf(Open(0x30, nested)), header), der::kDerBadLength);
   for (const char* unit : {"3080", "30800401410000", "30", "06018830020101"}) {
     std::string value = "\x30\x80";
     while (value.size() < 4'000'000) value += FromHex(unit);
-    EXPECT_EQ(LoadCertificate(BytesOf(value)), nullptr) << unit;
+    EXPECT_EQ(der::LoadCertificate(BytesOf(value)), nullptr) << unit;
   }
 }
 

@@ -7,7 +7,7 @@ namespace {
 
 std::string Format(const std::string& parts, std::size_t size = 4096) {
   std::string text(size, 'x');
-  return text.substr(0, FormatName(BytesOf(Der(0x30, parts)), text));
+  return text.substr(0, der::FormatName(BytesOf(Der(0x30, parts)), text));
 }
 
 TEST(FormatName, WritesEveryKindOfValue) {
@@ -34,24 +34,24 @@ TEST(FormatName, WritesEveryKindOfValue) {
 TEST(NextNameComponent, WalksFormattedNames) {
   std::string_view rest = " ,+CN=Ann  , o=A\\, B\\+C\\\\\\,cn=root\\\\ + c=D\\=E\\,e= ,junk,cn=c";
   std::string key, value, components;
-  while (NextNameComponent(rest, key, value)) components.append(key + ":").append(value + ";");
+  while (der::NextNameComponent(rest, key, value)) components.append(key + ":").append(value + ";");
   EXPECT_EQ(components, "CN:Ann ;o:A, B+C\\,cn=root\\;c:D\\=E,e=;");
 }
 
 TEST(MatchNames, AsksSubjectOrIssuer) {
   Recipe recipe;
   recipe.subject += Part("ou", FromHex("00E4 0041"), 0x1E);
-  CDerCert certificate;
-  ASSERT_EQ(certificate.SetData(BytesOf(recipe.Build())), kDerOk);
+  der::CDerCert certificate;
+  ASSERT_EQ(certificate.SetData(BytesOf(recipe.Build())), der::kDerOk);
   for (const char* filter : {"", "subject|", " ; ", "2.5.4.3=ann LEE", "ou=\u00e4a", "ann lee",
                              "SUBJECT|  ann", "Issuer| cn=Card CA", "nobody; ;cn=x; example "}) {
-    EXPECT_TRUE(MatchNames(certificate, true, filter)) << filter;
+    EXPECT_TRUE(der::MatchNames(certificate, true, filter)) << filter;
   }
   for (const char* filter :
        {"cn=Ann", "cn=Ann Lee Jr", "=Ann Lee", "issuer|ann", "nobody; ;cn=x"}) {
-    EXPECT_FALSE(MatchNames(certificate, true, filter)) << filter;
+    EXPECT_FALSE(der::MatchNames(certificate, true, filter)) << filter;
   }
-  EXPECT_TRUE(MatchNames(certificate, false, "card ca"));
+  EXPECT_TRUE(der::MatchNames(certificate, false, "card ca"));
 }
 
 }  // namespace

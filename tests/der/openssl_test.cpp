@@ -26,17 +26,17 @@ const Row kRows[] = {
 };
 
 /// What we read, in the words of openssl.
-std::string Ours(const CertificateHolder& holder) {
-  std::string_view subject = GetSubjectText(holder);
+std::string Ours(const der::CertificateHolder& holder) {
+  std::string_view subject = der::GetSubjectText(holder);
   std::string text = "subject=\n", key, value;
-  while (NextNameComponent(subject, key, value)) {
-    const std::string_view dotted = DottedAttributeName(key);
+  while (der::NextNameComponent(subject, key, value)) {
+    const std::string_view dotted = der::DottedAttributeName(key);
     text.append("    ").append(dotted.empty() ? key : dotted).append("=" + value + "\n");
   }
   char notBefore[32], notAfter[32];
   holder.certificate.CopyValidity(notBefore, notAfter);
   char serial[64] = {};
-  HexEncode(GetSerialNumber(holder), serial);
+  runtime::HexEncode(der::GetSerialNumber(holder), serial);
   return text + "serial=" + serial + "\nnotBefore=20" + notBefore + "\nnotAfter=20" + notAfter +
          "\n";
 }
@@ -54,7 +54,7 @@ TEST(Openssl, AgreesOnWhatACertificateSays) {
                      "[ext]\nextendedKeyUsage=critical,clientAuth,1.3.6.1.4.1.311.20.2.2\n");
     OutputOf(in + "req -x509 -config request -days 9 -multivalue-rdn -outform DER -nodes -newkey " +
              "ed25519 -keyout key -set_serial " + row.serial + " -out certificate 2>&1");
-    const CertificatePtr holder = LoadCertificate(BytesOf(folder.Read("certificate")));
+    const der::CertificatePtr holder = der::LoadCertificate(BytesOf(folder.Read("certificate")));
     ASSERT_NE(holder, nullptr);
     // Several values of one part stand on one line there, dates have separators, and a number has
     // no zero in front of its sign bit.
@@ -65,7 +65,7 @@ TEST(Openssl, AgreesOnWhatACertificateSays) {
                  "| sed -e 's/ + /\\n    /g' -e '/^not/s/[-: ]//g' -e 's/^serial=8/serial=008/'");
     EXPECT_EQ(Ours(*holder), theirs);
     EXPECT_TRUE(holder->certificate.IsSelfSigned() && !holder->certificate.IsExpired());
-    EXPECT_TRUE(HasExtendedKeyUsage(*holder, kSmartCardLogon)) << "the second purpose";
+    EXPECT_TRUE(der::HasExtendedKeyUsage(*holder, der::kSmartCardLogon)) << "the second purpose";
   }
 }
 

@@ -13,7 +13,7 @@ namespace qixx::testing {
 namespace {
 
 using namespace std::string_literals;
-using Helper = CHelperPkcs11;
+using Helper = pkcs11::CHelperPkcs11;
 
 std::string Named(const std::string& name, const std::string& extensions = "") {
   return Recipe{.issuer = Part("ou", name), .subject = Part("cn", name), .extensions = extensions}
@@ -28,10 +28,10 @@ FakeObject VariableObject(const std::string& value) {
 class ReaderTest : public ::testing::Test {
  protected:
   ReaderTest() {
-    InitProductIdentity();
-    EXPECT_TRUE(Pkcs11().Load(QIXX_FAKE_PLAIN));
+    runtime::InitProductIdentity();
+    EXPECT_TRUE(pkcs11::Pkcs11().Load(QIXX_FAKE_PLAIN));
   }
-  ~ReaderTest() override { Pkcs11().Release(); }
+  ~ReaderTest() override { pkcs11::Pkcs11().Release(); }
 
   void Insert(CK_SLOT_ID slot, const std::vector<std::string>& certificates) {
     card_.slots.push_back({.id = slot});
@@ -40,14 +40,14 @@ class ReaderTest : public ::testing::Test {
     }
   }
   /// The names of what is collected into that many places, those of superseded ones in brackets.
-  static std::string Collect(std::size_t places = 9, std::uint8_t mask = kAnyKeyUsage,
+  static std::string Collect(std::size_t places = 9, std::uint8_t mask = pkcs11::kAnyKeyUsage,
                              const char* subject = nullptr, const char* issuer = nullptr) {
-    std::vector<CertificatePtr> list(places + 1);
+    std::vector<der::CertificatePtr> list(places + 1);
     const bool any = Helper::CollectCertificates(list, mask, subject, issuer, true);
     EXPECT_EQ(any, list[0] != nullptr);
     std::string names;
     for (auto holder = list.begin(); *holder != nullptr; ++holder) {
-      const std::string_view text = GetSubjectText(**holder);
+      const std::string_view text = der::GetSubjectText(**holder);
       const std::string name(text.substr(text.rfind('=') + 1));
       names += ((*holder)->superseded ? "[" + name + "]" : name) + " ";
     }
@@ -76,7 +76,7 @@ TEST_F(ReaderTest, FindsWatchSlot) {
 
 TEST_F(ReaderTest, FindsOneCertificate) {
   const std::string text = Named("Ann");
-  const Bytes value = BytesOf(text);
+  const der::Bytes value = BytesOf(text);
   Insert(1, {Named("Bob")});
   Insert(4, {Named("Bob"), text});
   Insert(7, {text});
@@ -86,11 +86,11 @@ TEST_F(ReaderTest, FindsOneCertificate) {
     CK_SESSION_HANDLE session = 0;
     EXPECT_TRUE(Helper::FindCertificateOnAnySlot(value, &slot, &session, nullptr));
     EXPECT_EQ(slot, found) << preferred;
-    EXPECT_EQ(Pkcs11().CloseSession(session), CKR_OK) << "it was handed out";
+    EXPECT_EQ(pkcs11::Pkcs11().CloseSession(session), CKR_OK) << "it was handed out";
   }
   EXPECT_TRUE(Helper::IsCertificatePresent(0, value));
   EXPECT_FALSE(Helper::IsCertificatePresent(1, value));
-  EXPECT_EQ(Pkcs11().Finalize(nullptr), CKR_OK) << "initialised by the first question";
+  EXPECT_EQ(pkcs11::Pkcs11().Finalize(nullptr), CKR_OK) << "initialised by the first question";
 }
 
 TEST(Variables, AreFoundInTheirStore) {
@@ -117,7 +117,7 @@ TEST_F(ReaderTest, MakesTheObjectOfVariables) {
   CK_SESSION_HANDLE session = 0;
   CK_OBJECT_HANDLE object = 0;
   EXPECT_TRUE(Helper::FindVariableObject(1, true, true, session, object));
-  Pkcs11().CloseSession(session);
+  pkcs11::Pkcs11().CloseSession(session);
   EXPECT_EQ(card_.slots[0].objects, std::vector{VariableObject("\0"s)});
 }
 
@@ -140,12 +140,12 @@ TEST_F(ReaderTest, SurvivesHostileLibraries) {
     return CKR_OK;
   };
   survives("lengths of all ones");
-  card_.slots[0].id = kFreeSlot;
+  card_.slots[0].id = pkcs11::kFreeSlot;
   survives("a slot that looks like a free entry");
 }
 
 TEST_F(ReaderTest, FiltersCertificates) {
-  const auto usage = [](const char* bits) { return Extension(kKeyUsage, FromHex(bits)); };
+  const auto usage = [](const char* bits) { return Extension(der::kKeyUsage, FromHex(bits)); };
   Insert(1, {Named("Sign", usage("03020780")), Named("Seal", usage("03020520")), Named("Any"),
              Named("Bits", usage("0303008000"))});
   const TraceCapture trace;
@@ -159,15 +159,15 @@ TEST_F(ReaderTest, FiltersCertificates) {
 
 TEST_F(ReaderTest, PassesUnreadableObjectsOver) {
   FakeObject sound = CertificateObject(Named("Ann"));
-  sound.erase(kSuiteAttribute);
+  sound.erase(pkcs11::kSuiteAttribute);
   card_.slots = {{.id = 99, .objects = {sound}}, {.id = 100, .objects = {sound}}};
   for (const auto& [type, length] :
        {std::pair(CKA_LABEL, 256U), {CKA_ID, 65U}, {CKA_VALUE, 100U}, {CKA_VALUE, 101U}}) {
     card_.slots[0].objects.push_back(CertificateObject(Named("Ann")));
     card_.slots[0].objects.back()[type] = std::string(length, '0');
   }
-  std::vector<CertificateEntry> entries(3);
-  EXPECT_TRUE(Helper::GetCertificates({}, kAnyKeyUsage, nullptr, nullptr, entries));
+  std::vector<pkcs11::CertificateEntry> entries(3);
+  EXPECT_TRUE(Helper::GetCertificates({}, pkcs11::kAnyKeyUsage, nullptr, nullptr, entries));
   EXPECT_EQ(entries[0].valueLength, 101U) << "no certificate, but nothing was asked for";
   EXPECT_EQ(entries[1].slot, 100U) << "where the suite's attribute is not asked for";
   EXPECT_STREQ(entries[1].label.get(), "label");
@@ -193,10 +193,11 @@ TEST_F(ReaderTest, KeepsEntriesUpToDate) {
   Insert(1, {expired, Named("Ann")});
   Insert(3, {Named("Bob")});
   Insert(4, {Named("Cid")});
-  std::vector<CertificateEntry> entries(5);
+  std::vector<pkcs11::CertificateEntry> entries(5);
   /// The slots of the entries, with "-" for a free one, in front of the answer.
   const auto collect = [&entries](std::optional<CK_SLOT_ID> slot) {
-    const bool changed = Helper::GetCertificates(slot, kAnyKeyUsage, nullptr, nullptr, entries);
+    const bool changed =
+        Helper::GetCertificates(slot, pkcs11::kAnyKeyUsage, nullptr, nullptr, entries);
     std::string slots;
     for (const auto& entry : entries) slots += entry.IsFree() ? "-" : std::to_string(entry.slot);
     return slots + (changed ? " changed" : " as before");

@@ -31,7 +31,7 @@ class WrapperTest : public ::testing::Test {
   FakeCard card_;
   const FakeModule plain_{QIXX_FAKE_PLAIN, CKR_OK, &card_.List()};
   const TraceCapture trace_;
-  CWrapperPkcs11 wrapper_;
+  pkcs11::CWrapperPkcs11 wrapper_;
 };
 
 TEST_F(WrapperTest, SharesOneInitialisation) {
@@ -74,8 +74,8 @@ TEST_F(WrapperTest, LeavesWhatIsMissingAlone) {
   std::string told = "Function C_SetVariable missing\nFunction C_GetVariable missing\n";
   told += "Loaded extended '" QIXX_SOFTCARD_PARTIAL "'\nReleased\n";
 
-  std::memset(&card_.memory.extension, 0xA5, sizeof(ExtensionSlots));
-  const ExtensionSlots before = card_.memory.extension;
+  std::memset(&card_.memory.extension, 0xA5, sizeof(pkcs11::ExtensionSlots));
+  const pkcs11::ExtensionSlots before = card_.memory.extension;
   EXPECT_TRUE(wrapper_.Load(QIXX_FAKE_PLAIN));
   EXPECT_TRUE(wrapper_.Load("ignored"));
   for (const std::string name :

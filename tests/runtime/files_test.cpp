@@ -12,7 +12,7 @@
 #include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 using testing::ScopedVariable;
@@ -80,4 +80,4 @@ TEST(Expansion, StaysInsideTheArea) {
 }
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::runtime

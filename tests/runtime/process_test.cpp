@@ -16,7 +16,7 @@
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 using testing::TemporaryFolder;
@@ -132,4 +132,4 @@ TEST(EntryPoints, AreCalledWithACopy) {
 }
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -18,7 +18,7 @@ extern "C" void* dlopen(const char* name, int mode) noexcept {
   return reinterpret_cast<decltype(&dlopen)>(dlsym(RTLD_NEXT, "dlopen"))(name, mode);
 }
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 TEST(SyncMissingTest, RunsUnlocked) {
@@ -38,4 +38,4 @@ TEST(SyncMissingTest, RunsUnlocked) {
 }
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::runtime

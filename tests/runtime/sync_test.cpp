@@ -5,7 +5,7 @@
 
 #include <thread>
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 TEST(SyncTest, SectionIsRecursiveAndItsOwnersAlone) {
@@ -34,4 +34,4 @@ TEST(SyncTest, SectionIsRecursiveAndItsOwnersAlone) {
 }
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::runtime

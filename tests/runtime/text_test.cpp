@@ -7,7 +7,7 @@
 #include <numeric>
 #include <vector>
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -75,4 +75,4 @@ TEST(TextTest, Utf16BecomesUtf8) {
 }
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::runtime

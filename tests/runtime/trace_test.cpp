@@ -25,7 +25,7 @@ extern "C" int gettimeofday(timeval* __restrict now, void* __restrict /*zone*/) 
   return 0;
 }
 
-namespace qixx {
+namespace qixx::runtime {
 namespace {
 
 using ::testing::MatchesRegex;
@@ -120,4 +120,4 @@ TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
 }
 
 }  // namespace
-}  // namespace qixx
+}  // namespace qixx::runtime

@@ -33,7 +33,7 @@ inline FakeObject CertificateObject(const std::string& value) {
           {CKA_LABEL, "label"},
           {CKA_ID, "id"},
           {CKA_VALUE, value},
-          {kSuiteAttribute, std::string(8, '\0')}};
+          {pkcs11::kSuiteAttribute, std::string(8, '\0')}};
 }
 
 struct FakeSlot {
@@ -115,7 +115,7 @@ class FakeCard {
   }
 
   static inline FakeCard* current = nullptr;
-  ExtendedFunctionList memory = {};
+  pkcs11::ExtendedFunctionList memory = {};
   std::vector<FakeSlot> slots;
   int openSessions = 0;
   int openSearches = 0;
@@ -134,7 +134,7 @@ class FakeCard {
 /// Has a fake module answer as told from now on; it stays loaded.
 struct FakeModule {
   FakeModule(const char* path, CK_RV result, CK_FUNCTION_LIST_PTR list) {
-    void* const say = FindSymbol(OpenLibrary(path), "FakeModuleAnswer");
+    void* const say = runtime::FindSymbol(runtime::OpenLibrary(path), "FakeModuleAnswer");
     reinterpret_cast<void (*)(CK_RV, CK_FUNCTION_LIST_PTR)>(say)(result, list);
   }
 };

@@ -12,13 +12,14 @@
 
 namespace qixx::testing {
 
-inline Bytes BytesOf(std::string_view text) {
+inline der::Bytes BytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
 inline std::string FromHex(std::string_view hex) {
   std::string bytes(hex.size(), '\0');
-  const int length = HexDecode(hex, {reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size()});
+  const int length =
+      runtime::HexDecode(hex, {reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size()});
   return bytes.substr(0, static_cast<std::size_t>(length));
 }
 
@@ -37,7 +38,7 @@ inline std::string Open(int tag, const std::string& content) {
 inline std::string Oid(std::string_view dotted) {
   std::array<std::uint8_t, 64> out{};
   std::size_t length = 0;
-  EXPECT_EQ(EncodeOid(dotted, out, length), kDerOk) << dotted;
+  EXPECT_EQ(der::EncodeOid(dotted, out, length), der::kDerOk) << dotted;
   return {out.begin(), out.begin() + static_cast<std::ptrdiff_t>(length)};
 }
 
@@ -60,14 +61,14 @@ struct Recipe {
   std::string notBefore = Der(0x17, "200101000000Z");
   std::string notAfter = Der(0x17, "491231235959Z");
   std::string subject = Part("o", "Example, Inc.") + Part("cn", "Ann Lee");
-  std::string alternativeNames = OtherName(kUserPrincipalName, "ann@example.org");
-  std::string extensions = Extension(kKeyUsage, FromHex("03020780")) +
-                           Extension(kExtendedKeyUsage, Der(0x30, Oid(kSmartCardLogon)));
+  std::string alternativeNames = OtherName(der::kUserPrincipalName, "ann@example.org");
+  std::string extensions = Extension(der::kKeyUsage, FromHex("03020780")) +
+                           Extension(der::kExtendedKeyUsage, Der(0x30, Oid(der::kSmartCardLogon)));
   std::string (*sequence)(int, const std::string&) = Der;  ///< the form of the inner sequences
 
   [[nodiscard]] std::string Info() const {
     const std::string algorithm = Der(0x30, Oid("1.2.840.10045.4.3.2"));
-    const std::string names = Extension(kSubjectAlternativeName, Der(0x30, alternativeNames));
+    const std::string names = Extension(der::kSubjectAlternativeName, Der(0x30, alternativeNames));
     return sequence(0x30, Der(0xA0, FromHex("020102")) + Der(0x02, serial) + algorithm +
                               sequence(0x30, issuer) + sequence(0x30, notBefore + notAfter) +
                               sequence(0x30, subject) + Der(0x30, algorithm + FromHex("03020000")) +
@@ -80,9 +81,11 @@ struct Recipe {
 };
 
 /// The name that a certificate logs on with; empty when there is none.
-inline std::string LogonName(const CertificatePtr& holder, bool required, bool emailAllowed) {
+inline std::string LogonName(const der::CertificatePtr& holder, bool required,
+                                    bool emailAllowed) {
   std::string name;
-  if (holder != nullptr) static_cast<void>(GetLogonName(*holder, required, emailAllowed, name));
+  if (holder != nullptr)
+    static_cast<void>(der::GetLogonName(*holder, required, emailAllowed, name));
   return name;
 }
 

@@ -16,9 +16,9 @@ class TraceCapture {
   TraceCapture() {
     const std::lock_guard<std::mutex> hold(guard);
     kept.clear();
-    TraceSetCallback(&TraceCapture::Keep);
+    runtime::TraceSetCallback(&TraceCapture::Keep);
   }
-  ~TraceCapture() { TraceSetCallback(nullptr); }
+  ~TraceCapture() { runtime::TraceSetCallback(nullptr); }
   TraceCapture(const TraceCapture&) = delete;
   TraceCapture& operator=(const TraceCapture&) = delete;
 

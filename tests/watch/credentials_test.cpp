@@ -25,14 +25,14 @@ TEST(CardText, CannotAddALineAnArgumentOrARedirection) {
       {">>\xc3\xa9\xff", ">>\xc3\xa9\xff"},
   };
   for (auto [text, cleaned] : rows) {
-    CleanCardText(text);
+    watch::CleanCardText(text);
     EXPECT_EQ(text, cleaned);
   }
-  EXPECT_EQ(SplitPrincipalName(">@b@c").user, "_");
-  EXPECT_EQ(SplitPrincipalName("a@>").domain, "_");
+  EXPECT_EQ(watch::SplitPrincipalName(">@b@c").user, "_");
+  EXPECT_EQ(watch::SplitPrincipalName("a@>").domain, "_");
   std::string all;
-  for (const SubjectPlaceholder& placeholder :
-       SubjectPlaceholders("cn=Lee\\, Ann , O=>+CN=other,ou=,1.2.3=x=y,broken,c=DE")) {
+  for (const watch::SubjectPlaceholder& placeholder :
+       watch::SubjectPlaceholders("cn=Lee\\, Ann , O=>+CN=other,ou=,1.2.3=x=y,broken,c=DE")) {
     all += placeholder.name + placeholder.value + ";";
   }
   EXPECT_EQ(all, "%OID.cn%Lee, Ann;%OID.O%_;%OID.ou%;%OID.1.2.3%x=y;");
@@ -45,7 +45,7 @@ TEST(Match, DecidesWhichCertificateCounts) {
   card.slots = {{.id = 1}, {.id = 5}};
   card.slots[1].objects = {CertificateObject(bob.Build()), CertificateObject(Recipe().Build())};
   const FakeModule module(QIXX_FAKE_PLAIN, CKR_OK, &card.List());
-  EXPECT_TRUE(Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
+  EXPECT_TRUE(pkcs11::Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
   const std::tuple<const char*, bool, bool> rows[] = {
       {"cn=nobody", true, false},          {"cn=ann lee|ff", true, true},
       {"cn=ann lee|06", true, true},       {"cn=ann lee|01", false, false},
@@ -54,19 +54,19 @@ TEST(Match, DecidesWhichCertificateCounts) {
   };
   for (const auto& [match, found, present] : rows) {
     SCOPED_TRACE(match);
-    char upn[kTextSize];
+    char upn[runtime::kTextSize];
     std::uint64_t certificate = 0;
-    EXPECT_EQ(FindLogonCredential(match, certificate, upn, {}, {}), found);
+    EXPECT_EQ(watch::FindLogonCredential(match, certificate, upn, {}, {}), found);
     EXPECT_STREQ(upn, found ? "ann@example.org" : "");
-    EXPECT_EQ(IsMatchingCardPresent(match), present);
+    EXPECT_EQ(watch::IsMatchingCardPresent(match), present);
   }
   // A simulated insert never reaches for a card, not even for one in slot 0.
   card.slots.push_back({.id = 0});
   const TraceCapture trace;
-  EXPECT_FALSE(SetCommand(0, "-registry there", true));
-  EXPECT_FALSE(ExecuteCommand(0, true, "extern /none.so,x", 0, true, true));
+  EXPECT_FALSE(watch::SetCommand(0, "-registry there", true));
+  EXPECT_FALSE(watch::ExecuteCommand(0, true, "extern /none.so,x", 0, true, true));
   EXPECT_FALSE(trace.Has("Helper - Failed to load '/none.so'"));
-  Pkcs11().Release();
+  pkcs11::Pkcs11().Release();
 }
 
 TEST(ConfigFile, GetsWhatANameMeansThroughALinkThatStays) {
@@ -85,16 +85,16 @@ TEST(ConfigFile, GetsWhatANameMeansThroughALinkThatStays) {
     const std::string link = folder.Path("link.conf");
     folder.Write("real.conf", before);
     std::filesystem::create_symlink("real.conf", link);
-    EXPECT_TRUE(BackupOrRestoreConfigFile(link.c_str()));
-    SetConfigValue(link.c_str(), name, value);
+    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link.c_str()));
+    watch::SetConfigValue(link.c_str(), name, value);
     EXPECT_EQ(folder.Read("real.conf"), after);
-    EXPECT_TRUE(BackupOrRestoreConfigFile(link.c_str()));
+    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link.c_str()));
     EXPECT_EQ(folder.Read("real.conf"), before);
     EXPECT_TRUE(std::filesystem::is_symlink(link));
-    SetConfigValue(folder.Path("missing.conf").c_str(), name, value);
+    watch::SetConfigValue(folder.Path("missing.conf").c_str(), name, value);
     EXPECT_FALSE(std::filesystem::exists(folder.Path("missing.conf")));
     std::filesystem::remove(folder.Path("real.conf"));
-    EXPECT_FALSE(BackupOrRestoreConfigFile(link.c_str()));
+    EXPECT_FALSE(watch::BackupOrRestoreConfigFile(link.c_str()));
     EXPECT_TRUE(std::filesystem::is_symlink(link)) << "although it leads nowhere";
   }
 }
@@ -104,7 +104,8 @@ TEST(ConfigFile, TwoServicesLoseNoValues) {
   const TemporaryFolder folder;
   const std::string file = folder.Write("both.conf", "[A]\nx=1\n");
   const auto setAll = [&file](char head) {
-    for (int i = 0; i < kKeys; ++i) SetConfigValue(file.c_str(), head + std::to_string(i), "v");
+    for (int i = 0; i < kKeys; ++i)
+      watch::SetConfigValue(file.c_str(), head + std::to_string(i), "v");
   };
   const pid_t other = ::fork();
   if (other == 0) {

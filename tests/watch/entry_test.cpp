@@ -25,7 +25,7 @@ std::string Shown(const char* name, std::uint64_t number, std::uint64_t usual = 
 }
 
 /// What a record holds, but for empty fields, zeros and the usual round limit.
-std::string Describe(const CWatchOptions& record) {
+std::string Describe(const watch::CWatchOptions& record) {
   return Shown("r", record.registry) + Shown("p", record.program) + Shown("c", record.configFile) +
          Shown("a", record.arguments) + Shown("m", record.message) + Shown("m2", record.message2) +
          Shown("match", record.match) + Shown("simulate", record.simulate) +
@@ -34,7 +34,7 @@ std::string Describe(const CWatchOptions& record) {
          Shown("term", record.terminate) + Shown("recognized", record.recognized) +
          Shown("hidein", record.hideInsert) + Shown("hideout", record.hideRemove) +
          Shown("sync", record.sync) + Shown("w", record.waitFlag) +
-         Shown("n", record.roundLimit, kEndlessRounds) + Shown("section", record.section);
+         Shown("n", record.roundLimit, watch::kEndlessRounds) + Shown("section", record.section);
 }
 
 TEST(Options, OneTextFillsTheRecord) {
@@ -64,19 +64,19 @@ TEST(Options, OneTextFillsTheRecord) {
       {"empty text", "", "n=0;"},
   };
   for (const auto& [name, text, expected] : rows) {
-    CWatchOptions record{};
-    ParseWatchOptions(text, record);
+    watch::CWatchOptions record{};
+    watch::ParseWatchOptions(text, record);
     EXPECT_EQ(Describe(record), expected + std::string("section=Watch;")) << name;
   }
 }
 
 TEST(Options, LaterTextsOverlayAndHardlyEverClear) {
-  CWatchOptions record{};
-  ParseWatchOptions("-match \"old\" -sync config", record);
-  ParseWatchOptions("-w -hide x", record);
+  watch::CWatchOptions record{};
+  watch::ParseWatchOptions("-match \"old\" -sync config", record);
+  watch::ParseWatchOptions("-w -hide x", record);
   EXPECT_EQ(Describe(record), "match=old;rest=x;hidein=1;hideout=1;sync=1;w=1;section=Watch;");
-  ParseWatchOptions("-p x -c y -n 3 ", record);
-  ParseWatchOptions("", record);
+  watch::ParseWatchOptions("-p x -c y -n 3 ", record);
+  watch::ParseWatchOptions("", record);
   EXPECT_EQ(Describe(record), "p=x;c=y;rest=x;hidein=1;hideout=1;sync=1;w=1;n=3;section=Watch;");
 }
 
@@ -97,7 +97,7 @@ TEST(WatchMain, LineDecidesWhatIsReadAndRun) {
   };
   for (const auto& [line, traced] : rows) {
     const TraceCapture trace;
-    EXPECT_EQ(WatchMain(0, 0, line), 0);
+    EXPECT_EQ(watch::WatchMain(0, 0, line), 0);
     EXPECT_TRUE(trace.Has(std::string("Watch - ") + traced)) << traced;
   }
 }
@@ -108,33 +108,33 @@ TEST(Trace, SettingsChooseTheTargetAndCallModeLetsOneLinePass) {
   const ScopedVariable home("HOME", folder.Path().c_str());
   const std::string settings = "[Trace Call]\nwatch=" + folder.Path("call.log") +
                                "\n[Trace]\nFile=" + folder.Path("file.log") + "\n";
-  InitProductIdentity();
-  ConnectRuntimeSettings();
+  runtime::InitProductIdentity();
+  watch::ConnectRuntimeSettings();
   folder.Write("system.conf", settings);
-  TraceInit("watch");
+  runtime::TraceInit("watch");
   EXPECT_NE(folder.Read("file.log"), "");
   folder.Write("system.conf", settings + "watch=\n");  // present, so "File" does not count
-  TraceInit("watch");
-  TraceWrite("lost");
-  TraceReleaseOneLine();
-  for (const char* const text : {"passed", "lost"}) TraceWrite("%s", text);
+  runtime::TraceInit("watch");
+  runtime::TraceWrite("lost");
+  runtime::TraceReleaseOneLine();
+  for (const char* const text : {"passed", "lost"}) runtime::TraceWrite("%s", text);
   EXPECT_THAT(folder.Read("call.log"), ::testing::MatchesRegex("\\[[^\n]* passed\n"));
-  TraceSetCallTarget(nullptr, 0);
-  TraceSetFile(folder.Path("all.log").c_str());
+  runtime::TraceSetCallTarget(nullptr, 0);
+  runtime::TraceSetFile(folder.Path("all.log").c_str());
   EXPECT_NE(folder.Read("all.log"), "") << "all lines pass";
-  TraceSetFile(nullptr);
+  runtime::TraceSetFile(nullptr);
 }
 
 [[noreturn]] void TakeSignals() {
   ::signal(SIGHUP, SIG_IGN);
   ::signal(SIGINT, SIG_DFL);
-  InstallStopHandlers();
+  watch::InstallStopHandlers();
   ::raise(SIGHUP);
   std::thread sleeper([] {
-    if (WatchSleep(600'000)) ::_exit(2);
+    if (watch::WatchSleep(600'000)) ::_exit(2);
   });
   // Long enough for the other thread to fall asleep; were it not, the test would only prove less.
-  if (!WatchSleep(100)) ::_exit(1);
+  if (!watch::WatchSleep(100)) ::_exit(1);
   ::raise(SIGTERM);
   sleeper.join();
   ::raise(SIGINT);

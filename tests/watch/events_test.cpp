@@ -16,16 +16,16 @@
 namespace qixx::testing {
 namespace {
 
-CWatchOptions Record(const std::string& rest) {
-  CWatchOptions record{};
-  CopyTextCut(record.rest, rest);
-  CopyTextCut(record.section, "Watch");
+watch::CWatchOptions Record(const std::string& rest) {
+  watch::CWatchOptions record{};
+  runtime::CopyTextCut(record.rest, rest);
+  runtime::CopyTextCut(record.section, "Watch");
   return record;
 }
 
 class EventTable : public ::testing::Test {
  protected:
-  EventTable() { InitProductIdentity(); }
+  EventTable() { runtime::InitProductIdentity(); }
 
   void Configure(const std::string& insert, const std::string& remove) const {
     folder.Write("system.conf", "[Watch Insert]\n" + insert + "[Watch Remove]\n" + remove);
@@ -35,16 +35,16 @@ class EventTable : public ::testing::Test {
 };
 
 TEST_F(EventTable, NamesAndCommandsKeepToTheirAreas) {
-  char section[kEventSectionSize];
-  EXPECT_TRUE(BuildEventSection(true, std::string(50, 's'), section));
-  EXPECT_FALSE(BuildEventSection(true, std::string(51, 's'), section));
+  char section[watch::kEventSectionSize];
+  EXPECT_TRUE(watch::BuildEventSection(true, std::string(50, 's'), section));
+  EXPECT_FALSE(watch::BuildEventSection(true, std::string(51, 's'), section));
   const std::string text = "kill " + std::string(600, 'x');
   Configure("1=" + text + "\n", "1=" + text + "\n");
-  CWatchOptions record = Record("Config");
+  watch::CWatchOptions record = Record("Config");
   const TraceCapture trace;
-  EXPECT_TRUE(OnInsertEvent(record, 1));
+  EXPECT_TRUE(watch::OnInsertEvent(record, 1));
   EXPECT_TRUE(trace.Has("Watch - Execute insert command: " + text.substr(0, 511)));
-  OnRemoveEvent(record, 1);
+  watch::OnRemoveEvent(record, 1);
   EXPECT_TRUE(trace.Has("Watch - Execute remove command: " + text.substr(0, 255)));
 }
 
@@ -59,11 +59,11 @@ TEST_F(EventTable, QuestionsAboutTheSectionsAlwaysEnd) {
   for (const auto& [insert, remove, any, on_insert, on_remove] : rows) {
     SCOPED_TRACE(remove);
     Configure(insert, remove);
-    EXPECT_EQ(HasEventCommands(Record("config")), any) << "the first entries alone tell";
-    CConfig config;
-    ASSERT_TRUE(LoadProductConfiguration(config));
-    EXPECT_EQ(HasOrdinaryRemoveCommand(config, "Watch", true), on_insert);
-    EXPECT_EQ(IsOrdinaryCommand(config, "Watch", "configured elsewhere"), on_remove);
+    EXPECT_EQ(watch::HasEventCommands(Record("config")), any) << "the first entries alone tell";
+    config::CConfig config;
+    ASSERT_TRUE(watch::LoadProductConfiguration(config));
+    EXPECT_EQ(watch::HasOrdinaryRemoveCommand(config, "Watch", true), on_insert);
+    EXPECT_EQ(watch::IsOrdinaryCommand(config, "Watch", "configured elsewhere"), on_remove);
   }
 }
 
@@ -79,10 +79,10 @@ TEST(Command, KeywordsDecideTheResult) {
       {"parallel close " + std::string(249, 'x'), true, true},
   };
   for (const auto& [text, on_insert, on_remove] : rows) {
-    EXPECT_EQ(ExecuteCommand(1, true, text.c_str(), 0, true, false), on_insert) << text;
-    EXPECT_EQ(ExecuteCommand(1, false, text.c_str(), 0, true, false), on_remove) << text;
+    EXPECT_EQ(watch::ExecuteCommand(1, true, text.c_str(), 0, true, false), on_insert) << text;
+    EXPECT_EQ(watch::ExecuteCommand(1, false, text.c_str(), 0, true, false), on_remove) << text;
   }
-  EXPECT_TRUE(WaitForParallelJobs(60000));
+  EXPECT_TRUE(watch::WaitForParallelJobs(60000));
 }
 
 TEST(TerminateList, RemovalEndsWhatTheInsertStartedForItsSlot) {
@@ -90,26 +90,26 @@ TEST(TerminateList, RemovalEndsWhatTheInsertStartedForItsSlot) {
   if (forked == 0) ::_exit(static_cast<int>(::sleep(120)));
   ASSERT_GT(forked, 0) << "the id of no child would mean every process";
   const auto child = static_cast<std::uint64_t>(forked);
-  EXPECT_FALSE(EndProcess((std::uint64_t{1} << 32) + child));
-  AddToTerminateList(false, 4, child);
-  EXPECT_FALSE(IsSlotProcessRunning(4)) << "started on removal";
-  for (int entry = 1; entry < 100; ++entry) AddToTerminateList(true, 1, child);
-  AddToTerminateList(true, 4, child);
-  AddToTerminateList(true, 7, child);
-  EXPECT_FALSE(IsSlotProcessRunning(7)) << "more than a hundred entries";
-  SweepTerminateList(true, 1);
-  SweepTerminateList(false, 7);
-  EXPECT_TRUE(IsSlotProcessRunning(1));
+  EXPECT_FALSE(watch::EndProcess((std::uint64_t{1} << 32) + child));
+  watch::AddToTerminateList(false, 4, child);
+  EXPECT_FALSE(watch::IsSlotProcessRunning(4)) << "started on removal";
+  for (int entry = 1; entry < 100; ++entry) watch::AddToTerminateList(true, 1, child);
+  watch::AddToTerminateList(true, 4, child);
+  watch::AddToTerminateList(true, 7, child);
+  EXPECT_FALSE(watch::IsSlotProcessRunning(7)) << "more than a hundred entries";
+  watch::SweepTerminateList(true, 1);
+  watch::SweepTerminateList(false, 7);
+  EXPECT_TRUE(watch::IsSlotProcessRunning(1));
 
   // With endings alone to run a removal does not wait for anything, but ends what was started.
   const TraceCapture trace;
-  CWatchOptions record = Record("close x");
+  watch::CWatchOptions record = Record("close x");
   record.removeWait = 20;
-  OnRemoveEvent(record, 1);
+  watch::OnRemoveEvent(record, 1);
   EXPECT_FALSE(trace.Has("Watch - Execute remove command: close x"));
   EXPECT_EQ(trace.Count("Watch - Process " + std::to_string(child) + " exited"), 99U)
       << "those of other slots are dropped too";
-  EXPECT_FALSE(IsSlotProcessRunning(1));
+  EXPECT_FALSE(watch::IsSlotProcessRunning(1));
 }
 
 /// The slot of a poll's event (0 for none), and the slots with a token from then on.
@@ -133,19 +133,19 @@ std::string Watch(const char* section, bool sync, const std::vector<Poll>& event
   FakeCard card;
   const FakeModule module(QIXX_FAKE_PLAIN, CKR_OK, &card.List());
   card.List().C_WaitForSlotEvent = &TakeScriptedEvent;
-  EXPECT_TRUE(Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
+  EXPECT_TRUE(pkcs11::Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
   script = events;
   polls = 0;
   card.slots = script.front().slots;
 
   const TraceCapture trace;
-  CWatchOptions record{};
-  CopyTextCut(record.rest, "kill nothing");
-  CopyTextCut(record.section, section);
+  watch::CWatchOptions record{};
+  runtime::CopyTextCut(record.rest, "kill nothing");
+  runtime::CopyTextCut(record.section, section);
   record.sync = sync;
   record.roundLimit = script.size();
-  RunWatch(record);
-  Pkcs11().Release();
+  watch::RunWatch(record);
+  pkcs11::Pkcs11().Release();
   std::string told;
   for (const std::string& line : trace.Lines()) {
     EXPECT_EQ(line.find("4711"), line.npos) << line;
@@ -176,18 +176,18 @@ TEST(SlotLoop, LogonVariantFollowsTheUsersCard) {
   const std::vector<Poll> events = {
       {0, {{1}}}, {4, {{1}, hers}}, {1, {{1}, hers}}, {4, {{1}, hers}}, {4, {{1}, {4}}}};
   EXPECT_EQ(Watch("LOGON", false, events), "") << "nobody is logged on";
-  const LogonQueries queries = {
-      [](std::span<char> name) { return CopyTextCut(name, "ann") != 0; },
+  const watch::LogonQueries queries = {
+      [](std::span<char> name) { return runtime::CopyTextCut(name, "ann") != 0; },
       [](const char* user, auto identity, auto certificate, std::size_t& length) {
         length = std::string_view("hers").copy(reinterpret_cast<char*>(certificate.data()), 4);
         std::string_view(user).copy(identity.data(), identity.size());
         return polls != 0;
       }};
-  SetLogonQueries(&queries);
+  watch::SetLogonQueries(&queries);
   EXPECT_EQ(Watch("Logon", false, events),
             "Logon slot not found;Logon slot 4 inserted;Logon slot 4 removed;Logon slot not found;")
       << "the first round has no answer";
-  SetLogonQueries(nullptr);
+  watch::SetLogonQueries(nullptr);
 }
 
 }  // namespace
