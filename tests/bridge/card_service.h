@@ -48,7 +48,10 @@ class CardService {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is killed leaves none behind
     const int quiet = ::open("/dev/null", O_RDWR);
     for (const int descriptor : {0, 1, 2}) ::dup2(quiet, descriptor);
-    ::execl(kProgram, kProgram, "--foreground", "-c", folder_.Path("readers").c_str(), nullptr);
+    // One that knows the option asks polkit about every client, and there is none in this world.
+    ::execl("/bin/sh", "sh", "-c",
+            "exec \"$0\" $(\"$0\" --help | grep -o -e --disable-polkit) --foreground -c \"$1\"",
+            kProgram, folder_.Path("readers").c_str(), nullptr);
     ::_exit(127);
   }
   void Stop(int signal = SIGTERM) {
