@@ -210,8 +210,7 @@ bool CConfigFile::OpenFile(const char* path) {
   // The second try makes a missing file. It never empties one that could not be opened a moment
   // ago.
   descriptor_ = OpenRegular(path, writable_ ? O_RDWR : O_RDONLY);
-  if (descriptor_ < 0)
-    descriptor_ = OpenRegular(path, writable_ ? O_RDWR | O_CREAT : O_RDONLY);
+  if (descriptor_ < 0) descriptor_ = OpenRegular(path, writable_ ? O_RDWR | O_CREAT : O_RDONLY);
   return descriptor_ >= 0;
 }
 

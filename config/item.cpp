@@ -15,7 +15,7 @@ ConfigResult CConfigItem::Close(bool /*release*/) {
 }
 
 std::uint32_t CConfigItem::GetKind() const {
-  return kConfigFailed;
+  return static_cast<std::uint32_t>(ConfigResult::kFailed);
 }
 
 const char* CConfigItem::GetPath() const {

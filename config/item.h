@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "config/result.h"
 #include "runtime/text.h"
@@ -17,6 +18,12 @@ namespace qixx::config {
 inline constexpr std::uint32_t kConfigKindFile = 1;
 /// Items of this kind have the settings that are read from them recorded.
 inline constexpr std::uint32_t kConfigKindRecorded = 2;
+
+/// The names of one entry.
+struct ConfigEntry {
+  std::string section;
+  std::string entry;
+};
 
 /// An item belongs to one thread at a time. Texts are handed in zero-terminated; areas for texts
 /// always end up zero-terminated and are empty after a failure.

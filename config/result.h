@@ -5,14 +5,21 @@
 
 namespace qixx::config {
 
-using ConfigResult = std::uint32_t;
+enum class ConfigResult : std::uint32_t {
+  kOk = 0,
+  /// Not found, no text loaded, or the operation failed.
+  kFailed = 6,
+  /// No path could be determined.
+  kNoPath = 48,
+  kNoSection = 0x80001001,
+  /// The section is there, but not the entry.
+  kNoEntry = 0x80001002,
+};
 
-inline constexpr ConfigResult kConfigOk = 0;
-/// Not found, no text loaded, or the operation failed.
-inline constexpr ConfigResult kConfigFailed = 6;
-/// No path could be determined.
-inline constexpr ConfigResult kConfigNoPath = 48;
-inline constexpr ConfigResult kConfigNoSection = 0x80001001;
-inline constexpr ConfigResult kConfigNoEntry = 0x80001002;
+inline constexpr ConfigResult kConfigOk = ConfigResult::kOk;
+inline constexpr ConfigResult kConfigFailed = ConfigResult::kFailed;
+inline constexpr ConfigResult kConfigNoPath = ConfigResult::kNoPath;
+inline constexpr ConfigResult kConfigNoSection = ConfigResult::kNoSection;
+inline constexpr ConfigResult kConfigNoEntry = ConfigResult::kNoEntry;
 
 }  // namespace qixx::config

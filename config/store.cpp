@@ -4,84 +4,72 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
-#include <exception>
-#include <initializer_list>
 #include <limits>
-#include <new>
-#include <string>
 
 #include "config/conditions.h"
 #include "config/file.h"
 #include "runtime/files.h"
 #include "runtime/lasting.h"
 #include "runtime/sync.h"
-#include "runtime/text.h"
 #include "runtime/trace.h"
 
 namespace qixx::config {
 namespace {
 
 constexpr std::string_view kStaticPath = "static";
-constexpr const char* kConditionSection = "Condition";
+constexpr std::string_view kConditionSection = "Condition";
+constexpr std::size_t kMaxText = runtime::kTextSize - 1;
 /// Far more than the list of the active ones holds. Finding each takes a walk over the file, which
 /// endless conditions of a hostile file must not repeat for ever.
-constexpr unsigned kMaximumConditions = 1000;
+constexpr unsigned kMaxConditions = 1000;
+constexpr std::size_t kNoLimit = std::string::npos;
 
-// The areas of the typed forms, terminator included.
-constexpr std::size_t kItemIntegerSize = 16;
-constexpr std::size_t kNumberSize = 17;
-constexpr std::size_t kWrittenNumberSize = 12;
+// A number's text is cut there.
+constexpr std::size_t kMaxItemInteger = 15;
+constexpr std::size_t kMaxNumber = 16;
 
 std::atomic<bool> staticMode{false};
 
-/// Joins the parts; false and an empty text when they do not fit.
-bool Join(std::span<char> area, std::initializer_list<std::string_view> parts) {
-  std::size_t length = 0;
-  for (const std::string_view part : parts) {
-    if (!runtime::CopyTextIfFits(area.subspan(std::min(length, area.size())), part)) {
-      runtime::CopyTextCut(area, {});
-      return false;
-    }
-    length += part.size();
-  }
-  return true;
+/// The texts one behind the other; none when they are longer than a name or path may be.
+template <typename... Texts>
+std::optional<std::string> Join(const Texts&... texts) {
+  std::string joined;
+  joined.reserve((std::string_view(texts).size() + ...));
+  (joined.append(texts), ...);
+  if (joined.size() > kMaxText) return std::nullopt;
+  return joined;
 }
 
-/// The variable named by the product prefix and `name`; null when it is not set.
-const char* GetProductVariable(std::string_view name) {
-  char variable[runtime::kTextSize];
+/// The variable whose name is the product prefix and `name`; null when it is not set.
+template <typename... Names>
+const char* FindProductVariable(const Names&... names) {
   const std::string_view prefix = runtime::Product().prefix;
-  if (prefix.empty() || !Join(variable, {prefix, name})) return nullptr;
-  return std::getenv(variable);
+  if (prefix.empty()) return nullptr;
+  const std::optional<std::string> variable = Join(prefix, names...);
+  return variable ? std::getenv(variable->c_str()) : nullptr;
 }
 
 /// A path from the environment, when it is set, not empty and short enough.
-bool GetPathVariable(std::string_view name, std::span<char> path) {
-  const std::string_view value = runtime::LocalToUtf8(runtime::ViewOf(GetProductVariable(name)));
-  return !value.empty() && runtime::CopyTextIfFits(path, value);
-}
-
-/// The value that the environment gives a setting; null when it gives none.
-const char* FindOverride(const char* section, const char* entry) {
-  char name[runtime::kTextSize];
-  return Join(name, {":", section, ":", entry}) ? GetProductVariable(name) : nullptr;
+std::optional<std::string> GetPathVariable(std::string_view name) {
+  const std::string_view value = runtime::ViewOf(FindProductVariable(name));
+  if (value.empty() || value.size() > kMaxText) return std::nullopt;
+  return std::string(value);
 }
 
 /// The product's directory below the home directory, with a '/' at its end.
-bool GetUserDirectory(std::span<char> directory) {
+std::optional<std::string> GetUserDirectory() {
   const std::string_view home = runtime::ViewOf(std::getenv("HOME"));
   const std::string_view prefix = runtime::Product().prefix;
-  if (home.empty() || prefix.empty()) return false;
-  return Join(directory, {home, home.ends_with('/') ? "." : "/.", prefix, "/"});
+  if (home.empty() || prefix.empty()) return std::nullopt;
+  return Join(home, home.ends_with('/') ? "." : "/.", prefix, "/");
 }
 
 /// A per-user installation is known by its library directory.
 bool HoldsLibraries(std::string_view directory) {
-  char path[runtime::kTextSize];
+  const std::optional<std::string> path = Join(directory, "lib");
   struct stat info {};
-  return Join(path, {directory, "lib"}) && ::stat(path, &info) == 0 && S_ISDIR(info.st_mode);
+  return path && ::stat(path->c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 /// Signed numbers are decimal; a hexadecimal one has no sign.
@@ -90,6 +78,12 @@ std::int64_t ParseInteger(std::string_view text) {
     return runtime::ParseSigned(text);
   constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
   return static_cast<std::int64_t>(std::min(runtime::ParseNumber(text), kLargest));
+}
+
+std::string CallingApplication() {
+  char path[runtime::kTextSize];
+  runtime::GetCallingApplication(path);
+  return std::string(runtime::TextOf(path));
 }
 
 /// Fills `text` by `read`, which cuts what it reads to its area: the area grows until the text
@@ -115,23 +109,26 @@ runtime::CCritical& ReferenceLock() {
 }
 
 /// Taken from the environment once; "0" when it names no file.
-const char* ReferencePath() {
-  static char path[runtime::kTextSize] = {};
-  if (path[0] == '\0' && !GetPathVariable("configref", path)) runtime::CopyTextCut(path, "0");
-  return path;
+const std::string& ReferencePath() {
+  struct Holder {
+    std::string path = GetPathVariable("configref").value_or("0");
+  };
+  static runtime::Lasting<Holder> holder;
+  return (*holder).path;
 }
 
 /// Adds the setting to the reference file unless it is there.
-void AddReference(const char* section, const char* entry) {
+void AddReference(const std::string& section, const std::string& entry) {
   const runtime::CriticalScope hold(&ReferenceLock());
   CConfigFile file;
-  char value[kItemIntegerSize];
-  file.Open(false, ReferencePath(), true);
-  const bool known = file.GetValue(section, entry, value, false) == kConfigOk;
+  char value[runtime::kTextSize];
+  file.Open(false, ReferencePath().c_str(), true);
+  const bool known =
+      file.GetValue(section.c_str(), entry.c_str(), value, false) == ConfigResult::kOk;
   file.Close(true);
   if (known) return;
-  file.Open(true, ReferencePath(), true);
-  file.SetValue(section, entry, nullptr, false);
+  file.Open(true, ReferencePath().c_str(), true);
+  file.SetValue(section.c_str(), entry.c_str(), nullptr, false);
   file.Close(true);
 }
 
@@ -146,9 +143,11 @@ CConfig::~CConfig() {
 // --- opening and closing ----------------------------------------------------------------------
 
 ConfigResult CConfig::Close(bool release) {
-  ConfigResult result = kConfigOk;
+  ConfigResult result = ConfigResult::kOk;
   for (std::unique_ptr<CConfigItem>& item : items_) {
-    if (item != nullptr && item->Close(release) != kConfigOk) result = kConfigFailed;
+    if (item != nullptr && item->Close(release) != ConfigResult::kOk) {
+      result = ConfigResult::kFailed;
+    }
     if (release) item.reset();
   }
   return result;
@@ -156,70 +155,64 @@ ConfigResult CConfig::Close(bool release) {
 
 ConfigResult CConfig::OpenAll(bool writable) {
   Close(true);
-  char local[runtime::kTextSize] = {};
-  char global[runtime::kTextSize] = {};
-  ConfigResult result = FindLocalPath(local);
-  if (result == kConfigOk) {
-    result = OpenItem(writable, local);
-    if (result != kConfigOk) runtime::TraceWrite("Config - Open %s failed", "local");
+  ConfigResult result = ConfigResult::kNoPath;
+  const std::optional<std::string> local = FindLocalPath();
+  if (local) {
+    result = OpenItem(writable, *local);
+    if (result != ConfigResult::kOk) runtime::TraceWrite("Config - Open %s failed", "local");
   }
-  if (FindGlobalPath(global) == kConfigOk && runtime::TextOf(global) != runtime::TextOf(local)) {
-    result = OpenItem(writable, global);
-    if (result != kConfigOk) runtime::TraceWrite("Config - Open %s failed", "global");
+  const std::optional<std::string> global = FindGlobalPath();
+  if (global && global != local) {
+    result = OpenItem(writable, *global);
+    if (result != ConfigResult::kOk) runtime::TraceWrite("Config - Open %s failed", "global");
   }
   return result;
 }
 
 ConfigResult CConfig::OpenDefault(bool writable) {
-  char path[runtime::kTextSize];
-  const ConfigResult result = FindGlobalPath(path);
-  if (result != kConfigOk) {
+  const std::optional<std::string> path = FindGlobalPath();
+  if (!path) {
     runtime::TraceWrite("Config - Failed to find config file");
-    return result;
+    return ConfigResult::kNoPath;
   }
-  return OpenItem(writable, path);
+  return OpenItem(writable, *path);
 }
 
-ConfigResult CConfig::OpenItem(bool writable, const char* path) {
-  writable_ = writable;
+ConfigResult CConfig::OpenItem(bool writable, const std::string& path) {
   const auto free = std::find(std::begin(items_), std::end(items_), nullptr);
   if (free == std::end(items_)) {
     runtime::TraceWrite("Config - No more internal objects");
-    return kConfigFailed;
+    return ConfigResult::kFailed;
   }
-  std::unique_ptr<CConfigItem> item(new (std::nothrow) CConfigFile);
-  if (item == nullptr) return kConfigFailed;
+  auto item = std::make_unique<CConfigFile>();
   const bool isFirst = free == std::begin(items_);
-  const ConfigResult result = runtime::ViewOf(path) == kStaticPath
+  const ConfigResult result = path == kStaticPath
                                   ? item->LoadText("", 0)
-                                  : item->Open(writable && isFirst, path, false);
-  if (result == kConfigOk) *free = std::move(item);
+                                  : item->Open(writable && isFirst, path.c_str(), false);
+  if (result == ConfigResult::kOk) *free = std::move(item);
   return result;
 }
 
-ConfigResult CConfig::FindLocalPath(std::span<char> path) {
-  runtime::CopyTextCut(path, {});
-  if (GetPathVariable("configlocal", path)) return kConfigOk;
-  char directory[runtime::kTextSize];
-  if (!GetUserDirectory(directory)) return kConfigNoPath;
-  if (!runtime::PathExists(directory)) runtime::CreatePath(directory);
-  const bool fits = Join(path, {runtime::TextOf(directory), runtime::Product().configFile});
-  return fits ? kConfigOk : kConfigNoPath;
+std::optional<std::string> CConfig::FindLocalPath() {
+  if (auto path = GetPathVariable("configlocal")) return path;
+  const std::optional<std::string> directory = GetUserDirectory();
+  if (!directory) return std::nullopt;
+  if (!runtime::PathExists(directory->c_str())) runtime::CreatePath(directory->c_str());
+  return Join(*directory, runtime::Product().configFile);
 }
 
-ConfigResult CConfig::FindGlobalPath(std::span<char> path) {
-  runtime::CopyTextCut(path, {});
-  if (staticMode) return Join(path, {kStaticPath}) ? kConfigOk : kConfigNoPath;
-  if (GetPathVariable("configglobal", path)) return kConfigOk;
+std::optional<std::string> CConfig::FindGlobalPath() {
+  if (staticMode) return std::string(kStaticPath);
+  if (auto path = GetPathVariable("configglobal")) return path;
   const std::string_view file = runtime::Product().configFile;
-  if (file.empty()) return kConfigNoPath;
+  if (file.empty()) return std::nullopt;
 
-  char user[runtime::kTextSize];
-  const bool perUser = GetUserDirectory(user) && HoldsLibraries(runtime::TextOf(user));
-  const std::string_view directory = perUser ? runtime::TextOf(user) : "/etc/";
-  if (Join(path, {directory, file}) && runtime::PathExists(path.data())) return kConfigOk;
+  const std::optional<std::string> user = GetUserDirectory();
+  const bool perUser = user && HoldsLibraries(*user);
+  auto path = Join(perUser ? std::string_view(*user) : "/etc/", file);
+  if (path && runtime::PathExists(path->c_str())) return path;
   // The directory to fall back on is deliberately empty: the file of the current directory.
-  return Join(path, {file}) ? kConfigOk : kConfigNoPath;
+  return Join(file);
 }
 
 void CConfig::SetStaticMode(bool on) {
@@ -228,114 +221,106 @@ void CConfig::SetStaticMode(bool on) {
 
 // --- reading ----------------------------------------------------------------------------------
 
-ConfigResult CConfig::GetString(const char* section, const char* entry, std::span<char> buffer,
-                                bool convert) {
-  return GetLayered(section, entry, buffer, convert, raw_);
+std::optional<ConfigValue> CConfig::GetString(std::string_view section, std::string_view entry,
+                                              std::size_t maxLength) {
+  return GetLayered(section, entry, maxLength, raw_);
 }
 
-ConfigResult CConfig::GetLayered(const char* section, const char* entry, std::span<char> buffer,
-                                 bool convert, bool raw) {
-  const ConfigResult result = GetItemString(0, section, entry, buffer, convert, raw);
-  if (result == kConfigOk || items_[1] == nullptr) return result;
-  return GetItemString(1, section, entry, buffer, convert, raw);
+std::optional<ConfigValue> CConfig::GetLayered(std::string_view section, std::string_view entry,
+                                               std::size_t maxLength, bool raw) {
+  auto value = GetItemString(0, section, entry, maxLength, raw);
+  if (value || items_[1] == nullptr) return value;
+  return GetItemString(1, section, entry, maxLength, raw);
 }
 
-/// One attempt: the environment, else the item. A value from the environment is reported as failed.
-ConfigResult CConfig::GetItemString(std::size_t item, const char* section, const char* entry,
-                                    std::span<char> buffer, bool convert, bool raw) {
-  runtime::CopyTextCut(buffer, {});
-  if (section == nullptr || entry == nullptr) return kConfigFailed;
-  CConfigItem* const held = Item(item);
-  ConfigResult result = kConfigFailed;
-  if (const char* value = FindOverride(section, entry); value != nullptr) {
-    (void)runtime::CopyTextIfFits(buffer,
-                                  convert ? std::string_view(value) : runtime::LocalToUtf8(value));
-  } else if (held != nullptr) {
-    result = raw ? held->GetValue(section, entry, buffer, convert)
-                 : ReadResolved(*held, section, entry, buffer, convert);
+/// One attempt: the environment, else the item.
+std::optional<ConfigValue> CConfig::GetItemString(std::size_t item, std::string_view section,
+                                                  std::string_view entry, std::size_t maxLength,
+                                                  bool raw) {
+  std::optional<ConfigValue> value;
+  if (const char* found = FindProductVariable(":", section, ":", entry); found != nullptr) {
+    const std::string_view text = found;
+    if (!text.empty() && text.size() <= maxLength) {
+      value = {std::string(text), ConfigOrigin::kEnvironment};
+    }
+  } else if (CConfigItem* const held = Item(item); held != nullptr) {
+    value = ReadItem(*held, section, entry, maxLength, raw);
   }
   RecordReference(section, entry);
-  return result;
+  return value;
 }
 
-/// The whole value is resolved, and then cut to the buffer.
-ConfigResult CConfig::ReadResolved(CConfigItem& item, const char* section, const char* entry,
-                                   std::span<char> buffer, bool convert) {
-  try {
-    std::string value;
-    const ConfigResult result = ReadWhole(
-        [&](std::span<char> area) { return item.GetValue(section, entry, area, convert); }, value);
-    if (result != kConfigOk) return result;
-    runtime::CopyTextCut(buffer, IsConditional(value) ? Resolve(value) : value);
-    return kConfigOk;
-  } catch (const std::exception&) {
-    return kConfigFailed;
-  }
+/// The whole value is resolved, and then cut.
+std::optional<ConfigValue> CConfig::ReadItem(CConfigItem& item, std::string_view section,
+                                             std::string_view entry, std::size_t maxLength,
+                                             bool raw) {
+  const std::string sectionName(section);
+  const std::string entryName(entry);
+  std::string text;
+  const ConfigResult result = ReadWhole(
+      [&](std::span<char> area) {
+        return item.GetValue(sectionName.c_str(), entryName.c_str(), area, false);
+      },
+      text);
+  if (result != ConfigResult::kOk) return std::nullopt;
+  const std::string_view chosen = !raw && IsConditional(text) ? Resolve(text) : text;
+  return ConfigValue{std::string(chosen.substr(0, maxLength)), ConfigOrigin::kFile};
 }
 
-bool ReadConfigText(CConfig& config, const char* section, const char* entry, std::span<char> buffer,
-                    bool convert) {
-  return config.GetString(section, entry, buffer, convert) == kConfigOk ||
-         !runtime::TextOf(buffer).empty();
+std::optional<ConfigValue> ReadNumberedEntry(CConfig& config, std::string_view section,
+                                             unsigned number, std::size_t maxLength) {
+  return config.GetString(section, std::to_string(number), maxLength);
 }
 
-ConfigResult CConfig::GetItemInteger(std::size_t item, const char* section, const char* entry,
-                                     std::int32_t& value) {
-  char text[kItemIntegerSize];
-  const ConfigResult result = GetItemString(item, section, entry, text, false, raw_);
-  if (result != kConfigOk && runtime::TextOf(text).empty()) return result;
+std::optional<std::uint64_t> CConfig::GetUnsigned(std::string_view section,
+                                                  std::string_view entry) {
+  const std::optional<ConfigValue> value = GetString(section, entry, kMaxNumber);
+  if (!value) return std::nullopt;
+  return runtime::ParseNumber(value->text);
+}
+
+std::optional<bool> CConfig::GetBoolean(std::string_view section, std::string_view entry) {
+  const std::optional<std::uint64_t> number = GetUnsigned(section, entry);
+  if (!number) return std::nullopt;
+  return *number != 0;
+}
+
+std::optional<std::int64_t> CConfig::GetInteger(std::string_view section, std::string_view entry) {
+  const std::optional<ConfigValue> value = GetString(section, entry, kMaxNumber);
+  if (!value) return std::nullopt;
+  return ParseInteger(value->text);
+}
+
+std::optional<std::int32_t> CConfig::GetItemInteger(std::size_t item, std::string_view section,
+                                                    std::string_view entry) {
+  const std::optional<ConfigValue> value =
+      GetItemString(item, section, entry, kMaxItemInteger, raw_);
+  if (!value) return std::nullopt;
   using Limits = std::numeric_limits<std::int32_t>;
-  value = static_cast<std::int32_t>(std::clamp<std::int64_t>(
-      runtime::ParseSigned(runtime::TextOf(text)), Limits::min(), Limits::max()));
-  return kConfigOk;
+  return static_cast<std::int32_t>(
+      std::clamp<std::int64_t>(runtime::ParseSigned(value->text), Limits::min(), Limits::max()));
 }
 
-/// A number's text; one from the environment counts as read.
-ConfigResult CConfig::GetNumber(const char* section, const char* entry, std::span<char> buffer) {
-  const ConfigResult result = GetString(section, entry, buffer, false);
-  return runtime::TextOf(buffer).empty() ? result : kConfigOk;
+std::optional<ConfigValue> CConfig::GetQualified(std::string_view section, std::string_view entry,
+                                                 std::string_view qualifier,
+                                                 std::size_t maxLength) {
+  const std::optional<std::string> name = Join(entry, "_", qualifier);
+  if (!name) return std::nullopt;
+  return GetString(section, *name, maxLength);
 }
 
-ConfigResult CConfig::GetUnsigned(const char* section, const char* entry, std::uint64_t& value) {
-  char text[kNumberSize];
-  const ConfigResult result = GetNumber(section, entry, text);
-  if (result == kConfigOk) value = runtime::ParseNumber(runtime::TextOf(text));
-  return result;
-}
-
-ConfigResult CConfig::GetInteger(const char* section, const char* entry, std::int64_t& value) {
-  char text[kNumberSize];
-  const ConfigResult result = GetNumber(section, entry, text);
-  if (result == kConfigOk) value = ParseInteger(runtime::TextOf(text));
-  return result;
-}
-
-ConfigResult CConfig::GetBoolean(const char* section, const char* entry, bool& value) {
-  std::uint64_t number = 0;
-  const ConfigResult result = GetUnsigned(section, entry, number);
-  if (result == kConfigOk) value = number != 0;
-  return result;
-}
-
-ConfigResult CConfig::GetQualified(const char* section, const char* entry, const char* qualifier,
-                                   std::span<char> buffer, bool convert) {
-  runtime::CopyTextCut(buffer, {});
-  char name[runtime::kTextSize];
-  if (!Join(name, {runtime::ViewOf(entry), "_", runtime::ViewOf(qualifier)})) return kConfigFailed;
-  return GetString(section, name, buffer, convert);
+std::optional<ConfigEntry> CConfig::EnumEntries(std::size_t& index) {
+  char section[runtime::kTextSize];
+  char entry[runtime::kTextSize];
+  if (items_[0] == nullptr) return std::nullopt;
+  if (items_[0]->EnumEntries(section, entry, index) != ConfigResult::kOk) return std::nullopt;
+  return ConfigEntry{section, entry};
 }
 
 bool CConfig::SectionExists(const char* section) {
   return std::any_of(std::begin(items_), std::end(items_), [section](const auto& item) {
     return item != nullptr && item->SectionExists(section);
   });
-}
-
-ConfigResult CConfig::EnumEntries(std::span<char> section, std::span<char> entry,
-                                  std::size_t& index) {
-  runtime::CopyTextCut(section, {});
-  runtime::CopyTextCut(entry, {});
-  return items_[0] == nullptr ? kConfigFailed : items_[0]->EnumEntries(section, entry, index);
 }
 
 ConfigResult CConfig::EnumSectionEntries(const char* section, std::span<char> entry,
@@ -375,21 +360,21 @@ CConfigItem* CConfig::Item(std::size_t index) const {
 
 // --- changing ---------------------------------------------------------------------------------
 
-ConfigResult CConfig::SetString(const char* section, const char* entry, const char* value,
-                                bool convert) {
-  return items_[0] == nullptr ? kConfigFailed : items_[0]->SetValue(section, entry, value, convert);
+ConfigResult CConfig::SetString(std::string_view section, std::string_view entry,
+                                std::string_view value) {
+  if (items_[0] == nullptr) return ConfigResult::kFailed;
+  return items_[0]->SetValue(std::string(section).c_str(), std::string(entry).c_str(),
+                             std::string(value).c_str(), false);
 }
 
-ConfigResult CConfig::SetInteger(const char* section, const char* entry, std::int32_t value) {
-  char text[kWrittenNumberSize];
-  std::snprintf(text, sizeof text, "%d", value);
-  return SetString(section, entry, text, false);
+ConfigResult CConfig::SetInteger(std::string_view section, std::string_view entry,
+                                 std::int32_t value) {
+  return SetString(section, entry, std::to_string(value));
 }
 
-ConfigResult CConfig::SetUnsigned(const char* section, const char* entry, std::uint32_t value) {
-  char text[kWrittenNumberSize];
-  std::snprintf(text, sizeof text, "%u", value);
-  return SetString(section, entry, text, false);
+ConfigResult CConfig::SetUnsigned(std::string_view section, std::string_view entry,
+                                  std::uint32_t value) {
+  return SetString(section, entry, std::to_string(value));
 }
 
 ConfigResult CConfig::Delete(const char* section, const char* entry) {
@@ -411,69 +396,88 @@ bool CConfig::IsModeActive(std::string_view /*mode*/) const {
 }
 
 std::string_view CConfig::Resolve(std::string_view value) {
-  char application[runtime::kTextSize];
-  runtime::GetCallingApplication(application);
-  return ResolveConditional(value,
-                            {runtime::TextOf(application),
-                             [this](std::string_view name) { return IsNamedConditionActive(name); },
-                             [this](std::string_view mode) { return IsModeActive(mode); }});
+  const std::string application = CallingApplication();
+  return ResolveConditional(
+      value, {application, [this](std::string_view name) { return IsNamedConditionActive(name); },
+              [this](std::string_view mode) { return IsModeActive(mode); }});
 }
 
 bool CConfig::IsNamedConditionActive(std::string_view name) {
-  if (activeConditions_ == nullptr) CollectNamedConditions();
-  const char* const active = activeConditions_.get();
-  if (!conditionsReported_ && active[0] != '\0' && runtime::TraceIsOn()) {
-    runtime::TraceWrite("Config - Active named conditions: %s", active);
+  if (!activeConditions_) CollectNamedConditions();
+  if (!conditionsReported_ && !activeConditions_->empty() && runtime::TraceIsOn()) {
+    runtime::TraceWrite("Config - Active named conditions: %s", activeConditions_->c_str());
     conditionsReported_ = true;
   }
-  return runtime::FindText(active, name) != std::string_view::npos;
+  return activeConditions_->find(name) != std::string::npos;
 }
 
 void CConfig::CollectNamedConditions() {
-  activeConditions_ = std::make_unique<char[]>(runtime::kTextSize);
-  const std::span<char> active(activeConditions_.get(), runtime::kTextSize);
-  char application[runtime::kTextSize];
-  runtime::GetCallingApplication(application);
+  std::string& active = activeConditions_.emplace();
+  const std::string application = CallingApplication();
   // The list that is being made is asked, so a condition may build on those in front of it.
-  const ConditionContext context{runtime::TextOf(application),
-                                 [active](std::string_view name) {
-                                   return runtime::FindText(runtime::TextOf(active), name) !=
-                                          std::string_view::npos;
-                                 },
-                                 [this](std::string_view mode) { return IsModeActive(mode); }};
+  const ConditionContext context{
+      application,
+      [&active](std::string_view name) { return active.find(name) != std::string::npos; },
+      [this](std::string_view mode) { return IsModeActive(mode); }};
 
-  std::string value;
-  for (unsigned number = 1; number <= kMaximumConditions; ++number) {
-    const std::string entry = std::to_string(number);
-    const ConfigResult result = ReadWhole(
-        [&](std::span<char> area) {
-          return GetLayered(kConditionSection, entry.c_str(), area, false, true);
-        },
-        value);
-    if (result != kConfigOk && value.empty()) return;
-    const std::size_t close = value.find('}');
-    if (!value.starts_with('{') || close == std::string::npos) continue;
-    const std::string_view name = std::string_view(value).substr(0, close + 1);
-    const std::string_view condition =
-        runtime::SkipBlanks(std::string_view(value).substr(close + 1));
-    if (!ConditionHolds(condition, context)) continue;
-    (void)runtime::CopyTextIfFits(active.subspan(runtime::TextOf(active).size()), name);
+  for (unsigned number = 1; number <= kMaxConditions; ++number) {
+    const auto found = GetLayered(kConditionSection, std::to_string(number), kNoLimit, true);
+    if (!found) return;
+    const std::string_view text = found->text;
+    const std::size_t close = text.find('}');
+    if (!text.starts_with('{') || close == std::string_view::npos) continue;
+    const std::string_view name = text.substr(0, close + 1);
+    if (!ConditionHolds(runtime::SkipBlanks(text.substr(close + 1)), context)) continue;
+    if (active.size() + name.size() <= kMaxText) active += name;
   }
 }
 
 // --- the reference recorder -------------------------------------------------------------------
 
 /// Notes which settings the program asks for, where an item of the kind that wants it is held.
-void CConfig::RecordReference(const char* section, const char* entry) const {
+void CConfig::RecordReference(std::string_view section, std::string_view entry) const {
   const bool wanted = std::any_of(std::begin(items_), std::end(items_), [](const auto& item) {
     return item != nullptr && item->GetKind() == kConfigKindRecorded;
   });
-  const std::string_view name = entry;
-  if (!wanted || runtime::ViewOf(section).empty() || name.empty() ||
-      runtime::FindChar(name, '_') != kNoPosition) {
-    return;
-  }
-  AddReference(section, entry);
+  if (!wanted || section.empty() || entry.empty() || entry.find('_') != kNoPosition) return;
+  AddReference(std::string(section), std::string(entry));
+}
+
+// --- the same with areas ----------------------------------------------------------------------
+
+ConfigResult CConfig::GetString(const char* section, const char* entry, std::span<char> buffer,
+                                bool /*convert*/) {
+  runtime::CopyTextCut(buffer, {});
+  if (section == nullptr || entry == nullptr || buffer.empty()) return ConfigResult::kFailed;
+  const std::optional<ConfigValue> value = GetString(section, entry, buffer.size() - 1);
+  if (!value) return ConfigResult::kFailed;
+  runtime::CopyTextCut(buffer, value->text);
+  return value->origin == ConfigOrigin::kFile ? ConfigResult::kOk : ConfigResult::kFailed;
+}
+
+ConfigResult CConfig::SetString(const char* section, const char* entry, const char* value,
+                                bool /*convert*/) {
+  return SetString(runtime::ViewOf(section), runtime::ViewOf(entry), runtime::ViewOf(value));
+}
+
+ConfigResult CConfig::GetBoolean(const char* section, const char* entry, bool& value) {
+  const std::optional<bool> found = GetBoolean(section, entry);
+  if (found) value = *found;
+  return found ? ConfigResult::kOk : ConfigResult::kFailed;
+}
+
+ConfigResult CConfig::EnumEntries(std::span<char> section, std::span<char> entry,
+                                  std::size_t& index) {
+  const std::optional<ConfigEntry> found = EnumEntries(index);
+  runtime::CopyTextCut(section, found ? found->section : std::string());
+  runtime::CopyTextCut(entry, found ? found->entry : std::string());
+  return found ? ConfigResult::kOk : ConfigResult::kFailed;
+}
+
+bool ReadConfigText(CConfig& config, const char* section, const char* entry, std::span<char> buffer,
+                    bool convert) {
+  return config.GetString(section, entry, buffer, convert) == ConfigResult::kOk ||
+         !runtime::TextOf(buffer).empty();
 }
 
 }  // namespace qixx::config

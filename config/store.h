@@ -8,13 +8,24 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "config/item.h"
 #include "config/result.h"
+#include "runtime/text.h"
 
 namespace qixx::config {
+
+/// Where a value was found.
+enum class ConfigOrigin : std::uint8_t { kFile, kEnvironment };
+
+struct ConfigValue {
+  std::string text;
+  ConfigOrigin origin = ConfigOrigin::kFile;
+};
 
 class CConfig {
  public:
@@ -24,7 +35,7 @@ class CConfig {
   CConfig& operator=(const CConfig&) = delete;
 
   /// Writes a modified writable file back and closes it. With `release` the items are given up too.
-  /// kConfigFailed when a changed text could not be written.
+  /// kFailed when a changed text could not be written.
   virtual ConfigResult Close(bool release);
   /// The user's file and, when it is another, the system's. The result of the last open.
   virtual ConfigResult OpenAll(bool writable);
@@ -32,34 +43,49 @@ class CConfig {
   virtual ConfigResult OpenDefault(bool writable);
   /// One file into the next free place; the path "static" is the built-in (empty) configuration.
   /// A missing file opens as an empty item.
-  virtual ConfigResult OpenItem(bool writable, const char* path);
+  virtual ConfigResult OpenItem(bool writable, const std::string& path);
 
-  /// The layered lookup. `buffer` is emptied first, so a miss leaves an empty text. A value from
-  /// the environment is reported with result 6 while the buffer holds it, deliberately: callers
-  /// look at the buffer, best through ReadConfigText below.
-  virtual ConfigResult GetString(const char* section, const char* entry, std::span<char> buffer,
-                                 bool convert);
+  /// The layered lookup: the first item that has the entry gives the value, resolved when it is
+  /// conditional, then cut to `maxLength`. The environment comes before both items: when it holds
+  /// the entry, its value counts as it stands and no item is asked; one that is empty or longer
+  /// than `maxLength` is no value. Callers that accept only what a file says look at the origin.
+  virtual std::optional<ConfigValue> GetString(std::string_view section, std::string_view entry,
+                                               std::size_t maxLength = runtime::kTextSize - 1);
   /// Sets a value in the first item; Close brings it to the file.
-  virtual ConfigResult SetString(const char* section, const char* entry, const char* value,
-                                 bool convert);
+  virtual ConfigResult SetString(std::string_view section, std::string_view entry,
+                                 std::string_view value);
+  /// Decimal, or hexadecimal behind "0x"; what is no number is 0.
+  virtual std::optional<std::uint64_t> GetUnsigned(std::string_view section,
+                                                   std::string_view entry);
+  /// Such a number, compared with 0.
+  virtual std::optional<bool> GetBoolean(std::string_view section, std::string_view entry);
+  /// The index-th entry of the first item; `index` grows with every call.
+  virtual std::optional<ConfigEntry> EnumEntries(std::size_t& index);
 
-  // Typed forms. A failed get returns its result and leaves the output untouched.
-  virtual ConfigResult GetItemInteger(std::size_t item, const char* section, const char* entry,
-                                      std::int32_t& value);
-  virtual ConfigResult GetUnsigned(const char* section, const char* entry, std::uint64_t& value);
-  virtual ConfigResult GetInteger(const char* section, const char* entry, std::int64_t& value);
-  virtual ConfigResult GetBoolean(const char* section, const char* entry, bool& value);
-  virtual ConfigResult SetInteger(const char* section, const char* entry, std::int32_t value);
-  virtual ConfigResult SetUnsigned(const char* section, const char* entry, std::uint32_t value);
+  /// True when at least one open item holds a text that is not empty: a configuration that
+  /// "loaded".
+  [[nodiscard]] bool HasText() const;
+  /// The held item (0 or 1), or null.
+  [[nodiscard]] CConfigItem* Item(std::size_t index) const;
+
+  /// The paths that OpenAll and OpenDefault use. The user's directory is made when it is missing.
+  [[nodiscard]] static std::optional<std::string> FindLocalPath();
+  [[nodiscard]] static std::optional<std::string> FindGlobalPath();
+
+  virtual std::optional<std::int32_t> GetItemInteger(std::size_t item, std::string_view section,
+                                                     std::string_view entry);
+  virtual std::optional<std::int64_t> GetInteger(std::string_view section, std::string_view entry);
+  virtual ConfigResult SetInteger(std::string_view section, std::string_view entry,
+                                  std::int32_t value);
+  virtual ConfigResult SetUnsigned(std::string_view section, std::string_view entry,
+                                   std::uint32_t value);
   /// The entry "%s_%s" made of two names.
-  virtual ConfigResult GetQualified(const char* section, const char* entry, const char* qualifier,
-                                    std::span<char> buffer, bool convert);
+  virtual std::optional<ConfigValue> GetQualified(std::string_view section, std::string_view entry,
+                                                  std::string_view qualifier,
+                                                  std::size_t maxLength = runtime::kTextSize - 1);
 
   virtual ConfigResult Delete(const char* section, const char* entry);
   virtual bool SectionExists(const char* section);
-  /// The index-th entry of the first item; `index` grows with every call.
-  virtual ConfigResult EnumEntries(std::span<char> section, std::span<char> entry,
-                                   std::size_t& index);
   virtual ConfigResult EnumSectionEntries(const char* section, std::span<char> entry,
                                           std::size_t& index);
   virtual ConfigResult GetBlock(const char* name, std::uint8_t*& data, std::size_t& length);
@@ -67,46 +93,46 @@ class CConfig {
 
   /// With the raw flag set, conditional values are returned as stored.
   void SetRaw(bool raw);
-  /// True when at least one open item holds a text that is not empty: a configuration that
-  /// "loaded".
-  [[nodiscard]] bool HasText() const;
-  /// The held item (0 or 1), or null.
-  [[nodiscard]] CConfigItem* Item(std::size_t index) const;
-
-  /// The paths that OpenAll and OpenDefault use: kConfigOk with a path, kConfigNoPath without. The
-  /// user's directory is made when it is missing.
-  static ConfigResult FindLocalPath(std::span<char> path);
-  static ConfigResult FindGlobalPath(std::span<char> path);
   /// Process-wide: the built-in configuration takes the place of the system's file.
   static void SetStaticMode(bool on);
+
+  // The same with areas, for callers that have not moved to values yet.
+  ConfigResult GetString(const char* section, const char* entry, std::span<char> buffer,
+                         bool convert);
+  ConfigResult SetString(const char* section, const char* entry, const char* value, bool convert);
+  ConfigResult GetBoolean(const char* section, const char* entry, bool& value);
+  ConfigResult EnumEntries(std::span<char> section, std::span<char> entry, std::size_t& index);
 
  protected:
   /// Whether a "mode:" condition holds. A store that knows modes answers itself.
   [[nodiscard]] virtual bool IsModeActive(std::string_view mode) const;
 
  private:
-  ConfigResult GetLayered(const char* section, const char* entry, std::span<char> buffer,
-                          bool convert, bool raw);
-  ConfigResult GetItemString(std::size_t item, const char* section, const char* entry,
-                             std::span<char> buffer, bool convert, bool raw);
-  ConfigResult ReadResolved(CConfigItem& item, const char* section, const char* entry,
-                            std::span<char> buffer, bool convert);
-  ConfigResult GetNumber(const char* section, const char* entry, std::span<char> buffer);
-  void RecordReference(const char* section, const char* entry) const;
+  std::optional<ConfigValue> GetLayered(std::string_view section, std::string_view entry,
+                                        std::size_t maxLength, bool raw);
+  std::optional<ConfigValue> GetItemString(std::size_t item, std::string_view section,
+                                           std::string_view entry, std::size_t maxLength, bool raw);
+  std::optional<ConfigValue> ReadItem(CConfigItem& item, std::string_view section,
+                                      std::string_view entry, std::size_t maxLength, bool raw);
+  void RecordReference(std::string_view section, std::string_view entry) const;
   [[nodiscard]] std::string_view Resolve(std::string_view value);
   [[nodiscard]] bool IsNamedConditionActive(std::string_view name);
   void CollectNamedConditions();
 
   std::unique_ptr<CConfigItem> items_[2];
-  bool writable_ = false;  ///< of the last open request
-  /// The active named conditions, one behind the other; null until the first question.
-  std::unique_ptr<char[]> activeConditions_;
+  /// The names of the active conditions, one behind the other; none until the first question.
+  std::optional<std::string> activeConditions_;
   bool conditionsReported_ = false;
   bool raw_ = false;
 };
 
 /// The store of the language string tables.
 class CConfigLang : public CConfig {};
+
+/// Entry "1", "2", "3" and so on of a section that is a list. An empty entry is no end of it.
+[[nodiscard]] std::optional<ConfigValue> ReadNumberedEntry(
+    CConfig& config, std::string_view section, unsigned number,
+    std::size_t maxLength = runtime::kTextSize - 1);
 
 /// GetString for callers that honour overrides: true when the result is 0 or the buffer holds text.
 [[nodiscard]] bool ReadConfigText(CConfig& config, const char* section, const char* entry,
