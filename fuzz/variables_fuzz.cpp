@@ -1,20 +1,25 @@
 // The variables of a token: a line is the name that is looked for, the rest the object's value.
-#include <array>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "fuzz/fuzz.h"
-#include "pkcs11/reader.h"
+#include "pkcs11/token_variables.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   qixx::fuzzing::Input input(data, size);
   const std::string name = input.Line();
-  std::array<char, 32> output{};
-  for (const std::size_t room : {std::size_t{0}, std::size_t{1}, output.size()}) {
-    const bool found = qixx::pkcs11::CHelperPkcs11::FindVariable(input.RestBytes(), name,
-                                                                 std::span(output).first(room));
-    if (found && std::memchr(output.data(), 0, room) == nullptr) std::abort();
+  const auto variables = qixx::pkcs11::ParseTokenVariables(input.RestBytes());
+  const auto found = qixx::pkcs11::FindTokenVariable(input.RestBytes(), name);
+  // The two agree, and what was parsed once comes back from the store.
+  bool isListed = false;
+  for (const auto& variable : variables) {
+    if (variable.name != name) continue;
+    isListed = true;
+    if (found != variable.value) std::abort();
+    break;
   }
+  if (found.has_value() != isListed) std::abort();
+  const auto stored = qixx::pkcs11::BuildTokenVariables(variables);
+  if (qixx::pkcs11::ParseTokenVariables(stored) != variables) std::abort();
   return 0;
 }

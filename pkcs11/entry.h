@@ -1,4 +1,4 @@
-// For modules of our own: how their entry points answer.
+// For modules of our own: turning exceptions into results at their entry points.
 #pragma once
 
 #include <new>
@@ -7,8 +7,8 @@
 
 namespace qixx::pkcs11 {
 
-/// Runs the deed of an entry point. Nothing is thrown across: memory that ran out is
-/// CKR_HOST_MEMORY, anything else that was thrown, by whomever, CKR_GENERAL_ERROR.
+/// Calls `operation` and returns its result. Maps bad_alloc to CKR_HOST_MEMORY, any other exception
+/// to CKR_GENERAL_ERROR.
 template <typename Operation>
 CK_RV AnswerOf(const Operation& operation) noexcept {
   try {

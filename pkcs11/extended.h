@@ -19,32 +19,82 @@ inline constexpr CK_ATTRIBUTE_TYPE kSuiteAttribute = 0xFFFF0008;
 /// An argument that is only passed on: a number or a pointer, one machine word.
 using ExtensionWord = std::uintptr_t;
 
+}  // namespace qixx::pkcs11
+
+// The extension functions, as X(name, parameters, arguments) like QIXX_CK_FUNCTIONS: callers,
+// pointer types and exports are all made from this one list. Its parts follow the slots; slot 7
+// belongs to the library alone.
+
+#define QIXX_CK_SLOTS_1_TO_6(X)                                                \
+  X(Reinitialize, (CK_VOID_PTR initArgs), (initArgs))                          \
+  X(ResetToken,                                                                \
+    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,    \
+     qixx::pkcs11::ExtensionWord third),                                       \
+    (first, second, third))                                                    \
+  X(UnlockPIN,                                                                 \
+    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,    \
+     qixx::pkcs11::ExtensionWord third, qixx::pkcs11::ExtensionWord fourth,    \
+     qixx::pkcs11::ExtensionWord fifth),                                       \
+    (first, second, third, fourth, fifth))                                     \
+  X(SetPINEx,                                                                  \
+    (CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR oldPin, CK_ULONG oldPinLength, \
+     CK_UTF8CHAR_PTR newPin, CK_ULONG newPinLength, std::uint64_t extra),      \
+    (session, oldPin, oldPinLength, newPin, newPinLength, extra))              \
+  X(SetTraceFile, (qixx::pkcs11::ExtensionWord first), (first))                \
+  X(SetTraceCallback, (qixx::pkcs11::ExtensionWord first), (first))
+
+#define QIXX_CK_SLOTS_8_TO_9(X)                                                               \
+  X(GenerateChallenge,                                                                        \
+    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,                   \
+     qixx::pkcs11::ExtensionWord third),                                                      \
+    (first, second, third))                                                                   \
+  X(SetTokenTimeout, (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second), \
+    (first, second))
+
+/// The token variables.
+#define QIXX_CK_SLOTS_10_TO_11(X)                                                         \
+  X(SetVariable, (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second), \
+    (first, second))                                                                      \
+  X(GetVariable,                                                                          \
+    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,               \
+     qixx::pkcs11::ExtensionWord third),                                                  \
+    (first, second, third))
+
+/// Exported, but without a slot: found by name only.
+#define QIXX_CK_WITHOUT_SLOT(X)                                                              \
+  X(ListCards, (CK_BYTE flag, CK_VOID_PTR first, CK_VOID_PTR second), (flag, first, second)) \
+  X(AddExternalSlot,                                                                         \
+    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,                  \
+     qixx::pkcs11::ExtensionWord third),                                                     \
+    (first, second, third))                                                                  \
+  X(RemoveExternalSlot, (qixx::pkcs11::ExtensionWord first), (first))
+
+#define QIXX_CK_EXTENSIONS(X) \
+  QIXX_CK_SLOTS_1_TO_6(X)     \
+  QIXX_CK_SLOTS_8_TO_9(X)     \
+  QIXX_CK_SLOTS_10_TO_11(X)   \
+  QIXX_CK_WITHOUT_SLOT(X)
+
+namespace qixx::pkcs11 {
+
+// The pointer types, ReinitializeFunction to RemoveExternalSlotFunction.
 extern "C" {
-using ReinitializeFunction = CK_RV (*)(CK_VOID_PTR initArgs);
-using SetPinExFunction = CK_RV (*)(CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR oldPin,
-                                   CK_ULONG oldPinLength, CK_UTF8CHAR_PTR newPin,
-                                   CK_ULONG newPinLength, std::uint64_t extra);
-using ListCardsFunction = CK_RV (*)(CK_BYTE flag, CK_VOID_PTR first, CK_VOID_PTR second);
+#define QIXX_CK_POINTER_TYPE(name, parameters, arguments) \
+  using name##Function = CK_RV(*) parameters;  // NOLINT(bugprone-macro-parentheses)
+QIXX_CK_EXTENSIONS(QIXX_CK_POINTER_TYPE)
+#undef QIXX_CK_POINTER_TYPE
+
 using ExtensionFunction1 = CK_RV (*)(ExtensionWord);
-using ExtensionFunction2 = CK_RV (*)(ExtensionWord, ExtensionWord);
-using ExtensionFunction3 = CK_RV (*)(ExtensionWord, ExtensionWord, ExtensionWord);
-using ExtensionFunction5 = CK_RV (*)(ExtensionWord, ExtensionWord, ExtensionWord, ExtensionWord,
-                                     ExtensionWord);
 }
 
 /// The eleven slots in their order.
 struct ExtensionSlots {
-  ReinitializeFunction C_Reinitialize;
-  ExtensionFunction3 C_ResetToken;
-  ExtensionFunction5 C_UnlockPIN;
-  SetPinExFunction C_SetPINEx;
-  ExtensionFunction1 C_SetTraceFile;
-  ExtensionFunction1 C_SetTraceCallback;
+#define QIXX_CK_MEMBER(name, parameters, arguments) name##Function C_##name;
+  QIXX_CK_SLOTS_1_TO_6(QIXX_CK_MEMBER)
   CK_VOID_PTR unused;  ///< belongs to the library, neither read nor written
-  ExtensionFunction3 C_GenerateChallenge;
-  ExtensionFunction2 C_SetTokenTimeout;
-  ExtensionFunction2 C_SetVariable;
-  ExtensionFunction3 C_GetVariable;
+  QIXX_CK_SLOTS_8_TO_9(QIXX_CK_MEMBER)
+  QIXX_CK_SLOTS_10_TO_11(QIXX_CK_MEMBER)
+#undef QIXX_CK_MEMBER
 };
 
 /// What the suite's C_GetFunctionList hands out.

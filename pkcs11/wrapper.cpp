@@ -45,8 +45,8 @@ constexpr ExtensionLookup kExtensionLookups[] = {
 
 // Found on first use and shared by all wrappers.
 ListCardsFunction listCards = nullptr;
-ExtensionFunction3 addExternalSlot = nullptr;
-ExtensionFunction1 removeExternalSlot = nullptr;
+AddExternalSlotFunction addExternalSlot = nullptr;
+RemoveExternalSlotFunction removeExternalSlot = nullptr;
 
 bool IsStillLoaded(const char* path) {
   void* const library = ::dlopen(path, RTLD_NOW | RTLD_NOLOAD);

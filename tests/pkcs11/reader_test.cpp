@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <optional>
 #include <tuple>
 
+#include "pkcs11/spare_variable_object.h"
+#include "pkcs11/token_variables.h"
 #include "runtime/files.h"
 #include "tests/support/fake_card.h"
 #include "tests/support/recipes.h"
@@ -39,17 +43,13 @@ class ReaderTest : public ::testing::Test {
       card_.slots.back().objects.push_back(CertificateObject(value));
     }
   }
-  /// The names of what is collected into that many places, those of superseded ones in brackets.
-  static std::string Collect(std::size_t places = 9, std::uint8_t mask = pkcs11::kAnyKeyUsage,
-                             const char* subject = nullptr, const char* issuer = nullptr) {
-    std::vector<der::CertificatePtr> list(places + 1);
-    const bool any = Helper::CollectCertificates(list, mask, subject, issuer, true);
-    EXPECT_EQ(any, list[0] != nullptr);
+  /// The names of what is collected, those of superseded ones in brackets.
+  static std::string Collect(const pkcs11::CertificateFilter& filter = {}, std::size_t most = 9) {
     std::string names;
-    for (auto holder = list.begin(); *holder != nullptr; ++holder) {
-      const std::string_view text = der::GetSubjectText(**holder);
+    for (const auto& holder : Helper::CollectCertificates(filter, true, most)) {
+      const std::string_view text = der::GetSubjectText(*holder);
       const std::string name(text.substr(text.rfind('=') + 1));
-      names += ((*holder)->superseded ? "[" + name + "]" : name) + " ";
+      names += (holder->superseded ? "[" + name + "]" : name) + " ";
     }
     return names;
   }
@@ -80,32 +80,58 @@ TEST_F(ReaderTest, FindsOneCertificate) {
   Insert(1, {Named("Bob")});
   Insert(4, {Named("Bob"), text});
   Insert(7, {text});
-  const CK_SLOT_ID rows[][2] = {{0, 4}, {1, 4}, {7, 7}, {50, 4}};
-  for (const auto& [preferred, found] : rows) {
-    CK_SLOT_ID slot = preferred;
-    CK_SESSION_HANDLE session = 0;
-    EXPECT_TRUE(Helper::FindCertificateOnAnySlot(value, &slot, &session, nullptr));
-    EXPECT_EQ(slot, found) << preferred;
-    EXPECT_EQ(pkcs11::Pkcs11().CloseSession(session), CKR_OK) << "it was handed out";
+  const CK_SLOT_ID rows[][3] = {{0, 4, 2}, {1, 4, 2}, {7, 7, 1}, {50, 4, 2}};
+  for (const auto& [preferred, slot, object] : rows) {
+    const auto found = Helper::FindCertificateOnAnySlot(value, preferred);
+    ASSERT_TRUE(found) << preferred;
+    EXPECT_EQ(std::pair(found->slot, found->object), std::pair(slot, object)) << preferred;
+    EXPECT_EQ(card_.openSessions, 1) << "for as long as it is held";
   }
+  EXPECT_EQ(card_.openSessions, 0);
   EXPECT_TRUE(Helper::IsCertificatePresent(0, value));
   EXPECT_FALSE(Helper::IsCertificatePresent(1, value));
   EXPECT_EQ(pkcs11::Pkcs11().Finalize(nullptr), CKR_OK) << "initialised by the first question";
 }
 
-TEST(Variables, AreFoundInTheirStore) {
-  const std::pair<std::string, const char*> rows[] = {
-      {"\0n \0user  \0"s, "user"},  {"\0other\0\0n\0user\0\0"s, "user"},
-      {"\0n\0a\0n\0b\0"s, "a"},     {"\0n   "s, ""},
-      {"\0n\0as long"s, "as long"}, {"\0n\0too long\0"s, nullptr},
-      {"\0x\0n\0a\0b\0"s, nullptr}, {"\0a\0b\0\0n\0user\0"s, nullptr},
-      {"\0a\0b\0n\0b"s, nullptr},   {"n\0user\0"s, nullptr},
+TEST(TokenVariables, AreFoundInTheirStore) {
+  const std::pair<std::string, std::optional<std::string>> rows[] = {
+      {"\0n \0user  \0"s, "user"},
+      {"\0other\0\0n\0user\0\0"s, "user"},
+      {"\0n\0a\0n\0b\0"s, "a"},
+      {"\0n   "s, ""},
+      {"\0n\0as long"s, "as long"},
+      {"\0n\0b"s, std::nullopt},
+      {"\0x\0n\0a\0b\0"s, std::nullopt},
+      {"\0a\0b\0\0n\0user\0"s, std::nullopt},
+      {"\0a\0b\0n\0b"s, std::nullopt},
+      {"n\0user\0"s, std::nullopt},
+      {"\0n"s, std::nullopt},
+      {""s, std::nullopt},
   };
-  for (const auto& [store, expected] : rows) {
-    char value[8] = "before";
-    EXPECT_EQ(Helper::FindVariable(BytesOf(store), "n", value), expected != nullptr);
-    EXPECT_STREQ(value, expected == nullptr ? "before" : expected) << store.c_str() + 1;
+  for (const auto& [stored, expected] : rows) {
+    EXPECT_EQ(pkcs11::FindTokenVariable(BytesOf(stored), "n"), expected) << stored.c_str() + 1;
   }
+}
+
+TEST(TokenVariables, ComeBackAsTheyWereBuilt) {
+  const std::vector<pkcs11::TokenVariable> variables = {{"n", ""}, {"a b", "c"}, {"n", "é"}};
+  const auto stored = pkcs11::BuildTokenVariables(variables);
+  EXPECT_EQ(stored, pkcs11::BuildTokenVariables(pkcs11::ParseTokenVariables(stored)));
+  EXPECT_EQ(std::string(stored.begin(), stored.end()), "\0n \0 \0a b \0c \0n \0é \0"s);
+  EXPECT_EQ(pkcs11::ParseTokenVariables(stored), variables);
+  EXPECT_TRUE(pkcs11::IsStorable("a b"));
+  EXPECT_FALSE(pkcs11::IsStorable("a ") || pkcs11::IsStorable("a\0b"s));
+}
+
+TEST_F(ReaderTest, ReadsVariables) {
+  Insert(1, {});
+  card_.slots[0].objects = {VariableObject("\0name\0value\0"s)};
+  EXPECT_EQ(Helper::GetTokenVariable(1, true, "name"), "value");
+  EXPECT_EQ(Helper::GetTokenVariable(1, true, "name", 5), "value");
+  EXPECT_EQ(Helper::GetTokenVariable(1, true, "name", 4), std::nullopt);
+  EXPECT_EQ(Helper::GetTokenVariable(1, false, "name"), std::nullopt) << "that one is private";
+  card_.claimedTooMuch = 1;
+  EXPECT_EQ(Helper::GetTokenVariable(1, true, "name"), std::nullopt) << "longer than its place";
 }
 
 TEST_F(ReaderTest, MakesTheObjectOfVariables) {
@@ -114,19 +140,19 @@ TEST_F(ReaderTest, MakesTheObjectOfVariables) {
     FakeCard::current->slots[0].objects.push_back(FakeCard::ObjectOf(attributes, count));
     return *object = 1, CKR_OK;
   };
-  CK_SESSION_HANDLE session = 0;
-  CK_OBJECT_HANDLE object = 0;
-  EXPECT_TRUE(Helper::FindVariableObject(1, true, true, session, object));
-  pkcs11::Pkcs11().CloseSession(session);
+  EXPECT_FALSE(pkcs11::FindVariableObject(1, true));
+  EXPECT_FALSE(pkcs11::FindOrCreateVariableObject(0, true)) << "no slot";
+  EXPECT_TRUE(pkcs11::FindOrCreateVariableObject(1, true));
   EXPECT_EQ(card_.slots[0].objects, std::vector{VariableObject("\0"s)});
+  EXPECT_TRUE(pkcs11::FindOrCreateVariableObject(1, true)) << "this time it is found";
+  EXPECT_EQ(card_.slots[0].objects.size(), 1U);
 }
 
 TEST_F(ReaderTest, SurvivesHostileLibraries) {
   card_.slots = {{.objects = {CertificateObject(Named("Ann")), VariableObject("")}}};
   CK_FUNCTION_LIST& list = card_.List();
   const auto survives = [this, sound = list](const char* what) {
-    char value[16];
-    EXPECT_FALSE(Helper::GetTokenVariable(1, true, "name", value)) << what;
+    EXPECT_FALSE(Helper::GetTokenVariable(1, true, "name")) << what;
     EXPECT_EQ(Collect(), "") << what;
     EXPECT_EQ(card_.openSessions + card_.openSearches, 0) << what;
     card_.List() = sound;
@@ -150,10 +176,10 @@ TEST_F(ReaderTest, FiltersCertificates) {
              Named("Bits", usage("0303008000"))});
   const TraceCapture trace;
   EXPECT_EQ(Collect(), "Sign Seal Any Bits ");
-  EXPECT_EQ(Collect(9, 0x80), "Sign Any ") << "the last byte of the bits counts";
-  EXPECT_EQ(Collect(9, 255, "cn=sign;cn=any"), "Sign Any ");
-  EXPECT_EQ(Collect(9, 255, nullptr, "ou=seal"), "Seal ");
-  EXPECT_EQ(Collect(9, 255, "", ""), "Sign Seal Any ");
+  EXPECT_EQ(Collect({0x80}), "Sign Any ") << "the last byte of the bits counts";
+  EXPECT_EQ(Collect({.subject = "cn=sign;cn=any"}), "Sign Any ");
+  EXPECT_EQ(Collect({.issuer = "ou=seal"}), "Seal ");
+  EXPECT_EQ(Collect({.issuer = "", .subject = ""}), "Sign Seal Any ");
   EXPECT_TRUE(trace.Has("HelperPkcs11 - Get certificates: 0xFF '[null]' 'cn=sign;cn=any'"));
 }
 
@@ -167,12 +193,35 @@ TEST_F(ReaderTest, PassesUnreadableObjectsOver) {
     card_.slots[0].objects.back()[type] = std::string(length, '0');
   }
   std::vector<pkcs11::CertificateEntry> entries(3);
-  EXPECT_TRUE(Helper::GetCertificates({}, pkcs11::kAnyKeyUsage, nullptr, nullptr, entries));
-  EXPECT_EQ(entries[0].valueLength, 101U) << "no certificate, but nothing was asked for";
+  EXPECT_TRUE(Helper::GetCertificates({}, {}, entries));
+  EXPECT_EQ(entries[0].value.size(), 101U) << "no certificate, but nothing was asked for";
   EXPECT_EQ(entries[1].slot, 100U) << "where the suite's attribute is not asked for";
-  EXPECT_STREQ(entries[1].label.get(), "label");
-  EXPECT_STREQ(entries[1].notAfter, "491231235959Z");
+  EXPECT_EQ(entries[1].label, "label");
+  EXPECT_EQ(entries[1].notAfter, "491231235959Z");
   EXPECT_TRUE(entries[2].IsFree());
+}
+
+TEST_F(ReaderTest, BelievesNoLengthBeyondItsBuffer) {
+  const std::pair<CK_ATTRIBUTE_TYPE, std::size_t> rows[] = {
+      {CKA_VALUE, pkcs11::kMaxCertificateBytes},
+      {CKA_LABEL, pkcs11::kMaxLabel},
+      {CKA_ID, der::kMaxKeyIdentifier},
+      {CKA_MODIFIABLE, 1},
+      {pkcs11::kSuiteAttribute, 8},
+  };
+  for (const auto& [type, room] : rows) {
+    FakeObject object = CertificateObject(std::string(101, '0'));
+    for (const CK_ATTRIBUTE_TYPE other : {CKA_MODIFIABLE, pkcs11::kSuiteAttribute}) {
+      object[other] = "";  // so that one more byte is none too many
+    }
+    object[type] = std::string(room, '0');
+    card_.slots = {{.objects = {object}}};
+    for (const CK_ULONG tooMuch : {0U, 1U}) {
+      card_.claimedTooMuch = tooMuch;
+      std::array<pkcs11::CertificateEntry, 1> entries;
+      EXPECT_EQ(Helper::GetCertificates({}, {}, entries), tooMuch == 0) << type;
+    }
+  }
 }
 
 TEST_F(ReaderTest, MarksDuplicates) {
@@ -185,7 +234,7 @@ TEST_F(ReaderTest, MarksDuplicates) {
   Insert(2, {old, issued("3", "470101000000Z")});
   Insert(4, {old, issued("4", "460101000000Z")});
   EXPECT_EQ(Collect(), "[Ann Lee] Ann Lee [Ann Lee] Ann Lee ");
-  EXPECT_EQ(Collect(3), "[Ann Lee] Ann Lee ") << "the third place went to a copy in slot 2";
+  EXPECT_EQ(Collect({}, 3), "[Ann Lee] Ann Lee ") << "the third place went to a copy in slot 2";
 }
 
 TEST_F(ReaderTest, KeepsEntriesUpToDate) {
@@ -196,8 +245,7 @@ TEST_F(ReaderTest, KeepsEntriesUpToDate) {
   std::vector<pkcs11::CertificateEntry> entries(5);
   /// The slots of the entries, with "-" for a free one, in front of the answer.
   const auto collect = [&entries](std::optional<CK_SLOT_ID> slot) {
-    const bool changed =
-        Helper::GetCertificates(slot, pkcs11::kAnyKeyUsage, nullptr, nullptr, entries);
+    const bool changed = Helper::GetCertificates(slot, {}, entries);
     std::string slots;
     for (const auto& entry : entries) slots += entry.IsFree() ? "-" : std::to_string(entry.slot);
     return slots + (changed ? " changed" : " as before");

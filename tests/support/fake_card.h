@@ -94,6 +94,7 @@ class FakeCard {
         if (wanted.pValue == nullptr) continue;
         if (room < value.size()) return CKR_BUFFER_TOO_SMALL;
         value.copy(static_cast<char*>(wanted.pValue), room);
+        wanted.ulValueLen += current->claimedTooMuch;
       }
       return CKR_OK;
     };
@@ -119,6 +120,8 @@ class FakeCard {
   std::vector<FakeSlot> slots;
   int openSessions = 0;
   int openSearches = 0;
+  /// How much longer each attribute is said to be than what was written.
+  CK_ULONG claimedTooMuch = 0;
 
  private:
   FakeSlot* Find(CK_SLOT_ID id) {

@@ -1,0 +1,65 @@
+#include "pkcs11/session.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "pkcs11/wrapper.h"
+
+namespace qixx::pkcs11 {
+namespace {
+
+/// More slots are not looked at, whatever a library says.
+constexpr CK_ULONG kMaxSlots = 4096;
+/// For cards that are put in between asking for the number of slots and asking for them.
+constexpr CK_ULONG kSpareSlots = 16;
+
+}  // namespace
+
+std::vector<CK_SLOT_ID> ListTokenSlots() {
+  CK_ULONG count = 0;
+  if (Pkcs11().GetSlotList(CK_TRUE, nullptr, &count) != CKR_OK || count == 0) return {};
+  std::vector<CK_SLOT_ID> slots(std::min(count, kMaxSlots - kSpareSlots) + kSpareSlots);
+  count = slots.size();
+  if (Pkcs11().GetSlotList(CK_TRUE, slots.data(), &count) != CKR_OK) return {};
+  slots.resize(std::min<std::size_t>(count, slots.size()));
+  return slots;
+}
+
+std::optional<Session> Session::Open(CK_SLOT_ID slot) {
+  CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
+  const CK_RV result =
+      Pkcs11().OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &handle);
+  if (result != CKR_OK) return std::nullopt;
+  return Session(handle);
+}
+
+Session::Session(Session&& other) noexcept
+    : handle_(other.handle_), owned_(std::exchange(other.owned_, false)) {}
+
+Session::~Session() {
+  if (owned_) Pkcs11().CloseSession(handle_);
+}
+
+ObjectSearch::ObjectSearch(const Session& session, std::span<CK_ATTRIBUTE> attributes)
+    : session_(session.Handle()),
+      active_(Pkcs11().FindObjectsInit(session_, attributes.data(), attributes.size()) == CKR_OK) {}
+
+ObjectSearch::~ObjectSearch() {
+  if (active_) Pkcs11().FindObjectsFinal(session_);
+}
+
+FoundObject ObjectSearch::Next() {
+  if (!active_) return {SearchResult::kFailure};
+  CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
+  CK_ULONG count = 0;
+  if (Pkcs11().FindObjects(session_, &object, 1, &count) != CKR_OK) return {SearchResult::kFailure};
+  if (count != 1) return {SearchResult::kNothing};
+  return {SearchResult::kObject, object};
+}
+
+FoundObject FindFirstObject(const Session& session, std::span<CK_ATTRIBUTE> attributes) {
+  ObjectSearch search(session, attributes);
+  return search.Next();
+}
+
+}  // namespace qixx::pkcs11
