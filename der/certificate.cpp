@@ -258,6 +258,16 @@ void CDerCert::CopyValidity(std::span<char> notBefore, std::span<char> notAfter)
   }
 }
 
+Validity CDerCert::GetValidity() const {
+  constexpr std::size_t kMaxTime = 31;
+  const Bytes notBefore = ContentOf(notBefore_);
+  const Bytes notAfter = ContentOf(notAfter_);
+  for (const Bytes time : {notBefore, notAfter}) {
+    if (time.empty() || time.size() > kMaxTime) return {};
+  }
+  return {std::string(AsText(notBefore)), std::string(AsText(notAfter))};
+}
+
 Bytes CDerCert::FindExtension(std::string_view identifier) const {
   const auto end = extensions_.begin() + static_cast<std::ptrdiff_t>(extensionCount_);
   const auto found = std::find_if(extensions_.begin(), end, [identifier](const Extension& e) {

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -26,6 +27,12 @@ inline constexpr std::string_view kSubjectAlternativeName = "2.5.29.17";
 inline constexpr std::string_view kExtendedKeyUsage = "2.5.29.37";
 inline constexpr std::string_view kSmartCardLogon = "1.3.6.1.4.1.311.20.2.2";
 inline constexpr std::string_view kUserPrincipalName = "1.3.6.1.4.1.311.20.2.3";
+
+/// The two ends of the validity as they are encoded (RFC 5280, 4.1.2.5).
+struct Validity {
+  std::string notBefore;
+  std::string notAfter;
+};
 
 /// A parsed certificate. References point into its own copy of the bytes.
 class CDerCert : public CDer {
@@ -45,6 +52,8 @@ class CDerCert : public CDer {
   /// Copies the two times as they are encoded, terminated; both empty when either does not fit or
   /// is missing.
   virtual void CopyValidity(std::span<char> notBefore, std::span<char> notAfter) const;
+  /// Both empty when either is missing or longer than any time that the standard knows.
+  [[nodiscard]] Validity GetValidity() const;
   /// The value of the first extension with this identifier: the octet string with tag and length.
   /// Empty when there is none.
   [[nodiscard]] virtual Bytes FindExtension(std::string_view identifier) const;
@@ -160,11 +169,15 @@ using CertificatePtr = std::unique_ptr<CertificateHolder, CertificateReleaser>;
 /// The octet string, with tag and length, of the extension with this dotted identifier.
 [[nodiscard]] bool GetExtension(const CertificateHolder& holder, std::string_view identifier,
                                 Bytes& value);
+[[nodiscard]] std::optional<Bytes> GetExtension(const CertificateHolder& holder,
+                                                std::string_view identifier);
 [[nodiscard]] bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpose);
 
 /// The last byte of the key-usage bits, 0 when they cannot be read. False without such an
 /// extension.
 [[nodiscard]] bool GetKeyUsageBits(const CDerCert& certificate, std::uint8_t& bits);
+/// The same, nothing without such an extension.
+[[nodiscard]] std::optional<std::uint8_t> GetKeyUsageBits(const CDerCert& certificate);
 
 /// The user principal name, if it is what the first other-name of the subject alternative name
 /// holds. With `emailWanted` the e-mail address instead: the subject's up to its first comma, or
@@ -178,10 +191,29 @@ using CertificatePtr = std::unique_ptr<CertificateHolder, CertificateReleaser>;
 [[nodiscard]] bool GetPrincipalName(const CertificateHolder& holder, char* output, std::size_t size,
                                     bool emailWanted);
 
+/// The same, never an empty one.
+[[nodiscard]] std::optional<std::string> GetPrincipalName(const CertificateHolder& holder,
+                                                          bool emailWanted);
+
 /// The name to log on with: the principal name, or when there is none and `emailAllowed` the e-mail
 /// address. With `smartCardLogonRequired` only from a certificate made for smart-card logon.
 [[nodiscard]] bool GetLogonName(const CertificateHolder& holder, bool smartCardLogonRequired,
                                 bool emailAllowed, std::string& name);
+/// The same, never an empty one.
+[[nodiscard]] std::optional<std::string> GetLogonName(const CertificateHolder& holder,
+                                                      bool smartCardLogonRequired,
+                                                      bool emailAllowed);
+
+/// What a certificate says of its owner, with the bytes as they stand there.
+struct CertificateLogonValues {
+  std::string upn;      ///< the name to log on with; empty when there is none
+  std::string subject;  ///< as text (der/names.h)
+  std::string serial;   ///< upper-case hexadecimal of the content bytes
+};
+
+/// With `smartCardLogonRequired` all values of a certificate made for something else are empty.
+[[nodiscard]] CertificateLogonValues GetLogonValues(const CertificateHolder& holder,
+                                                    bool smartCardLogonRequired, bool emailAllowed);
 
 /// Loads a certificate and takes its logon values; true when `upn` is not empty, but the subject
 /// and the serial number are filled without a name to log on with too. All outputs are terminated.
@@ -191,27 +223,6 @@ using CertificatePtr = std::unique_ptr<CertificateHolder, CertificateReleaser>;
                                   char* upn, std::size_t upnSize, char* subject,
                                   std::size_t subjectSize, char* serial, std::size_t serialSize);
 
-// --- matching and comparing -------------------------------------------------------------------
-
-/// CDerCert::MatchNames; a null filter matches.
-[[nodiscard]] bool MatchNames(const CDerCert& certificate, bool subjectByDefault,
-                              std::string_view filter);
-
-/// Whether an encoded certificate has this serial number (tag and length included), this key-usage
-/// extension (its octet string with tag and length) and names that match; empty arguments ask for
-/// nothing. A value that fails to parse matches, as intended.
-[[nodiscard]] bool MatchCertificate(Bytes value, Bytes serialNumber, std::string_view issuerFilter,
-                                    std::string_view subjectFilter, Bytes keyUsage);
-
-/// Byte for byte the same certificate.
-[[nodiscard]] bool IsSameCertificate(const CertificateHolder& a, const CertificateHolder& b);
-
-/// Two certificates of one slot group, neither superseded, that agree in issuer, subject and key
-/// usage. Traces a duplicate.
-[[nodiscard]] bool AreDuplicates(const CertificateHolder& a, const CertificateHolder& b);
-
-/// Whether `a` outranks `b`: by the later end of validity, then by the later start. Of two that
-/// rank the same the one found first is kept, so the answer is false.
-[[nodiscard]] bool RanksHigher(const CertificateHolder& a, const CertificateHolder& b);
-
 }  // namespace qixx::der
+
+#include "der/matching.h"

@@ -141,6 +141,8 @@ class CDer {
   [[nodiscard]] virtual std::int32_t Decode();
   /// The bytes, owned by the object until it is cleared or set again. Always 0.
   virtual std::int32_t GetData(const std::uint8_t*& bytes, std::uint64_t& length) const;
+  /// The bytes, owned by the object until it is cleared or set again.
+  [[nodiscard]] Bytes GetData() const { return Data(); }
 
  protected:
   /// The object without what stands behind it; empty when there is none.

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "der/certificate.h"
 #include "der/names.h"
@@ -122,6 +123,11 @@ bool GetExtension(const CertificateHolder& holder, std::string_view identifier, 
   return !value.empty();
 }
 
+std::optional<Bytes> GetExtension(const CertificateHolder& holder, std::string_view identifier) {
+  const Bytes value = holder.certificate.FindExtension(identifier);
+  return value.empty() ? std::nullopt : std::optional(value);
+}
+
 bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpose) {
   Bytes rest = ContentOf(ContentOf(holder.certificate.FindExtension(kExtendedKeyUsage)));
   DerElement element;
@@ -151,6 +157,33 @@ bool GetPrincipalName(const CertificateHolder& holder, bool emailWanted, std::st
   return !name.empty();
 } catch (const std::bad_alloc&) {
   return false;
+}
+
+std::optional<std::uint8_t> GetKeyUsageBits(const CDerCert& certificate) {
+  std::uint8_t bits = 0;
+  return GetKeyUsageBits(certificate, bits) ? std::optional(bits) : std::nullopt;
+}
+
+std::optional<std::string> GetPrincipalName(const CertificateHolder& holder, bool emailWanted) {
+  std::string name;
+  return GetPrincipalName(holder, emailWanted, name) ? std::optional(name) : std::nullopt;
+}
+
+std::optional<std::string> GetLogonName(const CertificateHolder& holder,
+                                        bool smartCardLogonRequired, bool emailAllowed) {
+  std::string name;
+  const bool found = GetLogonName(holder, smartCardLogonRequired, emailAllowed, name);
+  return found ? std::optional(name) : std::nullopt;
+}
+
+CertificateLogonValues GetLogonValues(const CertificateHolder& holder, bool smartCardLogonRequired,
+                                      bool emailAllowed) {
+  if (smartCardLogonRequired && !HasExtendedKeyUsage(holder, kSmartCardLogon)) return {};
+  const Bytes number = GetSerialNumber(holder);
+  std::string serial(2 * number.size(), '\0');
+  static_cast<void>(runtime::HexEncode(number, serial));
+  return {GetLogonName(holder, smartCardLogonRequired, emailAllowed).value_or(std::string()),
+          std::string(GetSubjectText(holder)), std::move(serial)};
 }
 
 bool GetPrincipalName(const CertificateHolder& holder, char* output, std::size_t size,

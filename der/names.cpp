@@ -357,6 +357,12 @@ bool NextNameComponent(std::string_view& rest, std::string& key, std::string& va
   return false;
 }
 
+std::optional<NameComponent> NextNameComponent(std::string_view& rest) {
+  NameComponent component;
+  if (!NextNameComponent(rest, component.key, component.value)) return std::nullopt;
+  return component;
+}
+
 bool FindNameValue(std::string_view text, std::string_view key, std::string& value) try {
   std::string_view type;
   std::string_view encoded;

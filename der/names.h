@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -32,6 +33,13 @@ std::size_t FormatName(Bytes name, std::span<char> text);
 /// escapes; it runs to the next unescaped ',' or '+' and loses one blank that stands before it.
 /// False at the end, and at a component without '='.
 bool NextNameComponent(std::string_view& rest, std::string& key, std::string& value);
+
+struct NameComponent {
+  std::string key;
+  std::string value;
+};
+/// The same, nothing in place of false.
+[[nodiscard]] std::optional<NameComponent> NextNameComponent(std::string_view& rest);
 
 /// The value of the first component with this very key in a formatted name: without escapes, but as
 /// it stands otherwise, blanks included. False when there is none.
