@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # A Debian of its own for a script: made afresh, entered or booted in namespaces, gone when the script ends.
 # Sourced after common.sh, not run. bash.
 #
@@ -15,7 +16,7 @@
 # own calls box_end there.
 
 box_cache=${QIXX_BOX_CACHE:-${XDG_CACHE_HOME:-${HOME:-${TMPDIR:-/tmp}}/.cache}/qixxwatch}
-box_folder= box_root= box_leader= box_group=
+box_folder="" box_root="" box_leader="" box_group=""
 box_binds=()
 # Nothing of the caller's own environment reaches a box.
 box_environment=(env -i HOME=/root LANG=C.UTF-8 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
@@ -127,6 +128,7 @@ box_run() {
 # Boots in a control group of its own, so that two boxes meet as little as two machines do.
 box_boot() {
   local state tries=0
+  echo box >"$box_root/etc/hostname"
   box_group=qixxwatch-box.$$
   # shellcheck disable=SC2016 # for the inner shells
   setpriv --pdeathsig KILL unshare --mount --propagation private sh -c 'set -e
@@ -179,5 +181,5 @@ box_end() {
     box_group=
   fi
   [ -z "$box_folder" ] || rm -rf --one-file-system "$box_folder"
-  box_folder= box_root= box_binds=()
+  box_folder="" box_root="" box_binds=()
 }
