@@ -77,6 +77,22 @@ configure() {
   rm -f "$log"
 }
 
+# Shows how far a build has come: on a terminal in one line that is written anew, elsewhere at each further fifth.
+show_progress() {
+  local line percent shown=0
+  while IFS= read -r line; do
+    [[ $line =~ ^\[\ *([0-9]+)%\]\ *(.*)$ ]] || continue
+    percent=${BASH_REMATCH[1]}
+    if [ -t 1 ]; then
+      printf '\r\033[K  %3d %%  %.60s' "$percent" "${BASH_REMATCH[2]##*/}"
+    elif [ "$percent" -ge $((shown + 20)) ]; then
+      shown=$percent
+      printf '  %3d %%\n' "$percent"
+    fi
+  done
+  [ ! -t 1 ] || printf '\r\033[K'
+}
+
 # Builds targets (all without) in a build folder.
 build() {
   local folder=$1 log targets=()
@@ -84,10 +100,18 @@ build() {
   [ $# -eq 0 ] || targets=(--target "$@")
   log=$(mktemp)
   printf 'Building in %s ...\n' "${folder#"$project"/}"
-  if ! cmake --build "$folder" -j "$(nproc)" "${targets[@]}" >"$log" 2>&1; then
-    tail -n 40 "$log" >&2
+  if ! cmake --build "$folder" -j "$(nproc)" "${targets[@]}" 2>&1 | tee "$log" | show_progress; then
+    grep -A 12 -m 3 -E 'error|Error' "$log" >&2 || tail -n 40 "$log" >&2
     rm -f "$log"
-    fail "the build failed (its last lines stand above)"
+    fail "the build failed (what it says stands above)"
   fi
   rm -f "$log"
+}
+
+# Lists the tests that the last run in a build folder skipped, each reason once with the number of its tests.
+list_skipped() {
+  local log=$1/Testing/Temporary/LastTest.log
+  [ -f "$log" ] || return 0
+  awk '/: Skipped$/ && (getline reason) > 0 { count[reason]++ }
+       END { for (reason in count) printf "%d skipped: %s\n", count[reason], reason }' "$log"
 }

@@ -235,7 +235,7 @@ bool FindLogonCredential(std::string_view match, std::uint64_t& certificate, std
   ClearArea(serial);
   try {
     const bool fast = runtime::EqualsNoCase(match, "fast") && !upn.empty();
-    if (fast && ReadActiveLogonName(certificate, upn)) {
+    if (fast && ReadActiveLogonName(static_cast<CK_SLOT_ID>(certificate), upn)) {
       runtime::TraceWrite("Watch - Found active logon UPN %s", upn.data());
       return certificate != 0;
     }
