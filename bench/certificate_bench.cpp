@@ -9,9 +9,11 @@
 
 #include <array>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "der/certificate.h"
+#include "der/spare_certificate.h"
 #include "pkcs11/reader.h"
 #include "pkcs11/wrapper.h"
 #include "runtime/files.h"
@@ -42,13 +44,10 @@ der::Bytes BytesOf(const std::string& text) {
 void CertificateLogonValues(benchmark::State& state) {
   const testing::TemporaryFolder folder;
   const std::string der = Certificate(folder, "0x0a01");
-  std::array<char, 257> upn{};
-  std::array<char, 256> subject{};
-  std::array<char, 256> serial{};
   for (auto _ : state) {
-    const bool found = der::GetLogonValues(BytesOf(der), true, false, upn.data(), 256,
-                                           subject.data(), 256, serial.data(), 256);
-    if (!found) state.SkipWithError("no logon values");
+    const std::optional<der::CertificateLogonValues> values =
+        der::GetLogonValues(BytesOf(der), true, false);
+    if (!values || values->upn.empty()) state.SkipWithError("no logon values");
   }
 }
 BENCHMARK(CertificateLogonValues);

@@ -1,9 +1,9 @@
 #include "der/certificate.h"
 
 #include <algorithm>
-#include <cstring>
+#include <array>
 #include <ctime>
-#include <new>
+#include <utility>
 
 #include "der/names.h"
 #include "runtime/text.h"
@@ -19,213 +19,209 @@ constexpr std::uint8_t kTagExtensions = 0xA3;
 constexpr std::string_view kSubjectSelector = "subject|";
 constexpr std::string_view kIssuerSelector = "issuer|";
 
-std::int32_t ExpectTag(Bytes element, std::uint8_t tag) {
-  return element[0] == tag ? kDerOk : kDerWrongTag;
+DerResult ExpectTag(Bytes element, std::uint8_t tag) {
+  return element[0] == tag ? DerResult::kOk : DerResult::kWrongTag;
 }
 
-/// Takes the next element, which must have the tag, off `rest`.
-std::int32_t TakeTagged(Bytes& rest, std::uint8_t tag, DerElement& element) {
-  const std::int32_t result = TakeElement(rest, element);
-  return result == kDerOk ? ExpectTag(element.whole, tag) : result;
-}
+/// Takes the fields of a structure one after the other. Once one is missing or another than
+/// expected, no more are taken.
+class FieldReader {
+ public:
+  explicit FieldReader(Bytes content) : rest_(content) {}
 
-/// False, and nothing copied, when there is no time or no room for it.
-bool CopyTime(Bytes time, std::span<char> area) {
-  const Bytes content = ContentOf(time);
-  if (content.empty() || content.size() >= area.size()) return false;
-  std::memcpy(area.data(), content.data(), content.size());
-  area[content.size()] = '\0';
-  return true;
+  /// The next field, which must have the tag: its whole element, empty on failure.
+  Bytes Take(std::uint8_t tag) {
+    const Bytes field = TakeAny().whole;
+    if (result_ == DerResult::kOk) result_ = ExpectTag(field, tag);
+    return result_ == DerResult::kOk ? field : Bytes{};
+  }
+  /// The next field, whatever its tag.
+  DerElement TakeAny() {
+    if (result_ != DerResult::kOk) return {};
+    const std::optional<DerElement> field = TakeElement(rest_);
+    if (!field) result_ = DerResult::kBadLength;
+    return field.value_or(DerElement{});
+  }
+  void SkipOptional(std::uint8_t tag) {
+    if (!rest_.empty() && rest_[0] == tag) TakeAny();
+  }
+  /// Whether nothing is left, or nothing that can be taken.
+  [[nodiscard]] bool IsAtEnd() const { return result_ != DerResult::kOk || rest_.empty(); }
+  [[nodiscard]] DerResult Result() const { return result_; }
+
+ private:
+  Bytes rest_;
+  DerResult result_ = DerResult::kOk;
+};
+
+CertificatePtr LoadDer(Bytes bytes) {
+  if (bytes.empty() || bytes[0] != kTagSequence) return nullptr;
+  auto holder = std::make_unique<CertificateHolder>();
+  return holder->certificate.SetData(bytes) == DerResult::kOk ? std::move(holder) : nullptr;
 }
 
 }  // namespace
 
 CDerCert::~CDerCert() = default;
 
-std::int32_t CDerCert::Clear() {
+void CDerCert::Clear() {
   notBefore_ = notAfter_ = issuer_ = subject_ = serialNumber_ = {};
-  extensionCount_ = 0;
-  issuerText_.reset();
-  subjectText_.reset();
-  issuerLength_ = subjectLength_ = 0;
+  extensions_.clear();
+  issuerText_ = {};
+  subjectText_ = {};
   decoded_ = selfSigned_ = expired_ = timeTaken_ = false;
-  return CDer::Clear();
+  CDer::Clear();
 }
 
-std::int32_t CDerCert::SetData(Bytes bytes) {
+DerResult CDerCert::SetData(Bytes bytes) {
   CDerCert::Clear();
   runtime::TraceDump("data.cer", bytes);
   if (bytes.size() >= kShortestCertificate && bytes[0] == kTagSequence) {
-    const std::int32_t result = DecodeCertificate(bytes);
-    if (result != kDerOk) return result;
+    const DerResult result = DecodeCertificate(bytes);
+    if (result != DerResult::kOk) return result;
   } else {
     // Counts as a certificate without content: readers of such a value get empty answers.
     runtime::TraceWrite("DerCertificate - Bad certificate value");
   }
   decoded_ = true;
   selfSigned_ = SameBytes(issuer_, subject_);
-  if (!FormatNames(bytes.size())) return kDerOutOfMemory;
+  FormatNames(bytes.size());
   TakeTime();
   expired_ = HasPassed(notAfter_);
-  return kDerOk;
+  return DerResult::kOk;
 }
 
-std::int32_t CDerCert::DecodeCertificate(Bytes bytes) {
-  std::int32_t result = CDer::SetData(bytes);
-  if (result != kDerOk) {
-    runtime::TraceWrite("DerCertificate - Generic decoding failed");
-    return result;
-  }
+DerResult CDerCert::DecodeCertificate(Bytes bytes) {
+  static_cast<void>(CDer::SetData(bytes));
   const Bytes copy = WorkingCopy();
-  std::size_t header = 0;
-  const std::int32_t length = DecodeLength(copy, header);
-  if (length >= 0) ShortenData(header + static_cast<std::size_t>(length));
-
-  const std::uint8_t* content = nullptr;
-  std::size_t claimed = 0;
-  result = ParseElement(copy, content, claimed, &header);
-  if (result != kDerOk) {
+  if (const std::optional<DerLength> length = DecodeLength(copy)) {
+    ShortenData(std::size_t{length->header} + length->content);
+  }
+  const std::optional<ParsedElement> outer = ParseElement(copy);
+  if (!outer) {
     runtime::TraceWrite("DerCertificate - Failed to decode top sequence (%d bytes)",
                         static_cast<int>(copy.size()));
-    return result;
+    return DerResult::kBadLength;
   }
-  return DecodeParts(copy.subspan(header, std::min(claimed, copy.size() - header)), claimed);
+  return DecodeParts(*outer);
 }
 
-std::int32_t CDerCert::DecodeParts(Bytes content, std::size_t claimedLength) {
+DerResult CDerCert::DecodeParts(const ParsedElement& outer) {
   struct Part {
     const char* name;
-    std::int32_t (CDerCert::*decode)(Bytes);
+    DerResult (CDerCert::*decode)(Bytes);
   };
   static constexpr Part kParts[] = {{"info", &CDerCert::DecodeInfo},
                                     {"signature algorithm", &CDerCert::DecodeSignatureAlgorithm},
                                     {"signature", &CDerCert::DecodeSignature}};
   std::size_t position = 0;
-  std::int32_t length = 0;
+  std::optional<DerLength> length;
   for (const Part& part : kParts) {
     // A length may claim more than there is; only what is there goes to the decoder.
-    const Bytes rest = content.subspan(std::min(position, content.size()));
-    std::size_t header = 0;
-    length = DecodeLength(rest, header);
-    if (length < 0) {
+    const Bytes rest = outer.content.subspan(std::min(position, outer.content.size()));
+    length = DecodeLength(rest);
+    if (!length) {
       runtime::TraceWrite("DerCertificate - Failed to get %s", part.name);
       continue;
     }
-    const std::size_t size = header + static_cast<std::size_t>(length);
-    const std::int32_t result = (this->*part.decode)(rest.first(std::min(size, rest.size())));
-    if (result != kDerOk) {
+    const std::size_t size = std::size_t{length->header} + length->content;
+    const DerResult result = (this->*part.decode)(rest.first(std::min(size, rest.size())));
+    if (result != DerResult::kOk) {
       runtime::TraceWrite("DerCertificate - Failed to get %s", part.name);
       return result;
     }
     position += size;
   }
-  if (length < 0) return length;
-  if (position >= claimedLength) return kDerOk;
+  if (!length) return DerResult::kBadLength;
+  if (position >= outer.contentLength) return DerResult::kOk;
   runtime::TraceWrite("DerCertificate - %d bytes ignored at end",
-                      static_cast<int>(claimedLength - position));
-  return kDerLeftOver;
+                      static_cast<int>(outer.contentLength - position));
+  return DerResult::kLeftOver;
 }
 
 // TBSCertificate (RFC 5280, 4.1.2): version, serial number, algorithm, issuer, validity, subject;
 // of what follows (key, unique identifiers, extensions) the extensions only.
-std::int32_t CDerCert::DecodeInfo(Bytes element) {
-  DerElement info;
-  std::int32_t result = ReadElement(element, info);
-  if (result != kDerOk) return result;
+DerResult CDerCert::DecodeInfo(Bytes element) {
+  const std::optional<DerElement> info = ReadElement(element);
+  if (!info) return DerResult::kBadLength;
+  FieldReader fields(info->content);
+  fields.SkipOptional(kTagVersion);
+  serialNumber_ = fields.Take(kTagInteger);
+  fields.Take(kTagSequence);  // signature algorithm
+  issuer_ = fields.Take(kTagSequence);
+  const Bytes validity = fields.Take(kTagSequence);
+  subject_ = fields.Take(kTagSequence);
+  if (fields.Result() != DerResult::kOk) return fields.Result();
 
-  Bytes rest = info.content;
-  DerElement version;
-  if (!rest.empty() && rest[0] == kTagVersion) result = TakeElement(rest, version);
-  DerElement serialNumber, algorithm, issuer, validity, subject;
-  struct Field {
-    std::uint8_t tag;
-    DerElement& element;
-  };
-  for (const Field& field :
-       {Field{kTagInteger, serialNumber}, Field{kTagSequence, algorithm},
-        Field{kTagSequence, issuer}, Field{kTagSequence, validity}, Field{kTagSequence, subject}}) {
-    if (result == kDerOk) result = TakeTagged(rest, field.tag, field.element);
-  }
-  if (result != kDerOk) return result;
-  serialNumber_ = serialNumber.whole;
-  issuer_ = issuer.whole;
-  subject_ = subject.whole;
-  result = DecodeValidity(validity.content);
-
-  DerElement next;
-  while (result == kDerOk && !rest.empty()) {
-    result = TakeElement(rest, next);
-    if (result == kDerOk && next.Tag() == kTagExtensions) result = DecodeExtensions(next.content);
+  DerResult result = DecodeValidity(ContentOf(validity));
+  while (result == DerResult::kOk && !fields.IsAtEnd()) {
+    const DerElement field = fields.TakeAny();
+    result = fields.Result();
+    if (result == DerResult::kOk && field.Tag() == kTagExtensions) {
+      result = DecodeExtensions(field.content);
+    }
   }
   return result;
 }
 
-std::int32_t CDerCert::DecodeSignatureAlgorithm(Bytes element) {
+DerResult CDerCert::DecodeSignatureAlgorithm(Bytes element) {
   return ExpectTag(element, kTagSequence);
 }
 
-std::int32_t CDerCert::DecodeSignature(Bytes element) {
+DerResult CDerCert::DecodeSignature(Bytes element) {
   return ExpectTag(element, kTagBitString);
 }
 
-std::int32_t CDerCert::DecodeValidity(Bytes content) {
-  DerElement notBefore;
-  DerElement notAfter;
-  std::int32_t result = TakeElement(content, notBefore);
-  if (result == kDerOk) result = TakeElement(content, notAfter);
-  notBefore_ = notBefore.whole;
-  notAfter_ = notAfter.whole;
-  return result;
+DerResult CDerCert::DecodeValidity(Bytes content) {
+  FieldReader times(content);
+  notBefore_ = times.TakeAny().whole;
+  notAfter_ = times.TakeAny().whole;
+  return times.Result();
 }
 
-std::int32_t CDerCert::DecodeExtensions(Bytes wrapped) {
-  DerElement list;
-  std::int32_t result = TakeElement(wrapped, list);
-  DerElement extension;
-  for (Bytes rest = list.content; result == kDerOk && !rest.empty();) {
-    result = TakeElement(rest, extension);
-    if (result == kDerOk) AddExtension(extension.content);
+DerResult CDerCert::DecodeExtensions(Bytes wrapped) {
+  extensions_.reserve(kMaxExtensions);
+  FieldReader list(wrapped);
+  FieldReader extensions(list.TakeAny().content);
+  while (list.Result() == DerResult::kOk && !extensions.IsAtEnd()) {
+    AddExtension(extensions.TakeAny().content);
   }
-  return result;
+  return list.Result() == DerResult::kOk ? extensions.Result() : list.Result();
 }
 
 // SEQUENCE { identifier, critical BOOLEAN OPTIONAL, value OCTET STRING }. One whose identifier
 // cannot be read, and those that the table has no room for, are passed over.
 void CDerCert::AddExtension(Bytes content) {
-  if (extensionCount_ == extensions_.size()) return;
-  Extension& extension = extensions_[extensionCount_];
-  if (ReadOid(content, extension.identifier) != kDerOk) return;
-  Bytes rest = content.subspan(extension.identifier.element.size());
-  extension.value = {};
-  DerElement part;
-  while (extension.value.empty() && TakeElement(rest, part) == kDerOk) {
-    if (part.Tag() == kTagOctetString) extension.value = part.whole;
+  if (extensions_.size() == kMaxExtensions) return;
+  std::optional<OidRecord> identifier = ReadOid(content);
+  if (!identifier) return;
+  Extension& extension = extensions_.emplace_back();
+  extension.identifier = std::move(identifier->text);
+  Bytes rest = content.subspan(identifier->element.size());
+  while (const std::optional<DerElement> part = TakeElement(rest)) {
+    if (part->Tag() != kTagOctetString) continue;
+    extension.value = part->whole;
+    break;
   }
-  ++extensionCount_;
 }
 
-bool CDerCert::FormatNames(std::size_t size) {
-  if (size == 0) return true;
-  issuerText_.reset(new (std::nothrow) char[size]);
-  subjectText_.reset(new (std::nothrow) char[size]);
-  if (issuerText_ == nullptr || subjectText_ == nullptr) {
-    runtime::TraceWrite("Der - Out of memory");
-    return false;
-  }
-  issuerLength_ = FormatNameText(issuer_, {issuerText_.get(), size});
-  subjectLength_ = FormatNameText(subject_, {subjectText_.get(), size});
-  return true;
+void CDerCert::FormatNames(std::size_t size) {
+  if (size == 0) return;
+  issuerText_ = FormatNameText(issuer_, size - 1);
+  subjectText_ = FormatNameText(subject_, size - 1);
 }
 
-std::size_t CDerCert::FormatNameText(Bytes name, std::span<char> text) const {
-  return FormatName(name, text);
+std::string CDerCert::FormatNameText(Bytes name, std::size_t maxLength) const {
+  return FormatName(name, maxLength);
 }
 
 void CDerCert::TakeTime() {
   const std::time_t seconds = std::time(nullptr);
   std::tm utc{};
   if (::gmtime_r(&seconds, &utc) == nullptr) return;
-  timeTaken_ = std::strftime(now_, sizeof now_, "%Y%m%d%H%M%S", &utc) != 0;
+  std::array<char, 16> text;
+  now_.assign(text.data(), std::strftime(text.data(), text.size(), "%Y%m%d%H%M%S", &utc));
+  timeTaken_ = !now_.empty();
 }
 
 bool CDerCert::HasPassed(Bytes time) const {
@@ -236,11 +232,11 @@ bool CDerCert::HasPassed(Bytes time) const {
   if (!timeTaken_ || time.size() != kHeader + kDigits + 1 || time[kHeader + kDigits] != 'Z') {
     return false;
   }
-  return AsText(time.subspan(kHeader, kDigits)) < std::string_view(now_ + 2, kDigits);
+  return runtime::AsText(time.subspan(kHeader, kDigits)) < std::string_view(now_).substr(2);
 }
 
-std::int32_t CDerCert::Compare(const CDerCert& other) const {
-  return SameBytes(Data(), other.Data()) ? 0 : -1;
+bool CDerCert::IsSame(const CDerCert& other) const {
+  return SameBytes(GetData(), other.GetData());
 }
 
 bool CDerCert::HasSameIssuer(const CDerCert& other) const {
@@ -251,29 +247,20 @@ bool CDerCert::HasSameSubject(const CDerCert& other) const {
   return SameBytes(subject_, other.subject_);
 }
 
-void CDerCert::CopyValidity(std::span<char> notBefore, std::span<char> notAfter) const {
-  if (CopyTime(notBefore_, notBefore) && CopyTime(notAfter_, notAfter)) return;
-  for (const std::span<char> area : {notBefore, notAfter}) {
-    if (!area.empty()) area[0] = '\0';
-  }
-}
-
 Validity CDerCert::GetValidity() const {
-  constexpr std::size_t kMaxTime = 31;
   const Bytes notBefore = ContentOf(notBefore_);
   const Bytes notAfter = ContentOf(notAfter_);
   for (const Bytes time : {notBefore, notAfter}) {
-    if (time.empty() || time.size() > kMaxTime) return {};
+    if (time.empty() || time.size() > kMaxValidityTime) return {};
   }
-  return {std::string(AsText(notBefore)), std::string(AsText(notAfter))};
+  return {std::string(runtime::AsText(notBefore)), std::string(runtime::AsText(notAfter))};
 }
 
 Bytes CDerCert::FindExtension(std::string_view identifier) const {
-  const auto end = extensions_.begin() + static_cast<std::ptrdiff_t>(extensionCount_);
-  const auto found = std::find_if(extensions_.begin(), end, [identifier](const Extension& e) {
-    return e.identifier.Text() == identifier;
-  });
-  return found == end ? Bytes{} : found->value;
+  for (const Extension& extension : extensions_) {
+    if (extension.identifier == identifier) return extension.value;
+  }
+  return {};
 }
 
 bool CDerCert::MatchNames(bool subjectByDefault, std::string_view filter) const {
@@ -287,6 +274,50 @@ bool CDerCert::MatchNames(bool subjectByDefault, std::string_view filter) const 
   }
   return ofSubject ? MatchName(subject_, SubjectText(), filter)
                    : MatchName(issuer_, IssuerText(), filter);
+}
+
+void CertificateHolder::SetKeyIdentifier(Bytes identifier) {
+  if (identifier.size() > kMaxKeyIdentifier) return;
+  keyIdentifier.assign(identifier.begin(), identifier.end());
+}
+
+CertificatePtr LoadCertificate(Bytes bytes) {
+  if (bytes.empty() || bytes.data() == nullptr) return nullptr;
+  if (bytes[0] != '-' && bytes[0] != 'M') return LoadDer(bytes);
+  return LoadDer(runtime::Base64Decode(runtime::AsText(bytes)));
+}
+
+std::string_view GetSubjectText(const CertificateHolder& holder) {
+  return holder.certificate.SubjectText();
+}
+
+Bytes GetSerialNumber(const CertificateHolder& holder) {
+  return ContentOf(holder.certificate.SerialNumber());
+}
+
+std::optional<Bytes> GetExtension(const CertificateHolder& holder, std::string_view identifier) {
+  const Bytes value = holder.certificate.FindExtension(identifier);
+  if (value.empty()) return std::nullopt;
+  return value;
+}
+
+bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpose) {
+  const std::optional<Bytes> extension = GetExtension(holder, kExtendedKeyUsage);
+  if (!extension) return false;
+  Bytes rest = ContentOf(ContentOf(*extension));
+  while (const std::optional<DerElement> element = TakeElement(rest)) {
+    const std::optional<OidRecord> identifier = ReadOid(element->whole);
+    if (identifier && identifier->text == purpose) return true;
+  }
+  return false;
+}
+
+std::optional<std::uint8_t> GetKeyUsageBits(const CDerCert& certificate) {
+  const Bytes extension = certificate.KeyUsage();
+  if (extension.empty()) return std::nullopt;
+  // BIT STRING: the number of unused bits, then the bits.
+  const Bytes content = ContentOf(ContentOf(extension));
+  return content.size() < 2 ? std::uint8_t{0} : content.back();
 }
 
 }  // namespace qixx::der

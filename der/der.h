@@ -1,34 +1,35 @@
-// Reading and writing of DER (X.690), the ground that the certificate reader stands on.
+// Reading of DER (X.690), the ground that the certificate reader stands on.
 //
 // The readers work in place: what they hand out are views into the caller's bytes. Input may come
 // from anywhere. Nothing behind it is ever read, nesting is bounded, and one pass over an element
-// takes time linear in its size. Results are 0 or one of the negative DerResult values. A length
-// that cannot be read is traced once, by DecodeLength; every other failure is the caller's to
-// report. All functions may be called from any thread; an object belongs to one at a time.
+// takes time linear in its size. A length that cannot be read is traced once, by DecodeLength;
+// every other failure is the caller's to report. All functions may be called from any thread; an
+// object belongs to one at a time.
 //
 //   Bytes rest = sequence.content;
-//   DerElement element;
-//   while (TakeElement(rest, element) == kDerOk) Use(element.Tag(), element.content);
+//   while (const std::optional<DerElement> element = TakeElement(rest)) {
+//     Use(element->Tag(), element->content);
+//   }
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <span>
-#include <string_view>
+#include <string>
+#include <vector>
 
 namespace qixx::der {
 
 using Bytes = std::span<const std::uint8_t>;
 
-enum DerResult : std::int32_t {
-  kDerOk = 0,
-  kDerLeftOver = -1,  ///< bytes behind the last part of a certificate
-  kDerOutOfMemory = -2,
-  kDerWrongTag = -3,
-  kDerBadLength = -4,      ///< length not readable, or input too short
-  kDerTooSmall = -5,       ///< output too small
-  kDerNotSupported = -666  ///< not offered by the class
+enum class DerResult : std::int32_t {
+  kOk = 0,
+  kLeftOver = -1,  ///< bytes behind the last part of a certificate
+  kWrongTag = -3,
+  kBadLength = -4,      ///< length not readable, or input too short
+  kTooSmall = -5,       ///< the result would be longer than allowed
+  kNotSupported = -666  ///< not offered by the class
 };
 
 inline constexpr std::uint8_t kTagInteger = 0x02;
@@ -39,30 +40,43 @@ inline constexpr std::uint8_t kTagSequence = 0x30;
 inline constexpr std::uint8_t kTagSet = 0x31;
 
 /// Indefinite lengths inside each other; no certificate comes near it.
-inline constexpr int kDerMaxNesting = 32;
+inline constexpr int kMaxNesting = 32;
 
-/// Size of a dotted identifier with its terminator.
-inline constexpr std::size_t kOidTextSize = 64;
+/// Characters of a dotted identifier.
+inline constexpr std::size_t kMaxOidText = 63;
 
 // --- elements ---------------------------------------------------------------------------------
 
-/// Reads the header of the element at the start of `bytes`, whatever its tag, and returns the
-/// length of its content, or kDerBadLength. `bytes` goes on to the end of the input.
-///
-/// Two leniencies, both intended and relied on. Indefinite lengths (X.690 8.1.3.6) are accepted;
-/// such a content counts its closing pair of zero bytes, and a nested element without content ends
-/// it in place of the pair. And the length is held against all of `bytes`, header included, so a
-/// content may claim up to a header's size more than there is: the caller bounds what it reads.
-[[nodiscard]] std::int32_t DecodeLength(Bytes bytes, std::size_t& headerLength);
+struct DerLength {
+  std::uint32_t header;   ///< bytes of tag and length
+  std::uint32_t content;  ///< bytes that the content claims to have, at most 2 GiB - 1
+};
 
-/// Finds the content of the element at the start of `bytes` without looking at its tag or copying
-/// anything. As lenient as DecodeLength: `contentLength` may run past the end of `bytes`.
-[[nodiscard]] std::int32_t ParseElement(Bytes bytes, const std::uint8_t*& content,
-                                        std::size_t& contentLength,
-                                        std::size_t* headerLength = nullptr);
+/// Reads the header of the element at the start of `bytes`, whatever its tag. `bytes` goes on to
+/// the end of the input. Nothing when the length is not readable, which is traced.
+///
+/// Two leniencies are intended, for cards whose certificates need them. Indefinite lengths (X.690
+/// 8.1.3.6) are accepted; such a content counts its closing pair of zero bytes, and a nested
+/// element without content ends it in place of the pair. And the length is held against all of
+/// `bytes`, header included, so a content may claim up to a header's size more than there is.
+[[nodiscard]] std::optional<DerLength> DecodeLength(Bytes bytes);
+
+struct ParsedElement {
+  Bytes content;              ///< what there is of the content
+  std::size_t contentLength;  ///< what the content claims to have; may be more
+  std::size_t headerLength;
+};
+
+/// Finds the content of the element at the start of `bytes` without looking at its tag. As lenient
+/// as DecodeLength.
+[[nodiscard]] std::optional<ParsedElement> ParseElement(Bytes bytes);
 
 /// One element whose content lies inside the input as a whole.
 struct DerElement {
+  DerElement() = default;
+  DerElement(Bytes element, std::size_t headerLength)
+      : whole(element), content(element.subspan(headerLength)) {}
+
   Bytes whole;  ///< with tag and length bytes
   Bytes content;
 
@@ -70,61 +84,50 @@ struct DerElement {
   [[nodiscard]] std::uint8_t Tag() const { return whole.empty() ? std::uint8_t{0} : whole[0]; }
 };
 
-/// Reads the first element of `bytes`. kDerBadLength also for a content past the end of `bytes`.
-[[nodiscard]] std::int32_t ReadElement(Bytes bytes, DerElement& element);
+/// Reads the first element of `bytes`. Nothing also for a content past the end of `bytes`.
+[[nodiscard]] std::optional<DerElement> ReadElement(Bytes bytes);
 
-/// Reads the first element of `rest` and moves `rest` behind it; both stay as they are on failure.
-/// An empty `rest` gives kDerBadLength without a trace line, so that a walk simply ends.
-[[nodiscard]] std::int32_t TakeElement(Bytes& rest, DerElement& element);
+/// Reads the first element of `rest` and moves `rest` behind it; on failure it stays. An empty
+/// `rest` gives nothing without a trace line, so that a walk simply ends.
+[[nodiscard]] std::optional<DerElement> TakeElement(Bytes& rest);
 
 /// The content of the first element of `bytes`, empty when it has or is none.
 [[nodiscard]] Bytes ContentOf(Bytes bytes);
 
 [[nodiscard]] bool SameBytes(Bytes a, Bytes b);
 
-/// The bytes as characters, zeros included.
-[[nodiscard]] inline std::string_view AsText(Bytes bytes) {
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 // --- object identifiers -----------------------------------------------------------------------
 
-/// Reads one base-128 number (X.690 8.19.2) into `value` and returns the bytes it took. Numbers
-/// over 64 bits lose their upper bits. 0 when `bytes` end before the number does.
-[[nodiscard]] std::size_t DecodeSubidentifier(std::uint64_t& value, Bytes bytes);
+struct Subidentifier {
+  std::uint64_t value;
+  std::size_t length;  ///< bytes that it took
+};
 
-/// Writes the object identifier at the start of `bytes` as dotted text, terminated. Subidentifiers
-/// are printed as signed 32-bit numbers. On kDerTooSmall the text holds the pieces that went in; on
-/// kDerWrongTag and kDerBadLength it is empty.
-[[nodiscard]] std::int32_t OidToText(Bytes bytes, std::span<char> text);
+/// Reads one base-128 number (X.690 8.19.2). Numbers over 64 bits lose their upper bits. Nothing
+/// when `bytes` end before the number does.
+[[nodiscard]] std::optional<Subidentifier> DecodeSubidentifier(Bytes bytes);
+
+struct OidText {
+  DerResult result;
+  std::string text;
+};
+
+/// The object identifier at the start of `bytes` as dotted text. Subidentifiers are printed as
+/// signed 32-bit numbers. kTooSmall when the text would be longer than `maxLength` (which is at
+/// most kMaxOidText); it then holds the pieces that went in. Empty for kWrongTag and kBadLength.
+[[nodiscard]] OidText OidToText(Bytes bytes, std::size_t maxLength = kMaxOidText);
 
 struct OidRecord {
   Bytes element;  ///< the encoded identifier with tag and length
-  char text[kOidTextSize];
-
-  [[nodiscard]] std::string_view Text() const { return text; }
+  std::string text;
 };
 
-/// OidToText into a record. The element is empty when there is no identifier to read.
-[[nodiscard]] std::int32_t ReadOid(Bytes bytes, OidRecord& record);
-
-// --- encoding ---------------------------------------------------------------------------------
-
-/// Turns the first `length` bytes of `buffer` into the content of an element, in place; `length`
-/// becomes that of the whole element. Refuses with kDerTooSmall, leaving all as it is, when the
-/// room left is less than the longest header that a buffer of this size could need.
-[[nodiscard]] std::int32_t WrapElement(std::uint8_t tag, std::span<std::uint8_t> buffer,
-                                       std::size_t& length);
-
-/// Encodes an object identifier element from dotted text or from one of the short names of
-/// der/names.h. kDerWrongTag for a name that is neither (traced unless it has a dot), kDerTooSmall
-/// when it does not fit. `out` may have been written to on failure.
-[[nodiscard]] std::int32_t EncodeOid(std::string_view name, std::span<std::uint8_t> out,
-                                     std::size_t& length);
+/// The identifier at the start of `bytes`; nothing when OidToText fails for whatever cause.
+[[nodiscard]] std::optional<OidRecord> ReadOid(Bytes bytes);
 
 // --- objects ----------------------------------------------------------------------------------
 
-/// An encoded object with a copy of its bytes. Any non-zero result means that there is no object.
+/// An encoded object with a copy of its bytes. Any result but kOk means that there is no object.
 class CDer {
  public:
   CDer() = default;
@@ -132,31 +135,30 @@ class CDer {
   CDer(const CDer&) = delete;
   CDer& operator=(const CDer&) = delete;
 
-  /// Frees what the object holds. Always 0.
-  virtual std::int32_t Clear();
-  /// Takes a copy of `bytes`, which are not the object's own. After kDerOutOfMemory the lengths are
-  /// set all the same.
-  [[nodiscard]] virtual std::int32_t SetData(Bytes bytes);
-  /// The parse of a kind of object; kDerNotSupported where a class has none.
-  [[nodiscard]] virtual std::int32_t Decode();
-  /// The bytes, owned by the object until it is cleared or set again. Always 0.
-  virtual std::int32_t GetData(const std::uint8_t*& bytes, std::uint64_t& length) const;
-  /// The bytes, owned by the object until it is cleared or set again.
-  [[nodiscard]] Bytes GetData() const { return Data(); }
+  /// Frees what the object holds.
+  virtual void Clear();
+  /// Takes a copy of `bytes`, which are not the object's own.
+  [[nodiscard]] virtual DerResult SetData(Bytes bytes);
+  /// The parse of a kind of object; kNotSupported where a class has none.
+  [[nodiscard]] virtual DerResult Decode();
+  /// The object without what stands behind it, until it is cleared or set again; empty when there
+  /// is none.
+  [[nodiscard]] virtual Bytes GetData() const;
+  void GetData(const std::uint8_t*& bytes, std::uint64_t& length) const {
+    bytes = GetData().data();
+    length = GetData().size();
+  }
 
  protected:
-  /// The object without what stands behind it; empty when there is none.
-  [[nodiscard]] Bytes Data() const;
   /// All that was set, and what the references of derived classes point into.
-  [[nodiscard]] Bytes WorkingCopy() const;
+  [[nodiscard]] Bytes WorkingCopy() const { return data_; }
   /// Leaves out what stands behind the object; the working copy keeps it.
   void ShortenData(std::size_t length);
 
  private:
-  // Nobody changes either copy, so both are one allocation seen with two lengths.
-  std::unique_ptr<std::uint8_t[]> data_;
+  // Nobody changes either copy, so both are one buffer seen with two lengths.
+  std::vector<std::uint8_t> data_;
   std::size_t dataLength_ = 0;
-  std::size_t workingLength_ = 0;
 };
 
 }  // namespace qixx::der

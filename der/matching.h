@@ -1,4 +1,5 @@
-// Asking whether a certificate is the wanted one, and which of two duplicates counts.
+// Asking whether a certificate is the wanted one, and which of two duplicates counts. All functions
+// may be called from any thread.
 #pragma once
 
 #include <string_view>
@@ -7,15 +8,9 @@
 
 namespace qixx::der {
 
-/// CDerCert::MatchNames; a null filter matches.
+/// CDerCert::MatchNames.
 [[nodiscard]] bool MatchNames(const CDerCert& certificate, bool subjectByDefault,
                               std::string_view filter);
-
-/// Whether an encoded certificate has this serial number (tag and length included), this key-usage
-/// extension (its octet string with tag and length) and names that match; empty arguments ask for
-/// nothing. A value that fails to parse matches, as intended.
-[[nodiscard]] bool MatchCertificate(Bytes value, Bytes serialNumber, std::string_view issuerFilter,
-                                    std::string_view subjectFilter, Bytes keyUsage);
 
 /// Byte for byte the same certificate.
 [[nodiscard]] bool IsSameCertificate(const CertificateHolder& a, const CertificateHolder& b);

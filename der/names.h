@@ -3,12 +3,11 @@
 // A name is written as `type=value` pairs in the order of their encoding, separated by ",". The
 // type is a short name of the table below or else the dotted identifier. Values become UTF-8.
 // ',', '+' and '\' inside a value are preceded by '\', so that no value can pose as a component.
+// All functions may be called from any thread.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -24,26 +23,31 @@ inline constexpr std::string_view kEmailAttribute = "1.2.840.113549.1.9.1";
 /// The way back, in any letter case; empty when there is none.
 [[nodiscard]] std::string_view DottedAttributeName(std::string_view shortName);
 
-/// Writes the encoded name (its whole element) into `text`, terminated, and returns the length. A
-/// component that does not fit is left out with all that follow it; an attribute whose type cannot
-/// be read is passed over. Values may hold any character, zero included.
-std::size_t FormatName(Bytes name, std::span<char> text);
-
-/// Takes the next component off a formatted name. The value is that of the attribute, without
-/// escapes; it runs to the next unescaped ',' or '+' and loses one blank that stands before it.
-/// False at the end, and at a component without '='.
-bool NextNameComponent(std::string_view& rest, std::string& key, std::string& value);
+/// The encoded name (its whole element) as text. A component that would make the text longer than
+/// `maxLength` is left out with all that follow it; an attribute whose type cannot be read is
+/// passed over. Values may hold any character, zero included.
+[[nodiscard]] std::string FormatName(Bytes name, std::size_t maxLength);
 
 struct NameComponent {
   std::string key;
-  std::string value;
+  std::string value;  ///< of the attribute, without escapes
 };
-/// The same, nothing in place of false.
+
+/// Takes the next component off a formatted name. Its value runs to the next unescaped ',' or '+'
+/// and loses one blank that stands before it. Nothing at the end, and at a component without '='.
 [[nodiscard]] std::optional<NameComponent> NextNameComponent(std::string_view& rest);
 
+inline bool NextNameComponent(std::string_view& rest, std::string& key, std::string& value) {
+  const std::optional<NameComponent> component = NextNameComponent(rest);
+  if (!component) return false;
+  key = component->key;
+  value = component->value;
+  return true;
+}
+
 /// The value of the first component with this very key in a formatted name: without escapes, but as
-/// it stands otherwise, blanks included. False when there is none.
-bool FindNameValue(std::string_view text, std::string_view key, std::string& value);
+/// it stands otherwise, blanks included.
+[[nodiscard]] std::optional<std::string> FindNameValue(std::string_view text, std::string_view key);
 
 /// Whether an encoded name (also given as formatted `text`) passes a filter: alternatives separated
 /// by ';', the first that matches decides. "type=value" asks for an attribute of that short or

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
+#include "der/matching.h"
 #include "runtime/text.h"
 
 namespace qixx::pkcs11 {
@@ -22,17 +24,6 @@ bool HoldsValue(std::span<const CertificateEntry> entries, CK_SLOT_ID slot, der:
   });
 }
 
-/// What the certificate says of itself is noted only when it passes the filter.
-void NoteValidity(CertificateEntry& entry, const der::CDerCert& certificate) {
-  char notBefore[32] = {};
-  char notAfter[32] = {};
-  certificate.CopyValidity(notBefore, notAfter);
-  for (auto [text, place] : {std::pair(runtime::TextOf(notBefore), &entry.notBefore),
-                             {runtime::TextOf(notAfter), &entry.notAfter}}) {
-    if (text.size() <= kMaxValidityText) *place = text;
-  }
-}
-
 }  // namespace
 
 bool CertificateFilter::AsksForNothing() const {
@@ -40,8 +31,8 @@ bool CertificateFilter::AsksForNothing() const {
 }
 
 bool CertificateFilter::Passes(const der::CDerCert& certificate) const {
-  std::uint8_t keyUsage = 0;
-  if (der::GetKeyUsageBits(certificate, keyUsage) && (keyUsage & keyUsageMask) == 0) return false;
+  const std::optional<std::uint8_t> keyUsage = der::GetKeyUsageBits(certificate);
+  if (keyUsage && (*keyUsage & keyUsageMask) == 0) return false;
   return Matches(certificate, true, subject) && Matches(certificate, false, issuer);
 }
 
@@ -61,7 +52,7 @@ bool AddEntry(std::span<CertificateEntry> entries, const CertificateObject& obje
   const der::Bytes value = object.Value();
   if (value.size() < kMinCertificateBytes) return false;
   der::CDerCert certificate;
-  const bool parsed = certificate.SetData(value) == der::kDerOk;
+  const bool parsed = certificate.SetData(value) == der::DerResult::kOk;
   const bool passes = parsed && filter.Passes(certificate);
   if (!passes && !filter.AsksForNothing()) return false;
   if (HoldsValue(entries, slot, value)) return false;
@@ -78,7 +69,11 @@ bool AddEntry(std::span<CertificateEntry> entries, const CertificateObject& obje
   entry.keyIdentifier.assign(keyIdentifier.begin(), keyIdentifier.end());
   entry.label = object.Label();
   entry.expired = parsed && certificate.IsExpired();
-  if (passes) NoteValidity(entry, certificate);
+  if (passes) {
+    der::Validity validity = certificate.GetValidity();
+    entry.notBefore = std::move(validity.notBefore);
+    entry.notAfter = std::move(validity.notAfter);
+  }
   *place = std::move(entry);
   return true;
 }

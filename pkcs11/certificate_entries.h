@@ -21,9 +21,6 @@ inline constexpr std::uint32_t kFreeKind = 0xFFFFFFFF;
 /// Every key usage.
 inline constexpr std::uint8_t kAnyKeyUsage = 255;
 
-/// A longer time of a certificate's validity is left out.
-inline constexpr std::size_t kMaxValidityText = 23;
-
 /// What a collection asks of a certificate. The names are filters as CDerCert::MatchNames takes
 /// them, for the issuer and for the subject unless they say otherwise. An absent one asks for
 /// nothing; an empty one matches, but asks for a certificate that can be parsed.

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <utility>
 
+#include "der/matching.h"
 #include "pkcs11/certificate_objects.h"
 #include "pkcs11/token_variables.h"
 #include "pkcs11/variable_object.h"

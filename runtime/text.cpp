@@ -58,10 +58,6 @@ int HexValue(char c) {
   return kHexValues[static_cast<unsigned char>(c)];
 }
 
-std::string_view UpToZero(std::string_view text) {
-  return text.substr(0, text.find('\0'));
-}
-
 std::string_view FirstBytes(std::string_view text, std::size_t limit) {
   return text.substr(0, limit);
 }
@@ -132,41 +128,38 @@ bool ReplaceFound(std::span<char> area, Finder find, std::string_view from, std:
   }
 }
 
-constexpr std::uint32_t kReplacementCharacter = 0xFFFD;
+bool ReplaceFound(std::string& text, Finder find, std::string_view from, std::string_view to,
+                  std::size_t maxLength) {
+  if (from.empty() || from == to) return false;
+  std::string result;
+  std::size_t length = text.size();  // of the result, with the rest as it stands
+  std::size_t copied = 0;
+  for (;;) {
+    const std::size_t position = find(text, from, copied);
+    if (position == std::string_view::npos || length - from.size() + to.size() > maxLength) break;
+    result.append(text, copied, position - copied).append(to);
+    length = length - from.size() + to.size();
+    copied = position + from.size();
+  }
+  if (copied == 0) return false;
+  result.append(text, copied);
+  text = std::move(result);
+  return true;
+}
 
-bool IsHighSurrogate(std::uint32_t unit) {
+constexpr char32_t kReplacementCharacter = 0xFFFD;
+constexpr char32_t kLastCharacter = 0x10FFFF;
+
+bool IsHighSurrogate(char32_t unit) {
   return unit >= 0xD800 && unit <= 0xDBFF;
 }
-bool IsLowSurrogate(std::uint32_t unit) {
+bool IsLowSurrogate(char32_t unit) {
   return unit >= 0xDC00 && unit <= 0xDFFF;
-}
-
-void AppendUtf8(std::string& out, std::uint32_t code) {
-  if (code < 0x80) {
-    out.push_back(static_cast<char>(code));
-    return;
-  }
-  if (code < 0x800) {
-    out.push_back(static_cast<char>(0xC0 | code >> 6));
-  } else {
-    if (code < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | code >> 12));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | code >> 18));
-      out.push_back(static_cast<char>(0x80 | (code >> 12 & 0x3F)));
-    }
-    out.push_back(static_cast<char>(0x80 | (code >> 6 & 0x3F)));
-  }
-  out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
 }
 
 }  // namespace
 
 // --- areas ------------------------------------------------------------------------------------
-
-std::string_view TextOf(std::span<const char> area) {
-  return UpToZero({area.data(), area.size()});
-}
 
 std::size_t CopyTextCut(std::span<char> area, std::string_view text) {
   if (area.empty()) return 0;
@@ -246,6 +239,15 @@ bool GetField(std::string_view text, std::size_t index, char separator, std::str
   return true;
 }
 
+std::optional<std::string_view> GetField(std::string_view text, std::size_t index, char separator) {
+  for (; index != 0; --index) {
+    const std::size_t end = text.find(separator);
+    if (end == std::string_view::npos) return std::nullopt;
+    text.remove_prefix(end + 1);
+  }
+  return text.substr(0, text.find(separator));
+}
+
 std::uint64_t ParseDecimal(std::string_view text) {
   return ParseDigits(SkipBlanks(text), 10, std::numeric_limits<std::uint64_t>::max());
 }
@@ -284,7 +286,83 @@ bool ReplaceAllNoCase(std::span<char> area, std::string_view from, std::string_v
   return ReplaceFound(area, FindTextNoCase, from, to);
 }
 
+void ReplaceAll(std::string& text, std::string_view from, std::string_view to,
+                std::size_t maxLength) {
+  ReplaceFound(text, FindText, from, to, maxLength);
+}
+
+bool ReplaceAllNoCase(std::string& text, std::string_view from, std::string_view to,
+                      std::size_t maxLength) {
+  return ReplaceFound(text, FindTextNoCase, from, to, maxLength);
+}
+
 // --- codecs -----------------------------------------------------------------------------------
+
+std::string HexEncode(std::span<const std::uint8_t> data) {
+  std::string text(2 * data.size(), '\0');
+  char* to = text.data();
+  for (const std::uint8_t byte : data) to = std::copy_n(kHexPairs[byte].data(), 2, to);
+  return text;
+}
+
+std::vector<std::uint8_t> HexDecode(std::string_view text) {
+  if (text.size() >= 3 && text.starts_with("0x")) text.remove_prefix(2);
+  std::vector<std::uint8_t> data(text.size() / 2);
+  std::uint8_t* to = data.data();
+  int high = -1;
+  for (const char c : text) {
+    const int digit = HexValue(c);
+    if (digit < 0) continue;
+    if (high < 0) {
+      high = digit;
+    } else {
+      *to++ = static_cast<std::uint8_t>(high << 4 | digit);
+      high = -1;
+    }
+  }
+  data.resize(static_cast<std::size_t>(to - data.data()));
+  return data;
+}
+
+std::string Base64Encode(std::span<const std::uint8_t> data) {
+  std::string text(Base64Length(data.size()), '\0');
+  char* group = text.data();
+  for (std::size_t at = 0; at < data.size(); at += 3, group += 4) {
+    EncodeGroup(data.subspan(at, std::min<std::size_t>(3, data.size() - at)), group);
+  }
+  return text;
+}
+
+std::string Base64EncodeLines(std::span<const std::uint8_t> data) {
+  const std::string encoded = Base64Encode(data);
+  std::string text;
+  text.reserve(encoded.size() + encoded.size() / kBase64LineLength + 1);
+  for (std::size_t at = 0; at < encoded.size(); at += kBase64LineLength) {
+    text.append(encoded, at, kBase64LineLength).push_back('\n');
+  }
+  if (text.empty()) text.push_back('\n');
+  return text;
+}
+
+std::vector<std::uint8_t> Base64Decode(std::string_view text) {
+  text = Base64Body(text);
+  std::vector<std::uint8_t> data(text.size() / 4 * 3 + 3);
+  std::uint8_t* to = data.data();
+  std::uint32_t bits = 0;
+  unsigned pending = 0;  // bits read and not yet written
+  for (const char c : text) {
+    if (c == '=') break;
+    const int value = Base64Value(c);
+    if (value < 0) continue;
+    bits = bits << 6 | static_cast<std::uint32_t>(value);
+    pending += 6;
+    if (pending < 8) continue;
+    pending -= 8;
+    *to++ = static_cast<std::uint8_t>(bits >> pending);
+  }
+  data.resize(static_cast<std::size_t>(to - data.data()));
+  return data;
+}
 
 int HexEncode(std::span<const std::uint8_t> data, std::span<char> out) {
   const std::size_t length = 2 * data.size();
@@ -365,27 +443,39 @@ int Base64Decode(std::span<std::uint8_t> out, std::string_view text) {
 
 // --- conversions ------------------------------------------------------------------------------
 
-std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes) {
-  const std::size_t units = bytes.size() / 2;
-  const auto unit = [bytes](std::size_t i) {
-    return static_cast<std::uint32_t>(bytes[2 * i] | bytes[2 * i + 1] << 8);
-  };
-  try {
-    std::string text;
-    text.reserve(units);
-    for (std::size_t i = 0; i < units; ++i) {
-      std::uint32_t code = unit(i);
-      if (IsHighSurrogate(code) && i + 1 < units && IsLowSurrogate(unit(i + 1))) {
-        code = 0x10000 + ((code - 0xD800) << 10) + (unit(++i) - 0xDC00);
-      } else if (IsHighSurrogate(code) || IsLowSurrogate(code)) {
-        code = kReplacementCharacter;
-      }
-      AppendUtf8(text, code);
-    }
-    return text;
-  } catch (const std::bad_alloc&) {
-    return {};
+void AppendUtf8(std::string& text, char32_t character) {
+  const bool valid =
+      character <= kLastCharacter && !IsHighSurrogate(character) && !IsLowSurrogate(character);
+  const char32_t code = valid ? character : kReplacementCharacter;
+  const auto put = [&text](char32_t byte) { text.push_back(static_cast<char>(byte)); };
+  const auto putTail = [&put, code](unsigned shift) { put(0x80 | (code >> shift & 0x3F)); };
+  if (code < 0x80) {
+    put(code);
+  } else if (code < 0x800) {
+    put(0xC0 | code >> 6), putTail(0);
+  } else if (code < 0x10000) {
+    put(0xE0 | code >> 12), putTail(6), putTail(0);
+  } else {
+    put(0xF0 | code >> 18), putTail(12), putTail(6), putTail(0);
   }
+}
+
+std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes, std::endian order) {
+  const std::size_t units = bytes.size() / 2;
+  const std::size_t low = order == std::endian::little ? 0 : 1;
+  const auto unit = [bytes, low](std::size_t i) -> char32_t {
+    return bytes[2 * i + low] | static_cast<char32_t>(bytes[2 * i + 1 - low]) << 8;
+  };
+  std::string text;
+  text.reserve(units);
+  for (std::size_t i = 0; i < units; ++i) {
+    char32_t character = unit(i);
+    if (IsHighSurrogate(character) && i + 1 < units && IsLowSurrogate(unit(i + 1))) {
+      character = 0x10000 + ((character - 0xD800) << 10) + (unit(++i) - 0xDC00);
+    }
+    AppendUtf8(text, character);
+  }
+  return text;
 }
 
 }  // namespace qixx::runtime

@@ -1,28 +1,51 @@
 // Byte-string primitives and codecs.
 //
-// Everything here works on bytes and folds ASCII letters only; no locale is consulted. A "length"
-// never counts a terminator. A text area is a caller-owned span of bytes that always ends up
-// zero-terminated when its size is not 0. All operations may be called from any thread.
+// Everything here works on bytes and folds ASCII letters only; no locale is consulted. Limits and
+// lengths never count a terminator. All operations may be called from any thread; only
+// std::bad_alloc is thrown.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qixx::runtime {
+
+/// Longest name, path and configured value.
+inline constexpr std::size_t kMaxText = 255;
+/// Longest command line.
+inline constexpr std::size_t kMaxLine = 1023;
 
 /// Size of the fixed areas for names, paths and values, terminator included.
 inline constexpr std::size_t kTextSize = 256;
 /// Size of the area for a whole command line, terminator included.
 inline constexpr std::size_t kLineSize = 1024;
 
-// --- areas ------------------------------------------------------------------------------------
+// --- foreign buffers --------------------------------------------------------------------------
 
-/// The text held in a fixed area: up to its first zero byte, or all of it when there is none.
-[[nodiscard]] std::string_view TextOf(std::span<const char> area);
+/// The text up to its first zero byte, or all of it when there is none.
+[[nodiscard]] constexpr std::string_view UpToZero(std::string_view text) {
+  return text.substr(0, text.find('\0'));
+}
+
+/// The text in a fixed buffer of somebody else's record.
+[[nodiscard]] constexpr std::string_view TextOf(std::span<const char> buffer) {
+  return UpToZero({buffer.data(), buffer.size()});
+}
+
+/// The same memory seen as text, or as bytes.
+[[nodiscard]] inline std::string_view AsText(std::span<const std::uint8_t> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+[[nodiscard]] inline std::span<const std::uint8_t> AsBytes(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
 
 /// Copies `text` up to its first zero byte and cuts it to what the area holds beside the
 /// terminator. The rest of the area is left alone. Returns the copied length.
@@ -31,9 +54,12 @@ std::size_t CopyTextCut(std::span<char> area, std::string_view text);
 /// Copies `text` only when it fits with its terminator; otherwise the area is left untouched.
 [[nodiscard]] bool CopyTextIfFits(std::span<char> area, std::string_view text);
 
-/// Null-safe view: a null pointer is the empty text.
+/// Null-safe view of what a foreign call returned: a null pointer is the empty text.
 [[nodiscard]] inline std::string_view ViewOf(const char* text) {
   return text == nullptr ? std::string_view{} : std::string_view{text};
+}
+[[nodiscard]] inline std::string_view ViewOf(std::string_view text) {
+  return text;
 }
 
 // --- comparison and search --------------------------------------------------------------------
@@ -67,8 +93,10 @@ std::size_t CopyTextCut(std::span<char> area, std::string_view text);
 [[nodiscard]] std::string_view SkipBlanks(std::string_view text);
 [[nodiscard]] std::string_view DropTrailingBlanks(std::string_view text);
 
-/// Field `index` (from 0) of a text split at `separator`. Returns false when there are fewer
-/// fields; a text without separator has one field, also when it is empty.
+/// Field `index` (from 0) of a text split at `separator`; nothing when there are fewer fields. A
+/// text without separator has one field, also when it is empty.
+[[nodiscard]] std::optional<std::string_view> GetField(std::string_view text, std::size_t index,
+                                                       char separator);
 [[nodiscard]] bool GetField(std::string_view text, std::size_t index, char separator,
                             std::string_view& field);
 
@@ -80,7 +108,16 @@ std::size_t CopyTextCut(std::span<char> area, std::string_view text);
 /// As ParseDecimal, or hexadecimal after a leading "0x" in either case; saturates.
 [[nodiscard]] std::uint64_t ParseNumber(std::string_view text);
 
-// --- copies and replacement -------------------------------------------------------------------
+// --- replacement ------------------------------------------------------------------------------
+
+/// Replaces every occurrence of `from`, searching on behind each replacement, so a `to` that holds
+/// `from` is not replaced again. Stops before a result longer than `maxLength`. Nothing happens for
+/// an empty `from` or when both are equal.
+void ReplaceAll(std::string& text, std::string_view from, std::string_view to,
+                std::size_t maxLength);
+/// The same in any letter case of `from`. Returns whether anything was replaced.
+bool ReplaceAllNoCase(std::string& text, std::string_view from, std::string_view to,
+                      std::size_t maxLength);
 
 /// New array copy of `text`, to be freed with delete[]. Returns its length; a null text gives 0 and
 /// a null copy, and so does a failed allocation.
@@ -94,6 +131,21 @@ void ReplaceAll(std::span<char> area, std::string_view from, const char* to);
 bool ReplaceAllNoCase(std::span<char> area, std::string_view from, std::string_view to);
 
 // --- codecs -----------------------------------------------------------------------------------
+
+/// Upper-case hexadecimal, two characters a byte.
+[[nodiscard]] std::string HexEncode(std::span<const std::uint8_t> data);
+/// Drops a leading "0x" (from three characters on) and everything that is no hexadecimal digit,
+/// then reads pairs; a last odd digit is ignored.
+[[nodiscard]] std::vector<std::uint8_t> HexDecode(std::string_view text);
+
+/// Standard base64 (RFC 4648) with padding, without line ends.
+[[nodiscard]] std::string Base64Encode(std::span<const std::uint8_t> data);
+/// Base64 with an LF after every 64 characters and one at the end, also behind no data.
+[[nodiscard]] std::string Base64EncodeLines(std::span<const std::uint8_t> data);
+/// A text that begins with '-' has its first line skipped and ends at the next '-'. Characters
+/// outside the alphabet are dropped; a zero byte or '=' ends the text. Two characters left over
+/// give one byte, three give two, one gives none.
+[[nodiscard]] std::vector<std::uint8_t> Base64Decode(std::string_view text);
 
 /// Upper-case hexadecimal. Returns 2 x the data length, or -1 (nothing written) when that exceeds
 /// the area. A terminator is added only when there is room for it.
@@ -118,9 +170,14 @@ int Base64Decode(std::span<std::uint8_t> out, std::string_view text);
 
 // --- conversions ------------------------------------------------------------------------------
 
-/// UTF-16 little-endian bytes to UTF-8. Surrogate pairs are joined, a lone surrogate becomes
-/// U+FFFD, a last odd byte is dropped. Zero characters are kept as zero bytes.
-[[nodiscard]] std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes);
+/// Appends a character as UTF-8. What is no character (a surrogate, beyond U+10FFFF) becomes
+/// U+FFFD.
+void AppendUtf8(std::string& text, char32_t character);
+
+/// UTF-16 to UTF-8. Surrogate pairs are joined, a lone surrogate becomes U+FFFD, a last odd byte is
+/// dropped. Zero characters are kept as zero bytes.
+[[nodiscard]] std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes,
+                                      std::endian order = std::endian::little);
 
 /// Text is UTF-8 throughout, so the conversions between the local character set and UTF-8 are
 /// copies. They stand at the places where another character set would be converted.

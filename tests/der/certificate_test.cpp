@@ -1,6 +1,8 @@
 #include "der/certificate.h"
 
+#include "der/matching.h"
 #include "der/names.h"
+#include "der/spare_certificate.h"
 #include "tests/support/recipes.h"
 #include "tests/support/trace_capture.h"
 
@@ -30,23 +32,24 @@ TEST(GetLogonValues, FollowsTheNames) {
   }
 }
 
-TEST(GetLogonValues, FillsAreasOfEverySize) {
-  const auto ask = [](const Recipe& recipe, bool required, std::size_t upnSize, std::size_t size) {
-    char upn[16] = "x", subject[16] = "x", serial[16] = "x";
-    const bool found = der::GetLogonValues(BytesOf(recipe.Build()), required, true, upn, upnSize,
-                                           subject, size, serial, size);
-    return std::string(found ? "yes|" : "no|") + upn + "|" + subject + "|" + serial;
+TEST(GetLogonValues, GivesAllOfThemUncut) {
+  const auto ask = [](const std::string& certificate, bool required) {
+    const auto values = der::GetLogonValues(BytesOf(certificate), required, true);
+    return values ? values->upn + "|" + values->subject + "|" + values->serial : "none";
   };
-  EXPECT_EQ(ask({}, true, 15, 16), "yes|ann@example.org|o=Example\\, Inc|2A");
-  EXPECT_EQ(ask({}, true, 3, 2), "yes|ann|o|");
-  EXPECT_EQ(ask({}, true, 0, 2), "no||o|") << "there is a name, but none arrives";
-  EXPECT_EQ(ask({.extensions = ""}, true, 15, 16), "no|||");
+  const std::string number(200, '\x7F');
+  EXPECT_EQ(ask(Recipe{.serial = number}.Build(), true),
+            "ann@example.org|o=Example\\, Inc.,cn=Ann Lee|" + runtime::HexEncode(BytesOf(number)));
+  EXPECT_EQ(ask(Recipe{.subject = Part("c", "DE"), .alternativeNames = ""}.Build(), true),
+            "|c=DE|2A");
+  EXPECT_EQ(ask(Recipe{.extensions = ""}.Build(), true), "||") << "for another purpose";
+  EXPECT_EQ(ask(Recipe{.extensions = ""}.Build(), false).substr(0, 4), "ann@");
+  EXPECT_EQ(ask("\x31", false), "none");
 }
 
 TEST(LoadCertificate, TakesDerAndBase64) {
   const std::string der = Recipe().Build();
-  std::string base64(2 * der.size(), '\0');
-  base64.resize(static_cast<std::size_t>(runtime::Base64Encode(base64, BytesOf(der))));
+  const std::string base64 = runtime::Base64Encode(BytesOf(der));
   const std::string armoured = "-----BEGIN X-----\r\n" + base64 + "\n-----\n" + base64;
   for (const std::string& form : {base64, armoured, der + "behind"}) {
     const der::CertificatePtr holder = der::LoadCertificate(BytesOf(form));
@@ -86,7 +89,7 @@ TEST(CDerCert, Keeps32Extensions) {
   Recipe recipe{.extensions = ""};
   for (int i = 0; i < 32; ++i) recipe.extensions += Extension("1.2.3." + std::to_string(i), "v");
   const der::CertificatePtr holder = Load(recipe);
-  EXPECT_EQ(der::AsText(holder->certificate.FindExtension("1.2.3.31")), "\x04\x01v");
+  EXPECT_EQ(runtime::AsText(holder->certificate.FindExtension("1.2.3.31")), "\x04\x01v");
   EXPECT_EQ(LogonName(holder, false, true), "") << "the 33rd";
 }
 
@@ -98,10 +101,26 @@ TEST(CDerCert, ExpiresByUtcTimeOnly) {
                                            {"1501010000+00", 0x17, false}}) {
     const der::CertificatePtr holder = Load({.notAfter = Der(tag, time)});
     EXPECT_EQ(holder->certificate.IsExpired(), expired) << time;
-    char notBefore[15] = "x", notAfter[15] = "x";
-    holder->certificate.CopyValidity(notBefore, notAfter);
-    EXPECT_STREQ(notBefore, tag == 0x17 ? "200101000000Z" : "") << "both or neither";
   }
+}
+
+TEST(CDerCert, GivesBothTimesOrNone) {
+  const std::string longest(31, '1');
+  for (const auto& [time, expected] :
+       {std::pair("991231235959Z", "200101000000Z 991231235959Z"), {"", " "}}) {
+    const der::Validity validity = Load({.notAfter = Der(0x17, time)})->certificate.GetValidity();
+    EXPECT_EQ(validity.notBefore + " " + validity.notAfter, expected);
+  }
+  EXPECT_EQ(Load({.notAfter = Der(0x18, longest)})->certificate.GetValidity().notAfter, longest);
+  EXPECT_EQ(Load({.notAfter = Der(0x18, longest + "1")})->certificate.GetValidity().notBefore, "");
+}
+
+TEST(CertificateHolder, KeepsIdentifiersOfUpTo64Bytes) {
+  const std::vector<std::uint8_t> longest(64, 7), tooLong(65, 8);
+  der::CertificateHolder holder;
+  holder.SetKeyIdentifier(longest);
+  holder.SetKeyIdentifier(tooLong);
+  EXPECT_EQ(holder.keyIdentifier, longest);
 }
 
 TEST(MatchCertificate, EveryGivenThingMustHold) {

@@ -28,17 +28,15 @@ const Row kRows[] = {
 /// What we read, in the words of openssl.
 std::string Ours(const der::CertificateHolder& holder) {
   std::string_view subject = der::GetSubjectText(holder);
-  std::string text = "subject=\n", key, value;
-  while (der::NextNameComponent(subject, key, value)) {
-    const std::string_view dotted = der::DottedAttributeName(key);
-    text.append("    ").append(dotted.empty() ? key : dotted).append("=" + value + "\n");
+  std::string text = "subject=\n";
+  while (const std::optional<der::NameComponent> next = der::NextNameComponent(subject)) {
+    const std::string_view dotted = der::DottedAttributeName(next->key);
+    text.append("    ").append(dotted.empty() ? next->key : dotted);
+    text.append("=" + next->value + "\n");
   }
-  char notBefore[32], notAfter[32];
-  holder.certificate.CopyValidity(notBefore, notAfter);
-  char serial[64] = {};
-  runtime::HexEncode(der::GetSerialNumber(holder), serial);
-  return text + "serial=" + serial + "\nnotBefore=20" + notBefore + "\nnotAfter=20" + notAfter +
-         "\n";
+  const auto [notBefore, notAfter] = holder.certificate.GetValidity();
+  return text + "serial=" + runtime::HexEncode(der::GetSerialNumber(holder)) + "\nnotBefore=20" +
+         notBefore + "\nnotAfter=20" + notAfter + "\n";
 }
 
 TEST(Openssl, AgreesOnWhatACertificateSays) {

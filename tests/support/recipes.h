@@ -3,24 +3,22 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <string>
 #include <string_view>
 
 #include "der/certificate.h"
+#include "der/logon_values.h"
+#include "der/spare_encoder.h"
 #include "runtime/text.h"
 
 namespace qixx::testing {
 
 inline der::Bytes BytesOf(std::string_view text) {
-  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+  return runtime::AsBytes(text);
 }
 
 inline std::string FromHex(std::string_view hex) {
-  std::string bytes(hex.size(), '\0');
-  const int length =
-      runtime::HexDecode(hex, {reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size()});
-  return bytes.substr(0, static_cast<std::size_t>(length));
+  return std::string(runtime::AsText(runtime::HexDecode(hex)));
 }
 
 /// An element of definite length.
@@ -36,10 +34,9 @@ inline std::string Open(int tag, const std::string& content) {
 }
 
 inline std::string Oid(std::string_view dotted) {
-  std::array<std::uint8_t, 64> out{};
-  std::size_t length = 0;
-  EXPECT_EQ(der::EncodeOid(dotted, out, length), der::kDerOk) << dotted;
-  return {out.begin(), out.begin() + static_cast<std::ptrdiff_t>(length)};
+  const der::EncodedOid oid = der::EncodeOid(dotted, 64);
+  EXPECT_EQ(oid.result, der::DerResult::kOk) << dotted;
+  return {oid.element.begin(), oid.element.end()};
 }
 
 /// A relative name of one attribute.
@@ -81,12 +78,9 @@ struct Recipe {
 };
 
 /// The name that a certificate logs on with; empty when there is none.
-inline std::string LogonName(const der::CertificatePtr& holder, bool required,
-                                    bool emailAllowed) {
-  std::string name;
-  if (holder != nullptr)
-    static_cast<void>(der::GetLogonName(*holder, required, emailAllowed, name));
-  return name;
+inline std::string LogonName(const der::CertificatePtr& holder, bool required, bool emailAllowed) {
+  if (holder == nullptr) return {};
+  return der::GetLogonName(*holder, required, emailAllowed).value_or(std::string());
 }
 
 }  // namespace qixx::testing
