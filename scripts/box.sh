@@ -13,17 +13,17 @@
 #
 # There is one box at a time. The roots are kept, packed, in $QIXX_BOX_CACHE (else ~/.cache/qixxwatch), one for
 # each suite and list of packages; remove that folder to have them made anew. A script with an EXIT trap of its
-# own calls box_end there.
+# own calls box_exit there.
 
 box_cache=${QIXX_BOX_CACHE:-${XDG_CACHE_HOME:-${HOME:-${TMPDIR:-/tmp}}/.cache}/qixxwatch}
-box_folder="" box_root="" box_leader="" box_group=""
+box_folder="" box_root="" box_outer="" box_leader="" box_group=""
 box_binds=()
 # Nothing of the caller's own environment reaches a box.
 box_environment=(env -i HOME=/root LANG=C.UTF-8 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
   TERM="${TERM:-dumb}" DEBIAN_FRONTEND=noninteractive)
 
 # Also after Ctrl-C and SIGTERM. A handler for these would only come to its turn when the running command has ended.
-trap box_end EXIT
+trap box_exit EXIT
 
 box_need() {
   [ "$(id -u)" -eq 0 ] ||
@@ -148,10 +148,10 @@ box_boot() {
     box_enter
     exec env -i container=box /lib/systemd/systemd --system systemd.unit=multi-user.target' sh \
     "$box_root" "${box_binds[@]}" -- >"$box_folder/console.txt" 2>&1 </dev/null &
-  local outer=$!
+  box_outer=$!
   while :; do
-    kill -0 "$outer" 2>/dev/null || fail "systemd did not start: $(tail -n 5 "$box_folder/console.txt")"
-    box_leader=$(cat "/proc/$outer/task/$outer/children" 2>/dev/null || true) && box_leader=${box_leader% }
+    kill -0 "$box_outer" 2>/dev/null || fail "systemd did not start: $(tail -n 5 "$box_folder/console.txt")"
+    box_leader=$(cat "/proc/$box_outer/task/$box_outer/children" 2>/dev/null || true) && box_leader=${box_leader% }
     state=
     # Entered before it has moved to its own root, a command would run on this machine.
     if [ -n "$box_leader" ] && [ "$(readlink "/proc/$box_leader/exe")" = /usr/lib/systemd/systemd ]; then
@@ -167,12 +167,26 @@ box_in() {
   nsenter -t "$box_leader" -a "${box_environment[@]}" "$@"
 }
 
+# A command that still runs, as when the script alone was sent SIGTERM, would go on writing into the root.
+box_exit() {
+  local child
+  trap '' INT TERM HUP
+  {
+    # unshare holds SIGTERM back while what it started runs; that dies with it.
+    [ -z "$box_outer" ] || kill -KILL "$box_outer" || true
+    for child in $(cat "/proc/$$/task/$$/children"); do kill "$child" || true; done
+    wait || true
+  } 2>/dev/null # where bash would report each
+  box_end
+}
+
 box_end() {
+  trap '' INT TERM HUP # once begun, it goes on to its end
   if [ -n "$box_leader" ]; then
     # The end of its first process is the end of all the others.
     kill -KILL "$box_leader" 2>/dev/null || true
     wait 2>/dev/null || true
-    box_leader=
+    box_leader="" box_outer=""
   fi
   if [ -n "$box_group" ]; then
     # shellcheck disable=SC2016 # for the inner shell
@@ -182,4 +196,5 @@ box_end() {
   fi
   [ -z "$box_folder" ] || rm -rf --one-file-system "$box_folder"
   box_folder="" box_root="" box_binds=()
+  trap - INT TERM HUP
 }
