@@ -31,7 +31,7 @@ void TraceLine(benchmark::State& state) {
   runtime::TraceSetFile(folder.Path("trace.log").c_str());
   for (auto _ : state)
     runtime::TraceWrite("Watch - Execute %s command: %s", "insert", "/usr/bin/true");
-  runtime::TraceSetFile(nullptr);
+  runtime::TraceSetFile("");
 }
 BENCHMARK(TraceLine);
 

@@ -20,7 +20,7 @@ struct StoreTemplate {
   CK_OBJECT_CLASS objectClass = CKO_DATA;
   CK_BBOOL onToken = CK_TRUE;
   CK_BBOOL isPrivate = CK_FALSE;
-  std::string application = runtime::Product().name;
+  std::string application{runtime::Product().name};
 
   std::array<CK_ATTRIBUTE, 6> Attributes(std::string& value) {
     return {{{CKA_CLASS, &objectClass, sizeof objectClass},

@@ -2,12 +2,12 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
+#include <vector>
 
 #include "fuzz/fuzz.h"
-#include "runtime/files.h"
 #include "runtime/process.h"
+#include "runtime/product.h"
 #include "runtime/secrets.h"
 #include "watch/options.h"
 
@@ -30,11 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const char* field : {record.program, record.match, record.rest, record.section}) {
     if (std::memchr(field, 0, runtime::kTextSize) == nullptr) std::abort();
   }
-  std::size_t count = 0;
-  char** vector = runtime::SplitArguments(first.c_str(), second.c_str(), count);
-  if (vector != nullptr && vector[count] != nullptr) std::abort();
-  runtime::FreeArguments(vector);
-  const std::unique_ptr<char[]> masked(runtime::MaskSecrets(second.c_str()));
-  if (masked != nullptr && std::strlen(masked.get()) != std::strlen(second.c_str())) std::abort();
+  const std::vector<std::string> entries = runtime::SplitArguments(first, second);
+  if (!first.empty() && entries.front() != first) std::abort();
+  if (runtime::MaskSecrets(second).size() != second.size()) std::abort();
   return 0;
 }

@@ -14,7 +14,8 @@
 #include "config/file.h"
 #include "config/store.h"
 #include "fuzz/fuzz.h"
-#include "runtime/files.h"
+#include "runtime/spare_files.h"
+#include "runtime/text.h"
 
 namespace {
 
@@ -119,7 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (int number = 0; number < kOperations && input.Byte() != 0; ++number) {
     for (int line = 0; line < 3; ++line) static_cast<void>(input.Line());
   }
-  if (!runtime::WriteWholeFile(input.RestBytes(), path.c_str())) std::abort();
+  if (!runtime::WriteWholeFile(path, runtime::AsText(input.RestBytes()))) std::abort();
 
   {
     config::CConfigFile file;

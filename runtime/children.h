@@ -9,19 +9,43 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <list>
 
 namespace qixx::runtime {
 
-inline constexpr std::size_t kKeptStatuses = 256;
+inline constexpr std::size_t kMaxKeptStatuses = 256;
 
-void RegisterChild(pid_t child);
+/// What is known of a child.
+struct Child {
+  pid_t id = 0;
+  bool ended = false;
+  bool marked = false;  ///< registered by a thread that had a ChildMark
+  int status = 0;       ///< of an ended child
+};
+
+/// A child's place in the list. It is made before the fork, so that memory can run out no later.
+class ChildPlace {
+ public:
+  ChildPlace();
+  /// Puts the child into the list; once. An older child of the same id is forgotten: it has ended,
+  /// and the system has given its id away once more.
+  void Register(pid_t child) noexcept;
+
+ private:
+  std::list<Child> place_;
+};
+
 /// Reaps the ended ones among the registered children, without blocking and without a trace line.
-/// The statuses of the latest kKeptStatuses of them are kept.
+/// The statuses of the latest kMaxKeptStatuses of them are kept.
 void ReapChildren();
-/// Asks for a child's state without blocking, as waitpid does: its id when it has ended (the status
-/// is filled), 0 while it runs, -1 when there is no such child or the id is not positive. An ended
-/// child is forgotten. A child that is not registered is asked for as well.
-pid_t CheckChild(pid_t child, int& status);
+/// What waitpid tells of a child.
+struct ChildState {
+  pid_t result = -1;  ///< its id when it has ended, 0 while it runs, -1 when there is none
+  int status = 0;     ///< of an ended child
+};
+/// Asks for a child without blocking. An ended child is forgotten. A child that is not registered
+/// is asked for as well; an id that is not positive is no child.
+[[nodiscard]] ChildState CheckChild(pid_t child);
 
 /// Marks the children that the calling thread registers while it lives. Not to be nested.
 class ChildMark {

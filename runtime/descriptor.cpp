@@ -7,28 +7,16 @@
 #include <utility>
 
 namespace qixx::runtime {
+namespace {
 
-bool Descriptor::Close() {
-  return IsOpen() && ::close(Release()) == 0;
-}
+constexpr std::size_t kReadStep = 65536;
+constexpr std::size_t kCopyBlock = 256;
 
-int Descriptor::Release() {
-  return std::exchange(number_, -1);
-}
-
-Descriptor OpenRegular(const char* path, int flags, struct stat& status, mode_t mode) {
-  if (path == nullptr) return Descriptor(-1);
-  Descriptor file(::open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode));
-  const bool regular =
-      file.IsOpen() && ::fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode);
-  if (!regular) file.Close();
-  return file;
-}
-
-ssize_t ReadFully(const Descriptor& file, std::span<std::uint8_t> area) {
+/// Reads until the buffer is full or the file ends. Returns the count, negative after an error.
+ssize_t ReadFully(const Descriptor& file, char* buffer, std::size_t size) {
   std::size_t done = 0;
-  while (done < area.size()) {
-    const ssize_t got = ::read(file.Get(), area.data() + done, area.size() - done);
+  while (done < size) {
+    const ssize_t got = ::read(file.Get(), buffer + done, size - done);
     if (got == 0) break;
     if (got > 0) {
       done += static_cast<std::size_t>(got);
@@ -39,16 +27,76 @@ ssize_t ReadFully(const Descriptor& file, std::span<std::uint8_t> area) {
   return static_cast<ssize_t>(done);
 }
 
-bool WriteFully(const Descriptor& file, std::span<const std::uint8_t> data) {
+}  // namespace
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+  if (this != &other) {
+    Close();
+    number_ = other.Release();
+  }
+  return *this;
+}
+
+bool Descriptor::Close() {
+  return IsOpen() && ::close(Release()) == 0;
+}
+
+int Descriptor::Release() {
+  return std::exchange(number_, -1);
+}
+
+Descriptor OpenRegular(const std::string& path, int flags, mode_t mode) {
+  Descriptor file(::open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode));
+  if (!S_ISREG(StatusOf(file).st_mode)) file.Close();
+  return file;
+}
+
+struct stat StatusOf(const Descriptor& file) {
+  struct stat status {};
+  if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) status = {};
+  return status;
+}
+
+std::optional<std::string> ReadToEnd(const Descriptor& file, std::size_t maxLength) {
+  const auto reported = static_cast<std::size_t>(StatusOf(file).st_size);
+  if (reported > maxLength) return std::nullopt;
+  // The first step takes in the reported size, and one read more shows the end of the file. What
+  // has no size (a file of /proc) or grows meanwhile is followed step by step.
+  std::string content;
+  std::size_t step = reported / kReadStep * kReadStep + kReadStep;
+  for (;;) {
+    const std::size_t used = content.size();
+    content.resize(used + step);
+    const ssize_t got = ReadFully(file, content.data() + used, step);
+    if (got < 0) return std::nullopt;
+    content.resize(used + static_cast<std::size_t>(got));
+    if (content.size() > maxLength) return std::nullopt;
+    if (static_cast<std::size_t>(got) < step) return content;
+    step = kReadStep;
+  }
+}
+
+bool WriteFully(const Descriptor& file, std::string_view data) {
   while (!data.empty()) {
     const ssize_t put = ::write(file.Get(), data.data(), data.size());
     if (put > 0) {
-      data = data.subspan(static_cast<std::size_t>(put));
+      data.remove_prefix(static_cast<std::size_t>(put));
     } else if (put == 0 || errno != EINTR) {
       return false;
     }
   }
   return true;
+}
+
+bool CopyContent(const Descriptor& from, const Descriptor& to) {
+  char block[kCopyBlock];
+  off_t copied = 0;
+  ssize_t got = 0;
+  while ((got = ReadFully(from, block, sizeof block)) > 0) {
+    if (!WriteFully(to, {block, static_cast<std::size_t>(got)})) break;
+    copied += got;
+  }
+  return ::ftruncate(to.Get(), copied) == 0 && got == 0;
 }
 
 }  // namespace qixx::runtime

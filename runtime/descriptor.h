@@ -1,45 +1,54 @@
 // File descriptors, and reading and writing regular files through them.
 //
-// Nothing is thrown, and no call blocks in an open. All functions may be called from any thread; a
-// Descriptor belongs to one at a time.
+// No call blocks in an open. All functions may be called from any thread; a Descriptor belongs to
+// one at a time. Only std::bad_alloc is thrown.
 #pragma once
 
 #include <sys/stat.h>
 #include <sys/types.h>
 
-#include <cstdint>
-#include <span>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
 
 namespace qixx::runtime {
 
 /// A file descriptor that closes itself; negative for none.
 class Descriptor {
  public:
+  Descriptor() = default;
   explicit Descriptor(int number) : number_(number) {}
   ~Descriptor() { Close(); }
   Descriptor(Descriptor&& other) noexcept : number_(other.Release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept;
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
-  Descriptor& operator=(Descriptor&&) = delete;
 
   [[nodiscard]] bool IsOpen() const { return number_ >= 0; }
   [[nodiscard]] int Get() const { return number_; }
   /// False when the system reports a write that failed late, and when none is open.
   bool Close();
+  /// Hands the descriptor over to the caller, who closes it from now on.
+  [[nodiscard]] int Release();
 
  private:
-  int Release();
-  int number_;
+  int number_ = -1;
 };
 
-/// Opens a regular file and nothing else, close-on-exec, and fills `status`. A pipe or a device is
-/// not waited for, nor touched further. `mode` is for a file that O_CREAT makes. Not open on any
-/// failure; a null path is one.
-[[nodiscard]] Descriptor OpenRegular(const char* path, int flags, struct stat& status,
-                                     mode_t mode = 0);
-/// Reads until `area` is full or the file ends. Returns the count, negative after an error.
-[[nodiscard]] ssize_t ReadFully(const Descriptor& file, std::span<std::uint8_t> area);
+/// Opens a regular file and nothing else, close-on-exec. A pipe or a device is not waited for, nor
+/// touched further. `mode` is for a file that O_CREAT makes. Not open on any failure.
+[[nodiscard]] Descriptor OpenRegular(const std::string& path, int flags, mode_t mode = 0);
+/// What the system knows of an open file; all zero when there is none.
+[[nodiscard]] struct stat StatusOf(const Descriptor& file);
+
+/// All that can be read from here to the end of the file. Nothing after an error, and when there is
+/// more than `maxLength`.
+[[nodiscard]] std::optional<std::string> ReadToEnd(const Descriptor& file, std::size_t maxLength);
 /// False when not all could be written.
-bool WriteFully(const Descriptor& file, std::span<const std::uint8_t> data);
+bool WriteFully(const Descriptor& file, std::string_view data);
+/// Writes the whole rest of `from` over `to` and cuts `to` to what was written, so that a file
+/// copied onto itself stays as it is. False when it is not complete.
+bool CopyContent(const Descriptor& from, const Descriptor& to);
 
 }  // namespace qixx::runtime

@@ -2,16 +2,11 @@
 
 #include <dlfcn.h>
 
-#include <bit>
-#include <cstdint>
-#include <cstdio>
 #include <memory>
-#include <new>
-#include <string>
-#include <string_view>
+#include <utility>
 
-#include "runtime/files.h"
-#include "runtime/lasting.h"
+#include "runtime/no_destructor.h"
+#include "runtime/product.h"
 #include "runtime/secrets.h"
 #include "runtime/settings.h"
 #include "runtime/sync.h"
@@ -23,220 +18,162 @@ namespace {
 constexpr const char* kDefaultDirectory = "/usr/lib/";
 constexpr const char* kAdminEntry = "EntryAdmin";
 
-/// Empty while not known.
-constinit char installDirectory[kTextSize] = "";
-constinit char libraryDirectory[kTextSize] = "";
-
-/// Held while a directory is filled: a command on a thread of its own may be the first to ask.
-/// In static storage and never destroyed, because such a thread may outlive the static destructors.
-CCritical& DirectoryLock() {
-  static Lasting<CCritical> lock;
-  return *lock;
-}
-
-/// Stands for a load that was tried and failed.
-LibraryHandle FailedHandle() {
-  return std::bit_cast<LibraryHandle>(~std::uintptr_t{0});
-}
-
-void AppendSlash(std::span<char> directory) {
-  const std::size_t length = TextOf(directory).size();
-  if (length == 0 || directory[length - 1] == '/' || length + 1 >= directory.size()) return;
-  directory[length] = '/';
-  directory[length + 1] = '\0';
-}
-
-void ReadInstallDirectory(RuntimeSettings& settings, std::span<char> directory) {
-  if (settings.Open(SettingsScope::kSystemOnly)) {
-    (void)settings.GetText("Install", "Directory", directory);
-    settings.Close();
-  }
-  if (directory[0] == '\0') CopyTextCut(directory, kDefaultDirectory);
-  AppendSlash(directory);
-}
-
-LibraryHandle OpenNoting(const std::string& name, std::span<char> path) {
-  const LibraryHandle library = OpenLibrary(name.c_str());
-  if (library != nullptr) CopyTextCut(path, name);
-  return library;
-}
-
-/// An open library for a scope.
-class ScopedLibrary {
- public:
-  explicit ScopedLibrary(const char* path) : handle_(OpenLibrary(path)) {}
-  ~ScopedLibrary() { CloseLibrary(handle_); }
-  ScopedLibrary(const ScopedLibrary&) = delete;
-  ScopedLibrary& operator=(const ScopedLibrary&) = delete;
-
-  [[nodiscard]] bool IsOpen() const { return handle_ != nullptr; }
-  /// Calls the function with a copy of the arguments that it may keep for the call or write to.
-  /// False when there is no such function, or it threw.
-  bool Call(const char* function, const char* arguments, int& result) const {
-    char* copied = nullptr;
-    Duplicate(arguments == nullptr ? "" : arguments, copied);
-    const std::unique_ptr<char[]> copy(copied);
-    const auto entry = reinterpret_cast<ExternalEntry>(FindSymbol(handle_, function));
-    if (entry == nullptr || copy == nullptr) return false;
-    return CallLibrary([&] { result = entry(0, handle_, copy.get(), 0); });
-  }
-
- private:
-  LibraryHandle handle_;
+/// The directories of the search; empty while not known.
+struct Directories {
+  CCritical lock;
+  std::string install;
+  std::string library;
 };
 
-/// Writes a terminator over a separator and puts the separator back at the end of the scope.
-class ScopedCut {
- public:
-  explicit ScopedCut(char* place) : place_(place), separator_(*place) { *place_ = '\0'; }
-  ~ScopedCut() { *place_ = separator_; }
-  ScopedCut(const ScopedCut&) = delete;
-  ScopedCut& operator=(const ScopedCut&) = delete;
+/// Filled on first use, by whichever thread asks first. Never destroyed, because a command on a
+/// thread of its own may outlive the static destructors.
+Directories& KnownDirectories() {
+  static NoDestructor<Directories> directories;
+  return *directories;
+}
 
- private:
-  char* place_;
-  char separator_;
-};
+/// The directory with a '/' at its end, where that is not too long.
+std::string WithSlash(std::string directory) {
+  if (!directory.ends_with('/') && directory.size() < kMaxText) directory.push_back('/');
+  return directory;
+}
 
-bool SplitAndCall(char* text) {
-  const std::string_view whole = ViewOf(text);
-  const std::size_t comma = FindChar(whole, ',');
+std::string ReadInstallDirectory() {
+  std::string directory;
+  if (const auto settings = OpenSettings(SettingsScope::kSystemOnly)) {
+    directory = settings->GetText("Install", "Directory").value_or("");
+  }
+  return directory.empty() ? kDefaultDirectory : WithSlash(std::move(directory));
+}
+
+/// Calls an entry point with a copy of the arguments that it may write to. Nothing when there is no
+/// such function, or it threw.
+std::optional<int> CallEntry(const SharedLibrary& library, const std::string& function,
+                             std::string_view arguments) {
+  std::string copy(arguments);
+  const auto entry = library.FindSymbol<ExternalEntry>(function);
+  if (entry == nullptr) return std::nullopt;
+  int result = 0;
+  if (!CallLibrary([&] { result = entry(0, library.Get(), copy.c_str(), 0); })) return std::nullopt;
+  return result;
+}
+
+bool SplitAndCall(std::string_view text) {
+  const std::size_t comma = text.find(',');
   if (comma == std::string_view::npos) return false;
-  const std::size_t blank = whole.find(' ', comma);
+  const std::size_t blank = text.find(' ', comma);
   if (blank == std::string_view::npos) return false;
 
-  const ScopedCut behindPath(text + comma);
-  const ScopedCut behindFunction(text + blank);
-  const ScopedLibrary library(text);
+  const std::string path(text.substr(0, comma));
+  const std::string function(text.substr(comma + 1, blank - comma - 1));
+  const SharedLibrary library = OpenLibrary(path);
   if (!library.IsOpen()) {
-    TraceWrite("Helper - Failed to load '%s'", MaskedText(text).Text());
+    TraceWrite("Helper - Failed to load '%s'", MaskedText(path).Text());
     return false;
   }
-  int ignored = 0;
-  return library.Call(text + comma + 1, text + blank + 1, ignored);
+  return CallEntry(library, function, text.substr(blank + 1)).has_value();
 }
-
-CLibrary processLibrary;
 
 }  // namespace
 
-LibraryHandle OpenLibrary(const char* path) {
-  return ViewOf(path).empty() ? nullptr : ::dlopen(path, RTLD_NOW | RTLD_GLOBAL);
-}
-
-LibraryHandle LoadLibrarySearch(const char* name, std::span<char> path) {
-  if (ViewOf(name).empty()) return nullptr;
-  try {
-    LibraryHandle library = OpenNoting(name, path);
-    if (library == nullptr) library = OpenNoting(std::string(InstallDirectory()) + name, path);
-    if (library == nullptr) library = OpenNoting(std::string(LibraryDirectory()) + name, path);
-    return library;
-  } catch (const std::bad_alloc&) {
-    return nullptr;
+SharedLibrary& SharedLibrary::operator=(SharedLibrary&& other) noexcept {
+  if (this != &other) {
+    Close();
+    handle_ = other.Release();
   }
+  return *this;
 }
 
-void CloseLibrary(LibraryHandle library) {
-  if (library != nullptr) ::dlclose(library);
+void SharedLibrary::Close() {
+  if (IsOpen()) ::dlclose(Release());
 }
 
-void* FindSymbol(LibraryHandle library, const char* symbol) {
+LibraryHandle SharedLibrary::Release() {
+  return std::exchange(handle_, nullptr);
+}
+
+void* SharedLibrary::FindAddress(const std::string& name) const {
   // A null handle would search the program itself.
-  if (library == nullptr || ViewOf(symbol).empty()) return nullptr;
-  return ::dlsym(library, symbol);
+  return IsOpen() && !name.empty() ? ::dlsym(handle_, name.c_str()) : nullptr;
 }
 
-const char* InstallDirectory() {
-  const CriticalScope hold(&DirectoryLock());
-  if (installDirectory[0] != '\0') return installDirectory;
-  RuntimeSettings* const settings = GetRuntimeSettings();
-  if (settings == nullptr || ViewOf(Product().prefix).empty()) return kDefaultDirectory;
-  char directory[kTextSize] = "";
-  ReadInstallDirectory(*settings, directory);
-  CopyTextCut(installDirectory, TextOf(directory));
-  return installDirectory;
+SharedLibrary OpenLibrary(const std::string& path) {
+  return SharedLibrary(path.empty() ? nullptr : ::dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL));
 }
 
-const char* LibraryDirectory() {
-  const CriticalScope hold(&DirectoryLock());
-  if (libraryDirectory[0] == '\0') SetLibraryDirectory(nullptr);
-  return libraryDirectory;
-}
-
-void SetLibraryDirectory(const char* directory) {
-  const std::string_view wanted = ViewOf(directory);
-  if (!CopyTextIfFits(libraryDirectory, wanted.empty() ? kDefaultDirectory : wanted)) return;
-  AppendSlash(libraryDirectory);
-}
-
-CLibrary::~CLibrary() {
-  CLibrary::Unload();
-}
-
-bool CLibrary::IsOpen() const {
-  return handle_ != nullptr && handle_ != FailedHandle();
-}
-
-bool CLibrary::Open(const char* name) {
-  handle_ = LoadLibrarySearch(name, path_);
-  if (handle_ == nullptr) {
-    handle_ = FailedHandle();
-    return false;
+std::optional<FoundLibrary> LoadLibrarySearch(const std::string& name) {
+  if (name.empty()) return std::nullopt;
+  std::string path = name;
+  SharedLibrary library = OpenLibrary(path);
+  // The directories are asked for only when they are needed, for the configuration may be read.
+  for (const auto directory : {InstallDirectory, LibraryDirectory}) {
+    if (library.IsOpen()) break;
+    path = directory() + name;
+    library = OpenLibrary(path);
   }
-  TraceWrite("Helper - Loaded '%s'", path_);
-  return true;
+  if (!library.IsOpen()) return std::nullopt;
+  if (path.size() > kMaxText) path.resize(kMaxText);
+  return FoundLibrary{.library = std::move(library), .path = std::move(path)};
 }
 
-bool CLibrary::Load(const char* name) {
-  if (handle_ != nullptr) return IsOpen();
-  if (Open(name)) return true;
-  TraceWrite("Helper - Failed to load '%s'", name);
-  return false;
-}
-
-bool CLibrary::LoadComponent(const char* component) {
-  if (handle_ != nullptr) return IsOpen();
-  char name[kTextSize];
-  const int length = std::snprintf(name, sizeof name, "%sx%s.so", Product().prefix,
-                                   component == nullptr ? "" : component);
-  const bool fits = length > 0 && static_cast<std::size_t>(length) < sizeof name;
-  if (Open(fits ? name : "")) return true;
-  TraceWrite("Helper - Component '%s' not available", component);
-  return false;
-}
-
-void CLibrary::Unload() {
-  if (IsOpen()) {
-    CloseLibrary(handle_);
-    TraceWrite("Helper - Unloaded '%s'", path_);
+std::string InstallDirectory() {
+  Directories& known = KnownDirectories();
+  const CriticalScope hold(&known.lock);
+  if (known.install.empty()) {
+    if (!HasSettingsSource() || Product().prefix.empty()) return kDefaultDirectory;
+    known.install = ReadInstallDirectory();
   }
-  handle_ = nullptr;
+  return known.install;
 }
 
-bool CLibrary::IsLoaded() const {
-  return handle_ != nullptr;
+std::string LibraryDirectory() {
+  Directories& known = KnownDirectories();
+  const CriticalScope hold(&known.lock);
+  if (known.library.empty()) known.library = kDefaultDirectory;
+  return known.library;
 }
 
-void* CLibrary::GetProc(const char* symbol) const {
-  return IsOpen() ? FindSymbol(handle_, symbol) : nullptr;
+void SetLibraryDirectory(std::string_view directory) {
+  if (directory.size() > kMaxText) return;
+  Directories& known = KnownDirectories();
+  const CriticalScope hold(&known.lock);
+  known.library = directory.empty() ? kDefaultDirectory : WithSlash(std::string(directory));
 }
 
-CLibrary& ProcessLibrary() {
-  return processLibrary;
-}
-
-bool CallExternal(char* text) {
+bool CallExternal(std::string_view text) {
   TraceWrite("Helper - Call external ...");
   const bool called = SplitAndCall(text);
   TraceWrite("Helper - Call external ... %s", called ? "OK" : "FAILED");
   return called;
 }
 
-int CallAdminEntry(const char* arguments) {
-  int result = -1;
-  const ScopedLibrary library(Product().mainLibrary);
-  if (library.IsOpen()) library.Call(kAdminEntry, arguments, result);
-  return result;
+int CallAdminEntry(std::string_view arguments) {
+  const SharedLibrary library = OpenLibrary(std::string(Product().mainLibrary));
+  return CallEntry(library, kAdminEntry, arguments).value_or(-1);
+}
+
+// --- former forms -----------------------------------------------------------------------------
+
+LibraryHandle OpenLibrary(const char* path) {
+  return OpenLibrary(std::string(ViewOf(path))).Release();
+}
+
+LibraryHandle LoadLibrarySearch(const char* name, std::span<char> path) {
+  std::optional<FoundLibrary> found = LoadLibrarySearch(std::string(ViewOf(name)));
+  if (!found) return nullptr;
+  CopyTextCut(path, found->path);
+  return found->library.Release();
+}
+
+void CloseLibrary(LibraryHandle library) {
+  SharedLibrary(library).Close();
+}
+
+void* FindSymbol(LibraryHandle library, const char* symbol) {
+  SharedLibrary borrowed(library);
+  void* const found = borrowed.FindSymbol<void*>(std::string(ViewOf(symbol)));
+  (void)borrowed.Release();
+  return found;
 }
 
 }  // namespace qixx::runtime

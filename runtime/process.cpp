@@ -5,19 +5,14 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstdio>
-#include <ctime>
-#include <memory>
-#include <new>
-#include <string_view>
+#include <optional>
 
 #include "runtime/children.h"
-#include "runtime/files.h"
+#include "runtime/clock.h"
 #include "runtime/loader.h"
+#include "runtime/product.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -30,18 +25,16 @@ constexpr std::size_t kShortestUnquoted = 4;
 
 constexpr std::int64_t kWaitBriefly = 1;
 constexpr std::int64_t kBriefPolls = 10;
-constexpr long kBriefPause = 99;  // milliseconds
-constexpr long kLongPause = 999;  // milliseconds
-constexpr long kStartPause = 99;  // milliseconds
+constexpr std::int64_t kBriefPause = 99;  // milliseconds
+constexpr std::int64_t kLongPause = 999;  // milliseconds
+constexpr std::int64_t kStartPause = 99;  // milliseconds
+
+constexpr int kEndTests = 10;
+constexpr std::int64_t kEndPause = 333;  // milliseconds
 
 constexpr mode_t kOutputMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
 
 // --- splitting --------------------------------------------------------------------------------
-
-struct VectorDeleter {
-  void operator()(char** vector) const { FreeArguments(vector); }
-};
-using ArgumentVector = std::unique_ptr<char*[], VectorDeleter>;
 
 /// Where a token stands in its line, the quotes that it loses left out.
 struct Token {
@@ -49,93 +42,74 @@ struct Token {
   std::size_t length = 0;
 };
 
-/// Finds the token at or behind `at` and moves `at` behind it; false when only blanks are left.
-bool NextToken(std::string_view line, std::size_t& at, Token& token) {
+/// The token at or behind `at`, which moves behind it; nothing when only blanks are left.
+std::optional<Token> NextToken(std::string_view line, std::size_t& at) {
   const std::size_t begin = line.find_first_not_of(' ', at);
-  if (begin == std::string_view::npos) return false;
+  if (begin == std::string_view::npos) return std::nullopt;
   const bool quoted = line[begin] == '"';
-  std::size_t end = line.find(quoted ? '"' : ' ', begin + 1);
-  if (end == std::string_view::npos) {
-    end = line.size();
-  } else if (quoted) {
-    ++end;
-  }
-  at = end;
+  const std::size_t stop = line.find(quoted ? '"' : ' ', begin + 1);
+  const bool closed = stop != std::string_view::npos;
+  at = closed ? stop + (quoted ? 1 : 0) : line.size();
 
-  const std::string_view whole = line.substr(begin, end - begin);
+  const std::string_view whole = line.substr(begin, at - begin);
   // A quoted option keeps its quotes, as intended: the programs of the suite look for them.
   const bool unquote =
       quoted && whole.size() >= kShortestUnquoted && whole.back() == '"' && whole[1] != '-';
-  token = unquote ? Token{begin + 1, whole.size() - 2} : Token{begin, whole.size()};
-  return true;
+  return unquote ? Token{begin + 1, whole.size() - 2} : Token{begin, whole.size()};
 }
 
-std::size_t CountTokens(std::string_view line) {
-  std::size_t count = 0;
+/// The program and what stands in `content` at the places of the tokens of `line`, a text of the
+/// same length.
+std::vector<std::string> SplitAlike(std::string_view program, std::string_view line,
+                                    std::string_view content) {
+  std::vector<std::string> entries;
+  if (!program.empty()) entries.emplace_back(program);
   std::size_t at = 0;
-  for (Token token; NextToken(line, at, token);) ++count;
-  return count;
-}
-
-bool Append(char** vector, std::size_t& count, std::string_view text) {
-  char* const copy = new (std::nothrow) char[text.size() + 1];
-  if (copy == nullptr) return false;
-  std::copy(text.begin(), text.end(), copy);
-  copy[text.size()] = '\0';
-  vector[count++] = copy;
-  return true;
-}
-
-/// Splits `line` and fills the entries with what stands at the same places of `content`, a text of
-/// the same length. Null when there is no entry, or no memory.
-ArgumentVector BuildVector(const char* program, std::string_view line, std::string_view content,
-                           std::size_t& count) {
-  count = 0;
-  const bool named = !ViewOf(program).empty();
-  const std::size_t entries = CountTokens(line) + (named ? 1 : 0);
-  if (entries == 0) return nullptr;
-  ArgumentVector vector(new (std::nothrow) char* [entries + 1] {});
-  bool complete = vector != nullptr && (!named || Append(vector.get(), count, program));
-  std::size_t at = 0;
-  for (Token token; complete && NextToken(line, at, token);) {
-    complete = Append(vector.get(), count, content.substr(token.begin, token.length));
+  while (const std::optional<Token> token = NextToken(line, at)) {
+    entries.emplace_back(content.substr(token->begin, token->length));
   }
-  if (complete) return vector;
-  count = 0;
-  return nullptr;
+  return entries;
 }
 
 // --- the child --------------------------------------------------------------------------------
 
 /// All that the child needs, made before the fork: another thread may hold the lock of the heap
 /// while the process is copied.
-struct ChildPlan {
-  ChildPlan(const char* program, const char* arguments)
-      : vector(BuildVector(program, ViewOf(arguments), ViewOf(arguments), count)) {
-    if (!TraceIsOn()) return;
-    const MaskedText maskedProgram(program);
-    const MaskedText masked(arguments);
-    std::size_t ignored = 0;
-    if (masked.Text() != nullptr || arguments == nullptr) {
-      shown = BuildVector(maskedProgram.Text(), ViewOf(arguments), ViewOf(masked.Text()), ignored);
+class ChildPlan {
+ public:
+  ChildPlan(std::string_view program, std::string_view arguments)
+      : entries_(SplitArguments(program, arguments)) {
+    if (TraceIsOn()) {
+      shown_ = SplitAlike(MaskSecrets(program), arguments, MaskSecrets(arguments));
     }
+    for (std::string& entry : entries_) vector_.push_back(entry.data());
+    // Entry 0 is no redirection.
+    if (entries_.size() >= 3 && entries_[entries_.size() - 2] == ">") {
+      output_ = vector_.back();
+      vector_.resize(entries_.size() - 2);
+    }
+    vector_.push_back(nullptr);
   }
 
-  /// The file that the child's output goes to, null for none. Entry 0 is no redirection.
-  [[nodiscard]] const char* Output() const {
-    const bool redirected = count >= 3 && std::string_view(vector[count - 2]) == ">";
-    return redirected ? vector[count - 1] : nullptr;
-  }
+  [[nodiscard]] bool IsEmpty() const { return entries_.empty(); }
+  /// The entries without a redirection, ended by null.
+  [[nodiscard]] char* const* Vector() const { return vector_.data(); }
+  /// The file that the child's output goes to, null for none.
+  [[nodiscard]] const char* Output() const { return output_; }
+  /// All entries with secrets masked; empty while the trace is off.
+  [[nodiscard]] const std::vector<std::string>& Shown() const { return shown_; }
 
-  std::size_t count = 0;
-  ArgumentVector vector;
-  ArgumentVector shown;  ///< for the trace: the same entries with secrets masked, null for none
+ private:
+  std::vector<std::string> entries_;
+  std::vector<std::string> shown_;
+  std::vector<char*> vector_;
+  const char* output_ = nullptr;
 };
 
-void TraceArguments(const ArgumentVector& shown) {
-  if (shown == nullptr) return;
-  for (int i = 0; shown[static_cast<std::size_t>(i)] != nullptr; ++i) {
-    TraceWrite("Helper - Argument %d: '%s'", i, shown[static_cast<std::size_t>(i)]);
+void TraceArguments(const std::vector<std::string>& shown) {
+  int number = 0;
+  for (const std::string& entry : shown) {
+    TraceWrite("Helper - Argument %d: '%s'", number++, entry.c_str());
   }
 }
 
@@ -176,28 +150,25 @@ void CloseOtherDescriptors() {
   DIR* const directory = ::opendir("/proc/self/fd");
   if (directory == nullptr) return;
   while (const dirent* entry = ::readdir(directory)) {
-    const auto number = ParseDecimal(entry->d_name);
+    const std::uint64_t number = ParseDecimal(entry->d_name);
     if (number < kFirst || number > INT_MAX) continue;
     if (static_cast<int>(number) != ::dirfd(directory)) ::close(static_cast<int>(number));
   }
   ::closedir(directory);
 }
 
-/// Turns the child into the program. Nothing here waits for another thread. The memory of the plan
-/// goes with the process. The redirection comes last: opening a pipe waits for its reader, and a
-/// child that waits must obey signals and hold nothing of the service open.
+/// Turns the child into the program. Nothing here waits for another thread or allocates. The
+/// redirection comes last: opening a pipe waits for its reader, and a child that waits must obey
+/// signals and hold nothing of the service open.
 [[noreturn]] void RunChild(const ChildPlan& plan) {
   TraceWrite("Helper - Child process started");
   ::setsid();
-  if (plan.vector != nullptr) {
-    TraceArguments(plan.shown);
+  if (!plan.IsEmpty()) {
+    TraceArguments(plan.Shown());
     RestoreSignals();
     CloseOtherDescriptors();
-    if (const char* const output = plan.Output(); output != nullptr) {
-      plan.vector[plan.count - 2] = nullptr;
-      RedirectOutput(output);
-    }
-    ::execv(plan.vector[0], plan.vector.get());
+    if (plan.Output() != nullptr) RedirectOutput(plan.Output());
+    ::execv(plan.Vector()[0], plan.Vector());
   }
   TraceWrite("Helper - Child process done");
   ::_exit(0);
@@ -225,25 +196,20 @@ class SignalsBlocked {
 /// Returns in the parent only.
 pid_t ForkChild(const ChildPlan& plan) {
   const SignalsBlocked blocked;
-  TraceLockForFork();
-  const pid_t child = ::fork();
-  TraceUnlockAfterFork();
+  pid_t child = -1;
+  {
+    const TraceForkLock held;
+    child = ::fork();
+  }
   if (child == 0) RunChild(plan);
   return child;
 }
 
-void SleepMilliseconds(long milliseconds) {
-  timespec left{.tv_sec = 0, .tv_nsec = milliseconds * 1000000};
-  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
-}
-
 void PollChild(pid_t child, std::int64_t waitMode) {
   const bool briefly = waitMode == kWaitBriefly;
-  const long pause = briefly ? kBriefPause : kLongPause;
+  const std::int64_t pause = briefly ? kBriefPause : kLongPause;
   for (std::int64_t polls = briefly ? kBriefPolls : waitMode; polls > 0; --polls) {
-    int status = 0;
-    if (CheckChild(child, status) != 0) {
+    if (CheckChild(child).result != 0) {
       TraceWrite("Helper - Child process finished");
       return;
     }
@@ -252,60 +218,74 @@ void PollChild(pid_t child, std::int64_t waitMode) {
   }
 }
 
+/// 0 and negative ids would reach whole groups of processes.
+bool IsProcessId(std::uint64_t processId) {
+  return processId != 0 && processId <= INT_MAX;
+}
+
 }  // namespace
 
-int LaunchProcess(const char* program, const char* arguments, std::int64_t waitMode, bool /*show*/,
-                  std::uint64_t* /*processId*/) {
-  TraceWrite("Helper - Start application: '%s' '%s'",
-             MaskedText(program == nullptr ? "" : program).Text(), MaskedText(arguments).Text());
+bool LaunchProcess(const std::string& program, std::string_view arguments, std::int64_t waitMode) {
+  TraceWrite("Helper - Start application: '%s' '%s'", MaskedText(program).Text(),
+             MaskedText(arguments).Text());
   const ChildPlan plan(program, arguments);
+  ChildPlace place;
   const pid_t child = ForkChild(plan);
   if (child < 0) {
     TraceWrite("Helper - Failed to fork process");
-    return 0;
+    return false;
   }
-  RegisterChild(child);
+  place.Register(child);
   TraceWrite("Helper - Forked process id %d", static_cast<int>(child));
   SleepMilliseconds(kStartPause);
   PollChild(child, waitMode);
-  return 1;
+  return true;
 }
 
-char** SplitArguments(const char* program, const char* arguments, std::size_t& count) {
-  const std::string_view line = ViewOf(arguments);
-  return BuildVector(program, line, line, count).release();
-}
-
-void FreeArguments(char** vector) {
-  if (vector == nullptr) return;
-  for (char** entry = vector; *entry != nullptr; ++entry) delete[] * entry;
-  delete[] vector;
+std::vector<std::string> SplitArguments(std::string_view program, std::string_view arguments) {
+  return SplitAlike(program, arguments, arguments);
 }
 
 bool IsProcessRunning(std::uint64_t processId) {
   const int id = static_cast<int>(processId);
   TraceWrite("Helper - Process %d running ...", id);
-  int status = 0;
-  const pid_t result = processId <= INT_MAX ? CheckChild(id, status) : -1;
-  if (result >= 0) TraceWrite("Helper - Waitpid %d (%d)", static_cast<int>(result), status);
-  const bool running = result == 0;
+  const ChildState state = IsProcessId(processId) ? CheckChild(id) : ChildState{};
+  if (state.result >= 0) {
+    TraceWrite("Helper - Waitpid %d (%d)", static_cast<int>(state.result), state.status);
+  }
+  const bool running = state.result == 0;
   TraceWrite("Helper - Process %d running ... %s", id, running ? "TRUE" : "FALSE");
   return running;
 }
 
-int StartApplication(const char* arguments, bool startProgram) {
+bool EndProcess(std::uint64_t processId) {
+  TraceWrite("Helper - End process %d", static_cast<int>(processId));
+  if (!IsProcessId(processId)) return false;
+  ::kill(static_cast<pid_t>(processId), SIGKILL);
+  for (int test = 1; test <= kEndTests; ++test) {
+    if (!IsProcessRunning(processId)) return test < kEndTests;
+    SleepMilliseconds(kEndPause);
+  }
+  return false;
+}
+
+bool StartApplication(std::string_view arguments, bool startProgram) {
   if (!startProgram) {
     CallAdminEntry(arguments);
-    return 1;
+    return true;
   }
-  std::string_view directory = InstallDirectory();
-  if (directory.size() > 1) directory.remove_suffix(1);
-  const std::size_t slash = FindCharBack(directory, '/');
-  directory = directory.substr(0, slash == std::string_view::npos ? 0 : slash + 1);
-  char program[2 * kTextSize];
-  std::snprintf(program, sizeof program, "%.*sbin/%s", static_cast<int>(directory.size()),
-                directory.data(), Product().mainProgram);
-  return LaunchProcess(program, arguments, kWaitNone, false, nullptr);
+  std::string program = InstallDirectory();
+  if (program.size() > 1) program.pop_back();
+  program.resize(program.rfind('/') + 1);
+  program.append("bin/").append(Product().mainProgram);
+  return LaunchProcess(program, arguments);
+}
+
+// --- former forms -----------------------------------------------------------------------------
+
+int LaunchProcess(const char* program, const char* arguments, std::int64_t waitMode, bool /*show*/,
+                  std::uint64_t* /*processId*/) {
+  return LaunchProcess(std::string(ViewOf(program)), ViewOf(arguments), waitMode) ? 1 : 0;
 }
 
 }  // namespace qixx::runtime

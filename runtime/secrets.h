@@ -1,25 +1,24 @@
 // Keeps what stands behind the options for PINs and passwords out of the trace.
 #pragma once
 
-#include <memory>
+#include <string>
+#include <string_view>
 
 namespace qixx::runtime {
 
-/// New array copy with the values of secret options replaced by '*' (lengths are kept), freed with
-/// delete[]; null for a null text.
-[[nodiscard]] char* MaskSecrets(const char* text);
+/// A copy with the values of secret options replaced by '*'; lengths are kept.
+[[nodiscard]] std::string MaskSecrets(std::string_view text);
 
 /// A masked copy for one trace line: TraceWrite("... '%s'", MaskedText(text).Text()). No copy is
-/// made while tracing is off; whatever goes wrong, the unmasked text is never given out.
+/// made while tracing is off.
 class MaskedText {
  public:
+  explicit MaskedText(std::string_view text);
   explicit MaskedText(const char* text);
-  /// Null for a null text, and when memory ran out.
-  [[nodiscard]] const char* Text() const { return off_ ? "" : copy_.get(); }
+  [[nodiscard]] const char* Text() const { return copy_.c_str(); }
 
  private:
-  bool off_;
-  std::unique_ptr<char[]> copy_;
+  std::string copy_;
 };
 
 }  // namespace qixx::runtime

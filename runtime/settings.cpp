@@ -5,16 +5,21 @@
 namespace qixx::runtime {
 namespace {
 
-constinit std::atomic<RuntimeSettings*> installedSettings{nullptr};
+constinit std::atomic<SettingsSource> installedSource{nullptr};
 
 }  // namespace
 
-void SetRuntimeSettings(RuntimeSettings* settings) {
-  installedSettings.store(settings);
+void SetSettingsSource(SettingsSource source) {
+  installedSource.store(source);
 }
 
-RuntimeSettings* GetRuntimeSettings() {
-  return installedSettings.load();
+bool HasSettingsSource() {
+  return installedSource.load() != nullptr;
+}
+
+std::unique_ptr<RuntimeSettings> OpenSettings(SettingsScope scope) {
+  const SettingsSource source = installedSource.load();
+  return source != nullptr ? source(scope) : nullptr;
 }
 
 }  // namespace qixx::runtime

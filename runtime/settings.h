@@ -1,11 +1,13 @@
 // What the runtime needs to know from the configuration.
 //
-// The configuration stands above this folder, so the question is turned around: the runtime
-// declares it here, a unit above the configuration answers it, and the program's entry ties the two
-// together at start.
+// The configuration stands above this folder. So the runtime declares its question here, a unit
+// above the configuration answers it, and the program's entry ties the two together at start.
 #pragma once
 
-#include <span>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
 
 namespace qixx::runtime {
 
@@ -15,22 +17,24 @@ enum class SettingsScope {
   kSystemOnly,      ///< the system's file alone
 };
 
-/// A source of settings: Open, any number of questions, Close. One user at a time.
+/// Opened settings; they are closed by the destructor. Belongs to one thread at a time.
 class RuntimeSettings {
  public:
   virtual ~RuntimeSettings() = default;
-  /// False when there is nothing to ask; Close is then not needed.
-  virtual bool Open(SettingsScope scope) = 0;
-  /// True when the entry was read; a present but empty entry is read. `value` is emptied otherwise.
-  virtual bool GetText(const char* section, const char* entry, std::span<char> value) = 0;
-  /// True when the entry was read; `value` is left alone otherwise.
-  virtual bool GetBoolean(const char* section, const char* entry, bool& value) = 0;
-  virtual void Close() = 0;
+  /// The value, cut to kMaxText. An entry that is present and empty gives an empty text.
+  [[nodiscard]] virtual std::optional<std::string> GetText(std::string_view section,
+                                                           std::string_view entry) = 0;
+  [[nodiscard]] virtual std::optional<bool> GetBoolean(std::string_view section,
+                                                       std::string_view entry) = 0;
 };
 
-/// Installs the source (not owned; must outlive its use), or removes it with null.
-void SetRuntimeSettings(RuntimeSettings* settings);
-/// The installed source, or null.
-[[nodiscard]] RuntimeSettings* GetRuntimeSettings();
+/// Opens the settings of a scope; null when there is nothing to ask.
+using SettingsSource = std::unique_ptr<RuntimeSettings> (*)(SettingsScope scope);
+
+/// Installs the source, or removes it with null.
+void SetSettingsSource(SettingsSource source);
+[[nodiscard]] bool HasSettingsSource();
+/// Null without a source, and when the source has nothing to ask.
+[[nodiscard]] std::unique_ptr<RuntimeSettings> OpenSettings(SettingsScope scope);
 
 }  // namespace qixx::runtime

@@ -1,45 +1,52 @@
 #include "watch/settings.h"
 
+#include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "config/store.h"
-#include "runtime/lasting.h"
 #include "runtime/settings.h"
+#include "runtime/text.h"
 
 namespace qixx::watch {
 namespace {
 
 class StoreSettings : public runtime::RuntimeSettings {
  public:
-  bool Open(runtime::SettingsScope scope) override {
-    config::CConfig& store = store_.emplace();
-    // Whatever could be opened is asked; even without a file an entry may come from the
-    // environment.
+  /// Whatever could be opened is asked; even without a file an entry may come from the environment.
+  explicit StoreSettings(runtime::SettingsScope scope) {
     if (scope == runtime::SettingsScope::kSystemOnly) {
-      store.OpenDefault(false);
+      store_.OpenDefault(false);
     } else {
-      store.OpenAll(false);
+      store_.OpenAll(false);
     }
-    return true;
   }
-  bool GetText(const char* section, const char* entry, std::span<char> value) override {
-    return store_.has_value() && config::ReadConfigText(*store_, section, entry, value, false);
+  std::optional<std::string> GetText(std::string_view section, std::string_view entry) override {
+    char value[runtime::kTextSize];
+    const bool isRead = config::ReadConfigText(store_, std::string(section).c_str(),
+                                               std::string(entry).c_str(), value, false);
+    if (!isRead) return std::nullopt;
+    return std::string(runtime::TextOf(value));
   }
-  bool GetBoolean(const char* section, const char* entry, bool& value) override {
-    return store_.has_value() && store_->GetBoolean(section, entry, value) == config::kConfigOk;
+  std::optional<bool> GetBoolean(std::string_view section, std::string_view entry) override {
+    bool value = false;
+    const auto result =
+        store_.GetBoolean(std::string(section).c_str(), std::string(entry).c_str(), value);
+    if (result != config::kConfigOk) return std::nullopt;
+    return value;
   }
-  void Close() override { store_.reset(); }
 
  private:
-  std::optional<config::CConfig> store_;
+  config::CConfig store_;
 };
 
 }  // namespace
 
 void ConnectRuntimeSettings() {
-  // In static storage and never destroyed: the runtime may ask until the process has ended.
-  static runtime::Lasting<StoreSettings> settings;
-  runtime::SetRuntimeSettings(&*settings);
+  runtime::SetSettingsSource([](runtime::SettingsScope scope) {
+    return std::unique_ptr<runtime::RuntimeSettings>(std::make_unique<StoreSettings>(scope));
+  });
 }
 
 }  // namespace qixx::watch

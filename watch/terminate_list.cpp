@@ -1,10 +1,6 @@
 #include "watch/terminate_list.h"
 
-#include <unistd.h>
-
 #include <array>
-#include <climits>
-#include <csignal>
 
 #include "runtime/lasting.h"
 #include "runtime/process.h"
@@ -82,21 +78,6 @@ bool IsSlotProcessRunning(CK_SLOT_ID slot) {
     if (!entry.IsFree() && entry.slot == slot) running = true;
   }
   return running;
-}
-
-bool EndProcess(std::uint64_t processId) {
-  constexpr int kTests = 10;
-  constexpr useconds_t kPauseMicroseconds = 333000;
-  runtime::TraceWrite("Helper - End process %d", static_cast<int>(processId));
-  // 0 and negative ids would reach whole groups of processes.
-  if (processId == 0 || processId > INT_MAX) return false;
-  ::kill(static_cast<pid_t>(processId), SIGKILL);
-  for (int test = 1; test <= kTests; ++test) {
-    // A process first found gone at the last test still counts as a failure.
-    if (!runtime::IsProcessRunning(processId)) return test < kTests;
-    ::usleep(kPauseMicroseconds);
-  }
-  return false;
 }
 
 }  // namespace qixx::watch

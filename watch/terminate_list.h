@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "pkcs11/cryptoki.h"
+#include "runtime/process.h"
 
 namespace qixx::watch {
 
@@ -20,8 +21,6 @@ void SweepTerminateList(bool insert, CK_SLOT_ID slot);
 /// Drops exited processes; true when any left belongs to the slot.
 [[nodiscard]] bool IsSlotProcessRunning(CK_SLOT_ID slot);
 
-/// Kills the process and tests up to ten times for its end. Success means that it was gone at one
-/// of the first nine tests, as intended. Ids outside 1 to INT_MAX are refused.
-bool EndProcess(std::uint64_t processId);
+using runtime::EndProcess;
 
 }  // namespace qixx::watch

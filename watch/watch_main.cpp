@@ -125,7 +125,7 @@ void RunCommands(const char* command, const char* line, CWatchOptions& record) {
 class WatcherDepth {
  public:
   WatcherDepth() {
-    std::snprintf(name_, sizeof name_, "%swatchdepth", runtime::Product().prefix);
+    std::snprintf(name_, sizeof name_, "%swatchdepth", runtime::Product().prefix.data());
     const char* const value = ::getenv(name_);
     depth_ = runtime::ParseDecimal(runtime::ViewOf(value));
     if (!IsExhausted()) Store(depth_ + 1);

@@ -1,16 +1,27 @@
 #include "runtime/files.h"
+#include "runtime/spare_files.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
-#include <memory>
 
 #include "runtime/text.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
+
+// The owner of a file of this program cannot be changed while this is false.
+static bool chownAllowed = true;
+extern "C" int fchown(int file, uid_t owner, gid_t group) noexcept {
+  if (chownAllowed) return static_cast<int>(::syscall(SYS_fchown, file, owner, group));
+  errno = EPERM;
+  return -1;
+}
 
 namespace qixx::runtime {
 namespace {
@@ -20,27 +31,31 @@ using testing::TemporaryFolder;
 namespace fs = std::filesystem;
 
 TEST(TempDirectory, IsTheFirstThatIsSetAndFits) {
-  char area[kTextSize];
   const ScopedVariable temp("TEMP", ""), tmp("TMP", "/var/tmp");
-  EXPECT_EQ(std::string(area, GetTempDirectory(area)), "/var/tmp/");
-  const ScopedVariable tooLong("TEMP", std::string(kTextSize, 'x').c_str());
-  EXPECT_EQ(std::string(area, GetTempDirectory(area)), "/tmp/");
+  EXPECT_EQ(GetTempDirectory(), "/var/tmp/");
+  InitProductIdentity();
+  EXPECT_TRUE(MakeTempFileName("x").value_or("").starts_with("/var/tmp/~qixx"));
+  const std::string fits = "/" + std::string(kMaxText - 2, 'x');
+  const ScopedVariable longest("TEMP", fits.c_str());
+  EXPECT_EQ(GetTempDirectory(), fits + "/");
+  EXPECT_EQ(MakeTempFileName(""), std::nullopt) << "no room for the name";
+  const ScopedVariable tooLong("TEMP", (fits + "x").c_str());
+  EXPECT_EQ(GetTempDirectory(), "/tmp/");
+  EXPECT_EQ(MakeTempFileName(std::string(60, 'x')), std::nullopt);
 }
 
 TEST(WholeFiles, AreReadWhenRegularAndNotTooLarge) {
   const TemporaryFolder folder;
   ASSERT_EQ(::mkfifo(folder.Path("pipe").c_str(), 0600), 0);
   fs::create_symlink("/proc/self/cmdline", folder.Path("no size of its own"));
-  fs::resize_file(folder.Write("large", ""), kMaximumFileSize + 1);
+  fs::resize_file(folder.Write("large", ""), kMaxFileSize + 1);
   folder.Write("step", std::string(65536, 's'));
-  const std::pair<const char*, bool> rows[] = {{"none", false},  {"pipe", false},
-                                               {"large", false}, {"", false},
-                                               {"step", true},   {"no size of its own", true}};
-  for (const auto& [name, readable] : rows) {
-    std::uint8_t* data = nullptr;
-    const std::size_t length = ReadWholeFile(folder.Path(name).c_str(), data);
-    const std::unique_ptr<std::uint8_t[]> owned(data);
-    EXPECT_EQ(std::string(data, data + length), readable ? folder.Read(name) : "") << name;
+  folder.Write("empty", "");
+  for (const char* const name : {"none", "pipe", "large", ""}) {
+    EXPECT_EQ(ReadWholeFile(folder.Path(name)), std::nullopt) << name;
+  }
+  for (const char* const name : {"step", "no size of its own", "empty"}) {
+    EXPECT_EQ(ReadWholeFile(folder.Path(name)), folder.Read(name)) << name;
   }
 }
 
@@ -48,35 +63,55 @@ TEST(WholeFiles, NothingIsLostWithoutRoom) {
   const TemporaryFolder folder;
   const std::string source = folder.Write("source", "something longer");
   const std::string target = folder.Write("target", "old");
-  const std::uint8_t data[] = {'n', 'e', 'w'};
   rlimit before = {};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
   ::signal(SIGXFSZ, SIG_IGN);
   const rlimit tight = {2, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
-  EXPECT_FALSE(CopyFileSafely(source.c_str(), target.c_str()));
-  EXPECT_FALSE(WriteWholeFileSafely(data, target.c_str()));
+  EXPECT_FALSE(CopyFileSafely(source, target));
+  EXPECT_FALSE(WriteWholeFileSafely(target, "new"));
   EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
-  EXPECT_TRUE(CopyFile(target.c_str(), source.c_str()));
-  EXPECT_FALSE(CopyFile(folder.Path("none").c_str(), source.c_str()));
+  EXPECT_TRUE(CopyFile(target, source));
+  EXPECT_FALSE(CopyFile(folder.Path("none"), source));
   EXPECT_EQ(folder.Read("source"), "old") << "cut, and kept for a missing source";
 }
 
-TEST(Expansion, StaysInsideTheArea) {
+TEST(WholeFiles, AnotherGroupGetsNoMoreThanEverybody) {
+  const TemporaryFolder folder;
+  const std::string file = folder.Write("file", "old");
+  fs::permissions(file, fs::perms{0764});
+  chownAllowed = false;
+  EXPECT_TRUE(WriteWholeFileSafely(file, "new"));
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms{0744});
+  fs::permissions(file, fs::perms{0764});
+  chownAllowed = true;
+  EXPECT_TRUE(WriteWholeFileSafely(file, "newer"));
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms{0764});
+  EXPECT_EQ(folder.Read("file"), "newer");
+}
+
+TEST(Expansion, DropsWhatWouldBeTooLong) {
   const std::string large(250, 'v');
   const ScopedVariable value("QIXX_LARGE", large.c_str()), endless("QIXX_LOOP", "%QIXX_LOOP%");
-  const std::pair<std::string, std::string> rows[] = {
-      {"12345%QIXX_LARGE%", "12345" + large},
-      {"123456%QIXX_LARGE%", "/usr/lib/123456%QIXX_LARGE%"},
-      {"%QIXX_LOOP%", "/usr/lib/%QIXX_LOOP%"},
-      {"a%%b%unset%////d\\\\\\e//", "ab/d\\e/"}};
-  for (const auto& [text, expected] : rows) {
-    char area[kTextSize];
-    CopyTextCut(area, text);
-    ExpandEnvironment(area);
-    ExpandPath(area);
-    EXPECT_EQ(area, expected);
-  }
+  EXPECT_EQ(ExpandEnvironment("12345%QIXX_LARGE%"), "12345" + large);
+  EXPECT_EQ(ExpandEnvironment("123456%QIXX_LARGE%"), std::nullopt);
+  EXPECT_EQ(ExpandEnvironment("%QIXX_LOOP%"), "%QIXX_LOOP%");
+  EXPECT_EQ(ExpandEnvironment("a%%b%unset%c"), "abc");
+  const ScopedVariable known(std::string(97, 'n'), "known"), far(std::string(98, 'n'), "far");
+  EXPECT_EQ(ExpandEnvironment("%" + std::string(97, 'n') + "%"), "known");
+  EXPECT_EQ(ExpandEnvironment("%" + std::string(98, 'n') + "%"), std::nullopt);
+
+  EXPECT_EQ(ExpandPath("a////d\\\\\\e//"), "a/d\\e/");
+  EXPECT_EQ(ExpandPath("%InstallLocation%\\%INSTALLLOCATION%"), "/usr/lib/\\/usr/lib/");
+  EXPECT_EQ(ExpandPath("%Current%x", false), GetCurrentDirectory() + "x");
+  EXPECT_EQ(ExpandPath("http://a//%Current%"), "http://a//%Current%");
+  const std::string bare(kMaxText - std::string_view("/usr/lib/").size(), 'b');
+  EXPECT_EQ(ExpandPath(bare), "/usr/lib/" + bare);
+  EXPECT_EQ(ExpandPath(bare + "b"), bare + "b");
+  EXPECT_EQ(ExpandPath("b", false), "b");
+  const std::string fits(kMaxText - std::string_view("/usr/lib//").size(), 'b');
+  EXPECT_EQ(ExpandPath("%InstallLocation%/" + fits), "/usr/lib/" + fits);
+  EXPECT_EQ(ExpandPath("%InstallLocation%/b" + fits), "%InstallLocation%/b" + fits);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstdint>
 #include <numeric>
 #include <vector>
@@ -22,49 +21,54 @@ TEST(TextTest, ComparesFindsAndReadsNumbers) {
   EXPECT_EQ(ParseSigned("9223372036854775808"), INT64_MAX);
 }
 
-TEST(TextTest, ReplacesWithinTheArea) {
-  const char* const rows[][4] = {
-      {"%Upn%-%upn%", "%UPN%", "me", "me-me"},
-      {"x", "x", "xx", "xx"},
-      {"empty", "", "x", "empty"},
-      {"...", ".", "four", "fourfour."}};  // a third one would leave no room for the terminator
+TEST(TextTest, FieldsAreCountedFromNought) {
+  EXPECT_EQ(GetField("a,,c", 1, ','), "");
+  EXPECT_EQ(GetField("a,,c", 2, ','), "c");
+  EXPECT_EQ(GetField("a,,c", 3, ','), std::nullopt);
+  EXPECT_EQ(GetField("", 0, ','), "");
+}
+
+TEST(TextTest, ReplacesUpToTheLimit) {
+  const char* const rows[][4] = {{"%Upn%-%upn%", "%UPN%", "me", "me-me"},
+                                 {"x", "x", "xx", "xx"},
+                                 {"empty", "", "x", "empty"},
+                                 {"....", ".", "four", "fourfour.."},
+                                 {".....", ".", "four", "fourfour..."},  // eleven are the limit
+                                 {"......", ".", "four", "four....."}};
   for (const auto& [text, from, to, result] : rows) {
-    std::array<char, 12> area{};
-    CopyTextCut(area, text);
-    ReplaceAllNoCase(area, from, to);
-    EXPECT_EQ(TextOf(area), result);
+    std::string replaced = text;
+    const bool changed = ReplaceAllNoCase(replaced, from, to, 11);
+    EXPECT_EQ(replaced, result);
+    EXPECT_EQ(changed, replaced != text);
   }
+  std::string exact = "%Upn%%UPN%";
+  ReplaceAll(exact, "%UPN%", "%UPN%%UPN%", kMaxText);
+  EXPECT_EQ(exact, "%Upn%%UPN%%UPN%") << "not replaced again";
 }
 
 TEST(TextTest, Base64RoundTripsAtEveryLength) {
   for (std::size_t length = 0; length < 200; ++length) {
-    Bytes data(length), decoded(length);
+    Bytes data(length);
     std::iota(data.begin(), data.end(), static_cast<std::uint8_t>(length * 7));
-    char* lines = nullptr;
-    const auto counted = static_cast<std::size_t>(Base64EncodeLines(data, lines));
-    const std::unique_ptr<char[]> owner(lines);
-    const std::string text = lines;
-    EXPECT_EQ(text.size(), counted + 1) << "the last line end is not counted";
-    EXPECT_TRUE(text.ends_with('\n'));
-    for (std::size_t at = 64; at < counted; at += 65) EXPECT_EQ(text[at], '\n');
-    EXPECT_EQ(Base64Decode(decoded, text), static_cast<int>(length));
-    EXPECT_EQ(decoded, data);
+    const std::string plain = Base64Encode(data);
+    std::string lines = Base64EncodeLines(data);
+    EXPECT_TRUE(lines.ends_with('\n'));
+    for (std::size_t at = 64; at + 1 < lines.size(); at += 65) EXPECT_EQ(lines[at], '\n');
+    EXPECT_EQ(Base64Decode(lines), data);
+    EXPECT_EQ(HexDecode(HexEncode(data)), data);
+    std::erase(lines, '\n');
+    EXPECT_EQ(lines, plain);
+    EXPECT_EQ(plain.size(), (length + 2) / 3 * 4);
   }
 }
 
-TEST(TextTest, CodecsKeepToTheAreaAndDropWhatIsNone) {
-  Bytes data = {0x0A, 0xFF};
-  std::array<char, 5> area = {'!', '!', '!', '!', '!'};
-  EXPECT_EQ(HexEncode(data, std::span(area).first(3)), -1);
-  EXPECT_EQ(HexEncode(data, std::span(area).first(4)), 4) << "no room, no terminator";
-  EXPECT_EQ(TextOf(area), "0AFF!");
-  EXPECT_EQ(HexDecode("0a ff 01", data), -1);
-  EXPECT_EQ(HexDecode("0x1b:fe 0", data), 2) << "the odd digit is ignored";
-  EXPECT_EQ(data, (Bytes{0x1B, 0xFE}));
-  EXPECT_EQ(Base64Encode(std::span(area).first(4), data), -1) << "no room, no text";
-  EXPECT_EQ(Base64Decode(data, "Zm9v"), -1);
-  EXPECT_EQ(Base64Decode(data, "\xC3\xA4Zm\xFF-8=Zm9v"), 2) << "ends at the padding";
-  EXPECT_EQ(data, (Bytes{'f', 'o'}));
+TEST(TextTest, DecodersDropWhatIsNoDigit) {
+  EXPECT_EQ(HexEncode(Bytes{0x0A, 0xFF}), "0AFF");
+  EXPECT_EQ(HexDecode("0x1b:fe 0"), (Bytes{0x1B, 0xFE})) << "the odd digit is ignored";
+  EXPECT_EQ(HexDecode("0x"), Bytes{}) << "too short for the prefix, and the x is no digit";
+  EXPECT_EQ(AsText(Base64Decode("\xC3\xA4Zm\xFF-8=Zm9v")), "fo") << "ends at the padding";
+  EXPECT_EQ(AsText(Base64Decode("-----BEGIN-----\r\n\r\nZm9v\nZg-END Zm9v")), "foof");
+  EXPECT_EQ(Base64Decode("-no end of the line"), Bytes{});
 }
 
 TEST(TextTest, Utf16BecomesUtf8) {
@@ -72,6 +76,11 @@ TEST(TextTest, Utf16BecomesUtf8) {
   const std::uint8_t bytes[] = {'a',  0,    0xE4, 0, 0xAC, 0x20, 0x3D, 0xD8, 0x00, 0xDE,
                                 0x3D, 0xD8, 'b',  0, 0,    0xDE, 0,    0,    0x42};
   EXPECT_EQ(Utf16ToUtf8(bytes), std::string("a\u00E4\u20AC\U0001F600\uFFFDb\uFFFD\0", 18));
+  const std::uint8_t big[] = {0x20, 0xAC, 0xD8, 0x3D, 0xDE, 0x00};
+  EXPECT_EQ(Utf16ToUtf8(big, std::endian::big), "\u20AC\U0001F600");
+  std::string beyond;
+  AppendUtf8(beyond, 0x110000);
+  EXPECT_EQ(beyond, "\uFFFD");
 }
 
 }  // namespace

@@ -37,11 +37,11 @@ class TraceTest : public ::testing::Test {
  protected:
   ~TraceTest() override {
     TraceSetCallback(nullptr);
-    TraceSetFile(nullptr);
+    TraceSetFile("");
     // Whole days on, so that the next case finds the size check due and the stamp at zero.
     clockShift = (clockShift / kDay + 2) * kDay;
   }
-  void SetFile(const std::string& name) const { TraceSetFile(folder_.Path(name).c_str()); }
+  void SetFile(const std::string& name) const { TraceSetFile(folder_.Path(name)); }
   testing::TemporaryFolder folder_;
 };
 
@@ -66,7 +66,7 @@ TEST_F(TraceTest, ChecksTargetNames) {
       {"Server,/none stored", true}, {"server2 behind a comma", false}};
   for (const auto& [name, accepted] : rows) {
     const testing::TraceCapture trace;
-    TraceSetFile(name.c_str());
+    TraceSetFile(name);
     const std::vector<std::string> lines = trace.Lines();
     EXPECT_EQ(!lines.empty() && lines[0].ends_with(", '" + name + "'"), accepted) << name;
   }
@@ -87,7 +87,7 @@ TEST_F(TraceTest, FormatsArgumentsAndCutsWhatIsTooLong) {
   TraceWrite("%d%d%d%d%d%d%d%d%d%d%%", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10);
   EXPECT_EQ(last, "INTERNAL PROBLEM, TOO MANY ARGUMENTS") << "no line end, as intended";
   TraceWrite("%s", std::string(20'000, 'x').c_str());
-  EXPECT_EQ(last, std::string(kTraceLineSize - 2, 'x') + '\n');
+  EXPECT_EQ(last, std::string(kMaxTraceLine - 1, 'x') + '\n');
 }
 
 TEST_F(TraceTest, EmptiesALargeTargetOnceAnHour) {

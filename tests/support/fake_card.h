@@ -137,8 +137,10 @@ class FakeCard {
 /// Has a fake module answer as told from now on; it stays loaded.
 struct FakeModule {
   FakeModule(const char* path, CK_RV result, CK_FUNCTION_LIST_PTR list) {
-    void* const say = runtime::FindSymbol(runtime::OpenLibrary(path), "FakeModuleAnswer");
-    reinterpret_cast<void (*)(CK_RV, CK_FUNCTION_LIST_PTR)>(say)(result, list);
+    using Answer = void (*)(CK_RV, CK_FUNCTION_LIST_PTR);
+    runtime::SharedLibrary module = runtime::OpenLibrary(std::string(path));
+    module.FindSymbol<Answer>("FakeModuleAnswer")(result, list);
+    static_cast<void>(module.Release());
   }
 };
 

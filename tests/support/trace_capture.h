@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/spare_trace.h"
 #include "runtime/trace.h"
 
 namespace qixx::testing {

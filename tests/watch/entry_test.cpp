@@ -119,10 +119,10 @@ TEST(Trace, SettingsChooseTheTargetAndCallModeLetsOneLinePass) {
   runtime::TraceReleaseOneLine();
   for (const char* const text : {"passed", "lost"}) runtime::TraceWrite("%s", text);
   EXPECT_THAT(folder.Read("call.log"), ::testing::MatchesRegex("\\[[^\n]* passed\n"));
-  runtime::TraceSetCallTarget(nullptr, 0);
+  runtime::TraceSetCallTarget(std::nullopt, 0);
   runtime::TraceSetFile(folder.Path("all.log").c_str());
   EXPECT_NE(folder.Read("all.log"), "") << "all lines pass";
-  runtime::TraceSetFile(nullptr);
+  runtime::TraceSetFile("");
 }
 
 [[noreturn]] void TakeSignals() {

@@ -1,0 +1,22 @@
+// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// program.
+//
+// Further operations on the trace, under the rules of runtime/trace.h, where they are made.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qixx::runtime {
+
+using TraceLineCallback = void (*)(const char* line, std::size_t length);
+
+/// Lines go to the callback, without header, as well as to a target; null removes it. The callback
+/// runs with the lock held; it may trace, which reuses the buffer of the line that it was given.
+void TraceSetCallback(TraceLineCallback callback);
+/// Sleeps that long after each line, with the lock held, until the target is cleared.
+void TraceSetDelay(std::int32_t milliseconds);
+/// Waits for the end of queued writing; lines are written directly here, so there is none.
+void TraceStop();
+
+}  // namespace qixx::runtime
