@@ -14,6 +14,7 @@
 #include "config/file.h"
 #include "config/store.h"
 #include "fuzz/fuzz.h"
+#include "runtime/product.h"
 #include "runtime/spare_files.h"
 #include "runtime/text.h"
 

@@ -66,7 +66,7 @@ class CutText {
   [[nodiscard]] std::string_view View() const { return {buffer_, length_}; }
 
  private:
-  char buffer_[kCapacity + sizeof "\n"] = "";
+  char buffer_[kCapacity + sizeof "\n"] = {};
   std::size_t length_ = 0;
 };
 
