@@ -7,6 +7,8 @@
 namespace qixx::testing {
 namespace {
 
+using namespace std::chrono_literals;
+
 using Faults = ServiceTest;
 
 TEST_F(Faults, MissingLibraryIsTracedAndTheWatchGoesOn) {
@@ -42,6 +44,9 @@ TEST_F(Faults, LibraryThatComesUpLateOrIsFinalisedByOthersIsInitialisedLater) {
   ASSERT_TRUE(desktop.Traced("WrapperPkcs11 - Initialize count 0 at finalize"));
   desktop.RemoveCard(1);
   desktop.SetModuleFaults("");
+  // The watch tries again after 30 of its rounds, 20 s with a card connected.
+  EXPECT_TRUE(
+      Eventually([&] { return desktop.TraceCount("Watch - Remove event ... done") == 1; }, 45s));
   EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
   EXPECT_EQ(desktop.TraceCount("WrapperPkcs11 - Initialize count 1 at initialize"), 2U);
 }
