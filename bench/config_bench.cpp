@@ -3,7 +3,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -66,7 +65,7 @@ void ConfigOpen(benchmark::State& state) {
   const std::string file = folder.Write("qix.conf", Text());
   for (auto _ : state) {
     config::CConfig config;
-    benchmark::DoNotOptimize(config.OpenItem(state.range(0) != 0, file.c_str()));
+    benchmark::DoNotOptimize(config.OpenItem(state.range(0) != 0, file));
     config.Close(true);
   }
 }
@@ -93,13 +92,11 @@ void ConfigRead(benchmark::State& state) {
   const std::string file = folder.Write("qix.conf", Text());
   const std::vector<Names> wanted = Wanted();
   config::CConfig config;
-  config.OpenItem(state.range(0) != 0, file.c_str());
-  std::array<char, 256> value{};
+  config.OpenItem(state.range(0) != 0, file);
   for (auto _ : state) {
     for (const Names& names : wanted) {
-      const config::ConfigResult result =
-          config.GetString(names.section.c_str(), names.entry.c_str(), value, false);
-      if (result != config::kConfigOk) state.SkipWithError("a value was not found");
+      const auto value = config.GetString(names.section, names.entry);
+      if (!value) state.SkipWithError("a value was not found");
     }
   }
   config.Close(true);
@@ -130,12 +127,12 @@ void ConfigSet(benchmark::State& state) {
   const std::string file = folder.Write("qix.conf", Text());
   const std::vector<Names> wanted = Wanted();
   config::CConfig config;
-  config.OpenItem(true, file.c_str());
+  config.OpenItem(true, file);
   int round = 0;
   for (auto _ : state) {
     const std::string value(static_cast<std::size_t>(40 + ++round % 2), 'v');
     for (const Names& names : wanted) {
-      config.SetString(names.section.c_str(), names.entry.c_str(), value.c_str(), false);
+      config.SetString(names.section, names.entry, value);
     }
   }
   config.Close(true);

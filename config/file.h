@@ -9,53 +9,52 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <ctime>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
 #include "config/item.h"
 #include "config/scan.h"
 #include "config/tree.h"
+#include "runtime/descriptor.h"
 
 namespace qixx::config {
 
 /// The longest text that LoadText takes.
-inline constexpr std::size_t kMaximumLoadedText = 1048576;
+inline constexpr std::size_t kMaxLoadedText = 1048576;
 /// The largest file that is opened; no change makes a text longer.
-inline constexpr std::size_t kMaximumConfigSize = 64U << 20;
+inline constexpr std::size_t kMaxConfigSize = 64U << 20;
 
-/// A value that is asked for in a text is kConfigNoSection or kConfigNoEntry when it is missing, in
-/// a lookup tree kConfigFailed. Without a text every operation gives kConfigFailed.
+/// A value that is asked for in a text is kNoSection or kNoEntry when it is missing, in a lookup
+/// tree kFailed. Without a text every operation gives kFailed.
 class CConfigFile : public CConfigItem {
  public:
   CConfigFile() = default;
   /// Closes, so a changed text is written back.
   ~CConfigFile() override;
 
-  ConfigResult LoadText(const char* data, std::size_t length) override;
-  ConfigResult Open(bool writable, const char* path, bool quiet) override;
+  ConfigResult LoadText(std::string_view data) override;
+  ConfigResult Open(bool writable, const std::string& path, bool quiet) override;
   ConfigResult Close(bool release) override;
-  [[nodiscard]] std::uint32_t GetKind() const override;
+  [[nodiscard]] ConfigKind GetKind() const override;
   [[nodiscard]] bool IsProductFile() const override;
-  ConfigResult EnumEntries(std::span<char> section, std::span<char> entry,
-                           std::size_t& index) override;
-  ConfigResult EnumSectionEntries(const char* section, std::span<char> entry,
-                                  std::size_t& index) override;
-  ConfigResult EnumBlocks(std::span<char> name, std::size_t& index) override;
-  ConfigResult GetText(char* buffer, std::size_t& size) const override;
-  ConfigResult GetValue(const char* section, const char* entry, std::span<char> buffer,
-                        bool convert) override;
-  ConfigResult GetBlock(const char* name, std::uint8_t*& data, std::size_t& length) override;
-  ConfigResult SetValue(const char* section, const char* entry, const char* value,
-                        bool convert) override;
-  ConfigResult SetBlock(const char* name, std::span<const std::uint8_t> data) override;
-  ConfigResult AddValue(const char* section, const char* entry, const char* value) override;
-  ConfigResult Delete(const char* section, const char* entry) override;
-  ConfigResult DeleteBlock(const char* name) override;
-  [[nodiscard]] bool SectionExists(const char* section) override;
+  std::optional<ConfigEntry> EnumEntries(std::size_t& index) override;
+  std::optional<std::string> EnumSectionEntries(std::string_view section,
+                                                std::size_t& index) override;
+  std::optional<std::string> EnumBlocks(std::size_t& index) override;
+  [[nodiscard]] std::optional<std::string_view> GetText() const override;
+  FoundValue GetValue(std::string_view section, std::optional<std::string_view> entry) override;
+  std::optional<std::vector<std::uint8_t>> GetBlock(std::string_view name) override;
+  ConfigResult SetValue(std::string_view section, std::string_view entry,
+                        std::string_view value) override;
+  ConfigResult SetBlock(std::optional<std::string_view> name,
+                        std::span<const std::uint8_t> data) override;
+  ConfigResult AddValue(std::string_view section, std::string_view entry,
+                        std::string_view value) override;
+  ConfigResult Delete(std::string_view section, std::optional<std::string_view> entry) override;
+  ConfigResult DeleteBlock(std::string_view name) override;
+  [[nodiscard]] bool SectionExists(std::string_view section) override;
   void Sort() override;
   void Migrate(bool force) override;
 
@@ -65,19 +64,18 @@ class CConfigFile : public CConfigItem {
   virtual ConfigResult Normalise();
   virtual void StripComments();
   /// By the lookup tree when there is one, else by a scan of the text.
-  virtual ConfigResult FindValue(const char* section, const char* entry, std::span<char> buffer);
+  virtual FoundValue FindValue(std::string_view section, std::optional<std::string_view> entry);
   /// The first section of the name and its first entry count. The next ReadLine goes on behind the
   /// entry that was found, else where it would be put.
-  virtual ConfigResult FindValueInText(const char* section, const char* entry,
-                                       std::span<char> buffer);
+  virtual FoundValue FindValueInText(std::string_view section,
+                                     std::optional<std::string_view> entry);
   /// The last section of the name and its last entry count.
-  virtual ConfigResult FindValueInTree(const char* section, const char* entry,
-                                       std::span<char> buffer);
+  virtual FoundValue FindValueInTree(std::string_view section,
+                                     std::optional<std::string_view> entry);
   /// Also merges a section that has the new name already; its values win.
-  virtual ConfigResult RenameSection(const char* oldName, const char* newName);
-  /// The next line, without blanks in front and cut to the buffer. Returns its length, 0 at the
-  /// end.
-  virtual std::size_t ReadLine(std::span<char> buffer);
+  virtual ConfigResult RenameSection(std::string_view oldName, std::string_view newName);
+  /// The next line without blanks in front, cut at kMaxConfigLine; nothing at the end.
+  virtual std::optional<std::string_view> ReadLine();
   /// Raises the capacity by one growth step, by more when `bytes` do not fit then.
   virtual ConfigResult Grow(std::size_t bytes);
   /// The transformation of encoded files (".edb"), which this version does not have: false for
@@ -95,28 +93,24 @@ class CConfigFile : public CConfigItem {
     std::size_t position = 0;
   };
 
-  bool OpenFile(const char* path);
+  bool OpenFile(bool writable, const std::string& path);
   bool ReadText();
   bool WriteText();
-  bool CloseFile();
   void ForgetCursors();
   void DetachTree();
   void Touch();
-  ConfigResult LookUp(const char* section, const char* entry, std::string_view& value);
-  ConfigResult LookUpInText(const char* section, const char* entry, std::string_view& value);
-  ConfigResult LookUpInTree(const char* section, const char* entry, std::string_view& value) const;
   [[nodiscard]] bool FitsLimit(std::size_t bytes) const;
   ConfigResult MakeRoom(std::size_t bytes, Change change);
   ConfigResult Splice(TextRange range, std::string_view replacement, Change change);
-  ConfigResult Adopt(std::string_view text, Change change);
+  ConfigResult Adopt(std::string text, Change change);
   void RenameProfiles();
 
   std::string text_;
   std::size_t capacity_ = 0;  ///< never below the length; a change that would exceed it grows it
   std::size_t position_ = 0;  ///< of the line reader
-  int descriptor_ = -1;
+  runtime::Descriptor file_;
   bool hasText_ = false;
-  bool writable_ = false;
+  bool writable_ = false;  ///< a change is written back
   bool modified_ = false;
   bool encoded_ = false;
   std::time_t fileTime_ = 0;  ///< modification time when the file was opened, 0 for none

@@ -2,23 +2,23 @@
 
 namespace qixx::config {
 
-ConfigResult CConfigItem::LoadText(const char* /*data*/, std::size_t /*length*/) {
-  return kConfigFailed;
+ConfigResult CConfigItem::LoadText(std::string_view /*data*/) {
+  return ConfigResult::kFailed;
 }
 
-ConfigResult CConfigItem::Open(bool /*writable*/, const char* /*path*/, bool /*quiet*/) {
-  return kConfigFailed;
+ConfigResult CConfigItem::Open(bool /*writable*/, const std::string& /*path*/, bool /*quiet*/) {
+  return ConfigResult::kFailed;
 }
 
 ConfigResult CConfigItem::Close(bool /*release*/) {
-  return kConfigFailed;
+  return ConfigResult::kFailed;
 }
 
-std::uint32_t CConfigItem::GetKind() const {
-  return static_cast<std::uint32_t>(ConfigResult::kFailed);
+ConfigKind CConfigItem::GetKind() const {
+  return ConfigKind::kNone;
 }
 
-const char* CConfigItem::GetPath() const {
+const std::string& CConfigItem::GetPath() const {
   return path_;
 }
 
@@ -26,65 +26,57 @@ bool CConfigItem::IsProductFile() const {
   return false;
 }
 
-ConfigResult CConfigItem::EnumEntries(std::span<char> section, std::span<char> entry,
-                                      std::size_t& /*index*/) {
-  runtime::CopyTextCut(section, {});
-  runtime::CopyTextCut(entry, {});
-  return kConfigFailed;
+std::optional<ConfigEntry> CConfigItem::EnumEntries(std::size_t& /*index*/) {
+  return std::nullopt;
 }
 
-ConfigResult CConfigItem::EnumSectionEntries(const char* /*section*/, std::span<char> entry,
-                                             std::size_t& /*index*/) {
-  runtime::CopyTextCut(entry, {});
-  return kConfigFailed;
+std::optional<std::string> CConfigItem::EnumSectionEntries(std::string_view /*section*/,
+                                                           std::size_t& /*index*/) {
+  return std::nullopt;
 }
 
-ConfigResult CConfigItem::EnumBlocks(std::span<char> name, std::size_t& /*index*/) {
-  runtime::CopyTextCut(name, {});
-  return kConfigFailed;
+std::optional<std::string> CConfigItem::EnumBlocks(std::size_t& /*index*/) {
+  return std::nullopt;
 }
 
-ConfigResult CConfigItem::GetText(char* buffer, std::size_t& size) const {
-  if (buffer != nullptr) runtime::CopyTextCut({buffer, size}, {});
-  size = 0;
-  return kConfigFailed;
+std::optional<std::string_view> CConfigItem::GetText() const {
+  return std::nullopt;
 }
 
-ConfigResult CConfigItem::GetValue(const char* /*section*/, const char* /*entry*/,
-                                   std::span<char> buffer, bool /*convert*/) {
-  runtime::CopyTextCut(buffer, {});
-  return kConfigFailed;
+FoundValue CConfigItem::GetValue(std::string_view /*section*/,
+                                 std::optional<std::string_view> /*entry*/) {
+  return {};
 }
 
-ConfigResult CConfigItem::GetBlock(const char* /*name*/, std::uint8_t*& data, std::size_t& length) {
-  data = nullptr;
-  length = 0;
-  return kConfigFailed;
+std::optional<std::vector<std::uint8_t>> CConfigItem::GetBlock(std::string_view /*name*/) {
+  return std::nullopt;
 }
 
-ConfigResult CConfigItem::SetValue(const char* /*section*/, const char* /*entry*/,
-                                   const char* /*value*/, bool /*convert*/) {
-  return kConfigFailed;
+ConfigResult CConfigItem::SetValue(std::string_view /*section*/, std::string_view /*entry*/,
+                                   std::string_view /*value*/) {
+  return ConfigResult::kFailed;
 }
 
-ConfigResult CConfigItem::SetBlock(const char* /*name*/, std::span<const std::uint8_t> /*data*/) {
-  return kConfigFailed;
+ConfigResult CConfigItem::SetBlock(std::optional<std::string_view> /*name*/,
+                                   std::span<const std::uint8_t> /*data*/) {
+  return ConfigResult::kFailed;
 }
 
-ConfigResult CConfigItem::AddValue(const char* /*section*/, const char* /*entry*/,
-                                   const char* /*value*/) {
-  return kConfigFailed;
+ConfigResult CConfigItem::AddValue(std::string_view /*section*/, std::string_view /*entry*/,
+                                   std::string_view /*value*/) {
+  return ConfigResult::kFailed;
 }
 
-ConfigResult CConfigItem::Delete(const char* /*section*/, const char* /*entry*/) {
-  return kConfigFailed;
+ConfigResult CConfigItem::Delete(std::string_view /*section*/,
+                                 std::optional<std::string_view> /*entry*/) {
+  return ConfigResult::kFailed;
 }
 
-ConfigResult CConfigItem::DeleteBlock(const char* /*name*/) {
-  return kConfigFailed;
+ConfigResult CConfigItem::DeleteBlock(std::string_view /*name*/) {
+  return ConfigResult::kFailed;
 }
 
-bool CConfigItem::SectionExists(const char* /*section*/) {
+bool CConfigItem::SectionExists(std::string_view /*section*/) {
   return false;
 }
 

@@ -6,18 +6,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "config/result.h"
-#include "runtime/text.h"
 
 namespace qixx::config {
 
-/// What GetKind answers for a text file.
-inline constexpr std::uint32_t kConfigKindFile = 1;
-/// Items of this kind have the settings that are read from them recorded.
-inline constexpr std::uint32_t kConfigKindRecorded = 2;
+/// What GetKind answers.
+enum class ConfigKind : std::uint32_t {
+  kFile = 1,
+  kRecorded = 2,  ///< the settings that are read from such an item are recorded
+  kNone = 6,
+};
 
 /// The names of one entry.
 struct ConfigEntry {
@@ -25,58 +29,65 @@ struct ConfigEntry {
   std::string entry;
 };
 
-/// An item belongs to one thread at a time. Texts are handed in zero-terminated; areas for texts
-/// always end up zero-terminated and are empty after a failure.
+/// What a lookup found. The value is a view into the item: it holds until the item is changed,
+/// opened or closed.
+struct FoundValue {
+  ConfigResult result = ConfigResult::kFailed;
+  std::string_view value;
+};
+
+/// An item belongs to one thread at a time. Of all exceptions only std::bad_alloc leaves an
+/// operation, and then the text is as it was.
 class CConfigItem {
  public:
   virtual ~CConfigItem() = default;
   CConfigItem(const CConfigItem&) = delete;
   CConfigItem& operator=(const CConfigItem&) = delete;
 
-  /// Takes a copy of the bytes as the text; at most kMaximumLoadedText of them.
-  virtual ConfigResult LoadText(const char* data, std::size_t length);
+  /// Takes a copy of the bytes as the text; at most kMaxLoadedText of them. A view without any data
+  /// is refused; an empty text is a text.
+  virtual ConfigResult LoadText(std::string_view data);
   /// A file that cannot be opened gives an empty text, not a failure. `quiet` leaves out the trace
   /// line that announces the open.
-  virtual ConfigResult Open(bool writable, const char* path, bool quiet);
-  /// Writes a changed text back. With `release` the text is given up too. kConfigFailed when the
-  /// text could not be written.
+  virtual ConfigResult Open(bool writable, const std::string& path, bool quiet);
+  /// Writes a changed text back. With `release` the text is given up too. kFailed when the text
+  /// could not be written. Never throws.
   virtual ConfigResult Close(bool release);
-  [[nodiscard]] virtual std::uint32_t GetKind() const;
+  [[nodiscard]] virtual ConfigKind GetKind() const;
   /// The path given to Open, empty when it was too long to be kept.
-  [[nodiscard]] virtual const char* GetPath() const;
+  [[nodiscard]] virtual const std::string& GetPath() const;
   /// True when the file's name begins with the product prefix.
   [[nodiscard]] virtual bool IsProductFile() const;
 
-  /// The index-th entry of the whole item. `index` grows with every call, also past the end.
-  virtual ConfigResult EnumEntries(std::span<char> section, std::span<char> entry,
-                                   std::size_t& index);
-  virtual ConfigResult EnumSectionEntries(const char* section, std::span<char> entry,
-                                          std::size_t& index);
-  virtual ConfigResult EnumBlocks(std::span<char> name, std::size_t& index);
+  /// The index-th entry of the whole item, each name cut at 255 characters. `index` grows with
+  /// every call, also past the end.
+  virtual std::optional<ConfigEntry> EnumEntries(std::size_t& index);
+  virtual std::optional<std::string> EnumSectionEntries(std::string_view section,
+                                                        std::size_t& index);
+  virtual std::optional<std::string> EnumBlocks(std::size_t& index);
 
-  /// The whole text with a terminator. `size` is the size of the buffer and receives the length of
-  /// the text; without a buffer nothing is copied. Fails when the text does not fit.
-  virtual ConfigResult GetText(char* buffer, std::size_t& size) const;
-  /// A value that is too long for the buffer is cut. A null entry asks for the section alone.
-  virtual ConfigResult GetValue(const char* section, const char* entry, std::span<char> buffer,
-                                bool convert);
-  /// The data of a block in a new array that the caller frees with delete[].
-  virtual ConfigResult GetBlock(const char* name, std::uint8_t*& data, std::size_t& length);
+  /// The whole text, a view that holds as long as that of a value.
+  [[nodiscard]] virtual std::optional<std::string_view> GetText() const;
+  /// Without an entry the section alone is asked for.
+  virtual FoundValue GetValue(std::string_view section, std::optional<std::string_view> entry);
+  virtual std::optional<std::vector<std::uint8_t>> GetBlock(std::string_view name);
 
-  /// A null value is written as an empty one. Refuses an entry whose line would not be read as one:
-  /// its name is empty or begins with a blank, a line end, '[', '<', ';' or '#'.
-  virtual ConfigResult SetValue(const char* section, const char* entry, const char* value,
-                                bool convert);
-  /// Replaces the block of that name. With a null name the data replace the whole text. Refuses a
+  /// Refuses an entry whose line would not be read as one: its name is empty or begins with a
+  /// blank, a line end, '[', '<', ';' or '#'.
+  virtual ConfigResult SetValue(std::string_view section, std::string_view entry,
+                                std::string_view value);
+  /// Replaces the block of that name. Without a name the data replace the whole text. Refuses a
   /// block that could not be read again, as where one in front of it is never closed.
-  virtual ConfigResult SetBlock(const char* name, std::span<const std::uint8_t> data);
+  virtual ConfigResult SetBlock(std::optional<std::string_view> name,
+                                std::span<const std::uint8_t> data);
   /// Adds an entry without looking for one that is there already. Refuses what SetValue refuses.
-  virtual ConfigResult AddValue(const char* section, const char* entry, const char* value);
-  /// A null entry stands for the whole section. Succeeds, and counts as a change, also when there
-  /// was nothing to delete.
-  virtual ConfigResult Delete(const char* section, const char* entry);
-  virtual ConfigResult DeleteBlock(const char* name);
-  [[nodiscard]] virtual bool SectionExists(const char* section);
+  virtual ConfigResult AddValue(std::string_view section, std::string_view entry,
+                                std::string_view value);
+  /// Without an entry the whole section goes. Succeeds, and counts as a change, also when there was
+  /// nothing to delete.
+  virtual ConfigResult Delete(std::string_view section, std::optional<std::string_view> entry);
+  virtual ConfigResult DeleteBlock(std::string_view name);
+  [[nodiscard]] virtual bool SectionExists(std::string_view section);
   /// Rewrites the text with its sections in the order of their names.
   virtual void Sort();
   /// Gives sections of older product versions their present names: always with `force`, else only
@@ -86,7 +97,7 @@ class CConfigItem {
  protected:
   CConfigItem() = default;
 
-  char path_[runtime::kTextSize] = {};
+  std::string path_;
 };
 
 }  // namespace qixx::config

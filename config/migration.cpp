@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "config/format.h"
@@ -35,7 +36,6 @@ constexpr SectionAlias kSectionAliases[] = {
     {"Smart Card", "SmartCard"},
     {"Smart Card Reader", "SmartCardReader"},
     {"InitProfiles", "SmartCardProfile"},
-    {"", ""},
 };
 
 constexpr std::string_view kImageSource = "CredentialProvider";
@@ -66,14 +66,14 @@ std::vector<Entry> CollectEntries(std::string_view text, const SectionSpan& sect
   std::vector<Entry> entries;
   std::unordered_map<std::string, std::size_t> known;
   LineReader lines = LinesOf(text, section);
-  for (TextLine line; lines.Next(line);) {
-    if (IsComment(line.text)) continue;
-    const std::string_view name = EntryName(line.text);
+  while (const std::optional<TextLine> line = lines.Next()) {
+    if (IsComment(line->text)) continue;
+    const std::string_view name = EntryName(line->text);
     const auto [place, isNew] = known.try_emplace(Folded(name), entries.size());
     if (isNew) entries.push_back({std::string(name), {}, false});
     Entry& entry = entries[place->second];
-    if (entry.assigned || !Contains(line.text, "=")) continue;
-    entry.value = EntryValue(line.text);
+    if (entry.assigned || !Contains(line->text, "=")) continue;
+    entry.value = EntryValue(line->text);
     entry.assigned = true;
   }
   return entries;
@@ -94,13 +94,13 @@ std::string SetEntries(std::string_view text, const SectionSpan& section,
   std::string lines;
   std::size_t copied = section.header.end;
   LineReader reader = LinesOf(text, section);
-  for (TextLine line; reader.Next(line);) {
-    if (IsComment(line.text) || !Contains(line.text, "=")) continue;
-    const auto found = waiting.find(Folded(EntryName(line.text)));
+  while (const std::optional<TextLine> line = reader.Next()) {
+    if (IsComment(line->text) || !Contains(line->text, "=")) continue;
+    const auto found = waiting.find(Folded(EntryName(line->text)));
     if (found == waiting.end()) continue;
-    lines.append(text, copied, BeforeBlanks(text, line.begin) - copied);
+    lines.append(text, copied, BeforeBlanks(text, line->begin) - copied);
     lines += LineOf(found->second->name, found->second->value);
-    copied = BehindLineEnd(text, line.end);
+    copied = BehindLineEnd(text, line->end);
     waiting.erase(found);
   }
   lines.append(text, copied, section.insertion - copied);
@@ -120,42 +120,46 @@ using ValuesByName = std::unordered_map<std::string, std::string>;
 
 ValuesByName CollectImageTargets(std::string_view text) {
   ValuesByName values;
-  SectionSpan section;
-  if (!FindSection(text, kImageTarget, section)) return values;
-  for (const Entry& entry : CollectEntries(text, section)) {
+  const std::optional<SectionSpan> section = FindSection(text, kImageTarget);
+  if (!section) return values;
+  for (const Entry& entry : CollectEntries(text, *section)) {
     if (entry.assigned) values.emplace(Folded(entry.name), entry.value);
   }
   return values;
 }
 
-/// Takes the images that may leave out of their sections; those that are new to the other one are
-/// added to `images` as lines.
-std::string TakeImages(std::string_view text, std::string& images) {
+struct TakenImages {
+  std::string rest;    ///< the text without the images that may leave their sections
+  std::string images;  ///< the lines of those that are new to the other section
+};
+
+TakenImages TakeImages(std::string_view text) {
   ValuesByName targets = CollectImageTargets(text);
-  std::string kept;
+  TakenImages taken;
   std::size_t copied = 0;
   MarkReader marks(text);
-  for (TextLine header; marks.NextHeader(header);) {
-    if (!IsHeaderOf(header.text, kImageSource)) continue;
-    LineReader lines = LinesOf(text, SpanOfSection(text, header));
-    for (TextLine line; lines.Next(line);) {
-      if (!IsImage(line.text)) continue;
-      const std::string_view name = EntryName(line.text);
-      const std::string_view value = EntryValue(line.text);
+  while (const std::optional<TextLine> header = marks.NextHeader()) {
+    if (!IsHeaderOf(header->text, kImageSource)) continue;
+    LineReader lines = LinesOf(text, SpanOfSection(text, *header));
+    while (const std::optional<TextLine> line = lines.Next()) {
+      if (!IsImage(line->text)) continue;
+      const std::string_view name = EntryName(line->text);
+      const std::string_view value = EntryValue(line->text);
       const auto [target, isNew] = targets.try_emplace(Folded(name), value);
       if (!isNew && !runtime::EqualsNoCase(target->second, value)) continue;
-      if (isNew) images += LineOf(name, value);
-      kept.append(text, copied, BeforeBlanks(text, line.begin) - copied);
-      copied = BehindLineEnd(text, line.end);
+      if (isNew) taken.images += LineOf(name, value);
+      taken.rest.append(text, copied, BeforeBlanks(text, line->begin) - copied);
+      copied = BehindLineEnd(text, line->end);
     }
   }
-  return kept.append(text, copied);
+  taken.rest.append(text, copied);
+  return taken;
 }
 
 }  // namespace
 
 std::span<const SectionAlias> SectionAliases() {
-  return std::span(kSectionAliases).first(std::size(kSectionAliases) - 1);
+  return kSectionAliases;
 }
 
 bool LooksOld(std::string_view text) {
@@ -163,26 +167,27 @@ bool LooksOld(std::string_view text) {
          (Contains(text, "Admin Utility") && !Contains(text, "General"));
 }
 
-bool MergeBeforeRename(std::string_view text, std::string_view oldName, std::string_view newName,
-                       std::string& merged) {
-  TextLine target;
-  TextLine header;
-  if (runtime::EqualsNoCase(oldName, newName) || !FindHeader(text, oldName, IsRewritable, target) ||
-      !FindHeader(text, newName, IsExactHeaderOf, header)) {
-    return false;
+std::optional<std::string> MergeBeforeRename(std::string_view text, std::string_view oldName,
+                                             std::string_view newName) {
+  if (runtime::EqualsNoCase(oldName, newName) || !FindHeader(text, oldName, IsRewritable)) {
+    return std::nullopt;
   }
-  const SectionSpan source = SpanOfSection(text, header);
+  const std::optional<TextLine> header = FindHeader(text, newName, IsExactHeaderOf);
+  if (!header) return std::nullopt;
+  const SectionSpan source = SpanOfSection(text, *header);
   const std::vector<Entry> entries = CollectEntries(text, source);
-  if (entries.empty()) return false;
+  if (entries.empty()) return std::nullopt;
 
   const TextRange cut = CutOfSection(text, source);
-  merged.assign(text, 0, cut.begin).append(text, cut.end);
+  std::string merged(text, 0, cut.begin);
+  merged.append(text, cut.end);
   // The header is still there, but what went in front of it has moved it.
-  if (!FindHeader(merged, oldName, IsRewritable, target)) return false;
-  const SectionSpan section = SpanOfSection(merged, target);
+  const std::optional<TextLine> target = FindHeader(merged, oldName, IsRewritable);
+  if (!target) return std::nullopt;
+  const SectionSpan section = SpanOfSection(merged, *target);
   const std::string lines = SetEntries(merged, section, entries);
-  merged.replace(target.end, section.insertion - target.end, lines);
-  return true;
+  merged.replace(target->end, section.insertion - target->end, lines);
+  return merged;
 }
 
 std::string RewriteHeaders(std::string_view text, std::string_view oldName,
@@ -190,29 +195,28 @@ std::string RewriteHeaders(std::string_view text, std::string_view oldName,
   std::string rewritten;
   std::size_t copied = 0;
   MarkReader marks(text);
-  for (TextLine header; marks.NextHeader(header);) {
-    if (!IsRewritable(header.text, oldName)) continue;
-    const std::size_t name = header.begin + 1;
+  while (const std::optional<TextLine> header = marks.NextHeader()) {
+    if (!IsRewritable(header->text, oldName)) continue;
+    const std::size_t name = header->begin + 1;
     rewritten.append(text, copied, name - copied).append(newName);
     copied = name + oldName.size();
   }
   return rewritten.append(text, copied);
 }
 
-bool MoveImages(std::string_view text, std::string& moved) {
-  std::string images;
-  moved = TakeImages(text, images);
-  if (moved.size() == text.size()) return false;
-  if (images.empty()) return true;
-  SectionSpan section;
-  if (!FindSection(moved, kImageTarget, section)) {
+std::optional<std::string> MoveImages(std::string_view text) {
+  auto [moved, images] = TakeImages(text);
+  if (moved.size() == text.size()) return std::nullopt;
+  if (images.empty()) return std::move(moved);
+  const std::optional<SectionSpan> section = FindSection(moved, kImageTarget);
+  if (!section) {
     moved += SectionHead(kImageTarget) + images;
-    return true;
+    return std::move(moved);
   }
-  const std::size_t at = section.insertion;
+  const std::size_t at = section->insertion;
   if (!IsLineBreak(moved[at - 1])) images.insert(0, 1, '\n');
   moved.insert(at, images);
-  return true;
+  return std::move(moved);
 }
 
 }  // namespace qixx::config

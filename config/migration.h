@@ -1,9 +1,10 @@
 // Bringing the section names of older product versions up to date.
 //
 // These are the steps as transformations of a text; each one works in one pass. The configuration
-// file puts them together. std::bad_alloc passes through.
+// file puts them together.
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -11,29 +12,30 @@
 namespace qixx::config {
 
 struct SectionAlias {
-  char oldName[32];
-  char newName[32];
+  std::string_view oldName;
+  std::string_view newName;
 };
-/// All renamed sections in the order of their renaming, without the end mark.
+/// All renamed sections in the order of their renaming.
 [[nodiscard]] std::span<const SectionAlias> SectionAliases();
 
-inline constexpr const char* kProfileSection = "SmartCardProfile";
+inline constexpr std::string_view kProfileSection = "SmartCardProfile";
 
 /// True when a text has an old name and nothing of what replaced it.
 [[nodiscard]] bool LooksOld(std::string_view text);
 
 /// Sets every entry of section `newName` in the section `oldName` that is about to take its name,
-/// and deletes section `newName`. False (and no result) when there is nothing to merge: no such
-/// entry, no header that will be rewritten, or names that differ in letter case only.
-[[nodiscard]] bool MergeBeforeRename(std::string_view text, std::string_view oldName,
-                                     std::string_view newName, std::string& merged);
+/// and deletes section `newName`. Nothing when there is nothing to merge: no such entry, no header
+/// that will be rewritten, or names that differ in letter case only.
+[[nodiscard]] std::optional<std::string> MergeBeforeRename(std::string_view text,
+                                                           std::string_view oldName,
+                                                           std::string_view newName);
 /// Puts the new name into every header of the old one. The letter case of the old name counts here,
 /// deliberately, unlike everywhere else.
 [[nodiscard]] std::string RewriteHeaders(std::string_view text, std::string_view oldName,
                                          std::string_view newName);
 
 /// Moves the images of all sections "CredentialProvider" to section "Dialog Presentation"; an image
-/// that is there already with another value stays in both. False (and no result) without a change.
-[[nodiscard]] bool MoveImages(std::string_view text, std::string& moved);
+/// that is there already with another value stays in both. Nothing without a change.
+[[nodiscard]] std::optional<std::string> MoveImages(std::string_view text);
 
 }  // namespace qixx::config

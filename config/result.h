@@ -17,9 +17,5 @@ enum class ConfigResult : std::uint32_t {
 };
 
 inline constexpr ConfigResult kConfigOk = ConfigResult::kOk;
-inline constexpr ConfigResult kConfigFailed = ConfigResult::kFailed;
-inline constexpr ConfigResult kConfigNoPath = ConfigResult::kNoPath;
-inline constexpr ConfigResult kConfigNoSection = ConfigResult::kNoSection;
-inline constexpr ConfigResult kConfigNoEntry = ConfigResult::kNoEntry;
 
 }  // namespace qixx::config

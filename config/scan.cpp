@@ -10,23 +10,13 @@ namespace {
 constexpr std::string_view kBlockEnd = "/>";
 
 TextLine LineIn(std::string_view text, TextRange range) {
-  const std::size_t length = std::min(range.end - range.begin, kMaximumLine);
+  const std::size_t length = std::min(range.end - range.begin, kMaxConfigLine);
   return {text.substr(range.begin, length), range.begin, range.end};
 }
 
 bool IsEntryOf(std::string_view line, std::string_view entry) {
   return line.size() > entry.size() && line[entry.size()] == '=' &&
          runtime::StartsWithNoCase(line, entry) && !IsComment(line);
-}
-
-/// The body of a block of that name, whose text runs from '<' to "/>"; false for another name.
-bool MatchBlock(std::string_view block, std::string_view name, std::string_view& body) {
-  block = runtime::SkipBlanks(block.substr(1, block.size() - 1 - kBlockEnd.size()));
-  if (!runtime::StartsWithNoCase(block, name)) return false;
-  block = runtime::SkipBlanks(block.substr(name.size()));
-  if (!block.starts_with('=')) return false;
-  body = block.substr(1);
-  return true;
 }
 
 }  // namespace
@@ -55,22 +45,22 @@ std::size_t BehindLineEnd(std::string_view text, std::size_t end) {
   return end;
 }
 
-bool LineReader::Next(TextLine& line) {
+std::optional<TextLine> LineReader::Next() {
   while (position_ < text_.size() && (text_[position_] == ' ' || IsLineBreak(text_[position_]))) {
     ++position_;
   }
-  if (position_ >= text_.size()) return false;
-  line = LineIn(text_, {position_, FindLineEnd(text_, position_)});
+  if (position_ >= text_.size()) return std::nullopt;
+  const TextRange line{position_, FindLineEnd(text_, position_)};
   position_ = line.end;
-  return true;
+  return LineIn(text_, line);
 }
 
-bool MarkReader::Find(Mark wanted, TextRange& found) {
+std::optional<TextRange> MarkReader::Find(Mark wanted) {
   for (;;) {
     if (bracket_ < position_) bracket_ = text_.find('[', position_);
     if (angle_ < position_) angle_ = text_.find('<', position_);
     const std::size_t begin = std::min(bracket_, angle_);
-    if (begin == kNoPosition) return false;
+    if (begin == kNoPosition) return std::nullopt;
     position_ = begin + 1;
     const Mark mark = begin == bracket_ ? Mark::kHeader : Mark::kBlock;
     const std::size_t start = BeforeBlanks(text_, begin);
@@ -81,9 +71,7 @@ bool MarkReader::Find(Mark wanted, TextRange& found) {
     if (end == kNoPosition) continue;
     position_ = end;
     if (mark == Mark::kBlock) blockEnd_ = end;
-    if (mark != wanted) continue;
-    found = {begin, end};
-    return true;
+    if (mark == wanted) return TextRange{begin, end};
   }
 }
 
@@ -94,15 +82,14 @@ std::size_t MarkReader::BehindBlock(std::size_t begin) {
   return terminator_ == kNoPosition ? kNoPosition : terminator_ + kBlockEnd.size();
 }
 
-bool MarkReader::NextHeader(TextLine& header) {
-  TextRange range;
-  if (!Find(Mark::kHeader, range)) return false;
-  header = LineIn(text_, range);
-  return true;
+std::optional<TextLine> MarkReader::NextHeader() {
+  const std::optional<TextRange> header = Find(Mark::kHeader);
+  if (!header) return std::nullopt;
+  return LineIn(text_, *header);
 }
 
-bool MarkReader::NextBlock(TextRange& block) {
-  return Find(Mark::kBlock, block);
+std::optional<TextRange> MarkReader::NextBlock() {
+  return Find(Mark::kBlock);
 }
 
 std::string_view HeaderName(std::string_view line) {
@@ -137,10 +124,12 @@ SectionSpan SpanOfSection(std::string_view text, const TextLine& header) {
   SectionSpan section{header, text.size(), 0};
   std::size_t last = header.end;
   LineReader lines(text, header.end);
-  for (TextLine line; lines.Next(line); last = line.end) {
-    if (!EndsSection(line.text)) continue;
-    section.end = line.begin;
-    break;
+  while (const std::optional<TextLine> line = lines.Next()) {
+    if (EndsSection(line->text)) {
+      section.end = line->begin;
+      break;
+    }
+    last = line->end;
   }
   section.insertion = BehindLineEnd(text, last);
   return section;
@@ -154,62 +143,50 @@ TextRange CutOfSection(std::string_view text, const SectionSpan& section) {
   return {behindFeed ? begin - 1 : begin, end};
 }
 
-bool FindHeader(std::string_view text, std::string_view section, HeaderTest test,
-                TextLine& header) {
+std::optional<TextLine> FindHeader(std::string_view text, std::string_view section,
+                                   HeaderTest test) {
   MarkReader marks(text);
-  while (marks.NextHeader(header)) {
-    if (test(header.text, section)) return true;
+  while (const std::optional<TextLine> header = marks.NextHeader()) {
+    if (test(header->text, section)) return header;
   }
-  return false;
+  return std::nullopt;
 }
 
-bool FindSection(std::string_view text, std::string_view name, SectionSpan& section) {
-  TextLine header;
-  if (!FindHeader(text, name, IsHeaderOf, header)) return false;
-  section = SpanOfSection(text, header);
-  return true;
+std::optional<SectionSpan> FindSection(std::string_view text, std::string_view name) {
+  const std::optional<TextLine> header = FindHeader(text, name, IsHeaderOf);
+  if (!header) return std::nullopt;
+  return SpanOfSection(text, *header);
 }
 
 EntrySearch FindEntry(std::string_view text, std::string_view section, std::string_view entry) {
-  TextLine line;
-  if (!FindHeader(text, section, IsHeaderOf, line)) {
-    return {kConfigNoSection, {}, text.size(), text.size()};
-  }
-  std::size_t last = line.end;
-  for (LineReader lines(text, line.end); lines.Next(line) && !EndsSection(line.text);) {
-    if (IsEntryOf(line.text, entry)) {
-      return {kConfigOk, EntryValue(line.text.substr(entry.size())), BeforeBlanks(text, line.begin),
-              BehindLineEnd(text, line.end)};
+  const std::optional<TextLine> header = FindHeader(text, section, IsHeaderOf);
+  if (!header) return {ConfigResult::kNoSection, {}, text.size(), text.size()};
+  std::size_t last = header->end;
+  LineReader lines(text, header->end);
+  while (const std::optional<TextLine> line = lines.Next()) {
+    if (EndsSection(line->text)) break;
+    if (IsEntryOf(line->text, entry)) {
+      return {ConfigResult::kOk, EntryValue(line->text.substr(entry.size())),
+              BeforeBlanks(text, line->begin), BehindLineEnd(text, line->end)};
     }
-    last = line.end;
+    last = line->end;
   }
   const std::size_t insertion = BehindLineEnd(text, last);
-  return {kConfigNoEntry, {}, insertion, insertion};
+  return {ConfigResult::kNoEntry, {}, insertion, insertion};
 }
 
-bool EntryReader::Next(std::string_view& section, std::string_view& entry) {
-  for (TextLine line; lines_.Next(line);) {
-    const std::string_view text = line.text;
+std::optional<EntryReader::Names> EntryReader::Next() {
+  while (const std::optional<TextLine> line = lines_.Next()) {
+    const std::string_view text = line->text;
     if (inBlock_ || text.starts_with('<')) {
       inBlock_ = text.find('>') == kNoPosition;
     } else if (text.starts_with('[')) {
       section_ = HeaderName(text);
     } else if (!section_.empty() && !IsComment(text)) {
-      section = section_;
-      entry = EntryName(text);
-      return true;
+      return Names{section_, EntryName(text)};
     }
   }
-  return false;
-}
-
-bool FindBlock(std::string_view text, std::string_view name, BlockSpan& block, std::size_t from) {
-  MarkReader marks(text);
-  while (marks.NextBlock(block.range)) {
-    const auto [begin, end] = block.range;
-    if (begin >= from && MatchBlock(text.substr(begin, end - begin), name, block.body)) return true;
-  }
-  return false;
+  return std::nullopt;
 }
 
 }  // namespace qixx::config

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string_view>
 
 #include "config/result.h"
@@ -14,7 +15,7 @@ namespace qixx::config {
 /// Steps in which the capacity of a text grows; also the longest text that one change writes.
 inline constexpr std::size_t kGrowthStep = 164096;
 /// A longer line is cut there; what follows up to its end is passed over.
-inline constexpr std::size_t kMaximumLine = 164096;
+inline constexpr std::size_t kMaxConfigLine = 164096;
 
 inline constexpr std::size_t kNoPosition = std::string_view::npos;
 
@@ -26,7 +27,7 @@ struct TextRange {
 
 /// One line without the blanks in front of it and its line end.
 struct TextLine {
-  std::string_view text;  ///< cut at kMaximumLine
+  std::string_view text;  ///< cut at kMaxConfigLine
   std::size_t begin = 0;  ///< position of `text`
   std::size_t end = 0;    ///< position behind the whole line, in front of its line end
 };
@@ -46,8 +47,8 @@ class LineReader {
  public:
   explicit LineReader(std::string_view text, std::size_t position = 0)
       : text_(text), position_(position) {}
-  /// False at the end of the text.
-  [[nodiscard]] bool Next(TextLine& line);
+  /// Nothing at the end of the text.
+  [[nodiscard]] std::optional<TextLine> Next();
 
  private:
   std::string_view text_;
@@ -61,15 +62,15 @@ class MarkReader {
  public:
   explicit MarkReader(std::string_view text)
       : text_(text), bracket_(text.find('[')), angle_(text.find('<')) {}
-  /// Both are false at the end of the text. What is not asked for is passed over, so a reader is
+  /// Both give nothing at the end of the text. What is not asked for is passed over, so a reader is
   /// asked either for headers or for blocks.
-  [[nodiscard]] bool NextHeader(TextLine& header);
-  [[nodiscard]] bool NextBlock(TextRange& block);
+  [[nodiscard]] std::optional<TextLine> NextHeader();
+  [[nodiscard]] std::optional<TextRange> NextBlock();
 
  private:
   enum class Mark { kHeader, kBlock };
 
-  bool Find(Mark wanted, TextRange& found);
+  std::optional<TextRange> Find(Mark wanted);
   std::size_t BehindBlock(std::size_t begin);
 
   std::string_view text_;
@@ -107,8 +108,8 @@ class MarkReader {
 /// Whether a line is a header of that section, by one rule or another.
 using HeaderTest = bool (*)(std::string_view line, std::string_view section);
 /// The first header that passes the test.
-[[nodiscard]] bool FindHeader(std::string_view text, std::string_view section, HeaderTest test,
-                              TextLine& header);
+[[nodiscard]] std::optional<TextLine> FindHeader(std::string_view text, std::string_view section,
+                                                 HeaderTest test);
 
 /// The lines of a section: from behind its header to the next header or block.
 struct SectionSpan {
@@ -121,11 +122,11 @@ struct SectionSpan {
 /// line end in front of the next header or block.
 [[nodiscard]] TextRange CutOfSection(std::string_view text, const SectionSpan& section);
 /// The first section of that name.
-[[nodiscard]] bool FindSection(std::string_view text, std::string_view name, SectionSpan& section);
+[[nodiscard]] std::optional<SectionSpan> FindSection(std::string_view text, std::string_view name);
 
 /// Where an entry is, or where it would be put.
 struct EntrySearch {
-  ConfigResult result = kConfigNoSection;
+  ConfigResult result = ConfigResult::kNoSection;
   std::string_view value;
   std::size_t begin = 0;  ///< the whole line with blanks in front; the insertion point of a miss
   std::size_t end = 0;    ///< behind its line end; equal to `begin` for a miss
@@ -138,23 +139,18 @@ struct EntrySearch {
 /// none. A line without '=' counts.
 class EntryReader {
  public:
+  struct Names {
+    std::string_view section;
+    std::string_view entry;
+  };
+
   explicit EntryReader(std::string_view text) : lines_(text) {}
-  [[nodiscard]] bool Next(std::string_view& section, std::string_view& entry);
+  [[nodiscard]] std::optional<Names> Next();
 
  private:
   LineReader lines_;
   std::string_view section_;
   bool inBlock_ = false;
 };
-
-// --- blocks -----------------------------------------------------------------------------------
-
-struct BlockSpan {
-  TextRange range;  ///< from '<' to "/>"
-  std::string_view body;
-};
-/// The first block of that name that begins at `from` or behind it.
-[[nodiscard]] bool FindBlock(std::string_view text, std::string_view name, BlockSpan& block,
-                             std::size_t from = 0);
 
 }  // namespace qixx::config

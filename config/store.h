@@ -12,6 +12,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "config/item.h"
 #include "config/result.h"
@@ -26,6 +27,9 @@ struct ConfigValue {
   std::string text;
   ConfigOrigin origin = ConfigOrigin::kFile;
 };
+
+/// A longer text of a number is cut there.
+inline constexpr std::size_t kMaxNumber = 16;
 
 class CConfig {
  public:
@@ -50,7 +54,7 @@ class CConfig {
   /// the entry, its value counts as it stands and no item is asked; one that is empty or longer
   /// than `maxLength` is no value. Callers that accept only what a file says look at the origin.
   virtual std::optional<ConfigValue> GetString(std::string_view section, std::string_view entry,
-                                               std::size_t maxLength = runtime::kTextSize - 1);
+                                               std::size_t maxLength = runtime::kMaxText);
   /// Sets a value in the first item; Close brings it to the file.
   virtual ConfigResult SetString(std::string_view section, std::string_view entry,
                                  std::string_view value);
@@ -71,30 +75,34 @@ class CConfig {
   /// The paths that OpenAll and OpenDefault use. The user's directory is made when it is missing.
   [[nodiscard]] static std::optional<std::string> FindLocalPath();
   [[nodiscard]] static std::optional<std::string> FindGlobalPath();
+  /// Process-wide: the built-in configuration takes the place of the system's file.
+  static void SetStaticMode(bool on);
 
+  // --- spare ------------------------------------------------------------------------------------
+
+  /// With the raw flag set, conditional values are returned as stored.
+  void SetRaw(bool raw);
+  /// Of one item alone; decimal, what is no number is 0.
   virtual std::optional<std::int32_t> GetItemInteger(std::size_t item, std::string_view section,
                                                      std::string_view entry);
   virtual std::optional<std::int64_t> GetInteger(std::string_view section, std::string_view entry);
+  /// The entry "%s_%s" made of two names.
+  virtual std::optional<ConfigValue> GetQualified(std::string_view section, std::string_view entry,
+                                                  std::string_view qualifier,
+                                                  std::size_t maxLength = runtime::kMaxText);
+  virtual bool SectionExists(std::string_view section);
+  /// The index-th entry of a section of the first item that has it; `index` grows with every call.
+  virtual std::optional<std::string> EnumSectionEntries(std::string_view section,
+                                                        std::size_t& index);
+  virtual std::optional<std::vector<std::uint8_t>> GetBlock(std::string_view name);
+  // Changes of the first item, as CConfigItem has them.
   virtual ConfigResult SetInteger(std::string_view section, std::string_view entry,
                                   std::int32_t value);
   virtual ConfigResult SetUnsigned(std::string_view section, std::string_view entry,
                                    std::uint32_t value);
-  /// The entry "%s_%s" made of two names.
-  virtual std::optional<ConfigValue> GetQualified(std::string_view section, std::string_view entry,
-                                                  std::string_view qualifier,
-                                                  std::size_t maxLength = runtime::kTextSize - 1);
-
-  virtual ConfigResult Delete(const char* section, const char* entry);
-  virtual bool SectionExists(const char* section);
-  virtual ConfigResult EnumSectionEntries(const char* section, std::span<char> entry,
-                                          std::size_t& index);
-  virtual ConfigResult GetBlock(const char* name, std::uint8_t*& data, std::size_t& length);
-  virtual ConfigResult SetBlock(const char* name, std::span<const std::uint8_t> data);
-
-  /// With the raw flag set, conditional values are returned as stored.
-  void SetRaw(bool raw);
-  /// Process-wide: the built-in configuration takes the place of the system's file.
-  static void SetStaticMode(bool on);
+  virtual ConfigResult Delete(std::string_view section, std::optional<std::string_view> entry);
+  virtual ConfigResult SetBlock(std::optional<std::string_view> name,
+                                std::span<const std::uint8_t> data);
 
   // The same with areas, for callers that have not moved to values yet.
   ConfigResult GetString(const char* section, const char* entry, std::span<char> buffer,
@@ -117,7 +125,7 @@ class CConfig {
   void RecordReference(std::string_view section, std::string_view entry) const;
   [[nodiscard]] std::string_view Resolve(std::string_view value);
   [[nodiscard]] bool IsNamedConditionActive(std::string_view name);
-  void CollectNamedConditions();
+  [[nodiscard]] std::string CollectNamedConditions();
 
   std::unique_ptr<CConfigItem> items_[2];
   /// The names of the active conditions, one behind the other; none until the first question.
@@ -126,13 +134,10 @@ class CConfig {
   bool raw_ = false;
 };
 
-/// The store of the language string tables.
-class CConfigLang : public CConfig {};
-
 /// Entry "1", "2", "3" and so on of a section that is a list. An empty entry is no end of it.
 [[nodiscard]] std::optional<ConfigValue> ReadNumberedEntry(
     CConfig& config, std::string_view section, unsigned number,
-    std::size_t maxLength = runtime::kTextSize - 1);
+    std::size_t maxLength = runtime::kMaxText);
 
 /// GetString for callers that honour overrides: true when the result is 0 or the buffer holds text.
 [[nodiscard]] bool ReadConfigText(CConfig& config, const char* section, const char* entry,

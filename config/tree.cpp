@@ -2,17 +2,17 @@
 
 #include <algorithm>
 #include <ctime>
-#include <new>
 
 #include "config/scan.h"
-#include "runtime/lasting.h"
+#include "runtime/no_destructor.h"
+#include "runtime/text.h"
 #include "runtime/trace.h"
 
 namespace qixx::config {
 namespace {
 
 /// Keeps a text of nothing but tiny lines from taking many times its size.
-constexpr std::size_t kMaximumNodes = 1'000'000;
+constexpr std::size_t kMaxNodes = 1'000'000;
 /// Roughly; only saves growing the array of nodes while the text is read.
 constexpr std::size_t kUsualLineLength = 32;
 
@@ -38,18 +38,14 @@ std::size_t BehindBlock(std::string_view text, std::size_t begin) {
 }  // namespace
 
 LookupTree::LookupTree(std::string_view text) : text_(text) {
-  nodes_.reserve(std::min(text.size() / kUsualLineLength + 2, kMaximumNodes));
+  nodes_.reserve(std::min(text.size() / kUsualLineLength + 2, kMaxNodes));
   nodes_.push_back({{}, text_, kRoot, kRoot, 0, NodeKind::kRoot});
 }
 
 std::unique_ptr<const LookupTree> LookupTree::Build(std::string_view text) {
-  try {
-    std::unique_ptr<LookupTree> tree(new LookupTree(text));
-    if (tree->Parse()) return tree;
-  } catch (const std::bad_alloc&) {
-    // No tree: the text is scanned instead.
-  }
-  return nullptr;
+  std::unique_ptr<LookupTree> tree(new LookupTree(text));
+  if (!tree->Parse()) return nullptr;
+  return tree;
 }
 
 bool LookupTree::Parse() {
@@ -64,7 +60,7 @@ bool LookupTree::Parse() {
     const std::string_view line = text.substr(begin, end - begin);
     begin = end + 1;
     if (line.empty() || IsIgnored(line)) continue;
-    if (nodes_.size() >= kMaximumNodes) return false;
+    if (nodes_.size() >= kMaxNodes) return false;
     if (line.front() == '[') {
       const std::string_view name = HeaderName(line);
       if (!name.empty()) section = Prepend(kRoot, NodeKind::kSection, name, {});
@@ -93,18 +89,17 @@ LookupTree::NodeIndex LookupTree::FindChild(NodeIndex parent, std::string_view n
   return child;
 }
 
-bool LookupTree::FindSection(std::string_view section) const {
+bool LookupTree::HasSection(std::string_view section) const {
   return FindChild(kRoot, section) != kRoot;
 }
 
-bool LookupTree::FindValue(std::string_view section, std::string_view entry,
-                           std::string_view& value) const {
+std::optional<std::string_view> LookupTree::FindValue(std::string_view section,
+                                                      std::string_view entry) const {
   const NodeIndex parent = FindChild(kRoot, section);
-  if (parent == kRoot) return false;
+  if (parent == kRoot) return std::nullopt;
   const NodeIndex child = FindChild(parent, entry);
-  if (child == kRoot) return false;
-  value = nodes_[child].value;
-  return true;
+  if (child == kRoot) return std::nullopt;
+  return nodes_[child].value;
 }
 
 CConfigTree::~CConfigTree() {
@@ -118,7 +113,7 @@ CConfigTree::~CConfigTree() {
 }
 
 CConfigTree& CConfigTree::Instance() {
-  static runtime::Lasting<CConfigTree> instance;
+  static runtime::NoDestructor<CConfigTree> instance;
   return *instance;
 }
 
@@ -127,9 +122,9 @@ const LookupTree* CConfigTree::Attach(std::string_view path, std::string_view te
   Slot& slot = ChooseSlot(path);
   if (slot.tree == nullptr || slot.tree->Text() != text) {
     if (slot.useCount != 0) return nullptr;
+    slot.path = path;
     slot.tree = LookupTree::Build(text);
     slot.lastUse = 0;
-    runtime::CopyTextCut(slot.path, path);
     if (slot.tree == nullptr) return nullptr;
   }
   slot.lastUse = std::time(nullptr);
@@ -145,7 +140,7 @@ void CConfigTree::Release(const LookupTree* tree) {
 }
 
 CConfigTree::Slot& CConfigTree::ChooseSlot(std::string_view path) {
-  const auto samePath = [path](const Slot& slot) { return runtime::TextOf(slot.path) == path; };
+  const auto samePath = [path](const Slot& slot) { return slot.path == path; };
   const auto found = std::find_if(std::begin(slots_), std::end(slots_), samePath);
   if (found != std::end(slots_)) return *found;
   return *std::min_element(std::begin(slots_), std::end(slots_),

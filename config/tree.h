@@ -7,29 +7,27 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "config/result.h"
 #include "runtime/sync.h"
-#include "runtime/text.h"
 
 namespace qixx::config {
 
 class LookupTree {
  public:
-  /// Copies and parses the text. Null when memory runs out or the text has more than a million
-  /// sections and entries.
+  /// Copies and parses the text. Null when it has more than a million sections and entries.
   [[nodiscard]] static std::unique_ptr<const LookupTree> Build(std::string_view text);
   LookupTree(const LookupTree&) = delete;
   LookupTree& operator=(const LookupTree&) = delete;
 
   [[nodiscard]] std::string_view Text() const { return text_; }
-  /// False when there is no such section or entry. Letter case is ignored.
-  [[nodiscard]] bool FindSection(std::string_view section) const;
-  [[nodiscard]] bool FindValue(std::string_view section, std::string_view entry,
-                               std::string_view& value) const;
+  /// Letter case is ignored.
+  [[nodiscard]] bool HasSection(std::string_view section) const;
+  [[nodiscard]] std::optional<std::string_view> FindValue(std::string_view section,
+                                                          std::string_view entry) const;
 
  private:
   using NodeIndex = std::uint32_t;
@@ -77,7 +75,7 @@ class CConfigTree {
 
  private:
   struct Slot {
-    char path[runtime::kTextSize] = {};
+    std::string path;
     std::uint32_t useCount = 0;
     std::int64_t lastUse = 0;  ///< in seconds, 0 for never
     std::unique_ptr<const LookupTree> tree;

@@ -4,11 +4,9 @@
 // rest is the file's text.
 #include <unistd.h>
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
+#include <optional>
 #include <string>
 
 #include "config/file.h"
@@ -21,6 +19,7 @@
 namespace {
 
 using namespace qixx;
+using config::ConfigResult;
 
 constexpr int kOperations = 32;
 constexpr std::size_t kWalkLimit = 2000;
@@ -41,20 +40,18 @@ const std::string& FilePath() {
 }
 
 void Walk(config::CConfigFile& file) {
-  std::array<char, 256> section{};
-  std::array<char, 256> entry{};
-  std::array<char, 64> value{};
   for (std::size_t index = 0; index < kWalkLimit;) {
-    if (file.EnumEntries(section, entry, index) != config::kConfigOk) break;
-    static_cast<void>(file.GetValue(section.data(), entry.data(), value, true));
-    if (std::memchr(value.data(), 0, value.size()) == nullptr) std::abort();
+    const auto found = file.EnumEntries(index);
+    if (!found) break;
+    if (found->section.size() > runtime::kMaxText || found->entry.size() > runtime::kMaxText) {
+      std::abort();
+    }
+    static_cast<void>(file.GetValue(found->section, found->entry));
   }
   for (std::size_t index = 0; index < kWalkLimit;) {
-    if (file.EnumBlocks(entry, index) != config::kConfigOk) break;
-    std::uint8_t* data = nullptr;
-    std::size_t length = 0;
-    static_cast<void>(file.GetBlock(entry.data(), data, length));
-    delete[] data;
+    const auto name = file.EnumBlocks(index);
+    if (!name) break;
+    static_cast<void>(file.GetBlock(*name));
   }
 }
 
@@ -67,24 +64,21 @@ void Change(config::CConfigFile& file, std::uint8_t operation, fuzzing::Input& i
   const std::string first = input.Line();
   const std::string second = input.Line();
   const std::string third = input.Line();
-  std::array<char, 300> area{};
   std::size_t index = operation;
   switch (operation % 11) {
     case 0:
-      if (file.SetValue(first.c_str(), second.c_str(), third.c_str(), true) != config::kConfigOk)
-        break;
+      if (file.SetValue(first, second, third) != ConfigResult::kOk) break;
       if (!IsPlain(first + second + third)) break;
-      if (file.GetValue(first.c_str(), second.c_str(), area, true) != config::kConfigOk)
-        std::abort();
+      if (file.GetValue(first, second).result != ConfigResult::kOk) std::abort();
       break;
     case 1:
-      file.AddValue(first.c_str(), second.c_str(), third.c_str());
+      file.AddValue(first, second, third);
       break;
     case 2:
-      file.Delete(first.c_str(), second.empty() ? nullptr : second.c_str());
+      file.Delete(first, second.empty() ? std::nullopt : std::optional<std::string_view>(second));
       break;
     case 3:
-      file.RenameSection(first.c_str(), second.c_str());
+      file.RenameSection(first, second);
       break;
     case 4:
       file.Sort();
@@ -96,18 +90,17 @@ void Change(config::CConfigFile& file, std::uint8_t operation, fuzzing::Input& i
       file.StripComments();
       break;
     case 7:
-      file.SetBlock(first.c_str(),
-                    {reinterpret_cast<const std::uint8_t*>(second.data()), second.size()});
+      file.SetBlock(first, runtime::AsBytes(second));
       break;
     case 8:
-      file.DeleteBlock(first.c_str());
+      file.DeleteBlock(first);
       break;
     case 9:
-      file.EnumSectionEntries(first.c_str(), area, index);
+      file.EnumSectionEntries(first, index);
       break;
     default:
-      file.GetValue(first.c_str(), second.c_str(), area, false);
-      static_cast<void>(file.SectionExists(first.c_str()));
+      file.GetValue(first, second);
+      static_cast<void>(file.SectionExists(first));
       break;
   }
 }
@@ -125,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   {
     config::CConfigFile file;
-    file.Open(true, path.c_str(), true);
+    file.Open(true, path, true);
     Walk(file);
     for (int number = 0; number < kOperations; ++number) {
       const std::uint8_t operation = operations.Byte();
@@ -136,14 +129,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   {
     config::CConfigFile file;
-    file.Open(false, path.c_str(), true);
+    file.Open(false, path, true);
     Walk(file);
     file.Close(true);
   }
   config::CConfig store;
-  if (store.OpenItem(false, path.c_str()) == config::kConfigOk) {
-    std::array<char, 128> value{};
-    static_cast<void>(config::ReadConfigText(store, "Command", "Watch", value, true));
+  if (store.OpenItem(false, path) == ConfigResult::kOk) {
+    constexpr std::size_t kLimit = 127;
+    const auto value = store.GetString("Command", "Watch", kLimit);
+    if (value && value->text.size() > kLimit) std::abort();
   }
   store.Close(true);
   return 0;

@@ -5,8 +5,11 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "config/file.h"
+#include "config/spare_lang.h"
+#include "config/spare_references.h"
 #include "runtime/files.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
@@ -15,16 +18,18 @@
 namespace qixx::testing {
 namespace {
 
+using config::ConfigResult;
+
 class ConfigStore : public ::testing::Test {
  protected:
   ConfigStore() { runtime::InitProductIdentity(); }
 
   void Load(const std::string& text) {
-    ASSERT_EQ(config_.OpenItem(true, folder_.Write("only.conf", text).c_str()), config::kConfigOk);
+    ASSERT_EQ(config_.OpenItem(true, folder_.Write("only.conf", text)), ConfigResult::kOk);
   }
-  std::string Read(const char* section, const char* entry) {
-    char value[runtime::kTextSize] = "left alone";
-    return config::ReadConfigText(config_, section, entry, value, true) ? value : "(none)";
+  std::string Read(std::string_view section, std::string_view entry) {
+    const auto value = config_.GetString(section, entry);
+    return value ? value->text : "(none)";
   }
 
   TemporaryFolder folder_;
@@ -39,32 +44,32 @@ TEST_F(ConfigStore, UserFileComesBeforeTheSystems) {
   folder_.Write("home/.qix/qix.conf", "[S]\nE=user\nEmpty=\n");
   const std::string system = folder_.Write("sys.conf", "[S]\nE=system\nF=more\nEmpty=full\n");
   const ScopedVariable global("qixconfigglobal", system.c_str());
-  ASSERT_EQ(config_.OpenAll(true), config::kConfigOk);
+  ASSERT_EQ(config_.OpenAll(true), ConfigResult::kOk);
   EXPECT_EQ(Read("S", "E"), "user");
   EXPECT_EQ(Read("S", "F"), "more");
   EXPECT_EQ(Read("S", "Empty"), "");
-  EXPECT_EQ(config_.OpenItem(true, system.c_str()), config::kConfigFailed);
+  EXPECT_EQ(config_.OpenItem(true, system), ConfigResult::kFailed);
   EXPECT_EQ(trace_.Count("Config - No more internal objects"), 1U);
 
-  EXPECT_EQ(config_.SetString("S", "F", "set", true), config::kConfigOk);
-  EXPECT_EQ(config_.Item(1)->SetValue("S", "E", "set", true), config::kConfigOk);
-  EXPECT_EQ(config_.Close(true), config::kConfigOk);
+  EXPECT_EQ(config_.SetString("S", "F", "set"), ConfigResult::kOk);
+  EXPECT_EQ(config_.Item(1)->SetValue("S", "E", "set"), ConfigResult::kOk);
+  EXPECT_EQ(config_.Close(true), ConfigResult::kOk);
   EXPECT_EQ(folder_.Read("home/.qix/qix.conf"), "[S]\nE=user\nEmpty=\nF=set\n");
   EXPECT_EQ(folder_.Read("sys.conf"), "[S]\nE=system\nF=more\nEmpty=full\n");
-  ASSERT_EQ(config_.OpenItem(true, folder_.Path().c_str()), config::kConfigOk);
-  EXPECT_EQ(config_.SetString("S", "E", "lost", true), config::kConfigOk);
-  EXPECT_EQ(config_.Close(true), config::kConfigFailed);
+  ASSERT_EQ(config_.OpenItem(true, folder_.Path()), ConfigResult::kOk);
+  EXPECT_EQ(config_.SetString("S", "E", "lost"), ConfigResult::kOk);
+  EXPECT_EQ(config_.Close(true), ConfigResult::kFailed);
 }
 
 TEST_F(ConfigStore, FindsItsFiles) {
   const std::string file = folder_.Path("home/.qix/qix.conf");
-  const ScopedVariable tooLong("qixconfiglocal", std::string(runtime::kTextSize, 'x').c_str());
+  const ScopedVariable tooLong("qixconfiglocal", std::string(runtime::kMaxText + 1, 'x').c_str());
   const ScopedVariable slash("HOME", folder_.Path("home/").c_str());
   // The library directory makes a per-user installation, even while its file is missing.
   folder_.Write("home/.qix/lib/any", "");
   EXPECT_EQ(config::CConfig::FindGlobalPath(), "qix.conf");
   // Opening the user's file for writing makes it, so that both are one file.
-  EXPECT_EQ(config_.OpenAll(true), config::kConfigOk);
+  EXPECT_EQ(config_.OpenAll(true), ConfigResult::kOk);
   EXPECT_EQ(config_.Item(0)->GetPath(), file);
   EXPECT_EQ(config_.Item(1), nullptr);
   const ScopedVariable none("HOME", "");
@@ -76,9 +81,10 @@ TEST_F(ConfigStore, EnvironmentOverridesValues) {
   EXPECT_EQ(Read("S", "E"), "0x1F||x|*");  // without any file, and not resolved
   Load("[S]\nE=file\nlarge=99999999999999999999\n");
   EXPECT_EQ(Read("s", "E"), "file");
-  char value[9] = "before";
-  EXPECT_EQ(config_.GetString("S", "E", value, true), config::kConfigFailed);
-  EXPECT_STREQ(value, "");  // it does not fit
+  EXPECT_EQ(config_.GetString("S", "E", 9)->origin, config::ConfigOrigin::kEnvironment);
+  EXPECT_EQ(config_.GetString("S", "E", 8), std::nullopt);  // it does not fit, and no file is asked
+  EXPECT_EQ(config_.GetString("s", "E", 3)->text, "fil");
+  EXPECT_EQ(config_.GetString("s", "E")->origin, config::ConfigOrigin::kFile);
   EXPECT_EQ(config_.GetUnsigned("S", "E"), 31U);
   EXPECT_EQ(config_.GetItemInteger(0, "S", "large"), 2147483647);
   EXPECT_EQ(config_.GetItemInteger(0, "S", "missing"), std::nullopt);
@@ -86,8 +92,7 @@ TEST_F(ConfigStore, EnvironmentOverridesValues) {
 
 TEST_F(ConfigStore, ConditionsChooseTheFirstThatHolds) {
   // The application that asks is this test program.
-  char program[runtime::kTextSize];
-  ASSERT_TRUE(runtime::GetCallingApplication(program));
+  const std::string program = runtime::GetCallingApplication();
   const std::pair<std::string, const char*> cases[] = {
       {"a|other||b|none", "a|other||b|none"},
       {"a|other||", ""},
@@ -96,11 +101,13 @@ TEST_F(ConfigStore, ConditionsChooseTheFirstThatHolds) {
       {std::string("a|bin/config_test||b|") + program, "b"},
       {"a|config_test,other||b|config_test,,*,{Both}||c", "b"},
       {"a|{both}||b|7;config_test||c|mode:other||d|{Late}||e", "e"},
-      {std::string(config::kMaximumLine - 100, 'x') + "|nobody||short", "short"}};
-  std::string text =
-      "[Condition]\n1={Any}   *\n2=no braces\n3={Never} nobody\n"
-      "4={" +
-      std::string(runtime::kTextSize, 'n') + "}\n5={Both} {Any},*\n7={Late} *\n[S]\n";
+      {std::string(config::kMaxConfigLine - 100, 'x') + "|nobody||short", "short"}};
+  // The list of the active ones takes 255 characters: one name is a character too long behind the
+  // first, another one fills the list.
+  const std::string tooLong = "{" + std::string(249, 'n') + "}";
+  const std::string last = "{" + std::string(242, 'l') + "}";
+  std::string text = "[Condition]\n1={Any}   *\n2=no braces\n3={Never} nobody\n4=" + tooLong +
+                     "*\n5={Both} {Any},*\n6=" + last + " \n8={Late} *\n[S]\n";
   for (std::size_t row = 0; row < std::size(cases); ++row) {
     text += std::to_string(row) + "=" + cases[row].first + "\n";
   }
@@ -108,9 +115,55 @@ TEST_F(ConfigStore, ConditionsChooseTheFirstThatHolds) {
   for (std::size_t row = 0; row < std::size(cases); ++row) {
     EXPECT_EQ(Read("S", std::to_string(row).c_str()), cases[row].second) << cases[row].first;
   }
-  EXPECT_EQ(trace_.Count("Config - Active named conditions: {Any}{Both}"), 1U);
+  EXPECT_EQ(trace_.Count("Config - Active named conditions: {Any}{Both}" + last), 1U);
   config_.SetRaw(true);
   EXPECT_EQ(Read("S", "2"), cases[2].first);
+}
+
+TEST_F(ConfigStore, ListsAreReadByNumber) {
+  Load("[L]\n1=one\n2=\n3=a|other||b\n");
+  EXPECT_EQ(config::ReadNumberedEntry(config_, "L", 1, 2)->text, "on");
+  EXPECT_EQ(config::ReadNumberedEntry(config_, "L", 2)->text, "");
+  EXPECT_EQ(config::ReadNumberedEntry(config_, "L", 3)->text, "b");
+  EXPECT_EQ(config::ReadNumberedEntry(config_, "L", 4), std::nullopt);
+}
+
+TEST_F(ConfigStore, SpareOperationsAskBothItemsAndChangeTheFirst) {
+  config::CConfigLang config;
+  const std::string first = folder_.Write("first.conf", "[S]\nE_q=0x10\nlong=12345678901234567\n");
+  ASSERT_EQ(config.OpenItem(true, first), ConfigResult::kOk);
+  ASSERT_EQ(config.OpenItem(true, folder_.Write("second.conf", "[T]\na=-7\nb=x\n<B = QUJD/>\n")),
+            ConfigResult::kOk);
+  EXPECT_EQ(config.GetQualified("S", "E", "q")->text, "0x10");
+  EXPECT_EQ(config.GetQualified("S", std::string(254, 'E'), "q"), std::nullopt);
+  EXPECT_EQ(config.GetInteger("S", "E_q"), 16);
+  EXPECT_EQ(config.GetInteger("T", "a"), -7);
+  EXPECT_EQ(config.GetBoolean("T", "a"), false);
+  EXPECT_EQ(config.GetUnsigned("S", "long"), 1234567890123456U);
+  EXPECT_EQ(config.GetItemInteger(0, "T", "a"), std::nullopt);
+  EXPECT_TRUE(config.SectionExists("t"));
+  std::string names;
+  std::size_t index = 0;
+  while (const auto name = config.EnumSectionEntries("T", index)) names += *name;
+  EXPECT_EQ(names, "ab");
+  EXPECT_EQ(config.GetBlock("b"), (std::vector<std::uint8_t>{'A', 'B', 'C'}));
+
+  EXPECT_EQ(config.SetInteger("S", "i", -1), ConfigResult::kOk);
+  EXPECT_EQ(config.SetUnsigned("S", "u", 4294967295U), ConfigResult::kOk);
+  EXPECT_EQ(config.Delete("S", "E_q"), ConfigResult::kOk);
+  EXPECT_EQ(config.Delete("T", std::nullopt), ConfigResult::kOk);  // the second item keeps its own
+  EXPECT_EQ(config.SetBlock("N", runtime::AsBytes("A")), ConfigResult::kOk);
+  EXPECT_EQ(config.Close(true), ConfigResult::kOk);
+  EXPECT_EQ(folder_.Read("first.conf"),
+            "[S]\nlong=12345678901234567\ni=-1\nu=4294967295\n\n<N = \nQQ==\n/>");
+}
+
+TEST_F(ConfigStore, ReferencesAreRecordedOnce) {
+  static const TemporaryFolder lasting;  // the path is read once in a process
+  const ScopedVariable file("qixconfigref", lasting.Path("ref.conf").c_str());
+  for (const char* entry : {"E", "e", "with_bar", ""}) config::AddReference("S", entry);
+  config::AddReference("", "E");
+  EXPECT_EQ(lasting.Read("ref.conf"), "\n[S]\nE=\n");
 }
 
 }  // namespace

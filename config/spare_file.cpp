@@ -1,0 +1,172 @@
+// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// program. Those operations of a configuration file that the watch service leaves alone.
+#include <utility>
+
+#include "config/file.h"
+#include "config/format.h"
+#include "config/spare_format.h"
+#include "runtime/product.h"
+#include "runtime/text.h"
+
+namespace qixx::config {
+namespace {
+
+std::string_view FileName(std::string_view path) {
+  std::size_t slash = path.rfind('/');
+  if (slash == kNoPosition) slash = path.rfind('\\');
+  return slash == kNoPosition ? path : path.substr(slash + 1);
+}
+
+std::string CutName(std::string_view name) {
+  return std::string(name.substr(0, runtime::kMaxText));
+}
+
+void Erase(std::string& text, TextRange range) {
+  text.erase(range.begin, range.end - range.begin);
+}
+
+/// The section that Delete takes: preferably one that stands directly behind an LF.
+std::optional<TextRange> FindSectionToDelete(std::string_view text, std::string_view name) {
+  std::optional<TextRange> found;
+  MarkReader marks(text);
+  while (const std::optional<TextLine> header = marks.NextHeader()) {
+    const bool behindFeed = header->begin > 0 && text[header->begin - 1] == '\n';
+    if ((found && !behindFeed) || !IsHeaderOf(header->text, name)) continue;
+    found = CutOfSection(text, SpanOfSection(text, *header));
+    if (behindFeed) break;
+  }
+  return found;
+}
+
+}  // namespace
+
+bool CConfigFile::IsProductFile() const {
+  const std::string_view prefix = runtime::Product().prefix;
+  return !prefix.empty() && FileName(path_).starts_with(prefix);
+}
+
+// --- reading ----------------------------------------------------------------------------------
+
+std::optional<std::string_view> CConfigFile::ReadLine() {
+  const std::optional<TextLine> line = LineReader(text_, position_).Next();
+  position_ = line ? line->end : text_.size();
+  if (!line) return std::nullopt;
+  return line->text;
+}
+
+std::optional<std::vector<std::uint8_t>> CConfigFile::GetBlock(std::string_view name) {
+  if (name.empty()) return std::nullopt;
+  const std::optional<BlockSpan> block = FindBlock(text_, name);
+  if (!block) return std::nullopt;
+  std::vector<std::uint8_t> data = runtime::Base64Decode(block->body);
+  if (data.empty()) return std::nullopt;
+  return data;
+}
+
+std::optional<std::string> CConfigFile::EnumSectionEntries(std::string_view section,
+                                                           std::size_t& index) {
+  const std::size_t wanted = index++;
+  SectionCursor& cursor = sectionCursor_;
+  if (cursor.position == 0 || cursor.next != wanted ||
+      !runtime::EqualsNoCase(cursor.section, section)) {
+    const std::optional<TextLine> header = FindHeader(text_, section, IsExactHeaderOf);
+    if (!header) return std::nullopt;
+    cursor = {std::string(section), 0, header->end};
+  }
+  LineReader lines(text_, cursor.position);
+  while (const std::optional<TextLine> line = lines.Next()) {
+    if (EndsSection(line->text)) break;
+    if (IsComment(line->text)) continue;
+    cursor.position = line->end;
+    if (cursor.next++ == wanted) return CutName(EntryName(line->text));
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> CConfigFile::EnumBlocks(std::size_t& index) {
+  const std::size_t wanted = index++;
+  if (nextBlock_ != wanted) {
+    nextBlock_ = 0;
+    blockPosition_ = 0;
+  }
+  for (;;) {
+    const std::size_t begin = text_.find("\n<", blockPosition_);
+    if (begin == std::string::npos) return std::nullopt;
+    blockPosition_ = begin + 2;
+    if (nextBlock_++ != wanted) continue;
+    const std::string_view found =
+        runtime::SkipBlanks(std::string_view(text_).substr(blockPosition_));
+    return CutName(found.substr(0, found.find_first_of("= \r\n")));
+  }
+}
+
+// --- changes ----------------------------------------------------------------------------------
+
+ConfigResult CConfigFile::AddValue(std::string_view section, std::string_view entry,
+                                   std::string_view value) {
+  const std::string sectionName = OneLine(section);
+  const std::string entryName = OneLine(entry);
+  if (!hasText_ || sectionName.empty() || !IsEntryName(entryName)) return ConfigResult::kFailed;
+  const std::optional<SectionSpan> found = FindSection(text_, sectionName);
+  // A missing section is added in front of everything, unlike in SetValue: both are intended.
+  const std::size_t position = found ? found->insertion : 0;
+  const std::string head =
+      found ? std::string(MissingLineEnd(text_, position)) + '\n' : SectionHead(sectionName);
+  const std::optional<std::string> text = EntryText(head, entryName, value);
+  if (!text) return ConfigResult::kFailed;
+  return Splice({position, position}, *text, Change::kAdd);
+}
+
+ConfigResult CConfigFile::Delete(std::string_view section, std::optional<std::string_view> entry) {
+  if (!hasText_) return ConfigResult::kFailed;
+  TextRange cut;
+  if (!entry) {
+    cut = FindSectionToDelete(text_, section).value_or(TextRange{});
+  } else if (const EntrySearch found = FindEntry(text_, section, *entry);
+             found.result == ConfigResult::kOk) {
+    cut = {found.begin, found.end};
+  }
+  Erase(text_, cut);
+  Touch();
+  return ConfigResult::kOk;
+}
+
+ConfigResult CConfigFile::SetBlock(std::optional<std::string_view> name,
+                                   std::span<const std::uint8_t> data) {
+  if (!hasText_) return ConfigResult::kFailed;
+  if (!name) {
+    std::string text(data.begin(), data.end());
+    ReplaceZeroBytes(text);
+    return Adopt(std::move(text), Change::kSet);
+  }
+  const std::string blockName = OneLine(*name);
+  if (blockName.empty()) return ConfigResult::kFailed;
+  std::string text = text_;
+  if (const std::optional<BlockSpan> old = FindBlock(text, blockName)) Erase(text, old->range);
+  const std::size_t position = text.size();
+  text += BlockText(blockName, data);
+  // A block in front that is never closed would end here and hide all between.
+  if (!FindBlock(text, blockName, position)) return ConfigResult::kFailed;
+  return Adopt(std::move(text), Change::kSet);
+}
+
+ConfigResult CConfigFile::DeleteBlock(std::string_view name) {
+  if (name.empty()) return ConfigResult::kFailed;
+  const std::optional<BlockSpan> block = FindBlock(text_, name);
+  if (!block) return ConfigResult::kFailed;
+  Erase(text_, block->range);
+  Touch();
+  return ConfigResult::kOk;
+}
+
+void CConfigFile::Sort() {
+  std::string sorted = SortSections(text_);
+  if (runtime::CompareNoCase(sorted, text_) != 0) (void)Adopt(std::move(sorted), Change::kSet);
+}
+
+void CConfigFile::StripComments() {
+  std::string kept = StripCommentLines(text_);
+  if (kept.size() != text_.size()) (void)Adopt(std::move(kept), Change::kSet);
+}
+
+}  // namespace qixx::config

@@ -1,0 +1,35 @@
+// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// program. Blocks, and rewriting a whole text.
+//
+// All of them work on texts of any bytes in time proportional to their length.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "config/scan.h"
+
+namespace qixx::config {
+
+/// The sections in the order of their names, letter case ignored, without blank lines, blanks in
+/// front of lines and what stands before the first header. Of sections with equal names the first
+/// becomes the last.
+[[nodiscard]] std::string SortSections(std::string_view text);
+/// Without empty lines and lines that begin with ";" or "//"; blocks are kept as they are.
+[[nodiscard]] std::string StripCommentLines(std::string_view text);
+
+struct BlockSpan {
+  TextRange range;  ///< from '<' to "/>"
+  std::string_view body;
+};
+/// The first block of that name that begins at `from` or behind it.
+[[nodiscard]] std::optional<BlockSpan> FindBlock(std::string_view text, std::string_view name,
+                                                 std::size_t from = 0);
+/// The written form of a block.
+[[nodiscard]] std::string BlockText(std::string_view name, std::span<const std::uint8_t> data);
+
+}  // namespace qixx::config

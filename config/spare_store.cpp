@@ -1,0 +1,104 @@
+// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// program. Those operations of the store that the watch service leaves alone.
+#include <algorithm>
+#include <limits>
+
+#include "config/environment.h"
+#include "config/store.h"
+#include "runtime/text.h"
+
+namespace qixx::config {
+namespace {
+
+// A number's text is cut there.
+constexpr std::size_t kMaxItemInteger = 15;
+
+/// Signed numbers are decimal; a hexadecimal one has no sign.
+std::int64_t ParseInteger(std::string_view text) {
+  if (!runtime::StartsWithNoCase(runtime::SkipBlanks(text), "0x"))
+    return runtime::ParseSigned(text);
+  constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
+  return static_cast<std::int64_t>(std::min(runtime::ParseNumber(text), kLargest));
+}
+
+}  // namespace
+
+// --- reading ----------------------------------------------------------------------------------
+
+void CConfig::SetRaw(bool raw) {
+  raw_ = raw;
+}
+
+std::optional<std::int64_t> CConfig::GetInteger(std::string_view section, std::string_view entry) {
+  const std::optional<ConfigValue> value = GetString(section, entry, kMaxNumber);
+  if (!value) return std::nullopt;
+  return ParseInteger(value->text);
+}
+
+std::optional<std::int32_t> CConfig::GetItemInteger(std::size_t item, std::string_view section,
+                                                    std::string_view entry) {
+  const std::optional<ConfigValue> value =
+      GetItemString(item, section, entry, kMaxItemInteger, raw_);
+  if (!value) return std::nullopt;
+  using Limits = std::numeric_limits<std::int32_t>;
+  return static_cast<std::int32_t>(
+      std::clamp<std::int64_t>(runtime::ParseSigned(value->text), Limits::min(), Limits::max()));
+}
+
+std::optional<ConfigValue> CConfig::GetQualified(std::string_view section, std::string_view entry,
+                                                 std::string_view qualifier,
+                                                 std::size_t maxLength) {
+  const std::optional<std::string> name = JoinText({entry, "_", qualifier});
+  if (!name) return std::nullopt;
+  return GetString(section, *name, maxLength);
+}
+
+bool CConfig::SectionExists(std::string_view section) {
+  return std::any_of(std::begin(items_), std::end(items_), [section](const auto& item) {
+    return item != nullptr && item->SectionExists(section);
+  });
+}
+
+std::optional<std::string> CConfig::EnumSectionEntries(std::string_view section,
+                                                       std::size_t& index) {
+  const std::size_t wanted = index;
+  // The first item that has the section is the one that is walked through, to its end.
+  for (const std::unique_ptr<CConfigItem>& item : items_) {
+    if (item == nullptr) continue;
+    index = wanted;
+    std::optional<std::string> entry = item->EnumSectionEntries(section, index);
+    if (entry || item->SectionExists(section)) return entry;
+  }
+  return std::nullopt;
+}
+
+std::optional<std::vector<std::uint8_t>> CConfig::GetBlock(std::string_view name) {
+  for (const std::unique_ptr<CConfigItem>& item : items_) {
+    if (item == nullptr) continue;
+    if (auto data = item->GetBlock(name)) return data;
+  }
+  return std::nullopt;
+}
+
+// --- changing ---------------------------------------------------------------------------------
+
+ConfigResult CConfig::SetInteger(std::string_view section, std::string_view entry,
+                                 std::int32_t value) {
+  return SetString(section, entry, std::to_string(value));
+}
+
+ConfigResult CConfig::SetUnsigned(std::string_view section, std::string_view entry,
+                                  std::uint32_t value) {
+  return SetString(section, entry, std::to_string(value));
+}
+
+ConfigResult CConfig::Delete(std::string_view section, std::optional<std::string_view> entry) {
+  return items_[0] == nullptr ? ConfigResult::kFailed : items_[0]->Delete(section, entry);
+}
+
+ConfigResult CConfig::SetBlock(std::optional<std::string_view> name,
+                               std::span<const std::uint8_t> data) {
+  return items_[0] == nullptr ? ConfigResult::kFailed : items_[0]->SetBlock(name, data);
+}
+
+}  // namespace qixx::config

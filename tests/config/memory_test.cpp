@@ -1,0 +1,63 @@
+// Memory that runs out: whatever was being done, what is in the file stays whole.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+#include <string>
+
+#include "config/file.h"
+#include "tests/support/temporary_folder.h"
+
+namespace {
+/// How many allocations succeed before one fails; negative for all.
+int allocationsLeft = -1;
+}  // namespace
+
+// Not inlined, because a compiler that sees new beside free takes them for a mistake.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
+  void* const memory = std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  std::free(memory);
+}
+
+namespace qixx::testing {
+namespace {
+
+TEST(ConfigMemory, HalfReadOrHalfChangedTextIsNeverWritten) {
+  // Opening migrates the text, so it is changed already when memory runs out on the way.
+  const std::string old = "[Soft Tokens]\r\n1=a\r\n[Packages]\n";
+  const std::string migrated = "[SoftToken]\n1=a\n[Install Packages]\n";
+  const std::string section = "A name that is too long for a string without an allocation";
+  const TemporaryFolder folder;
+  bool opened = false;
+  bool set = false;
+  for (int count = 0; !set; ++count) {
+    SCOPED_TRACE(count);
+    const std::string path = folder.Write("a.conf", old);
+    opened = false;
+    {
+      config::CConfigFile file;
+      allocationsLeft = count;
+      try {
+        file.Open(true, path, true);
+        opened = true;
+        file.SetValue(section, "E", "v");
+        set = true;
+      } catch (const std::bad_alloc&) {
+      }
+      allocationsLeft = -1;
+    }
+    const std::string expected = set ? migrated + "\n[" + section + "]\nE=v\n" : migrated;
+    ASSERT_EQ(folder.Read("a.conf"), opened ? expected : old);
+  }
+}
+
+}  // namespace
+}  // namespace qixx::testing
