@@ -24,13 +24,13 @@ unsigned char ByteAt(std::string_view text, std::size_t place) {
 
 /// Takes one element of definite length off the front.
 std::optional<Element> TakeElement(std::string_view& input) {
-  constexpr std::size_t kMostLengthBytes = 4;
+  constexpr std::size_t kMaxLengthBytes = 4;
   if (input.size() < 2) return {};
   std::size_t header = 2;
   std::size_t length = ByteAt(input, 1);
   if (length >= 0x80) {
     const std::size_t bytes = length - 0x80;
-    if (bytes == 0 || bytes > kMostLengthBytes || input.size() < header + bytes) return {};
+    if (bytes == 0 || bytes > kMaxLengthBytes || input.size() < header + bytes) return {};
     length = 0;
     for (std::size_t i = 0; i < bytes; ++i) length = length << 8 | ByteAt(input, header + i);
     header += bytes;
@@ -81,13 +81,13 @@ CertificateFields CutCertificate(std::string_view certificate) {
   std::string_view body = TakeTagged(certificate, kSequence).content;
   std::string_view fields = TakeTagged(body, kSequence).content;
   if (!fields.empty() && ByteAt(fields, 0) == kVersion) (void)TakeElement(fields);
-  const Element serial_number = TakeTagged(fields, kInteger);
+  const Element serialNumber = TakeTagged(fields, kInteger);
   (void)TakeTagged(fields, kSequence);  // the signature algorithm
   const Element issuer = TakeTagged(fields, kSequence);
   (void)TakeTagged(fields, kSequence);  // the validity
   const Element subject = TakeTagged(fields, kSequence);
-  if (serial_number.whole.empty() || issuer.whole.empty() || subject.whole.empty()) return {};
-  return {serial_number.whole, issuer.whole, subject.whole};
+  if (serialNumber.whole.empty() || issuer.whole.empty() || subject.whole.empty()) return {};
+  return {serialNumber.whole, issuer.whole, subject.whole};
 }
 
 std::vector<std::string> CertificatesOfPem(std::string_view text) {

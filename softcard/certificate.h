@@ -10,7 +10,7 @@ namespace qixx::softcard {
 
 /// Whole elements, tag and length included, as PKCS#11 wants them; views into the certificate.
 struct CertificateFields {
-  std::string_view serial_number;
+  std::string_view serialNumber;
   std::string_view issuer;
   std::string_view subject;
 };

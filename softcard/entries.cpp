@@ -21,11 +21,11 @@ constexpr std::chrono::milliseconds kLeaveInterval(5);
 struct Life {
   std::mutex guard;          ///< for everything below and the function list
   Module* module = nullptr;  ///< owned, from C_Initialize to C_Finalize
-  bool is_ending = false;    ///< C_Finalize waits for the threads in C_WaitForSlotEvent
+  bool isEnding = false;     ///< C_Finalize waits for the threads in C_WaitForSlotEvent
   unsigned waiting = 0;      ///< their number
-  bool is_list_filled = false;
+  bool isListFilled = false;
 
-  [[nodiscard]] bool IsRunning() const { return module != nullptr && !is_ending; }
+  [[nodiscard]] bool IsRunning() const { return module != nullptr && !isEnding; }
 };
 constinit Life life;
 
@@ -56,9 +56,9 @@ CK_RV AnswerWithModule(const char* function, Operation operation) noexcept {
 }
 
 /// The module locks with the system's own means: it can do with these and with no others.
-CK_RV CheckInitArgs(CK_VOID_PTR init_args) {
-  if (init_args == nullptr) return CKR_OK;
-  const auto& args = *static_cast<const CK_C_INITIALIZE_ARGS*>(init_args);
+CK_RV CheckInitArgs(CK_VOID_PTR initArgs) {
+  if (initArgs == nullptr) return CKR_OK;
+  const auto& args = *static_cast<const CK_C_INITIALIZE_ARGS*>(initArgs);
   const int given = (args.CreateMutex != nullptr) + (args.DestroyMutex != nullptr) +
                     (args.LockMutex != nullptr) + (args.UnlockMutex != nullptr);
   if (args.pReserved != nullptr || (given != 0 && given != 4)) return CKR_ARGUMENTS_BAD;
@@ -66,8 +66,8 @@ CK_RV CheckInitArgs(CK_VOID_PTR init_args) {
   return CKR_OK;
 }
 
-CK_RV Begin(CK_VOID_PTR init_args) {
-  if (const CK_RV fault = CheckInitArgs(init_args); fault != CKR_OK) return fault;
+CK_RV Begin(CK_VOID_PTR initArgs) {
+  if (const CK_RV fault = CheckInitArgs(initArgs); fault != CKR_OK) return fault;
   if (life.module != nullptr) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
   life.module = new Module(ThisVariant().suite);
   return CKR_OK;
@@ -75,11 +75,11 @@ CK_RV Begin(CK_VOID_PTR init_args) {
 
 CK_RV End(std::unique_lock<std::mutex>& lock) {
   if (!life.IsRunning()) return CKR_CRYPTOKI_NOT_INITIALIZED;
-  life.is_ending = true;
+  life.isEnding = true;
   while (life.waiting != 0) Pause(lock, kLeaveInterval);
   delete life.module;
   life.module = nullptr;
-  life.is_ending = false;
+  life.isEnding = false;
   return CKR_OK;
 }
 
@@ -90,7 +90,7 @@ CK_RV AwaitSlotEvent(CK_FLAGS flags, CK_SLOT_ID& slot, std::unique_lock<std::mut
     ++life.waiting;
     Pause(lock, kPollInterval);
     --life.waiting;
-    result = life.is_ending ? CKR_CRYPTOKI_NOT_INITIALIZED : life.module->TakeSlotEvent(slot);
+    result = life.isEnding ? CKR_CRYPTOKI_NOT_INITIALIZED : life.module->TakeSlotEvent(slot);
   }
   return result;
 }
@@ -108,10 +108,10 @@ struct GuardedEntries {
 
 /// These four do not find a running module or do not keep it for themselves.
 struct Entries : GuardedEntries {
-  static CK_RV Initialize(CK_VOID_PTR init_args) noexcept {
+  static CK_RV Initialize(CK_VOID_PTR initArgs) noexcept {
     return Answer("C_Initialize", [&] {
       const std::lock_guard<std::mutex> lock(life.guard);
-      return Begin(init_args);
+      return Begin(initArgs);
     });
   }
 
@@ -152,24 +152,24 @@ CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept {
     if (list == nullptr) return CKR_ARGUMENTS_BAD;
     const std::lock_guard<std::mutex> lock(life.guard);
     CK_FUNCTION_LIST* const own = ThisVariant().list;
-    if (!life.is_list_filled) FillList(*own);
-    life.is_list_filled = true;
+    if (!life.isListFilled) FillList(*own);
+    life.isListFilled = true;
     *list = IsOmitted("C_GetFunctionList") ? nullptr : own;
     return CKR_OK;
   });
 }
 
-CK_RV Reinitialize(CK_VOID_PTR init_args) noexcept {
+CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept {
   return Answer("C_Reinitialize", [&] {
     std::unique_lock<std::mutex> lock(life.guard);
     (void)End(lock);
-    return Begin(init_args);
+    return Begin(initArgs);
   });
 }
 
-CK_RV ListCards(CK_BYTE token_present, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept {
+CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept {
   return AnswerWithModule("C_ListCards", [&](Module& module) {
-    return module.GetSlotList(token_present, static_cast<CK_SLOT_ID_PTR>(slots),
+    return module.GetSlotList(tokenPresent, static_cast<CK_SLOT_ID_PTR>(slots),
                               static_cast<CK_ULONG_PTR>(count));
   });
 }

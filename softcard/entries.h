@@ -22,10 +22,10 @@ struct Variant {
 [[nodiscard]] CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept;
 
 /// C_Reinitialize: ends all sessions and begins again, also where nothing was begun.
-[[nodiscard]] CK_RV Reinitialize(CK_VOID_PTR init_args) noexcept;
+[[nodiscard]] CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept;
 /// C_ListCards: C_GetSlotList under another name.
-[[nodiscard]] CK_RV ListCards(CK_BYTE token_present, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept;
-/// The answer of an extension function without a deed of its own: the prescribed one, else
+[[nodiscard]] CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept;
+/// The answer of an extension function that the module does not serve: the prescribed one, else
 /// CKR_FUNCTION_NOT_SUPPORTED.
 [[nodiscard]] CK_RV RefuseExtension(const char* function) noexcept;
 

@@ -3,16 +3,8 @@
 // function that is left out must not be exported at all, which no setting at run time could bring
 // about.
 
-#include <cstdint>
-
 #include "pkcs11/extended.h"
 #include "softcard/entries.h"
-
-namespace {
-
-using Word = qixx::pkcs11::ExtensionWord;
-
-}  // namespace
 
 QIXX_CK_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
   return qixx::softcard::GetFunctionList(list);
@@ -20,31 +12,43 @@ QIXX_CK_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
 
 #if SOFTCARD_EXTENSIONS > 0
 
-#define SOFTCARD_REFUSED(name, ...)                \
-  QIXX_CK_EXPORT CK_RV name(__VA_ARGS__) {         \
-    return qixx::softcard::RefuseExtension(#name); \
-  }
+namespace {
 
-QIXX_CK_EXPORT CK_RV C_Reinitialize(CK_VOID_PTR init_args) {
-  return qixx::softcard::Reinitialize(init_args);
-}
-QIXX_CK_EXPORT CK_RV C_ListCards(CK_BYTE token_present, CK_VOID_PTR slots, CK_VOID_PTR count) {
-  return qixx::softcard::ListCards(token_present, slots, count);
-}
-SOFTCARD_REFUSED(C_ResetToken, Word, Word, Word)
-SOFTCARD_REFUSED(C_UnlockPIN, Word, Word, Word, Word, Word)
-SOFTCARD_REFUSED(C_SetPINEx, CK_SESSION_HANDLE, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR,
-                 CK_ULONG, std::uint64_t)
-SOFTCARD_REFUSED(C_SetTraceFile, Word)
-SOFTCARD_REFUSED(C_SetTraceCallback, Word)
-SOFTCARD_REFUSED(C_GenerateChallenge, Word, Word, Word)
-SOFTCARD_REFUSED(C_SetTokenTimeout, Word, Word)
-SOFTCARD_REFUSED(C_AddExternalSlot, Word, Word, Word)
-SOFTCARD_REFUSED(C_RemoveExternalSlot, Word)
+struct RefusingEntries {
+#define SOFTCARD_REFUSE(name, parameters, arguments)    \
+  static CK_RV name parameters {                        \
+    LeaveUnused arguments;                              \
+    return qixx::softcard::RefuseExtension("C_" #name); \
+  }
+  QIXX_CK_EXTENSIONS(SOFTCARD_REFUSE)
+#undef SOFTCARD_REFUSE
+
+ private:
+  template <typename... Arguments>
+  static void LeaveUnused(const Arguments&... /*unused*/) {}
+};
+
+/// Those that the module serves.
+struct Entries : RefusingEntries {
+  static CK_RV Reinitialize(CK_VOID_PTR initArgs) { return qixx::softcard::Reinitialize(initArgs); }
+  static CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) {
+    return qixx::softcard::ListCards(tokenPresent, slots, count);
+  }
+};
+
+}  // namespace
+
+#define SOFTCARD_EXPORT(name, parameters, arguments) \
+  QIXX_CK_EXPORT CK_RV C_##name parameters {         \
+    return Entries::name arguments;                  \
+  }
+QIXX_CK_SLOTS_1_TO_6(SOFTCARD_EXPORT)
+QIXX_CK_SLOTS_8_TO_9(SOFTCARD_EXPORT)
+QIXX_CK_WITHOUT_SLOT(SOFTCARD_EXPORT)
 #if SOFTCARD_EXTENSIONS > 1
-SOFTCARD_REFUSED(C_SetVariable, Word, Word)
-SOFTCARD_REFUSED(C_GetVariable, Word, Word, Word)
+QIXX_CK_SLOTS_10_TO_11(SOFTCARD_EXPORT)
 #endif
+#undef SOFTCARD_EXPORT
 
 /// The slots behind the standard list stay empty: the one who loads the module fills them in.
 qixx::softcard::Variant qixx::softcard::ThisVariant() {

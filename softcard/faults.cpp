@@ -19,9 +19,9 @@ std::vector<Setting> ReadOrders(const Descriptor& folder) {
 
 /// One write, so that the lines of two processes do not mix. A log that cannot be written is lost.
 void LogCall(const Descriptor& folder, std::string_view function) {
-  const Descriptor log(
-      ::openat(folder.Get(), "calls",
-               O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+  const Descriptor log(::openat(folder.Get(), "calls",
+                                O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                                0666));
   if (!log.IsOpen()) return;
   const std::string line = std::string(function) + "\n";
   [[maybe_unused]] const ssize_t written = ::write(log.Get(), line.data(), line.size());

@@ -8,9 +8,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <memory>
 
 namespace qixx::softcard {
 namespace {
+
+struct CloseFolder {
+  void operator()(DIR* folder) const { ::closedir(folder); }
+};
 
 bool WriteAll(int file, std::string_view content) {
   while (!content.empty()) {
@@ -38,7 +43,7 @@ std::optional<std::string> ReadSmallFile(int folder, const std::string& name) {
   struct stat facts = {};
   if (!file.IsOpen() || ::fstat(file.Get(), &facts) != 0 || !S_ISREG(facts.st_mode)) return {};
 
-  std::string content(kFileLimit + 1, '\0');  // one more, to notice a file that is too long
+  std::string content(kMaxFileSize + 1, '\0');  // one more, to notice a file that is too long
   std::size_t length = 0;
   while (length < content.size()) {
     const ssize_t got = ::read(file.Get(), content.data() + length, content.size() - length);
@@ -47,7 +52,7 @@ std::optional<std::string> ReadSmallFile(int folder, const std::string& name) {
     if (got == 0) break;
     length += static_cast<std::size_t>(got);
   }
-  if (length > kFileLimit) return {};
+  if (length > kMaxFileSize) return {};
   content.resize(length);
   content.shrink_to_fit();
   return content;
@@ -70,22 +75,16 @@ int ReplaceFile(int folder, const std::string& name, std::string_view content) {
 std::vector<std::string> ListNames(int folder) {
   std::vector<std::string> names;
   const int own = ::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* const entries = own < 0 ? nullptr : ::fdopendir(own);
+  const std::unique_ptr<DIR, CloseFolder> entries(own < 0 ? nullptr : ::fdopendir(own));
   if (entries == nullptr) {
     if (own >= 0) ::close(own);
     return names;
   }
-  try {
-    while (names.size() < kNameLimit) {
-      const dirent* const entry = ::readdir(entries);
-      if (entry == nullptr) break;
-      if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
-    }
-  } catch (...) {
-    ::closedir(entries);
-    throw;
+  while (names.size() < kMaxNames) {
+    const dirent* const entry = ::readdir(entries.get());
+    if (entry == nullptr) break;
+    if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
   }
-  ::closedir(entries);
   std::sort(names.begin(), names.end());
   return names;
 }

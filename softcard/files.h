@@ -13,9 +13,9 @@
 namespace qixx::softcard {
 
 /// A file above this many bytes counts as unreadable.
-inline constexpr std::size_t kFileLimit = 65536;
+inline constexpr std::size_t kMaxFileSize = 65536;
 /// No more names than this are taken from one folder.
-inline constexpr std::size_t kNameLimit = 4096;
+inline constexpr std::size_t kMaxNames = 4096;
 
 /// An owned file descriptor; -1 for none.
 class Descriptor {
@@ -35,7 +35,7 @@ class Descriptor {
 /// Opens a folder for the functions below; -1 when there is none.
 [[nodiscard]] int OpenFolder(const std::string& path);
 /// The whole content of a regular file, links followed; nothing when it cannot be read or is above
-/// kFileLimit.
+/// kMaxFileSize.
 [[nodiscard]] std::optional<std::string> ReadSmallFile(int folder, const std::string& name);
 /// Puts a file with this content in place in one step. Returns 0 or the system's error number.
 [[nodiscard]] int ReplaceFile(int folder, const std::string& name, std::string_view content);

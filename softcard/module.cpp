@@ -12,7 +12,7 @@
 namespace qixx::softcard {
 namespace {
 
-constexpr std::size_t kSessionLimit = 4096;
+constexpr std::size_t kMaxSessions = 4096;
 constexpr const char* kManufacturer = "Tessaly";
 constexpr CK_VERSION kOwnVersion = {0, 1};
 
@@ -24,13 +24,13 @@ void Pad(std::span<CK_UTF8CHAR> field, std::string_view text) {
 
 /// The convention of every call that hands out a list: its length for a null list, and with
 /// CKR_BUFFER_TOO_SMALL.
-CK_RV HandOut(const std::vector<CK_ULONG>& list, CK_ULONG_PTR area, CK_ULONG_PTR count) {
+CK_RV HandOut(const std::vector<CK_ULONG>& list, CK_ULONG_PTR buffer, CK_ULONG_PTR count) {
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   const CK_ULONG room = *count;
   *count = list.size();
-  if (area == nullptr) return CKR_OK;
+  if (buffer == nullptr) return CKR_OK;
   if (room < list.size()) return CKR_BUFFER_TOO_SMALL;
-  std::copy(list.begin(), list.end(), area);
+  std::copy(list.begin(), list.end(), buffer);
   return CKR_OK;
 }
 
@@ -87,9 +87,9 @@ CK_RV Module::GetInfo(CK_INFO_PTR info) {
   return CKR_OK;
 }
 
-CK_RV Module::GetSlotList(CK_BBOOL token_present, CK_SLOT_ID_PTR slots, CK_ULONG_PTR count) {
+CK_RV Module::GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR slots, CK_ULONG_PTR count) {
   std::vector<CK_SLOT_ID> list = ListSlots();
-  if (token_present != CK_FALSE) std::erase_if(list, [](CK_SLOT_ID slot) { return !CardIn(slot); });
+  if (tokenPresent != CK_FALSE) std::erase_if(list, [](CK_SLOT_ID slot) { return !CardIn(slot); });
   return HandOut(list, slots, count);
 }
 
@@ -113,9 +113,9 @@ CK_RV Module::GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) const {
   if (!card) return CKR_TOKEN_NOT_PRESENT;
   *info = {};
   info->flags = CKF_TOKEN_INITIALIZED;
-  info->ulMaxSessionCount = kSessionLimit;
+  info->ulMaxSessionCount = kMaxSessions;
   info->ulSessionCount = CountSessions(*card, 0);
-  info->ulMaxRwSessionCount = kSessionLimit;
+  info->ulMaxRwSessionCount = kMaxSessions;
   info->ulRwSessionCount = CountSessions(*card, CKF_RW_SESSION);
   info->ulTotalPublicMemory = CK_UNAVAILABLE_INFORMATION;
   info->ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
@@ -148,10 +148,9 @@ CK_RV Module::TakeSlotEvent(CK_SLOT_ID& slot) {
   if (now == seen_) return CKR_NO_EVENT;
   // Two ordered lists: the first place where they part is the lowest slot that changed.
   const auto [before, after] = std::mismatch(seen_.begin(), seen_.end(), now.begin(), now.end());
-  const bool is_new =
-      before == seen_.end() || (after != now.end() && after->first <= before->first);
-  slot = is_new ? after->first : before->first;
-  if (is_new) {
+  const bool isNew = before == seen_.end() || (after != now.end() && after->first <= before->first);
+  slot = isNew ? after->first : before->first;
+  if (isNew) {
     seen_[slot] = after->second;
   } else {
     seen_.erase(slot);
@@ -166,11 +165,11 @@ CK_RV Module::OpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR /*applica
   if (session == nullptr) return CKR_ARGUMENTS_BAD;
   if ((flags & CKF_SERIAL_SESSION) == 0) return CKR_SESSION_PARALLEL_NOT_SUPPORTED;
   if (!IsSlot(slot)) return CKR_SLOT_ID_INVALID;
-  if (sessions_.size() >= kSessionLimit) return CKR_SESSION_COUNT;
+  if (sessions_.size() >= kMaxSessions) return CKR_SESSION_COUNT;
   const std::optional<CardIdentity> card = ReadToken(slot);
   if (!card) return CKR_TOKEN_NOT_PRESENT;
-  sessions_[next_session_] = Session{slot, flags, *card, {}, 0};
-  *session = next_session_++;
+  sessions_[nextSession_] = Session{slot, flags, *card, {}, 0};
+  *session = nextSession_++;
   return CKR_OK;
 }
 
@@ -240,8 +239,8 @@ std::optional<CardIdentity> Module::ReadToken(CK_SLOT_ID slot) {
   if (token.card != card->identity) token = Token{card->identity, {}, {}};
   std::map<CK_OBJECT_HANDLE, Object> objects;
   for (Object& object : ObjectsOf(card->files, suite_)) {
-    const auto [known, is_new] = token.handles.emplace(object.source, next_object_);
-    if (is_new) ++next_object_;
+    const auto [known, isNew] = token.handles.emplace(object.source, nextObject_);
+    if (isNew) ++nextObject_;
     objects.emplace(known->second, std::move(object));
   }
   token.objects = std::move(objects);
@@ -305,15 +304,15 @@ CK_RV Module::CreateObject(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attribute
   if (const CK_RV fault = CheckVariablesTemplate(wanted); fault != CKR_OK) return fault;
 
   const std::string source = VariablesObject("", true).source;
-  const auto is_variables = [&source](const auto& entry) { return entry.second.source == source; };
+  const auto isVariables = [&source](const auto& entry) { return entry.second.source == source; };
   const auto& objects = access.token->objects;
-  if (std::any_of(objects.begin(), objects.end(), is_variables)) {
+  if (std::any_of(objects.begin(), objects.end(), isVariables)) {
     return CKR_DEVICE_MEMORY;  // the card has room for one
   }
   const CK_ATTRIBUTE* const value = Find(wanted, CKA_VALUE);
   const CK_RV result = WriteVariables(access.session->slot, value);
   if (result != CKR_OK) return result;
-  const auto made = std::find_if(objects.begin(), objects.end(), is_variables);
+  const auto made = std::find_if(objects.begin(), objects.end(), isVariables);
   if (made == objects.end()) return CKR_DEVICE_REMOVED;
   *object = made->first;
   return CKR_OK;
@@ -341,13 +340,13 @@ CK_RV Module::SetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE obje
 CK_RV Module::WriteVariables(CK_SLOT_ID slot, const CK_ATTRIBUTE* value) {
   std::string_view bytes;
   if (value != nullptr && value->ulValueLen != 0) {
-    if (value->pValue == nullptr || value->ulValueLen > kFileLimit) {
+    if (value->pValue == nullptr || value->ulValueLen > kMaxFileSize) {
       return CKR_ATTRIBUTE_VALUE_INVALID;
     }
     bytes = {static_cast<const char*>(value->pValue), value->ulValueLen};
   }
   const std::optional<std::string> lines = DecodeVariables(bytes);
-  if (!lines || lines->size() > kFileLimit) return CKR_ATTRIBUTE_VALUE_INVALID;
+  if (!lines || lines->size() > kMaxFileSize) return CKR_ATTRIBUTE_VALUE_INVALID;
   const CK_RV result = WriteCardFile(slot, kVariablesFile, *lines);
   if (result != CKR_OK) return result;
   return ReadToken(slot) ? CKR_OK : CKR_DEVICE_REMOVED;

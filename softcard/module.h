@@ -40,7 +40,7 @@ class Module : public Unserved {
   explicit Module(bool suite);
 
   static CK_RV GetInfo(CK_INFO_PTR info);
-  static CK_RV GetSlotList(CK_BBOOL token_present, CK_SLOT_ID_PTR slots, CK_ULONG_PTR count);
+  static CK_RV GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR slots, CK_ULONG_PTR count);
   static CK_RV GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info);
   CK_RV GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) const;
   static CK_RV GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR mechanisms,
@@ -110,8 +110,8 @@ class Module : public Unserved {
   std::map<CK_SLOT_ID, CardIdentity> seen_;  ///< the cards as last reported
   std::map<CK_SLOT_ID, Token> tokens_;
   std::map<CK_SESSION_HANDLE, Session> sessions_;
-  CK_SESSION_HANDLE next_session_ = 1;
-  CK_OBJECT_HANDLE next_object_ = 1;
+  CK_SESSION_HANDLE nextSession_ = 1;
+  CK_OBJECT_HANDLE nextObject_ = 1;
 };
 
 }  // namespace qixx::softcard

@@ -49,7 +49,7 @@ Object CertificateObject(const std::string& label, std::string value) {
   object.attributes[CKA_ID] = IdentifierOf(held);
   object.attributes[CKA_SUBJECT] = fields.subject;
   object.attributes[CKA_ISSUER] = fields.issuer;
-  object.attributes[CKA_SERIAL_NUMBER] = fields.serial_number;
+  object.attributes[CKA_SERIAL_NUMBER] = fields.serialNumber;
   return object;
 }
 
@@ -62,14 +62,14 @@ std::vector<std::string> CertificatesOf(const CardFile& file) {
 
 CK_RV ReadAttribute(const Object& object, CK_ATTRIBUTE& wanted) {
   const auto held = object.attributes.find(wanted.type);
-  const bool is_held = held != object.attributes.end();
-  const CK_ULONG length = is_held ? held->second.size() : 0;
-  const bool is_length_query = wanted.pValue == nullptr;
-  if (!is_held || (!is_length_query && wanted.ulValueLen < length)) {
+  const bool isHeld = held != object.attributes.end();
+  const CK_ULONG length = isHeld ? held->second.size() : 0;
+  const bool isLengthQuery = wanted.pValue == nullptr;
+  if (!isHeld || (!isLengthQuery && wanted.ulValueLen < length)) {
     wanted.ulValueLen = CK_UNAVAILABLE_INFORMATION;
-    return is_held ? CKR_BUFFER_TOO_SMALL : CKR_ATTRIBUTE_TYPE_INVALID;
+    return isHeld ? CKR_BUFFER_TOO_SMALL : CKR_ATTRIBUTE_TYPE_INVALID;
   }
-  if (!is_length_query && length != 0) std::memcpy(wanted.pValue, held->second.data(), length);
+  if (!isLengthQuery && length != 0) std::memcpy(wanted.pValue, held->second.data(), length);
   wanted.ulValueLen = length;
   return CKR_OK;
 }

@@ -16,9 +16,9 @@ namespace qixx::softcard {
 namespace {
 
 /// The all-ones 32-bit value stands for "no slot" in programs that keep ids in 32 bits.
-constexpr CK_SLOT_ID kLastSlot = 0xFFFFFFFE;
+constexpr CK_SLOT_ID kMaxSlot = 0xFFFFFFFE;
 /// How often a card that is changed while it is read is tried again.
-constexpr int kReadAttempts = 3;
+constexpr int kMaxReadAttempts = 3;
 
 std::string SlotFolder(CK_SLOT_ID slot) {
   const std::string folder = SoftcardFolder();
@@ -51,7 +51,7 @@ std::optional<CardIdentity> IdentityOf(int folder, const std::string& path) {
 
 std::vector<CardFile> ReadFiles(int folder) {
   std::vector<CardFile> files;
-  std::size_t room = kCardLimit;
+  std::size_t room = kMaxCardSize;
   for (const std::string& name : ListNames(folder)) {
     std::optional<std::string> content = ReadSmallFile(folder, name);
     if (!content || content->size() > room) continue;
@@ -101,7 +101,7 @@ std::vector<CK_SLOT_ID> ListSlots() {
 }
 
 bool IsSlot(CK_SLOT_ID slot) {
-  return slot <= kLastSlot && IsFolder(SlotFolder(slot));
+  return slot <= kMaxSlot && IsFolder(SlotFolder(slot));
 }
 
 SlotFacts ReadSlotFacts(CK_SLOT_ID slot) {
@@ -121,12 +121,12 @@ SlotFacts ReadSlotFacts(CK_SLOT_ID slot) {
 
 std::optional<CardIdentity> CardIn(CK_SLOT_ID slot) {
   const std::string folder = CardFolder(slot);
-  if (folder.empty() || slot > kLastSlot) return {};
+  if (folder.empty() || slot > kMaxSlot) return {};
   return IdentityOf(AT_FDCWD, folder);
 }
 
 std::optional<Card> ReadCard(CK_SLOT_ID slot) {
-  for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+  for (int attempt = 0; attempt < kMaxReadAttempts; ++attempt) {
     const Descriptor folder(OpenFolder(CardFolder(slot)));
     if (!folder.IsOpen()) return {};
     const std::optional<CardIdentity> identity = IdentityOf(folder.Get(), "");

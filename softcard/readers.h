@@ -15,7 +15,7 @@
 namespace qixx::softcard {
 
 /// What the files of one card may hold together, in bytes; further files are left out.
-inline constexpr std::size_t kCardLimit = std::size_t{16} << 20;
+inline constexpr std::size_t kMaxCardSize = std::size_t{16} << 20;
 
 /// The variable QIXX_SOFTCARD, else ".qix/softcard" in the home folder; empty without either.
 [[nodiscard]] std::string SoftcardFolder();
