@@ -7,11 +7,13 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "bridge/event_watch.h"
 #include "bridge/module.h"
 #include "bridge/slots.h"
 #include "bridge/variables.h"
@@ -24,8 +26,8 @@
 namespace qixx::bridge {
 namespace {
 
-/// How often the readers are looked at while a thread waits for a slot event, and how often
-/// C_Finalize looks whether the waiting threads have left.
+/// Between two polls while a thread waits for a slot event, and between two checks of C_Finalize
+/// whether the waiting threads have left.
 constexpr timespec kWaitPause = {0, 200'000'000};
 constexpr timespec kLeavePause = {0, 5'000'000};
 
@@ -34,9 +36,11 @@ constexpr std::size_t kSuiteValueSize = 8;
 
 struct Bridge {
   runtime::CCritical guard;  ///< for everything below
+  Module module;             ///< once loaded, it stays
   Slots slots;
-  bool ours = false;     ///< it was us who initialised the module, not somebody else
-  unsigned waiting = 0;  ///< threads in C_WaitForSlotEvent
+  std::unique_ptr<EventWatch> watch;  ///< from the first question for its descriptor on
+  bool ours = false;                  ///< it was us who initialised the module, not somebody else
+  unsigned waiting = 0;               ///< threads in C_WaitForSlotEvent
 };
 
 /// The module from C_Initialize to the begin of C_Finalize, and the process that initialised it
@@ -49,6 +53,11 @@ const CK_FUNCTION_LIST* Running() {
   const CK_FUNCTION_LIST* const module = running.load(std::memory_order_acquire);
   return module != nullptr && process.load(std::memory_order_relaxed) == ::getpid() ? module
                                                                                     : nullptr;
+}
+
+bool IsForked() {
+  const pid_t owner = process;
+  return owner != 0 && owner != ::getpid();
 }
 
 /// Never destroyed: a program may call from its own static destructors.
@@ -95,51 +104,56 @@ CK_RV AnswerForSlot(CK_SLOT_ID number, const Operation& operation) noexcept {
 // --- life ---------------------------------------------------------------------------------------
 
 /// Leaves a module alone that somebody else initialised. One that fails here stays ours.
-CK_RV FinalizeModule(Bridge& bridge, const CK_FUNCTION_LIST& module) {
-  const CK_RV result = bridge.ours ? module.C_Finalize(nullptr) : CKR_OK;
-  if (result == CKR_OK) bridge.ours = false;
+CK_RV FinalizeModule(Bridge* bridge) {
+  const CK_RV result = bridge->ours ? bridge->module.functions->C_Finalize(nullptr) : CKR_OK;
+  if (result == CKR_OK) bridge->ours = false;
   return result;
 }
 
-/// In a child that was forked in between.
-void LeaveToParent(Bridge& bridge) {
-  bridge.slots.LeaveToParent();
+/// Null as long as nobody has asked for the descriptor in this process.
+EventWatch* WatchOf(Bridge& bridge) {
+  if (bridge.watch != nullptr && !bridge.watch->IsOurs()) bridge.watch.release()->Abandon();
+  return bridge.watch.get();
+}
+
+/// In a child that was forked in between. What runs goes on in the parent.
+void Abandon(Bridge& bridge) {
+  bridge.slots.Abandon();
   bridge.ours = false;
   bridge.waiting = 0;
 }
 
 CK_RV Begin(Bridge& bridge, CK_VOID_PTR initArgs) {
   if (process == ::getpid()) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
-  if (process != 0) LeaveToParent(bridge);
-  static const CK_FUNCTION_LIST* loaded = nullptr;  // once loaded, it stays
-  if (loaded == nullptr) loaded = LoadModule();
-  if (loaded == nullptr) return CKR_GENERAL_ERROR;
-  const CK_RV result = loaded->C_Initialize(initArgs);
+  if (process != 0) Abandon(bridge);
+  if (bridge.module.functions == nullptr) bridge.module = LoadModule();
+  const CK_FUNCTION_LIST* const module = bridge.module.functions;
+  if (module == nullptr) return CKR_GENERAL_ERROR;
+  const CK_RV result = module->C_Initialize(initArgs);
   if (result != CKR_OK && result != CKR_CRYPTOKI_ALREADY_INITIALIZED) return result;
   if (result == CKR_OK) bridge.ours = true;
-  try {
-    bridge.slots.Begin(*loaded);
-  } catch (...) {
-    (void)FinalizeModule(bridge, *loaded);
-    throw;
-  }
+  // When memory runs out on the way, the module does not stay initialised.
+  std::unique_ptr<Bridge, decltype(&FinalizeModule)> undo(&bridge, &FinalizeModule);
+  bridge.slots.Begin(*module, bridge.module.filter);
+  if (EventWatch* const watch = WatchOf(bridge)) watch->Start(bridge.module.filter);
+  (void)undo.release();
   process = ::getpid();
-  running.store(loaded, std::memory_order_release);
+  running.store(module, std::memory_order_release);
   return CKR_OK;
 }
 
-/// `bridge.guard` is held once when this is called, and is let go while threads leave.
+/// `bridge.guard` is held once when this is called, and is given back while threads leave.
 CK_RV End(Bridge& bridge) {
-  const CK_FUNCTION_LIST* const module = Running();
-  if (module == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  if (Running() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
   running = nullptr;
   while (bridge.waiting != 0) {
     bridge.guard.Leave();
     ::nanosleep(&kLeavePause, nullptr);
     bridge.guard.Enter();
   }
+  if (bridge.watch != nullptr) bridge.watch->Stop();
   bridge.slots.End();
-  const CK_RV result = FinalizeModule(bridge, *module);
+  const CK_RV result = FinalizeModule(&bridge);
   process = 0;
   return result;
 }
@@ -155,12 +169,22 @@ CK_RV HandOutList(std::span<const CK_SLOT_ID> numbers, CK_SLOT_ID_PTR list, CK_U
   return CKR_OK;
 }
 
+std::optional<CK_SLOT_ID> PollForEvent(Bridge& bridge) {
+  EventPoll poll(bridge.watch == nullptr ? nullptr : &bridge.watch->Event());
+  const std::optional<CK_SLOT_ID> event = bridge.slots.TakeEvent();
+  poll.Done(bridge.slots.HasEvent());
+  return event;
+}
+
 CK_RV AwaitSlotEvent(bool block, CK_SLOT_ID& number) {
   Bridge& bridge = TheBridge();
   const runtime::CriticalScope hold(&bridge.guard);
   for (;;) {
     if (Running() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    if (bridge.slots.TakeEvent(number)) return CKR_OK;
+    if (const std::optional<CK_SLOT_ID> event = PollForEvent(bridge)) {
+      number = *event;
+      return CKR_OK;
+    }
     if (!block) return CKR_NO_EVENT;
     ++bridge.waiting;
     bridge.guard.Leave();
@@ -397,6 +421,22 @@ CK_RV SetVariable(const char* name, const char* value) noexcept {
   return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
     return WriteVariable(module, slot, runtime::ViewOf(name), runtime::ViewOf(value));
   });
+}
+
+int DescribeEvents() noexcept {
+  int descriptor = -1;
+  (void)pkcs11::AnswerOf([&descriptor]() -> CK_RV {
+    if (!HasPcsc() || IsForked()) return CKR_FUNCTION_NOT_SUPPORTED;
+    Bridge& bridge = TheBridge();
+    const runtime::CriticalScope hold(&bridge.guard);
+    if (WatchOf(bridge) == nullptr) {
+      bridge.watch = std::make_unique<EventWatch>();
+      if (Running() != nullptr) bridge.watch->Start(bridge.module.filter);
+    }
+    descriptor = bridge.watch->Event().Get();
+    return CKR_OK;
+  });
+  return descriptor;
 }
 
 }  // namespace qixx::bridge

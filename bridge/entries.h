@@ -25,4 +25,11 @@ namespace qixx::bridge {
 /// The token decides whether that takes a login, which is the caller's business.
 [[nodiscard]] CK_RV SetVariable(const char* name, const char* value) noexcept;
 
+/// The descriptor for QixEventDescriptor: readable when a poll for slot events would have something
+/// to tell, as far as PC/SC knows; a poll that leaves nothing makes it unreadable. The same for the
+/// life of the process, close-on-exec, and not the caller's to read or close; without PC/SC, and in
+/// a forked child before its C_Initialize, -1. The first call starts a thread of the bridge's own,
+/// which runs between C_Initialize and C_Finalize.
+[[nodiscard]] int DescribeEvents() noexcept;
+
 }  // namespace qixx::bridge

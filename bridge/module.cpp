@@ -3,17 +3,22 @@
 #include <dlfcn.h>
 
 #include <cstddef>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "config/store.h"
 #include "runtime/files.h"
-#include "runtime/text.h"
 #include "runtime/trace.h"
 
 namespace qixx::bridge {
 namespace {
 
 constexpr const char* kDefaultModule = "opensc-pkcs11.so";
+
+/// Longer values of the configuration are cut.
+constexpr std::size_t kMaxSetting = 255;
+constexpr std::size_t kMaxPatterns = 1023;
 
 /// Where distributions keep PKCS#11 modules. The first is the folder of this machine's architecture
 /// where there is one.
@@ -34,20 +39,30 @@ constexpr const char* kModuleFolders[] = {
     "/usr/local/lib/",
 };
 
-/// Reads the module's name, and switches the trace on at first.
-std::string ReadSettings() {
-  char module[runtime::kTextSize] = "";
-  char trace[runtime::kTextSize] = "";
+struct Settings {
+  std::string module;
+  ReaderFilter filter;
+};
+
+std::string ReadText(config::CConfig& config, const char* section, const char* entry,
+                     std::size_t maxLength = kMaxSetting) {
+  std::optional<config::ConfigValue> value = config.GetString(section, entry, maxLength);
+  return value ? std::move(value->text) : std::string();
+}
+
+/// Switches the trace on at first.
+Settings ReadSettings() {
   config::CConfig config;
   config.OpenAll(false);  // whatever can be opened is asked
-  if (!config::ReadConfigText(config, "Trace", "bridge", trace, false)) {
-    (void)config::ReadConfigText(config, "Trace", "File", trace, false);
-  }
-  (void)config::ReadConfigText(config, "Pkcs11", "Module", module, false);
+  std::string trace = ReadText(config, "Trace", "bridge");
+  if (trace.empty()) trace = ReadText(config, "Trace", "File");
+  std::string module = ReadText(config, "Pkcs11", "Module");
+  ReaderFilter filter(ReadText(config, "Pkcs11", "Readers", kMaxPatterns),
+                      ReadText(config, "Pkcs11", "Ignore", kMaxPatterns));
   config.Close(true);
   // Each switching on writes a line, and a module that is missing is asked for again and again.
-  if (trace[0] != '\0' && !runtime::TraceIsOn()) runtime::TraceSetFile(trace);
-  return module[0] != '\0' ? module : kDefaultModule;
+  if (!trace.empty() && !runtime::TraceIsOn()) runtime::TraceSetFile(trace.c_str());
+  return {module.empty() ? kDefaultModule : std::move(module), std::move(filter)};
 }
 
 /// Kept to itself: the program may hold another module with functions of the same names.
@@ -124,19 +139,19 @@ bool TakeFunctions(void* library, const std::string& path, CK_FUNCTION_LIST& fun
 
 }  // namespace
 
-const CK_FUNCTION_LIST* LoadModule() {
+Module LoadModule() {
   static CK_FUNCTION_LIST functions;
   runtime::InitProductIdentity();
-  const std::string name = ReadSettings();
+  Settings settings = ReadSettings();
   std::string path;
-  void* const library = Find(name, path);
-  if (library == nullptr) return nullptr;
+  void* const library = Find(settings.module, path);
+  if (library == nullptr) return {};
   if (!TakeFunctions(library, path, functions)) {
     ::dlclose(library);
-    return nullptr;
+    return {};
   }
   runtime::TraceWrite("Bridge - Loaded '%s'", path.c_str());
-  return &functions;
+  return {&functions, std::move(settings.filter)};
 }
 
 }  // namespace qixx::bridge

@@ -1,9 +1,8 @@
 // The card readers as PC/SC sees them: which there are, and whether a card is in.
 //
-// The PC/SC library is loaded at run time and asked directly, beside whatever the module does,
-// because it tells of a card at once and at the cost of three messages, while a module tells when
-// it has read the card. It is asked for the state of the readers and for nothing else: no card is
-// connected to. Without that library, and while its service is away, there are no readers here.
+// PC/SC is asked directly, beside whatever the module does, because it tells of a card at once and
+// at the cost of three messages, while a module tells when it has read the card. Without the PC/SC
+// library, and while its service is away, there are no readers here.
 #pragma once
 
 #include <cstddef>
@@ -13,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bridge/pcsc.h"
 #include "pkcs11/cryptoki.h"
 
 namespace qixx::bridge {
@@ -37,21 +37,15 @@ class Readers {
     State state;
   };
 
-  Readers() = default;
-  ~Readers() { Close(); }
-  Readers(const Readers&) = delete;
-  Readers& operator=(const Readers&) = delete;
-
-  /// Asks for the state of all readers. True when there are others than at the last look, also when
-  /// they were all there before: a restarted service has let go of everything. Allocates nothing
-  /// while the readers stay. May throw std::bad_alloc; the next look makes up for it. A connection
-  /// that was lost or refused is made again, but not at each look.
-  bool Look();
-  /// Ends the connection.
+  /// Asks for the state of all readers. True when there are others than at the last poll, also when
+  /// the service was restarted: it has forgotten all cards. Allocates nothing while the readers
+  /// stay. May throw std::bad_alloc; the next poll makes up for it. A connection that was lost or
+  /// refused is made again, but not at each poll.
+  bool Poll();
+  /// Ends the connection; the next poll connects at once.
   void Close();
-  /// Lets the next look connect at once. Without a Close before, in a forked child, the connection
-  /// is left to the parent, of which it is.
-  void Forget();
+  /// Instead of Close in a forked child: the connection is the parent's.
+  void Abandon();
 
   [[nodiscard]] std::span<const Reader> All() const { return readers_; }
   /// How many have the name: cut short, two may have one.
@@ -61,15 +55,13 @@ class Readers {
 
  private:
   bool Connect();
-  bool ReadNames();
   bool ReadStates();
   void TakeNames();
 
-  long context_ = 0;
-  bool connected_ = false;
+  PcscConnection connection_;
   std::int64_t connectAfter_ = 0;  ///< not before then, in milliseconds
   std::vector<char> names_;        ///< as PC/SC lists them: each terminated, then an empty one
-  std::vector<char> current_;      ///< those of the last look
+  std::vector<char> current_;      ///< those of the last poll
   std::vector<Reader> readers_;
 };
 

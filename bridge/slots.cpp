@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 
 #include "runtime/trace.h"
 
@@ -14,71 +15,99 @@ constexpr CK_SLOT_ID kLastGroup = 94;
 
 /// What a module may make us hold, whatever it says.
 constexpr CK_ULONG kMaxSlots = 4096;
-constexpr CK_ULONG kSlotsAtFirst = 32;
+constexpr CK_ULONG kInitialSlots = 32;
 /// A list that grows between the question for its length and that for itself is asked for again.
-constexpr int kListAttempts = 3;
-/// More pending events than this are left for the next look.
-constexpr int kEventsPerLook = 16;
+constexpr int kMaxListAttempts = 3;
+/// More pending events than this are left for the next poll.
+constexpr int kMaxEventsPerPoll = 16;
 
 /// Between two comparisons of all slots while the module tells events, in milliseconds.
 constexpr std::int64_t kRefreshInterval = 1000;
 /// How often a module is asked for a reader that PC/SC shows and it does not: it may be slower, or
 /// be set to ignore it.
-constexpr int kSearches = 10;
+constexpr int kMaxSearches = 10;
 /// For how long a slot whose card was pulled shows none at most, in milliseconds.
-constexpr std::int64_t kShownEmpty = 10'000;
+constexpr std::int64_t kMaxShownEmpty = 10'000;
 
 }  // namespace
 
 // --- for the bridge's functions -----------------------------------------------------------------
 
-void Slots::Begin(const CK_FUNCTION_LIST& module) {
+void Slots::Begin(const CK_FUNCTION_LIST& module, ReaderFilter filter) {
   module_ = &module;
-  eventless_ = used_ = letGo_ = false;
-  readers_.Look();
-  searches_ = kSearches;
+  filter_ = std::move(filter);
+  isEventless_ = isUsed_ = releaseDue_ = false;
+  readers_.Poll();
+  searches_ = kMaxSearches;
   Refresh();
   for (Slot& slot : slots_) {
     slot.emptyUntil = 0;
-    slot.shown = StateOf(slot);
+    slot.state = StateOf(slot);
   }
+  offered_ = turn_ = 0;
+  isPulled_ = false;
+  const Slot* told = ByNumber(told_);
+  if (told == nullptr || !told->counts || !told->state.present) told = NextCard();
+  told_ = told == nullptr ? 0 : told->number;
 }
 
 void Slots::End() {
   module_ = nullptr;
   readers_.Close();
-  readers_.Forget();
 }
 
 CK_RV Slots::List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers) {
-  used_ = true;
-  if (stale_ || (refresh && !withToken)) Refresh();
+  isUsed_ = true;
+  if (isStale_ || (refresh && !withToken)) Refresh();
   std::vector<CK_SLOT_ID> ids;
   const CK_RV result = ListModule(withToken, refresh && withToken, ids);
   if (result != CKR_OK) return result;
   if (!std::all_of(ids.begin(), ids.end(), [this](CK_SLOT_ID id) { return ById(id) != nullptr; })) {
     Refresh();
   }
+  if (withToken) PollReaders();
   numbers.clear();
   for (const CK_SLOT_ID id : ids) {
-    if (const Slot* const slot = ById(id); slot != nullptr) numbers.push_back(slot->number);
+    const Slot* const slot = ById(id);
+    if (slot != nullptr && (!withToken || IsShownWithToken(*slot))) numbers.push_back(slot->number);
   }
-  if (withToken) AddSeenByPcsc(numbers);
+  if (withToken) {
+    AddPcscCards(numbers);
+    PutFirst(numbers);
+  }
   return CKR_OK;
 }
 
+/// Of a slot that the module lists with a token. It may not have seen yet that the card has gone.
+bool Slots::IsShownWithToken(const Slot& slot) const {
+  return slot.counts && (!slot.byPcsc || StateOf(slot).present);
+}
+
 /// A module may leave out a card that it cannot read. The commands of its insertion run as well.
-void Slots::AddSeenByPcsc(std::vector<CK_SLOT_ID>& numbers) const {
+void Slots::AddPcscCards(std::vector<CK_SLOT_ID>& numbers) const {
   for (const Slot& slot : slots_) {
-    if (!slot.byPcsc || !slot.listed || slot.further || !StateOf(slot).present) continue;
+    if (!slot.byPcsc || !slot.isListed || !slot.counts || !StateOf(slot).present) continue;
     if (std::find(numbers.begin(), numbers.end(), slot.number) == numbers.end()) {
       numbers.push_back(slot.number);
     }
   }
 }
 
+/// When the service starts it takes the first slot for the one with the card, so the card that was
+/// told of stands there. When there is none, the one that stands there is the next to be told of.
+void Slots::PutFirst(std::vector<CK_SLOT_ID>& numbers) {
+  const Slot* const next = told_ == 0 ? NextCard() : ByNumber(told_);
+  if (next != nullptr) {
+    const auto place = std::find(numbers.begin(), numbers.end(), next->number);
+    if (place != numbers.end()) std::rotate(numbers.begin(), place, place + 1);
+  }
+  if (told_ != 0 || numbers.empty() || ByNumber(numbers.front())->isSecondary) return;
+  offered_ = numbers.front();
+  refreshed_ = 0;  // the module's list may be newer than the states
+}
+
 std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
-  LookAtReaders();
+  PollReaders();
   const Slot* const slot = ByNumber(number);
   if (slot == nullptr || !slot->byPcsc) return {};
   CK_SLOT_INFO info = slot->info;
@@ -88,13 +117,13 @@ std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
 }
 
 std::optional<CK_SLOT_ID> Slots::ToModule(CK_SLOT_ID number) {
-  used_ = true;
+  isUsed_ = true;
   const Slot* slot = ByNumber(number);
-  if (stale_ || (slot != nullptr && !slot->listed)) {
+  if (isStale_ || (slot != nullptr && !slot->isListed)) {
     Refresh();
     slot = ByNumber(number);
   }
-  return slot == nullptr || !slot->listed ? std::nullopt : std::optional(slot->id);
+  return slot == nullptr || !slot->isListed ? std::nullopt : std::optional(slot->id);
 }
 
 std::optional<CK_SLOT_ID> Slots::FromModule(CK_SLOT_ID id) {
@@ -102,94 +131,125 @@ std::optional<CK_SLOT_ID> Slots::FromModule(CK_SLOT_ID id) {
   return slot == nullptr ? std::nullopt : std::optional(slot->number);
 }
 
-bool Slots::TakeEvent(CK_SLOT_ID& number) {
+// --- events -------------------------------------------------------------------------------------
+
+std::optional<CK_SLOT_ID> Slots::TakeEvent() {
   for (Slot& slot : slots_) slot.emptyUntil = 0;
-  Look();
-  for (std::size_t i = 0; i < slots_.size(); ++i) {
-    const std::size_t place = (turn_ + i) % slots_.size();
-    Slot& slot = slots_[place];
-    if (slot.further || !ShowNext(slot, StateOf(slot))) continue;
-    turn_ = place + 1;
-    number = slot.number;
-    if (slot.byPcsc && !slot.shown.present) letGo_ = used_;
-    return true;
-  }
-  if (letGo_) LetGo();
-  return false;
+  Poll();
+  CompareStates();
+  const Slot* const next = NextEvent();
+  if (next != nullptr) return Tell(slots_[static_cast<std::size_t>(next - slots_.data())]);
+  if (releaseDue_) ReleasePulledCard();
+  return {};
 }
 
-/// The module has not seen that a card it used was pulled. It holds on to it, which may keep others
-/// from the next card, until it looks; there is time for that now.
-void Slots::LetGo() {
-  letGo_ = used_ = false;
-  Refresh();
+bool Slots::HasEvent() const {
+  return NextEvent() != nullptr;
+}
+
+/// The slot of the next event by the states of the last poll, null for none. Who was offered a card
+/// may hold it for told of, so it is told of next, also when it has gone.
+const Slots::Slot* Slots::NextEvent() const {
+  if (told_ != 0) return isPulled_ ? ByNumber(told_) : nullptr;
+  return offered_ != 0 ? ByNumber(offered_) : NextCard();
+}
+
+const Slots::Slot* Slots::NextCard() const {
+  for (std::size_t i = 0; i < slots_.size(); ++i) {
+    const Slot& slot = slots_[(turn_ + i) % slots_.size()];
+    if (slot.counts && !slot.isSecondary && slot.state.present) return &slot;
+  }
+  return nullptr;
+}
+
+/// A card that gave place to another was pulled first. The next card is looked for in another slot.
+CK_SLOT_ID Slots::Tell(Slot& slot) {
+  if (isPulled_ || !slot.state.present) {
+    slot.emptyUntil = Milliseconds() + kMaxShownEmpty;
+    turn_ = static_cast<std::size_t>(&slot - slots_.data()) + 1;
+    told_ = 0;
+  } else {
+    told_ = slot.number;
+  }
+  offered_ = 0;
+  isPulled_ = false;
+  return slot.number;
 }
 
 // --- states -------------------------------------------------------------------------------------
 
 Readers::State Slots::StateOf(const Slot& slot) const {
-  if (!slot.byPcsc) return {slot.listed && (slot.info.flags & CKF_TOKEN_PRESENT) != 0, 0};
+  if (!slot.byPcsc) return {slot.isListed && (slot.info.flags & CKF_TOKEN_PRESENT) != 0, 0};
   const Readers::Reader* const reader = readers_.Find(slot.Description());
   return reader == nullptr ? Readers::State{} : reader->state;
 }
 
-/// True when there is something to tell. A card that gave place to another is pulled first.
-bool Slots::ShowNext(Slot& slot, const Readers::State& state) {
-  const bool wasPresent = slot.shown.present;
-  const bool isPulled = wasPresent && slot.shown != state;
-  slot.shown = {state.present && !isPulled, state.changes};
-  // The next card may be in before anybody has asked.
-  if (isPulled) slot.emptyUntil = Milliseconds() + kShownEmpty;
-  return slot.shown.present != wasPresent;
+void Slots::CompareStates() {
+  const CK_SLOT_ID watched = told_ != 0 ? told_ : offered_;
+  for (Slot& slot : slots_) {
+    const Readers::State state = StateOf(slot);
+    if (slot.state.present && state != slot.state) {
+      if (slot.number == watched) isPulled_ = true;
+      if (slot.byPcsc) releaseDue_ = isUsed_;
+    }
+    slot.state = state;
+  }
 }
 
-/// Of other readers the module hears when it is next needed.
-void Slots::LookAtReaders() {
-  if (readers_.Look()) {
-    stale_ = true;
-    searches_ = kSearches;
+/// The module has not seen that a card it used was pulled. It holds on to it, which may keep others
+/// from the next card, until it is made to look; there is time for that now.
+void Slots::ReleasePulledCard() {
+  releaseDue_ = isUsed_ = false;
+  Refresh();
+}
+
+/// The module is told of other readers when it is next needed.
+void Slots::PollReaders() {
+  if (readers_.Poll()) {
+    isStale_ = true;
+    searches_ = kMaxSearches;
   }
   AdoptReaders();
 }
 
-void Slots::Look() {
-  LookAtReaders();
+void Slots::Poll() {
+  PollReaders();
   if (searches_ > 0 && KnowsAllReaders()) searches_ = 0;
   const bool comparing = NeedsModule();
-  if (comparing && !eventless_) HearModule();
+  if (comparing && !isEventless_) DrainModuleEvents();
   const bool isDue = Milliseconds() - refreshed_ >= kRefreshInterval;
-  const bool searching = searches_ > 0 && (stale_ || isDue);
+  const bool searching = searches_ > 0 && (isStale_ || isDue);
   if (searching) --searches_;
-  if (searching || (comparing && (eventless_ || isDue))) Refresh();
+  if (searching || (comparing && (isEventless_ || isDue))) Refresh();
 }
 
 /// A slot is watched by PC/SC when it alone has the name of one reader. Once others have that name
 /// too, as far as a description goes, only the module can tell them apart.
 void Slots::AdoptReaders() {
   for (Slot& slot : slots_) {
-    if (slot.further) continue;
+    if (slot.isSecondary) continue;
     const std::size_t readers = readers_.Count(slot.Description());
     if (slot.byPcsc && (readers > 1 || HasTwin(slot))) {
       slot.byPcsc = false;
-      slot.shown.changes = 0;
+      slot.state.changes = 0;
       refreshed_ = 0;  // its state has to be asked for
     } else if (!slot.byPcsc && readers == 1 && !HasTwin(slot)) {
       slot.byPcsc = true;
-      slot.shown.changes = readers_.Find(slot.Description())->state.changes;
+      slot.state.changes = readers_.Find(slot.Description())->state.changes;
     }
   }
 }
 
 bool Slots::HasTwin(const Slot& slot) const {
   return std::any_of(slots_.begin(), slots_.end(), [&slot](const Slot& other) {
-    return &other != &slot && !other.further && other.Description() == slot.Description();
+    return &other != &slot && !other.isSecondary && other.Description() == slot.Description();
   });
 }
 
 bool Slots::KnowsAllReaders() const {
   const auto isKnown = [this](const Readers::Reader& reader) {
     return std::any_of(slots_.begin(), slots_.end(), [&reader](const Slot& slot) {
-      return slot.listed && slot.Description() == reader.name;
+      return slot.isListed && slot.Description() == reader.name;
     });
   };
   return std::all_of(readers_.All().begin(), readers_.All().end(), isKnown);
@@ -197,18 +257,18 @@ bool Slots::KnowsAllReaders() const {
 
 bool Slots::NeedsModule() const {
   return slots_.empty() || !std::all_of(slots_.begin(), slots_.end(), [](const Slot& slot) {
-           return slot.byPcsc || slot.further;
+           return slot.byPcsc || slot.isSecondary;
          });
 }
 
 // --- the module ---------------------------------------------------------------------------------
 
-/// An event says that the slots are worth a look, and no more: what is told is their state.
-void Slots::HearModule() {
-  for (int taken = 0; taken < kEventsPerLook; ++taken) {
+/// An event of the module only makes the states of its slots be read: they decide what is told.
+void Slots::DrainModuleEvents() {
+  for (int taken = 0; taken < kMaxEventsPerPoll; ++taken) {
     CK_SLOT_ID id = 0;
     const CK_RV result = module_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &id, nullptr);
-    if (result == CKR_FUNCTION_NOT_SUPPORTED) eventless_ = true;
+    if (result == CKR_FUNCTION_NOT_SUPPORTED) isEventless_ = true;
     if (result != CKR_OK) return;
     refreshed_ = 0;
   }
@@ -219,8 +279,8 @@ CK_RV Slots::ListModule(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& i
   CK_ULONG count = 0;
   // Some modules look for new readers when they are asked for the number alone.
   CK_RV result = refresh ? module_->C_GetSlotList(present, nullptr, &count) : CKR_OK;
-  for (int attempt = 0; result == CKR_OK && attempt < kListAttempts; ++attempt) {
-    ids.resize(std::clamp(count, kSlotsAtFirst, kMaxSlots));
+  for (int attempt = 0; result == CKR_OK && attempt < kMaxListAttempts; ++attempt) {
+    ids.resize(std::clamp(count, kInitialSlots, kMaxSlots));
     count = ids.size();
     result = module_->C_GetSlotList(present, ids.data(), &count);
     if (result == CKR_OK) {
@@ -238,40 +298,41 @@ void Slots::Refresh() {
   refreshed_ = Milliseconds();
   std::vector<CK_SLOT_ID> ids;
   if (ListModule(false, true, ids) != CKR_OK) return;
-  std::vector<Sight> sights;
-  sights.reserve(ids.size());
+  std::vector<SlotSnapshot> snapshots;
+  snapshots.reserve(ids.size());
   for (const CK_SLOT_ID id : ids) {
-    Sight sight = {.id = id};
-    if (module_->C_GetSlotInfo(id, &sight.info) != CKR_OK) {
+    SlotSnapshot snapshot = {.id = id};
+    if (module_->C_GetSlotInfo(id, &snapshot.info) != CKR_OK) {
       const Slot* const known = ById(id);
       if (known == nullptr) continue;
-      sight.info = known->info;
-      sight.info.flags &= ~CKF_TOKEN_PRESENT;
+      snapshot.info = known->info;
+      snapshot.info.flags &= ~CKF_TOKEN_PRESENT;
     }
-    if ((sight.info.flags & CKF_TOKEN_PRESENT) != 0) used_ = true;
-    sights.push_back(sight);
+    if ((snapshot.info.flags & CKF_TOKEN_PRESENT) != 0) isUsed_ = true;
+    snapshots.push_back(snapshot);
   }
-  Place(sights);
+  Place(snapshots);
   AdoptReaders();
-  stale_ = false;
+  isStale_ = false;
 }
 
 // --- numbers ------------------------------------------------------------------------------------
 
 /// Finds each slot among those seen before: unchanged, else by its description, else where it was,
 /// unless it is a reader's name that the module now shows there.
-void Slots::Place(std::vector<Sight>& sights) {
-  for (Slot& slot : slots_) slot.placed = false;
-  const auto claim = [this, &sights](const auto& isSame) {
-    for (Sight& sight : sights) {
-      const std::string_view description = DescriptionText(sight.info);
+void Slots::Place(std::vector<SlotSnapshot>& snapshots) {
+  for (Slot& slot : slots_) slot.isPlaced = false;
+  const auto claim = [this, &snapshots](const auto& isSame) {
+    for (SlotSnapshot& snapshot : snapshots) {
+      const std::string_view description = DescriptionText(snapshot.info);
       const auto slot = std::find_if(slots_.begin(), slots_.end(), [&](const Slot& known) {
-        return !sight.placed && !known.placed && isSame(known, sight.id, description);
+        return !snapshot.isPlaced && !known.isPlaced && isSame(known, snapshot.id, description);
       });
       if (slot == slots_.end()) continue;
-      slot->id = sight.id;
-      slot->info = sight.info;
-      slot->placed = sight.placed = true;
+      slot->id = snapshot.id;
+      slot->info = snapshot.info;
+      slot->counts = filter_.Counts(slot->info);
+      slot->isPlaced = snapshot.isPlaced = true;
     }
   };
   claim([](const Slot& slot, CK_SLOT_ID id, std::string_view description) {
@@ -281,26 +342,27 @@ void Slots::Place(std::vector<Sight>& sights) {
     return !description.empty() && slot.Description() == description;
   });
   claim([this](const Slot& slot, CK_SLOT_ID id, std::string_view description) {
-    return slot.listed && slot.id == id && !slot.further && !slot.byPcsc &&
+    return slot.isListed && slot.id == id && !slot.isSecondary && !slot.byPcsc &&
            readers_.Count(description) == 0;
   });
-  for (Slot& slot : slots_) slot.listed = slot.placed;
-  for (const Sight& sight : sights) {
-    if (!sight.placed && slots_.size() < kMaxSlots) Add(sight);
+  for (Slot& slot : slots_) slot.isListed = slot.isPlaced;
+  for (const SlotSnapshot& snapshot : snapshots) {
+    if (!snapshot.isPlaced && slots_.size() < kMaxSlots) Add(snapshot);
   }
 }
 
-void Slots::Add(const Sight& sight) {
+void Slots::Add(const SlotSnapshot& snapshot) {
   Slot slot;
-  slot.id = sight.id;
-  slot.info = sight.info;
-  slot.listed = true;
+  slot.id = snapshot.id;
+  slot.info = snapshot.info;
+  slot.isListed = true;
+  slot.counts = filter_.Counts(slot.info);
   // Two slots of this name are two of one reader when PC/SC knows just one of it.
   const auto first = std::find_if(slots_.begin(), slots_.end(), [&slot](const Slot& other) {
-    return !other.further && other.Description() == slot.Description();
+    return !other.isSecondary && other.Description() == slot.Description();
   });
-  slot.further = first != slots_.end() && readers_.Find(slot.Description()) != nullptr;
-  slot.number = NewNumber(slot.further ? &*first : nullptr);
+  slot.isSecondary = first != slots_.end() && readers_.Find(slot.Description()) != nullptr;
+  slot.number = NewNumber(slot.isSecondary ? &*first : nullptr);
   slots_.push_back(slot);
   std::string name(slot.Description());
   const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
@@ -322,7 +384,7 @@ CK_SLOT_ID Slots::NewNumber(const Slot* first) {
   return number;
 }
 
-Slots::Slot* Slots::ByNumber(CK_SLOT_ID number) {
+const Slots::Slot* Slots::ByNumber(CK_SLOT_ID number) const {
   const auto slot = std::find_if(slots_.begin(), slots_.end(), [number](const Slot& candidate) {
     return candidate.number == number;
   });
@@ -332,7 +394,7 @@ Slots::Slot* Slots::ByNumber(CK_SLOT_ID number) {
 /// Of those that the module lists.
 Slots::Slot* Slots::ById(CK_SLOT_ID id) {
   const auto slot = std::find_if(slots_.begin(), slots_.end(), [id](const Slot& candidate) {
-    return candidate.listed && candidate.id == id;
+    return candidate.isListed && candidate.id == id;
   });
   return slot == slots_.end() ? nullptr : &*slot;
 }

@@ -5,14 +5,19 @@
 // which the module first showed them, has the number 3k+1, later ones 97 and up; a reader is known
 // again by its description, so it keeps its number when it is pulled out and plugged in again. Only
 // a slot that stays, and is no PC/SC reader, may change its description and keep its number.
-// Where a module has several slots for one reader, as for a card with several PINs, the further
-// ones get the other two numbers of that reader.
+// Where a module has several slots for one reader, as for a card with several PINs, the secondary
+// ones get the other two numbers of that reader, and tell no events.
 //
 // A slot whose description is the name of a PC/SC reader is watched by PC/SC itself: its changes
 // are known before, and without, the module reading the card. For all other slots the module is
-// asked for its events, and their states are compared: at each look when it has no events, else
+// asked for its events, and their states are compared: at each poll when it has no events, else
 // at an event and once a second, since there are modules that keep some back, those of new readers
 // above all.
+//
+// Events are told of one card at a time. As long as the card that was told of is in, nothing is
+// told of another; when it has gone that is told, and then the next card that is in. Slots that the
+// filter leaves out tell nothing, and are not listed among those with a token; all else works with
+// them.
 //
 // Not for several threads at a time. May throw std::bad_alloc, which leaves everything usable.
 #pragma once
@@ -23,6 +28,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bridge/reader_filter.h"
 #include "bridge/readers.h"
 #include "pkcs11/cryptoki.h"
 
@@ -30,16 +36,17 @@ namespace qixx::bridge {
 
 class Slots {
  public:
-  /// Begins to watch: what is there now is no event. The module is initialised and stays so until
-  /// End.
-  void Begin(const CK_FUNCTION_LIST& module);
+  /// Begins to watch: what is there now is no event. Of the cards that are in now the first
+  /// counts as told of, unless one that was told of before is still in. The module is initialised
+  /// and stays so until End.
+  void Begin(const CK_FUNCTION_LIST& module, ReaderFilter filter);
   /// Ends it; the numbers stay.
   void End();
-  /// Instead of End in a forked child: the parent goes on.
-  void LeaveToParent() { readers_.Forget(); }
+  /// Instead of End in a forked child: the connection to PC/SC is the parent's.
+  void Abandon() { readers_.Abandon(); }
 
-  /// The numbers of the slots in the module's order. `refresh` asks the module to look for new
-  /// ones.
+  /// The numbers of the slots in the module's order. With `withToken` the card that was told of, or
+  /// will be told of next, comes first. `refresh` asks the module to look for new slots.
   CK_RV List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers);
   /// What is known of a slot without the module; nothing where the module is to be asked.
   [[nodiscard]] std::optional<CK_SLOT_INFO> Info(CK_SLOT_ID number);
@@ -47,64 +54,77 @@ class Slots {
   [[nodiscard]] std::optional<CK_SLOT_ID> ToModule(CK_SLOT_ID number);
   [[nodiscard]] std::optional<CK_SLOT_ID> FromModule(CK_SLOT_ID id);
 
-  /// Takes the next event without waiting. A card that was changed for another one between two
-  /// looks gives two, pulled and inserted. After the first Info shows the slot empty until the next
-  /// call, or for a second: who polls Info alone is to see the new card, too.
-  bool TakeEvent(CK_SLOT_ID& number);
+  /// Polls, and takes the next event; none when there is none. A card that was changed for another
+  /// one between two polls gives two, pulled and inserted. After the first Info shows the slot
+  /// empty until the next call, at most for ten seconds: a caller that uses Info alone is to see
+  /// the new card, too.
+  [[nodiscard]] std::optional<CK_SLOT_ID> TakeEvent();
+  /// Whether the poll of the last TakeEvent found another event behind the one taken.
+  [[nodiscard]] bool HasEvent() const;
 
  private:
   struct Slot {
     CK_SLOT_ID number = 0;
-    CK_SLOT_ID id = 0;  ///< the module's, at last sight
+    CK_SLOT_ID id = 0;  ///< the module's, when it was last listed
     CK_SLOT_INFO info{};
-    bool listed = false;   ///< by the module now, else the id may be another slot's
-    bool placed = false;   ///< found again, while a list is gone through
-    bool further = false;  ///< another slot of a reader that has one already: tells no events
-    bool byPcsc = false;   ///< watched by PC/SC
-    Readers::State shown;  ///< what was told of it last
+    bool isListed = false;        ///< by the module now, else the id may be another slot's
+    bool isPlaced = false;        ///< found again, while a list is gone through
+    bool isSecondary = false;     ///< another slot of a reader that has one already
+    bool counts = false;          ///< its events may be told
+    bool byPcsc = false;          ///< watched by PC/SC
+    Readers::State state;         ///< at the last poll
     std::int64_t emptyUntil = 0;  ///< shown empty so long, or until the next event is taken
 
     [[nodiscard]] std::string_view Description() const { return DescriptionText(info); }
   };
   /// A slot as the module lists it.
-  struct Sight {
+  struct SlotSnapshot {
     CK_SLOT_ID id = 0;
     CK_SLOT_INFO info{};
-    bool placed = false;
+    bool isPlaced = false;
   };
 
-  void Look();
-  void LookAtReaders();
+  void Poll();
+  void PollReaders();
   void AdoptReaders();
-  void LetGo();
-  void AddSeenByPcsc(std::vector<CK_SLOT_ID>& numbers) const;
-  void HearModule();
+  void CompareStates();
+  void ReleasePulledCard();
+  [[nodiscard]] bool IsShownWithToken(const Slot& slot) const;
+  void AddPcscCards(std::vector<CK_SLOT_ID>& numbers) const;
+  void PutFirst(std::vector<CK_SLOT_ID>& numbers);
+  void DrainModuleEvents();
   void Refresh();
   [[nodiscard]] bool NeedsModule() const;
   [[nodiscard]] bool KnowsAllReaders() const;
   [[nodiscard]] bool HasTwin(const Slot& slot) const;
   CK_RV ListModule(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& ids) const;
 
-  void Place(std::vector<Sight>& sights);
-  void Add(const Sight& sight);
+  void Place(std::vector<SlotSnapshot>& snapshots);
+  void Add(const SlotSnapshot& snapshot);
   CK_SLOT_ID NewNumber(const Slot* first);
-  [[nodiscard]] Slot* ByNumber(CK_SLOT_ID number);
+  [[nodiscard]] const Slot* ByNumber(CK_SLOT_ID number) const;
   [[nodiscard]] Slot* ById(CK_SLOT_ID id);
 
   [[nodiscard]] Readers::State StateOf(const Slot& slot) const;
-  [[nodiscard]] static bool ShowNext(Slot& slot, const Readers::State& state);
+  [[nodiscard]] const Slot* NextCard() const;
+  [[nodiscard]] const Slot* NextEvent() const;
+  CK_SLOT_ID Tell(Slot& slot);
 
   const CK_FUNCTION_LIST* module_ = nullptr;
+  ReaderFilter filter_;
   Readers readers_;
-  std::vector<Slot> slots_;     ///< in the order of first sight
+  std::vector<Slot> slots_;     ///< in the order in which they were first listed
   CK_SLOT_ID nextGroup_ = 1;    ///< for a reader with three numbers
   CK_SLOT_ID nextSingle_ = 97;  ///< for one that has no more of those
-  std::size_t turn_ = 0;        ///< the slot to begin with, so that none waits for ever
-  bool stale_ = false;          ///< the module has not looked since the readers changed
+  CK_SLOT_ID told_ = 0;         ///< the slot whose card was told of, and is in
+  CK_SLOT_ID offered_ = 0;      ///< listed first while none was told of
+  bool isPulled_ = false;       ///< the card of that slot was, at the last poll
+  std::size_t turn_ = 0;        ///< where to look for the next card, so that none waits for ever
+  bool isStale_ = false;        ///< the module has not looked since the readers changed
   int searches_ = 0;            ///< refreshes still to try for a reader that the module lacks
-  bool eventless_ = false;      ///< the module knows no events
-  bool used_ = false;           ///< the module may hold on to a card
-  bool letGo_ = false;          ///< and that card was pulled
+  bool isEventless_ = false;    ///< the module knows no events
+  bool isUsed_ = false;         ///< the module may hold on to a card
+  bool releaseDue_ = false;     ///< and that card was pulled
   std::int64_t refreshed_ = 0;  ///< when, in milliseconds
 };
 

@@ -2,16 +2,17 @@
 
 #include <algorithm>
 #include <array>
-#include <utility>
+#include <cstdint>
 #include <vector>
 
+#include "pkcs11/token_variables.h"
 #include "runtime/files.h"
-#include "runtime/text.h"
 
 namespace qixx::bridge {
 namespace {
 
-using Variables = std::vector<std::pair<std::string, std::string>>;
+using Variables = std::vector<pkcs11::TokenVariable>;
+using StoredText = std::vector<std::uint8_t>;
 
 constexpr CK_ULONG kMaxStore = CK_ULONG{1024} * 1024;
 
@@ -22,7 +23,7 @@ struct StoreTemplate {
   CK_BBOOL isPrivate = CK_FALSE;
   std::string application{runtime::Product().name};
 
-  std::array<CK_ATTRIBUTE, 6> Attributes(std::string& value) {
+  std::array<CK_ATTRIBUTE, 6> Attributes(StoredText& value) {
     return {{{CKA_CLASS, &objectClass, sizeof objectClass},
              {CKA_TOKEN, &onToken, sizeof onToken},
              {CKA_PRIVATE, &isPrivate, sizeof isPrivate},
@@ -33,40 +34,9 @@ struct StoreTemplate {
 };
 constexpr CK_ULONG kToFind = 5;
 
-std::string TakeText(std::string_view& rest) {
-  const std::size_t end = std::min(rest.find('\0'), rest.size());
-  const std::string_view text = runtime::DropTrailingBlanks(rest.substr(0, end));
-  rest.remove_prefix(std::min(end + 1, rest.size()));
-  return std::string(text);
-}
-
-Variables Decode(std::string_view bytes) {
-  Variables variables;
-  if (bytes.size() <= 2 || bytes[0] != '\0') return variables;
-  std::string_view rest = bytes.substr(1);
-  while (rest.size() > 3 && rest[0] != '\0') {
-    std::string name = TakeText(rest);
-    variables.emplace_back(std::move(name), TakeText(rest));
-  }
-  return variables;
-}
-
-/// One blank behind each text: a pair without any may be too short to be read again.
-std::string Encode(const Variables& variables) {
-  std::string bytes(1, '\0');
-  for (const auto& [name, value] : variables) {
-    for (const std::string& text : {name, value}) bytes += text + std::string(" \0", 2);
-  }
-  return bytes;
-}
-
-auto FindIn(Variables& variables, std::string_view name) {
+auto FindIn(std::vector<pkcs11::TokenVariable>& variables, std::string_view name) {
   return std::find_if(variables.begin(), variables.end(),
-                      [name](const auto& variable) { return variable.first == name; });
-}
-
-bool IsStorable(std::string_view text) {
-  return text.find('\0') == std::string_view::npos && runtime::DropTrailingBlanks(text) == text;
+                      [name](const auto& variable) { return variable.name == name; });
 }
 
 /// The store of a token as it is found, and the session in which it was found.
@@ -89,7 +59,7 @@ class Store {
 
  private:
   CK_RV Find();
-  CK_RV Read(std::string& bytes);
+  CK_RV Read(StoredText& stored);
 
   const CK_FUNCTION_LIST& module_;
   CK_SESSION_HANDLE session_ = CK_INVALID_HANDLE;
@@ -101,15 +71,15 @@ CK_RV Store::Load(Variables& variables) {
   CK_RV result = opened_;
   if (result == CKR_OK) result = Find();
   if (result != CKR_OK || object_ == CK_INVALID_HANDLE) return result;
-  std::string bytes;
-  result = Read(bytes);
-  if (result == CKR_OK) variables = Decode(bytes);
+  StoredText stored;
+  result = Read(stored);
+  if (result == CKR_OK) variables = pkcs11::ParseTokenVariables(stored);
   return result;
 }
 
 CK_RV Store::Find() {
   StoreTemplate wanted;
-  std::string none;
+  StoredText none;
   auto attributes = wanted.Attributes(none);
   CK_RV result = module_.C_FindObjectsInit(session_, attributes.data(), kToFind);
   if (result != CKR_OK) return result;
@@ -120,22 +90,22 @@ CK_RV Store::Find() {
   return result;
 }
 
-CK_RV Store::Read(std::string& bytes) {
+CK_RV Store::Read(StoredText& stored) {
   CK_ATTRIBUTE attribute = {CKA_VALUE, nullptr, 0};
   CK_RV result = module_.C_GetAttributeValue(session_, object_, &attribute, 1);
   if (result != CKR_OK) return result;
   if (attribute.ulValueLen > kMaxStore) return CKR_DATA_LEN_RANGE;
-  bytes.resize(attribute.ulValueLen);
-  attribute.pValue = bytes.data();
+  stored.resize(attribute.ulValueLen);
+  attribute.pValue = stored.data();
   result = module_.C_GetAttributeValue(session_, object_, &attribute, 1);
-  bytes.resize(std::min<std::size_t>(bytes.size(), attribute.ulValueLen));
+  stored.resize(std::min<std::size_t>(stored.size(), attribute.ulValueLen));
   return result;
 }
 
 CK_RV Store::Save(const Variables& variables) {
-  std::string bytes = Encode(variables);
+  StoredText stored = pkcs11::BuildTokenVariables(variables);
   StoreTemplate written;
-  auto attributes = written.Attributes(bytes);
+  auto attributes = written.Attributes(stored);
   if (object_ == CK_INVALID_HANDLE) {
     return module_.C_CreateObject(session_, attributes.data(), attributes.size(), &object_);
   }
@@ -151,13 +121,14 @@ CK_RV ReadVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string_
   if (const CK_RV result = store.Load(variables); result != CKR_OK) return result;
   const auto found = FindIn(variables, name);
   if (found == variables.end()) return CKR_DATA_INVALID;
-  value = found->second;
+  value = found->value;
   return CKR_OK;
 }
 
 CK_RV WriteVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string_view name,
                     std::string_view value) {
-  if (name.empty() || !IsStorable(name) || !IsStorable(value)) return CKR_ARGUMENTS_BAD;
+  if (name.empty() || !pkcs11::IsStorable(name) || !pkcs11::IsStorable(value))
+    return CKR_ARGUMENTS_BAD;
   Store store(module, slot, CKF_RW_SESSION);
   Variables variables;
   // A store that cannot be read is not written over.
@@ -167,9 +138,9 @@ CK_RV WriteVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string
     if (found == variables.end()) return CKR_OK;
     variables.erase(found);
   } else if (found != variables.end()) {
-    found->second = value;
+    found->value = value;
   } else {
-    variables.emplace_back(name, value);
+    variables.push_back({std::string(name), std::string(value)});
   }
   return store.Save(variables);
 }

@@ -1,7 +1,7 @@
 // The small store of names and values that the suite keeps on a token as a data object.
 //
-// Found by class, application "Tessaly" and an empty label, public, on the token. Its value is a
-// zero byte, then name and value by turns, each padded with blanks and ended by a zero byte.
+// Found by class, application "Tessaly" and an empty label, public, on the token; its value is as
+// pkcs11/token_variables.h has it.
 #pragma once
 
 #include <optional>

@@ -2,6 +2,7 @@
 // suite.
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <future>
@@ -31,6 +32,11 @@ class Bridge : public LoadedModule {
   }
   void AddReader(int slot, const std::string& name) const {
     desktop_.Home().Write("readers/" + std::to_string(slot) + "/slot", "description=" + name);
+  }
+
+  /// Polls until the next event is this slot's.
+  [[nodiscard]] bool NextIs(long slot) {
+    return Eventually([&] { return Poll() == slot; });
   }
 
   const Desktop desktop_;  ///< reader 1 is there
@@ -107,19 +113,124 @@ TEST_F(Bridge, EventsOfAnyModule) {
     desktop_.InsertCard(7);
     Start(SOFTCARD_PLAIN);
     EXPECT_EQ(Poll(), -1) << "what is there at start is no event";
-    const auto next = [this](long slot) { return Eventually([&] { return Poll() == slot; }); };
-    desktop_.InsertCard(1);
-    EXPECT_TRUE(next(1));
-    EXPECT_EQ(Slots(CK_TRUE), (Numbers{1, 4}));
     desktop_.RemoveCard(7);
-    EXPECT_TRUE(next(4));
+    EXPECT_TRUE(NextIs(4));
+    EXPECT_EQ(Slots(CK_TRUE), (Numbers{}));
+    desktop_.InsertCard(1);
+    EXPECT_TRUE(NextIs(1));
     EXPECT_EQ(Slots(CK_TRUE), (Numbers{1}));
-    desktop_.InsertCard(9);
-    EXPECT_TRUE(next(7)) << "a new reader with a card in it";
-    RemoveReader(9);
-    EXPECT_TRUE(next(7)) << "pulled out with its card";
-    EXPECT_EQ(Poll(), -1);
     desktop_.RemoveCard(1);
+    EXPECT_TRUE(NextIs(1));
+    desktop_.InsertCard(9);
+    EXPECT_TRUE(NextIs(7)) << "a new reader with a card in it";
+    RemoveReader(9);
+    EXPECT_TRUE(NextIs(7)) << "pulled out with its card";
+    EXPECT_EQ(Poll(), -1);
+    list_->C_Finalize(nullptr);
+  }
+}
+
+TEST_F(Bridge, TellsOfOneCardAtATime) {
+  struct Reader {
+    int id;
+    long number;
+  };
+  const Reader readers[] = {{1, 1}, {5, 4}};
+  for (const std::size_t first : {0, 1}) {
+    const Reader badge = readers[first];
+    const Reader other = readers[1 - first];
+    SCOPED_TRACE(badge.id);
+    for (const Reader& reader : readers) desktop_.AddReader(reader.id);
+    Start(SOFTCARD_PLAIN);
+    desktop_.InsertCard(badge.id);
+    EXPECT_EQ(Poll(), badge.number);
+    desktop_.InsertCard(other.id);
+    EXPECT_EQ(Poll(), -1);
+    EXPECT_EQ(Slots(CK_TRUE), (Numbers{CK_ULONG(badge.number), CK_ULONG(other.number)}));
+    desktop_.RemoveCard(other.id);
+    EXPECT_EQ(Poll(), -1) << "nor that it has gone";
+    desktop_.InsertCard(other.id);
+    EXPECT_EQ(Poll(), -1);
+    desktop_.RemoveCard(badge.id);
+    EXPECT_EQ(Poll(), badge.number);
+    EXPECT_EQ(Poll(), other.number) << "still in elsewhere";
+    desktop_.InsertCard(badge.id);
+    EXPECT_EQ(Poll(), -1);
+    RemoveReader(other.id);
+    EXPECT_EQ(Poll(), other.number) << "pulled out with its card";
+    EXPECT_EQ(Poll(), badge.number);
+    desktop_.RemoveCard(badge.id);
+    EXPECT_EQ(Poll(), badge.number);
+    EXPECT_EQ(Poll(), -1);
+    list_->C_Finalize(nullptr);
+  }
+}
+
+TEST_F(Bridge, BeginsWithTheCardThatIsListedFirst) {
+  for (const int slot : {1, 5}) desktop_.InsertCard(slot);
+  Start(SOFTCARD_PLAIN);
+  EXPECT_EQ(Poll(), -1);
+  EXPECT_EQ(Slots(CK_TRUE), (Numbers{1, 4}));
+  desktop_.RemoveCard(1);
+  EXPECT_EQ(Poll(), 1);
+  EXPECT_EQ(Poll(), 4);
+  desktop_.InsertCard(1);
+  EXPECT_EQ(Function<pkcs11::ReinitializeFunction>("C_Reinitialize")(nullptr), CKR_OK);
+  EXPECT_EQ(Slots(CK_TRUE), (Numbers{4, 1})) << "still the one that was told of";
+  EXPECT_EQ(Poll(), -1);
+  desktop_.RemoveCard(5);
+  EXPECT_EQ(Poll(), 4);
+  desktop_.RemoveCard(1);
+  EXPECT_EQ(Poll(), -1);
+
+  desktop_.InsertCard(5);
+  EXPECT_EQ(Slots(CK_TRUE), (Numbers{4}));
+  desktop_.RemoveCard(5);
+  EXPECT_EQ(Poll(), 4) << "who saw it listed has to hear that it has gone";
+  EXPECT_EQ(Poll(), -1);
+}
+
+TEST_F(Bridge, TellsOfTheReadersThatCount) {
+  desktop_.Home().Write("readers/2/slot", "description=Token in software\nflags=0\n");
+  struct Row {
+    const char* readers;
+    const char* ignore;
+    Numbers counting;
+  };
+  const Row rows[] = {{nullptr, nullptr, {1, 7}},
+                      {nullptr, "soft READER 1||none", {7}},
+                      {"*", nullptr, {1, 4, 7}},
+                      {" token* | | *3 ", "?oft*", {4}},
+                      {"Soft reader", nullptr, {}}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.readers == nullptr ? "" : row.readers) + " without " +
+                 (row.ignore == nullptr ? "" : row.ignore));
+    const ScopedVariable readers("qix:Pkcs11:Readers", row.readers);
+    const ScopedVariable ignore("qix:Pkcs11:Ignore", row.ignore);
+    for (const int slot : {1, 2, 3}) desktop_.InsertCard(slot);
+    Start(SOFTCARD_PLAIN);
+    EXPECT_EQ(Slots(), (Numbers{1, 4, 7}));
+    EXPECT_EQ(Slots(CK_TRUE), row.counting);
+    for (const CK_SLOT_ID slot : {1, 4, 7}) {
+      CK_SLOT_INFO info = {};
+      EXPECT_EQ(list_->C_GetSlotInfo(slot, &info), CKR_OK);
+      EXPECT_NE(info.flags & CKF_TOKEN_PRESENT, 0U);
+      EXPECT_EQ(list_->C_CloseSession(Open(slot)), CKR_OK) << "who names it can use it";
+    }
+    for (const int slot : {3, 2, 1}) desktop_.RemoveCard(slot);
+    const long first = row.counting.empty() ? -1 : static_cast<long>(row.counting.front());
+    EXPECT_EQ(Poll(), first);
+    EXPECT_EQ(Poll(), -1);
+    for (const int slot : {1, 2, 3}) {
+      desktop_.InsertCard(slot);
+      const CK_ULONG number = static_cast<CK_ULONG>(slot) * 3 - 2;
+      const bool counts =
+          std::find(row.counting.begin(), row.counting.end(), number) != row.counting.end();
+      const long told = counts ? static_cast<long>(number) : -1;
+      EXPECT_EQ(Poll(), told);
+      desktop_.RemoveCard(slot);
+      EXPECT_EQ(Poll(), told);
+    }
     list_->C_Finalize(nullptr);
   }
 }
@@ -274,7 +385,7 @@ TEST_F(Bridge, ModuleThatAnswersBadly) {
 /// SoftHSM, a module of other people: no slot events, and slot ids of nine digits and more.
 using SoftHsm = Bridge;
 
-TEST_F(SoftHsm, SlotsAreNumberedAndNewOnesAreEvents) {
+TEST_F(SoftHsm, TokensCountWhereTheyAreNamed) {
   if (OutputOf("command -v softhsm2-util").empty()) {
     GTEST_SKIP() << "NOT TESTED on SoftHSM: not installed (package softhsm2)";
   }
@@ -285,11 +396,18 @@ TEST_F(SoftHsm, SlotsAreNumberedAndNewOnesAreEvents) {
 
   Start("libsofthsm2.so");
   ASSERT_EQ(Slots(), (Numbers{1, 4})) << "the token's, and a free one";
+  EXPECT_EQ(Slots(CK_TRUE), (Numbers{})) << "that is always in";
   EXPECT_EQ(Poll(), -1);
   CK_UTF8CHAR pin[] = "1234";
   CK_UTF8CHAR label[] = "two                             ";
   ASSERT_EQ(list_->C_InitToken(4, pin, 4, label), CKR_OK);
-  EXPECT_TRUE(Eventually([this] { return Poll() == 7; })) << "the next free slot";
+  EXPECT_EQ(Slots().size(), 3U) << "the next free slot";
+  EXPECT_EQ(Poll(), -1);
+  list_->C_Finalize(nullptr);
+
+  const ScopedVariable named("qix:Pkcs11:Readers", "softhsm*");
+  Start("libsofthsm2.so");
+  EXPECT_EQ(Slots(CK_TRUE).size(), 3U);
 }
 
 }  // namespace

@@ -84,9 +84,11 @@ TEST_F(RealCards, OneThatIsInAtStartAndAnother) {
   Watch();
   ExpectRead(1);
   Insert(0);
-  ASSERT_TRUE(desktop.Traced("Watch - Already connected"));
+  ASSERT_TRUE(Shows(0, "Yes"));
   Remove(1);
-  EXPECT_TRUE(Has("Disconnected", 1));
+  ASSERT_TRUE(Has("Disconnected", 1));
+  ExpectRead(0);
+  EXPECT_EQ(desktop.TraceCount("Watch - Event"), 3U) << "of one card at a time";
 }
 
 TEST_F(RealCards, TenInARowInBothReaders) {
@@ -98,7 +100,7 @@ TEST_F(RealCards, TenInARowInBothReaders) {
   EXPECT_EQ(desktop.TraceCount("Watch - Event"), 21U) << "the one at start, and two for each card";
 }
 
-TEST_F(RealCards, UnknownToTheModuleAndChangedBetweenTwoLooks) {
+TEST_F(RealCards, UnknownToTheModuleAndChangedBetweenTwoPolls) {
   service.Start();
   Watch();
   Insert(0, "");

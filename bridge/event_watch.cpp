@@ -1,0 +1,185 @@
+#include "bridge/event_watch.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <ctime>
+#include <utility>
+
+#include "pkcs11/entry.h"
+
+namespace qixx::bridge {
+namespace {
+
+/// Between two tries to reach the service, in milliseconds: as far apart as those of the poll.
+constexpr int kConnectPause = 3000;
+/// After a wake-up without news, in milliseconds. A card that is read causes some; a library that
+/// does not wait would keep the thread busy.
+constexpr int kQuietPause = 50;
+/// Between two tries to cancel a wait that may not have begun yet.
+constexpr timespec kCancelPause = {0, 2'000'000};
+
+/// PC/SC waits for no more readers than this at a time.
+constexpr std::size_t kMaxWaitedReaders = 16;
+
+constexpr PcscWord kStateChanged = 0x2;
+
+bool HasSameCard(PcscWord one, PcscWord other) {
+  const PcscWord differing = one ^ other;
+  return (differing & kPcscStatePresent) == 0 && differing >> kPcscCountShift == 0;
+}
+
+/// The thread takes no signals: they are for the threads of the program.
+void BlockSignals() {
+  sigset_t all;
+  ::sigfillset(&all);
+  ::sigprocmask(SIG_SETMASK, &all, nullptr);  // on Linux it acts on the calling thread
+}
+
+}  // namespace
+
+// --- the descriptor -----------------------------------------------------------------------------
+
+EventDescriptor::EventDescriptor() : descriptor_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void EventDescriptor::Raise() {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = ::write(descriptor_, &one, sizeof one);
+}
+
+void EventDescriptor::Lower() {
+  std::uint64_t count = 0;
+  [[maybe_unused]] const ssize_t got = ::read(descriptor_, &count, sizeof count);
+}
+
+void EventDescriptor::Close() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+  descriptor_ = -1;
+}
+
+void EventDescriptor::Wait(int timeout) const {
+  pollfd waited = {descriptor_, POLLIN, 0};
+  ::poll(&waited, 1, timeout);
+}
+
+// --- the life of the thread ---------------------------------------------------------------------
+
+void EventWatch::Start(const ReaderFilter& filter) {
+  if (!hasEnded_ || !HasPcsc()) return;
+  filter_ = filter;
+  hasEnded_ = false;
+  if (runtime::ThreadCreate(&EventWatch::RunThread, this) == 0) hasEnded_ = true;
+}
+
+void EventWatch::Stop() {
+  isStopping_ = true;
+  stop_.Raise();
+  while (!hasEnded_.load(std::memory_order_acquire)) {
+    {
+      const runtime::CriticalScope hold(&guard_);
+      if (connection_.IsOpen()) connection_.Cancel();
+    }
+    ::nanosleep(&kCancelPause, nullptr);
+  }
+  isStopping_ = false;
+  stop_.Lower();
+  event_.Lower();
+}
+
+void EventWatch::Abandon() {
+  event_.Close();
+  stop_.Close();
+}
+
+void* EventWatch::RunThread(void* watch) {
+  auto& self = *static_cast<EventWatch*>(watch);
+  BlockSignals();
+  runtime::ThreadDetachSelf();
+  while (!self.isStopping_) {
+    // What it throws ends the round, and the next one begins anew.
+    (void)pkcs11::AnswerOf([&self]() -> CK_RV {
+      self.Run();
+      return CKR_OK;
+    });
+    self.Disconnect();
+    if (!self.isStopping_) self.stop_.Wait(kConnectPause);
+  }
+  self.hasEnded_.store(true, std::memory_order_release);
+  return nullptr;
+}
+
+// --- the thread ---------------------------------------------------------------------------------
+
+/// Waits until the connection is lost or the thread is to stop.
+void EventWatch::Run() {
+  if (!Connect()) return;
+  while (!isStopping_ && WaitForChange()) {
+  }
+  event_.Raise();  // the readers went with the service
+}
+
+/// What another service says is news, even when it says the same.
+bool EventWatch::Connect() {
+  current_.clear();
+  known_.clear();
+  const runtime::CriticalScope hold(&guard_);
+  return connection_.Open();
+}
+
+void EventWatch::Disconnect() {
+  const runtime::CriticalScope hold(&guard_);
+  connection_.Close();
+}
+
+/// Waits for one change. False when the connection is of no more use.
+bool EventWatch::WaitForChange() {
+  if (!connection_.ReadNames(names_)) return false;
+  if (names_ != current_) {
+    current_ = names_;
+    event_.Raise();
+  }
+  std::array<PcscReaderState, kMaxWaitedReaders> states{};
+  std::size_t readers = 0;
+  for (const char* name = current_.data(); *name != '\0' && readers < states.size();) {
+    const std::string_view whole(name);
+    states[readers++] = {.name = name, .knownState = KnownState(whole)};
+    name += whole.size() + 1;
+  }
+  std::size_t waited = readers;
+  if (waited < states.size()) {
+    states[waited++] = {.name = kPcscReaderNotifier, .knownState = readers << kPcscCountShift};
+  }
+  const PcscResult result = connection_.WaitForChange(kPcscInfinite, {states.data(), waited});
+  if (result == PcscResult::kSuccess && TakeStates({states.data(), readers})) {
+    event_.Raise();
+    return true;
+  }
+  stop_.Wait(kQuietPause);
+  return result == PcscResult::kSuccess || result == PcscResult::kTimeout ||
+         result == PcscResult::kUnknownReader;
+}
+
+/// True when a card came or went.
+bool EventWatch::TakeStates(std::span<const PcscReaderState> states) {
+  std::vector<Known> known;
+  bool isNews = false;
+  for (const PcscReaderState& reader : states) {
+    isNews = isNews || (!HasSameCard(reader.state, KnownState(reader.name)) &&
+                        filter_.MayCount(std::string(CutReaderName(reader.name))));
+    known.push_back({reader.name, reader.state & ~kStateChanged});
+  }
+  known_.swap(known);
+  return isNews;
+}
+
+PcscWord EventWatch::KnownState(std::string_view name) const {
+  const auto known = std::find_if(known_.begin(), known_.end(),
+                                  [name](const Known& reader) { return reader.name == name; });
+  return known == known_.end() ? 0 : known->state;
+}
+
+}  // namespace qixx::bridge

@@ -1,0 +1,115 @@
+// A descriptor that is readable when a poll for events would have something to tell, and the
+// thread that makes it so.
+//
+// The thread waits in PC/SC with a connection of its own, and wakes up when a reader's card, or the
+// list of readers, changes; while there is no PC/SC service it tries to reach one every three
+// seconds. What a module tells of slots that are no PC/SC readers it does not know: no module says
+// of itself that it can wait for events in one thread while it serves another.
+#pragma once
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "bridge/pcsc.h"
+#include "bridge/reader_filter.h"
+#include "runtime/sync.h"
+
+namespace qixx::bridge {
+
+/// A descriptor that is readable from Raise to Lower. Both may be called from any thread and do
+/// not block.
+class EventDescriptor {
+ public:
+  EventDescriptor();
+  ~EventDescriptor() { Close(); }
+  EventDescriptor(const EventDescriptor&) = delete;
+  EventDescriptor& operator=(const EventDescriptor&) = delete;
+
+  void Raise();
+  void Lower();
+  void Close();
+  /// Returns as soon as it is readable, at the latest after so many milliseconds.
+  void Wait(int timeout) const;
+  /// Negative when the system had none left.
+  [[nodiscard]] int Get() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+/// Start, Stop and Abandon are for one thread at a time.
+class EventWatch {
+ public:
+  EventWatch() = default;
+  ~EventWatch() { Stop(); }
+  EventWatch(const EventWatch&) = delete;
+  EventWatch& operator=(const EventWatch&) = delete;
+
+  /// Starts the thread, once. Readers that the filter leaves out by their name wake nobody. Without
+  /// threads, or without PC/SC, the descriptor just never becomes readable by itself.
+  void Start(const ReaderFilter& filter);
+  /// Ends the thread and waits for that; the descriptor stays, and is not readable.
+  void Stop();
+  /// False in a forked child.
+  [[nodiscard]] bool IsOurs() const { return owner_ == ::getpid(); }
+  /// Instead of all else in a forked child, where the thread is not: gives the descriptors back.
+  /// The object is of no more use, and may not be destroyed: the thread may hold its lock.
+  void Abandon();
+
+  [[nodiscard]] EventDescriptor& Event() { return event_; }
+
+ private:
+  struct Known {
+    std::string name;
+    PcscWord state = 0;
+  };
+
+  static void* RunThread(void* watch);
+  void Run();
+  bool Connect();
+  void Disconnect();
+  bool WaitForChange();
+  bool TakeStates(std::span<const PcscReaderState> states);
+  [[nodiscard]] PcscWord KnownState(std::string_view name) const;
+
+  const pid_t owner_ = ::getpid();
+  EventDescriptor event_;
+  EventDescriptor stop_;  ///< ends the pauses of the thread
+  std::atomic<bool> isStopping_ = false;
+  std::atomic<bool> hasEnded_ = true;
+  runtime::CCritical guard_;  ///< for opening and closing the connection, and for Cancel
+  PcscConnection connection_;
+  // The thread's own.
+  ReaderFilter filter_;
+  std::vector<char> names_;
+  std::vector<char> current_;  ///< the names of the last round
+  std::vector<Known> known_;
+};
+
+/// Lowers the descriptor for the time of a poll: what comes after its begin raises it again.
+class EventPoll {
+ public:
+  explicit EventPoll(EventDescriptor* event) : event_(event) {
+    if (event_ != nullptr) event_->Lower();
+  }
+  /// Raises it unless the poll went well and left nothing.
+  ~EventPoll() {
+    if (event_ != nullptr && hasMore_) event_->Raise();
+  }
+  EventPoll(const EventPoll&) = delete;
+  EventPoll& operator=(const EventPoll&) = delete;
+
+  void Done(bool hasMore) { hasMore_ = hasMore; }
+
+ private:
+  EventDescriptor* event_;
+  bool hasMore_ = true;
+};
+
+}  // namespace qixx::bridge

@@ -1,0 +1,105 @@
+#include "bridge/pcsc.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstddef>
+
+#include "pkcs11/cryptoki.h"
+
+namespace qixx::bridge {
+namespace {
+
+constexpr PcscWord kScopeSystem = 2;
+constexpr std::size_t kInitialNames = 2048;
+constexpr std::size_t kMaxNames = std::size_t{64} * 1024;
+
+using PcscNumber = long;
+
+struct PcscLibrary {
+  PcscNumber (*establish)(PcscWord scope, const void*, const void*, long* context) = nullptr;
+  PcscNumber (*release)(long context) = nullptr;
+  PcscNumber (*list)(long context, const char* groups, char* names, PcscWord* size) = nullptr;
+  PcscNumber (*wait)(long context, PcscWord timeout, PcscReaderState*, PcscWord count) = nullptr;
+  PcscNumber (*cancel)(long context) = nullptr;
+
+  [[nodiscard]] bool IsComplete() const {
+    return establish != nullptr && release != nullptr && list != nullptr && wait != nullptr &&
+           cancel != nullptr;
+  }
+};
+
+PcscLibrary LoadPcsc() {
+  void* const library = ::dlopen("libpcsclite.so.1", RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr) return {};
+  const auto entry = [library](const char* name) { return ::dlsym(library, name); };
+  return {reinterpret_cast<decltype(PcscLibrary::establish)>(entry("SCardEstablishContext")),
+          reinterpret_cast<decltype(PcscLibrary::release)>(entry("SCardReleaseContext")),
+          reinterpret_cast<decltype(PcscLibrary::list)>(entry("SCardListReaders")),
+          reinterpret_cast<decltype(PcscLibrary::wait)>(entry("SCardGetStatusChange")),
+          reinterpret_cast<decltype(PcscLibrary::cancel)>(entry("SCardCancel"))};
+}
+
+const PcscLibrary& Pcsc() {
+  static const PcscLibrary library = LoadPcsc();
+  return library;
+}
+
+/// The codes have 32 bits, whatever the sign that a machine word gives them.
+PcscResult ResultOf(PcscNumber number) {
+  return static_cast<PcscResult>(static_cast<std::uint32_t>(number));
+}
+
+}  // namespace
+
+bool HasPcsc() {
+  return Pcsc().IsComplete();
+}
+
+bool PcscConnection::Open() {
+  if (isOpen_) return true;
+  isOpen_ = HasPcsc() && ResultOf(Pcsc().establish(kScopeSystem, nullptr, nullptr, &context_)) ==
+                             PcscResult::kSuccess;
+  return isOpen_;
+}
+
+void PcscConnection::Close() {
+  if (isOpen_) Pcsc().release(context_);
+  isOpen_ = false;
+}
+
+bool PcscConnection::ReadNames(std::vector<char>& names) {
+  names.resize(std::max(names.capacity(), kInitialNames));
+  for (;;) {
+    PcscWord size = names.size();
+    const PcscResult result = ResultOf(Pcsc().list(context_, nullptr, names.data(), &size));
+    if (result == PcscResult::kInsufficientBuffer && size > names.size() && size <= kMaxNames) {
+      names.resize(size);
+      continue;
+    }
+    if (result != PcscResult::kSuccess || size < 2 || size > names.size()) {
+      names.assign(1, '\0');
+      // Anything else says that the service is away, or that it is another one.
+      return result == PcscResult::kSuccess || result == PcscResult::kNoReaders;
+    }
+    names.resize(size);
+    // Two zero bytes end the list, also that of a service that does not write them.
+    names[size - 2] = names[size - 1] = '\0';
+    return true;
+  }
+}
+
+PcscResult PcscConnection::WaitForChange(PcscWord timeout, std::span<PcscReaderState> readers) {
+  return ResultOf(Pcsc().wait(context_, timeout, readers.data(), readers.size()));
+}
+
+void PcscConnection::Cancel() {
+  Pcsc().cancel(context_);
+}
+
+std::string_view CutReaderName(std::string_view name) {
+  name = name.substr(0, sizeof CK_SLOT_INFO::slotDescription);
+  return name.substr(0, name.find_last_not_of(' ') + 1);
+}
+
+}  // namespace qixx::bridge

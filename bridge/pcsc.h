@@ -1,0 +1,83 @@
+// The PC/SC library and a connection to its service.
+//
+// The library is loaded at run time on first need, and never given back. It is asked for the
+// readers and their state and for nothing else: no card is connected to.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace qixx::bridge {
+
+// The interface of PC/SC as the pcsc-lite project publishes it for this platform, where both of its
+// number types are one machine word.
+using PcscWord = unsigned long;
+
+struct PcscReaderState {
+  const char* name = nullptr;
+  void* userData = nullptr;
+  PcscWord knownState = 0;
+  PcscWord state = 0;
+  PcscWord answerLength = 0;
+  unsigned char answerToReset[33] = {};
+};
+
+enum class PcscResult : std::uint32_t {
+  kSuccess = 0,
+  kInsufficientBuffer = 0x80100008,
+  kUnknownReader = 0x80100009,
+  kTimeout = 0x8010000A,
+  kNoReaders = 0x8010002E,
+};
+
+inline constexpr PcscWord kPcscStatePresent = 0x20;
+/// The upper half of a reader's state counts its insertions and removals, that of the notifier
+/// counts the readers.
+inline constexpr unsigned kPcscCountShift = 16;
+inline constexpr PcscWord kPcscInfinite = 0xFFFFFFFF;
+/// The name of a reader that is none: its state changes when readers come and go.
+inline constexpr const char* kPcscReaderNotifier = "\\\\?PnP?\\Notification";
+
+/// More readers than PC/SC knows, and more than any desktop has.
+inline constexpr std::size_t kMaxReaders = 64;
+
+/// Whether this machine has the library.
+[[nodiscard]] bool HasPcsc();
+
+/// Used by one thread at a time, but for Cancel.
+class PcscConnection {
+ public:
+  PcscConnection() = default;
+  ~PcscConnection() { Close(); }
+  PcscConnection(const PcscConnection&) = delete;
+  PcscConnection& operator=(const PcscConnection&) = delete;
+
+  /// Each try may start the service; one that refuses writes that down each time.
+  bool Open();
+  void Close();
+  /// Instead of Close in a forked child: the connection is the parent's.
+  void Abandon() { isOpen_ = false; }
+  [[nodiscard]] bool IsOpen() const { return isOpen_; }
+
+  /// The names of the readers, each ended by a zero byte, then an empty one; no name when there are
+  /// no readers, or after a failure. False when the connection is of no more use. Allocates nothing
+  /// while `names` has room. May throw std::bad_alloc.
+  [[nodiscard]] bool ReadNames(std::vector<char>& names);
+  /// Waits, at most so many milliseconds, until a state differs from the known one.
+  [[nodiscard]] PcscResult WaitForChange(PcscWord timeout, std::span<PcscReaderState> readers);
+  /// Ends a WaitForChange of another thread that has begun. The caller sees to it that the
+  /// connection is not closed meanwhile.
+  void Cancel();
+
+ private:
+  long context_ = 0;
+  bool isOpen_ = false;
+};
+
+/// The part of a reader's name that a slot description has room for.
+[[nodiscard]] std::string_view CutReaderName(std::string_view name);
+
+}  // namespace qixx::bridge

@@ -1,0 +1,199 @@
+// The bridge in this process beside a real PC/SC service with virtual readers, over the soft card,
+// whose slots bear the names of those readers.
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <thread>
+
+#include "tests/bridge/card_service.h"
+#include "tests/bridge/piv_card.h"
+#include "tests/support/eventually.h"
+#include "tests/support/loaded_module.h"
+
+/// A child that was forked beside a thread starts one of its own.
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() {
+  return "die_after_fork=0";
+}
+
+namespace qixx::testing {
+namespace {
+
+class ReaderEvents : public LoadedModule {
+ protected:
+  void SetUp() override {
+    if (const std::string fault = CardService::EnterWorld(); !fault.empty()) {
+      GTEST_SKIP() << "NOT TESTED on readers: " << fault;
+    }
+    folder_.Write("readers/1/slot", "description=Virtual PCD 00 00\n");
+    folder_.Write("readers/4/slot", "description=Virtual PCD 00 01\n");
+    service_.Start();
+    path_ = folder_.Path("bridge.so");  // a copy of its own: the bridge is never unloaded
+    std::filesystem::copy_file(BRIDGE, path_);
+  }
+  void TearDown() override {
+    if (list_ != nullptr) list_->C_Finalize(nullptr);
+  }
+  int Descriptor() { return Function<int (*)()>("QixEventDescriptor")(); }
+  /// Starts with both readers there and no card in, and with nothing left to tell.
+  void StartWatched() {
+    Load(path_);
+    descriptor_ = Descriptor();
+    ASSERT_GE(descriptor_, 0);
+    ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
+    EXPECT_EQ(Descriptor(), descriptor_) << "it does not change";
+    ASSERT_TRUE(Settle());
+  }
+  /// Waits until cards can be put in, and nothing is left to tell.
+  [[nodiscard]] bool Settle() {
+    return Eventually([] { return InsertedCard(kFirstReaderPort, "").IsIn(); }) &&
+           Eventually([this] { return Poll() == -1 && !IsReadable(1000); });
+  }
+  [[nodiscard]] bool IsReadable(int milliseconds) const {
+    pollfd waited = {descriptor_, POLLIN, 0};
+    return ::poll(&waited, 1, milliseconds) == 1;
+  }
+  /// The slots of all events up to this one, as they are told when the descriptor is readable.
+  [[nodiscard]] bool NextIs(long slot) {
+    long told = -1;
+    while (told != slot && IsReadable(15'000)) told = Poll();
+    return told == slot;
+  }
+  /// The last poll has told all.
+  [[nodiscard]] bool IsQuiet() {
+    return Eventually([this] { return Poll() == -1 && !IsReadable(0); });
+  }
+  static std::size_t EntriesOf(const char* folder) {
+    const std::filesystem::directory_iterator entries(folder);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+  }
+
+  CardService service_;
+  const ScopedVariable home_{"HOME", folder_.Path().c_str()};
+  const ScopedVariable module_{"qix:Pkcs11:Module", SOFTCARD_PLAIN};
+  const ScopedVariable readers_{"QIXX_SOFTCARD", folder_.Path("readers").c_str()};
+  std::string path_;
+  int descriptor_ = -1;
+};
+
+TEST_F(ReaderEvents, DescriptorIsReadableWhileThereIsSomethingToTell) {
+  StartWatched();
+  auto first = std::make_unique<InsertedCard>(kFirstReaderPort, "");
+  ASSERT_TRUE(first->IsIn());
+  EXPECT_TRUE(NextIs(1));
+  EXPECT_TRUE(IsQuiet());
+  auto second = std::make_unique<InsertedCard>(kFirstReaderPort + 1, "");
+  EXPECT_TRUE(IsReadable(15'000));
+  EXPECT_TRUE(IsQuiet()) << "of the second card nothing is told";
+  first.reset();
+  EXPECT_TRUE(NextIs(1));
+  EXPECT_TRUE(IsReadable(0)) << "another event is left";
+  EXPECT_EQ(Poll(), 4);
+  EXPECT_TRUE(IsQuiet());
+  second.reset();
+  EXPECT_TRUE(NextIs(4));
+}
+
+TEST_F(ReaderEvents, NoWakeUpIsLostBetweenPolls) {
+  StartWatched();
+  std::atomic<bool> done = false;
+  std::thread cards([&done] {
+    for (int i = 0; i < 4; ++i) {
+      const InsertedCard card(kFirstReaderPort, "");
+      std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    }
+    done = true;
+  });
+  std::size_t told = 0;
+  while (!done || IsReadable(2000)) told += IsReadable(100) && Poll() == 1 ? 1 : 0;
+  cards.join();
+  EXPECT_EQ(told % 2, 0U) << "the last card has gone";
+  EXPECT_GE(told, 2U);
+  EXPECT_EQ(Poll(), -1);
+}
+
+TEST_F(ReaderEvents, ServiceThatDiesAndComesBack) {
+  StartWatched();
+  auto card = std::make_unique<InsertedCard>(kFirstReaderPort, "");
+  EXPECT_TRUE(NextIs(1));
+  service_.Stop(SIGKILL);
+  EXPECT_TRUE(NextIs(1)) << "gone with the service";
+  card.reset();
+  service_.Start();
+  EXPECT_TRUE(IsReadable(15'000));
+  ASSERT_TRUE(Eventually([&card] {
+    card.reset();
+    card = std::make_unique<InsertedCard>(kFirstReaderPort, "");
+    return card->IsIn();
+  }));
+  EXPECT_TRUE(Eventually([this] { return Poll() == 1; }));
+  EXPECT_TRUE(IsQuiet());
+  card.reset();
+  EXPECT_TRUE(NextIs(1)) << "the thread is back, too";
+}
+
+TEST_F(ReaderEvents, ManyRoundsLeaveNothing) {
+  StartWatched();
+  list_->C_Finalize(nullptr);
+  const std::size_t descriptors = EntriesOf("/proc/self/fd");
+  for (int round = 0; round < 100; ++round) {
+    ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
+    if (round % 4 != 0) std::this_thread::sleep_for(std::chrono::milliseconds(round % 7));
+    ASSERT_EQ(list_->C_Finalize(nullptr), CKR_OK);
+    EXPECT_FALSE(IsReadable(0));
+  }
+  EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
+  EXPECT_TRUE(Eventually([] { return EntriesOf("/proc/self/task") == 1; }));
+  ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
+  const InsertedCard card(kFirstReaderPort, "");
+  EXPECT_TRUE(NextIs(1));
+}
+
+TEST_F(ReaderEvents, ForkedChildHasADescriptorOfItsOwn) {
+  StartWatched();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    bool isWell = Descriptor() == -1 && list_->C_Initialize(nullptr) == CKR_OK;
+    descriptor_ = Descriptor();
+    isWell = isWell && descriptor_ >= 0 && Settle() && list_->C_Finalize(nullptr) == CKR_OK;
+    ::_exit(isWell ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  ASSERT_TRUE(IsQuiet());
+  const InsertedCard card(kFirstReaderPort, "");
+  EXPECT_TRUE(NextIs(1)) << "the parent's goes on";
+}
+
+/// Two slots of one reader, as for a card with several PINs.
+TEST_F(ReaderEvents, SecondarySlotTellsNothing) {
+  folder_.Write("readers/2/slot", "description=Virtual PCD 00 00\n");
+  Load(path_);
+  ASSERT_TRUE(Eventually([] { return InsertedCard(kFirstReaderPort, "").IsIn(); }));
+  ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
+  ASSERT_EQ(Slots(), (Numbers{1, 2, 4}));
+  while (Poll() != -1) continue;
+  folder_.Write("readers/2/card/x", "");
+  EXPECT_EQ(Slots(), (Numbers{1, 2, 4})) << "now the module has been asked";
+  EXPECT_EQ(Poll(), -1);
+  EXPECT_EQ(Slots(CK_TRUE), (Numbers{2}));
+  EXPECT_EQ(Poll(), -1);
+}
+
+TEST_F(ReaderEvents, EndsWhileTheServiceIsAway) {
+  service_.Stop();
+  Load(path_);
+  ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
+  descriptor_ = Descriptor();
+  ASSERT_GE(descriptor_, 0) << "the service may come";
+  ASSERT_EQ(list_->C_Finalize(nullptr), CKR_OK) << "the pause between two tries is ended";
+}
+
+}  // namespace
+}  // namespace qixx::testing
