@@ -3,31 +3,27 @@
 #include <string>
 
 #include "fuzz/fuzz.h"
-#include "runtime/text.h"
+#include "watch/card_text.h"
 #include "watch/credentials.h"
 #include "watch/event_table.h"
-#include "watch/set_command.h"
+#include "watch/placeholders.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace qixx;
   fuzzing::Input input(data, size);
   watch::LogonValues values;
-  runtime::CopyTextCut(values.upn, input.Line());
-  runtime::CopyTextCut(values.subject, input.Line());
-  runtime::CopyTextCut(values.serial, input.Line());
+  for (std::string* value : {&values.upn, &values.subject, &values.serial})
+    *value = watch::CleanCardText(input.Line().substr(0, watch::kMaxLogonValue));
   const std::string name = input.Line();
   const std::string value = input.Line();
 
-  for (const std::size_t area :
-       {watch::kInsertEntrySize, watch::kRemoveEntrySize, std::size_t{1}}) {
-    std::string text(area, '\0');
-    runtime::CopyTextCut(text, input.Rest());
-    watch::ReplaceLogonPlaceholders(values, text);
-    if (text.find('\0') == std::string::npos) std::abort();
+  for (const std::size_t limit : {watch::kMaxInsertEntry, watch::kMaxRemoveEntry, std::size_t{0}}) {
+    const std::string text = input.Rest().substr(0, limit);
+    if (watch::ReplaceLogonPlaceholders(values, text, limit).size() > limit) std::abort();
   }
   std::string text = input.Rest();
   watch::ReplaceAll(text, name, value);
-  watch::CleanCardText(text);
+  text = watch::CleanCardText(text);
   if (text.find_first_of("\"\n\r\t") != std::string::npos) std::abort();
   return 0;
 }

@@ -5,8 +5,10 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "runtime/text.h"
-#include "watch/command.h"
+#include "watch/card_reader.h"
+#include "watch/logon_user.h"
+#include "watch/parallel.h"
+#include "watch/platform.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
 
@@ -49,17 +51,19 @@ bool PrintInformation(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  using namespace qixx;
   int result = EXIT_FAILURE;
   try {
     if (PrintInformation(argc, argv)) return EXIT_SUCCESS;
-    qixx::watch::InstallStopHandlers();
-    char line[qixx::runtime::kLineSize] = {};
-    qixx::watch::JoinArguments(argc, argv, line);
-    result = qixx::watch::WatchMain(0, 0, line);
+    watch::InstallStopHandlers();
+    watch::StoppableClock clock;
+    watch::PlatformLogonUser logonUser;
+    const watch::Platform platform = {clock, watch::SystemCardReader(), logonUser};
+    result = watch::WatchMain(0, 0, watch::JoinArguments(argc, argv), platform);
   } catch (...) {
     // Only memory running out comes here; ending is all that is left.
   }
   // A command that still runs may be inside a library, whose static objects must not go under it.
-  if (!qixx::watch::WaitForParallelJobs(0)) ::_exit(result);
+  if (!watch::WaitForParallelJobs(0)) ::_exit(result);
   return result;
 }

@@ -2,14 +2,15 @@
 
 #include <algorithm>
 
-#include "config/store.h"
+#include "runtime/text.h"
 
 namespace qixx::watch {
 namespace {
 
 constexpr char kQuote = '"';
-/// Short texts that are only read for a number or a name.
-constexpr std::size_t kScratchSize = 100;
+constexpr char kBar = '|';
+/// Texts that are only read for a number or a name count up to here.
+constexpr std::size_t kMaxScratch = 99;
 
 /// The text still to be parsed, taken piece by piece from its head.
 class OptionText {
@@ -43,6 +44,18 @@ class OptionText {
   std::string_view left_;
 };
 
+/// Stores a value in a field of the record.
+void Store(std::string& field, std::string_view value) {
+  field = value.substr(0, kMaxOption);
+}
+
+/// Leaves the field alone when there is no such option.
+bool StoreOption(std::string_view text, std::string_view name, std::string& field) {
+  std::optional<std::string> value = GetOptionValue(text, name);
+  if (value) field = std::move(*value);
+  return value.has_value();
+}
+
 void SkipVerb(OptionText& text) {
   for (const std::string_view verb : {"ServiceMain ", "-start ", "-stop ", "-i ", "-u "}) {
     if (text.Take(verb)) return;
@@ -52,85 +65,79 @@ void SkipVerb(OptionText& text) {
 /// The last word inside the quotes of a leading "-s" or "-b" names the section.
 void ParseSectionOption(OptionText& text, CWatchOptions& record) {
   if (!text.Take("-s \"") && !text.Take("-b \"")) return;
-  char words[kScratchSize];
-  runtime::CopyTextCut(words, text.TakeToQuote());
+  const std::string_view words = text.TakeToQuote().substr(0, kMaxScratch);
   const std::size_t blank = runtime::FindCharBack(words, ' ');
-  if (blank != std::string_view::npos)
-    runtime::CopyTextCut(record.section, runtime::TextOf(words).substr(blank + 1));
+  if (blank != std::string_view::npos) Store(record.section, words.substr(blank + 1));
 }
 
-void SetFlag(std::string_view text, std::string_view name, std::uint8_t& flag) {
-  if (GetOptionValue(text, name, {})) flag = 1;
-}
+// --- keyword form -----------------------------------------------------------------------------
 
 /// The program is stored even when the text then turns out to have another form.
 bool TakeKeywordForm(std::string_view text, CWatchOptions& record) {
-  return GetOptionValue(text, "-p", record.program) &&
-         (GetOptionValue(text, "-r", record.registry) ||
-          GetOptionValue(text, "-c", record.configFile));
+  return StoreOption(text, "-p", record.program) &&
+         (StoreOption(text, "-r", record.registry) || StoreOption(text, "-c", record.configFile));
+}
+
+/// The text of an option that is read for its number; empty when it is absent.
+std::string NumberText(std::string_view text, std::string_view name) {
+  return GetOptionValue(text, name, kMaxScratch).value_or("");
 }
 
 void ParseKeywordForm(std::string_view text, CWatchOptions& record) {
-  if (!GetOptionValue(text, "-match", record.match)) record.match[0] = '\0';
-  SetFlag(text, "-hide", record.hideInsert);
-  SetFlag(text, "-sync", record.sync);
-  SetFlag(text, "-term", record.terminate);
-  SetFlag(text, "-recognized", record.recognized);
-  SetFlag(text, "-t", record.terminate);
-  GetOptionValue(text, "-a", record.arguments);
-
-  char number[kScratchSize] = {};
-  GetOptionValue(text, "-n", number);
-  record.roundLimit = number[0] == '\0' ? kEndlessRounds : runtime::ParseDecimal(number);
-
+  if (!StoreOption(text, "-match", record.match)) record.match.clear();
+  if (HasOption(text, "-hide")) record.hideInsert = true;
+  if (HasOption(text, "-sync")) record.sync = true;
+  if (HasOption(text, "-term") || HasOption(text, "-t")) record.terminate = true;
+  if (HasOption(text, "-recognized")) record.recognized = true;
+  StoreOption(text, "-a", record.arguments);
+  const std::string rounds = NumberText(text, "-n");
+  record.roundLimit = rounds.empty() ? kEndlessRounds : runtime::ParseDecimal(rounds);
   // The name ends in a blank, so that only a second blank or the end makes it match.
-  GetOptionValue(text, "-m ", record.message);
-
-  number[0] = '\0';
-  GetOptionValue(text, "-w", number);
-  if (number[0] != '\0') record.insertWait = runtime::ParseDecimal(number);
+  StoreOption(text, "-m ", record.message);
+  const std::string wait = NumberText(text, "-w");
+  if (!wait.empty()) record.insertWait = runtime::ParseDecimal(wait);
 }
 
+// --- positional form --------------------------------------------------------------------------
+
 void ParseWaits(std::string_view quoted, CWatchOptions& record) {
-  char waits[kScratchSize];
-  runtime::CopyTextCut(waits, quoted);
+  const std::string_view waits = quoted.substr(0, kMaxScratch);
   record.insertWait = runtime::ParseDecimal(waits);
-  std::string_view second;
-  if (runtime::GetField(runtime::TextOf(waits), 1, '|', second))
-    record.removeWait = runtime::ParseDecimal(second);
+  const std::size_t bar = runtime::FindChar(waits, kBar);
+  if (bar != std::string_view::npos)
+    record.removeWait = runtime::ParseDecimal(waits.substr(bar + 1));
 }
 
 void ParseMessages(std::string_view quoted, CWatchOptions& record) {
-  const std::size_t bar = runtime::FindChar(quoted, '|');
-  runtime::CopyTextCut(record.message, quoted.substr(0, bar));
-  if (bar != std::string_view::npos) runtime::CopyTextCut(record.message2, quoted.substr(bar + 1));
+  const std::size_t bar = runtime::FindChar(quoted, kBar);
+  Store(record.message, quoted.substr(0, bar));
+  if (bar != std::string_view::npos) Store(record.message2, quoted.substr(bar + 1));
 }
 
 void ParseHide(OptionText& text, CWatchOptions& record) {
   if (text.Take("insert ")) {
-    record.hideInsert = 1;
+    record.hideInsert = true;
   } else if (text.Take("remove ")) {
-    record.hideRemove = 1;
+    record.hideRemove = true;
   } else {
-    record.hideInsert = 1;
-    record.hideRemove = 1;
+    record.hideInsert = true;
+    record.hideRemove = true;
   }
 }
 
 /// Each option is tested once, in this order, at the current place; nothing is skipped between
 /// them.
 void ParsePositionalForm(OptionText& text, CWatchOptions& record) {
-  if (text.Take("-w ")) record.waitFlag = 1;
-  if (text.Take("-match \"")) runtime::CopyTextCut(record.match, text.TakeQuotedValue());
+  if (text.Take("-w ")) record.waitFlag = true;
+  if (text.Take("-match \"")) Store(record.match, text.TakeQuotedValue());
   if (text.Take("-wait \"")) ParseWaits(text.TakeQuotedValue(), record);
   if (text.Take("-message \"")) ParseMessages(text.TakeQuotedValue(), record);
   if (text.Take("-hide ")) ParseHide(text, record);
-  if (text.Take("-sync ")) record.sync = 1;
-  if (text.Take("-term ")) record.terminate = 1;
-  if (text.Take("-recognized ")) record.recognized = 1;
-  if (text.Take("-simulate \"")) runtime::CopyTextCut(record.simulate, text.TakeQuotedValue());
-  if (record.simulate[0] == '\0' && !text.Left().empty())
-    runtime::CopyTextCut(record.rest, text.Left());
+  if (text.Take("-sync ")) record.sync = true;
+  if (text.Take("-term ")) record.terminate = true;
+  if (text.Take("-recognized ")) record.recognized = true;
+  if (text.Take("-simulate \"")) record.simulate = text.TakeQuotedValue().substr(0, kMaxSimulate);
+  if (record.simulate.empty() && !text.Left().empty()) Store(record.rest, text.Left());
   record.roundLimit = kEndlessRounds;
 }
 
@@ -147,36 +154,29 @@ bool ParseOptions(std::string_view line, CWatchOptions& record) {
   return !text.Left().empty();
 }
 
-/// A value that only the environment gives is a failed read and does not count here.
-void ReadBackground(CWatchOptions& record) {
-  config::CConfig config;
-  if (config.OpenDefault(false) != config::kConfigOk ||
-      config.GetString(record.section, "Background", record.background, true) !=
-          config::kConfigOk) {
-    record.background[0] = '\0';
+/// The text behind the first occurrence of an option that counts.
+std::optional<std::string_view> BehindOption(std::string_view text, std::string_view name) {
+  for (std::size_t at = runtime::FindTextNoCase(text, name); at != std::string_view::npos;
+       at = runtime::FindTextNoCase(text, name, at + name.size())) {
+    const std::string_view behind = text.substr(at + name.size());
+    if (behind.empty() || behind.front() == ' ') return behind;
   }
+  return std::nullopt;
 }
 
 }  // namespace
 
 bool ParseWatchOptions(std::string_view text, CWatchOptions& record) {
   const bool textLeft = !text.empty() && ParseOptions(text, record);
-  if (record.section[0] == '\0') runtime::CopyTextCut(record.section, kDefaultSection);
-  ReadBackground(record);
+  if (record.section.empty()) record.section = kDefaultSection;
   return textLeft;
 }
 
-bool GetOptionValue(std::string_view text, std::string_view name, std::span<char> out) {
-  std::size_t at = runtime::FindTextNoCase(text, name);
-  while (at != std::string_view::npos) {
-    const std::string_view behind = text.substr(at + name.size());
-    if (behind.empty() || behind.front() == ' ') break;
-    at = runtime::FindTextNoCase(text, name, at + name.size());
-  }
-  if (at == std::string_view::npos) return false;
-  if (out.empty()) return true;
-
-  std::string_view value = runtime::SkipBlanks(text.substr(at + name.size()));
+std::optional<std::string> GetOptionValue(std::string_view text, std::string_view name,
+                                          std::size_t maxLength) {
+  const std::optional<std::string_view> behind = BehindOption(text, name);
+  if (!behind) return std::nullopt;
+  std::string_view value = runtime::SkipBlanks(*behind);
   if (value.starts_with(kQuote)) {
     value.remove_prefix(1);
     value = value.substr(0, runtime::FindChar(value, kQuote));
@@ -185,8 +185,11 @@ bool GetOptionValue(std::string_view text, std::string_view name, std::span<char
   } else {
     value = value.substr(0, runtime::FindChar(value, ' '));
   }
-  runtime::CopyTextCut(out, value);
-  return true;
+  return std::string(value.substr(0, maxLength));
+}
+
+bool HasOption(std::string_view text, std::string_view name) {
+  return BehindOption(text, name).has_value();
 }
 
 }  // namespace qixx::watch

@@ -4,10 +4,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "config/store.h"
 #include "runtime/settings.h"
-#include "runtime/text.h"
 
 namespace qixx::watch {
 namespace {
@@ -23,18 +23,12 @@ class StoreSettings : public runtime::RuntimeSettings {
     }
   }
   std::optional<std::string> GetText(std::string_view section, std::string_view entry) override {
-    char value[runtime::kTextSize];
-    const bool isRead = config::ReadConfigText(store_, std::string(section).c_str(),
-                                               std::string(entry).c_str(), value, false);
-    if (!isRead) return std::nullopt;
-    return std::string(runtime::TextOf(value));
+    std::optional<config::ConfigValue> value = store_.GetString(section, entry);
+    if (!value) return std::nullopt;
+    return std::move(value->text);
   }
   std::optional<bool> GetBoolean(std::string_view section, std::string_view entry) override {
-    bool value = false;
-    const auto result =
-        store_.GetBoolean(std::string(section).c_str(), std::string(entry).c_str(), value);
-    if (result != config::kConfigOk) return std::nullopt;
-    return value;
+    return store_.GetBoolean(section, entry);
   }
 
  private:

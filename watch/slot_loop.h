@@ -5,15 +5,13 @@
 #pragma once
 
 #include "watch/options.h"
+#include "watch/platform.h"
 
 namespace qixx::watch {
 
 /// The whole run of one watcher.
-void RunWatch(CWatchOptions& record);
+void RunWatch(CWatchOptions& record, const Platform& platform);
 /// The slot loop.
-void WatchSlots(CWatchOptions& record);
-/// The logon variant: follows the card of the logon user. Ends at once when the platform does not
-/// tell who that is.
-void WatchLogonSlot(CWatchOptions& record);
+void WatchSlots(CWatchOptions& record, const Platform& platform);
 
 }  // namespace qixx::watch

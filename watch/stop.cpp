@@ -19,7 +19,7 @@
 namespace qixx::watch {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGHUP};
@@ -80,10 +80,10 @@ void PauseFor(milliseconds time) {
 }
 
 bool SleepUnlessStopped(milliseconds time) {
-  const Clock::time_point end = Clock::now() + time;
+  const SteadyClock::time_point end = SteadyClock::now() + time;
   pollfd wake = {wakeDescriptor, POLLIN, 0};
   while (!stopRequested) {
-    const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
+    const auto left = std::chrono::ceil<milliseconds>(end - SteadyClock::now());
     if (left.count() <= 0) return true;
     const auto timeout = static_cast<int>(std::min<std::int64_t>(left.count(), INT_MAX));
     const int woken = ::poll(&wake, 1, timeout);
@@ -114,9 +114,13 @@ bool StopRequested() {
   return stopRequested;
 }
 
-bool WatchSleep(unsigned time) {
+bool StoppableClock::Sleep(unsigned time) {
+  return SleepUnlessStopped(milliseconds(time));
+}
+
+bool WatchSleep(Clock& clock, unsigned time) {
   try {
-    return SleepUnlessStopped(milliseconds(time));
+    return clock.Sleep(time);
   } catch (...) {
     runtime::TraceWrite("Watch - Sleep exception");
     return !StopRequested();

@@ -1,10 +1,10 @@
-// The request to stop (SIGTERM, SIGINT or SIGHUP) and the sleeps that it ends.
+// The request to stop (SIGTERM, SIGINT or SIGHUP) and the sleep that it ends.
 //
 // The handler notes the signal and wakes the one descriptor that sleeps wait on, so that a signal
 // delivered to any thread ends them. A second signal acts by default.
 #pragma once
 
-#include <cstdint>
+#include "watch/clock.h"
 
 namespace qixx::watch {
 
@@ -13,15 +13,10 @@ namespace qixx::watch {
 void InstallStopHandlers();
 [[nodiscard]] bool StopRequested();
 
-/// Sleeps up to `milliseconds`. True when the time passed, false when the process is to stop, which
-/// ends the sleep at once. Nothing is thrown.
-bool WatchSleep(unsigned milliseconds);
-
-/// A wait before an event is made in rounds of that many milliseconds, three to a second.
-inline constexpr unsigned kWaitPause = 333;
-/// The rounds of a wait in seconds; saturates.
-[[nodiscard]] constexpr std::uint64_t WaitRounds(std::uint64_t seconds) {
-  return seconds > UINT64_MAX / 3 ? UINT64_MAX : seconds * 3;
-}
+/// The system's time, until the process is asked to stop. May be used from any thread.
+class StoppableClock final : public Clock {
+ public:
+  bool Sleep(unsigned milliseconds) override;
+};
 
 }  // namespace qixx::watch

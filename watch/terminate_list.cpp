@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "runtime/lasting.h"
+#include "runtime/no_destructor.h"
 #include "runtime/process.h"
 #include "runtime/sync.h"
 #include "runtime/trace.h"
@@ -12,7 +12,7 @@ namespace {
 
 struct TerminateEntry {
   std::uint64_t slot = 0;
-  std::uint8_t startedOnInsert = 0;
+  bool startedOnInsert = false;
   std::uint64_t processId = 0;  ///< 0 marks a free entry
 
   [[nodiscard]] bool IsFree() const { return processId == 0; }
@@ -20,13 +20,13 @@ struct TerminateEntry {
 
 struct TerminateList {
   runtime::CCritical lock;
-  std::array<TerminateEntry, kTerminateListSize> entries;
+  std::array<TerminateEntry, kMaxTracked> entries;
 };
 
 // In static storage and never destroyed: a command on a thread of its own may reach it while the
 // process ends.
 TerminateList& List() {
-  static runtime::Lasting<TerminateList> list;
+  static runtime::NoDestructor<TerminateList> list;
   return *list;
 }
 
@@ -39,33 +39,33 @@ void DropIfExited(TerminateEntry& entry) {
 // The entry is given up also when its process does not end: there is nothing more to do about it.
 void Terminate(TerminateEntry& entry) {
   runtime::TraceWrite("Watch - Terminate process %d", static_cast<int>(entry.processId));
-  EndProcess(entry.processId);
+  runtime::EndProcess(entry.processId);
   entry = TerminateEntry{};
 }
 
 }  // namespace
 
-void AddToTerminateList(bool insert, CK_SLOT_ID slot, std::uint64_t processId) {
-  if (!insert || processId == 0) return;
+void AddToTerminateList(EventKind kind, CK_SLOT_ID slot, std::uint64_t processId) {
+  if (kind != EventKind::kInsert || processId == 0) return;
   TerminateList& list = List();
   const runtime::CriticalScope hold(&list.lock);
   for (TerminateEntry& entry : list.entries) {
     if (!entry.IsFree()) continue;
-    entry = {slot, 1, processId};
+    entry = {slot, true, processId};
     runtime::TraceWrite("Watch - Insert %d to terminate list (%d)", static_cast<int>(processId),
                         static_cast<int>(slot));
     return;
   }
 }
 
-void SweepTerminateList(bool insert, CK_SLOT_ID slot) {
+void SweepTerminateList(EventKind kind, CK_SLOT_ID slot) {
   TerminateList& list = List();
   const runtime::CriticalScope hold(&list.lock);
   for (TerminateEntry& entry : list.entries) {
     DropIfExited(entry);
     if (entry.IsFree() || entry.slot != slot) continue;
     // An event ends what its counterpart started.
-    if ((entry.startedOnInsert != 0) != insert) Terminate(entry);
+    if (entry.startedOnInsert != (kind == EventKind::kInsert)) Terminate(entry);
   }
 }
 

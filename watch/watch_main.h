@@ -2,29 +2,27 @@
 #pragma once
 
 #include <cstddef>
-#include <span>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "runtime/text.h"
+#include "watch/platform.h"
 
 namespace qixx::watch {
 
-/// How many watchers may be started, each by the one before it.
-inline constexpr unsigned kMaximumWatcherDepth = 8;
+/// Longest command line, and longest configured command of a watcher; longer ones are cut.
+inline constexpr std::size_t kMaxCommandLine = runtime::kMaxLine;
 
-/// Joins the process arguments, each followed by one blank, cut to the area.
-void JoinArguments(int argc, const char* const* argv, std::span<char> line);
+/// Joins the process arguments, each followed by one blank, cut to kMaxCommandLine.
+[[nodiscard]] std::string JoinArguments(int argc, const char* const* argv);
 
-/// The whole life of the process; the stop handlers are installed before it. A null line is an
-/// empty one; lines are cut to 1023 characters. Returns 0.
-int WatchMain(int instance, int serviceHandle, const char* line);
+/// The whole life of the process; the stop handlers are installed before it. Lines are cut to
+/// kMaxCommandLine. Returns 0.
+int WatchMain(int instance, int serviceHandle, std::string_view line, const Platform& platform);
 
-/// The service handle that WatchMain was given; always 0 on this platform.
-[[nodiscard]] int ServiceHandle();
-
-/// The watch command of the program-local configuration file; true when `buffer` holds one.
-bool ReadLocalWatchCommand(std::span<char> buffer);
-
-/// Starts one child watcher for each '|'-separated field of `list`. The environment
-/// variable named by the product prefix and "watchdepth" counts how deep watchers have started
-/// watchers; at kMaximumWatcherDepth none is started any more.
-void StartExtraWatchers(const char* list);
+/// The watch command of the program-local configuration file; nothing when there is none, or when
+/// it is empty.
+[[nodiscard]] std::optional<std::string> ReadLocalWatchCommand();
 
 }  // namespace qixx::watch

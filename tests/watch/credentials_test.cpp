@@ -1,20 +1,48 @@
+// The card holder's values: found on the cards, cleaned, replaced in commands, written into files.
 #include "watch/credentials.h"
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 
 #include "tests/support/fake_card.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
+#include "tests/watch/scripted.h"
+#include "watch/card_text.h"
 #include "watch/command.h"
+#include "watch/logon_file.h"
+#include "watch/placeholders.h"
 #include "watch/set_command.h"
+
+namespace {
+
+/// What the system answers about saved copies while it is not 0.
+int savedCopyError = 0;
+
+}  // namespace
+
+/// In place of the C library's, for a folder that cannot be reached for a moment.
+extern "C" int lstat(const char* path, struct stat* status) noexcept {
+  if (savedCopyError != 0 && std::string_view(path).ends_with(".org")) {
+    errno = savedCopyError;
+    return -1;
+  }
+  return ::fstatat(AT_FDCWD, path, status, AT_SYMLINK_NOFOLLOW);
+}
 
 namespace qixx::testing {
 namespace {
+
+using watch::EventKind;
 
 TEST(CardText, CannotAddALineAnArgumentOrARedirection) {
   const std::pair<std::string, std::string> rows[] = {
@@ -24,9 +52,8 @@ TEST(CardText, CannotAddALineAnArgumentOrARedirection) {
       {"a >%DOMAIN% /etc/x", "a _%DOMAIN% /etc/x"},
       {">>\xc3\xa9\xff", ">>\xc3\xa9\xff"},
   };
-  for (auto [text, cleaned] : rows) {
-    watch::CleanCardText(text);
-    EXPECT_EQ(text, cleaned);
+  for (const auto& [text, cleaned] : rows) {
+    EXPECT_EQ(watch::CleanCardText(text), cleaned);
   }
   EXPECT_EQ(watch::SplitPrincipalName(">@b@c").user, "_");
   EXPECT_EQ(watch::SplitPrincipalName("a@>").domain, "_");
@@ -46,27 +73,90 @@ TEST(Match, DecidesWhichCertificateCounts) {
   card.slots[1].objects = {CertificateObject(bob.Build()), CertificateObject(Recipe().Build())};
   const FakeModule module(QIXX_FAKE_PLAIN, CKR_OK, &card.List());
   EXPECT_TRUE(pkcs11::Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
+  watch::CardReader& reader = watch::SystemCardReader();
   const std::tuple<const char*, bool, bool> rows[] = {
       {"cn=nobody", true, false},          {"cn=ann lee|ff", true, true},
       {"cn=ann lee|06", true, true},       {"cn=ann lee|01", false, false},
       {"cn=bob|05", false, true},          {"cn=ann lee|0500", true, false},
-      {"subject|cn=ann lee", true, false},
+      {"subject|cn=ann lee", true, false}, {"cn=ann lee|1234", true, false},
   };
   for (const auto& [match, found, present] : rows) {
     SCOPED_TRACE(match);
-    char upn[runtime::kTextSize];
-    std::uint64_t certificate = 0;
-    EXPECT_EQ(watch::FindLogonCredential(match, certificate, upn, {}, {}), found);
-    EXPECT_STREQ(upn, found ? "ann@example.org" : "");
-    EXPECT_EQ(watch::IsMatchingCardPresent(match), present);
+    const auto values = watch::FindLogonCredential(reader, match, 1);
+    EXPECT_EQ(values ? values->upn : "", found ? "ann@example.org" : "");
+    EXPECT_EQ(watch::IsCredentialStillPresent(reader, match), found);
+    EXPECT_EQ(watch::IsMatchingCardPresent(reader, match), present);
   }
   // A simulated insert never reaches for a card, not even for one in slot 0.
   card.slots.push_back({.id = 0});
   const TraceCapture trace;
-  EXPECT_FALSE(watch::SetCommand(0, "-registry there", true));
-  EXPECT_FALSE(watch::ExecuteCommand(0, true, "extern /none.so,x", 0, true, true));
+  for (const char* const command : {"set -registry there", "extern /none.so,x"}) {
+    EXPECT_FALSE(watch::ExecuteCommand(reader, {.kind = EventKind::kInsert, .slot = 0}, command));
+  }
   EXPECT_FALSE(trace.Has("Helper - Failed to load '/none.so'"));
   pkcs11::Pkcs11().Release();
+}
+
+TEST(Match, FastTakesTheNameThatTheTokenNotes) {
+  Scripted machine(std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}});
+  ScriptedReader& reader = machine.reader;
+  reader.activeLogon = "bob\n@x";
+  EXPECT_EQ(watch::FindLogonCredential(reader, "FAST", 1)->upn, "bob_@x");
+  EXPECT_EQ(watch::FindLogonCredential(reader, "fast", 1)->subject, "");
+  EXPECT_FALSE(watch::FindLogonCredential(reader, "fast", watch::kNoSlot))
+      << "a command keeps its placeholders";
+  for (const auto& noted : {std::optional<std::string>(), std::optional<std::string>("")}) {
+    reader.activeLogon = noted;
+    EXPECT_EQ(watch::FindLogonCredential(reader, "fast", 1)->upn, "ann@example.org");
+  }
+  const Recipe longer{
+      .subject = Part("cn", std::string(300, 's')),
+      .alternativeNames = OtherName(der::kUserPrincipalName, std::string(256, 'u'))};
+  reader.tokens = {{1, "Reader", longer.Build()}};
+  const auto values = watch::FindLogonCredential(reader, "", 1);
+  ASSERT_TRUE(values);
+  EXPECT_EQ(values->upn, "") << "left out";
+  EXPECT_EQ(values->subject, "cn=" + std::string(252, 's')) << "cut";
+  EXPECT_EQ(values->serial, "2A");
+}
+
+TEST(Placeholders, AreReplacedInCommandsWithinTheirLimit) {
+  const watch::LogonValues values = {"ann@example.org", "o=Example\\, Inc.,cn=Ann %UPN%,o=x", "2A"};
+  const std::tuple<const char*, std::size_t, const char*> rows[] = {
+      {"%upn% %UserName% %DOMAIN% %Serialnumber%", 511, "ann@example.org ann example.org 2A"},
+      {"\"%oid.O%\" %OID.cn% %OID.ou%", 511, "\"Example, Inc.\" Ann %UPN% %OID.ou%"},
+      {"%SERIALNUMBER%%UPN%", 20, "2A%UPN%"},
+      {"%UPN% %UPN% %UPN%", 30, "ann@example.org %UPN% %UPN%"},
+      {"%UPN% %UPN% %UPN%", 26, "%UPN% %UPN% %UPN%"},
+  };
+  for (const auto& [text, limit, expected] : rows) {
+    EXPECT_EQ(watch::ReplaceLogonPlaceholders(values, text, limit), expected) << text;
+  }
+}
+
+TEST(SetOptions, OfTheKeywordFormEndAtAQuoteAsThoseOfACommandDo) {
+  watch::CWatchOptions record;
+  watch::ParseWatchOptions("-p x -r a\"b -match \" cn=x -y \" ", record);
+  const watch::SetOptions options = watch::SetOptionsOf(record);
+  EXPECT_EQ(options.match, " cn=x -y ");
+  EXPECT_EQ(options.registry, "a");
+  EXPECT_EQ(options.config, "");
+  ScriptedReader card;
+  const watch::WatchEvent removal = {.kind = EventKind::kRemove, .slot = 1};
+  EXPECT_TRUE(watch::RunSetCommand(card, removal, options));
+  const TraceCapture trace;
+  EXPECT_FALSE(watch::RunSetCommand(card, removal, {}));
+  EXPECT_TRUE(trace.Lines().empty());
+}
+
+TEST(ConfigFile, SavedCopyThatCannotBeReachedNowIsNotMadeAnew) {
+  const TemporaryFolder folder;
+  const std::string file = folder.Write("a.conf", "of the card");
+  folder.Write("a.conf.org", "as it was");
+  savedCopyError = EIO;
+  watch::BackupOrRestoreConfigFile(file);
+  savedCopyError = 0;
+  EXPECT_EQ(folder.Read("a.conf.org"), "as it was");
 }
 
 TEST(ConfigFile, GetsWhatANameMeansThroughALinkThatStays) {
@@ -85,16 +175,16 @@ TEST(ConfigFile, GetsWhatANameMeansThroughALinkThatStays) {
     const std::string link = folder.Path("link.conf");
     folder.Write("real.conf", before);
     std::filesystem::create_symlink("real.conf", link);
-    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link.c_str()));
-    watch::SetConfigValue(link.c_str(), name, value);
+    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link));
+    watch::SetConfigValue(link, name, value);
     EXPECT_EQ(folder.Read("real.conf"), after);
-    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link.c_str()));
+    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link));
     EXPECT_EQ(folder.Read("real.conf"), before);
     EXPECT_TRUE(std::filesystem::is_symlink(link));
-    watch::SetConfigValue(folder.Path("missing.conf").c_str(), name, value);
+    watch::SetConfigValue(folder.Path("missing.conf"), name, value);
     EXPECT_FALSE(std::filesystem::exists(folder.Path("missing.conf")));
     std::filesystem::remove(folder.Path("real.conf"));
-    EXPECT_FALSE(watch::BackupOrRestoreConfigFile(link.c_str()));
+    EXPECT_FALSE(watch::BackupOrRestoreConfigFile(link));
     EXPECT_TRUE(std::filesystem::is_symlink(link)) << "although it leads nowhere";
   }
 }
@@ -104,8 +194,7 @@ TEST(ConfigFile, TwoServicesLoseNoValues) {
   const TemporaryFolder folder;
   const std::string file = folder.Write("both.conf", "[A]\nx=1\n");
   const auto setAll = [&file](char head) {
-    for (int i = 0; i < kKeys; ++i)
-      watch::SetConfigValue(file.c_str(), head + std::to_string(i), "v");
+    for (int i = 0; i < kKeys; ++i) watch::SetConfigValue(file, head + std::to_string(i), "v");
   };
   const pid_t other = ::fork();
   if (other == 0) {

@@ -5,12 +5,14 @@
 #include <csignal>
 #include <thread>
 
-#include "runtime/files.h"
+#include "runtime/product.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
+#include "tests/watch/scripted.h"
 #include "watch/options.h"
 #include "watch/settings.h"
+#include "watch/spare_service.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
 
@@ -64,20 +66,36 @@ TEST(Options, OneTextFillsTheRecord) {
       {"empty text", "", "n=0;"},
   };
   for (const auto& [name, text, expected] : rows) {
-    watch::CWatchOptions record{};
+    watch::CWatchOptions record;
     watch::ParseWatchOptions(text, record);
     EXPECT_EQ(Describe(record), expected + std::string("section=Watch;")) << name;
   }
 }
 
 TEST(Options, LaterTextsOverlayAndHardlyEverClear) {
-  watch::CWatchOptions record{};
+  watch::CWatchOptions record;
   watch::ParseWatchOptions("-match \"old\" -sync config", record);
   watch::ParseWatchOptions("-w -hide x", record);
   EXPECT_EQ(Describe(record), "match=old;rest=x;hidein=1;hideout=1;sync=1;w=1;section=Watch;");
   watch::ParseWatchOptions("-p x -c y -n 3 ", record);
   watch::ParseWatchOptions("", record);
   EXPECT_EQ(Describe(record), "p=x;c=y;rest=x;hidein=1;hideout=1;sync=1;w=1;n=3;section=Watch;");
+}
+
+TEST(Options, ValuesAreCutAtTheirLimits) {
+  const std::string text(300, 'x');
+  watch::CWatchOptions record;
+  watch::ParseWatchOptions("-match \"" + text + "\" -simulate \"" + text + "\" ", record);
+  EXPECT_EQ(record.match.size(), 255U);
+  EXPECT_EQ(record.simulate.size(), 31U);
+  watch::ParseWatchOptions("-p " + text + " -c y -n " + std::string(98, '0') + "123 ", record);
+  EXPECT_EQ(record.program.size(), 255U);
+  EXPECT_EQ(record.roundLimit, 1U) << "a number counts up to its 99th character";
+  const std::vector<const char*> arguments = {"x",          "-a",         text.c_str(),
+                                              text.c_str(), text.c_str(), text.c_str()};
+  const std::string line = watch::JoinArguments(6, arguments.data());
+  EXPECT_EQ(line.size(), 1023U);
+  EXPECT_TRUE(line.starts_with("-a xx"));
 }
 
 TEST(WatchMain, LineDecidesWhatIsReadAndRun) {
@@ -89,7 +107,7 @@ TEST(WatchMain, LineDecidesWhatIsReadAndRun) {
   const ScopedVariable depth("qixwatchdepth", "8");
   const ScopedVariable filter("GTEST_FILTER", "none");
   const std::pair<const char*, const char*> rows[] = {
-      {nullptr, "Command config: '-simulate \"x\" -pin ****'"},
+      {"", "Command config: '-simulate \"x\" -pin ****'"},
       {"x Config Foo -pin  42", "Configuration: 'Watch Foo -pin  ** Insert'"},
       {"-uninstallx", "Command config: ''"},
       {"servicemain ", "Command config: ''"},
@@ -97,7 +115,9 @@ TEST(WatchMain, LineDecidesWhatIsReadAndRun) {
   };
   for (const auto& [line, traced] : rows) {
     const TraceCapture trace;
-    EXPECT_EQ(watch::WatchMain(0, 0, line), 0);
+    Scripted machine;
+    EXPECT_EQ(watch::WatchMain(0, 7, line, machine.platform), 0);
+    EXPECT_EQ(watch::ServiceHandle(), 7);
     EXPECT_TRUE(trace.Has(std::string("Watch - ") + traced)) << traced;
   }
 }
@@ -130,11 +150,12 @@ TEST(Trace, SettingsChooseTheTargetAndCallModeLetsOneLinePass) {
   ::signal(SIGINT, SIG_DFL);
   watch::InstallStopHandlers();
   ::raise(SIGHUP);
-  std::thread sleeper([] {
-    if (watch::WatchSleep(600'000)) ::_exit(2);
+  watch::StoppableClock clock;
+  std::thread sleeper([&clock] {
+    if (clock.Sleep(600'000)) ::_exit(2);
   });
   // Long enough for the other thread to fall asleep; were it not, the test would only prove less.
-  if (!watch::WatchSleep(100)) ::_exit(1);
+  if (!clock.Sleep(100)) ::_exit(1);
   ::raise(SIGTERM);
   sleeper.join();
   ::raise(SIGINT);

@@ -1,25 +1,35 @@
 // The commands of an event: where they come from, what they come to, what a removal ends; and the
 // loop that meets the events.
+#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "runtime/files.h"
+#include <new>
+
+#include "runtime/process.h"
+#include "runtime/product.h"
 #include "tests/support/environment.h"
-#include "tests/support/fake_card.h"
+#include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
+#include "tests/watch/scripted.h"
 #include "watch/command.h"
-#include "watch/credentials.h"
+#include "watch/configuration.h"
+#include "watch/event_handlers.h"
 #include "watch/event_table.h"
+#include "watch/parallel.h"
+#include "watch/simulate.h"
 #include "watch/slot_loop.h"
 #include "watch/terminate_list.h"
 
 namespace qixx::testing {
 namespace {
 
+using watch::EventKind;
+
 watch::CWatchOptions Record(const std::string& rest) {
-  watch::CWatchOptions record{};
-  runtime::CopyTextCut(record.rest, rest);
-  runtime::CopyTextCut(record.section, "Watch");
+  watch::CWatchOptions record;
+  record.rest = rest;
+  record.section = "Watch";
   return record;
 }
 
@@ -32,19 +42,20 @@ class EventTable : public ::testing::Test {
   }
   TemporaryFolder folder;
   ScopedVariable path{"qixconfigglobal", folder.Path("system.conf").c_str()};
+  Scripted machine{std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}}};
 };
 
-TEST_F(EventTable, NamesAndCommandsKeepToTheirAreas) {
-  char section[watch::kEventSectionSize];
-  EXPECT_TRUE(watch::BuildEventSection(true, std::string(50, 's'), section));
-  EXPECT_FALSE(watch::BuildEventSection(true, std::string(51, 's'), section));
+TEST_F(EventTable, NamesAndCommandsAreCutAtTheirLimits) {
+  EXPECT_EQ(watch::BuildEventSection(EventKind::kInsert, std::string(50, 's')),
+            "Watch " + std::string(50, 's') + " Insert");
+  EXPECT_FALSE(watch::BuildEventSection(EventKind::kInsert, std::string(51, 's')));
   const std::string text = "kill " + std::string(600, 'x');
   Configure("1=" + text + "\n", "1=" + text + "\n");
   watch::CWatchOptions record = Record("Config");
   const TraceCapture trace;
-  EXPECT_TRUE(watch::OnInsertEvent(record, 1));
+  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine.platform));
   EXPECT_TRUE(trace.Has("Watch - Execute insert command: " + text.substr(0, 511)));
-  watch::OnRemoveEvent(record, 1);
+  watch::OnRemoveEvent(record, 1, machine.platform);
   EXPECT_TRUE(trace.Has("Watch - Execute remove command: " + text.substr(0, 255)));
 }
 
@@ -62,9 +73,60 @@ TEST_F(EventTable, QuestionsAboutTheSectionsAlwaysEnd) {
     EXPECT_EQ(watch::HasEventCommands(Record("config")), any) << "the first entries alone tell";
     config::CConfig config;
     ASSERT_TRUE(watch::LoadProductConfiguration(config));
-    EXPECT_EQ(watch::HasOrdinaryRemoveCommand(config, "Watch", true), on_insert);
+    EXPECT_EQ(watch::HasOrdinaryRemoveCommand(config, "Watch", EventKind::kInsert), on_insert);
     EXPECT_EQ(watch::IsOrdinaryCommand(config, "Watch", "configured elsewhere"), on_remove);
   }
+}
+
+TEST_F(EventTable, GatesAskThreeTimesASecond) {
+  Configure("", "1=/bin/true\n");
+  watch::CWatchOptions record = Record("kill x");
+  record.match = "cn=ann lee";
+  record.insertWait = 2;
+  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine.platform));
+  EXPECT_EQ(machine.clock.slept, std::vector<unsigned>(6, 333));
+
+  machine.clock.slept.clear();
+  machine.clock.inSleep = [this] {
+    if (machine.clock.slept.size() == 2) machine.reader.tokens.clear();
+  };
+  const TraceCapture trace;
+  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine.platform)) << "pulled meanwhile";
+  EXPECT_EQ(machine.clock.slept.size(), 2U);
+  EXPECT_TRUE(trace.Has("Watch - Inserted event ... FAILED"));
+  EXPECT_FALSE(trace.Has("Watch - Execute insert command: kill x"));
+  record.match = "";
+  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine.platform)) << "without a match nobody asks";
+
+  machine.clock.stop = true;
+  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine.platform)) << "the process is to stop";
+  machine.clock.stop = false;
+  machine.clock.inSleep = [] { throw std::bad_alloc(); };
+  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine.platform));
+  EXPECT_EQ(trace.Count("Watch - Sleep exception"), 6U);
+
+  record.removeWait = 1;
+  machine.clock = {};
+  watch::OnRemoveEvent(record, 1, machine.platform);
+  EXPECT_EQ(machine.clock.slept.size(), 0U) << "only endings, and nothing to end";
+  record.rest = "config";
+  const std::size_t opened = trace.Count("Config - Open '" + folder.Path("system.conf") + "' (r)");
+  watch::OnRemoveEvent(record, 1, machine.platform);
+  EXPECT_EQ(machine.clock.slept.size(), 3U);
+  EXPECT_EQ(trace.Count("Config - Open '" + folder.Path("system.conf") + "' (r)"), opened + 1);
+}
+
+TEST_F(EventTable, SimulationWaitsForEitherKindAsAnInsertDoes) {
+  Configure("", "1=kill x\n2=close y\n3=\n4=kill z\n");
+  watch::CWatchOptions record = Record("");
+  record.simulate = "other";
+  record.insertWait = 1;
+  record.removeWait = 9;
+  const TraceCapture trace;
+  EXPECT_EQ(watch::SimulateEvent(record, machine.platform), 0);
+  EXPECT_EQ(machine.clock.slept.size(), 3U) << "an empty entry is an ordinary one";
+  EXPECT_TRUE(trace.Has("Watch - Simulate other at 2 failed"));
+  EXPECT_TRUE(trace.Has("Watch - Execute insert command: kill z")) << "failures go on";
 }
 
 TEST(Command, KeywordsDecideTheResult) {
@@ -77,12 +139,16 @@ TEST(Command, KeywordsDecideTheResult) {
       {"application /" + std::string(255, 'p'), false, false},
       {"-lock", true, false},
       {"parallel close " + std::string(249, 'x'), true, true},
+      {"parallel close " + std::string(250, 'x'), false, false},
   };
+  ScriptedReader card;
   for (const auto& [text, on_insert, on_remove] : rows) {
-    EXPECT_EQ(watch::ExecuteCommand(1, true, text.c_str(), 0, true, false), on_insert) << text;
-    EXPECT_EQ(watch::ExecuteCommand(1, false, text.c_str(), 0, true, false), on_remove) << text;
+    EXPECT_EQ(watch::ExecuteCommand(card, {.kind = EventKind::kInsert, .slot = 1}, text), on_insert)
+        << text;
+    EXPECT_EQ(watch::ExecuteCommand(card, {.kind = EventKind::kRemove, .slot = 1}, text), on_remove)
+        << text;
   }
-  EXPECT_TRUE(watch::WaitForParallelJobs(60000));
+  EXPECT_TRUE(watch::WaitForParallelJobs(15000));
 }
 
 TEST(TerminateList, RemovalEndsWhatTheInsertStartedForItsSlot) {
@@ -90,62 +156,38 @@ TEST(TerminateList, RemovalEndsWhatTheInsertStartedForItsSlot) {
   if (forked == 0) ::_exit(static_cast<int>(::sleep(120)));
   ASSERT_GT(forked, 0) << "the id of no child would mean every process";
   const auto child = static_cast<std::uint64_t>(forked);
-  EXPECT_FALSE(watch::EndProcess((std::uint64_t{1} << 32) + child));
-  watch::AddToTerminateList(false, 4, child);
+  EXPECT_FALSE(runtime::EndProcess((std::uint64_t{1} << 32) + child));
+  watch::AddToTerminateList(EventKind::kRemove, 4, child);
   EXPECT_FALSE(watch::IsSlotProcessRunning(4)) << "started on removal";
-  for (int entry = 1; entry < 100; ++entry) watch::AddToTerminateList(true, 1, child);
-  watch::AddToTerminateList(true, 4, child);
-  watch::AddToTerminateList(true, 7, child);
+  for (int entry = 1; entry < 100; ++entry) watch::AddToTerminateList(EventKind::kInsert, 1, child);
+  watch::AddToTerminateList(EventKind::kInsert, 4, child);
+  watch::AddToTerminateList(EventKind::kInsert, 7, child);
   EXPECT_FALSE(watch::IsSlotProcessRunning(7)) << "more than a hundred entries";
-  watch::SweepTerminateList(true, 1);
-  watch::SweepTerminateList(false, 7);
+  watch::SweepTerminateList(EventKind::kInsert, 1);
+  watch::SweepTerminateList(EventKind::kRemove, 7);
   EXPECT_TRUE(watch::IsSlotProcessRunning(1));
 
   // With endings alone to run a removal does not wait for anything, but ends what was started.
   const TraceCapture trace;
+  Scripted machine;
   watch::CWatchOptions record = Record("close x");
   record.removeWait = 20;
-  watch::OnRemoveEvent(record, 1);
+  watch::OnRemoveEvent(record, 1, machine.platform);
+  EXPECT_TRUE(machine.clock.slept.empty());
   EXPECT_FALSE(trace.Has("Watch - Execute remove command: close x"));
   EXPECT_EQ(trace.Count("Watch - Process " + std::to_string(child) + " exited"), 99U)
       << "those of other slots are dropped too";
   EXPECT_FALSE(watch::IsSlotProcessRunning(1));
 }
 
-/// The slot of a poll's event (0 for none), and the slots with a token from then on.
-struct Poll {
-  CK_SLOT_ID event;
-  std::vector<FakeSlot> slots;
-};
-std::vector<Poll> script;
-std::size_t polls;
-
-CK_RV TakeScriptedEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* /*reserved*/) {
-  EXPECT_EQ(flags, CKF_DONT_BLOCK);
-  if (polls == script.size()) return CKR_NO_EVENT;
-  FakeCard::current->slots = script[polls].slots;
-  *slot = script[polls++].event;
-  return *slot == 0 ? CKR_NO_EVENT : CKR_OK;
-}
-
-/// What a run of one round for each poll tells about slots. The first poll's tokens are in before.
-std::string Watch(const char* section, bool sync, const std::vector<Poll>& events) {
-  FakeCard card;
-  const FakeModule module(QIXX_FAKE_PLAIN, CKR_OK, &card.List());
-  card.List().C_WaitForSlotEvent = &TakeScriptedEvent;
-  EXPECT_TRUE(pkcs11::Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
-  script = events;
-  polls = 0;
-  card.slots = script.front().slots;
-
+/// What a run of one round for each poll tells about slots.
+std::string Watch(Scripted&& machine, const char* section, bool sync, std::uint64_t rounds) {
   const TraceCapture trace;
-  watch::CWatchOptions record{};
-  runtime::CopyTextCut(record.rest, "kill nothing");
-  runtime::CopyTextCut(record.section, section);
+  watch::CWatchOptions record = Record("kill nothing");
+  record.section = section;
   record.sync = sync;
-  record.roundLimit = script.size();
-  watch::RunWatch(record);
-  pkcs11::Pkcs11().Release();
+  record.roundLimit = rounds;
+  watch::RunWatch(record, machine.platform);
   std::string told;
   for (const std::string& line : trace.Lines()) {
     EXPECT_EQ(line.find("4711"), line.npos) << line;
@@ -153,6 +195,9 @@ std::string Watch(const char* section, bool sync, const std::vector<Poll>& event
     if (counts) told += line.substr(std::string_view("Watch - ").size()) + ";";
   }
   return told;
+}
+std::string Watch(const char* section, bool sync, const std::vector<Poll>& polls) {
+  return Watch(Scripted(polls), section, sync, polls.size());
 }
 
 TEST(SlotLoop, EventsConnectAndDisconnect) {
@@ -167,27 +212,57 @@ TEST(SlotLoop, EventsConnectAndDisconnect) {
   EXPECT_EQ(Watch("Watch", true, {{0, {{1}}}, {4, {{1}, {4}}}, {1, {{4}}}, {4, {}}}),
             "Connected slot 1;Already connected;Disconnected slot 1;")
       << "the card that stayed is not connected by itself";
+  EXPECT_EQ(Watch("Watch", false, {{0, {}}, {97, {{97}}}, {95, {}}, {97, {}}}),
+            "Disconnected slot 0;Connected slot 97;Disconnected slot 97;")
+      << "up to 96 the first slots of groups count";
+}
+
+TEST(SlotLoop, UnreadableTokenIsNoInsertWhereItIsToBeRecognized) {
+  Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {{1}}}});
+  machine.reader.readable = false;
+  machine.clock.inSleep = [&machine] { machine.reader.readable = true; };
+  watch::CWatchOptions record = Record("kill nothing");
+  record.recognized = true;
+  record.roundLimit = 2;
+  watch::WatchSlots(record, machine.platform);
+  EXPECT_EQ(machine.clock.slept, (std::vector<unsigned>{333, 666})) << "the second round connects";
+}
+
+TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
+  // The library goes away and comes back with another card in it; nobody tells of either.
+  const std::pair<std::uint64_t, const char*> rows[] = {
+      {30, "Connected slot 1;"},
+      {31, "Connected slot 1;Disconnected slot 1;"},
+      {32, "Connected slot 1;Disconnected slot 1;Connected slot 4;"},
+  };
+  for (const auto& [rounds, told] : rows) {
+    Scripted machine(std::vector<Poll>{{1, {{1}}}});
+    machine.clock.inSleep = [&machine] {
+      if (machine.clock.slept.size() != 5) return;
+      machine.reader.initialised = false;
+      machine.reader.comesUp = true;
+      machine.reader.tokens = {{4}};
+    };
+    EXPECT_EQ(Watch(std::move(machine), "Watch", true, rounds), told);
+  }
 }
 
 TEST(SlotLoop, LogonVariantFollowsTheUsersCard) {
-  const FakeSlot hers = {.id = 4, .description = "ann", .objects = {CertificateObject("hers")}};
+  const Token hers = {4, "ann", "hers"};
   // The fourth round takes an event of another slot, one of a card that stayed and one of a card
   // that was swapped.
-  const std::vector<Poll> events = {
+  const std::vector<Poll> polls = {
       {0, {{1}}}, {4, {{1}, hers}}, {1, {{1}, hers}}, {4, {{1}, hers}}, {4, {{1}, {4}}}};
-  EXPECT_EQ(Watch("LOGON", false, events), "") << "nobody is logged on";
-  const watch::LogonQueries queries = {
-      [](std::span<char> name) { return runtime::CopyTextCut(name, "ann") != 0; },
-      [](const char* user, auto identity, auto certificate, std::size_t& length) {
-        length = std::string_view("hers").copy(reinterpret_cast<char*>(certificate.data()), 4);
-        std::string_view(user).copy(identity.data(), identity.size());
-        return polls != 0;
-      }};
-  watch::SetLogonQueries(&queries);
-  EXPECT_EQ(Watch("Logon", false, events),
+  EXPECT_EQ(Watch("LOGON", false, polls), "") << "nobody is logged on";
+  Scripted machine(polls);
+  machine.user.name = "ann";
+  machine.user.record = [&reader = machine.reader]() -> std::optional<watch::LogonRecord> {
+    if (reader.polled == 0) return std::nullopt;
+    return watch::LogonRecord{{'a', 'n', 'n'}, {'h', 'e', 'r', 's'}};
+  };
+  EXPECT_EQ(Watch(std::move(machine), "Logon", false, polls.size()),
             "Logon slot not found;Logon slot 4 inserted;Logon slot 4 removed;Logon slot not found;")
       << "the first round has no answer";
-  watch::SetLogonQueries(nullptr);
 }
 
 }  // namespace

@@ -1,0 +1,136 @@
+// A card reader and a clock that follow a test's script.
+#pragma once
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "watch/platform.h"
+
+namespace qixx::testing {
+
+/// A slot with a token in it.
+struct Token {
+  CK_SLOT_ID slot;
+  std::string description = "Reader";
+  std::string certificate = {};  ///< as it stands on the token
+};
+/// The slot of a poll's event (0 for none), and the tokens from then on.
+struct Poll {
+  CK_SLOT_ID event;
+  std::vector<Token> tokens;
+};
+
+class ScriptedReader final : public watch::CardReader {
+ public:
+  /// The tokens of the first poll are in before.
+  explicit ScriptedReader(std::vector<Poll> polls = {})
+      : tokens(polls.empty() ? std::vector<Token>() : polls.front().tokens),
+        polls_(std::move(polls)) {}
+
+  void Initialise() override { initialised = true; }
+  void Finalise() override { initialised = false; }
+  bool IsInitialised() override { return initialised; }
+  bool InitialiseAgain() override {
+    const bool works = !initialised && comesUp;
+    initialised = initialised || comesUp;
+    return works;
+  }
+  std::optional<CK_SLOT_ID> TakeEvent() override {
+    if (polled == polls_.size()) return std::nullopt;
+    tokens = polls_[polled].tokens;
+    const CK_SLOT_ID event = polls_[polled++].event;
+    return event == watch::kNoSlot ? std::nullopt : std::optional(event);
+  }
+  CK_SLOT_ID FindSlotWithToken() override {
+    return initialised && !tokens.empty() ? tokens.front().slot : watch::kNoSlot;
+  }
+  std::vector<CK_SLOT_ID> SlotsWithToken() override {
+    std::vector<CK_SLOT_ID> slots;
+    std::ranges::transform(tokens, std::back_inserter(slots), &Token::slot);
+    return slots;
+  }
+  bool ShowsToken(CK_SLOT_ID slot) override { return Find(slot) != nullptr; }
+  bool IsTokenReadable(CK_SLOT_ID slot) override { return Find(slot) != nullptr && readable; }
+  std::optional<watch::SlotDescription> Description(CK_SLOT_ID slot) override {
+    const Token* const token = Find(slot);
+    if (token == nullptr) return std::nullopt;
+    watch::SlotDescription description = {};
+    token->description.copy(description.data(), description.size());
+    return description;
+  }
+  std::vector<der::CertificatePtr> CollectCertificates() override {
+    std::vector<der::CertificatePtr> certificates;
+    for (const Token& token : tokens) {
+      der::CertificatePtr certificate =
+          der::LoadCertificate({reinterpret_cast<const std::uint8_t*>(token.certificate.data()),
+                                token.certificate.size()});
+      if (certificate != nullptr) certificates.push_back(std::move(certificate));
+    }
+    return certificates;
+  }
+  bool HasCertificateOf(const std::string& /*subject*/,
+                        std::optional<CK_SLOT_ID> /*slot*/) override {
+    return !tokens.empty();
+  }
+  bool HoldsCertificate(CK_SLOT_ID slot, der::Bytes certificate) override {
+    const Token* const token = Find(slot);
+    return token != nullptr && std::ranges::equal(token->certificate, certificate, {},
+                                                  [](char c) { return std::uint8_t(c); });
+  }
+  std::optional<std::string> TokenVariable(CK_SLOT_ID /*slot*/, std::string_view name) override {
+    return name == "ActiveLogonUPN" ? activeLogon : std::nullopt;
+  }
+
+  bool initialised = true;
+  bool comesUp = false;  ///< a library that is not initialised can be
+  bool readable = true;
+  std::optional<std::string> activeLogon;
+  std::vector<Token> tokens;
+  std::size_t polled = 0;
+
+ private:
+  Token* Find(CK_SLOT_ID slot) {
+    const auto token = std::ranges::find(tokens, slot, &Token::slot);
+    return token == tokens.end() ? nullptr : &*token;
+  }
+  std::vector<Poll> polls_;
+};
+
+/// Sleeps take no time; what a test does in one happens at its start.
+class ScriptedClock final : public watch::Clock {
+ public:
+  bool Sleep(unsigned milliseconds) override {
+    slept.push_back(milliseconds);
+    if (inSleep) inSleep();
+    return !stop;
+  }
+  std::vector<unsigned> slept;
+  std::function<void()> inSleep;
+  bool stop = false;
+};
+
+/// Somebody who is logged on or not, with what is recorded for them.
+class ScriptedUser final : public watch::LogonUser {
+ public:
+  std::optional<std::string> Name() override { return name; }
+  std::optional<watch::LogonRecord> Record(const std::string& /*user*/) override {
+    return record ? record() : std::nullopt;
+  }
+  std::optional<std::string> name;
+  std::function<std::optional<watch::LogonRecord>()> record;
+};
+
+/// A platform of scripted parts.
+struct Scripted {
+  explicit Scripted(const std::vector<Poll>& polls = {}) : reader(polls) {}
+  Scripted(const Scripted&) = delete;
+  Scripted& operator=(const Scripted&) = delete;
+  ScriptedClock clock;
+  ScriptedReader reader;
+  ScriptedUser user;
+  watch::Platform platform = {clock, reader, user};
+};
+
+}  // namespace qixx::testing

@@ -1,0 +1,25 @@
+// The product configuration, as the watch reads it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "config/store.h"
+
+namespace qixx::watch {
+
+/// The section of the configured commands of watchers, and the entry of the first of them; those of
+/// extra watchers have a blank and a name behind it.
+inline constexpr std::string_view kCommandSection = "Command";
+inline constexpr std::string_view kWatchEntry = "Watch";
+
+/// Opens the product configuration read-only. False when there is none, or none that holds a text.
+[[nodiscard]] bool LoadProductConfiguration(config::CConfig& config);
+
+/// What a file says, cut to `maxLength`; a value from the environment does not count and hides that
+/// of the file. Empty when there is none.
+[[nodiscard]] std::string ReadFileText(config::CConfig& config, std::string_view section,
+                                       std::string_view entry, std::size_t maxLength);
+
+}  // namespace qixx::watch

@@ -1,0 +1,187 @@
+#include "watch/event_handlers.h"
+
+#include <optional>
+#include <string>
+
+#include "runtime/process.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+#include "watch/command.h"
+#include "watch/configuration.h"
+#include "watch/credentials.h"
+#include "watch/event_table.h"
+#include "watch/guard.h"
+#include "watch/logon_file.h"
+#include "watch/placeholders.h"
+#include "watch/set_command.h"
+#include "watch/terminate_list.h"
+
+namespace qixx::watch {
+namespace {
+
+/// Of a direct command: it runs on insert only.
+constexpr char kInsertOnlyMark = '~';
+
+// --- the wait in front of an event --------------------------------------------------------------
+
+bool StillHolds(const CWatchOptions& record, const WatchEvent& event, config::CConfig& config,
+                CardReader& card) {
+  if (event.IsInsert()) return event.match.empty() || IsCredentialStillPresent(card, event.match);
+  return IsOrdinaryCommand(config, record.section, record.rest) ||
+         (event.terminate && IsSlotProcessRunning(event.slot));
+}
+
+// --- insert -------------------------------------------------------------------------------------
+
+bool InsertDirect(const CWatchOptions& record, const WatchEvent& event, CardReader& card) {
+  const std::string_view text = record.rest;
+  if (text.starts_with(kInsertOnlyMark)) return ExecuteCommand(card, event, text.substr(1));
+  if (runtime::StartsWithNoCase(text, "-r ")) return true;
+  return ExecuteCommand(card, event, text);
+}
+
+bool InsertSection(const CWatchOptions& record, const WatchEvent& event, CardReader& card) {
+  const std::optional<std::string> section = BuildEventSection(event.kind, record.section);
+  if (!section || !IsMatchingCardPresent(card, event.match)) return false;
+  config::CConfig config;
+  if (!LoadProductConfiguration(config)) return false;
+  for (unsigned number = 1;; ++number) {
+    std::optional<std::string> text = ReadEventEntry(config, *section, number, kMaxInsertEntry);
+    if (!text) return true;
+    if (text->empty()) continue;
+    const std::string command =
+        ExpandLogonPlaceholders(card, event.match, *std::move(text), kMaxInsertEntry);
+    // A failing command ends the list, but not the event's success.
+    if (!ExecuteCommand(card, event, command)) return true;
+  }
+}
+
+bool InsertKeyword(CWatchOptions& record, const WatchEvent& event, CardReader& card) {
+  if (!record.registry.empty() || !record.configFile.empty()) {
+    // The program starts whether or not the values could be written.
+    RunGuarded([&] { return RunSetCommand(card, event, SetOptionsOf(record)); });
+  }
+  const std::optional<std::uint64_t> processId =
+      StartCommandProcess(record.program, record.arguments, event.show);
+  if (!processId) return false;
+  record.processId = *processId;
+  runtime::TraceWrite("Watch - Process %d started", static_cast<int>(*processId));
+  return true;
+}
+
+bool WaitBeforeInsert(const CWatchOptions& record, const WatchEvent& event,
+                      const Platform& platform) {
+  config::CConfig config;
+  // Nothing of it is asked on insert; the open shows in the trace as that of a removal does.
+  if (event.wait != 0) static_cast<void>(LoadProductConfiguration(config));
+  return WaitBeforeEvent(record, event, config, platform);
+}
+
+bool RunInsertCommands(CWatchOptions& record, const WatchEvent& event, CardReader& card) {
+  switch (FormOf(record)) {
+    case CommandForm::kDirect:
+      return InsertDirect(record, event, card);
+    case CommandForm::kSection:
+      return InsertSection(record, event, card);
+    case CommandForm::kKeyword:
+      return InsertKeyword(record, event, card);
+  }
+  return false;
+}
+
+// --- remove -------------------------------------------------------------------------------------
+
+void EndKeywordProcess(CWatchOptions& record) {
+  if (!record.terminate || record.processId == 0) return;
+  runtime::TraceWrite("Watch - Terminate process id %d", static_cast<int>(record.processId));
+  if (runtime::EndProcess(record.processId)) {
+    runtime::TraceWrite("Watch - Terminate process SUCCESS");
+  } else {
+    runtime::TraceWrite("Watch - Terminate process FAILED");
+  }
+  record.processId = 0;
+}
+
+/// All commands run, whatever becomes of each: a removal has to leave everything locked and
+/// cleared.
+void RemoveSection(config::CConfig& config, const CWatchOptions& record, const WatchEvent& event,
+                   CardReader& card) {
+  const std::optional<std::string> section = BuildEventSection(event.kind, record.section);
+  if (!section) return;
+  for (unsigned number = 1;; ++number) {
+    const std::optional<std::string> text =
+        ReadEventEntry(config, *section, number, kMaxRemoveEntry);
+    if (!text) return;
+    if (!text->empty()) RunGuarded([&] { return ExecuteCommand(card, event, *text); });
+  }
+}
+
+void RunRemoveCommands(config::CConfig& config, const CWatchOptions& record,
+                       const WatchEvent& event, CardReader& card) {
+  switch (FormOf(record)) {
+    case CommandForm::kDirect:
+      if (!record.rest.starts_with(kInsertOnlyMark)) ExecuteCommand(card, event, record.rest);
+      break;
+    case CommandForm::kSection:
+      RemoveSection(config, record, event, card);
+      break;
+    case CommandForm::kKeyword:
+      RestoreAndClear(record.configFile);
+      break;
+  }
+}
+
+bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
+  const WatchEvent event = EventOf(record, EventKind::kRemove, slot);
+  config::CConfig config;
+  // A configuration that does not load has no entries, so it runs no remove commands.
+  static_cast<void>(LoadProductConfiguration(config));
+  if (!WaitBeforeEvent(record, event, config, platform)) return false;
+  EventHook(record, event.kind);
+  EndKeywordProcess(record);
+  RunRemoveCommands(config, record, event, platform.card);
+  return true;
+}
+
+}  // namespace
+
+bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event, config::CConfig& config,
+                     const Platform& platform) {
+  const std::uint64_t rounds = WaitRounds(event.wait);
+  for (std::uint64_t round = 0; round < rounds; ++round) {
+    if (!StillHolds(record, event, config, platform.card)) return false;
+    EventHook(record, event.kind);
+    if (!WatchSleep(platform.clock, kWaitPause)) return false;
+  }
+  return true;
+}
+
+bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
+  runtime::TraceWrite("Watch - Inserted event ...");
+  WatchEvent event;
+  bool success = RunGuarded([&] {
+    event = EventOf(record, EventKind::kInsert, slot);
+    return WaitBeforeInsert(record, event, platform);
+  });
+  if (success) {
+    EventHook(record, EventKind::kInsert);
+    success = RunGuarded([&] { return RunInsertCommands(record, event, platform.card); });
+    SweepTerminateList(EventKind::kInsert, slot);
+    EventHook(record, EventKind::kInsert);
+  }
+  runtime::TraceWrite("Watch - Inserted event ... %s", success ? "OK" : "FAILED");
+  return success;
+}
+
+void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
+  runtime::TraceWrite("Watch - Remove event ...");
+  RunGuarded([&] { return RunRemoval(record, slot, platform); });
+  EventHook(record, EventKind::kRemove);
+  // Also behind a wait that said no: what the insert started does not outlive the card.
+  SweepTerminateList(EventKind::kRemove, slot);
+  runtime::TraceWrite("Watch - Remove event ... done");
+}
+
+void EventHook(const CWatchOptions& /*record*/, EventKind /*kind*/) {}
+
+}  // namespace qixx::watch

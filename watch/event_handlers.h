@@ -1,0 +1,33 @@
+// The two event handlers, and the wait in front of them.
+//
+// They run on the loop's thread; each opens and releases a configuration of its own. They keep no
+// state between events beside the record's process id and the terminate list. Nothing is thrown by
+// the handlers: memory that runs out fails the commands of an insert, or the one command of a
+// removal, and the handler goes on to its end.
+#pragma once
+
+#include "config/store.h"
+#include "watch/event.h"
+#include "watch/options.h"
+#include "watch/platform.h"
+
+namespace qixx::watch {
+
+/// Runs the commands of an insert in order, up to the first that fails. Returns true on success,
+/// which a failing command in a section does not change.
+bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
+/// Runs all commands of a removal, and ends what the insert started for the slot.
+void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
+
+/// The gate in front of the handlers: true when the handler is to proceed. Waits the seconds that
+/// the event names, asking three times in each whether it still holds; false at once when it does
+/// not, or when the process is asked to stop. Without a wait nothing is asked. An insert holds
+/// while its card yields a credential for the match, if there is one; a removal that has nothing
+/// but endings to do while there is something to end. `config` is the open product configuration.
+bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event, config::CConfig& config,
+                     const Platform& platform);
+
+/// Called before and after the commands of an event; nothing to do on this platform.
+void EventHook(const CWatchOptions& record, EventKind kind);
+
+}  // namespace qixx::watch

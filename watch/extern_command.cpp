@@ -1,0 +1,85 @@
+#include "watch/extern_command.h"
+
+#include <optional>
+#include <string>
+
+#include "runtime/loader.h"
+#include "runtime/secrets.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+#include "watch/card_text.h"
+#include "watch/guard.h"
+#include "watch/logon_file.h"
+#include "watch/options.h"
+
+namespace qixx::watch {
+namespace {
+
+/// Fills `answer` with "user name;domain" and returns non-zero.
+using ReadCommandEntry = int (*)(const char* reader, const char* arguments, char* answer, int size);
+/// The size that the library is told; its text is ended at the last byte whatever it wrote.
+constexpr std::size_t kAnswerSize = 256;
+
+/// The description of a slot without its padding, which is how libraries know the reader.
+std::optional<std::string> ReaderName(CardReader& card, CK_SLOT_ID slot) {
+  const std::optional<SlotDescription> description = card.Description(slot);
+  if (!description) return std::nullopt;
+  return std::string(runtime::DropTrailingBlanks(runtime::TextOf(*description)));
+}
+
+std::string AnswerField(std::string_view answer, std::size_t index) {
+  return CleanCardText(std::string(runtime::GetField(answer, index, ';').value_or("")));
+}
+
+/// "-registry" names a place that this platform does not have.
+void WriteAnswer(std::string_view arguments, std::string_view answer) {
+  const std::string file = GetOptionValue(arguments, "-config").value_or("");
+  WriteLogonName(file, {AnswerField(answer, 0), AnswerField(answer, 1)});
+}
+
+/// Nothing without an answer.
+std::optional<std::string> ReadAnswer(const runtime::SharedLibrary& library,
+                                      const std::string& reader, const std::string& arguments) {
+  const auto read = library.FindSymbol<ReadCommandEntry>("ReadCommand");
+  char answer[kAnswerSize] = "";
+  int answered = 0;
+  if (read == nullptr || !runtime::CallLibrary([&] {
+        answered = read(reader.c_str(), arguments.c_str(), answer, sizeof answer);
+      })) {
+    return std::nullopt;
+  }
+  answer[sizeof answer - 1] = '\0';
+  if (answered == 0) return std::nullopt;
+  return answer;
+}
+
+bool AskLibrary(CardReader& card, const WatchEvent& event, std::string_view text) {
+  if (event.IsSimulated()) return false;
+  const std::optional<std::string> reader = ReaderName(card, event.slot);
+  const std::size_t comma = runtime::FindChar(text, ',');
+  if (!reader || comma == std::string_view::npos) return false;
+  const std::string path(text.substr(0, comma));
+  const std::string arguments(text.substr(comma + 1));
+  const runtime::SharedLibrary library = runtime::OpenLibrary(path);
+  if (!library.IsOpen()) {
+    runtime::TraceWrite("Helper - Failed to load '%s'", runtime::MaskedText(path).Text());
+    return false;
+  }
+  const std::optional<std::string> answer = ReadAnswer(library, *reader, arguments);
+  if (answer) WriteAnswer(arguments, *answer);
+  return answer.has_value();
+}
+
+}  // namespace
+
+bool RunExtern(CardReader& card, const WatchEvent& event, std::string_view text) {
+  runtime::TraceWrite("Helper - Extern command ...");
+  bool success = false;
+  const AtExit end([&success] {
+    runtime::TraceWrite("Helper - Extern command ... %s", success ? "OK" : "FAILED");
+  });
+  success = AskLibrary(card, event, text);
+  return success;
+}
+
+}  // namespace qixx::watch

@@ -1,0 +1,16 @@
+// The extern command: a library tells the logon values.
+#pragma once
+
+#include <string_view>
+
+#include "watch/card_reader.h"
+#include "watch/event.h"
+
+namespace qixx::watch {
+
+/// "library path,arguments": calls the library's "ReadCommand" with the name of the event's reader
+/// and the arguments. What it answers goes into the file that "-config" of the arguments names.
+/// True when the library answered. A simulated event fails before the card is asked.
+bool RunExtern(CardReader& card, const WatchEvent& event, std::string_view text);
+
+}  // namespace qixx::watch

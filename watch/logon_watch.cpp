@@ -1,0 +1,95 @@
+#include "watch/logon_watch.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "runtime/files.h"
+#include "runtime/trace.h"
+#include "watch/event_handlers.h"
+#include "watch/rounds.h"
+
+namespace qixx::watch {
+namespace {
+
+// Pauses between two rounds, in milliseconds.
+constexpr unsigned kTrackedPause = 333;
+constexpr unsigned kSearchPause = 999;
+
+/// More pending events than this are left for the next round, so that a library that never runs out
+/// of them cannot hold the loop.
+constexpr int kMaxEventsPerRound = 1024;
+
+class LogonWatch {
+ public:
+  LogonWatch(CWatchOptions& record, const Platform& platform, std::string user)
+      : record_(record), platform_(platform), card_(platform.card), user_(std::move(user)) {}
+
+  void Round(bool initialisedLate) {
+    if (tracked_.slot != kNoSlot) {
+      FollowSlot(initialisedLate);
+    } else {
+      SearchSlot(initialisedLate);
+    }
+  }
+  [[nodiscard]] unsigned Pause() const {
+    return tracked_.slot != kNoSlot ? kTrackedPause : kSearchPause;
+  }
+
+ private:
+  /// A library that came up late does not report what went before.
+  void FollowSlot(bool initialisedLate) {
+    if (initialisedLate && !HoldsCertificate()) return ForgetSlot();
+    for (int taken = 0; taken < kMaxEventsPerRound; ++taken) {
+      const std::optional<CK_SLOT_ID> slot = card_.TakeEvent();
+      if (!slot) return;
+      if (*slot == tracked_.slot && !HoldsCertificate()) return ForgetSlot();
+    }
+  }
+  void ForgetSlot() {
+    runtime::TraceWrite("Watch - Logon slot %d removed", static_cast<int>(tracked_.slot));
+    runtime::ResetStoredCredential(user_);
+    OnRemoveEvent(record_, tracked_.slot, platform_);
+    tracked_ = {};
+  }
+  [[nodiscard]] bool HoldsCertificate() const {
+    return card_.ShowsToken(tracked_.slot) &&
+           card_.HoldsCertificate(tracked_.slot, tracked_.certificate);
+  }
+
+  void SearchSlot(bool initialisedLate) {
+    if (initialisedLate || slots_.empty() || card_.TakeEvent()) slots_ = card_.SlotsWithToken();
+    std::optional<LogonSlot> found = FindLogonSlot(card_, platform_.logonUser, user_, slots_);
+    if (!found) return;
+    if (found->slot != kNoSlot) {
+      runtime::TraceWrite("Watch - Logon slot %d inserted", static_cast<int>(found->slot));
+      OnInsertEvent(record_, found->slot, platform_);
+      tracked_ = *std::move(found);
+      // The events taken from now on do not keep the list up to date.
+      slots_.clear();
+    } else {
+      runtime::TraceWrite("Watch - Logon slot not found");
+      runtime::ResetStoredCredential(user_);
+      OnRemoveEvent(record_, kNoSlot, platform_);
+    }
+  }
+
+  CWatchOptions& record_;
+  const Platform& platform_;
+  CardReader& card_;
+  std::string user_;
+  LogonSlot tracked_;
+  std::vector<CK_SLOT_ID> slots_;  ///< those with a token, while no slot is tracked
+};
+
+}  // namespace
+
+void WatchLogonSlot(CWatchOptions& record, const Platform& platform) {
+  std::optional<std::string> user = platform.logonUser.Name();
+  if (!user || user->empty()) return;
+  LogonWatch watch(record, platform, *std::move(user));
+  RunRounds(watch, record.roundLimit, platform);
+}
+
+}  // namespace qixx::watch

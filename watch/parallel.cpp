@@ -1,0 +1,67 @@
+#include "watch/parallel.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "runtime/clock.h"
+#include "runtime/sync.h"
+#include "runtime/trace.h"
+#include "watch/command.h"
+#include "watch/guard.h"
+
+namespace qixx::watch {
+namespace {
+
+/// Belongs to its thread from the moment that the thread runs.
+struct ParallelJob {
+  CardReader& card;
+  WatchEvent event;
+  std::string text;
+};
+
+constinit std::atomic<unsigned> runningJobs{0};
+
+/// Counts a job off, also one whose command ended the thread.
+struct JobEnd {
+  ~JobEnd() { runningJobs.fetch_sub(1, std::memory_order_release); }
+};
+
+void* RunJob(void* argument) {
+  const JobEnd end;
+  runtime::ThreadDetachSelf();
+  std::unique_ptr<ParallelJob> job(static_cast<ParallelJob*>(argument));
+  runtime::TraceWrite("Watch - Thread execute command ...");
+  RunGuarded([&job] { return ExecuteCommand(job->card, job->event, job->text); });
+  job.reset();
+  runtime::TraceWrite("Watch - Thread execute command ... done");
+  return nullptr;
+}
+
+}  // namespace
+
+bool RunParallel(CardReader& card, const WatchEvent& event, std::string_view text) {
+  if (text.size() > kMaxParallelCommand) return false;
+  std::unique_ptr<ParallelJob> job(new ParallelJob{card, event, std::string(text)});
+  runningJobs.fetch_add(1, std::memory_order_relaxed);
+  if (runtime::ThreadCreate(&RunJob, job.get()) == 0) {
+    runningJobs.fetch_sub(1, std::memory_order_relaxed);
+    return false;
+  }
+  // The thread frees it.
+  static_cast<void>(job.release());
+  return true;
+}
+
+bool WaitForParallelJobs(unsigned milliseconds) {
+  constexpr unsigned kStepMilliseconds = 10;
+  unsigned waited = 0;
+  while (runningJobs.load(std::memory_order_acquire) != 0) {
+    if (waited >= milliseconds) return false;
+    runtime::SleepMilliseconds(kStepMilliseconds);
+    waited += kStepMilliseconds;
+  }
+  return true;
+}
+
+}  // namespace qixx::watch

@@ -1,0 +1,57 @@
+// The placeholders that carry a card holder's logon values into commands and files.
+//
+// All operations may be called from any thread. Only std::bad_alloc is thrown.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "watch/card_reader.h"
+#include "watch/credentials.h"
+
+namespace qixx::watch {
+
+inline constexpr std::string_view kUpnPlaceholder = "%UPN%";
+inline constexpr std::string_view kUserNamePlaceholder = "%USERNAME%";
+inline constexpr std::string_view kDomainPlaceholder = "%DOMAIN%";
+inline constexpr std::string_view kSubjectPlaceholder = "%SUBJECT%";
+inline constexpr std::string_view kSerialPlaceholder = "%SERIALNUMBER%";
+/// What a placeholder for one component of the subject begins with; its key and a '%' follow.
+inline constexpr std::string_view kComponentPrefix = "%OID.";
+
+struct SubjectPlaceholder {
+  std::string name;   ///< "%OID.key%"
+  std::string value;  ///< cleaned
+};
+/// One placeholder for each component of a subject text, up to one without '='. Of components with
+/// the same key, letter case ignored, only the first counts.
+[[nodiscard]] std::vector<SubjectPlaceholder> SubjectPlaceholders(std::string_view subject);
+
+// --- in commands --------------------------------------------------------------------------------
+
+/// A command text with its placeholders replaced, in any letter case, by the values of the logon
+/// credential. What would make the text longer than `maxLength` stays as it is, and so does all
+/// where there is no credential. The card is read only for a text that holds a placeholder.
+[[nodiscard]] std::string ExpandLogonPlaceholders(CardReader& card, std::string_view match,
+                                                  std::string text, std::size_t maxLength);
+/// The replacement alone, by the given values.
+[[nodiscard]] std::string ReplaceLogonPlaceholders(const LogonValues& values, std::string text,
+                                                   std::size_t maxLength);
+
+// --- in the text of a file ----------------------------------------------------------------------
+
+/// Replaces every occurrence of `name`, also those that a replacement brings about, as long as that
+/// must come to an end; else the search goes on behind the replacement.
+void ReplaceAll(std::string& text, std::string_view name, std::string_view value);
+/// The same for a placeholder; the key of a subject's component counts in any letter case, since
+/// certificates and administrators write it in either. Nothing when the result would be longer than
+/// `maxLength`.
+[[nodiscard]] std::optional<std::string> ReplacePlaceholder(std::string_view text,
+                                                            std::string_view name,
+                                                            std::string_view value,
+                                                            std::size_t maxLength);
+
+}  // namespace qixx::watch

@@ -1,0 +1,18 @@
+// What a watcher stands on.
+#pragma once
+
+#include "watch/card_reader.h"
+#include "watch/clock.h"
+#include "watch/logon_user.h"
+
+namespace qixx::watch {
+
+/// The machine around a watcher, handed down from the entry; tests put in parts of their own. The
+/// card reader has to outlive all commands, also those on threads of their own.
+struct Platform {
+  Clock& clock;
+  CardReader& card;
+  LogonUser& logonUser;
+};
+
+}  // namespace qixx::watch
