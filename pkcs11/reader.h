@@ -26,7 +26,7 @@ namespace qixx::pkcs11 {
 /// A collection holds no more certificates.
 inline constexpr std::size_t kMaxCertificates = 128;
 /// The longest value of a token variable unless the caller takes more, in bytes.
-inline constexpr std::size_t kMaxVariable = 255;
+inline constexpr std::size_t kMaxVariable = runtime::kMaxText;
 
 /// A certificate object, and the session in which it can be used.
 struct FoundCertificate {

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "runtime/files.h"
+#include "runtime/product.h"
 #include "runtime/text.h"
 
 namespace qixx::pkcs11 {

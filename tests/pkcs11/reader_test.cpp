@@ -8,7 +8,7 @@
 
 #include "pkcs11/spare_variable_object.h"
 #include "pkcs11/token_variables.h"
-#include "runtime/files.h"
+#include "runtime/product.h"
 #include "tests/support/fake_card.h"
 #include "tests/support/recipes.h"
 #include "tests/support/trace_capture.h"

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 
+#include "runtime/product.h"
 #include "tests/support/environment.h"
 #include "tests/support/fake_card.h"
 #include "tests/support/temporary_folder.h"
@@ -126,6 +128,47 @@ TEST_F(WrapperTest, LoadsWhenNeeded) {
             "Loaded extended '" QIXX_SOFTCARD_SUITE "'\n");
   EXPECT_TRUE(wrapper_.Release());
   EXPECT_EQ(wrapper_.GetInfo(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED) << "loads again";
+}
+
+TEST_F(WrapperTest, KeepsItsPathWithinLimits) {
+  const std::string longest(pkcs11::kMaxLibraryPath, 'x');
+  EXPECT_TRUE(wrapper_.SetLibraryPath(longest));
+  EXPECT_FALSE(wrapper_.SetLibraryPath(longest + "x"));
+  EXPECT_FALSE(wrapper_.EnsureLoaded()) << "no such file";
+  // A library with a longer path is loaded all the same, and its path is cut in what is told of it.
+  std::filesystem::create_symlink(QIXX_SOFTCARD_SUITE, folder_.Path("module"));
+  const std::string path = folder_.Path() + std::string(300, '/') + "module";
+  EXPECT_TRUE(wrapper_.Load(path));
+  EXPECT_EQ(Told(), "Loaded extended '" + path.substr(0, pkcs11::kMaxLibraryPath) + "'\n");
+}
+
+TEST_F(WrapperTest, TakesItsPathFromTheConfiguration) {
+  runtime::InitProductIdentity();
+  const std::string file = folder_.Write("conf", "[Pkcs11]\nLibrary=" QIXX_FAKE_PLAIN "\n");
+  const ScopedVariable local("qixconfiglocal", file.c_str());
+  EXPECT_TRUE(wrapper_.LoadLibraryFromConfig());
+  EXPECT_TRUE(wrapper_.EnsureLoaded());
+  EXPECT_TRUE(trace_.Has("WrapperPkcs11 - Loaded extended '" QIXX_FAKE_PLAIN "'"));
+}
+
+TEST_F(WrapperTest, ServesAProgramThatIsItsOwnLibrary) {
+  pkcs11::CWrapperPkcs11 program(&card_.List());
+  EXPECT_EQ(program.WaitForSlotEvent(0, nullptr, nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(program.Initialize(nullptr), CKR_OK);
+  EXPECT_EQ(program.WaitForSlotEvent(0, nullptr, nullptr), CKR_NO_EVENT);
+  EXPECT_EQ(program.OpenSession(1, 0, nullptr, nullptr, nullptr), CKR_OK);
+  EXPECT_EQ(program.Sign(1, nullptr, 0, nullptr, nullptr), CKR_FUNCTION_FAILED);
+  EXPECT_EQ(program.ResetToken(1, 2, 3), CKR_FUNCTION_NOT_SUPPORTED);
+  card_.List().C_Finalize = [](auto...) { return CKR_GENERAL_ERROR; };
+  EXPECT_EQ(program.Finalize(nullptr), CKR_OK) << "the program finalises itself";
+  EXPECT_TRUE(program.Release());
+  EXPECT_EQ(Told(),
+            "No event before initialize\nLoaded extended 'static'\n"
+            "Initialize count 1 at initialize\nInitialize count 0 at finalize\nReleased\n");
+  pkcs11::CWrapperPkcs11 forced(&card_.List(), true);
+  EXPECT_TRUE(forced.Load(QIXX_SOFTCARD_SUITE));
+  EXPECT_TRUE(forced.Release());
+  EXPECT_TRUE(trace_.Has("WrapperPkcs11 - Loaded extended '" QIXX_SOFTCARD_SUITE "'"));
 }
 
 TEST_F(WrapperTest, TellsOfNewEvents) {
