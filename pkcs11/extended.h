@@ -83,8 +83,6 @@ extern "C" {
   using name##Function = CK_RV(*) parameters;  // NOLINT(bugprone-macro-parentheses)
 QIXX_CK_EXTENSIONS(QIXX_CK_POINTER_TYPE)
 #undef QIXX_CK_POINTER_TYPE
-
-using ExtensionFunction1 = CK_RV (*)(ExtensionWord);
 }
 
 /// The eleven slots in their order.

@@ -110,12 +110,6 @@ std::optional<std::string> CHelperPkcs11::GetTokenVariable(CK_SLOT_ID slot, bool
   return std::string(*value);
 }
 
-bool CHelperPkcs11::GetTokenVariable(CK_SLOT_ID slot, bool isPrivate, std::string_view name,
-                                     std::span<char> output) {
-  const auto value = GetTokenVariable(slot, isPrivate, name);
-  return value && runtime::CopyTextIfFits(output, *value);
-}
-
 // --- all certificates --------------------------------------------------------------------------
 
 bool CHelperPkcs11::GetCertificates(std::optional<CK_SLOT_ID> slotFilter,
@@ -175,35 +169,6 @@ bool CHelperPkcs11::AddCertificate(std::vector<der::CertificatePtr>& list,
   added->SetKeyIdentifier(entry.keyIdentifier);
   list.push_back(std::move(added));
   return true;
-}
-
-// --- for callers that have not moved yet -------------------------------------------------------
-
-namespace {
-
-CertificateFilter FilterOf(std::uint8_t mask, const char* issuer, const char* subject) {
-  CertificateFilter filter{.keyUsageMask = mask};
-  if (issuer != nullptr) filter.issuer = issuer;
-  if (subject != nullptr) filter.subject = subject;
-  return filter;
-}
-
-}  // namespace
-
-bool CHelperPkcs11::GetCertificates(std::optional<CK_SLOT_ID> slotFilter, std::uint8_t keyUsageMask,
-                                    const char* firstFilter, const char* secondFilter,
-                                    std::span<CertificateEntry> entries) {
-  return GetCertificates(slotFilter, FilterOf(keyUsageMask, firstFilter, secondFilter), entries);
-}
-
-bool CHelperPkcs11::CollectCertificates(std::span<der::CertificatePtr> list,
-                                        std::uint8_t keyUsageMask, const char* subjectFilter,
-                                        const char* issuerFilter, bool markDuplicates) {
-  if (list.empty()) return false;
-  auto collected = CollectCertificates(FilterOf(keyUsageMask, issuerFilter, subjectFilter),
-                                       markDuplicates, list.size() - 1);
-  std::move(collected.begin(), collected.end(), list.begin());
-  return !collected.empty();
 }
 
 }  // namespace qixx::pkcs11

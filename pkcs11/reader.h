@@ -95,17 +95,6 @@ class CHelperPkcs11 {
   /// list or one more than `maxCertificates`.
   static bool AddCertificate(std::vector<der::CertificatePtr>& list, const CertificateEntry& entry,
                              bool markDuplicates, std::size_t maxCertificates = kMaxCertificates);
-
-  // --- for callers that have not moved yet -----------------------------------------------------
-
-  [[nodiscard]] static bool GetTokenVariable(CK_SLOT_ID slot, bool isPrivate, std::string_view name,
-                                             std::span<char> output);
-  static bool CollectCertificates(std::span<der::CertificatePtr> list, std::uint8_t keyUsageMask,
-                                  const char* subjectFilter, const char* issuerFilter,
-                                  bool markDuplicates);
-  static bool GetCertificates(std::optional<CK_SLOT_ID> slotFilter, std::uint8_t keyUsageMask,
-                              const char* firstFilter, const char* secondFilter,
-                              std::span<CertificateEntry> entries);
 };
 
 }  // namespace qixx::pkcs11

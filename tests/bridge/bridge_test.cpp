@@ -348,7 +348,7 @@ TEST_F(Bridge, ForwardsAllAndRefusesWhatItCannotServe) {
     EXPECT_EQ(*entry++, Function<void*>(std::string("C_") + name)) << name;
   }
   EXPECT_EQ(slots.C_SetPINEx(1, nullptr, 0, nullptr, 0, 0), CKR_FUNCTION_NOT_SUPPORTED);
-  EXPECT_EQ(Function<pkcs11::ExtensionFunction1>("C_RemoveExternalSlot")(0),
+  EXPECT_EQ(Function<pkcs11::RemoveExternalSlotFunction>("C_RemoveExternalSlot")(0),
             CKR_FUNCTION_NOT_SUPPORTED);
   CK_ULONG count = 0;
   EXPECT_EQ(Function<pkcs11::ListCardsFunction>("C_ListCards")(0, nullptr, &count), CKR_OK);
