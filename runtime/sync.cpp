@@ -1,96 +1,20 @@
 #include "runtime/sync.h"
 
-#include <dlfcn.h>
-#include <pthread.h>
-
 #include <algorithm>
-#include <csignal>
-#include <ctime>
-#include <limits>
 #include <memory>
-#include <new>
 
+#include "runtime/clock.h"
+#include "runtime/spare_sync.h"
+#include "runtime/thread_library.h"
 #include "runtime/trace.h"
-
-#if defined(__SANITIZE_THREAD__)
-#define QIXX_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define QIXX_THREAD_SANITIZER 1
-#endif
-#endif
 
 namespace qixx::runtime {
 namespace {
 
-// --- the threads library ----------------------------------------------------------------------
-
-/// Opens the threads library, null when there is none.
-void* OpenThreadsLibrary() {
-#if defined(QIXX_THREAD_SANITIZER)
-  // The sanitizer must see every thread and lock, and its replacements stand in the global scope.
-  return RTLD_DEFAULT;
-#else
-  // The plain name comes with development files only, the versioned one with every system.
-  for (const char* name : {"libpthread.so", "libpthread.so.0"}) {
-    if (void* library = ::dlopen(name, RTLD_NOW | RTLD_GLOBAL); library != nullptr) return library;
-  }
-  return nullptr;
-#endif
-}
-
-constexpr bool HasThreadsLibrary([[maybe_unused]] const void* library) {
-#if defined(QIXX_THREAD_SANITIZER)
-  return true;
-#else
-  return library != nullptr;
-#endif
-}
-
-/// The functions of the library; one that is not found stays null.
-struct ThreadLibrary {
-  decltype(&::pthread_mutex_init) mutexInit = nullptr;
-  decltype(&::pthread_mutex_destroy) mutexDestroy = nullptr;
-  decltype(&::pthread_mutex_lock) mutexLock = nullptr;
-  decltype(&::pthread_mutex_trylock) mutexTryLock = nullptr;
-  decltype(&::pthread_mutex_unlock) mutexUnlock = nullptr;
-  decltype(&::pthread_create) create = nullptr;
-  decltype(&::pthread_kill) kill = nullptr;
-  decltype(&::pthread_self) self = nullptr;
-  decltype(&::pthread_detach) detach = nullptr;
-};
-
-template <typename Function>
-void Find(void* library, const char* name, Function& function) {
-  function = reinterpret_cast<Function>(::dlsym(library, name));
-}
-
-ThreadLibrary LoadThreadLibrary() {
-  ThreadLibrary functions;
-  void* library = OpenThreadsLibrary();
-  if (!HasThreadsLibrary(library)) return functions;
-  Find(library, "pthread_mutex_init", functions.mutexInit);
-  Find(library, "pthread_mutex_destroy", functions.mutexDestroy);
-  Find(library, "pthread_mutex_lock", functions.mutexLock);
-  Find(library, "pthread_mutex_trylock", functions.mutexTryLock);
-  Find(library, "pthread_mutex_unlock", functions.mutexUnlock);
-  Find(library, "pthread_create", functions.create);
-  Find(library, "pthread_kill", functions.kill);
-  Find(library, "pthread_self", functions.self);
-  Find(library, "pthread_detach", functions.detach);
-  return functions;
-}
-
-/// Loaded on first need, tried once whatever comes of it, and never unloaded.
-const ThreadLibrary& Threads() {
-  static const ThreadLibrary functions = LoadThreadLibrary();
-  return functions;
-}
-
 // --- mutexes ----------------------------------------------------------------------------------
 
 /// Room for a platform mutex; never less than the 40 bytes of the common 64-bit layout.
-struct MutexArea {
+struct MutexRoom {
   alignas(pthread_mutex_t) unsigned char bytes[std::max<std::size_t>(40, sizeof(pthread_mutex_t))];
 };
 
@@ -98,34 +22,28 @@ pthread_mutex_t* PlatformMutex(void* mutex) {
   return static_cast<pthread_mutex_t*>(mutex);
 }
 
-/// This platform brings mutexes of its own, so a caller need not hand any in.
-constexpr bool kInternalLockingPossible = true;
-
-constexpr timespec kLockPause = {0, 100'000'000};
+constexpr std::int64_t kLockPause = 100;  // milliseconds
 constexpr std::uint64_t kLockTriesPerSecond = 10;
 
-// Constant-initialised and trivially destructible: sections are used before the static
-// constructors have run and after the static destructors.
-constinit ExternalMutexHooks externalHooks;
+// Sections are made before the static constructors have run and used after the static destructors.
 constinit std::atomic<std::uint64_t> liveSections{0};
-constinit std::atomic<std::uint32_t> lockTimeoutSeconds{0};
 
 std::uint32_t PlatformResult(int error) {
   return error == 0 ? kSyncOk : kSyncSystemFailure;
 }
 
 std::uint32_t CreatePlatformMutex(void*& mutex) {
-  std::unique_ptr<MutexArea> area(new (std::nothrow) MutexArea{});
-  if (!area || Threads().mutexInit == nullptr) return kSyncSystemFailure;
-  if (Threads().mutexInit(PlatformMutex(area.get()), nullptr) != 0) return kSyncSystemFailure;
-  mutex = area.release();
+  if (Threads().mutexInit == nullptr) return kSyncSystemFailure;
+  auto room = std::make_unique<MutexRoom>();
+  if (Threads().mutexInit(PlatformMutex(room.get()), nullptr) != 0) return kSyncSystemFailure;
+  mutex = room.release();
   return kSyncOk;
 }
 
 std::uint32_t DestroyPlatformMutex(void* mutex) {
   if (Threads().mutexDestroy == nullptr) return kSyncSystemFailure;
   if (Threads().mutexDestroy(PlatformMutex(mutex)) != 0) return kSyncSystemFailure;
-  delete static_cast<MutexArea*>(mutex);
+  delete static_cast<MutexRoom*>(mutex);
   return kSyncOk;
 }
 
@@ -133,13 +51,13 @@ std::uint32_t TryLockFor(std::uint32_t seconds, decltype(&::pthread_mutex_tryloc
                          pthread_mutex_t* mutex) {
   for (std::uint64_t tries = seconds * kLockTriesPerSecond; tries != 0; --tries) {
     if (tryLock(mutex) == 0) return kSyncOk;
-    ::nanosleep(&kLockPause, nullptr);
+    SleepMilliseconds(kLockPause);
   }
   return kSyncSystemFailure;
 }
 
 std::uint32_t LockPlatformMutex(void* mutex) {
-  const std::uint32_t seconds = lockTimeoutSeconds.load(std::memory_order_relaxed);
+  const std::uint32_t seconds = LockTimeout();
   if (const auto tryLock = Threads().mutexTryLock; seconds != 0 && tryLock != nullptr) {
     return TryLockFor(seconds, tryLock, PlatformMutex(mutex));
   }
@@ -171,16 +89,16 @@ std::uint32_t CCritical::Initialise() {
   count_.store(0, std::memory_order_relaxed);
   liveSections.fetch_add(1, std::memory_order_relaxed);
   if (mutex_ != nullptr) return kSyncGeneralError;
-  return externalHooks.create != nullptr ? externalHooks.create(&mutex_)
-                                         : CreatePlatformMutex(mutex_);
+  return MutexHooks().create != nullptr ? MutexHooks().create(&mutex_)
+                                        : CreatePlatformMutex(mutex_);
 }
 
 std::uint32_t CCritical::Destroy() {
   if (!initialised_) return kSyncOk;
   std::uint32_t result = kSyncGeneralError;
   if (mutex_ != nullptr) {
-    result = externalHooks.destroy != nullptr ? externalHooks.destroy(mutex_)
-                                              : DestroyPlatformMutex(mutex_);
+    result = MutexHooks().destroy != nullptr ? MutexHooks().destroy(mutex_)
+                                             : DestroyPlatformMutex(mutex_);
   }
   mutex_ = nullptr;
   initialised_ = false;
@@ -189,7 +107,7 @@ std::uint32_t CCritical::Destroy() {
 }
 
 std::uint32_t CCritical::Lock() {
-  return externalHooks.lock != nullptr ? externalHooks.lock(mutex_) : LockPlatformMutex(mutex_);
+  return MutexHooks().lock != nullptr ? MutexHooks().lock(mutex_) : LockPlatformMutex(mutex_);
 }
 
 std::uint32_t CCritical::Enter() {
@@ -219,8 +137,7 @@ std::uint32_t CCritical::Leave() {
   }
   owner_.store(0, std::memory_order_relaxed);
   count_.store(0, std::memory_order_relaxed);
-  return externalHooks.unlock != nullptr ? externalHooks.unlock(mutex_)
-                                         : UnlockPlatformMutex(mutex_);
+  return MutexHooks().unlock != nullptr ? MutexHooks().unlock(mutex_) : UnlockPlatformMutex(mutex_);
 }
 
 bool CCritical::IsHeldByOtherThread() const {
@@ -228,49 +145,8 @@ bool CCritical::IsHeldByOtherThread() const {
   return owner != 0 && owner != ThreadSelf();
 }
 
-bool CCriticalCounter::Increment(std::uint64_t& value) {
-  const CriticalScope hold(this);
-  const bool changes = counter_ < std::numeric_limits<std::uint32_t>::max();
-  if (changes) ++counter_;
-  value = counter_;
-  return changes;
-}
-
-bool CCriticalCounter::Decrement(std::uint64_t& value) {
-  const CriticalScope hold(this);
-  const bool changes = counter_ != 0;
-  if (changes) --counter_;
-  value = counter_;
-  return changes;
-}
-
-void SetLockTimeout(std::uint32_t seconds) {
-  lockTimeoutSeconds.store(seconds, std::memory_order_relaxed);
-}
-
-std::uint32_t SetExternalMutexHooks(const ExternalMutexHooks* hooks) {
-  if (liveSections.load(std::memory_order_relaxed) != 0) {
-    TraceWrite("Critical - INTERNAL ERROR, external pointers disabled");
-    return kSyncOk;
-  }
-  if (hooks == nullptr) {
-    TraceWrite("Critical - Internal mutexes enabled");
-    return kSyncOk;
-  }
-  const int present = (hooks->create != nullptr) + (hooks->destroy != nullptr) +
-                      (hooks->lock != nullptr) + (hooks->unlock != nullptr);
-  if (present != 4 && !kInternalLockingPossible) {
-    TraceWrite("Critical - Internal locking not supported");
-    return kSyncCantLock;
-  }
-  if (present == 4) {
-    externalHooks = *hooks;
-    TraceWrite("Critical - External mutexes enabled");
-    return kSyncOk;
-  }
-  if (present == 0) return kSyncOk;
-  TraceWrite("Critical - Bad arguments");
-  return kSyncBadArguments;
+std::uint64_t CCritical::LiveCount() {
+  return liveSections.load(std::memory_order_relaxed);
 }
 
 // --- threads ----------------------------------------------------------------------------------
@@ -286,14 +162,6 @@ ThreadId ThreadCreate(ThreadFunction function, void* argument) {
 
 void ThreadDetachSelf() {
   if (Threads().detach != nullptr && Threads().self != nullptr) Threads().detach(Threads().self());
-}
-
-void ThreadKill(ThreadId thread, int signal) {
-  if (Threads().kill == nullptr) {
-    TraceWrite("Thread - Failed to load kill thread from posix library");
-    return;
-  }
-  if (thread != 0) Threads().kill(static_cast<pthread_t>(thread), signal);
 }
 
 ThreadId ThreadSelf() {

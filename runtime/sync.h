@@ -24,14 +24,6 @@ inline constexpr std::uint32_t kSyncSystemFailure = 48;
 using ThreadId = std::uint64_t;
 using ThreadFunction = void* (*)(void*);
 
-/// Mutex functions in the manner of CK_C_INITIALIZE_ARGS; all four or none.
-struct ExternalMutexHooks {
-  std::uint32_t (*create)(void** mutex) = nullptr;
-  std::uint32_t (*destroy)(void* mutex) = nullptr;
-  std::uint32_t (*lock)(void* mutex) = nullptr;
-  std::uint32_t (*unlock)(void* mutex) = nullptr;
-};
-
 /// A recursive mutex. Owner and count are relaxed atomics: they mean something to the owning thread
 /// only, and any other thread that looks at them goes on to block in the mutex itself.
 class CCritical {
@@ -51,28 +43,17 @@ class CCritical {
   std::uint32_t Enter();
   std::uint32_t Leave();
   [[nodiscard]] bool IsHeldByOtherThread() const;
+  /// How many sections of the process are initialised.
+  [[nodiscard]] static std::uint64_t LiveCount();
 
  private:
   std::uint32_t Lock();
 
-  [[maybe_unused]] unsigned char area_[64] = {};
+  [[maybe_unused]] unsigned char reserved_[64] = {};  ///< part of the object's layout in the suite
   void* mutex_ = nullptr;
   bool initialised_ = false;
   std::atomic<ThreadId> owner_{0};
   std::atomic<std::uint64_t> count_{0};
-};
-
-/// A counter under its own lock; it passes neither 0 nor 4,294,967,295.
-class CCriticalCounter : public CCritical {
- public:
-  CCriticalCounter() = default;
-  ~CCriticalCounter() override = default;
-  /// Return whether the value changed; `value` receives the new value in either case.
-  bool Increment(std::uint64_t& value);
-  bool Decrement(std::uint64_t& value);
-
- private:
-  std::uint64_t counter_ = 0;
 };
 
 /// Holds a critical section for a scope; a null section is no section.
@@ -95,17 +76,7 @@ class CriticalScope {
 ThreadId ThreadCreate(ThreadFunction function, void* argument);
 /// Lets the calling thread free its own resources when it ends. Does nothing without the library.
 void ThreadDetachSelf();
-/// Sends the signal to a thread that has not been freed yet; id 0 is no thread.
-void ThreadKill(ThreadId thread, int signal);
 /// The calling thread's id, 0 without the library.
 [[nodiscard]] ThreadId ThreadSelf();
-
-/// Makes Enter give up after that many seconds with kSyncSystemFailure; 0, as at start, waits for
-/// ever. Not used by the program itself.
-void SetLockTimeout(std::uint32_t seconds);
-
-/// Registers mutex functions for all sections made from now on, before there are other threads.
-/// Refused (with a trace line, result 0) once any section is live. A null record changes nothing.
-std::uint32_t SetExternalMutexHooks(const ExternalMutexHooks* hooks);
 
 }  // namespace qixx::runtime

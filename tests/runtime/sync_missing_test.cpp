@@ -3,9 +3,10 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 
+#include <cstdlib>
 #include <string_view>
 
-#include "runtime/sync.h"
+#include "runtime/spare_sync.h"
 #include "tests/support/trace_capture.h"
 
 static int refused = 0;
@@ -20,6 +21,27 @@ extern "C" void* dlopen(const char* name, int mode) noexcept {
 
 namespace qixx::runtime {
 namespace {
+
+int hookCalls = 0;
+
+/// In a program without any section so far; returns the number of the first step that failed.
+int UseExternalMutexes() {
+  ExternalMutexHooks hooks;
+  hooks.lock = [](void* /*mutex*/) -> std::uint32_t { return ++hookCalls, kSyncOk; };
+  if (SetExternalMutexHooks(&hooks) != kSyncBadArguments) return 1;
+  hooks.create = [](void** mutex) -> std::uint32_t { return *mutex = &hookCalls, kSyncOk; };
+  hooks.destroy = hooks.unlock = hooks.lock;
+  if (SetExternalMutexHooks(&hooks) != kSyncOk) return 2;
+  {
+    CCritical section;
+    if (section.Enter() != kSyncOk || section.Leave() != kSyncOk) return 3;
+  }
+  return hookCalls == 3 ? 0 : 4;
+}
+
+TEST(ExternalMutexes, TakeThePlaceOfThePlatforms) {
+  EXPECT_EXIT(std::_Exit(UseExternalMutexes()), ::testing::ExitedWithCode(0), "");
+}
 
 TEST(SyncMissingTest, RunsUnlocked) {
   if (ThreadSelf() != 0) GTEST_SKIP() << "a thread-sanitizer build has the library built in";

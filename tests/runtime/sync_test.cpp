@@ -1,4 +1,4 @@
-#include "runtime/sync.h"
+#include "runtime/spare_sync.h"
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -31,6 +31,14 @@ TEST(SyncTest, SectionIsRecursiveAndItsOwnersAlone) {
   count();
   other.join();
   EXPECT_EQ(shared, 10000);
+}
+
+TEST(SyncTest, CounterStopsAtNought) {
+  CCriticalCounter counter;
+  EXPECT_EQ(counter.Decrement(), std::nullopt);
+  EXPECT_EQ(counter.Increment(), 1U);
+  EXPECT_EQ(counter.Increment(), 2U);
+  EXPECT_EQ(counter.Decrement(), 1U);
 }
 
 }  // namespace

@@ -8,7 +8,8 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "runtime/files.h"
+#include "runtime/clock.h"
+#include "runtime/product.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 
@@ -86,8 +87,21 @@ TEST_F(TraceTest, FormatsArgumentsAndCutsWhatIsTooLong) {
   EXPECT_EQ(last, "12345678a% (null)\n") << "the count steps over ten";
   TraceWrite("%d%d%d%d%d%d%d%d%d%d%%", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10);
   EXPECT_EQ(last, "INTERNAL PROBLEM, TOO MANY ARGUMENTS") << "no line end, as intended";
+  TraceWrite(
+      "0123456789012345678901234567890123456789012345678901234567890123456789"
+      "012345678901234567890123456789012345678901234567890123%-9d",
+      1);
+  EXPECT_EQ(last.substr(last.size() - 5), "23%-\n") << "the format is cut inside a directive";
   TraceWrite("%s", std::string(20'000, 'x').c_str());
   EXPECT_EQ(last, std::string(kMaxTraceLine - 1, 'x') + '\n');
+}
+
+TEST_F(TraceTest, DelayFollowsEachLine) {
+  TraceSetCallback([](const char* /*line*/, std::size_t /*length*/) {});
+  TraceSetDelay(30);
+  const std::int64_t before = MonotonicMilliseconds();
+  TraceWrite("one");
+  EXPECT_GE(MonotonicMilliseconds() - before, 30);
 }
 
 TEST_F(TraceTest, EmptiesALargeTargetOnceAnHour) {
@@ -109,10 +123,12 @@ TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
   SetFile("pipe.log");  // must not block
   folder_.Write("~qixdata.cer", "older and longer");
   fs::create_symlink(folder_.Write("kept", "kept"), folder_.Path("~qixlink"));
+  fs::create_hard_link(folder_.Write("second name", "kept"), folder_.Path("~qixhard"));
   const std::uint8_t data[] = {'d', 0, 'a'};
-  for (const char* const name : {"data.cer", "link"}) TraceDump(name, data);
+  for (const char* const name : {"data.cer", "link", "hard"}) TraceDump(name, data);
   EXPECT_EQ(folder_.Read("~qixdata.cer"), std::string("d\0a", 3));
   EXPECT_EQ(folder_.Read("kept"), "kept");
+  EXPECT_EQ(folder_.Read("second name"), "kept");
   // Only a privileged run can give a file away.
   if (::chown(folder_.Write("~qixtheirs", "kept").c_str(), 1, 1) != 0) return;
   TraceDump("theirs", data);
