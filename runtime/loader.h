@@ -76,9 +76,9 @@ void SetLibraryDirectory(std::string_view directory);
 /// Runs a call into somebody else's library; false when it threw. What a library throws may not
 /// outlive it, so nothing comes through. The end of a thread (pthread_exit, cancellation) does, for
 /// it must not be caught; it has no exception object, which the undefined-behaviour sanitizer would
-/// report.
+/// report, also after inlining.
 template <typename Operation>
-__attribute__((no_sanitize("null"))) bool CallLibrary(const Operation& call) {
+__attribute__((noinline, no_sanitize("null"))) bool CallLibrary(const Operation& call) {
   try {
     call();
     return true;

@@ -20,6 +20,10 @@ int allocationsLeft = -1;
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
+// The library's own temporary buffers ask in this form.
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return std::malloc(size == 0 ? 1 : size);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
