@@ -69,14 +69,6 @@ bool InsertKeyword(CWatchOptions& record, const WatchEvent& event, CardReader& c
   return true;
 }
 
-bool WaitBeforeInsert(const CWatchOptions& record, const WatchEvent& event,
-                      const Platform& platform) {
-  config::CConfig config;
-  // Nothing of it is asked on insert; the open shows in the trace as that of a removal does.
-  if (event.wait != 0) static_cast<void>(LoadProductConfiguration(config));
-  return WaitBeforeEvent(record, event, config, platform);
-}
-
 bool RunInsertCommands(CWatchOptions& record, const WatchEvent& event, CardReader& card) {
   switch (FormOf(record)) {
     case CommandForm::kDirect:
@@ -136,7 +128,7 @@ bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform
   config::CConfig config;
   // A configuration that does not load has no entries, so it runs no remove commands.
   static_cast<void>(LoadProductConfiguration(config));
-  if (!WaitBeforeEvent(record, event, config, platform)) return false;
+  if (!WaitBeforeEvent(record, event, platform)) return false;
   EventHook(record, event.kind);
   EndKeywordProcess(record);
   RunRemoveCommands(config, record, event, platform.card);
@@ -145,8 +137,13 @@ bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform
 
 }  // namespace
 
-bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event, config::CConfig& config,
+bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
                      const Platform& platform) {
+  if (event.wait == 0) return true;
+  config::CConfig config;
+  // Without a configuration the remove section counts as having no ordinary command.
+  static_cast<void>(LoadProductConfiguration(config));
+
   const std::uint64_t rounds = WaitRounds(event.wait);
   for (std::uint64_t round = 0; round < rounds; ++round) {
     if (!StillHolds(record, event, config, platform.card)) return false;
@@ -161,7 +158,7 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
   WatchEvent event;
   bool success = RunGuarded([&] {
     event = EventOf(record, EventKind::kInsert, slot);
-    return WaitBeforeInsert(record, event, platform);
+    return WaitBeforeEvent(record, event, platform);
   });
   if (success) {
     EventHook(record, EventKind::kInsert);

@@ -23,8 +23,9 @@ void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
 /// the event names, asking three times in each whether it still holds; false at once when it does
 /// not, or when the process is asked to stop. Without a wait nothing is asked. An insert holds
 /// while its card yields a credential for the match, if there is one; a removal that has nothing
-/// but endings to do while there is something to end. `config` is the open product configuration.
-bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event, config::CConfig& config,
+/// but endings to do while there is something to end. Opens a configuration of its own, which shows
+/// in the trace.
+bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
                      const Platform& platform);
 
 /// Called before and after the commands of an event; nothing to do on this platform.
