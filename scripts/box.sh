@@ -174,6 +174,7 @@ box_exit() {
   {
     # unshare holds SIGTERM back while what it started runs; that dies with it.
     [ -z "$box_outer" ] || kill -KILL "$box_outer" || true
+    # shellcheck disable=SC2013 # words, all in one line
     for child in $(cat "/proc/$$/task/$$/children"); do kill "$child" || true; done
     wait || true
   } 2>/dev/null # where bash would report each
