@@ -12,8 +12,6 @@
 namespace qixx::der {
 namespace {
 
-constexpr std::size_t kShortHeader = 2;
-
 std::size_t LongestHeader(std::size_t maxSize) {
   if (maxSize <= 0x7F) return 2;
   if (maxSize <= 0xFF) return 3;

@@ -94,7 +94,7 @@ TEST_F(Bridge, TranslatesEverySlot) {
   EXPECT_EQ(info.slotID, 4U);
   EXPECT_EQ(list_->C_CloseAllSessions(4), CKR_OK);
   EXPECT_EQ(list_->C_GetSessionInfo(session, &info), CKR_SESSION_HANDLE_INVALID);
-  for (const CK_SLOT_ID unknown : {0, 2, 5, 7}) {
+  for (const CK_SLOT_ID unknown : {0U, 2U, 5U, 7U}) {
     EXPECT_EQ(list_->C_GetSlotInfo(unknown, &slot), CKR_SLOT_ID_INVALID) << unknown;
     EXPECT_EQ(list_->C_OpenSession(unknown, CKF_SERIAL_SESSION, nullptr, nullptr, &session),
               CKR_SLOT_ID_INVALID);
@@ -136,7 +136,7 @@ TEST_F(Bridge, TellsOfOneCardAtATime) {
     long number;
   };
   const Reader readers[] = {{1, 1}, {5, 4}};
-  for (const std::size_t first : {0, 1}) {
+  for (const std::size_t first : {0U, 1U}) {
     const Reader badge = readers[first];
     const Reader other = readers[1 - first];
     SCOPED_TRACE(badge.id);
@@ -211,7 +211,7 @@ TEST_F(Bridge, TellsOfTheReadersThatCount) {
     Start(SOFTCARD_PLAIN);
     EXPECT_EQ(Slots(), (Numbers{1, 4, 7}));
     EXPECT_EQ(Slots(CK_TRUE), row.counting);
-    for (const CK_SLOT_ID slot : {1, 4, 7}) {
+    for (const CK_SLOT_ID slot : {1U, 4U, 7U}) {
       CK_SLOT_INFO info = {};
       EXPECT_EQ(list_->C_GetSlotInfo(slot, &info), CKR_OK);
       EXPECT_NE(info.flags & CKF_TOKEN_PRESENT, 0U);

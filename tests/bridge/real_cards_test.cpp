@@ -136,7 +136,7 @@ TEST_F(RealCards, ServiceAndDriverComeLateDieAndComeBack) {
   // A driver that has just been installed is found by a service that is started again.
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   service.Stop();
-  for (const std::size_t count : {1, 2}) {
+  for (const std::size_t count : {1U, 2U}) {
     service.Start();
     Insert(1);
     ExpectRead(1, count);
