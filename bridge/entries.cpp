@@ -19,7 +19,7 @@
 #include "bridge/variables.h"
 #include "pkcs11/entry.h"
 #include "pkcs11/extended.h"
-#include "runtime/lasting.h"
+#include "runtime/no_destructor.h"
 #include "runtime/sync.h"
 #include "runtime/text.h"
 
@@ -62,7 +62,7 @@ bool IsForked() {
 
 /// Never destroyed: a program may call from its own static destructors.
 Bridge& TheBridge() {
-  static runtime::Lasting<Bridge> bridge;
+  static runtime::NoDestructor<Bridge> bridge;
   return *bridge;
 }
 
