@@ -16,6 +16,4 @@ enum class ConfigResult : std::uint32_t {
   kNoEntry = 0x80001002,
 };
 
-inline constexpr ConfigResult kConfigOk = ConfigResult::kOk;
-
 }  // namespace qixx::config

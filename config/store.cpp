@@ -263,41 +263,4 @@ void CConfig::RecordReference(std::string_view section, std::string_view entry) 
   if (wanted) AddReference(section, entry);
 }
 
-// --- the same with areas ----------------------------------------------------------------------
-
-ConfigResult CConfig::GetString(const char* section, const char* entry, std::span<char> buffer,
-                                bool /*convert*/) {
-  runtime::CopyTextCut(buffer, {});
-  if (section == nullptr || entry == nullptr || buffer.empty()) return ConfigResult::kFailed;
-  const std::optional<ConfigValue> value = GetString(section, entry, buffer.size() - 1);
-  if (!value) return ConfigResult::kFailed;
-  runtime::CopyTextCut(buffer, value->text);
-  return value->origin == ConfigOrigin::kFile ? ConfigResult::kOk : ConfigResult::kFailed;
-}
-
-ConfigResult CConfig::SetString(const char* section, const char* entry, const char* value,
-                                bool /*convert*/) {
-  return SetString(runtime::ViewOf(section), runtime::ViewOf(entry), runtime::ViewOf(value));
-}
-
-ConfigResult CConfig::GetBoolean(const char* section, const char* entry, bool& value) {
-  const std::optional<bool> found = GetBoolean(section, entry);
-  if (found) value = *found;
-  return found ? ConfigResult::kOk : ConfigResult::kFailed;
-}
-
-ConfigResult CConfig::EnumEntries(std::span<char> section, std::span<char> entry,
-                                  std::size_t& index) {
-  const std::optional<ConfigEntry> found = EnumEntries(index);
-  runtime::CopyTextCut(section, found ? found->section : std::string());
-  runtime::CopyTextCut(entry, found ? found->entry : std::string());
-  return found ? ConfigResult::kOk : ConfigResult::kFailed;
-}
-
-bool ReadConfigText(CConfig& config, const char* section, const char* entry, std::span<char> buffer,
-                    bool convert) {
-  return config.GetString(section, entry, buffer, convert) == ConfigResult::kOk ||
-         !runtime::TextOf(buffer).empty();
-}
-
 }  // namespace qixx::config

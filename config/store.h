@@ -104,13 +104,6 @@ class CConfig {
   virtual ConfigResult SetBlock(std::optional<std::string_view> name,
                                 std::span<const std::uint8_t> data);
 
-  // The same with areas, for callers that have not moved to values yet.
-  ConfigResult GetString(const char* section, const char* entry, std::span<char> buffer,
-                         bool convert);
-  ConfigResult SetString(const char* section, const char* entry, const char* value, bool convert);
-  ConfigResult GetBoolean(const char* section, const char* entry, bool& value);
-  ConfigResult EnumEntries(std::span<char> section, std::span<char> entry, std::size_t& index);
-
  protected:
   /// Whether a "mode:" condition holds. A store that knows modes answers itself.
   [[nodiscard]] virtual bool IsModeActive(std::string_view mode) const;
@@ -138,9 +131,5 @@ class CConfig {
 [[nodiscard]] std::optional<ConfigValue> ReadNumberedEntry(
     CConfig& config, std::string_view section, unsigned number,
     std::size_t maxLength = runtime::kMaxText);
-
-/// GetString for callers that honour overrides: true when the result is 0 or the buffer holds text.
-[[nodiscard]] bool ReadConfigText(CConfig& config, const char* section, const char* entry,
-                                  std::span<char> buffer, bool convert);
 
 }  // namespace qixx::config

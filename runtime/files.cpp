@@ -156,47 +156,4 @@ std::optional<std::string> GetStoredCredential(std::string_view /*name*/) {
 
 void ResetStoredCredential(std::string_view /*name*/) {}
 
-// --- former forms -----------------------------------------------------------------------------
-
-bool CreatePath(const char* path) {
-  return CreatePath(std::string(ViewOf(path)));
-}
-
-bool CopyFileSafely(const char* source, const char* destination) {
-  return CopyFileSafely(std::string(ViewOf(source)), std::string(ViewOf(destination)));
-}
-
-bool PathExists(const char* path) {
-  return PathExists(std::string(ViewOf(path)));
-}
-
-std::size_t GetFileSize(const char* path) {
-  return GetFileSize(std::string(ViewOf(path)));
-}
-
-std::size_t ReadWholeFile(const char* path, std::uint8_t*& data) {
-  data = nullptr;
-  const std::string content = ReadWholeFile(std::string(ViewOf(path))).value_or("");
-  if (content.empty()) return 0;
-  data = new std::uint8_t[content.size()];
-  content.copy(reinterpret_cast<char*>(data), content.size());
-  return content.size();
-}
-
-bool WriteWholeFileSafely(std::span<const std::uint8_t> data, const char* path) {
-  return WriteWholeFileSafely(std::string(ViewOf(path)), AsText(data));
-}
-
-bool GetCallingApplication(std::span<char> area) {
-  const std::string path = GetCallingApplication();
-  CopyTextCut(area, {});
-  return CopyTextIfFits(area, path) && !path.empty();
-}
-
-bool GetStoredCredential(const char* /*name*/, std::span<char> /*area*/) {
-  return false;
-}
-
-void ResetStoredCredential(const char* /*name*/) {}
-
 }  // namespace qixx::runtime

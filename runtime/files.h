@@ -18,7 +18,6 @@ namespace qixx::runtime {
 
 /// Larger files are not read.
 inline constexpr std::size_t kMaxFileSize = std::size_t{64} * 1024 * 1024;
-inline constexpr std::size_t kMaximumFileSize = kMaxFileSize;
 
 /// "TEMP", else "TMP", else "/tmp/" when it exists; ends in '/'. A variable that is longer than
 /// kMaxText with its '/' leads to "/tmp/" as well.
@@ -51,19 +50,5 @@ std::string GetCallingApplication();
 [[nodiscard]] std::optional<std::string> GetStoredCredential(std::string_view name);
 /// Does nothing, for the same reason.
 void ResetStoredCredential(std::string_view name);
-
-// --- former forms -----------------------------------------------------------------------------
-
-bool CreatePath(const char* path);
-[[nodiscard]] bool CopyFileSafely(const char* source, const char* destination);
-[[nodiscard]] bool PathExists(const char* path);
-[[nodiscard]] std::size_t GetFileSize(const char* path);
-/// Reads a whole regular file into a new array that the caller frees with delete[]. Returns the
-/// length; 0 and null for an empty file and on every failure.
-[[nodiscard]] std::size_t ReadWholeFile(const char* path, std::uint8_t*& data);
-[[nodiscard]] bool WriteWholeFileSafely(std::span<const std::uint8_t> data, const char* path);
-bool GetCallingApplication(std::span<char> area);
-bool GetStoredCredential(const char* name, std::span<char> area);
-void ResetStoredCredential(const char* name);
 
 }  // namespace qixx::runtime

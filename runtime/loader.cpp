@@ -152,28 +152,4 @@ int CallAdminEntry(std::string_view arguments) {
   return CallEntry(library, kAdminEntry, arguments).value_or(-1);
 }
 
-// --- former forms -----------------------------------------------------------------------------
-
-LibraryHandle OpenLibrary(const char* path) {
-  return OpenLibrary(std::string(ViewOf(path))).Release();
-}
-
-LibraryHandle LoadLibrarySearch(const char* name, std::span<char> path) {
-  std::optional<FoundLibrary> found = LoadLibrarySearch(std::string(ViewOf(name)));
-  if (!found) return nullptr;
-  CopyTextCut(path, found->path);
-  return found->library.Release();
-}
-
-void CloseLibrary(LibraryHandle library) {
-  SharedLibrary(library).Close();
-}
-
-void* FindSymbol(LibraryHandle library, const char* symbol) {
-  SharedLibrary borrowed(library);
-  void* const found = borrowed.FindSymbol<void*>(std::string(ViewOf(symbol)));
-  (void)borrowed.Release();
-  return found;
-}
-
 }  // namespace qixx::runtime

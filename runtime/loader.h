@@ -97,11 +97,4 @@ bool CallExternal(std::string_view text);
 /// none, or it threw.
 int CallAdminEntry(std::string_view arguments);
 
-// --- former forms -----------------------------------------------------------------------------
-
-[[nodiscard]] LibraryHandle OpenLibrary(const char* path);
-[[nodiscard]] LibraryHandle LoadLibrarySearch(const char* name, std::span<char> path);
-void CloseLibrary(LibraryHandle library);
-[[nodiscard]] void* FindSymbol(LibraryHandle library, const char* symbol);
-
 }  // namespace qixx::runtime

@@ -281,11 +281,4 @@ bool StartApplication(std::string_view arguments, bool startProgram) {
   return LaunchProcess(program, arguments);
 }
 
-// --- former forms -----------------------------------------------------------------------------
-
-int LaunchProcess(const char* program, const char* arguments, std::int64_t waitMode, bool /*show*/,
-                  std::uint64_t* /*processId*/) {
-  return LaunchProcess(std::string(ViewOf(program)), ViewOf(arguments), waitMode) ? 1 : 0;
-}
-
 }  // namespace qixx::runtime

@@ -41,9 +41,4 @@ bool EndProcess(std::uint64_t processId);
 /// returns true.
 bool StartApplication(std::string_view arguments, bool startProgram);
 
-// --- former forms -----------------------------------------------------------------------------
-
-int LaunchProcess(const char* program, const char* arguments, std::int64_t waitMode, bool show,
-                  std::uint64_t* processId);
-
 }  // namespace qixx::runtime
