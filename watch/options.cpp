@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "runtime/text.h"
+#include "watch/option_table.h"
 
 namespace qixx::watch {
 namespace {
@@ -125,18 +126,44 @@ void ParseHide(OptionText& text, CWatchOptions& record) {
   }
 }
 
-/// Each option is tested once, in this order, at the current place; nothing is skipped between
-/// them.
+void ReadOption(PositionalOption option, OptionText& text, CWatchOptions& record) {
+  switch (option) {
+    case PositionalOption::kWaitFlag:
+      record.waitFlag = true;
+      break;
+    case PositionalOption::kMatch:
+      Store(record.match, text.TakeQuotedValue());
+      break;
+    case PositionalOption::kWait:
+      ParseWaits(text.TakeQuotedValue(), record);
+      break;
+    case PositionalOption::kMessage:
+      ParseMessages(text.TakeQuotedValue(), record);
+      break;
+    case PositionalOption::kHide:
+      ParseHide(text, record);
+      break;
+    case PositionalOption::kSync:
+      record.sync = true;
+      break;
+    case PositionalOption::kTerminate:
+      record.terminate = true;
+      break;
+    case PositionalOption::kRecognized:
+      record.recognized = true;
+      break;
+    case PositionalOption::kSimulate:
+      record.simulate = text.TakeQuotedValue().substr(0, kMaxSimulate);
+      break;
+  }
+}
+
+/// Each option is tested once, in the order of the table, at the current place; nothing is skipped
+/// between them.
 void ParsePositionalForm(OptionText& text, CWatchOptions& record) {
-  if (text.Take("-w ")) record.waitFlag = true;
-  if (text.Take("-match \"")) Store(record.match, text.TakeQuotedValue());
-  if (text.Take("-wait \"")) ParseWaits(text.TakeQuotedValue(), record);
-  if (text.Take("-message \"")) ParseMessages(text.TakeQuotedValue(), record);
-  if (text.Take("-hide ")) ParseHide(text, record);
-  if (text.Take("-sync ")) record.sync = true;
-  if (text.Take("-term ")) record.terminate = true;
-  if (text.Take("-recognized ")) record.recognized = true;
-  if (text.Take("-simulate \"")) record.simulate = text.TakeQuotedValue().substr(0, kMaxSimulate);
+  for (const PositionalRow& row : kPositionalOptions) {
+    if (text.Take(row.head)) ReadOption(row.option, text, record);
+  }
   if (record.simulate.empty() && !text.Left().empty()) Store(record.rest, text.Left());
   record.roundLimit = kEndlessRounds;
 }

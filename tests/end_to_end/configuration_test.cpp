@@ -85,13 +85,26 @@ TEST_F(Configuration, WithoutTraceNoFileAppears) {
   EXPECT_EQ(desktop.Home().Read("stdout.txt") + desktop.Home().Read("stderr.txt"), "");
 }
 
-TEST_F(Configuration, HelpAndVersionAnswerBeforeAnythingElse) {
-  for (const char* option : {"--help", "--version"}) {
-    Configure("", {"kill x"});
-    desktop.Start({option});
-    EXPECT_EQ(desktop.Stop(0), 0);
-    EXPECT_NE(desktop.Home().Read("stdout.txt").find("qixxwatch"), std::string::npos);
-    fs::remove(desktop.Path("stdout.txt"));
+TEST_F(Configuration, WordsForPeopleAnswerBeforeAnythingElse) {
+  const std::tuple<Lines, int, const char*, const char*> rows[] = {
+      {{"--help"}, 0, "Usage: qixxwatch", ""},
+      {{"-h", "config"}, 0, "Usage: qixxwatch", ""},
+      {{"--version"}, 0, "qixxwatch ", ""},
+      {{"-V"}, 0, "qixxwatch ", ""},
+      {{"--hilfe\x1b[2J"},
+       2,
+       "",
+       "qixxwatch: unknown option '--hilfe?[2J'; see qixxwatch --help\n"},
+      {{"--", "x"}, 2, "", "qixxwatch: unknown option '--'; see qixxwatch --help\n"},
+  };
+  Configure("", {"kill x"});
+  for (const auto& [words, code, output, errors] : rows) {
+    SCOPED_TRACE(::testing::PrintToString(words));
+    desktop.Start(words);
+    EXPECT_EQ(desktop.Stop(0), code);
+    EXPECT_TRUE(desktop.Home().Read("stdout.txt").starts_with(output));
+    EXPECT_EQ(desktop.Home().Read("stderr.txt"), errors);
+    for (const char* file : {"stdout.txt", "stderr.txt"}) fs::remove(desktop.Path(file));
   }
   EXPECT_TRUE(desktop.TraceAfter("").empty());
 }

@@ -1,0 +1,86 @@
+// The words for people: the help, and the texts that have to say the same.
+#include <gmock/gmock.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "tests/support/temporary_folder.h"
+#include "watch/option_table.h"
+#include "watch/people.h"
+
+namespace qixx::testing {
+namespace {
+
+using ::testing::HasSubstr;
+
+std::string Source(const std::string& file) {
+  return TemporaryFolder::ReadFile(std::string(QIXX_SOURCE_DIR "/") + file);
+}
+
+/// All options that anything is said of.
+std::set<std::string> KnownOptions() {
+  std::set<std::string> names;
+  for (const watch::PositionalRow& row : watch::kPositionalOptions) {
+    if (!row.help.empty()) names.emplace(row.head.substr(0, row.head.find(' ')));
+  }
+  for (const watch::KeywordRow& row : watch::kKeywordOptions) {
+    if (!row.help.empty()) names.emplace(row.name);
+  }
+  for (const watch::PeopleRow& row : watch::kPeopleOptions) {
+    names.emplace(row.name);
+    if (!row.shortName.empty()) names.emplace(row.shortName);
+  }
+  return names;
+}
+
+/// The options that have a paragraph in the manual page.
+std::set<std::string> OptionsOfManual() {
+  std::set<std::string> names;
+  std::istringstream lines(Source("docs/qixxwatch.1"));
+  bool inOptions = false;
+  bool isTitle = false;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(".SH")) inOptions = line == ".SH OPTIONS";
+    if (inOptions && isTitle) {
+      for (std::size_t at = line.find("\\-"); at != std::string::npos; at = line.find("\\-", at)) {
+        std::string name;
+        for (; line.compare(at, 2, "\\-") == 0; at += 2) name += '-';
+        for (; std::isalpha(static_cast<unsigned char>(line[at])) != 0; ++at) name += line[at];
+        names.insert(name);
+      }
+    }
+    isTitle = line == ".TP";
+  }
+  return names;
+}
+
+TEST(People, AllTextsNameTheSameOptions) {
+  const std::set<std::string> known = KnownOptions();
+  std::set<std::string> manual = OptionsOfManual();
+  manual.erase("-t");  // the short name of another option
+  EXPECT_EQ(manual, known);
+  const std::string help = watch::HelpText();
+  const std::string bash = Source("packaging/completions/qixxwatch.bash");
+  const std::string zsh = Source("packaging/completions/_qixxwatch");
+  const std::string fish = Source("packaging/completions/qixxwatch.fish");
+  for (const std::string& name : known) {
+    EXPECT_THAT(help, HasSubstr(name));
+    if (name == "-h" || name == "-V") continue;  // nobody needs help to type these
+    EXPECT_THAT(bash, HasSubstr(name));
+    EXPECT_THAT(zsh, HasSubstr("'" + name + ":"));
+    const bool isLong = name.starts_with("--");
+    const std::string kind = isLong ? "-l " : name.size() == 2 ? "-s " : "-o ";
+    EXPECT_THAT(fish, HasSubstr(kind + name.substr(isLong ? 2 : 1) + " "));
+  }
+}
+
+TEST(People, HelpFitsATerminalAndKeepsQuotesFromTheShell) {
+  const std::string help = watch::HelpText();
+  EXPECT_THAT(help, HasSubstr("-match '\"TEXT\"'"));
+  std::istringstream lines(help);
+  for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80U) << line;
+}
+
+}  // namespace
+}  // namespace qixx::testing
