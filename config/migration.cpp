@@ -163,8 +163,8 @@ std::span<const SectionAlias> SectionAliases() {
 }
 
 bool LooksOld(std::string_view text) {
-  return (Contains(text, "Soft Tokens") && !Contains(text, "SoftToken")) ||
-         (Contains(text, "Admin Utility") && !Contains(text, "General"));
+  return (Contains(text, kOldSoftToken) && !Contains(text, "SoftToken")) ||
+         (Contains(text, kOldGeneral) && !Contains(text, "General"));
 }
 
 std::optional<std::string> MergeBeforeRename(std::string_view text, std::string_view oldName,

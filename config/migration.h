@@ -20,7 +20,11 @@ struct SectionAlias {
 
 inline constexpr std::string_view kProfileSection = "SmartCardProfile";
 
-/// True when a text has an old name and nothing of what replaced it.
+/// The old names that tell an old text; each holds a blank.
+inline constexpr std::string_view kOldSoftToken = "Soft Tokens";
+inline constexpr std::string_view kOldGeneral = "Admin Utility";
+
+/// True when a text has one of them, anywhere, and nothing of what replaced it.
 [[nodiscard]] bool LooksOld(std::string_view text);
 
 /// Sets every entry of section `newName` in the section `oldName` that is about to take its name,

@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static_cast<void>(watch::ParseWatchOptions(first, record));
   static_cast<void>(watch::ParseWatchOptions(second, record));
   for (const std::string* field :
-       {&record.program, &record.arguments, &record.match, &record.rest, &record.section}) {
+       {&record.registry, &record.arguments, &record.match, &record.rest, &record.section}) {
     if (field->size() > watch::kMaxOption) std::abort();
   }
   const watch::SetOptions options = watch::SetOptionsOf(record);

@@ -156,6 +156,18 @@ bool IsHighSurrogate(char32_t unit) {
 bool IsLowSurrogate(char32_t unit) {
   return unit >= 0xDC00 && unit <= 0xDFFF;
 }
+bool IsCharacter(char32_t code) {
+  return code <= kLastCharacter && !IsHighSurrogate(code) && !IsLowSurrogate(code);
+}
+
+/// The forms of UTF-8 by their length.
+struct Utf8Form {
+  unsigned char head;  ///< of the first byte, above the bits of the character
+  unsigned char headMask;
+  char32_t first;  ///< a smaller character has a shorter form
+};
+constexpr std::array<Utf8Form, 4> kUtf8Forms = {
+    {{0x00, 0x80, 0}, {0xC0, 0xE0, 0x80}, {0xE0, 0xF0, 0x800}, {0xF0, 0xF8, 0x10000}}};
 
 }  // namespace
 
@@ -444,9 +456,7 @@ int Base64Decode(std::span<std::uint8_t> out, std::string_view text) {
 // --- conversions ------------------------------------------------------------------------------
 
 void AppendUtf8(std::string& text, char32_t character) {
-  const bool valid =
-      character <= kLastCharacter && !IsHighSurrogate(character) && !IsLowSurrogate(character);
-  const char32_t code = valid ? character : kReplacementCharacter;
+  const char32_t code = IsCharacter(character) ? character : kReplacementCharacter;
   const auto put = [&text](char32_t byte) { text.push_back(static_cast<char>(byte)); };
   const auto putTail = [&put, code](unsigned shift) { put(0x80 | (code >> shift & 0x3F)); };
   if (code < 0x80) {
@@ -458,6 +468,27 @@ void AppendUtf8(std::string& text, char32_t character) {
   } else {
     put(0xF0 | code >> 18), putTail(12), putTail(6), putTail(0);
   }
+}
+
+std::optional<char32_t> TakeUtf8(std::string_view& text) {
+  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const std::size_t available = text.size();
+  const unsigned char head = byte(0);
+  text.remove_prefix(1);
+  for (std::size_t tails = 0; tails < kUtf8Forms.size(); ++tails) {
+    const Utf8Form& form = kUtf8Forms[tails];
+    if ((head & form.headMask) != form.head) continue;
+    char32_t code = head & ~form.headMask & 0xFF;
+    if (available <= tails) return std::nullopt;
+    for (std::size_t i = 1; i <= tails; ++i) {
+      if ((byte(i) & 0xC0) != 0x80) return std::nullopt;
+      code = code << 6 | (byte(i) & 0x3F);
+    }
+    if (code < form.first || !IsCharacter(code)) return std::nullopt;
+    text.remove_prefix(tails);
+    return code;
+  }
+  return std::nullopt;
 }
 
 std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes, std::endian order) {

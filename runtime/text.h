@@ -174,6 +174,10 @@ int Base64Decode(std::span<std::uint8_t> out, std::string_view text);
 /// U+FFFD.
 void AppendUtf8(std::string& text, char32_t character);
 
+/// Takes the first character off a UTF-8 text that is not empty. Where none begins, one byte is
+/// taken and the result is nothing: behind a cut, in an overlong form, for a surrogate.
+[[nodiscard]] std::optional<char32_t> TakeUtf8(std::string_view& text);
+
 /// UTF-16 to UTF-8. Surrogate pairs are joined, a lone surrogate becomes U+FFFD, a last odd byte is
 /// dropped. Zero characters are kept as zero bytes.
 [[nodiscard]] std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes,

@@ -1,22 +1,127 @@
 #include "watch/card_text.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <optional>
+
+#include "config/migration.h"
+#include "runtime/text.h"
+#include "watch/options.h"
+#include "watch/placeholders.h"
 
 namespace qixx::watch {
+namespace {
 
-std::string CleanCardText(std::string text) {
-  // A placeholder in the text may come to nothing, so its '%' is no neighbour to rely on. The index
-  // before the first wraps.
-  const auto isBreak = [&text](std::size_t index) {
-    return index >= text.size() || text[index] == ' ' || text[index] == '%';
-  };
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const bool control = byte < 0x20 || byte == 0x7F;
-    const bool redirection = byte == '>' && isBreak(i - 1) && isBreak(i + 1);
-    if (control || byte == '"' || redirection) text[i] = '_';
+constexpr char kHarmless = '_';
+constexpr std::string_view kLineStarts = "[<;#";
+
+// --- characters ---------------------------------------------------------------------------------
+
+bool IsControl(char32_t character) {
+  return character < 0x20 || (character >= 0x7F && character < 0xA0);
+}
+
+/// Turns the direction in which the text around it is shown, so that a reader takes it for another.
+bool IsDirectionMark(char32_t character) {
+  return character == 0x061C || character == 0x200E || character == 0x200F ||
+         (character >= 0x202A && character <= 0x202E) ||
+         (character >= 0x2066 && character <= 0x2069);
+}
+
+std::string CleanCharacters(std::string_view text) {
+  std::string cleaned;
+  cleaned.reserve(text.size());
+  while (!text.empty()) {
+    const std::string_view before = text;
+    const std::optional<char32_t> character = runtime::TakeUtf8(text);
+    if (!character || IsControl(*character) || IsDirectionMark(*character) || *character == '"' ||
+        *character == '|') {
+      cleaned.push_back(kHarmless);
+    } else {
+      cleaned.append(before.substr(0, before.size() - text.size()));
+    }
   }
-  return text;
+  return cleaned;
+}
+
+// --- words --------------------------------------------------------------------------------------
+
+/// A placeholder in the text may come to nothing, so its '%' is no neighbour to rely on. The index
+/// before the first wraps.
+bool IsBreak(std::string_view text, std::size_t index) {
+  return index >= text.size() || text[index] == ' ' || text[index] == '%';
+}
+
+/// What follows the value may complete a name that the value ends in; a single '%' is let be.
+bool BeginsPlaceholder(std::string_view text) {
+  return std::ranges::any_of(kPlaceholderHeads, [text](std::string_view head) {
+    return runtime::StartsWithNoCase(text, head) ||
+           (text.size() > 1 && runtime::StartsWithNoCase(head, text));
+  });
+}
+
+bool BeginsOption(std::string_view text) {
+  return std::ranges::any_of(kCommandOptions, [text](std::string_view name) {
+    return runtime::StartsWithNoCase(text, name) &&
+           (text.size() == name.size() || text[name.size()] == ' ');
+  });
+}
+
+void CleanWords(std::string& text) {
+  const std::string_view view(text);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool harmful = (text[i] == '>' && IsBreak(view, i - 1) && IsBreak(view, i + 1)) ||
+                         (text[i] == '%' && BeginsPlaceholder(view.substr(i))) ||
+                         (text[i] == '-' && BeginsOption(view.substr(i)));
+    if (harmful) text[i] = kHarmless;
+  }
+}
+
+// --- paths --------------------------------------------------------------------------------------
+
+bool IsDots(std::string_view component) {
+  return component == "." || component == "..";
+}
+
+/// What stands around the value may complete its first and last component.
+void CleanPath(std::string& text) {
+  for (std::size_t i = 2; i < text.size(); ++i) {
+    if (text[i] == '/' && text[i - 1] == '.' && text[i - 2] == '.') text[i] = kHarmless;
+  }
+  const std::size_t last = text.rfind('/') + 1;  // 0 without a '/'
+  if (IsDots(std::string_view(text).substr(last)))
+    text.replace(last, std::string::npos, 1, kHarmless);
+  const std::size_t first = std::min(text.find('/'), text.size());
+  if (IsDots(std::string_view(text).substr(0, first))) text.replace(0, first, 1, kHarmless);
+}
+
+// --- files --------------------------------------------------------------------------------------
+
+void CleanMigrationMarks(std::string& text) {
+  for (const std::string_view mark : {config::kOldSoftToken, config::kOldGeneral}) {
+    for (std::size_t at = text.find(mark); at != std::string::npos; at = text.find(mark)) {
+      text[at + mark.find(' ')] = kHarmless;
+    }
+  }
+}
+
+}  // namespace
+
+std::string CleanCardText(std::string_view text) {
+  std::string cleaned = CleanCharacters(text);
+  CleanWords(cleaned);
+  CleanPath(cleaned);
+  CleanMigrationMarks(cleaned);
+  return cleaned;
+}
+
+std::string CleanLineStart(std::string_view cleaned) {
+  std::string value(cleaned);
+  const std::size_t first = value.find_first_not_of(' ');
+  if (first != std::string::npos && kLineStarts.find(value[first]) != std::string_view::npos) {
+    value[first] = kHarmless;
+  }
+  return value;
 }
 
 }  // namespace qixx::watch

@@ -2,12 +2,25 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace qixx::watch {
 
-/// Makes such a text harmless for command lines and configuration files: control characters, double
-/// quotes and a '>' that stands alone (between blanks, ends and '%') become '_'. Parts of a cleaned
-/// text are to be cleaned again, since a '>' may stand alone in them. The length stays.
-[[nodiscard]] std::string CleanCardText(std::string text);
+/// Makes such a text harmless wherever it is put: into a command, a path, a configuration file, the
+/// trace. These become '_':
+/// - control characters (C0 and C1), marks that turn the direction of writing, and bytes that are
+///   not UTF-8;
+/// - double quotes, '|', and a '>' that stands alone (between blanks, ends and '%');
+/// - the '%' of what would be read as a placeholder, also where the text ends within its name;
+/// - the '-' of what would be read as an option of a command that reads its own text;
+/// - a '/' behind "..", and a first or last component of a path that consists of dots;
+/// - the blank in a name that makes a configuration file pass for one of an older version.
+/// The result is not longer than the text. Parts of a cleaned text are to be cleaned again, since
+/// something may stand alone, or at an end, in them.
+[[nodiscard]] std::string CleanCardText(std::string_view text);
+
+/// The same value for the start of a line of a file: what would make a section, a block or a
+/// comment of the line becomes '_'.
+[[nodiscard]] std::string CleanLineStart(std::string_view cleaned);
 
 }  // namespace qixx::watch

@@ -1,8 +1,5 @@
 #include "watch/credentials.h"
 
-#include <algorithm>
-#include <utility>
-
 #include "der/certificate.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -16,8 +13,17 @@ constexpr std::string_view kFastMatch = "fast";
 constexpr std::string_view kActiveLogonName = "ActiveLogonUPN";
 
 /// A cleaned value, empty when it is too long to be one.
-std::string LogonValue(std::string value) {
-  return value.size() > kMaxLogonValue ? std::string() : CleanCardText(std::move(value));
+std::string LogonValue(std::string_view value) {
+  return value.size() > kMaxLogonValue ? std::string() : CleanCardText(value);
+}
+
+/// The first characters of a text that is too long to be a value.
+std::string_view FirstCharacters(std::string_view text) {
+  if (text.size() <= kMaxLogonValue) return text;
+  const auto isTail = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; };
+  std::size_t length = kMaxLogonValue;
+  while (length > 0 && isTail(text[length])) --length;
+  return text.substr(0, length);
 }
 
 /// A match that cannot be read asks for nothing, and neither does the word "fast": it is a name
@@ -40,13 +46,12 @@ std::optional<LogonValues> FindLogonCredential(CardReader& card, std::string_vie
       return LogonValues{.upn = upn, .subject = {}, .serial = {}};
     }
   }
-  std::optional<der::CertificateLogonValues> found = SelectCredential(card, match);
+  const std::optional<der::CertificateLogonValues> found = SelectCredential(card, match);
   if (!found) return std::nullopt;
   // A subject is cut where the other values are left out: its first components still tell who.
-  found->subject.resize(std::min(found->subject.size(), kMaxLogonValue));
-  return LogonValues{.upn = LogonValue(std::move(found->upn)),
-                     .subject = LogonValue(std::move(found->subject)),
-                     .serial = LogonValue(std::move(found->serial))};
+  return LogonValues{.upn = LogonValue(found->upn),
+                     .subject = LogonValue(FirstCharacters(found->subject)),
+                     .serial = LogonValue(found->serial)};
 }
 
 bool IsCredentialStillPresent(CardReader& card, std::string_view match) {
@@ -61,8 +66,8 @@ bool IsMatchingCardPresent(CardReader& card, std::string_view match) {
 
 LogonName SplitPrincipalName(std::string_view upn) {
   const std::size_t at = runtime::FindChar(upn, '@');
-  LogonName name{CleanCardText(std::string(upn.substr(0, at))), {}};
-  if (at != std::string_view::npos) name.domain = CleanCardText(std::string(upn.substr(at + 1)));
+  LogonName name{CleanCardText(upn.substr(0, at)), {}};
+  if (at != std::string_view::npos) name.domain = CleanCardText(upn.substr(at + 1));
   return name;
 }
 

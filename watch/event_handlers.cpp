@@ -118,7 +118,8 @@ void RunRemoveCommands(config::CConfig& config, const CWatchOptions& record,
       RemoveSection(config, record, event, card);
       break;
     case CommandForm::kKeyword:
-      RestoreAndClear(record.configFile);
+      // A longer name was refused on insert.
+      if (record.configFile.size() <= kMaxOption) RestoreAndClear(record.configFile);
       break;
   }
 }

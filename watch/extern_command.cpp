@@ -28,13 +28,12 @@ std::optional<std::string> ReaderName(CardReader& card, CK_SLOT_ID slot) {
 }
 
 std::string AnswerField(std::string_view answer, std::size_t index) {
-  return CleanCardText(std::string(runtime::GetField(answer, index, ';').value_or("")));
+  return CleanCardText(runtime::GetField(answer, index, ';').value_or(""));
 }
 
 /// "-registry" names a place that this platform does not have.
-void WriteAnswer(std::string_view arguments, std::string_view answer) {
-  const std::string file = GetOptionValue(arguments, "-config").value_or("");
-  WriteLogonName(file, {AnswerField(answer, 0), AnswerField(answer, 1)});
+std::string FileOption(std::string_view arguments) {
+  return GetCommandOption(arguments, "-config", kWholeOption).value_or("");
 }
 
 /// Nothing without an answer.
@@ -60,13 +59,15 @@ bool AskLibrary(CardReader& card, const WatchEvent& event, std::string_view text
   if (!reader || comma == std::string_view::npos) return false;
   const std::string path(text.substr(0, comma));
   const std::string arguments(text.substr(comma + 1));
+  const std::string file = FileOption(arguments);
+  if (file.size() > kMaxOption) return false;
   const runtime::SharedLibrary library = runtime::OpenLibrary(path);
   if (!library.IsOpen()) {
     runtime::TraceWrite("Helper - Failed to load '%s'", runtime::MaskedText(path).Text());
     return false;
   }
   const std::optional<std::string> answer = ReadAnswer(library, *reader, arguments);
-  if (answer) WriteAnswer(arguments, *answer);
+  if (answer) WriteLogonName(file, {AnswerField(*answer, 0), AnswerField(*answer, 1)});
   return answer.has_value();
 }
 

@@ -10,7 +10,8 @@ namespace qixx::watch {
 
 /// "library path,arguments": calls the library's "ReadCommand" with the name of the event's reader
 /// and the arguments. What it answers goes into the file that "-config" of the arguments names.
-/// True when the library answered. A simulated event fails before the card is asked.
+/// True when the library answered; a name of a file that is too long is refused before it is asked.
+/// A simulated event fails before the card is asked.
 bool RunExtern(CardReader& card, const WatchEvent& event, std::string_view text);
 
 }  // namespace qixx::watch

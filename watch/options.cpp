@@ -51,8 +51,9 @@ void Store(std::string& field, std::string_view value) {
 }
 
 /// Leaves the field alone when there is no such option.
-bool StoreOption(std::string_view text, std::string_view name, std::string& field) {
-  std::optional<std::string> value = GetOptionValue(text, name);
+bool StoreOption(std::string_view text, std::string_view name, std::string& field,
+                 std::size_t maxLength = kMaxOption) {
+  std::optional<std::string> value = GetOptionValue(text, name, maxLength);
   if (value) field = std::move(*value);
   return value.has_value();
 }
@@ -75,8 +76,9 @@ void ParseSectionOption(OptionText& text, CWatchOptions& record) {
 
 /// The program is stored even when the text then turns out to have another form.
 bool TakeKeywordForm(std::string_view text, CWatchOptions& record) {
-  return StoreOption(text, "-p", record.program) &&
-         (StoreOption(text, "-r", record.registry) || StoreOption(text, "-c", record.configFile));
+  return StoreOption(text, "-p", record.program, kWholeOption) &&
+         (StoreOption(text, "-r", record.registry) ||
+          StoreOption(text, "-c", record.configFile, kWholeOption));
 }
 
 /// The text of an option that is read for its number; empty when it is absent.
@@ -181,27 +183,35 @@ bool ParseOptions(std::string_view line, CWatchOptions& record) {
   return !text.Left().empty();
 }
 
+/// Whether a place lies between two double quotes; one that is never closed opens nothing.
+bool IsQuoted(std::string_view text, std::size_t place) {
+  std::size_t open = text.find(kQuote);
+  while (open < place) {
+    const std::size_t close = text.find(kQuote, open + 1);
+    if (close == std::string_view::npos) return false;
+    if (place < close) return true;
+    open = text.find(kQuote, close + 1);
+  }
+  return false;
+}
+
+enum class Places { kAll, kOutsideQuotes };
+
 /// The text behind the first occurrence of an option that counts.
-std::optional<std::string_view> BehindOption(std::string_view text, std::string_view name) {
+std::optional<std::string_view> BehindOption(std::string_view text, std::string_view name,
+                                             Places places) {
   for (std::size_t at = runtime::FindTextNoCase(text, name); at != std::string_view::npos;
        at = runtime::FindTextNoCase(text, name, at + name.size())) {
     const std::string_view behind = text.substr(at + name.size());
-    if (behind.empty() || behind.front() == ' ') return behind;
+    if (!behind.empty() && behind.front() != ' ') continue;
+    if (places == Places::kAll || !IsQuoted(text, at)) return behind;
   }
   return std::nullopt;
 }
 
-}  // namespace
-
-bool ParseWatchOptions(std::string_view text, CWatchOptions& record) {
-  const bool textLeft = !text.empty() && ParseOptions(text, record);
-  if (record.section.empty()) record.section = kDefaultSection;
-  return textLeft;
-}
-
-std::optional<std::string> GetOptionValue(std::string_view text, std::string_view name,
-                                          std::size_t maxLength) {
-  const std::optional<std::string_view> behind = BehindOption(text, name);
+std::optional<std::string> ValueOf(std::string_view text, std::string_view name,
+                                   std::size_t maxLength, Places places) {
+  const std::optional<std::string_view> behind = BehindOption(text, name, places);
   if (!behind) return std::nullopt;
   std::string_view value = runtime::SkipBlanks(*behind);
   if (value.starts_with(kQuote)) {
@@ -215,8 +225,26 @@ std::optional<std::string> GetOptionValue(std::string_view text, std::string_vie
   return std::string(value.substr(0, maxLength));
 }
 
+}  // namespace
+
+bool ParseWatchOptions(std::string_view text, CWatchOptions& record) {
+  const bool textLeft = !text.empty() && ParseOptions(text, record);
+  if (record.section.empty()) record.section = kDefaultSection;
+  return textLeft;
+}
+
+std::optional<std::string> GetOptionValue(std::string_view text, std::string_view name,
+                                          std::size_t maxLength) {
+  return ValueOf(text, name, maxLength, Places::kAll);
+}
+
 bool HasOption(std::string_view text, std::string_view name) {
-  return BehindOption(text, name).has_value();
+  return BehindOption(text, name, Places::kAll).has_value();
+}
+
+std::optional<std::string> GetCommandOption(std::string_view text, std::string_view name,
+                                            std::size_t maxLength) {
+  return ValueOf(text, name, maxLength, Places::kOutsideQuotes);
 }
 
 }  // namespace qixx::watch

@@ -3,6 +3,7 @@
 // Nothing here reads a file or an environment variable, and only std::bad_alloc is thrown.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -13,7 +14,8 @@
 
 namespace qixx::watch {
 
-/// Longest value of an option; a longer one is cut.
+/// Longest value of an option; a longer one is cut. The name of a file is not: it is kept as it
+/// stands, and whoever uses it refuses it, since a piece of it would name another file.
 inline constexpr std::size_t kMaxOption = runtime::kMaxText;
 /// Longest name of a simulated event.
 inline constexpr std::size_t kMaxSimulate = 31;
@@ -27,7 +29,8 @@ inline constexpr std::string_view kDefaultSection = "Watch";
 inline constexpr std::string_view kConfigWord = "config";
 
 /// What one watcher does. Empty before the first parse; later parses overlay it and, but for a few
-/// fields named in the parser, never clear it. Texts hold kMaxOption characters at most.
+/// fields named in the parser, never clear it. Texts hold kMaxOption characters at most, but for
+/// the program and the file.
 struct CWatchOptions {
   std::string registry;          ///< "-r"; nothing on this platform
   std::string program;           ///< "-p": program to start on an event
@@ -63,5 +66,16 @@ bool ParseWatchOptions(std::string_view text, CWatchOptions& record);
                                                         std::size_t maxLength = kMaxOption);
 /// The same question for an option without a value.
 [[nodiscard]] bool HasOption(std::string_view text, std::string_view name);
+
+/// The options that are looked up in commands, whose texts may hold values of a card.
+inline constexpr std::array<std::string_view, 3> kCommandOptions = {"-match", "-registry",
+                                                                    "-config"};
+/// The value of one of them, as GetOptionValue gives it; but inside double quotes no option is
+/// looked for, since quotes hold a value together.
+[[nodiscard]] std::optional<std::string> GetCommandOption(std::string_view text,
+                                                          std::string_view name,
+                                                          std::size_t maxLength = kMaxOption);
+/// As long as a line allows; see kMaxOption.
+inline constexpr std::size_t kWholeOption = std::string_view::npos;
 
 }  // namespace qixx::watch

@@ -12,10 +12,8 @@ namespace qixx::watch {
 namespace {
 
 bool HoldsPlaceholder(std::string_view text) {
-  const auto names = {kUpnPlaceholder,     kUserNamePlaceholder, kDomainPlaceholder,
-                      kSubjectPlaceholder, kSerialPlaceholder,   kComponentPrefix};
-  return std::ranges::any_of(names, [text](std::string_view name) {
-    return runtime::FindTextNoCase(text, name) != std::string_view::npos;
+  return std::ranges::any_of(kPlaceholderHeads, [text](std::string_view head) {
+    return runtime::FindTextNoCase(text, head) != std::string_view::npos;
   });
 }
 
@@ -29,6 +27,20 @@ std::string FillFromCard(CardReader& card, std::string_view match, std::string t
   return ReplaceLogonPlaceholders(*values, std::move(text), maxLength);
 }
 
+/// Whether what follows on a line may become the first of it that is no blank: other placeholders
+/// may come to nothing. After many of them it may, without a further look.
+bool MayStartLine(std::string_view line) {
+  constexpr int kMaxLooks = 64;
+  for (int look = 0; look < kMaxLooks; ++look) {
+    line = runtime::SkipBlanks(line);
+    if (line.empty()) return true;
+    const std::size_t end = line.front() == '%' ? line.find('%', 1) : std::string_view::npos;
+    if (end == std::string_view::npos) return false;
+    line.remove_prefix(end + 1);
+  }
+  return true;
+}
+
 enum class LetterCase { kCounts, kIgnored };
 
 /// Replaces the occurrences in one pass over a text, whatever they are made of.
@@ -38,6 +50,7 @@ class OnePassReplacement {
   OnePassReplacement(std::string_view name, std::string_view value, LetterCase letterCase)
       : name_(name),
         value_(value),
+        lineStart_(CleanLineStart(value)),
         letterCase_(letterCase),
         again_(value.find(name.front()) == std::string_view::npos || value.size() < name.size()) {}
 
@@ -54,14 +67,21 @@ class OnePassReplacement {
   void TakePending() {
     result_.push_back(pending_.back());
     pending_.pop_back();
+    if (result_.back() == '\n' || result_.back() == '\r') line_ = result_.size();
     if (!EndsInName()) return;
     result_.resize(result_.size() - name_.size());
+    const std::string_view value = NextValue();
     if (again_) {
-      pending_.append(value_.rbegin(), value_.rend());
+      pending_.append(value.rbegin(), value.rend());
     } else {
-      result_.append(value_);
+      result_.append(value);
       settled_ = result_.size();
     }
+  }
+  [[nodiscard]] std::string_view NextValue() const {
+    if (lineStart_ == value_) return value_;
+    const std::string_view line = std::string_view(result_).substr(std::min(line_, result_.size()));
+    return MayStartLine(line) ? std::string_view(lineStart_) : value_;
   }
   [[nodiscard]] bool EndsInName() const {
     if (result_.size() < settled_ + name_.size()) return false;
@@ -71,11 +91,13 @@ class OnePassReplacement {
 
   std::string_view name_;
   std::string_view value_;
+  std::string lineStart_;  ///< the value for the start of a line
   LetterCase letterCase_;
   /// A value that brings no beginning of the name along, or makes the text shorter, uses the
   /// occurrences up, so those that come about around it count as well.
   bool again_;
   std::string result_;
+  std::size_t line_ = 0;     ///< where the last line of the result begins
   std::string pending_;      ///< to be read in front of the rest of the text, last character first
   std::size_t settled_ = 0;  ///< what no occurrence may reach back into
 };

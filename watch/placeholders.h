@@ -3,6 +3,7 @@
 // All operations may be called from any thread. Only std::bad_alloc is thrown.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -21,6 +22,10 @@ inline constexpr std::string_view kSubjectPlaceholder = "%SUBJECT%";
 inline constexpr std::string_view kSerialPlaceholder = "%SERIALNUMBER%";
 /// What a placeholder for one component of the subject begins with; its key and a '%' follow.
 inline constexpr std::string_view kComponentPrefix = "%OID.";
+/// What a text that holds a placeholder has in it.
+inline constexpr std::array<std::string_view, 6> kPlaceholderHeads = {
+    kUpnPlaceholder,     kUserNamePlaceholder, kDomainPlaceholder,
+    kSubjectPlaceholder, kSerialPlaceholder,   kComponentPrefix};
 
 struct SubjectPlaceholder {
   std::string name;   ///< "%OID.key%"
@@ -43,12 +48,19 @@ struct SubjectPlaceholder {
 
 // --- in the text of a file ----------------------------------------------------------------------
 
+/// How long the values of a card may make a text.
+[[nodiscard]] constexpr std::size_t MaxFilledText(std::size_t length) {
+  constexpr std::size_t kRoom = std::size_t{64} * 1024;
+  return 2 * length + kRoom;
+}
+
 /// Replaces every occurrence of `name`, also those that a replacement brings about, as long as that
 /// must come to an end; else the search goes on behind the replacement.
 void ReplaceAll(std::string& text, std::string_view name, std::string_view value);
 /// The same for a placeholder; the key of a subject's component counts in any letter case, since
-/// certificates and administrators write it in either. Nothing when the result would be longer than
-/// `maxLength`.
+/// certificates and administrators write it in either. At the start of a line, with blanks and
+/// other placeholders in front or not, a value makes no section, block or comment of it. Nothing
+/// when the result would be longer than `maxLength`.
 [[nodiscard]] std::optional<std::string> ReplacePlaceholder(std::string_view text,
                                                             std::string_view name,
                                                             std::string_view value,

@@ -34,9 +34,9 @@ std::string UpToQuote(std::string_view value) {
 }  // namespace
 
 SetOptions ParseSetOptions(std::string_view text) {
-  return {.match = GetOptionValue(text, "-match").value_or(""),
-          .registry = GetOptionValue(text, "-registry").value_or(""),
-          .config = GetOptionValue(text, "-config").value_or("")};
+  return {.match = GetCommandOption(text, "-match").value_or(""),
+          .registry = GetCommandOption(text, "-registry").value_or(""),
+          .config = GetCommandOption(text, "-config", kWholeOption).value_or("")};
 }
 
 SetOptions SetOptionsOf(const CWatchOptions& record) {
@@ -50,6 +50,7 @@ bool SetCommand(CardReader& card, const WatchEvent& event, const SetOptions& opt
   bool success = false;
   const AtExit end(
       [&success] { runtime::TraceWrite("Watch - Set command ... %s", success ? "OK" : "FAILED"); });
+  if (options.config.size() > kMaxOption) return false;
   success = event.IsInsert() ? SetOnInsert(card, event, options) : SetOnRemove(options);
   return success;
 }

@@ -16,7 +16,7 @@ namespace qixx::watch {
 struct SetOptions {
   std::string match;     ///< which card's certificate counts
   std::string registry;  ///< no such place exists on this platform, but naming one is a success
-  std::string config;    ///< the file
+  std::string config;    ///< the file; a set command refuses a name of more than kMaxOption
 
   [[nodiscard]] bool IsEmpty() const { return match.empty() && registry.empty() && config.empty(); }
 };

@@ -44,16 +44,36 @@ namespace {
 
 using watch::EventKind;
 
-TEST(CardText, CannotAddALineAnArgumentOrARedirection) {
+TEST(CardText, IsOnlyEverText) {
   const std::pair<std::string, std::string> rows[] = {
+      // no line, argument or redirection
       {std::string("a\nb\0\tc\x7f", 7), "a_b__c_"},
       {"\" > /etc/x", "_ _ /etc/x"},
       {"> a >b b> >", "_ a >b b> _"},
-      {"a >%DOMAIN% /etc/x", "a _%DOMAIN% /etc/x"},
-      {">>\xc3\xa9\xff", ">>\xc3\xa9\xff"},
+      {"a >%x% /etc/x", "a _%x% /etc/x"},
+      // nothing that a reader of the trace sees otherwise than it stands
+      {"\xc2\x9b\xc2\xa0\u061c\u200d\u200e\u200f\u202a\u202e\u202f\u2066\u2069\u206a",
+       "_\xc2\xa0_\u200d____\u202f__\u206a"},
+      // é, a bare tail, an overlong form, a surrogate, beyond the last character, cut short
+      {">>\xc3\xa9\xff \x80 \xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80 \xf0\x9f\x98\x80 \xe2\x82",
+       ">>\xc3\xa9_ _ __ ___ ____ \xf0\x9f\x98\x80 __"},
+      // no condition, placeholder or option
+      {"x|none||/usr/bin/touch F ", "x_none__/usr/bin/touch F "},
+      {"%upn% %OID.x 50% %%Domain% %OI", "_upn% _OID.x 50% %_Domain% _OI"},
+      {"Ann-config F -MATCH -registryx -config", "Ann_config F _MATCH -registryx _config"},
+      // no way up
+      {"../../..", ".._.._.."},
+      {"..", "_"},
+      {"a/..", "a/_"},
+      {"./a/.b/c..", "_/a/.b/c.."},
+      {".", "_"},
+      {"/", "/"},
+      // no mark of an old file, whose sections would be renamed
+      {"Soft Tokens, soft tokens", "Soft_Tokens, soft tokens"},
   };
   for (const auto& [text, cleaned] : rows) {
     EXPECT_EQ(watch::CleanCardText(text), cleaned);
+    EXPECT_EQ(watch::CleanCardText(cleaned), cleaned) << "settled";
   }
   EXPECT_EQ(watch::SplitPrincipalName(">@b@c").user, "_");
   EXPECT_EQ(watch::SplitPrincipalName("a@>").domain, "_");
@@ -124,7 +144,7 @@ TEST(Placeholders, AreReplacedInCommandsWithinTheirLimit) {
   const watch::LogonValues values = {"ann@example.org", "o=Example\\, Inc.,cn=Ann %UPN%,o=x", "2A"};
   const std::tuple<const char*, std::size_t, const char*> rows[] = {
       {"%upn% %UserName% %DOMAIN% %Serialnumber%", 511, "ann@example.org ann example.org 2A"},
-      {"\"%oid.O%\" %OID.cn% %OID.ou%", 511, "\"Example, Inc.\" Ann %UPN% %OID.ou%"},
+      {"\"%oid.O%\" %OID.cn% %OID.ou%", 511, "\"Example, Inc.\" Ann _UPN% %OID.ou%"},
       {"%SERIALNUMBER%%UPN%", 20, "2A%UPN%"},
       {"%UPN% %UPN% %UPN%", 30, "ann@example.org %UPN% %UPN%"},
       {"%UPN% %UPN% %UPN%", 26, "%UPN% %UPN% %UPN%"},
@@ -149,6 +169,32 @@ TEST(SetOptions, OfTheKeywordFormEndAtAQuoteAsThoseOfACommandDo) {
   EXPECT_TRUE(trace.Lines().empty());
 }
 
+TEST(SetOptions, OfACommandAreNotLookedForInQuotes) {
+  const watch::SetOptions options = watch::ParseSetOptions(
+      "-match \"a -config F -registry G\" -registry-config H -config \"/x -match y\" -match z");
+  EXPECT_EQ(options.match, "a -config F -registry G");
+  EXPECT_EQ(options.registry, "");
+  EXPECT_EQ(options.config, "H") << "outside of quotes any place counts";
+  EXPECT_EQ(watch::ParseSetOptions("-match \"a -config F").config, "F") << "never closed";
+}
+
+TEST(SetCommand, RefusesANameThatIsTooLongForAFile) {
+  const TemporaryFolder folder;
+  const std::string name = folder.Path(std::string(255 - folder.Path().size(), '/'));
+  folder.Write("abc", "[A]\nUsername=kept\n");
+  ScriptedReader card;
+  const watch::WatchEvent removal = {.kind = EventKind::kRemove, .slot = 1};
+  // Cut to its place, the longer one would be the name of the file.
+  const std::string fits = name.substr(0, 252) + "abc";
+  for (const std::string& longer : {fits + "d", fits}) {
+    const TraceCapture trace;
+    const bool refused = longer.size() > fits.size();
+    EXPECT_EQ(watch::ExecuteCommand(card, removal, "set -config " + longer), !refused);
+    EXPECT_TRUE(trace.Has(std::string("Watch - Set command ... ") + (refused ? "FAILED" : "OK")));
+    EXPECT_EQ(folder.Read("abc"), refused ? "[A]\nUsername=kept\n" : "[A]\nUsername=\nDomain=\n");
+  }
+}
+
 TEST(ConfigFile, SavedCopyThatCannotBeReachedNowIsNotMadeAnew) {
   const TemporaryFolder folder;
   const std::string file = folder.Write("a.conf", "of the card");
@@ -169,6 +215,8 @@ TEST(ConfigFile, GetsWhatANameMeansThroughALinkThatStays) {
       {"-%%X%X%", "%X%", "", "-"},
       {"a%%X%%b%X%", "%X%", "X", "aXbX"},
       {"%X%%-%X%", "%X%", "%X%%X", "%X%%X%-%X%%X"},
+      {"%X%\n-%X%\r\n %A%%X%[%X%", "%X%", " [b]", " _b]\n- [b]\r\n %A% _b][ [b]"},
+      {"%X%%X%", "%X%", "<", "_<"},
   };
   for (const auto& [before, name, value, after] : rows) {
     const TemporaryFolder folder;
