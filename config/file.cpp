@@ -290,6 +290,8 @@ ConfigResult CConfigFile::MakeRoom(std::size_t bytes, Change change) {
     case Change::kRename:
       runtime::TraceWrite("Config - Increase for rename (%d)", needed);
       break;
+    case Change::kWhole:
+      break;
   }
   return Grow(bytes);
 }

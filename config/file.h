@@ -83,8 +83,8 @@ class CConfigFile : public CConfigItem {
   virtual bool Transcode(bool encode);
 
  private:
-  /// What a growth is for, as the trace says it.
-  enum class Change { kAdd, kSet, kRename };
+  /// What a growth is for, as the trace says it; a rewrite of the whole text says nothing.
+  enum class Change { kAdd, kSet, kRename, kWhole };
 
   /// Where a walk over the entries of one section stands.
   struct SectionCursor {

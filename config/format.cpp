@@ -87,7 +87,7 @@ std::string SectionHead(std::string_view section) {
 }
 
 std::string_view MissingLineEnd(std::string_view text, std::size_t position) {
-  return position == 0 || IsLineBreak(text[position - 1]) ? "" : "\n";
+  return position == 0 || text[position - 1] == '\n' ? "" : "\n";
 }
 
 std::string Folded(std::string_view text) {

@@ -33,7 +33,8 @@ void ReplaceZeroBytes(std::string& text);
                                                    std::string_view value);
 /// A blank line and the header of a new section.
 [[nodiscard]] std::string SectionHead(std::string_view section);
-/// What must stand in front of a line that is put at `position`.
+/// What must stand in front of a line that is put at `position`. A CR alone is no line end there,
+/// because saving takes it out.
 [[nodiscard]] std::string_view MissingLineEnd(std::string_view text, std::size_t position);
 /// The text with its ASCII letters in lower case.
 [[nodiscard]] std::string Folded(std::string_view text);

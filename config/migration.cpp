@@ -99,12 +99,13 @@ std::string SetEntries(std::string_view text, const SectionSpan& section,
     const auto found = waiting.find(Folded(EntryName(line->text)));
     if (found == waiting.end()) continue;
     lines.append(text, copied, BeforeBlanks(text, line->begin) - copied);
+    lines += MissingLineEnd(lines, lines.size());
     lines += LineOf(found->second->name, found->second->value);
     copied = BehindLineEnd(text, line->end);
     waiting.erase(found);
   }
   lines.append(text, copied, section.insertion - copied);
-  if (lines.empty() || !IsLineBreak(lines.back())) lines += '\n';
+  if (!lines.ends_with('\n')) lines += '\n';
   for (const Entry& entry : entries) {
     if (waiting.count(Folded(entry.name)) != 0) lines += LineOf(entry.name, entry.value);
   }
@@ -178,15 +179,13 @@ std::optional<std::string> MergeBeforeRename(std::string_view text, std::string_
   const std::vector<Entry> entries = CollectEntries(text, source);
   if (entries.empty()) return std::nullopt;
 
-  const TextRange cut = CutOfSection(text, source);
+  const TextRange cut = FindCutOfSection(text, newName).value_or(TextRange{});
   std::string merged(text, 0, cut.begin);
   merged.append(text, cut.end);
-  // The header is still there, but what went in front of it has moved it.
-  const std::optional<TextLine> target = FindHeader(merged, oldName, IsRewritable);
+  const std::optional<SectionSpan> target = FindSection(merged, oldName);
   if (!target) return std::nullopt;
-  const SectionSpan section = SpanOfSection(merged, *target);
-  const std::string lines = SetEntries(merged, section, entries);
-  merged.replace(target->end, section.insertion - target->end, lines);
+  const std::size_t begin = target->header.end;
+  merged.replace(begin, target->insertion - begin, SetEntries(merged, *target, entries));
   return merged;
 }
 
@@ -214,7 +213,7 @@ std::optional<std::string> MoveImages(std::string_view text) {
     return std::move(moved);
   }
   const std::size_t at = section->insertion;
-  if (!IsLineBreak(moved[at - 1])) images.insert(0, 1, '\n');
+  images.insert(0, MissingLineEnd(moved, at));
   moved.insert(at, images);
   return std::move(moved);
 }

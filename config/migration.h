@@ -28,8 +28,9 @@ inline constexpr std::string_view kOldGeneral = "Admin Utility";
 [[nodiscard]] bool LooksOld(std::string_view text);
 
 /// Sets every entry of section `newName` in the section `oldName` that is about to take its name,
-/// and deletes section `newName`. Nothing when there is nothing to merge: no such entry, no header
-/// that will be rewritten, or names that differ in letter case only.
+/// the first one in any letter case, and deletes a section `newName` as Delete does. Nothing when
+/// there is nothing to merge: no such entry, no header that will be rewritten, or names that differ
+/// in letter case only.
 [[nodiscard]] std::optional<std::string> MergeBeforeRename(std::string_view text,
                                                            std::string_view oldName,
                                                            std::string_view newName);

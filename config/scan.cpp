@@ -19,6 +19,24 @@ bool IsEntryOf(std::string_view line, std::string_view entry) {
          runtime::StartsWithNoCase(line, entry) && !IsComment(line);
 }
 
+/// Behind the last line of a section that is not empty; a line of blanks is not. `end` is where the
+/// next header or block begins, or the end of the text.
+std::size_t InsertionPoint(std::string_view text, std::size_t end) {
+  if (end < text.size()) end = BeforeBlanks(text, end);
+  while (end > 0 && IsLineBreak(text[end - 1])) --end;
+  return BehindLineEnd(text, end);
+}
+
+/// What goes with a section: its lines with the LF in front of its header, but not the line end in
+/// front of the next header or block.
+TextRange CutOfSection(std::string_view text, const SectionSpan& section) {
+  const std::size_t begin = section.header.begin;
+  const bool behindFeed = begin > 0 && text[begin - 1] == '\n';
+  const std::size_t end =
+      section.end == text.size() ? section.end : BeforeBlanks(text, section.end) - 1;
+  return {behindFeed ? begin - 1 : begin, end};
+}
+
 }  // namespace
 
 std::size_t FindLineEnd(std::string_view text, std::size_t from) {
@@ -122,25 +140,26 @@ std::string_view EntryValue(std::string_view line) {
 
 SectionSpan SpanOfSection(std::string_view text, const TextLine& header) {
   SectionSpan section{header, text.size(), 0};
-  std::size_t last = header.end;
   LineReader lines(text, header.end);
   while (const std::optional<TextLine> line = lines.Next()) {
-    if (EndsSection(line->text)) {
-      section.end = line->begin;
-      break;
-    }
-    last = line->end;
+    if (!EndsSection(line->text)) continue;
+    section.end = line->begin;
+    break;
   }
-  section.insertion = BehindLineEnd(text, last);
+  section.insertion = InsertionPoint(text, section.end);
   return section;
 }
 
-TextRange CutOfSection(std::string_view text, const SectionSpan& section) {
-  const std::size_t begin = section.header.begin;
-  const bool behindFeed = begin > 0 && text[begin - 1] == '\n';
-  const std::size_t end =
-      section.end == text.size() ? section.end : BeforeBlanks(text, section.end) - 1;
-  return {behindFeed ? begin - 1 : begin, end};
+std::optional<TextRange> FindCutOfSection(std::string_view text, std::string_view name) {
+  std::optional<TextRange> found;
+  MarkReader marks(text);
+  while (const std::optional<TextLine> header = marks.NextHeader()) {
+    const bool behindFeed = header->begin > 0 && text[header->begin - 1] == '\n';
+    if ((found && !behindFeed) || !IsHeaderOf(header->text, name)) continue;
+    found = CutOfSection(text, SpanOfSection(text, *header));
+    if (behindFeed) break;
+  }
+  return found;
 }
 
 std::optional<TextLine> FindHeader(std::string_view text, std::string_view section,
@@ -161,17 +180,19 @@ std::optional<SectionSpan> FindSection(std::string_view text, std::string_view n
 EntrySearch FindEntry(std::string_view text, std::string_view section, std::string_view entry) {
   const std::optional<TextLine> header = FindHeader(text, section, IsHeaderOf);
   if (!header) return {ConfigResult::kNoSection, {}, text.size(), text.size()};
-  std::size_t last = header->end;
+  std::size_t end = text.size();
   LineReader lines(text, header->end);
   while (const std::optional<TextLine> line = lines.Next()) {
-    if (EndsSection(line->text)) break;
+    if (EndsSection(line->text)) {
+      end = line->begin;
+      break;
+    }
     if (IsEntryOf(line->text, entry)) {
       return {ConfigResult::kOk, EntryValue(line->text.substr(entry.size())),
               BeforeBlanks(text, line->begin), BehindLineEnd(text, line->end)};
     }
-    last = line->end;
   }
-  const std::size_t insertion = BehindLineEnd(text, last);
+  const std::size_t insertion = InsertionPoint(text, end);
   return {ConfigResult::kNoEntry, {}, insertion, insertion};
 }
 

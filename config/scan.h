@@ -115,14 +115,15 @@ using HeaderTest = bool (*)(std::string_view line, std::string_view section);
 struct SectionSpan {
   TextLine header;
   std::size_t end = 0;        ///< where the next header or block begins, or the end of the text
-  std::size_t insertion = 0;  ///< behind the line end of the section's last line
+  std::size_t insertion = 0;  ///< behind the section's last line that is not empty
 };
 [[nodiscard]] SectionSpan SpanOfSection(std::string_view text, const TextLine& header);
-/// What goes when the section is deleted: its lines with the LF in front of its header, but not the
-/// line end in front of the next header or block.
-[[nodiscard]] TextRange CutOfSection(std::string_view text, const SectionSpan& section);
 /// The first section of that name.
 [[nodiscard]] std::optional<SectionSpan> FindSection(std::string_view text, std::string_view name);
+/// What goes when a section of that name is deleted: preferably the first whose header stands
+/// directly behind an LF, and that LF goes with it.
+[[nodiscard]] std::optional<TextRange> FindCutOfSection(std::string_view text,
+                                                        std::string_view name);
 
 /// Where an entry is, or where it would be put.
 struct EntrySearch {

@@ -25,19 +25,6 @@ void Erase(std::string& text, TextRange range) {
   text.erase(range.begin, range.end - range.begin);
 }
 
-/// The section that Delete takes: preferably one that stands directly behind an LF.
-std::optional<TextRange> FindSectionToDelete(std::string_view text, std::string_view name) {
-  std::optional<TextRange> found;
-  MarkReader marks(text);
-  while (const std::optional<TextLine> header = marks.NextHeader()) {
-    const bool behindFeed = header->begin > 0 && text[header->begin - 1] == '\n';
-    if ((found && !behindFeed) || !IsHeaderOf(header->text, name)) continue;
-    found = CutOfSection(text, SpanOfSection(text, *header));
-    if (behindFeed) break;
-  }
-  return found;
-}
-
 }  // namespace
 
 bool CConfigFile::IsProductFile() const {
@@ -121,7 +108,7 @@ ConfigResult CConfigFile::Delete(std::string_view section, std::optional<std::st
   if (!hasText_) return ConfigResult::kFailed;
   TextRange cut;
   if (!entry) {
-    cut = FindSectionToDelete(text_, section).value_or(TextRange{});
+    cut = FindCutOfSection(text_, section).value_or(TextRange{});
   } else if (const EntrySearch found = FindEntry(text_, section, *entry);
              found.result == ConfigResult::kOk) {
     cut = {found.begin, found.end};
@@ -137,7 +124,7 @@ ConfigResult CConfigFile::SetBlock(std::optional<std::string_view> name,
   if (!name) {
     std::string text(data.begin(), data.end());
     ReplaceZeroBytes(text);
-    return Adopt(std::move(text), Change::kSet);
+    return Adopt(std::move(text), Change::kWhole);
   }
   const std::string blockName = OneLine(*name);
   if (blockName.empty()) return ConfigResult::kFailed;
@@ -146,8 +133,11 @@ ConfigResult CConfigFile::SetBlock(std::optional<std::string_view> name,
   const std::size_t position = text.size();
   text += BlockText(blockName, data);
   // A block in front that is never closed would end here and hide all between.
-  if (!FindBlock(text, blockName, position)) return ConfigResult::kFailed;
-  return Adopt(std::move(text), Change::kSet);
+  const std::optional<BlockSpan> made = FindBlock(text, blockName, position);
+  if (!made || made->range.end != text.size() || !IsBlock(text, made->range)) {
+    return ConfigResult::kFailed;
+  }
+  return Adopt(std::move(text), Change::kWhole);
 }
 
 ConfigResult CConfigFile::DeleteBlock(std::string_view name) {
@@ -161,12 +151,12 @@ ConfigResult CConfigFile::DeleteBlock(std::string_view name) {
 
 void CConfigFile::Sort() {
   std::string sorted = SortSections(text_);
-  if (runtime::CompareNoCase(sorted, text_) != 0) (void)Adopt(std::move(sorted), Change::kSet);
+  if (runtime::CompareNoCase(sorted, text_) != 0) (void)Adopt(std::move(sorted), Change::kWhole);
 }
 
 void CConfigFile::StripComments() {
   std::string kept = StripCommentLines(text_);
-  if (kept.size() != text_.size()) (void)Adopt(std::move(kept), Change::kSet);
+  if (kept.size() != text_.size()) (void)Adopt(std::move(kept), Change::kWhole);
 }
 
 }  // namespace qixx::config

@@ -9,6 +9,8 @@
 namespace qixx::config {
 namespace {
 
+constexpr std::string_view kBlockEnd = "/>";
+
 struct SortedSection {
   std::string_view name;
   std::string text;
@@ -50,14 +52,14 @@ bool IsDroppedLine(std::string_view line) {
   return IsLineBreak(line.front()) || line.starts_with(';') || line.starts_with("//");
 }
 
-/// The body of a block of that name, whose text runs from '<' to "/>"; nothing for another name.
-std::optional<std::string_view> MatchBlock(std::string_view block, std::string_view name) {
-  constexpr std::size_t kEndMark = 2;
-  block = runtime::SkipBlanks(block.substr(1, block.size() - 1 - kEndMark));
-  if (!runtime::StartsWithNoCase(block, name)) return std::nullopt;
-  block = runtime::SkipBlanks(block.substr(name.size()));
-  if (!block.starts_with('=')) return std::nullopt;
-  return block.substr(1);
+/// Where the body of a block begins that begins at `begin`; nothing for a block of another name.
+std::optional<std::size_t> FindBody(std::string_view text, std::size_t begin,
+                                    std::string_view name) {
+  const std::string_view named = runtime::SkipBlanks(text.substr(begin + 1));
+  if (!runtime::StartsWithNoCase(named, name)) return std::nullopt;
+  const std::string_view body = runtime::SkipBlanks(named.substr(name.size()));
+  if (!body.starts_with('=')) return std::nullopt;
+  return text.size() - body.size() + 1;
 }
 
 }  // namespace
@@ -96,13 +98,23 @@ std::string StripCommentLines(std::string_view text) {
 }
 
 std::optional<BlockSpan> FindBlock(std::string_view text, std::string_view name, std::size_t from) {
-  MarkReader marks(text);
-  while (const std::optional<TextRange> range = marks.NextBlock()) {
-    if (range->begin < from) continue;
-    const auto body = MatchBlock(text.substr(range->begin, range->end - range->begin), name);
-    if (body) return BlockSpan{*range, *body};
+  while ((from = text.find('<', from)) != kNoPosition) {
+    const std::size_t begin = from++;
+    const std::optional<std::size_t> body = FindBody(text, begin, name);
+    if (!body) continue;
+    const std::size_t end = text.find(kBlockEnd, *body);
+    if (end == kNoPosition) return std::nullopt;
+    return BlockSpan{{begin, end + kBlockEnd.size()}, text.substr(*body, end - *body)};
   }
   return std::nullopt;
+}
+
+bool IsBlock(std::string_view text, TextRange range) {
+  MarkReader marks(text);
+  while (const std::optional<TextRange> block = marks.NextBlock()) {
+    if (block->begin >= range.begin) return block->begin == range.begin && block->end == range.end;
+  }
+  return false;
 }
 
 std::string BlockText(std::string_view name, std::span<const std::uint8_t> data) {

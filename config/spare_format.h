@@ -26,9 +26,11 @@ struct BlockSpan {
   TextRange range;  ///< from '<' to "/>"
   std::string_view body;
 };
-/// The first block of that name that begins at `from` or behind it.
+/// The first block of that name that begins at `from` or behind it, wherever its '<' stands.
 [[nodiscard]] std::optional<BlockSpan> FindBlock(std::string_view text, std::string_view name,
                                                  std::size_t from = 0);
+/// Whether that piece of the text is a block to the readers of sections too.
+[[nodiscard]] bool IsBlock(std::string_view text, TextRange range);
 /// The written form of a block.
 [[nodiscard]] std::string BlockText(std::string_view name, std::span<const std::uint8_t> data);
 

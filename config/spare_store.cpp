@@ -61,13 +61,11 @@ bool CConfig::SectionExists(std::string_view section) {
 
 std::optional<std::string> CConfig::EnumSectionEntries(std::string_view section,
                                                        std::size_t& index) {
-  const std::size_t wanted = index;
-  // The first item that has the section is the one that is walked through, to its end.
+  const std::size_t wanted = index++;
   for (const std::unique_ptr<CConfigItem>& item : items_) {
+    std::size_t asked = wanted;
     if (item == nullptr) continue;
-    index = wanted;
-    std::optional<std::string> entry = item->EnumSectionEntries(section, index);
-    if (entry || item->SectionExists(section)) return entry;
+    if (auto entry = item->EnumSectionEntries(section, asked)) return entry;
   }
   return std::nullopt;
 }

@@ -189,8 +189,13 @@ std::optional<bool> CConfig::GetBoolean(std::string_view section, std::string_vi
 }
 
 std::optional<ConfigEntry> CConfig::EnumEntries(std::size_t& index) {
-  if (items_[0] == nullptr) return std::nullopt;
-  return items_[0]->EnumEntries(index);
+  const std::size_t wanted = index++;
+  for (const std::unique_ptr<CConfigItem>& item : items_) {
+    std::size_t asked = wanted;
+    if (item == nullptr) continue;
+    if (auto entry = item->EnumEntries(asked)) return entry;
+  }
+  return std::nullopt;
 }
 
 bool CConfig::HasText() const {

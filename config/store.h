@@ -63,7 +63,8 @@ class CConfig {
                                                    std::string_view entry);
   /// Such a number, compared with 0.
   virtual std::optional<bool> GetBoolean(std::string_view section, std::string_view entry);
-  /// The index-th entry of the first item; `index` grows with every call.
+  /// The index-th entry of the first item, where it has none of the second; `index` grows with
+  /// every call.
   virtual std::optional<ConfigEntry> EnumEntries(std::size_t& index);
 
   /// True when at least one open item holds a text that is not empty: a configuration that
@@ -91,7 +92,7 @@ class CConfig {
                                                   std::string_view qualifier,
                                                   std::size_t maxLength = runtime::kMaxText);
   virtual bool SectionExists(std::string_view section);
-  /// The index-th entry of a section of the first item that has it; `index` grows with every call.
+  /// Layered like EnumEntries.
   virtual std::optional<std::string> EnumSectionEntries(std::string_view section,
                                                         std::size_t& index);
   virtual std::optional<std::vector<std::uint8_t>> GetBlock(std::string_view name);

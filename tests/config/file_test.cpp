@@ -150,9 +150,9 @@ TEST(ConfigBlocks, AreFoundByName) {
   EXPECT_EQ(BlockIn(file, "Spaced"), "ABC");
   EXPECT_EQ(BlockIn(file, "Outer"), "A");
   EXPECT_EQ(BlockIn(file, "Same"), "D");
-  for (const char* name : {"Empty", "Fake", "Inner", "Late", "Oute", ""}) {
-    EXPECT_EQ(BlockIn(file, name), "(none)") << name;
-  }
+  // Their '<' may stand anywhere, also in an entry or in another block.
+  EXPECT_EQ(BlockIn(file, "Fake") + BlockIn(file, "Inner") + BlockIn(file, "Late"), "ABBA");
+  for (const char* name : {"Empty", "Oute", ""}) EXPECT_EQ(BlockIn(file, name), "(none)") << name;
   // A block behind the open one would close it.
   EXPECT_EQ(SetBlock(file, "New", "new"), ConfigResult::kFailed);
   EXPECT_EQ(BlockIn(file, "New") + BlockIn(file, "Open"), "(none)(none)");
@@ -192,6 +192,9 @@ TEST(ConfigChange, SetsAndAddsValues) {
         {{"missing section", "[A]\nx=1\n", "[A]\nx=1\n\n[S]\nE=v\n"},
          {"section in a block", "<B = \n[S]\nE=1\n/>\n", "<B = \n[S]\nE=1\n/>\n\n[S]\nE=v\n"},
          {"behind a whole CR LF", "[S]\r\nx=1\r\n\r\n[A]", "[S]\r\nx=1\r\nE=v\n\r\n[A]"},
+         {"behind a lone CR", "[S]\nx=1\r", "[S]\nx=1\r\nE=v\n"},
+         {"in place of a line behind one", "[S]\nx=1\re=2\n", "[S]\nx=1\r\nE=v\n"},
+         {"behind a line of blanks", "[S]\nx=1\n  \n\n [A]", "[S]\nx=1\n  \nE=v\n\n [A]"},
          {"before a block", "[S]\n  <B = \n/>\n", "[S]\nE=v\n  <B = \n/>\n"},
          {"whole line with its end", "[S]\r\n  e=old\r\nb=2", "[S]\r\nE=v\nb=2"},
          {"first of two", "[S]\na=1\nE=1\nE=2\n[S]\nE=3", "[S]\na=1\nE=v\nE=2\n[S]\nE=3"}});
@@ -234,7 +237,11 @@ TEST(ConfigChange, RenamesSections) {
          {"values of the target win",
           "[Old]\nb=old\nB=older\n\n[New]\nB=new\n;c\nb=newer\nc=3\nd\nf\nF=6\n[X]\n",
           "[New]\nB=new\nB=older\nc=3\nd=\nf=6\n\n[X]\n"},
-         {"target in front", "[New]\nc=3\n[X]\n[Old]", "\n[X]\n[New]\nc=3\n"}});
+         {"target in front", "[New]\nc=3\n[X]\n[Old]", "\n[X]\n[New]\nc=3\n"},
+         {"CR LF", "[Old]\r\na=1\r\n[New]\r\nb=2\r\n", "[New]\r\na=1\r\nb=2\n"},
+         {"merged into the first in any letters", "[old]\n[Old]\na=1\n[New]\nb=2\n",
+          "[old]\nb=2\n[New]\na=1"},
+         {"two targets", "[New]\na=1\n[Old]\n[New]\nb=2\n", "[New]\na=1\n[New]\na=1\n"}});
   Check([](config::CConfigFile& file) { return file.RenameSection("Old", "OLD"); },
         {{"letters only", "[Old]\na=1\n[Old]\na=2\n", "[OLD]\na=1\n[OLD]\na=2\n"}});
 }
@@ -251,7 +258,9 @@ TEST(ConfigChange, Migrates) {
           "[CredentialProvider]\nBMP1=same\nimage2=mine\n  IMAGE4=moved\nE=1\n" + images +
               "[credentialprovider]\nBMP5=too\nimage4=other",
           "[CredentialProvider]\nimage2=mine\nE=1\n" + images +
-              "IMAGE4=moved\nBMP5=too\n[credentialprovider]\nimage4=other"}});
+              "IMAGE4=moved\nBMP5=too\n[credentialprovider]\nimage4=other"},
+         {"images behind a lone CR", "[CredentialProvider]\nBMP=x\n[Dialog Presentation]\nBMP1=y\r",
+          "[CredentialProvider]\n[Dialog Presentation]\nBMP1=y\r\nBMP=x\n"}});
 }
 
 TEST(ConfigChange, SortsAndStrips) {
@@ -268,9 +277,11 @@ TEST(ConfigChange, SortsAndStrips) {
 
 TEST(ConfigChange, StripsManyBlocksInOneLine) {
   // A search for the end of the line behind each block would outlast the runner's patience.
-  std::string text;
-  while (text.size() < (16U << 20)) text += "<A=QQ==/>";
-  EXPECT_EQ(config::StripCommentLines(";c\n" + text), text);
+  for (const std::string block : {"<A=QQ==/>", "<A=QQ==/>\n"}) {
+    std::string text;
+    while (text.size() < (16U << 20)) text += block;
+    EXPECT_EQ(config::StripCommentLines(";c\n" + text), text);
+  }
 }
 
 TEST(ConfigChange, GrowsInStepsAndSaysSo) {
@@ -284,6 +295,12 @@ TEST(ConfigChange, GrowsInStepsAndSaysSo) {
                                                      "Config - Increase for set (164096)",
                                                      "Config - Increase for rename (164096)"}));
   EXPECT_EQ(file.Grow(config::kMaxConfigSize), ConfigResult::kFailed);
+  // Only these three say so.
+  LoadedFile whole("[S]\n");
+  EXPECT_EQ(SetBlock(whole, "B", std::string(2000, 'b')), ConfigResult::kOk);
+  EXPECT_EQ(SetBlock(whole, std::nullopt, std::string(config::kGrowthStep * 3, 'b')),
+            ConfigResult::kOk);
+  EXPECT_EQ(trace.Lines().size(), 3U);
 }
 
 class ConfigSaving : public ::testing::Test {
@@ -307,6 +324,9 @@ TEST_F(ConfigSaving, TidiedTextWinsOverAChangedFile) {
       {"empty lines", "[S]\r\nE=1\r\n\r\n\r\n\r\n\r\n[T]\r\n", "[S]\nE=v\n\n[T]\n"},
       {"ten passes", "[S]\nE=1\n" + thousand + "[T]", "[S]\nE=v\n" + thousand.substr(983) + "[T]"},
       {"a full growth step", "[S]\nE=1\n" + comment, "[S]\nE=v\n" + comment},
+      {"every line of a merged text with CR LF",
+       "[S]\r\nE=1\r\n[Soft Tokens]\r\n[Smart Card]\r\nT=30\r\n[SmartCard]\r\nR=5\r\n",
+       "[S]\nE=v\n[SoftToken]\n[SmartCard]\nT=30\nR=5\n"},
       {"nothing but an old name", "[S]\nE=v\n[Soft Tokens]", "[S]\nE=v\n[SoftToken]"}};
   for (const auto& [name, before, after] : cases) {
     Open(before);

@@ -146,6 +146,15 @@ TEST_F(ConfigStore, SpareOperationsAskBothItemsAndChangeTheFirst) {
   std::size_t index = 0;
   while (const auto name = config.EnumSectionEntries("T", index)) names += *name;
   EXPECT_EQ(names, "ab");
+  names.clear();
+  index = 0;
+  while (const auto found = config.EnumEntries(index)) names += found->entry + " ";
+  EXPECT_EQ(names + std::to_string(index), "E_q long 3") << "the second has no third";
+  index = 1;
+  config::CConfig both;
+  both.OpenItem(false, folder_.Write("a.conf", "[S]\na=1\n"));
+  both.OpenItem(false, folder_.Write("b.conf", "[S]\nb=1\nc=1\n"));
+  EXPECT_EQ(both.EnumSectionEntries("S", index), "c");
   EXPECT_EQ(config.GetBlock("b"), (std::vector<std::uint8_t>{'A', 'B', 'C'}));
 
   EXPECT_EQ(config.SetInteger("S", "i", -1), ConfigResult::kOk);
