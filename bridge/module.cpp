@@ -9,6 +9,7 @@
 
 #include "config/store.h"
 #include "runtime/files.h"
+#include "runtime/loader.h"
 #include "runtime/trace.h"
 
 namespace qixx::bridge {
@@ -66,29 +67,29 @@ Settings ReadSettings() {
 }
 
 /// Kept to itself: the program may hold another module with functions of the same names.
-void* Open(const std::string& path, std::string& fault) {
-  void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+runtime::SharedLibrary Open(const std::string& path, std::string& fault) {
+  runtime::SharedLibrary library(::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL));
   // The first fault is that of the name as configured, which is the one to tell.
-  if (const char* const told = ::dlerror(); library == nullptr && fault.empty()) {
+  if (const char* const told = ::dlerror(); !library.IsOpen() && fault.empty()) {
     fault = told == nullptr ? "" : told;
   }
   return library;
 }
 
-void* Find(const std::string& name, std::string& path) {
+runtime::SharedLibrary Find(const std::string& name, std::string& path) {
   std::string fault;
   path = name;
-  if (void* const library = Open(path, fault); library != nullptr) return library;
+  if (runtime::SharedLibrary library = Open(path, fault); library.IsOpen()) return library;
   if (name.find('/') == std::string::npos) {
     for (const char* const folder : kModuleFolders) {
       path = folder + name;
       if (!runtime::PathExists(path.c_str())) continue;
       fault.clear();  // of a file that is there, the fault says more
-      if (void* const library = Open(path, fault); library != nullptr) return library;
+      if (runtime::SharedLibrary library = Open(path, fault); library.IsOpen()) return library;
     }
   }
   runtime::TraceWrite("Bridge - Failed to load '%s': %s", name.c_str(), fault.c_str());
-  return nullptr;
+  return {};
 }
 
 /// The answer of the functions that a module leaves out.
@@ -122,8 +123,9 @@ void Fill(const CK_FUNCTION_LIST& module, CK_FUNCTION_LIST& functions) {
 #undef BRIDGE_FILL
 }
 
-bool TakeFunctions(void* library, const std::string& path, CK_FUNCTION_LIST& functions) {
-  const auto obtain = reinterpret_cast<CK_C_GetFunctionList>(::dlsym(library, "C_GetFunctionList"));
+bool TakeFunctions(const runtime::SharedLibrary& library, const std::string& path,
+                   CK_FUNCTION_LIST& functions) {
+  const auto obtain = library.FindSymbol<CK_C_GetFunctionList>("C_GetFunctionList");
   CK_FUNCTION_LIST* module = nullptr;
   if (obtain == &C_GetFunctionList) {
     runtime::TraceWrite("Bridge - '%s' is the bridge itself", path.c_str());
@@ -144,12 +146,9 @@ Module LoadModule() {
   runtime::InitProductIdentity();
   Settings settings = ReadSettings();
   std::string path;
-  void* const library = Find(settings.module, path);
-  if (library == nullptr) return {};
-  if (!TakeFunctions(library, path, functions)) {
-    ::dlclose(library);
-    return {};
-  }
+  runtime::SharedLibrary library = Find(settings.module, path);
+  if (!library.IsOpen() || !TakeFunctions(library, path, functions)) return {};
+  static_cast<void>(library.Release());  // for the life of the process
   runtime::TraceWrite("Bridge - Loaded '%s'", path.c_str());
   return {&functions, std::move(settings.filter)};
 }

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <type_traits>
 
 #include "pkcs11/cryptoki.h"
+#include "runtime/loader.h"
 
 namespace qixx::bridge {
 namespace {
@@ -30,14 +32,19 @@ struct PcscLibrary {
 };
 
 PcscLibrary LoadPcsc() {
-  void* const library = ::dlopen("libpcsclite.so.1", RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) return {};
-  const auto entry = [library](const char* name) { return ::dlsym(library, name); };
-  return {reinterpret_cast<decltype(PcscLibrary::establish)>(entry("SCardEstablishContext")),
-          reinterpret_cast<decltype(PcscLibrary::release)>(entry("SCardReleaseContext")),
-          reinterpret_cast<decltype(PcscLibrary::list)>(entry("SCardListReaders")),
-          reinterpret_cast<decltype(PcscLibrary::wait)>(entry("SCardGetStatusChange")),
-          reinterpret_cast<decltype(PcscLibrary::cancel)>(entry("SCardCancel"))};
+  runtime::SharedLibrary library(::dlopen("libpcsclite.so.1", RTLD_NOW | RTLD_LOCAL));
+  if (!library.IsOpen()) return {};
+  PcscLibrary functions;
+  const auto find = [&library](auto& function, const char* name) {
+    function = library.FindSymbol<std::remove_reference_t<decltype(function)>>(name);
+  };
+  find(functions.establish, "SCardEstablishContext");
+  find(functions.release, "SCardReleaseContext");
+  find(functions.list, "SCardListReaders");
+  find(functions.wait, "SCardGetStatusChange");
+  find(functions.cancel, "SCardCancel");
+  static_cast<void>(library.Release());  // for the life of the process
+  return functions;
 }
 
 const PcscLibrary& Pcsc() {

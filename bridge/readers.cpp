@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <ctime>
+
+#include "runtime/clock.h"
 
 namespace qixx::bridge {
 namespace {
@@ -12,12 +13,6 @@ namespace {
 constexpr std::int64_t kConnectPause = 3000;
 
 }  // namespace
-
-std::int64_t Milliseconds() {
-  timespec time = {};
-  ::clock_gettime(CLOCK_MONOTONIC, &time);
-  return std::int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
-}
 
 std::string_view DescriptionText(const CK_SLOT_INFO& info) {
   const std::string_view text(reinterpret_cast<const char*>(info.slotDescription),
@@ -56,8 +51,8 @@ void Readers::Abandon() {
 
 bool Readers::Connect() {
   if (connection_.IsOpen()) return true;
-  if (Milliseconds() < connectAfter_) return false;
-  connectAfter_ = Milliseconds() + kConnectPause;
+  if (runtime::MonotonicMilliseconds() < connectAfter_) return false;
+  connectAfter_ = runtime::MonotonicMilliseconds() + kConnectPause;
   return connection_.Open();
 }
 

@@ -20,9 +20,6 @@ namespace qixx::bridge {
 /// A reader's name as a slot description holds it: cut to 64 bytes, without padding.
 [[nodiscard]] std::string_view DescriptionText(const CK_SLOT_INFO& info);
 
-/// A clock that only goes forward.
-[[nodiscard]] std::int64_t Milliseconds();
-
 /// Not for several threads at a time.
 class Readers {
  public:

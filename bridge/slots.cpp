@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "runtime/clock.h"
 #include "runtime/trace.h"
 
 namespace qixx::bridge {
@@ -112,7 +113,8 @@ std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
   if (slot == nullptr || !slot->byPcsc) return {};
   CK_SLOT_INFO info = slot->info;
   info.flags &= ~CKF_TOKEN_PRESENT;
-  if (Milliseconds() >= slot->emptyUntil && StateOf(*slot).present) info.flags |= CKF_TOKEN_PRESENT;
+  if (runtime::MonotonicMilliseconds() >= slot->emptyUntil && StateOf(*slot).present)
+    info.flags |= CKF_TOKEN_PRESENT;
   return info;
 }
 
@@ -165,7 +167,7 @@ const Slots::Slot* Slots::NextCard() const {
 /// A card that gave place to another was pulled first. The next card is looked for in another slot.
 CK_SLOT_ID Slots::Tell(Slot& slot) {
   if (isPulled_ || !slot.state.present) {
-    slot.emptyUntil = Milliseconds() + kMaxShownEmpty;
+    slot.emptyUntil = runtime::MonotonicMilliseconds() + kMaxShownEmpty;
     turn_ = static_cast<std::size_t>(&slot - slots_.data()) + 1;
     told_ = 0;
   } else {
@@ -217,7 +219,7 @@ void Slots::Poll() {
   if (searches_ > 0 && KnowsAllReaders()) searches_ = 0;
   const bool comparing = NeedsModule();
   if (comparing && !isEventless_) DrainModuleEvents();
-  const bool isDue = Milliseconds() - refreshed_ >= kRefreshInterval;
+  const bool isDue = runtime::MonotonicMilliseconds() - refreshed_ >= kRefreshInterval;
   const bool searching = searches_ > 0 && (isStale_ || isDue);
   if (searching) --searches_;
   if (searching || (comparing && (isEventless_ || isDue))) Refresh();
@@ -295,7 +297,7 @@ CK_RV Slots::ListModule(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& i
 /// Brings everything up to what the module lists now. A list that fails says nothing. A slot of
 /// which nothing can be read shows no token, and gets no number before something can.
 void Slots::Refresh() {
-  refreshed_ = Milliseconds();
+  refreshed_ = runtime::MonotonicMilliseconds();
   std::vector<CK_SLOT_ID> ids;
   if (ListModule(false, true, ids) != CKR_OK) return;
   std::vector<SlotSnapshot> snapshots;
