@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <utility>
 
 #include "config/conditions.h"
 #include "config/environment.h"
@@ -105,25 +106,49 @@ ConfigResult CConfig::OpenItem(bool writable, const std::string& path) {
 }
 
 std::optional<std::string> CConfig::FindLocalPath() {
-  if (auto path = GetPathVariable("configlocal")) return path;
-  const std::optional<std::string> directory = GetUserDirectory();
-  if (!directory) return std::nullopt;
-  if (!runtime::PathExists(*directory)) runtime::CreatePath(*directory);
-  return JoinText({*directory, runtime::Product().configFile});
+  std::optional<ConfigPath> found = LocateLocal();
+  if (!found) return std::nullopt;
+  if (found->origin == PathOrigin::kHome) {
+    const std::optional<std::string> directory = GetUserDirectory();
+    if (directory && !runtime::PathExists(*directory)) runtime::CreatePath(*directory);
+  }
+  return std::move(found->path);
 }
 
 std::optional<std::string> CConfig::FindGlobalPath() {
-  if (staticMode) return std::string(kStaticPath);
-  if (auto path = GetPathVariable("configglobal")) return path;
+  std::optional<ConfigPath> found = LocateGlobal();
+  if (!found) return std::nullopt;
+  return std::move(found->path);
+}
+
+std::optional<ConfigPath> CConfig::LocateLocal() {
+  if (auto path = GetPathVariable("configlocal")) {
+    return ConfigPath{*std::move(path), PathOrigin::kEnvironment};
+  }
+  const std::optional<std::string> directory = GetUserDirectory();
+  if (!directory) return std::nullopt;
+  auto path = JoinText({*directory, runtime::Product().configFile});
+  if (!path) return std::nullopt;
+  return ConfigPath{*std::move(path), PathOrigin::kHome};
+}
+
+std::optional<ConfigPath> CConfig::LocateGlobal() {
+  if (staticMode) return ConfigPath{std::string(kStaticPath), PathOrigin::kBuiltIn};
+  if (auto path = GetPathVariable("configglobal")) {
+    return ConfigPath{*std::move(path), PathOrigin::kEnvironment};
+  }
   const std::string_view file = runtime::Product().configFile;
   if (file.empty()) return std::nullopt;
 
   const std::optional<std::string> user = GetUserDirectory();
   const bool perUser = user && HoldsLibraries(*user);
   auto path = JoinText({perUser ? std::string_view(*user) : "/etc/", file});
-  if (path && runtime::PathExists(*path)) return path;
+  if (path && runtime::PathExists(*path)) {
+    return ConfigPath{*std::move(path),
+                      perUser ? PathOrigin::kPerUserInstall : PathOrigin::kSystemDirectory};
+  }
   // The directory to fall back on is deliberately empty: the file of the current directory.
-  return std::string(file);
+  return ConfigPath{std::string(file), PathOrigin::kCurrentDirectory};
 }
 
 void CConfig::SetStaticMode(bool on) {

@@ -28,6 +28,21 @@ struct ConfigValue {
   ConfigOrigin origin = ConfigOrigin::kFile;
 };
 
+/// Why a configuration file is looked for where it is.
+enum class PathOrigin : std::uint8_t {
+  kEnvironment,       ///< a variable names it
+  kHome,              ///< the user's, below the home directory
+  kPerUserInstall,    ///< the system's, there because the product is installed there
+  kSystemDirectory,   ///< "/etc/"
+  kCurrentDirectory,  ///< the last resort for the system's
+  kBuiltIn,
+};
+
+struct ConfigPath {
+  std::string path;
+  PathOrigin origin = PathOrigin::kSystemDirectory;
+};
+
 /// A longer text of a number is cut there.
 inline constexpr std::size_t kMaxNumber = 16;
 
@@ -76,6 +91,9 @@ class CConfig {
   /// The paths that OpenAll and OpenDefault use. The user's directory is made when it is missing.
   [[nodiscard]] static std::optional<std::string> FindLocalPath();
   [[nodiscard]] static std::optional<std::string> FindGlobalPath();
+  /// The same with the reason. Nothing is made.
+  [[nodiscard]] static std::optional<ConfigPath> LocateLocal();
+  [[nodiscard]] static std::optional<ConfigPath> LocateGlobal();
   /// Process-wide: the built-in configuration takes the place of the system's file.
   static void SetStaticMode(bool on);
 

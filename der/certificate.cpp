@@ -54,6 +54,19 @@ class FieldReader {
   DerResult result_ = DerResult::kOk;
 };
 
+/// Shows each purpose of the extended key usage until the visitor says true; its last answer.
+template <typename Visitor>
+bool VisitExtendedKeyUsages(const CertificateHolder& holder, const Visitor& visitor) {
+  const std::optional<Bytes> extension = GetExtension(holder, kExtendedKeyUsage);
+  if (!extension) return false;
+  Bytes rest = ContentOf(ContentOf(*extension));
+  while (const std::optional<DerElement> element = TakeElement(rest)) {
+    std::optional<OidRecord> identifier = ReadOid(element->whole);
+    if (identifier && visitor(*identifier)) return true;
+  }
+  return false;
+}
+
 CertificatePtr LoadDer(Bytes bytes) {
   if (bytes.empty() || bytes[0] != kTagSequence) return nullptr;
   auto holder = std::make_unique<CertificateHolder>();
@@ -302,14 +315,17 @@ std::optional<Bytes> GetExtension(const CertificateHolder& holder, std::string_v
 }
 
 bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpose) {
-  const std::optional<Bytes> extension = GetExtension(holder, kExtendedKeyUsage);
-  if (!extension) return false;
-  Bytes rest = ContentOf(ContentOf(*extension));
-  while (const std::optional<DerElement> element = TakeElement(rest)) {
-    const std::optional<OidRecord> identifier = ReadOid(element->whole);
-    if (identifier && identifier->text == purpose) return true;
-  }
-  return false;
+  return VisitExtendedKeyUsages(
+      holder, [purpose](const OidRecord& identifier) { return identifier.text == purpose; });
+}
+
+std::vector<std::string> GetExtendedKeyUsages(const CertificateHolder& holder) {
+  std::vector<std::string> purposes;
+  VisitExtendedKeyUsages(holder, [&purposes](OidRecord& identifier) {
+    purposes.push_back(std::move(identifier.text));
+    return false;
+  });
+  return purposes;
 }
 
 std::optional<std::uint8_t> GetKeyUsageBits(const CDerCert& certificate) {
@@ -318,6 +334,18 @@ std::optional<std::uint8_t> GetKeyUsageBits(const CDerCert& certificate) {
   // BIT STRING: the number of unused bits, then the bits.
   const Bytes content = ContentOf(ContentOf(extension));
   return content.size() < 2 ? std::uint8_t{0} : content.back();
+}
+
+std::vector<unsigned> GetKeyUsages(const CDerCert& certificate) {
+  constexpr std::size_t kMaxKeyUsageBytes = 2;
+  std::vector<unsigned> usages;
+  Bytes bits = ContentOf(ContentOf(certificate.KeyUsage()));
+  if (bits.empty()) return usages;
+  bits = bits.subspan(1, std::min(bits.size() - 1, kMaxKeyUsageBytes));
+  for (unsigned bit = 0; bit < bits.size() * 8; ++bit) {
+    if ((bits[bit / 8] & (0x80U >> (bit % 8))) != 0) usages.push_back(bit);
+  }
+  return usages;
 }
 
 }  // namespace qixx::der

@@ -151,10 +151,16 @@ using CertificatePtr = std::unique_ptr<CertificateHolder>;
 [[nodiscard]] std::optional<Bytes> GetExtension(const CertificateHolder& holder,
                                                 std::string_view identifier);
 [[nodiscard]] bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpose);
+/// The purposes of the extended key usage, dotted, in their order; what is no identifier is left
+/// out.
+[[nodiscard]] std::vector<std::string> GetExtendedKeyUsages(const CertificateHolder& holder);
 
 /// The last byte of the key-usage bits, 0 when they cannot be read. Nothing without such an
 /// extension.
 [[nodiscard]] std::optional<std::uint8_t> GetKeyUsageBits(const CDerCert& certificate);
+/// The numbers of the key-usage bits that are set (RFC 5280, 4.2.1.3: 0 is digitalSignature), of
+/// the first sixteen.
+[[nodiscard]] std::vector<unsigned> GetKeyUsages(const CDerCert& certificate);
 
 }  // namespace qixx::der
 

@@ -1,6 +1,7 @@
 #include "runtime/loader.h"
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <memory>
 #include <utility>
@@ -44,6 +45,33 @@ std::string ReadInstallDirectory() {
     directory = settings->GetText("Install", "Directory").value_or("");
   }
   return directory.empty() ? kDefaultDirectory : WithSlash(std::move(directory));
+}
+
+/// To be called right behind the open.
+void NoteFailedOpen(const std::string& path, std::vector<FailedOpen>* failed) {
+  if (failed == nullptr) return;
+  const char* const reason = ::dlerror();
+  failed->push_back({path, reason == nullptr ? "" : reason});
+}
+
+int AddName(dl_phdr_info* info, std::size_t /*size*/, void* names) {
+  if (info->dlpi_name == nullptr || *info->dlpi_name == '\0') return 0;  // the program itself
+  static_cast<std::vector<std::string>*>(names)->emplace_back(info->dlpi_name);
+  return 0;
+}
+
+std::vector<std::string> LoadedFiles() {
+  std::vector<std::string> names;
+  ::dl_iterate_phdr(&AddName, &names);
+  return names;
+}
+
+/// Whether the function is the loaded library's own, not that of one that it needs.
+bool Defines(const std::string& path, const std::string& function) {
+  const SharedLibrary library(::dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD));
+  void* const address = library.FindSymbol<void*>(function);
+  Dl_info owner = {};
+  return address != nullptr && ::dladdr(address, &owner) != 0 && path == owner.dli_fname;
 }
 
 /// Calls an entry point with a copy of the arguments that it may write to. Nothing when there is no
@@ -101,19 +129,30 @@ SharedLibrary OpenLibrary(const std::string& path) {
   return SharedLibrary(path.empty() ? nullptr : ::dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL));
 }
 
-std::optional<FoundLibrary> LoadLibrarySearch(const std::string& name) {
+std::optional<FoundLibrary> LoadLibrarySearch(const std::string& name,
+                                              std::vector<FailedOpen>* failed) {
   if (name.empty()) return std::nullopt;
   std::string path = name;
   SharedLibrary library = OpenLibrary(path);
   // The directories are asked for only when they are needed, for the configuration may be read.
   for (const auto directory : {InstallDirectory, LibraryDirectory}) {
     if (library.IsOpen()) break;
+    NoteFailedOpen(path, failed);
     path = directory() + name;
     library = OpenLibrary(path);
   }
-  if (!library.IsOpen()) return std::nullopt;
+  if (!library.IsOpen()) {
+    NoteFailedOpen(path, failed);
+    return std::nullopt;
+  }
   if (path.size() > kMaxText) path.resize(kMaxText);
   return FoundLibrary{.library = std::move(library), .path = std::move(path)};
+}
+
+std::vector<std::string> LibrariesDefining(const std::string& function) {
+  std::vector<std::string> paths = LoadedFiles();
+  std::erase_if(paths, [&function](const std::string& path) { return !Defines(path, function); });
+  return paths;
 }
 
 std::string InstallDirectory() {

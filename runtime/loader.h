@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "runtime/text.h"
 
@@ -59,9 +60,19 @@ struct FoundLibrary {
   SharedLibrary library;
   std::string path;  ///< the name that it was opened by, cut to kMaxText
 };
+/// A place where a library could not be opened, and why not in the words of the platform's loader.
+struct FailedOpen {
+  std::string path;
+  std::string reason;
+};
 /// Opens the name as given, in the installation directory, in the library directory; the first
-/// success counts.
-[[nodiscard]] std::optional<FoundLibrary> LoadLibrarySearch(const std::string& name);
+/// success counts. The places that were tried in vain go to the end of `failed`.
+[[nodiscard]] std::optional<FoundLibrary> LoadLibrarySearch(
+    const std::string& name, std::vector<FailedOpen>* failed = nullptr);
+
+/// The files of the libraries in this process that define a function of this name, in the order in
+/// which they were loaded.
+[[nodiscard]] std::vector<std::string> LibrariesDefining(const std::string& function);
 
 /// Entry "Directory" of section "Install" with a '/' at its end, "/usr/lib/" when it is absent or
 /// empty. Read once, as soon as the product identity is set up and the runtime has a source of

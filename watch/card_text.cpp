@@ -17,25 +17,13 @@ constexpr std::string_view kLineStarts = "[<;#";
 
 // --- characters ---------------------------------------------------------------------------------
 
-bool IsControl(char32_t character) {
-  return character < 0x20 || (character >= 0x7F && character < 0xA0);
-}
-
-/// Turns the direction in which the text around it is shown, so that a reader takes it for another.
-bool IsDirectionMark(char32_t character) {
-  return character == 0x061C || character == 0x200E || character == 0x200F ||
-         (character >= 0x202A && character <= 0x202E) ||
-         (character >= 0x2066 && character <= 0x2069);
-}
-
 std::string CleanCharacters(std::string_view text) {
   std::string cleaned;
   cleaned.reserve(text.size());
   while (!text.empty()) {
     const std::string_view before = text;
     const std::optional<char32_t> character = runtime::TakeUtf8(text);
-    if (!character || IsControl(*character) || IsDirectionMark(*character) || *character == '"' ||
-        *character == '|') {
+    if (!character || Misleads(*character) || *character == '"' || *character == '|') {
       cleaned.push_back(kHarmless);
     } else {
       cleaned.append(before.substr(0, before.size() - text.size()));
@@ -106,6 +94,14 @@ void CleanMigrationMarks(std::string& text) {
 }
 
 }  // namespace
+
+bool Misleads(char32_t character) {
+  const bool isControl = character < 0x20 || (character >= 0x7F && character < 0xA0);
+  const bool turnsDirection = character == 0x061C || character == 0x200E || character == 0x200F ||
+                              (character >= 0x202A && character <= 0x202E) ||
+                              (character >= 0x2066 && character <= 0x2069);
+  return isControl || turnsDirection;
+}
 
 std::string CleanCardText(std::string_view text) {
   std::string cleaned = CleanCharacters(text);

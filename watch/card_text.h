@@ -19,6 +19,10 @@ namespace qixx::watch {
 /// something may stand alone, or at an end, in them.
 [[nodiscard]] std::string CleanCardText(std::string_view text);
 
+/// Whether a character is a control character (C0 or C1) or turns the direction of writing: shown
+/// as it is it would have a reader see another text than there is.
+[[nodiscard]] bool Misleads(char32_t character);
+
 /// The same value for the start of a line of a file: what would make a section, a block or a
 /// comment of the line becomes '_'.
 [[nodiscard]] std::string CleanLineStart(std::string_view cleaned);

@@ -1,6 +1,7 @@
 #include "watch/certificate_selection.h"
 
 #include <cstdio>
+#include <utility>
 
 #include "der/matching.h"
 #include "pkcs11/reader.h"
@@ -16,11 +17,15 @@ constexpr std::uint8_t kEverySlot = 255;
 constexpr std::size_t kMaxMatchValue = 2;
 
 /// Keeps a copy of a certificate beside the trace.
-void DumpCertificate(int pass, std::size_t index, const der::CertificateHolder& holder) {
+void DumpCertificate(SelectionPass pass, std::size_t index, const der::CertificateHolder& holder) {
   if (!runtime::TraceIsOn()) return;
   char name[32];
-  std::snprintf(name, sizeof name, "cert%d%d.cer", pass, static_cast<int>(index));
+  std::snprintf(name, sizeof name, "cert%d%d.cer", static_cast<int>(pass), static_cast<int>(index));
   runtime::TraceDump(name, holder.certificate.GetData());
+}
+
+SelectionPass LastPass(const CredentialMatch& match) {
+  return match.value.empty() ? SelectionPass::kAny : SelectionPass::kForLogon;
 }
 
 }  // namespace
@@ -46,20 +51,49 @@ std::optional<CredentialMatch> ParseMatchText(std::string_view match) {
   return CredentialMatch{std::string(name), runtime::HexDecode(digits)};
 }
 
-std::optional<der::CertificateLogonValues> SelectLogonValues(
-    std::span<const der::CertificatePtr> certificates, const CredentialMatch& match) {
-  const int passes = match.value.empty() ? 2 : 1;
-  for (int pass = 0; pass < passes; ++pass) {
-    const bool forLogon = pass == 0;
+CredentialMatch SelectionMatch(std::string_view match) {
+  return ParseMatchText(match).value_or(CredentialMatch{});
+}
+
+Trial TryCertificate(const der::CertificateHolder& holder, const CredentialMatch& match,
+                     SelectionPass pass) {
+  if (holder.superseded) return {Verdict::kSuperseded, {}};
+  if (!match.Accepts(holder)) return {Verdict::kNotMatching, {}};
+  const bool forLogon = pass == SelectionPass::kForLogon;
+  Trial trial = {Verdict::kTaken, der::GetLogonValues(holder, forLogon, !forLogon)};
+  if (!trial.values.upn.empty()) return trial;
+  const bool isForLogon = der::HasExtendedKeyUsage(holder, der::kSmartCardLogon);
+  trial.verdict = !forLogon    ? Verdict::kWithoutNames
+                  : isForLogon ? Verdict::kWithoutName
+                               : Verdict::kNotForLogon;
+  return trial;
+}
+
+std::optional<Selection> SelectCertificate(std::span<const der::CertificatePtr> certificates,
+                                           const CredentialMatch& match) {
+  for (const SelectionPass pass : {SelectionPass::kForLogon, SelectionPass::kAny}) {
+    if (pass > LastPass(match)) break;
     for (std::size_t index = 0; index < certificates.size(); ++index) {
       const der::CertificateHolder& holder = *certificates[index];
       DumpCertificate(pass, index, holder);
-      if (holder.superseded || !match.Accepts(holder)) continue;
-      der::CertificateLogonValues values = der::GetLogonValues(holder, forLogon, !forLogon);
-      if (!values.upn.empty()) return values;
+      Trial trial = TryCertificate(holder, match, pass);
+      if (trial.verdict == Verdict::kTaken) return Selection{index, pass, std::move(trial.values)};
     }
   }
   return std::nullopt;
+}
+
+std::vector<Verdict> JudgeCertificates(std::span<const der::CertificatePtr> certificates,
+                                       const CredentialMatch& match,
+                                       const std::optional<Selection>& selection) {
+  const SelectionPass deciding = selection ? selection->pass : LastPass(match);
+  std::vector<Verdict> verdicts;
+  for (std::size_t index = 0; index < certificates.size(); ++index) {
+    const Verdict verdict = TryCertificate(*certificates[index], match, deciding).verdict;
+    const bool isLate = verdict == Verdict::kTaken && selection && index != selection->index;
+    verdicts.push_back(isLate ? Verdict::kBehindTaken : verdict);
+  }
+  return verdicts;
 }
 
 }  // namespace qixx::watch

@@ -30,12 +30,47 @@ struct CredentialMatch {
 /// Splits "name|hex" at the last bar. Nothing for a name of 256 characters or more, and for four
 /// digits or more.
 [[nodiscard]] std::optional<CredentialMatch> ParseMatchText(std::string_view match);
+/// What a match text asks of the certificate that is taken. One that cannot be read asks for
+/// nothing, and neither does the word "fast": it is a name without a value.
+[[nodiscard]] CredentialMatch SelectionMatch(std::string_view match);
 
-/// What the first certificate says that yields a name to log on with, as it stands there: one made
-/// for smart-card logon in the first pass, any other (and an e-mail address in place of the name)
-/// in the second. A match with a value asks for the first kind alone. While tracing is on each
-/// certificate that is tried is kept beside the trace.
-[[nodiscard]] std::optional<der::CertificateLogonValues> SelectLogonValues(
+/// A walk over the certificates: the first one asks for those made for smart-card logon, the second
+/// for any other, where an e-mail address may stand in for the name.
+enum class SelectionPass : std::uint8_t { kForLogon, kAny };
+
+/// What came of a certificate in a pass, and of all of them in a selection.
+enum class Verdict : std::uint8_t {
+  kTaken,
+  kBehindTaken,   ///< would do, but the one that is taken stands in front of it
+  kSuperseded,    ///< a duplicate is valid longer
+  kNotMatching,   ///< its name or slot is not that of the match
+  kNotForLogon,   ///< not made for smart-card logon
+  kWithoutName,   ///< made for it, but has no principal name
+  kWithoutNames,  ///< has neither a principal name nor an e-mail address
+};
+
+struct Trial {
+  Verdict verdict = Verdict::kTaken;
+  der::CertificateLogonValues values;  ///< as they stand there, of one that can be taken
+};
+/// What a pass makes of one certificate alone.
+[[nodiscard]] Trial TryCertificate(const der::CertificateHolder& holder,
+                                   const CredentialMatch& match, SelectionPass pass);
+
+struct Selection {
+  std::size_t index = 0;  ///< of the certificate that is taken
+  SelectionPass pass = SelectionPass::kForLogon;
+  der::CertificateLogonValues values;
+};
+/// The first certificate that yields a name to log on with. A match with a value has the first pass
+/// only. While tracing is on each certificate that is tried is kept beside the trace.
+[[nodiscard]] std::optional<Selection> SelectCertificate(
     std::span<const der::CertificatePtr> certificates, const CredentialMatch& match);
+
+/// Why the selection takes none but the one that it takes: for each certificate what the deciding
+/// pass makes of it, that is the one in which one is taken, or the last one.
+[[nodiscard]] std::vector<Verdict> JudgeCertificates(
+    std::span<const der::CertificatePtr> certificates, const CredentialMatch& match,
+    const std::optional<Selection>& selection);
 
 }  // namespace qixx::watch

@@ -26,12 +26,12 @@ std::string_view FirstCharacters(std::string_view text) {
   return text.substr(0, length);
 }
 
-/// A match that cannot be read asks for nothing, and neither does the word "fast": it is a name
-/// without a value.
 std::optional<der::CertificateLogonValues> SelectCredential(CardReader& card,
                                                             std::string_view match) {
-  const CredentialMatch wanted = ParseMatchText(match).value_or(CredentialMatch{});
-  return SelectLogonValues(card.CollectCertificates(), wanted);
+  std::optional<Selection> found =
+      SelectCertificate(card.CollectCertificates(), SelectionMatch(match));
+  if (!found) return std::nullopt;
+  return std::move(found->values);
 }
 
 }  // namespace

@@ -68,10 +68,16 @@ TEST_F(ConfigStore, FindsItsFiles) {
   // The library directory makes a per-user installation, even while its file is missing.
   folder_.Write("home/.qix/lib/any", "");
   EXPECT_EQ(config::CConfig::FindGlobalPath(), "qix.conf");
+  EXPECT_EQ(config::CConfig::LocateGlobal()->origin, config::PathOrigin::kCurrentDirectory);
+  EXPECT_EQ(config::CConfig::LocateLocal()->origin, config::PathOrigin::kHome);
   // Opening the user's file for writing makes it, so that both are one file.
   EXPECT_EQ(config_.OpenAll(true), ConfigResult::kOk);
   EXPECT_EQ(config_.Item(0)->GetPath(), file);
   EXPECT_EQ(config_.Item(1), nullptr);
+  EXPECT_EQ(config::CConfig::LocateGlobal()->origin, config::PathOrigin::kPerUserInstall);
+  const ScopedVariable elsewhere("HOME", folder_.Path("new").c_str());
+  EXPECT_EQ(config::CConfig::LocateLocal()->path, folder_.Path("new/.qix/qix.conf"));
+  EXPECT_FALSE(std::filesystem::exists(folder_.Path("new"))) << "looking makes nothing";
   const ScopedVariable none("HOME", "");
   EXPECT_EQ(config::CConfig::FindLocalPath(), std::nullopt);
 }

@@ -47,6 +47,26 @@ TEST(GetLogonValues, GivesAllOfThemUncut) {
   EXPECT_EQ(ask("\x31", false), "none");
 }
 
+TEST(Usages, AreListedByBitAndByIdentifier) {
+  using Bits = std::vector<unsigned>;
+  using Purposes = std::vector<std::string>;
+  const std::tuple<const char*, const char*, Bits, Purposes> rows[] = {
+      {"03020780", "300B06032A030404010006012A", {0}, {"1.2.3.4", "1.2"}},
+      {"030307FF80", "3000", {0, 1, 2, 3, 4, 5, 6, 7, 8}, {}},
+      {"0305000180FFFF", "06012A", {7, 8}, {}},  // more bits than have a name
+      {"030100", "", {}, {}},
+      {"0300", "30", {}, {}},
+      {"03", "3003060301", {}, {}},
+  };
+  for (const auto& [bits, purposes, usages, identifiers] : rows) {
+    const der::CertificatePtr holder =
+        Load({.extensions = Extension(der::kKeyUsage, FromHex(bits)) +
+                            Extension(der::kExtendedKeyUsage, FromHex(purposes))});
+    EXPECT_EQ(der::GetKeyUsages(holder->certificate), usages) << bits;
+    EXPECT_EQ(der::GetExtendedKeyUsages(*holder), identifiers) << purposes;
+  }
+}
+
 TEST(LoadCertificate, TakesDerAndBase64) {
   const std::string der = Recipe().Build();
   const std::string base64 = runtime::Base64Encode(BytesOf(der));

@@ -112,6 +112,27 @@ TEST(Library, IsSearchedForOnceUntilUnloaded) {
                                                     "Helper - Unloaded '" + file + "'"));
 }
 
+TEST(Library, ThatIsNotFoundIsToldPlaceByPlace) {
+  const TemporaryFolder folder;
+  folder.Write("libqixtext.so", "no library");
+  SetLibraryDirectory(folder.Path());
+  std::vector<FailedOpen> failed;
+  EXPECT_FALSE(LoadLibrarySearch("libqixtext.so", &failed));
+  SetLibraryDirectory({});
+  ASSERT_EQ(failed.size(), 3U);
+  EXPECT_EQ(failed[0].path, "libqixtext.so");
+  EXPECT_THAT(failed[0].reason, ::testing::HasSubstr("No such file"));
+  EXPECT_EQ(failed[1].path, InstallDirectory() + "libqixtext.so");
+  EXPECT_EQ(failed[2].path, folder.Path("libqixtext.so"));
+  EXPECT_THAT(failed[2].reason, ::testing::HasSubstr("too short"));
+
+  EXPECT_THAT(LibrariesDefining("RunCommand"), ::testing::IsEmpty());
+  const SharedLibrary library = OpenLibrary(kFixture);
+  EXPECT_THAT(LibrariesDefining("RunCommand"), ::testing::ElementsAre(kFixture));
+  EXPECT_THAT(LibrariesDefining("dlopen"), ::testing::Not(::testing::Contains(kFixture)))
+      << "although a search from there finds it";
+}
+
 TEST(EntryPoints, AreCalledWithACopy) {
   const std::pair<const char*, bool> rows[] = {{",RunCommand one, two", true},
                                                {" RunCommand x", false},
