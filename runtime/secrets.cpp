@@ -13,17 +13,42 @@ namespace {
 
 constexpr std::array<std::string_view, 5> kSecretKeys{"pin", "sopin", "puk", "pwd", "password"};
 
-/// Masks the word or the quoted text that follows the word at `at`, any number of blanks between
-/// them. Places are looked up in `line`, so that a value masked before hides no option.
-void MaskValue(std::string_view line, std::size_t at, std::string& masked) {
-  const std::size_t blank = std::min(line.find(' ', at), line.size());
-  std::size_t begin = line.find_first_not_of(' ', blank);
-  if (begin == std::string_view::npos) return;
-  const bool quoted = line[begin] == '"';
-  if (quoted) ++begin;
-  const std::size_t end = std::min(line.find(quoted ? '"' : ' ', begin), line.size());
+constexpr char kQuote = '"';
+
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+void Mask(std::string& masked, std::size_t begin, std::size_t end) {
   std::fill(masked.begin() + static_cast<std::ptrdiff_t>(begin),
             masked.begin() + static_cast<std::ptrdiff_t>(end), '*');
+}
+
+/// Whether a double quote stands in front of an option, whose name begins at `dash` or, with a
+/// second dash, one before it.
+bool IsQuoted(std::string_view line, std::size_t dash) {
+  std::string_view before = line.substr(0, dash);
+  if (before.ends_with('-')) before.remove_suffix(1);
+  return DropTrailingBlanks(before).ends_with(kQuote);
+}
+
+/// Masks the value of the option whose key ends at `at`. Places are looked up in `line`, so that a
+/// value masked before hides no option. What may belong to a value or not is masked.
+void MaskValue(std::string_view line, std::size_t at, bool quotedOption, std::string& masked) {
+  std::size_t begin = std::min(line.find_first_of(" \t=\"", at), line.size());
+  if (begin == line.size()) return;
+  // Quotes around the key alone say nothing of the value.
+  const bool quotedKey = quotedOption && line[begin] == kQuote;
+  if (quotedKey || line[begin] == '=') ++begin;
+  for (; begin < line.size() && (IsBlank(line[begin]) || line[begin] == '='); ++begin) {
+    if (line[begin] == '=') masked[begin] = '*';
+  }
+  bool quoted = quotedOption && !quotedKey;
+  if (!quoted && begin < line.size() && line[begin] == kQuote) {
+    quoted = true;
+    ++begin;
+  }
+  Mask(masked, begin, std::min(line.find(quoted ? kQuote : ' ', begin), line.size()));
 }
 
 void MaskKey(std::string_view line, std::string_view key, std::string& masked) {
@@ -31,7 +56,7 @@ void MaskKey(std::string_view line, std::string_view key, std::string& masked) {
        dash = line.find('-', dash + 1)) {
     const std::string_view option = line.substr(dash + 1);
     if (option.size() > key.size() && StartsWithNoCase(option, key)) {
-      MaskValue(line, dash + 1 + key.size(), masked);
+      MaskValue(line, dash + 1 + key.size(), IsQuoted(line, dash), masked);
     }
   }
 }

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <utility>
 
 #include "runtime/clock.h"
 #include "runtime/descriptor.h"
@@ -160,6 +161,7 @@ struct TraceState {
   TraceLineCallback callback = nullptr;
   unsigned callbackDepth = 0;  ///< callbacks running, that is lines still being handed out
   std::int32_t delayMilliseconds = 0;
+  bool refusalTold = false;  ///< once for a target
 
   [[nodiscard]] bool HasTarget() const { return !target.empty(); }
   [[nodiscard]] bool HasReceiver() const { return HasTarget() || callback != nullptr; }
@@ -244,6 +246,29 @@ void AppendHeader(LineText& line) {
                     elapsed / 60'000 % 60, elapsed / 1'000 % 60, elapsed % 1'000);
 }
 
+/// Whether a file is this user's and has no other name. In a folder of somebody else's any other
+/// may be put where the trace is expected: to be written by a service that may write more than
+/// they, or to be read by them.
+bool IsOwn(const Descriptor& file) {
+  const struct stat status = StatusOf(file);
+  return status.st_uid == ::geteuid() && status.st_nlink <= 1;
+}
+
+/// Opens a regular file of this user's with one name, without following a link. Not open, and
+/// `refused`, when that name leads to anything else.
+Descriptor OpenOwn(const std::string& path, int flags, bool& refused) {
+  Descriptor file(
+      ::open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kOwnerOnly));
+  refused = file.IsOpen() ? !S_ISREG(StatusOf(file).st_mode) || !IsOwn(file)
+                          : errno == ELOOP || errno == ENXIO;  // a link, a pipe without a reader
+  if (refused) file.Close();
+  return file;
+}
+Descriptor OpenOwn(const std::string& path, int flags) {
+  bool refused = false;
+  return OpenOwn(path, flags, refused);
+}
+
 bool Empty(const Descriptor& file) {
   return ::ftruncate(file.Get(), 0) == 0;
 }
@@ -255,8 +280,17 @@ void CheckTargetSize(const TraceState& state) {
   const bool early = now <= nextSizeCheck && nextSizeCheck - now <= kSizeCheckSeconds;
   if (early || IsServerTarget(state.target)) return;
   nextSizeCheck = now + kSizeCheckSeconds;
-  const Descriptor file = OpenRegular(state.target, O_WRONLY);
+  const Descriptor file = OpenOwn(state.target, O_WRONLY);
   if (StatusOf(file).st_size > kMaxFileSize) Empty(file);
+}
+
+/// There is no trace to say it in. Nothing of the C library's that another thread may hold is used,
+/// since the line may be one of a forked child.
+void TellRefusal(const std::string& target) {
+  CutText<2 * kMaxText> text;
+  text.AppendFormat("Trace: '%s' is refused: no regular file of this user with one name\n",
+                    target.c_str());
+  [[maybe_unused]] const ssize_t put = ::write(STDERR_FILENO, text.Text(), text.View().size());
 }
 
 /// Opened anew for each line: others write the same file, and a deleted one comes back.
@@ -265,7 +299,10 @@ void AppendToTarget(TraceState& state, std::string_view line) {
     state.target[0] = 's';  // Intended: server targets are stored so; nothing else depends on it.
     return;
   }
-  WriteFully(OpenRegular(state.target, O_WRONLY | O_APPEND | O_CREAT, kOwnerOnly), line);
+  bool refused = false;
+  const Descriptor file = OpenOwn(state.target, O_WRONLY | O_APPEND | O_CREAT, refused);
+  WriteFully(file, line);
+  if (refused && !std::exchange(state.refusalTold, true)) TellRefusal(state.target);
 }
 
 void HandOut(TraceState& state, std::string_view line) {
@@ -365,7 +402,10 @@ void TraceSetFile(std::string_view name) {
   if (name.size() > kMaxText) return;
   TraceState& state = Install();
   const CriticalScope hold(&state.lock);
-  if (IsAcceptedTarget(name, state.target)) state.target = name;
+  if (IsAcceptedTarget(name, state.target)) {
+    state.target = name;
+    state.refusalTold = false;
+  }
   if (state.HasTarget()) WriteDateLine(state);
 }
 
@@ -402,15 +442,11 @@ void TraceDump(std::string_view name, std::span<const std::uint8_t> data) {
   if (path.empty()) path = GetTempDirectory().value_or("");
   if (path.empty()) return;
   path.append("~").append(Product().prefix).append(name);
-  const Descriptor file = OpenRegular(path, O_WRONLY | O_CREAT | O_NOFOLLOW, kOwnerOnly);
-  // In a shared directory somebody else may have put a file of that name there to read it later, or
-  // another name of a file that must not be emptied.
-  const struct stat status = StatusOf(file);
-  const bool own = status.st_uid == ::geteuid() && status.st_nlink == 1;
-  if (own && Empty(file)) WriteFully(file, AsText(data));
+  const Descriptor file = OpenOwn(path, O_WRONLY | O_CREAT);
+  if (file.IsOpen() && Empty(file)) WriteFully(file, AsText(data));
 }
 
-TraceForkLock::TraceForkLock() : hold_(Installed() != nullptr ? &Installed()->lock : nullptr) {}
+TraceForkLock::TraceForkLock() : hold_(&Install().lock) {}
 
 std::uint32_t ElapsedMilliseconds(std::uint32_t base) {
   timeval time = {};

@@ -45,8 +45,9 @@ struct TraceSettings {
 
 /// Installs a target file and writes the date line; an empty name clears tracing. A name longer
 /// than kMaxText is ignored. One with an extension other than ".txt" and ".log" keeps the previous
-/// target, which gets another date line. The file is made for its owner only; what is no regular
-/// file is left alone. Lines of a target named "server..." go to no file.
+/// target, which gets another date line. The file is made for its owner only. What is no regular
+/// file of the service's user with one name is left alone, and so is a link; standard error says so
+/// once. Lines of a target named "server..." go to no file.
 void TraceSetFile(std::string_view name);
 void TraceSetFile(std::nullptr_t) = delete;
 /// Installs a target in call mode with the given release counter; without a name clears it. No
@@ -56,12 +57,12 @@ void TraceSetCallTarget(std::optional<std::string_view> name, std::int32_t count
 void TraceReleaseOneLine();
 [[nodiscard]] bool TraceIsOn();
 /// Keeps a copy of a data block in a file beside the target ("~qix" and the name), made for its
-/// owner only; links are not followed, and what is somebody else's or has a second name is left
-/// alone. In call mode it takes the place of a released line.
+/// owner only, under the rules for the target. In call mode it takes the place of a released line.
 void TraceDump(std::string_view name, std::span<const std::uint8_t> data);
 
 /// Holds the trace lock while the process forks, so that the child of a threaded program may trace.
-/// Both sides give it back.
+/// Both sides give it back. The lock is made when there is none yet: another thread may be about to
+/// make it and to write a line.
 class TraceForkLock {
  public:
   TraceForkLock();

@@ -1,20 +1,45 @@
 #include "runtime/process.h"
 #include "runtime/secrets.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <thread>
 
 #include "runtime/children.h"
 #include "runtime/spare_library.h"
+#include "runtime/spare_trace.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
+
+namespace {
+
+void (*beforeFork)() = nullptr;
+void (*behindFork)() = nullptr;  ///< in the parent
+
+void AtFork(void (*before)(), void (*behind)()) {
+  beforeFork = before;
+  behindFork = behind;
+}
+
+}  // namespace
+
+/// In place of the C library's, to have something happen at the very moment.
+extern "C" pid_t fork() noexcept {
+  if (beforeFork != nullptr) beforeFork();
+  const auto next = reinterpret_cast<pid_t (*)()>(::dlsym(RTLD_NEXT, "fork"));
+  const pid_t child = next();
+  if (child != 0 && behindFork != nullptr) behindFork();
+  return child;
+}
 
 namespace qixx::runtime {
 namespace {
@@ -40,7 +65,10 @@ TEST(MaskSecrets, Options) {
       {"-sopin 1 -puk 22 -PWD 3 -password 44", "-sopin * -puk ** -PWD * -password **"},
       {"-pincode   12 x", "-pincode   ** x"},
       {"-pin \"12 34\" x -pin \"1 2", "-pin \"*****\" x -pin \"***"},
-      {"--pin=x 12 y", "--pin=x ** y"},
+      {"--pin=x 12 y --PassWord=\"3 4\" z", "--pin=* 12 y --PassWord=\"***\" z"},
+      {"-pin\t1 \t-puk \t 22 -pwd = 3 -pin==4 5", "-pin\t* \t-puk \t ** -pwd * * -pin=** 5"},
+      {"\"-pwd a b c\" d \"--pin=1 2\" \" -puk 1 2", "\"-pwd *****\" d \"--pin=***\" \" -puk ***"},
+      {"\"-pin\" 12 x \"-pin\"34 -pin\"5 6\" y", "\"-pin\" ** x \"-pin\"** -pin\"***\" y"},
       {"-pin -pwd 12", "-pin **** **"},
       {"pin 1234 -pi 5 -pin  ", "pin 1234 -pi 5 -pin  "}};
   for (const auto& [text, masked] : rows) EXPECT_EQ(MaskSecrets(text), masked);
@@ -80,6 +108,56 @@ TEST(LaunchProcess, ChildStartsCleanAndIsReapedOnce) {
   for (int i = 0; i < 2; ++i) EXPECT_FALSE(IsProcessRunning(std::stoull(id)));
   EXPECT_EQ(trace.Count("Helper - Waitpid " + id + " (768)"), 1U) << "the status is kept once";
   EXPECT_EQ(::waitpid(foreign, nullptr, 0), foreign) << "not reaped by us";
+}
+
+/// Ends as soon as a line shows that the launcher has looked whether there is a trace.
+void EndTrace(const char* /*line*/, std::size_t /*length*/) {
+  TraceSetCallback(nullptr);
+}
+
+TEST(LaunchProcess, TraceMayEndMeanwhile) {
+  TraceSetCallback(EndTrace);
+  EXPECT_TRUE(LaunchProcess("/bin/true", "-pin 1234 x"));
+  int status = -1;
+  EXPECT_GT(::wait(&status), 0);
+  TraceSetFile("");
+}
+
+/// The first trace of the process is made, and a line of it written, right before the fork.
+class TraceDuringFork {
+ public:
+  TraceDuringFork() {
+    TraceSetFile("");
+    AtFork(Begin, [] { mayEnd = true; });
+  }
+  ~TraceDuringFork() {
+    AtFork(nullptr, nullptr);
+    tracer.join();
+    TraceSetCallback(nullptr);
+    TraceSetFile("");
+  }
+
+ private:
+  static void Begin() {
+    tracer = std::thread([] {
+      TraceSetCallback([](const char* /*line*/, std::size_t /*length*/) {
+        for (begun = true; !mayEnd;) ::usleep(1000);
+      });
+      TraceWrite("in the middle of a fork");
+    });
+    // A writer that has to wait for the fork does not come that far.
+    for (int i = 0; i < 200 && !begun; ++i) ::usleep(1000);
+  }
+  static inline std::thread tracer;
+  static inline std::atomic<bool> begun{false};
+  static inline std::atomic<bool> mayEnd{false};
+};
+
+TEST(LaunchProcess, FirstTraceLockIsNotTakenWhileForking) {
+  const TraceDuringFork trace;
+  EXPECT_TRUE(LaunchProcess("/bin/true", "x"));
+  EXPECT_TRUE(testing::Eventually([] { return ::waitpid(-1, nullptr, WNOHANG) > 0; }))
+      << "the child waits for a thread that it does not have";
 }
 
 TEST(LaunchProcess, WhatCannotStartEndsQuietly) {

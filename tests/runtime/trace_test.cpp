@@ -129,10 +129,27 @@ TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
   EXPECT_EQ(folder_.Read("~qixdata.cer"), std::string("d\0a", 3));
   EXPECT_EQ(folder_.Read("kept"), "kept");
   EXPECT_EQ(folder_.Read("second name"), "kept");
+  fs::create_symlink(folder_.Path("made by the trace"), folder_.Path("link.log"));
+  fs::create_hard_link(folder_.Path("second name"), folder_.Path("hard.log"));
+  fs::create_symlink(folder_.Path(), folder_.Path("folder"));
+  SetFile("folder/a.log");
+  EXPECT_NE(folder_.Read("a.log"), "") << "a link on the way is followed";
+  for (const char* const name : {"link.log", "hard.log", "pipe.log"}) {
+    ::testing::internal::CaptureStderr();
+    SetFile(name);
+    for (int i = 0; i < 2; ++i) TraceWrite("lost");
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+                MatchesRegex("Trace: '[^\n]*" + std::string(name) + "' is refused: [^\n]*\n"));
+  }
+  EXPECT_FALSE(fs::exists(folder_.Path("made by the trace")));
+  EXPECT_EQ(folder_.Read("second name"), "kept");
   // Only a privileged run can give a file away.
   if (::chown(folder_.Write("~qixtheirs", "kept").c_str(), 1, 1) != 0) return;
+  ASSERT_EQ(::chown(folder_.Write("theirs.log", "kept").c_str(), 1, 1), 0);
   TraceDump("theirs", data);
+  SetFile("theirs.log");
   EXPECT_EQ(folder_.Read("~qixtheirs"), "kept");
+  EXPECT_EQ(folder_.Read("theirs.log"), "kept");
 }
 
 }  // namespace
