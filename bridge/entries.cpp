@@ -69,7 +69,7 @@ Bridge& TheBridge() {
 /// An entry that goes on into the module. Not even the lock is touched before it runs: in a forked
 /// child another thread, which is not there, may hold it.
 template <typename Operation>
-CK_RV AnswerWithModule(const Operation& operation) noexcept {
+CK_RV AnswerWithModule(const Operation& operation) {
   return pkcs11::AnswerOf([&operation]() -> CK_RV {
     const CK_FUNCTION_LIST* const module = Running();
     return module == nullptr ? CKR_CRYPTOKI_NOT_INITIALIZED : operation(*module);
@@ -78,7 +78,7 @@ CK_RV AnswerWithModule(const Operation& operation) noexcept {
 
 /// An entry that uses the slots, one at a time.
 template <typename Operation>
-CK_RV AnswerWithSlots(const Operation& operation) noexcept {
+CK_RV AnswerWithSlots(const Operation& operation) {
   return AnswerWithModule([&operation](const CK_FUNCTION_LIST& module) -> CK_RV {
     Bridge& bridge = TheBridge();
     const runtime::CriticalScope hold(&bridge.guard);
@@ -90,7 +90,7 @@ CK_RV AnswerWithSlots(const Operation& operation) noexcept {
 
 /// An entry for one slot: called with the module's id of it, without the lock.
 template <typename Operation>
-CK_RV AnswerForSlot(CK_SLOT_ID number, const Operation& operation) noexcept {
+CK_RV AnswerForSlot(CK_SLOT_ID number, const Operation& operation) {
   CK_SLOT_ID id = 0;
   const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
     const std::optional<CK_SLOT_ID> known = slots.ToModule(number);
@@ -253,7 +253,7 @@ CK_RV GetAttributes(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session,
 /// the first one's would be called, by the other module too.
 struct PlainEntries {
 #define BRIDGE_ENTRY(name, parameters, arguments)                                   \
-  static CK_RV name parameters noexcept {                                           \
+  static CK_RV name parameters {                                                    \
     return AnswerWithModule(                                                        \
         [&](const CK_FUNCTION_LIST& module) { return module.C_##name arguments; }); \
   }
@@ -263,14 +263,14 @@ struct PlainEntries {
 
 /// Those in which the bridge has a part.
 struct Entries : PlainEntries {
-  static CK_RV Initialize(CK_VOID_PTR initArgs) noexcept {
+  static CK_RV Initialize(CK_VOID_PTR initArgs) {
     return pkcs11::AnswerOf([&] {
       Bridge& bridge = TheBridge();
       const runtime::CriticalScope hold(&bridge.guard);
       return Begin(bridge, initArgs);
     });
   }
-  static CK_RV Finalize(CK_VOID_PTR reserved) noexcept {
+  static CK_RV Finalize(CK_VOID_PTR reserved) {
     return AnswerWithModule([&](const CK_FUNCTION_LIST&) -> CK_RV {
       if (reserved != nullptr) return CKR_ARGUMENTS_BAD;
       Bridge& bridge = TheBridge();
@@ -278,11 +278,9 @@ struct Entries : PlainEntries {
       return End(bridge);
     });
   }
-  static CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept {
-    return C_GetFunctionList(list);
-  }
+  static CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) { return C_GetFunctionList(list); }
   /// Of a newer standard the list here has no more than this one.
-  static CK_RV GetInfo(CK_INFO_PTR info) noexcept {
+  static CK_RV GetInfo(CK_INFO_PTR info) {
     const CK_RV result = PlainEntries::GetInfo(info);
     if (result == CKR_OK && info != nullptr && info->cryptokiVersion.major > kVersion.major) {
       info->cryptokiVersion = kVersion;
@@ -290,8 +288,7 @@ struct Entries : PlainEntries {
     return result;
   }
 
-  static CK_RV GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list,
-                           CK_ULONG_PTR count) noexcept {
+  static CK_RV GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULONG_PTR count) {
     return AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
       if (count == nullptr) return CKR_ARGUMENTS_BAD;
       std::vector<CK_SLOT_ID> numbers;
@@ -299,7 +296,7 @@ struct Entries : PlainEntries {
       return result == CKR_OK ? HandOutList(numbers, list, *count) : result;
     });
   }
-  static CK_RV GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) noexcept {
+  static CK_RV GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) {
     std::optional<CK_SLOT_INFO> known;
     const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
       if (info == nullptr) return CKR_ARGUMENTS_BAD;
@@ -312,8 +309,7 @@ struct Entries : PlainEntries {
       return module.C_GetSlotInfo(id, info);
     });
   }
-  static CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot,
-                                CK_VOID_PTR reserved) noexcept {
+  static CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserved) {
     return AnswerWithModule([&](const CK_FUNCTION_LIST&) -> CK_RV {
       if (slot == nullptr || reserved != nullptr) return CKR_ARGUMENTS_BAD;
       return AwaitSlotEvent((flags & CKF_DONT_BLOCK) == 0, *slot);
@@ -321,7 +317,7 @@ struct Entries : PlainEntries {
   }
 
 #define BRIDGE_SLOT_ENTRY(name, parameters, arguments)                                  \
-  static CK_RV name parameters noexcept {                                               \
+  static CK_RV name parameters {                                                        \
     return AnswerForSlot(number, [&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) { \
       return module.C_##name arguments;                                                 \
     });                                                                                 \
@@ -344,7 +340,7 @@ struct Entries : PlainEntries {
   BRIDGE_SLOT_ENTRY(CloseAllSessions, (CK_SLOT_ID number), (slot))
 #undef BRIDGE_SLOT_ENTRY
 
-  static CK_RV GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) noexcept {
+  static CK_RV GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) {
     const CK_RV result = PlainEntries::GetSessionInfo(session, info);
     if (result != CKR_OK || info == nullptr) return result;
     return AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
@@ -353,7 +349,7 @@ struct Entries : PlainEntries {
     });
   }
   static CK_RV GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
-                                 CK_ATTRIBUTE_PTR attributes, CK_ULONG count) noexcept {
+                                 CK_ATTRIBUTE_PTR attributes, CK_ULONG count) {
     return AnswerWithModule([&](const CK_FUNCTION_LIST& module) {
       if (attributes == nullptr) {
         return module.C_GetAttributeValue(session, object, attributes, count);
@@ -367,7 +363,7 @@ struct Entries : PlainEntries {
 
 /// Calls `operation` with the module's id of the first slot that holds a token.
 template <typename Operation>
-CK_RV AnswerForFirstToken(const Operation& operation) noexcept {
+CK_RV AnswerForFirstToken(const Operation& operation) {
   CK_SLOT_ID first = 0;
   const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
     std::vector<CK_SLOT_ID> numbers;
@@ -388,7 +384,7 @@ CK_FUNCTION_LIST StandardFunctions() {
   };
 }
 
-CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept {
+CK_RV Reinitialize(CK_VOID_PTR initArgs) {
   return pkcs11::AnswerOf([&] {
     Bridge& bridge = TheBridge();
     const runtime::CriticalScope hold(&bridge.guard);
@@ -397,12 +393,12 @@ CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept {
   });
 }
 
-CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept {
+CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) {
   return Entries::GetSlotList(tokenPresent, static_cast<CK_SLOT_ID_PTR>(slots),
                               static_cast<CK_ULONG_PTR>(count));
 }
 
-CK_RV GetVariable(const char* name, char* value, CK_ULONG_PTR length) noexcept {
+CK_RV GetVariable(const char* name, char* value, CK_ULONG_PTR length) {
   return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
     if (name == nullptr || length == nullptr) return CKR_ARGUMENTS_BAD;
     std::string text;
@@ -417,13 +413,13 @@ CK_RV GetVariable(const char* name, char* value, CK_ULONG_PTR length) noexcept {
   });
 }
 
-CK_RV SetVariable(const char* name, const char* value) noexcept {
+CK_RV SetVariable(const char* name, const char* value) {
   return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
     return WriteVariable(module, slot, runtime::ViewOf(name), runtime::ViewOf(value));
   });
 }
 
-int DescribeEvents() noexcept {
+int DescribeEvents() {
   int descriptor = -1;
   (void)pkcs11::AnswerOf([&descriptor]() -> CK_RV {
     if (!HasPcsc() || IsForked()) return CKR_FUNCTION_NOT_SUPPORTED;

@@ -32,7 +32,10 @@ bool CertificateObject::Read(const Session& session, CK_OBJECT_HANDLE handle, bo
     return false;
   }
   for (std::size_t i = 0; i < count; ++i) {
-    if (attributes[i].ulValueLen > asked[i].ulValueLen) return false;
+    const CK_ULONG length = attributes[i].ulValueLen;
+    // A certificate without the attribute that only the suite's own cards have is a certificate.
+    if (attributes[i].type == kSuiteAttribute && length == CK_UNAVAILABLE_INFORMATION) continue;
+    if (length > asked[i].ulValueLen) return false;
   }
   handle_ = handle;
   valueLength_ = attributes[0].ulValueLen;

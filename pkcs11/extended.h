@@ -83,6 +83,9 @@ extern "C" {
   using name##Function = CK_RV(*) parameters;  // NOLINT(bugprone-macro-parentheses)
 QIXX_CK_EXTENSIONS(QIXX_CK_POINTER_TYPE)
 #undef QIXX_CK_POINTER_TYPE
+
+/// "QixEventDescriptor", which any library may export; see CWrapperPkcs11::EventDescriptor.
+using EventDescriptorFunction = int (*)();
 }
 
 /// The eleven slots in their order.

@@ -10,15 +10,13 @@ namespace {
 
 /// More slots are not looked at, whatever a library says.
 constexpr CK_ULONG kMaxSlots = 4096;
-/// For cards that are put in between asking for the number of slots and asking for them.
-constexpr CK_ULONG kSpareSlots = 16;
 
 }  // namespace
 
 std::vector<CK_SLOT_ID> ListTokenSlots() {
   CK_ULONG count = 0;
   if (Pkcs11().GetSlotList(CK_TRUE, nullptr, &count) != CKR_OK || count == 0) return {};
-  std::vector<CK_SLOT_ID> slots(std::min(count, kMaxSlots - kSpareSlots) + kSpareSlots);
+  std::vector<CK_SLOT_ID> slots(std::min(count, kMaxSlots));
   count = slots.size();
   if (Pkcs11().GetSlotList(CK_TRUE, slots.data(), &count) != CKR_OK) return {};
   slots.resize(std::min<std::size_t>(count, slots.size()));

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "config/store.h"
+#include "pkcs11/function_call.h"
 #include "pkcs11/wrapper.h"
 #include "runtime/trace.h"
 
@@ -67,16 +68,18 @@ CK_RV CForwarderPkcs11::PrepareExtension(Function ExtensionSlots::*slot) {
   return isThere ? CKR_OK : CKR_FUNCTION_NOT_SUPPORTED;
 }
 
-#define QIXX_CALL_EXTENSION(name, parameters, arguments)               \
-  CK_RV CForwarderPkcs11::name parameters {                            \
-    const CK_RV result = PrepareExtension(&ExtensionSlots::C_##name);  \
-    return result == CKR_OK ? extension_->C_##name arguments : result; \
+#define QIXX_CALL_EXTENSION(name, parameters, arguments)              \
+  CK_RV CForwarderPkcs11::name parameters {                           \
+    const CK_RV result = PrepareExtension(&ExtensionSlots::C_##name); \
+    if (result != CKR_OK) return result;                              \
+    return FunctionOf("C_" #name, extension_->C_##name) arguments;    \
   }
-#define QIXX_CALL_AFTER_LOAD(name, parameters, arguments)              \
-  CK_RV CForwarderPkcs11::name parameters {                            \
-    if (!extended_) return CKR_FUNCTION_NOT_SUPPORTED;                 \
-    const CK_RV result = PrepareExtension(&ExtensionSlots::C_##name);  \
-    return result == CKR_OK ? extension_->C_##name arguments : result; \
+#define QIXX_CALL_AFTER_LOAD(name, parameters, arguments)             \
+  CK_RV CForwarderPkcs11::name parameters {                           \
+    if (!extended_) return CKR_FUNCTION_NOT_SUPPORTED;                \
+    const CK_RV result = PrepareExtension(&ExtensionSlots::C_##name); \
+    if (result != CKR_OK) return result;                              \
+    return FunctionOf("C_" #name, extension_->C_##name) arguments;    \
   }
 QIXX_CK_SLOTS_1_TO_6(QIXX_CALL_AFTER_LOAD)
 QIXX_CK_SLOTS_8_TO_9(QIXX_CALL_AFTER_LOAD)
@@ -91,7 +94,7 @@ bool CWrapperPkcs11::FindOnce(Function& cached, const char* name) {
   if (cached != nullptr) return true;
   std::optional<runtime::FoundLibrary> found = runtime::LoadLibrarySearch(PathToLoad());
   if (!found) return false;
-  cached = found->library.FindSymbol<Function>(name);
+  cached = found->library.FindOwnSymbol<Function>(name);
   // The reference stays for as long as the process, since the address does.
   (void)found->library.Release();
   return cached != nullptr;
@@ -99,19 +102,19 @@ bool CWrapperPkcs11::FindOnce(Function& cached, const char* name) {
 
 CK_RV CWrapperPkcs11::ListCards(CK_ULONG flag, CK_VOID_PTR first, CK_VOID_PTR second) {
   if (!FindOnce(listCards, "C_ListCards")) return CKR_GENERAL_ERROR;
-  return listCards(static_cast<CK_BYTE>(flag), first, second);
+  return FunctionOf("C_ListCards", listCards)(static_cast<CK_BYTE>(flag), first, second);
 }
 
 CK_RV CWrapperPkcs11::AddExternalSlot(ExtensionWord first, ExtensionWord second,
                                       ExtensionWord third) {
   if (!FindOnce(addExternalSlot, "C_AddExternalSlot")) return CKR_GENERAL_ERROR;
-  return addExternalSlot(first, second, third);
+  return FunctionOf("C_AddExternalSlot", addExternalSlot)(first, second, third);
 }
 
 CK_RV CWrapperPkcs11::RemoveExternalSlot(ExtensionWord first) {
   if (!extended_) return CKR_FUNCTION_NOT_SUPPORTED;
   if (!FindOnce(removeExternalSlot, "C_RemoveExternalSlot")) return CKR_GENERAL_ERROR;
-  return removeExternalSlot(first);
+  return FunctionOf("C_RemoveExternalSlot", removeExternalSlot)(first);
 }
 
 }  // namespace qixx::pkcs11

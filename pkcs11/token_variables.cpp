@@ -19,7 +19,7 @@ std::string_view TakePaddedText(std::string_view& rest) {
   return runtime::Utf8ToLocal(runtime::DropTrailingBlanks(text));
 }
 
-/// The variables of a stored text, one after the other.
+/// The variables of a stored text, one after the other. An empty name ends them.
 class StoredVariables {
  public:
   struct Variable {
@@ -35,6 +35,10 @@ class StoredVariables {
   std::optional<Variable> Next() {
     if (rest_.size() <= kEmptyRest || rest_[0] == '\0') return std::nullopt;
     const std::string_view name = TakePaddedText(rest_);
+    if (name.empty()) {  // blanks only
+      rest_ = {};
+      return std::nullopt;
+    }
     const std::string_view value = TakePaddedText(rest_);
     return Variable{name, value};
   }

@@ -1,10 +1,12 @@
 #include "pkcs11/wrapper.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <utility>
 
+#include "pkcs11/function_call.h"
 #include "runtime/product.h"
 #include "runtime/trace.h"
 
@@ -54,7 +56,7 @@ CWrapperPkcs11::~CWrapperPkcs11() {
     if (functions_ == nullptr) EnsureLoaded();                              \
     if (functions_ == nullptr) return CKR_GENERAL_ERROR;                    \
     if (functions_->C_##name == nullptr) return CKR_FUNCTION_NOT_SUPPORTED; \
-    return functions_->C_##name arguments;                                  \
+    return FunctionOf("C_" #name, functions_->C_##name) arguments;          \
   }
 QIXX_CK_FUNCTIONS(QIXX_FORWARD)
 #undef QIXX_FORWARD
@@ -89,7 +91,7 @@ CK_RV CWrapperPkcs11::WaitForLibrarySlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slo
                                               CK_VOID_PTR reserved) {
   if (functions_ == nullptr) EnsureLoaded();
   if (functions_ == nullptr || functions_->C_WaitForSlotEvent == nullptr) return CKR_GENERAL_ERROR;
-  return functions_->C_WaitForSlotEvent(flags, slot, reserved);
+  return FunctionOf("C_WaitForSlotEvent", functions_->C_WaitForSlotEvent)(flags, slot, reserved);
 }
 
 // --- the library -------------------------------------------------------------------------------
@@ -124,15 +126,17 @@ std::optional<std::string> CWrapperPkcs11::LoadFile(const std::string& path) {
 
 bool CWrapperPkcs11::ObtainFunctionList(const runtime::SharedLibrary& library) {
   const auto obtain = library.FindSymbol<CK_C_GetFunctionList>("C_GetFunctionList");
-  if (obtain != nullptr && obtain(&functions_) != CKR_OK) functions_ = nullptr;
+  if (obtain == nullptr) return false;
+  if (FunctionOf("C_GetFunctionList", obtain)(&functions_) != CKR_OK) functions_ = nullptr;
   return functions_ != nullptr;
 }
 
 void CWrapperPkcs11::ResolveExtensions() {
+  describeEvents_ = library_.FindOwnSymbol<EventDescriptorFunction>("QixEventDescriptor");
   void* found[std::size(kExtensionLookups)];
   bool any = false;
   for (std::size_t i = 0; i < std::size(kExtensionLookups); ++i) {
-    found[i] = library_.FindSymbol<void*>(kExtensionLookups[i].name);
+    found[i] = library_.FindOwnSymbol<void*>(kExtensionLookups[i].name);
     any = any || found[i] != nullptr;
     if (found[i] != nullptr) continue;
     runtime::TraceWrite("WrapperPkcs11 - Function %s missing", kExtensionLookups[i].name);
@@ -158,6 +162,7 @@ bool CWrapperPkcs11::Release() {
   initializedByUs_ = false;
   functions_ = nullptr;
   extension_ = nullptr;
+  describeEvents_ = nullptr;
   if (!IsLoaded()) return false;
   library_.Close();
   usesProgram_ = false;
@@ -169,6 +174,16 @@ bool CWrapperPkcs11::SetLibraryPath(std::string_view path) {
   if (path.size() > kMaxLibraryPath) return false;
   libraryPath_ = path;
   return true;
+}
+
+int CWrapperPkcs11::EventDescriptor() const {
+  int descriptor = -1;
+  if (describeEvents_ != nullptr &&
+      !runtime::CallLibrary([&] { descriptor = describeEvents_(); })) {
+    runtime::TraceWrite("WrapperPkcs11 - Exception in QixEventDescriptor");
+    return -1;
+  }
+  return std::max(descriptor, -1);
 }
 
 // --- initialisation ----------------------------------------------------------------------------
@@ -190,7 +205,7 @@ CK_RV CWrapperPkcs11::Initialize(CK_VOID_PTR initArgs) {
     return CKR_GENERAL_ERROR;
   }
   if (functions_ == nullptr || functions_->C_Initialize == nullptr) return CKR_GENERAL_ERROR;
-  const CK_RV result = functions_->C_Initialize(initArgs);
+  const CK_RV result = FunctionOf("C_Initialize", functions_->C_Initialize)(initArgs);
   if (result == CKR_OK) {
     initializedByUs_ = true;
   } else if (result != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
@@ -210,7 +225,7 @@ CK_RV CWrapperPkcs11::Finalize(CK_VOID_PTR reserved) {
     if (!IsStatic()) {
       if (functions_ == nullptr) EnsureLoaded();
       if (functions_ == nullptr || functions_->C_Finalize == nullptr) return CKR_GENERAL_ERROR;
-      result = functions_->C_Finalize(reserved);
+      result = FunctionOf("C_Finalize", functions_->C_Finalize)(reserved);
     }
     initializedByUs_ = false;
   }

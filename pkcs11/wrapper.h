@@ -2,8 +2,9 @@
 //
 // The library is loaded by the first operation that needs it and stays mapped until the process
 // ends. Initialisations are counted, so that several users in the process share one C_Initialize
-// and one C_Finalize. Return values of the library pass through unchanged. There is no lock:
-// callers serialise their use. Only std::bad_alloc is thrown, by what may load the library.
+// and one C_Finalize. Return values of the library pass through unchanged. A function that does not
+// come back, because it throws or ends its thread, has failed with CKR_GENERAL_ERROR. There is no
+// lock: callers serialise their use. Only std::bad_alloc is thrown, by what may load the library.
 #pragma once
 
 #include <cstddef>
@@ -81,6 +82,10 @@ class CWrapperPkcs11 final : private CForwarderPkcs11 {
   /// Which library the next load takes; an empty text stands for the product's. A path longer than
   /// kMaxLibraryPath is refused.
   bool SetLibraryPath(std::string_view path);
+
+  /// A descriptor that is readable when a poll for slot events would have something to tell; -1
+  /// when the library has none, at least for now. It is the library's, which may close it.
+  [[nodiscard]] int EventDescriptor() const;
 
   // --- initialisation --------------------------------------------------------------------------
 
@@ -162,6 +167,7 @@ class CWrapperPkcs11 final : private CForwarderPkcs11 {
   CK_FUNCTION_LIST_PTR ofProgram_ = nullptr;  ///< static mode when there is one
   bool forceLoad_ = false;                    ///< loads a file in static mode too
   runtime::SharedLibrary library_;
+  EventDescriptorFunction describeEvents_ = nullptr;
   bool usesProgram_ = false;  ///< loaded in static mode
   /// Where the library was found, or where the next load looks. An optional one, since not every
   /// compiler makes a text at compile time.

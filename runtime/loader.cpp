@@ -3,9 +3,11 @@
 #include <dlfcn.h>
 #include <link.h>
 
+#include <atomic>
 #include <memory>
 #include <utility>
 
+#include "runtime/library_call.h"
 #include "runtime/no_destructor.h"
 #include "runtime/product.h"
 #include "runtime/secrets.h"
@@ -18,6 +20,16 @@ namespace {
 
 constexpr const char* kDefaultDirectory = "/usr/lib/";
 constexpr const char* kAdminEntry = "EntryAdmin";
+
+constinit std::atomic<bool> loaderBroken{false};
+
+/// Has the platform's loader run code of the library: its constructors or destructors.
+template <typename Operation>
+void UseLoader(const char* path, const Operation& operation) {
+  if (loaderBroken || CallLibrary(operation)) return;
+  loaderBroken = true;
+  TraceWrite("Helper - Exception in the loader at '%s'", MaskedText(path).Text());
+}
 
 /// The directories of the search; empty while not known.
 struct Directories {
@@ -75,7 +87,7 @@ bool Defines(const std::string& path, const std::string& function) {
 }
 
 /// Calls an entry point with a copy of the arguments that it may write to. Nothing when there is no
-/// such function, or it threw.
+/// such function, or it did not come back.
 std::optional<int> CallEntry(const SharedLibrary& library, const std::string& function,
                              std::string_view arguments) {
   std::string copy(arguments);
@@ -113,7 +125,8 @@ SharedLibrary& SharedLibrary::operator=(SharedLibrary&& other) noexcept {
 }
 
 void SharedLibrary::Close() {
-  if (IsOpen()) ::dlclose(Release());
+  LibraryHandle const handle = Release();
+  if (handle != nullptr) UseLoader("dlclose", [handle] { ::dlclose(handle); });
 }
 
 LibraryHandle SharedLibrary::Release() {
@@ -125,8 +138,28 @@ void* SharedLibrary::FindAddress(const std::string& name) const {
   return IsOpen() && !name.empty() ? ::dlsym(handle_, name.c_str()) : nullptr;
 }
 
-SharedLibrary OpenLibrary(const std::string& path) {
-  return SharedLibrary(path.empty() ? nullptr : ::dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL));
+void* SharedLibrary::FindOwnAddress(const std::string& name) const {
+  void* const address = FindAddress(name);
+  if (address == nullptr) return nullptr;
+  Dl_info ignored;
+  link_map* asked = nullptr;
+  void* owner = nullptr;
+  const bool known = ::dlinfo(handle_, RTLD_DI_LINKMAP, &asked) == 0 &&
+                     ::dladdr1(address, &ignored, &owner, RTLD_DL_LINKMAP) != 0;
+  return known && owner == asked ? address : nullptr;
+}
+
+SharedLibrary OpenLibrary(const std::string& path, SymbolScope scope) {
+  LibraryHandle handle = nullptr;
+  const int flags = RTLD_NOW | (scope == SymbolScope::kGlobal ? RTLD_GLOBAL : RTLD_LOCAL);
+  if (!path.empty()) {
+    UseLoader(path.c_str(), [&] { handle = ::dlopen(path.c_str(), flags); });
+  }
+  return SharedLibrary(handle);
+}
+
+bool IsLoaderBroken() {
+  return loaderBroken;
 }
 
 std::optional<FoundLibrary> LoadLibrarySearch(const std::string& name,

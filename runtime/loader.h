@@ -1,11 +1,10 @@
 // Finding and calling shared libraries at run time.
 //
-// Symbols are bound at once and visible to all libraries. No open accepts an empty name, because
-// the platform's loader would answer it with the program itself. All functions may be called from
-// any thread; a SharedLibrary belongs to one at a time. Only std::bad_alloc is thrown.
+// Symbols are bound at once. No open accepts an empty name, because the platform's loader would
+// answer it with the program itself. All functions may be called from any thread; a SharedLibrary
+// belongs to one at a time. Only std::bad_alloc is thrown, whatever the code of a library that is
+// opened or closed throws.
 #pragma once
-
-#include <cxxabi.h>
 
 #include <optional>
 #include <span>
@@ -43,18 +42,32 @@ class SharedLibrary {
   [[nodiscard]] Pointer FindSymbol(const std::string& name) const {
     return reinterpret_cast<Pointer>(FindAddress(name));
   }
+  /// The same, for what the library itself defines: nothing comes from the libraries that it needs.
+  template <typename Pointer>
+  [[nodiscard]] Pointer FindOwnSymbol(const std::string& name) const {
+    return reinterpret_cast<Pointer>(FindOwnAddress(name));
+  }
   void Close();
   /// Hands the open library over to the caller, who closes it or keeps it for good.
   [[nodiscard]] LibraryHandle Release();
 
  private:
   [[nodiscard]] void* FindAddress(const std::string& name) const;
+  [[nodiscard]] void* FindOwnAddress(const std::string& name) const;
 
   LibraryHandle handle_ = nullptr;
 };
 
+/// Who sees the symbols of a library: all libraries, or who asks it for one.
+enum class SymbolScope { kGlobal, kLocal };
+
 /// Opens exactly `path`, without search. Not open on failure.
-[[nodiscard]] SharedLibrary OpenLibrary(const std::string& path);
+[[nodiscard]] SharedLibrary OpenLibrary(const std::string& path,
+                                        SymbolScope scope = SymbolScope::kGlobal);
+/// True once a library threw while it was opened or closed. The platform's loader has not come to
+/// an end then: it keeps its lock, and would show that library as a sound one the next time. So
+/// nothing is opened or closed any more; a process that this happened to ends by _exit.
+[[nodiscard]] bool IsLoaderBroken();
 
 struct FoundLibrary {
   SharedLibrary library;
@@ -84,28 +97,11 @@ struct FailedOpen {
 /// goes back to "/usr/lib/".
 void SetLibraryDirectory(std::string_view directory);
 
-/// Runs a call into somebody else's library; false when it threw. What a library throws may not
-/// outlive it, so nothing comes through. The end of a thread (pthread_exit, cancellation) does, for
-/// it must not be caught; it has no exception object, which the undefined-behaviour sanitizer would
-/// report, also after inlining.
-template <typename Operation>
-__attribute__((noinline, no_sanitize("null"))) bool CallLibrary(const Operation& call) {
-  try {
-    call();
-    return true;
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    return false;
-  }
-}
-
 /// "library path,function arguments": calls the function once, with a copy of the arguments that it
-/// may write to. No search for the library. True when the function was called and returned; nothing
-/// that it throws comes through.
+/// may write to. No search for the library. True when the function was called and came back.
 bool CallExternal(std::string_view text);
 /// Hands the arguments to the main library's "EntryAdmin". Returns its result, -1 when there is
-/// none, or it threw.
+/// none, or it did not come back.
 int CallAdminEntry(std::string_view arguments);
 
 }  // namespace qixx::runtime

@@ -36,9 +36,10 @@ void Pause(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time) {
   lock.lock();
 }
 
-/// Any entry: the prescribed answer, or the operation.
+/// Any entry: the prescribed misbehaviour or answer, or the operation.
 template <typename Operation>
-CK_RV Answer(const char* function, Operation operation) noexcept {
+CK_RV Answer(const char* function, Operation operation) {
+  Misbehave(function);
   return pkcs11::AnswerOf([&]() -> CK_RV {
     const std::optional<CK_RV> fault = FaultOf(function);
     return fault ? *fault : operation();
@@ -47,7 +48,7 @@ CK_RV Answer(const char* function, Operation operation) noexcept {
 
 /// An entry that needs the running module, and has it for itself.
 template <typename Operation>
-CK_RV AnswerWithModule(const char* function, Operation operation) noexcept {
+CK_RV AnswerWithModule(const char* function, Operation operation) {
   return Answer(function, [&operation]() -> CK_RV {
     const std::lock_guard<std::mutex> lock(life.guard);
     if (!life.IsRunning()) return CKR_CRYPTOKI_NOT_INITIALIZED;
@@ -99,7 +100,7 @@ CK_RV AwaitSlotEvent(CK_FLAGS flags, CK_SLOT_ID& slot, std::unique_lock<std::mut
 /// program with two modules the first one's would be called.
 struct GuardedEntries {
 #define SOFTCARD_ENTRY(name, parameters, arguments)                                             \
-  static CK_RV name parameters noexcept {                                                       \
+  static CK_RV name parameters {                                                                \
     return AnswerWithModule("C_" #name, [&](Module& module) { return module.name arguments; }); \
   }
   QIXX_CK_FUNCTIONS(SOFTCARD_ENTRY)
@@ -108,14 +109,14 @@ struct GuardedEntries {
 
 /// These four do not find a running module or do not keep it for themselves.
 struct Entries : GuardedEntries {
-  static CK_RV Initialize(CK_VOID_PTR initArgs) noexcept {
+  static CK_RV Initialize(CK_VOID_PTR initArgs) {
     return Answer("C_Initialize", [&] {
       const std::lock_guard<std::mutex> lock(life.guard);
       return Begin(initArgs);
     });
   }
 
-  static CK_RV Finalize(CK_VOID_PTR reserved) noexcept {
+  static CK_RV Finalize(CK_VOID_PTR reserved) {
     return Answer("C_Finalize", [&]() -> CK_RV {
       if (reserved != nullptr) return CKR_ARGUMENTS_BAD;
       std::unique_lock<std::mutex> lock(life.guard);
@@ -123,8 +124,7 @@ struct Entries : GuardedEntries {
     });
   }
 
-  static CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot,
-                                CK_VOID_PTR reserved) noexcept {
+  static CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserved) {
     return Answer("C_WaitForSlotEvent", [&]() -> CK_RV {
       if (slot == nullptr || reserved != nullptr) return CKR_ARGUMENTS_BAD;
       std::unique_lock<std::mutex> lock(life.guard);
@@ -132,7 +132,7 @@ struct Entries : GuardedEntries {
     });
   }
 
-  static CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept {
+  static CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
     return softcard::GetFunctionList(list);
   }
 };
@@ -147,7 +147,7 @@ void FillList(CK_FUNCTION_LIST& list) {
 
 }  // namespace
 
-CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept {
+CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
   return Answer("C_GetFunctionList", [&]() -> CK_RV {
     if (list == nullptr) return CKR_ARGUMENTS_BAD;
     const std::lock_guard<std::mutex> lock(life.guard);
@@ -159,7 +159,7 @@ CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept {
   });
 }
 
-CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept {
+CK_RV Reinitialize(CK_VOID_PTR initArgs) {
   return Answer("C_Reinitialize", [&] {
     std::unique_lock<std::mutex> lock(life.guard);
     (void)End(lock);
@@ -167,14 +167,14 @@ CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept {
   });
 }
 
-CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept {
+CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) {
   return AnswerWithModule("C_ListCards", [&](Module& module) {
     return module.GetSlotList(tokenPresent, static_cast<CK_SLOT_ID_PTR>(slots),
                               static_cast<CK_ULONG_PTR>(count));
   });
 }
 
-CK_RV RefuseExtension(const char* function) noexcept {
+CK_RV RefuseExtension(const char* function) {
   return Answer(function, [] { return CKR_FUNCTION_NOT_SUPPORTED; });
 }
 

@@ -19,14 +19,14 @@ struct Variant {
 
 /// C_GetFunctionList. The list is filled when it is first handed out, without the functions omitted
 /// then; with C_GetFunctionList itself omitted there is success and no list.
-[[nodiscard]] CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) noexcept;
+[[nodiscard]] CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list);
 
 /// C_Reinitialize: ends all sessions and begins again, also where nothing was begun.
-[[nodiscard]] CK_RV Reinitialize(CK_VOID_PTR initArgs) noexcept;
+[[nodiscard]] CK_RV Reinitialize(CK_VOID_PTR initArgs);
 /// C_ListCards: C_GetSlotList under another name.
-[[nodiscard]] CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) noexcept;
+[[nodiscard]] CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count);
 /// The answer of an extension function that the module does not serve: the prescribed one, else
 /// CKR_FUNCTION_NOT_SUPPORTED.
-[[nodiscard]] CK_RV RefuseExtension(const char* function) noexcept;
+[[nodiscard]] CK_RV RefuseExtension(const char* function);
 
 }  // namespace qixx::softcard

@@ -1,8 +1,10 @@
 #include "softcard/faults.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -43,6 +45,15 @@ std::optional<CK_RV> FaultOf(std::string_view function) {
     if (order.name == "fail" && !fault) fault = PrescribedFor(function, order.value);
   }
   return fault;
+}
+
+void Misbehave(std::string_view function) {
+  const Descriptor folder(OpenFolder(SoftcardFolder()));
+  for (const Setting& order : ReadOrders(folder)) {
+    if (order.value != function) continue;
+    if (order.name == "throw") throw std::runtime_error(std::string(function));
+    if (order.name == "exit") ::pthread_exit(nullptr);
+  }
 }
 
 bool IsOmitted(std::string_view function) {

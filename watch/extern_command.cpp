@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "runtime/library_call.h"
 #include "runtime/loader.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"

@@ -3,6 +3,8 @@
 
 #include <cstdlib>
 
+#include "runtime/library_call.h"
+#include "runtime/loader.h"
 #include "watch/card_reader.h"
 #include "watch/logon_user.h"
 #include "watch/parallel.h"
@@ -15,6 +17,7 @@ int main(int argc, char** argv) {
   using namespace qixx;
   int result = EXIT_FAILURE;
   try {
+    runtime::ContainTermination();
     if (const auto code = watch::AnswerPeople(argc, argv, QIXX_VERSION)) return *code;
     watch::InstallStopHandlers();
     watch::StoppableClock clock;
@@ -25,6 +28,6 @@ int main(int argc, char** argv) {
     // Only memory running out comes here; ending is all that is left.
   }
   // A command that still runs may be inside a library, whose static objects must not go under it.
-  if (!watch::WaitForParallelJobs(0)) ::_exit(result);
+  if (!watch::WaitForParallelJobs(0) || runtime::IsLoaderBroken()) ::_exit(result);
   return result;
 }

@@ -58,17 +58,36 @@ TEST_F(Faults, ClosedStandardDescriptorsHarmNoFile) {
   EXPECT_TRUE(desktop.Holds("in.txt", "in\n"));
 }
 
-class FailingFunction : public Faults, public ::testing::WithParamInterface<const char*> {};
+/// Lines of the module's faults.
+class FailingFunction : public Faults, public ::testing::WithParamInterface<const char*> {
+ protected:
+  /// A card goes out while the functions fail, and in when they do not any more.
+  void Survive(const std::string& faults) {
+    desktop.SetModuleFaults(faults);
+    desktop.InsertCard(1);
+    Watch("-match \"cn=x\" -recognized", {"kill %UPN%"}, {"kill x"});
+    desktop.RemoveCard(1);
+    desktop.SetModuleFaults("");
+    ASSERT_TRUE(desktop.Traced("Watch - Remove event ..."));
+    desktop.InsertCard(1);
+    EXPECT_TRUE(desktop.Traced("Watch - Inserted event ..."));
+  }
+};
 
 TEST_P(FailingFunction, IsSurvived) {
-  desktop.SetModuleFaults("fail=" + std::string(GetParam()) + ":0x5\n");
-  desktop.InsertCard(1);
-  Watch("-match \"cn=x\" -recognized", {"kill %UPN%"}, {"kill x"});
-  desktop.RemoveCard(1);
-  desktop.SetModuleFaults("");
-  ASSERT_TRUE(desktop.Traced("Watch - Remove event ..."));
-  desktop.InsertCard(1);
-  EXPECT_TRUE(desktop.Traced("Watch - Inserted event ..."));
+  Survive("fail=" + std::string(GetParam()) + ":0x5\n");
+}
+
+TEST_F(FailingFunction, MayThrowOrEndTheThread) {
+  Survive(
+      "throw=C_WaitForSlotEvent\nexit=C_GetSlotInfo\nthrow=C_GetTokenInfo\n"
+      "exit=C_OpenSession\nexit=C_FindObjects\nthrow=C_FindObjectsFinal\nthrow=C_CloseSession\n");
+  EXPECT_TRUE(desktop.Traced("WrapperPkcs11 - Exception in C_WaitForSlotEvent"));
+  desktop.SetModuleFaults("exit=C_WaitForSlotEvent\nthrow=C_Finalize\n");
+  EXPECT_TRUE(desktop.Traced("WrapperPkcs11 - Exception in C_WaitForSlotEvent", 3));
+  Stop();
+  EXPECT_TRUE(desktop.Traced("WrapperPkcs11 - Exception in C_Finalize"));
+  EXPECT_TRUE(desktop.Traced("WrapperPkcs11 - Destroyed"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, FailingFunction,

@@ -101,6 +101,7 @@ TEST(TokenVariables, AreFoundInTheirStore) {
       {"\0n   "s, ""},
       {"\0n\0as long"s, "as long"},
       {"\0n\0b"s, std::nullopt},
+      {"\0 \0b\0n\0user\0"s, std::nullopt},
       {"\0x\0n\0a\0b\0"s, std::nullopt},
       {"\0a\0b\0\0n\0user\0"s, std::nullopt},
       {"\0a\0b\0n\0b"s, std::nullopt},
@@ -199,6 +200,30 @@ TEST_F(ReaderTest, PassesUnreadableObjectsOver) {
   EXPECT_EQ(entries[1].label, "label");
   EXPECT_EQ(entries[1].notAfter, "491231235959Z");
   EXPECT_TRUE(entries[2].IsFree());
+}
+
+TEST_F(ReaderTest, NeedsNoValueOfTheSuitesOwnAttribute) {
+  Insert(1, {Named("Ann")});
+  card_.List().C_GetAttributeValue = [](auto, auto, auto attributes, CK_ULONG count) {
+    const std::string value = FakeCard::current->slots[0].objects[0].at(CKA_VALUE);
+    for (CK_ATTRIBUTE& wanted : std::span(attributes, count)) wanted.ulValueLen = 0;
+    attributes[0].ulValueLen = value.copy(static_cast<char*>(attributes[0].pValue), value.size());
+    attributes[count - 1].ulValueLen = CK_UNAVAILABLE_INFORMATION;
+    return CKR_OK;
+  };
+  EXPECT_EQ(Collect(), "Ann ");
+}
+
+TEST_F(ReaderTest, OffersAsManyPlacesAsThereAreSlots) {
+  Insert(1, {});
+  Insert(4, {});
+  static CK_ULONG offered;
+  card_.List().C_GetSlotList = [](CK_BBOOL, CK_SLOT_ID* ids, CK_ULONG* count) -> CK_RV {
+    offered = ids == nullptr ? 0 : *count;
+    return *count = 2, ids == nullptr ? CKR_OK : CKR_BUFFER_TOO_SMALL;
+  };
+  EXPECT_EQ(Helper::FindWatchSlot(true), 0U) << "a card more came in between";
+  EXPECT_EQ(offered, 2U);
 }
 
 TEST_F(ReaderTest, BelievesNoLengthBeyondItsBuffer) {

@@ -2,10 +2,14 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 
+#include "pkcs11/reader.h"
+#include "runtime/library_call.h"
 #include "runtime/product.h"
 #include "tests/support/environment.h"
 #include "tests/support/fake_card.h"
@@ -96,6 +100,19 @@ TEST_F(WrapperTest, LeavesWhatIsMissingAlone) {
   EXPECT_EQ(wrapper_.Initialize(nullptr), CKR_GENERAL_ERROR);
 }
 
+TEST_F(WrapperTest, TakesNoExtensionFromALibraryThatTheModuleNeeds) {
+  const FakeModule dependent{QIXX_FAKE_DEPENDENT, CKR_OK, &card_.List()};
+  std::memset(&card_.memory.extension, 0xA5, sizeof(pkcs11::ExtensionSlots));
+  const pkcs11::ExtensionSlots before = card_.memory.extension;
+  EXPECT_TRUE(wrapper_.SetLibraryPath(QIXX_FAKE_DEPENDENT));
+  EXPECT_EQ(wrapper_.Initialize(nullptr), CKR_OK);
+  EXPECT_TRUE(trace_.Has("WrapperPkcs11 - Function C_ResetToken missing"));
+  EXPECT_EQ(std::memcmp(&before, &card_.memory.extension, sizeof(before)), 0);
+  EXPECT_EQ(wrapper_.ResetToken(1, 2, 3), CKR_FUNCTION_NOT_SUPPORTED);
+  EXPECT_EQ(wrapper_.RemoveExternalSlot(1), CKR_GENERAL_ERROR);
+  EXPECT_EQ(wrapper_.EventDescriptor(), -1);
+}
+
 TEST_F(WrapperTest, CallsEachExtensionInItsSlot) {
   folder_.Write("module", "log=1\nfail=C_Reinitialize:5\n");
   EXPECT_EQ(wrapper_.SetTraceFile(1), CKR_FUNCTION_NOT_SUPPORTED) << "nothing was loaded yet";
@@ -178,6 +195,106 @@ TEST_F(WrapperTest, TellsOfNewEvents) {
   folder_.Write("module", "fail=C_WaitForSlotEvent:0\n");
   EXPECT_TRUE(wrapper_.HasNewEvent(seen));
   EXPECT_EQ(trace_.Count("WrapperPkcs11 - Has new event"), 2U);
+}
+
+// --- functions that do not come back -------------------------------------------------------------
+
+constexpr CK_RV kNotOffered = 0x4711;
+
+/// Calls with zeros for all arguments.
+template <typename Operation, typename... Parameters>
+CK_RV Invoke(const Operation& operation, CK_RV (Operation::*)(Parameters...) const) {
+  return operation(Parameters{}...);
+}
+
+struct Called {
+  const char* name;
+  CK_RV (*call)(pkcs11::CWrapperPkcs11& wrapper);
+};
+
+const Called kCalled[] = {
+#define QIXX_ROW(name, parameters, arguments)                    \
+  {"C_" #name, [](auto& wrapper) {                               \
+     const auto operation = [&wrapper] parameters -> CK_RV {     \
+       if constexpr (requires { wrapper.name arguments; }) {     \
+         return wrapper.name arguments;                          \
+       } else {                                                  \
+         return kNotOffered;                                     \
+       }                                                         \
+     };                                                          \
+     return Invoke(operation, &decltype(operation)::operator()); \
+   }},
+    QIXX_CK_FUNCTIONS(QIXX_ROW) QIXX_CK_EXTENSIONS(QIXX_ROW)
+#undef QIXX_ROW
+};
+
+TEST_F(WrapperTest, SurvivesFunctionsThatThrowOrEndTheThread) {
+  EXPECT_TRUE(wrapper_.Load(QIXX_HOSTILE_MODULE));
+  using Choose = void (*)(const char*, int, bool);
+  const auto choose =
+      runtime::OpenLibrary(QIXX_HOSTILE_MODULE).FindSymbol<Choose>("HostileModuleChoose");
+  std::size_t survived = 0;
+  for (const auto& [name, call] : kCalled) {
+    // Counted: only the first and the last of them reach the library.
+    const bool isCounted = name == std::string("C_Initialize") || name == std::string("C_Finalize");
+    if (isCounted || call(wrapper_) == kNotOffered) continue;
+    for (const bool endsThread : {false, true}) {
+      for (int number = 1; number <= 3; ++number) {
+        choose(name, number, endsThread);
+        const std::size_t before = trace_.Lines().size();
+        for (int n = 1; n <= 3; ++n) {
+          EXPECT_EQ(call(wrapper_), n == number ? CKR_GENERAL_ERROR : CKR_OK) << name;
+        }
+        EXPECT_EQ(trace_.Lines().size(), before + 1) << name;
+        EXPECT_EQ(trace_.Lines().back(), std::string("WrapperPkcs11 - Exception in ") + name);
+      }
+    }
+    ++survived;
+  }
+  EXPECT_GT(survived, 70U);
+
+  choose("QixEventDescriptor", 1, false);
+  EXPECT_EQ(wrapper_.EventDescriptor(), -1);
+  EXPECT_EQ(wrapper_.EventDescriptor(), 7);
+  choose("C_Initialize", 1, true);
+  EXPECT_EQ(wrapper_.Initialize(nullptr), CKR_GENERAL_ERROR);
+  EXPECT_EQ(wrapper_.Initialize(nullptr), CKR_OK);
+  choose("C_Finalize", 1, false);
+  EXPECT_EQ(wrapper_.Finalize(nullptr), CKR_GENERAL_ERROR);
+  EXPECT_EQ(wrapper_.Initialize(nullptr), CKR_OK) << "it is over all the same";
+  EXPECT_EQ(wrapper_.Finalize(nullptr), CKR_OK);
+  wrapper_.Release();
+  choose("C_GetFunctionList", 1, true);
+  EXPECT_FALSE(wrapper_.Load(QIXX_HOSTILE_MODULE));
+  EXPECT_TRUE(wrapper_.Load(QIXX_HOSTILE_MODULE));
+}
+
+TEST_F(WrapperTest, OwnersOfSessionsSurviveAsWell) {
+  EXPECT_TRUE(pkcs11::Pkcs11().Load(QIXX_FAKE_PLAIN));
+  CK_FUNCTION_LIST& list = card_.List();
+  card_.slots = {{}};
+  list.C_CloseSession = [](CK_ULONG) -> CK_RV { throw --FakeCard::current->openSessions; };
+  list.C_FindObjectsFinal = [](CK_ULONG) -> CK_RV {
+    --FakeCard::current->openSearches;
+    ::pthread_exit(nullptr);
+  };
+  EXPECT_FALSE(pkcs11::CHelperPkcs11::FindCertificateOnSlot({}, 1));
+  EXPECT_TRUE(trace_.Has("WrapperPkcs11 - Exception in C_CloseSession"));
+  EXPECT_TRUE(trace_.Has("WrapperPkcs11 - Exception in C_FindObjectsFinal"));
+  pkcs11::Pkcs11().Release();
+}
+
+/// In a process of its own, whose loader is of no more use.
+[[noreturn]] void OpenThrowingLibrary() {
+  runtime::ContainTermination();
+  pkcs11::CWrapperPkcs11 wrapper;
+  const bool refused = !wrapper.Load(QIXX_THROWING_CONSTRUCTOR) && runtime::IsLoaderBroken() &&
+                       !wrapper.Load(QIXX_THROWING_CONSTRUCTOR) && !wrapper.Load(QIXX_FAKE_PLAIN);
+  ::_exit(refused ? 0 : 1);
+}
+
+TEST(ThrowingLibrary, IsNotLoaded) {
+  EXPECT_EXIT(OpenThrowingLibrary(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

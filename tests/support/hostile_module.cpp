@@ -1,0 +1,67 @@
+// A module with all functions of the standard and of the extension, each of which succeeds but for
+// the one call that a test chooses: that one throws, or ends its thread.
+#include <pthread.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "pkcs11/extended.h"
+
+namespace {
+
+std::string chosen;
+int callsLeft = 0;
+bool endsThread = false;
+
+CK_RV Answer(const char* function) {
+  if (chosen != function || --callsLeft != 0) return CKR_OK;
+  if (endsThread) ::pthread_exit(nullptr);
+  throw std::runtime_error(function);
+}
+
+}  // namespace
+
+/// Chooses the call of that number, from one, from now on.
+QIXX_CK_EXPORT void HostileModuleChoose(const char* function, int call, bool ends) {
+  chosen = function;
+  callsLeft = call;
+  endsThread = ends;
+}
+
+#define HOSTILE_EXPORT(name, parameters, arguments) \
+  QIXX_CK_EXPORT CK_RV C_##name parameters {        \
+    const auto unused = [](const auto&...) {};      \
+    unused arguments;                               \
+    return Answer("C_" #name);                      \
+  }
+QIXX_CK_EXTENSIONS(HOSTILE_EXPORT)
+#undef HOSTILE_EXPORT
+
+QIXX_CK_EXPORT int QixEventDescriptor() {
+  Answer("QixEventDescriptor");
+  return 7;
+}
+
+namespace {
+
+struct Standard {
+#define HOSTILE_FUNCTION(name, parameters, arguments) \
+  static CK_RV name parameters {                      \
+    const auto unused = [](const auto&...) {};        \
+    unused arguments;                                 \
+    return Answer("C_" #name);                        \
+  }
+  QIXX_CK_FUNCTIONS(HOSTILE_FUNCTION)
+#undef HOSTILE_FUNCTION
+};
+
+}  // namespace
+
+CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
+  static qixx::pkcs11::ExtendedFunctionList functions;
+#define HOSTILE_FILL(name, parameters, arguments) functions.standard.C_##name = &Standard::name;
+  QIXX_CK_FUNCTIONS(HOSTILE_FILL)
+#undef HOSTILE_FILL
+  if (list != nullptr) *list = &functions.standard;
+  return Answer("C_GetFunctionList");
+}
