@@ -141,17 +141,22 @@ void RestoreSignals() {
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
+/// Whether the program gets the descriptor, under its number.
+bool PassOn(int descriptor) {
+  if (descriptor == kPassedDescriptor) return ::fcntl(descriptor, F_SETFD, 0) == 0;
+  return descriptor >= 0 && ::dup2(descriptor, kPassedDescriptor) == kPassedDescriptor;
+}
+
 /// Closes what a loaded library may have left open without close-on-exec.
-void CloseOtherDescriptors() {
-  constexpr unsigned kFirst = STDERR_FILENO + 1;
+void CloseDescriptorsFrom(unsigned first) {
 #ifdef SYS_close_range
-  if (::syscall(SYS_close_range, kFirst, UINT_MAX, 0U) == 0) return;
+  if (::syscall(SYS_close_range, first, UINT_MAX, 0U) == 0) return;
 #endif
   DIR* const directory = ::opendir("/proc/self/fd");
   if (directory == nullptr) return;
   while (const dirent* entry = ::readdir(directory)) {
     const std::uint64_t number = ParseDecimal(entry->d_name);
-    if (number < kFirst || number > INT_MAX) continue;
+    if (number < first || number > INT_MAX) continue;
     if (static_cast<int>(number) != ::dirfd(directory)) ::close(static_cast<int>(number));
   }
   ::closedir(directory);
@@ -160,13 +165,13 @@ void CloseOtherDescriptors() {
 /// Turns the child into the program. Nothing here waits for another thread or allocates. The
 /// redirection comes last: opening a pipe waits for its reader, and a child that waits must obey
 /// signals and hold nothing of the service open.
-[[noreturn]] void RunChild(const ChildPlan& plan) {
+[[noreturn]] void RunChild(const ChildPlan& plan, int passed) {
   TraceWrite("Helper - Child process started");
   ::setsid();
   if (!plan.IsEmpty()) {
     TraceArguments(plan.Shown());
     RestoreSignals();
-    CloseOtherDescriptors();
+    CloseDescriptorsFrom((PassOn(passed) ? kPassedDescriptor : STDERR_FILENO) + 1);
     if (plan.Output() != nullptr) RedirectOutput(plan.Output());
     ::execv(plan.Vector()[0], plan.Vector());
   }
@@ -194,14 +199,14 @@ class SignalsBlocked {
 };
 
 /// Returns in the parent only.
-pid_t ForkChild(const ChildPlan& plan) {
+pid_t ForkChild(const ChildPlan& plan, int passed) {
   const SignalsBlocked blocked;
   pid_t child = -1;
   {
     const TraceForkLock held;
     child = ::fork();
   }
-  if (child == 0) RunChild(plan);
+  if (child == 0) RunChild(plan, passed);
   return child;
 }
 
@@ -225,12 +230,13 @@ bool IsProcessId(std::uint64_t processId) {
 
 }  // namespace
 
-bool LaunchProcess(const std::string& program, std::string_view arguments, std::int64_t waitMode) {
+bool LaunchProcess(const std::string& program, std::string_view arguments, std::int64_t waitMode,
+                   int passed) {
   TraceWrite("Helper - Start application: '%s' '%s'", MaskedText(program).Text(),
              MaskedText(arguments).Text());
   const ChildPlan plan(program, arguments);
   ChildPlace place;
-  const pid_t child = ForkChild(plan);
+  const pid_t child = ForkChild(plan, passed);
   if (child < 0) {
     TraceWrite("Helper - Failed to fork process");
     return false;

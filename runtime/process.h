@@ -15,13 +15,17 @@ namespace qixx::runtime {
 
 /// Do not wait for the child at all.
 inline constexpr std::int64_t kWaitNone = 0;
+/// The number under which a program gets the one descriptor that may be passed on to it, beside the
+/// standard ones.
+inline constexpr int kPassedDescriptor = 3;
 
 /// Forks and runs `program` with the split `arguments`; an empty program takes the first token of
 /// the arguments instead. Wait mode 1 waits for about a second (10 polls, 99 ms apart), a greater n
 /// for about n seconds (n polls, 999 ms apart). False when the fork failed; true whatever became of
-/// the child, even when the program could not be started.
+/// the child, even when the program could not be started. A descriptor that is `passed` stays the
+/// caller's; the program gets a copy.
 bool LaunchProcess(const std::string& program, std::string_view arguments,
-                   std::int64_t waitMode = kWaitNone);
+                   std::int64_t waitMode = kWaitNone, int passed = -1);
 
 /// Splits at blanks; double quotes hold a token together and are dropped from tokens of four
 /// characters and more that do not begin with a quoted '-'. Entry 0 is the program, or the first

@@ -1,6 +1,12 @@
 // Further watchers, as processes of their own.
+//
+// Watchers that start watchers make a tree. Environment variables, named by the product prefix,
+// tell each of them its part of the tree: "watchdepth" how deep it stands, "watchroom" how many
+// watchers it may start together with those below it, "watchlink" that the descriptor which it got
+// ends with the watcher that started it. To be called on the main thread.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -8,14 +14,22 @@ namespace qixx::watch {
 
 /// How many watchers may be started, each by the one before it.
 inline constexpr unsigned kMaxWatcherDepth = 8;
+/// How many watchers may be started by the first one and by all below it.
+inline constexpr std::size_t kMaxExtraWatchers = 32;
 /// Longest name of an extra watcher; a longer one is cut.
 inline constexpr std::size_t kMaxExtraName = 58;
 /// What the command line of a watcher begins with that another one started.
 inline constexpr std::string_view kChildMark = "X ";
 
-/// Starts one child watcher for each '|'-separated field of `list`. `ownPath` is how this program
-/// was called. The environment variable named by the product prefix and "watchdepth" counts how
-/// deep watchers have started watchers; at kMaxWatcherDepth none is started any more.
+/// Starts one child watcher for each '|'-separated field of `list`, in order, as many as there is
+/// room for; what room is left is shared out evenly among them. `ownPath` is how this program was
+/// called.
 void StartExtraWatchers(std::string_view list, const std::string& ownPath);
+/// At the end of a watcher: those that it started are told to stop as well when it was, and go on
+/// without it when it ended by itself.
+void LeaveExtraWatchers();
+/// In a watcher that another one started: requests its stop when the other one has died without
+/// having told.
+void FollowParentWatcher();
 
 }  // namespace qixx::watch

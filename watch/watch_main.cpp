@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 
-#include "runtime/children.h"
 #include "runtime/files.h"
 #include "runtime/product.h"
 #include "runtime/secrets.h"
@@ -18,7 +16,6 @@
 #include "watch/simulate.h"
 #include "watch/slot_loop.h"
 #include "watch/spare_service.h"
-#include "watch/stop.h"
 
 namespace qixx::watch {
 namespace {
@@ -99,12 +96,6 @@ std::string SplitConfigRest(CWatchOptions& record) {
   return bar == std::string::npos ? std::string() : names.substr(bar + 1);
 }
 
-/// The watchers that this one started live in sessions of their own, so a signal to this one does
-/// not reach them.
-void PassStopOn() {
-  if (StopRequested()) runtime::SignalMarkedChildren(SIGTERM);
-}
-
 void RunCommands(std::string_view command, std::string_view line, const std::string& ownPath,
                  const Platform& platform) {
   CWatchOptions record = ParseCommands(command, line);
@@ -115,7 +106,7 @@ void RunCommands(std::string_view command, std::string_view line, const std::str
   }
   if (!extraList.empty()) StartExtraWatchers(extraList, ownPath);
   RunWatch(record, platform);
-  PassStopOn();
+  LeaveExtraWatchers();
 }
 
 }  // namespace
@@ -134,7 +125,10 @@ int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
   PrepareProcess();
 
   const bool isChild = runtime::StartsWithNoCase(line, kChildMark);
-  if (isChild) line.remove_prefix(kChildMark.size());
+  if (isChild) {
+    line.remove_prefix(kChildMark.size());
+    FollowParentWatcher();
+  }
   const std::string ownLine(line.substr(0, kMaxCommandLine));
   std::string command;
   if (!isChild && !BeginsWithAny(ownLine, kWithoutConfiguration))

@@ -1,5 +1,9 @@
 // From a card in a reader to the commands of the event: which events count, in which order things
 // happen, and how the service ends.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <chrono>
 
 #include "tests/end_to_end/service_test.h"
@@ -131,6 +135,56 @@ TEST_F(Events, ExtraWatchersRunTheirOwnSectionsAndEndWithTheirParent) {
     EXPECT_TRUE(desktop.Traced("Watch - Stopping '" + section));
   }
   EXPECT_TRUE(desktop.Traced("Watch - Stopped", 3));
+}
+
+TEST_F(Events, ExtraWatchersEndWithAKilledParentAndLeaveTheirCommands) {
+  desktop.WriteProgram("echo $$ > " + desktop.Path("id.txt") + ".new && mv " +
+                       desktop.Path("id.txt") + ".new " + desktop.Path("id.txt") + "; read x < " +
+                       desktop.Path("gate"));
+  ASSERT_EQ(::mkfifo(desktop.Path("gate").c_str(), 0600), 0);
+  desktop.Configure(
+      "[Command]\nWatch=-sync config Watch|One\nWatch One=-sync config One|Two\n"
+      "[Watch Insert]\n1=kill x\n[Watch One Insert]\n1=kill x\n[Watch Two Insert]\n1=" +
+      desktop.Path("program") + "\n");
+  desktop.Start();
+  ASSERT_TRUE(desktop.Traced("Watch - Running 'Two'"));
+  desktop.InsertCard(1);
+  ASSERT_TRUE(Eventually([this] { return Exists("id.txt"); }));
+  EXPECT_EQ(desktop.Stop(SIGKILL), -SIGKILL);
+  EXPECT_TRUE(desktop.Traced("Watch - Stopping 'One'"));
+  EXPECT_TRUE(desktop.Traced("Watch - Stopping 'Two'"));
+  const int command = std::stoi(desktop.Home().Read("id.txt"));
+  EXPECT_EQ(::kill(command, 0), 0) << "the command outlives them";
+  ::close(::open(desktop.Path("gate").c_str(), O_WRONLY | O_CLOEXEC));
+}
+
+TEST_F(Events, ExtraWatchersGoOnWhenTheirParentHasNothingToDo) {
+  desktop.Configure(
+      "[Command]\nWatch=-sync config Watch|One\nWatch One=-sync config One\n"
+      "[Watch One Insert]\n1=" +
+      in + "\n[Watch One Remove]\n1=" + out + "\n");
+  desktop.Start();
+  EXPECT_EQ(desktop.Stop(0), 0);
+  ASSERT_TRUE(desktop.Traced("Watch - Running 'One'"));
+  desktop.InsertCard(1);
+  EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
+  const std::vector<std::string> forked = desktop.TraceAfter("Helper - Forked process id ");
+  ASSERT_FALSE(forked.empty());
+  ::kill(std::stoi(forked.front()), SIGTERM);
+  EXPECT_TRUE(desktop.Traced("Watch - Stopped", 2));
+}
+
+TEST_F(Events, ExtraWatchersAreLimitedInAWholeTree) {
+  desktop.Configure(
+      "[Command]\nWatch=-sync config A|A|A\nWatch A=-sync config A|A|A\n[Watch A Insert]\n1=" + in +
+      "\n");
+  desktop.Start();
+  constexpr std::size_t kAll = 33;
+  EXPECT_TRUE(desktop.Traced("Watch - Running 'A'", kAll));
+  Stop();
+  EXPECT_TRUE(desktop.Traced("Watch - Stopped", kAll));
+  EXPECT_EQ(desktop.TraceCount("Watch - Starting"), kAll);
+  EXPECT_GE(desktop.TraceCount("Watch - Extra watchers end at 32 in all"), 1U);
 }
 
 TEST_F(Events, BackgroundProgramIsStartedAndToldToHide) {
