@@ -49,13 +49,24 @@ bool TermHolds(std::string_view term, const ConditionContext& context) {
 
 }  // namespace
 
+Alternative TakeAlternative(std::string_view& rest) {
+  const std::string_view alternative = TakePart(rest, kAlternativeSeparator);
+  const std::size_t bar = alternative.rfind('|');
+  if (bar == kNone) return {alternative, std::nullopt};
+  return {alternative.substr(0, bar), alternative.substr(bar + 1)};
+}
+
+std::string_view TakeTerm(std::string_view& condition) {
+  return TakePart(condition, ",");
+}
+
 bool IsConditional(std::string_view value) {
   return value.find(kAlternativeSeparator) != kNone;
 }
 
 bool ConditionHolds(std::string_view condition, const ConditionContext& context) {
   do {
-    if (!TermHolds(TakePart(condition, ","), context)) return false;
+    if (!TermHolds(TakeTerm(condition), context)) return false;
   } while (condition.data() != nullptr);
   return true;
 }
@@ -64,10 +75,10 @@ std::string_view ResolveConditional(std::string_view value, const ConditionConte
   if (!IsConditional(value)) return value;
   std::string_view rest = value;
   do {
-    const std::string_view alternative = TakePart(rest, kAlternativeSeparator);
-    const std::size_t bar = alternative.rfind('|');
-    if (bar == kNone) return alternative;
-    if (ConditionHolds(alternative.substr(bar + 1), context)) return alternative.substr(0, bar);
+    const Alternative alternative = TakeAlternative(rest);
+    if (!alternative.condition || ConditionHolds(*alternative.condition, context)) {
+      return alternative.value;
+    }
   } while (rest.data() != nullptr);
   return value;
 }

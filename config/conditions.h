@@ -13,6 +13,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string_view>
 
 namespace qixx::config {
@@ -24,6 +25,16 @@ struct ConditionContext {
   std::function<bool(std::string_view name)> isNamedConditionActive;
   std::function<bool(std::string_view mode)> isModeActive;
 };
+
+struct Alternative {
+  std::string_view value;
+  /// Nothing for a plain one, which is always taken.
+  std::optional<std::string_view> condition;
+};
+/// Takes the first alternative off `rest`. With the last one `rest` gets no data.
+[[nodiscard]] Alternative TakeAlternative(std::string_view& rest);
+/// The same for a term of a condition.
+[[nodiscard]] std::string_view TakeTerm(std::string_view& condition);
 
 /// Only a value with a "||" in it is a conditional one.
 [[nodiscard]] bool IsConditional(std::string_view value);

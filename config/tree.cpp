@@ -26,8 +26,8 @@ std::uint32_t HashFolded(std::string_view name) {
 
 /// Deliberately other rules than those of the text scan: "#" is an ordinary character here, "//" is
 /// not, and an indented line is ignored.
-bool IsIgnored(std::string_view line) {
-  return line.front() == ' ' || line.front() == ';' || line.starts_with("//");
+bool IsTreeComment(std::string_view line) {
+  return line.front() == ';' || line.starts_with("//");
 }
 
 std::size_t BehindBlock(std::string_view text, std::size_t begin) {
@@ -36,6 +36,32 @@ std::size_t BehindBlock(std::string_view text, std::size_t begin) {
 }
 
 }  // namespace
+
+std::optional<TreeLine> TreeReader::Next() {
+  while (position_ < text_.size()) {
+    if (text_[position_] == '<') {
+      position_ = BehindBlock(text_, position_);
+      continue;
+    }
+    const std::size_t begin = position_;
+    const std::size_t end = FindLineEnd(text_, begin);
+    const std::string_view line = text_.substr(begin, end - begin);
+    position_ = end + 1;
+    if (!line.empty() && !IsTreeComment(line)) return TreeLine{KindOf(line), line, begin};
+  }
+  return std::nullopt;
+}
+
+TreeLineKind TreeReader::KindOf(std::string_view line) {
+  if (line.front() == ' ') return TreeLineKind::kIndented;
+  if (line.front() == '[') {
+    if (HeaderName(line).empty()) return TreeLineKind::kNameless;
+    hasSection_ = true;
+    return TreeLineKind::kSection;
+  }
+  if (runtime::FindChar(line, '=') == kNoPosition) return TreeLineKind::kPlain;
+  return hasSection_ ? TreeLineKind::kEntry : TreeLineKind::kOutside;
+}
 
 LookupTree::LookupTree(std::string_view text) : text_(text) {
   nodes_.reserve(std::min(text.size() / kUsualLineLength + 2, kMaxNodes));
@@ -49,23 +75,14 @@ std::unique_ptr<const LookupTree> LookupTree::Build(std::string_view text) {
 }
 
 bool LookupTree::Parse() {
-  const std::string_view text = text_;
   NodeIndex section = kRoot;
-  for (std::size_t begin = 0; begin < text.size();) {
-    if (text[begin] == '<') {
-      begin = BehindBlock(text, begin);
-      continue;
-    }
-    const std::size_t end = FindLineEnd(text, begin);
-    const std::string_view line = text.substr(begin, end - begin);
-    begin = end + 1;
-    if (line.empty() || IsIgnored(line)) continue;
+  TreeReader lines(text_);
+  while (const std::optional<TreeLine> line = lines.Next()) {
     if (nodes_.size() >= kMaxNodes) return false;
-    if (line.front() == '[') {
-      const std::string_view name = HeaderName(line);
-      if (!name.empty()) section = Prepend(kRoot, NodeKind::kSection, name, {});
-    } else if (section != kRoot && runtime::FindChar(line, '=') != kNoPosition) {
-      (void)Prepend(section, NodeKind::kEntry, EntryName(line), EntryValue(line));
+    if (line->kind == TreeLineKind::kSection) {
+      section = Prepend(kRoot, NodeKind::kSection, HeaderName(line->text), {});
+    } else if (line->kind == TreeLineKind::kEntry) {
+      (void)Prepend(section, NodeKind::kEntry, EntryName(line->text), EntryValue(line->text));
     }
   }
   return true;

@@ -16,6 +16,38 @@
 
 namespace qixx::config {
 
+/// What a line is to a lookup tree; comments and empty lines are not told.
+enum class TreeLineKind : std::uint8_t {
+  kSection,
+  kEntry,
+  // What a tree leaves out:
+  kNameless,  ///< a header without a name
+  kIndented,  ///< begins with a blank
+  kPlain,     ///< has no '='
+  kOutside,   ///< an entry in front of the first section
+};
+
+struct TreeLine {
+  TreeLineKind kind = TreeLineKind::kPlain;
+  std::string_view text;  ///< the whole line
+  std::size_t begin = 0;  ///< its position
+};
+
+/// Reads the lines of a text as a lookup tree sees them. Blocks are passed over.
+class TreeReader {
+ public:
+  explicit TreeReader(std::string_view text) : text_(text) {}
+  /// Nothing at the end of the text.
+  [[nodiscard]] std::optional<TreeLine> Next();
+
+ private:
+  [[nodiscard]] TreeLineKind KindOf(std::string_view line);
+
+  std::string_view text_;
+  std::size_t position_ = 0;
+  bool hasSection_ = false;
+};
+
 class LookupTree {
  public:
   /// Copies and parses the text. Null when it has more than a million sections and entries.

@@ -99,19 +99,15 @@ std::optional<int> CallEntry(const SharedLibrary& library, const std::string& fu
 }
 
 bool SplitAndCall(std::string_view text) {
-  const std::size_t comma = text.find(',');
-  if (comma == std::string_view::npos) return false;
-  const std::size_t blank = text.find(' ', comma);
-  if (blank == std::string_view::npos) return false;
-
-  const std::string path(text.substr(0, comma));
-  const std::string function(text.substr(comma + 1, blank - comma - 1));
+  const std::optional<ExternalCall> call = ParseExternalCall(text);
+  if (!call) return false;
+  const std::string path(call->library);
   const SharedLibrary library = OpenLibrary(path);
   if (!library.IsOpen()) {
     TraceWrite("Helper - Failed to load '%s'", MaskedText(path).Text());
     return false;
   }
-  return CallEntry(library, function, text.substr(blank + 1)).has_value();
+  return CallEntry(library, std::string(call->function), call->arguments).has_value();
 }
 
 }  // namespace
@@ -210,6 +206,16 @@ void SetLibraryDirectory(std::string_view directory) {
   Directories& known = KnownDirectories();
   const CriticalScope hold(&known.lock);
   known.library = directory.empty() ? kDefaultDirectory : WithSlash(std::string(directory));
+}
+
+std::optional<ExternalCall> ParseExternalCall(std::string_view text) {
+  const std::size_t comma = text.find(',');
+  if (comma == std::string_view::npos) return std::nullopt;
+  const std::size_t blank = text.find(' ', comma);
+  if (blank == std::string_view::npos) return std::nullopt;
+  return ExternalCall{.library = text.substr(0, comma),
+                      .function = text.substr(comma + 1, blank - comma - 1),
+                      .arguments = text.substr(blank + 1)};
 }
 
 bool CallExternal(std::string_view text) {

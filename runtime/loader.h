@@ -97,6 +97,15 @@ struct FailedOpen {
 /// goes back to "/usr/lib/".
 void SetLibraryDirectory(std::string_view directory);
 
+/// "library path,function arguments" taken apart, at the first comma and the first blank behind it.
+struct ExternalCall {
+  std::string_view library;
+  std::string_view function;
+  std::string_view arguments;
+};
+/// Nothing where one of the two is missing.
+[[nodiscard]] std::optional<ExternalCall> ParseExternalCall(std::string_view text);
+
 /// "library path,function arguments": calls the function once, with a copy of the arguments that it
 /// may write to. No search for the library. True when the function was called and came back.
 bool CallExternal(std::string_view text);

@@ -205,13 +205,6 @@ class KeepErrorNumber {
 
 // --- target names -----------------------------------------------------------------------------
 
-bool HasAcceptedExtension(std::string_view name) {
-  const std::size_t dot = name.rfind('.');
-  if (dot == std::string_view::npos) return false;
-  const std::string_view extension = name.substr(dot);
-  return EqualsNoCase(extension, ".txt") || EqualsNoCase(extension, ".log");
-}
-
 bool IsServerTarget(std::string_view name) {
   return StartsWithNoCase(name, kServerHead);
 }
@@ -219,9 +212,9 @@ bool IsServerTarget(std::string_view name) {
 /// A server target is judged by the stored name, not by its own. Intended: the suite's set-ups rely
 /// on a first server name being taken as it is.
 bool IsAcceptedTarget(std::string_view name, std::string_view stored) {
-  if (!IsServerTarget(name)) return HasAcceptedExtension(name);
+  if (!IsServerTarget(name)) return IsTraceFileName(name);
   const std::size_t comma = stored.find(',', 1);
-  return comma == std::string_view::npos || HasAcceptedExtension(stored.substr(comma + 1));
+  return comma == std::string_view::npos || IsTraceFileName(stored.substr(comma + 1));
 }
 
 /// The part of a target's path up to its last separator, empty when it has none.
@@ -392,6 +385,13 @@ void TraceInit(std::string_view component) {
   } else {
     TraceSetFile(settings->path);
   }
+}
+
+bool IsTraceFileName(std::string_view name) {
+  const std::size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos) return false;
+  const std::string_view extension = name.substr(dot);
+  return EqualsNoCase(extension, ".txt") || EqualsNoCase(extension, ".log");
 }
 
 void TraceSetFile(std::string_view name) {

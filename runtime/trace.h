@@ -43,6 +43,9 @@ struct TraceSettings {
 /// a path.
 [[nodiscard]] std::optional<TraceSettings> TraceReadSettings(std::string_view component);
 
+/// Whether a name ends as a trace file must: ".txt" or ".log".
+[[nodiscard]] bool IsTraceFileName(std::string_view name);
+
 /// Installs a target file and writes the date line; an empty name clears tracing. A name longer
 /// than kMaxText is ignored. One with an extension other than ".txt" and ".log" keeps the previous
 /// target, which gets another date line. The file is made for its owner only. What is no regular

@@ -16,9 +16,6 @@
 namespace qixx::watch {
 namespace {
 
-constexpr const char* kDocumentViewer = "/usr/bin/xdg-open";
-/// Longest path of a program.
-constexpr std::size_t kMaxProgram = runtime::kMaxText;
 /// What this platform's launcher tells of a program that it started.
 constexpr std::uint64_t kNoProcessId = 0;
 
@@ -33,21 +30,13 @@ bool StartTracked(const WatchEvent& event, const std::string& program, std::stri
   return processId.has_value();
 }
 
-bool RunProgram(const WatchEvent& event, std::string_view line) {
+bool RunProgram(CardReader& /*card*/, const WatchEvent& event, std::string_view line) {
   return StartTracked(event, "", line);
 }
 
-/// A program in quotes ends at the next quote and its arguments follow behind any blanks; any other
-/// ends at the first blank, right behind which its arguments begin.
 bool RunApplication(CardReader& /*card*/, const WatchEvent& event, std::string_view line) {
-  const bool quoted = line.starts_with('"');
-  if (quoted) line.remove_prefix(1);
-  const std::size_t end = std::min(runtime::FindChar(line, quoted ? '"' : ' '), line.size());
-  const std::string_view program = line.substr(0, end);
-  if (program.empty()) return false;
-  line.remove_prefix(std::min(end + 1, line.size()));
-  const std::string_view arguments = quoted ? runtime::SkipBlanks(line) : line;
-  return StartTracked(event, std::string(program), arguments);
+  const ApplicationParts parts = SplitApplication(line);
+  return !parts.program.empty() && StartTracked(event, std::string(parts.program), parts.arguments);
 }
 
 /// Both document commands come to this; script mode has no effect on this platform.
@@ -82,36 +71,56 @@ bool Fail(CardReader& /*card*/, const WatchEvent& /*event*/, std::string_view /*
 struct Keyword {
   std::string_view head;
   bool removeOnly;
+  CommandKind kind;
   bool (*run)(CardReader& card, const WatchEvent& event, std::string_view text);
 };
 
-/// In the order in which they are tried. Registry commands and the means to close windows or end
-/// programs by name do nothing on this platform, with the results that lists of commands rely on.
+/// In the order in which they are tried; the last one is the head of everything. Registry commands
+/// and the means to close windows or end programs by name do nothing on this platform, with the
+/// results that lists of commands rely on.
 constexpr Keyword kKeywords[] = {
-    {"parallel ", false, RunParallel},
-    {"-l", true, Fail},
-    {"-r ", false, Succeed},
-    {"set ", false, RunSet},
-    {"script ", false, OpenDocument},
-    {"open ", false, OpenDocument},
-    {"close ", false, Fail},
-    {"kill ", false, Succeed},
-    {"load ", false, RunLoad},
-    {"extern ", false, RunExtern},
-    {"application ", false, RunApplication},
+    {"parallel ", false, CommandKind::kParallel, RunParallel},
+    {"-l", true, CommandKind::kFailure, Fail},
+    {"-r ", false, CommandKind::kNothing, Succeed},
+    {"set ", false, CommandKind::kSet, RunSet},
+    {"script ", false, CommandKind::kDocument, OpenDocument},
+    {"open ", false, CommandKind::kDocument, OpenDocument},
+    {"close ", false, CommandKind::kFailure, Fail},
+    {"kill ", false, CommandKind::kNothing, Succeed},
+    {"load ", false, CommandKind::kLoad, RunLoad},
+    {"extern ", false, CommandKind::kExtern, RunExtern},
+    {"application ", false, CommandKind::kApplication, RunApplication},
+    {"", false, CommandKind::kProgram, RunProgram},
 };
 
+const Keyword& FindKeyword(EventKind kind, std::string_view text) {
+  return *std::ranges::find_if(kKeywords, [kind, text](const Keyword& keyword) {
+    return (kind == EventKind::kRemove || !keyword.removeOnly) &&
+           runtime::StartsWithNoCase(text, keyword.head);
+  });
+}
+
 }  // namespace
+
+CommandParts SplitCommand(EventKind kind, std::string_view text) {
+  const Keyword& keyword = FindKeyword(kind, text);
+  return {keyword.kind, text.substr(keyword.head.size())};
+}
+
+ApplicationParts SplitApplication(std::string_view line) {
+  const bool quoted = line.starts_with('"');
+  if (quoted) line.remove_prefix(1);
+  const std::size_t end = std::min(runtime::FindChar(line, quoted ? '"' : ' '), line.size());
+  const std::string_view program = line.substr(0, end);
+  line.remove_prefix(std::min(end + 1, line.size()));
+  return {program, quoted ? runtime::SkipBlanks(line) : line};
+}
 
 bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view text) {
   runtime::TraceWrite("Watch - Execute %s command: %s", event.IsInsert() ? "insert" : "remove",
                       runtime::MaskedText(text).Text());
-  for (const Keyword& keyword : kKeywords) {
-    if (keyword.removeOnly && event.IsInsert()) continue;
-    if (runtime::StartsWithNoCase(text, keyword.head))
-      return keyword.run(card, event, text.substr(keyword.head.size()));
-  }
-  return RunProgram(event, text);
+  const Keyword& keyword = FindKeyword(event.kind, text);
+  return keyword.run(card, event, text.substr(keyword.head.size()));
 }
 
 std::optional<std::uint64_t> StartCommandProcess(const std::string& program,

@@ -5,15 +5,49 @@
 // Secrets in command texts do not reach the trace. Only std::bad_alloc is thrown.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "runtime/text.h"
 #include "watch/card_reader.h"
 #include "watch/event.h"
 
 namespace qixx::watch {
+
+/// Longest path of a program that "application " starts.
+inline constexpr std::size_t kMaxProgram = runtime::kMaxText;
+/// What shows a document.
+inline constexpr const char* kDocumentViewer = "/usr/bin/xdg-open";
+
+enum class CommandKind {
+  kProgram,
+  kApplication,
+  kParallel,
+  kSet,
+  kDocument,
+  kLoad,
+  kExtern,
+  kNothing,  ///< with success
+  kFailure,  ///< nothing, without success
+};
+
+/// A command text taken apart at its keyword.
+struct CommandParts {
+  CommandKind kind = CommandKind::kProgram;
+  std::string_view text;  ///< what stands behind the keyword; all of a program's command line
+};
+[[nodiscard]] CommandParts SplitCommand(EventKind kind, std::string_view text);
+
+struct ApplicationParts {
+  std::string_view program;
+  std::string_view arguments;
+};
+/// A program in quotes ends at the next quote and its arguments follow behind any blanks; any other
+/// ends at the first blank, right behind which its arguments begin.
+[[nodiscard]] ApplicationParts SplitApplication(std::string_view line);
 
 /// Runs the command that the head of `text` names (letter case ignored), anything else as a program
 /// with its arguments. Returns its success; a started program or thread is one. A simulated event

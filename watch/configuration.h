@@ -13,6 +13,8 @@ namespace qixx::watch {
 /// extra watchers have a blank and a name behind it.
 inline constexpr std::string_view kCommandSection = "Command";
 inline constexpr std::string_view kWatchEntry = "Watch";
+/// The entry of a watcher's section with arguments for the suite's main program.
+inline constexpr std::string_view kBackgroundEntry = "Background";
 
 /// Opens the product configuration read-only. False when there is none, or none that holds a text.
 [[nodiscard]] bool LoadProductConfiguration(config::CConfig& config);

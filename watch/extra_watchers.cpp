@@ -130,26 +130,17 @@ std::string FindOwnProgram(const std::string& ownPath) {
 std::string ReadExtraCommand(const std::string& name) {
   config::CConfig config;
   if (config.OpenDefault(false) != config::ConfigResult::kOk) return {};
-  const std::string entry = std::string(kWatchEntry) + " " + name;
-  return ReadFileText(config, kCommandSection, entry, kMaxCommandLine - kChildMark.size());
+  return ReadFileText(config, kCommandSection, ExtraWatcherEntry(name),
+                      kMaxCommandLine - kChildMark.size());
 }
 
 void StartExtraWatcher(const std::string& program, const std::string& name) {
   std::string command = ReadExtraCommand(name);
-  if (command.empty()) command = "config " + name;
+  if (command.empty()) command = UsualExtraCommand(name);
   runtime::TraceWrite("Watch - Extra '%s'", runtime::MaskedText(name).Text());
   const runtime::ChildMark marked;
   runtime::LaunchProcess(program, std::string(kChildMark) + command, runtime::kWaitNone,
                          OwnLink().Reading());
-}
-
-std::vector<std::string> ExtraNames(std::string_view list) {
-  std::vector<std::string> names;
-  for (std::size_t index = 0; const auto field = runtime::GetField(list, index, '|'); ++index) {
-    const std::string_view name = runtime::DropTrailingBlanks(field->substr(0, kMaxExtraName));
-    if (!name.empty()) names.emplace_back(name);
-  }
-  return names;
 }
 
 /// As many of the names as there is room for. What is left is split, so that no watcher of the tree
@@ -174,6 +165,23 @@ void StartWithin(std::uint64_t room, std::vector<std::string> names, const std::
 
 }  // namespace
 
+std::vector<std::string> ExtraWatcherNames(std::string_view list) {
+  std::vector<std::string> names;
+  for (std::size_t index = 0; const auto field = runtime::GetField(list, index, '|'); ++index) {
+    const std::string_view name = runtime::DropTrailingBlanks(field->substr(0, kMaxExtraName));
+    if (!name.empty()) names.emplace_back(name);
+  }
+  return names;
+}
+
+std::string ExtraWatcherEntry(std::string_view name) {
+  return std::string(kWatchEntry).append(1, ' ').append(name);
+}
+
+std::string UsualExtraCommand(std::string_view name) {
+  return std::string(kConfigWord).append(1, ' ').append(name);
+}
+
 void StartExtraWatchers(std::string_view list, const std::string& ownPath) {
   const std::uint64_t depth = ReadVariable(kDepthVariable).value_or(0);
   if (depth >= kMaxWatcherDepth) {
@@ -185,7 +193,7 @@ void StartExtraWatchers(std::string_view list, const std::string& ownPath) {
   if (program.empty()) return;
   const std::uint64_t room = ReadVariable(kRoomVariable).value_or(kMaxExtraWatchers);
   const ChildVariable deeper(kDepthVariable, depth + 1);
-  StartWithin(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraNames(list), program);
+  StartWithin(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list), program);
 }
 
 void LeaveExtraWatchers() {

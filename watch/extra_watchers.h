@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qixx::watch {
 
@@ -20,6 +21,13 @@ inline constexpr std::size_t kMaxExtraWatchers = 32;
 inline constexpr std::size_t kMaxExtraName = 58;
 /// What the command line of a watcher begins with that another one started.
 inline constexpr std::string_view kChildMark = "X ";
+
+/// The names in a '|'-separated list, cut to kMaxExtraName; empty ones are left out.
+[[nodiscard]] std::vector<std::string> ExtraWatcherNames(std::string_view list);
+/// The entry of section "Command" with the watch command of an extra watcher.
+[[nodiscard]] std::string ExtraWatcherEntry(std::string_view name);
+/// The watch command of one that has none there.
+[[nodiscard]] std::string UsualExtraCommand(std::string_view name);
 
 /// Starts one child watcher for each '|'-separated field of `list`, in order, as many as there is
 /// room for; what room is left is shared out evenly among them. `ownPath` is how this program was

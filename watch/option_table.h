@@ -78,6 +78,7 @@ struct PeopleRow {
 
 /// The words for people, as the first argument.
 inline constexpr std::array kPeopleOptions = {
+    PeopleRow{"--check", "", "[FILE...]", "say what is wrong with the configuration"},
     PeopleRow{"--help", "-h", "", "print this text"},
     PeopleRow{"--version", "-V", "", "print the version"},
 };

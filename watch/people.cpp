@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 #include "runtime/text.h"
+#include "watch/check.h"
 #include "watch/option_table.h"
 
 namespace qixx::watch {
@@ -40,6 +42,12 @@ int Refuse(std::string_view word) {
       shown, [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
   std::fprintf(stderr, "qixxwatch: unknown option '%s'; see qixxwatch --help\n", shown.c_str());
   return kExitUnable;
+}
+
+int Check(const std::vector<std::string>& files) {
+  const CheckResult result = CheckConfiguration(files);
+  std::fputs(result.errors.c_str(), stderr);
+  return Print(result.output) ? result.exitCode : kExitUnable;
 }
 
 const PeopleRow* FindRow(std::string_view word) {
@@ -85,6 +93,7 @@ std::optional<int> AnswerPeople(int argc, const char* const* argv, std::string_v
     if (word.starts_with("--")) return Refuse(word);
     return std::nullopt;
   }
+  if (row->name == "--check") return Check({argv + 2, argv + argc});
   const std::string text =
       row->name == "--help" ? HelpText() : "qixxwatch " + std::string(version) + "\n";
   return Print(text) ? EXIT_SUCCESS : kExitUnable;

@@ -21,7 +21,6 @@ namespace qixx::watch {
 namespace {
 
 constexpr const char* kComponent = "watch";
-constexpr std::string_view kBackgroundEntry = "Background";
 constexpr std::string_view kConfigHead = "config ";
 constexpr std::string_view kLocalExtension = ".conf";
 
@@ -84,18 +83,6 @@ CWatchOptions ParseCommands(std::string_view command, std::string_view line) {
   return record;
 }
 
-/// Takes the section out of "config section|extra|extra" and gives the list of extra watchers.
-std::string SplitConfigRest(CWatchOptions& record) {
-  if (!runtime::StartsWithNoCase(record.rest, kConfigHead)) return {};
-  const std::string names = record.rest.substr(kConfigHead.size());
-  record.rest.resize(kConfigWord.size());
-  const std::size_t bar = runtime::FindChar(names, '|');
-  const std::string_view section =
-      runtime::DropTrailingBlanks(std::string_view(names).substr(0, bar));
-  if (!section.empty()) record.section = section;
-  return bar == std::string::npos ? std::string() : names.substr(bar + 1);
-}
-
 void RunCommands(std::string_view command, std::string_view line, const std::string& ownPath,
                  const Platform& platform) {
   CWatchOptions record = ParseCommands(command, line);
@@ -145,17 +132,33 @@ int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
   return 0;
 }
 
-std::optional<std::string> ReadLocalWatchCommand() {
+std::optional<std::string> LocalConfigurationPath() {
   std::string path = runtime::GetCallingApplication();
   const std::size_t dot = runtime::FindCharBack(path, '.');
   if (dot == std::string::npos) return std::nullopt;
   path.replace(dot, std::string::npos, kLocalExtension);
   if (path.size() > runtime::kMaxText) return std::nullopt;
+  return path;
+}
+
+std::optional<std::string> ReadLocalWatchCommand() {
+  const std::optional<std::string> path = LocalConfigurationPath();
   config::CConfig config;
-  if (config.OpenItem(false, path) != config::ConfigResult::kOk) return std::nullopt;
+  if (!path || config.OpenItem(false, *path) != config::ConfigResult::kOk) return std::nullopt;
   std::string command = ReadFileText(config, kCommandSection, kWatchEntry, kMaxCommandLine);
   if (command.empty()) return std::nullopt;
   return command;
+}
+
+std::string SplitConfigRest(CWatchOptions& record) {
+  if (!runtime::StartsWithNoCase(record.rest, kConfigHead)) return {};
+  const std::string names = record.rest.substr(kConfigHead.size());
+  record.rest.resize(kConfigWord.size());
+  const std::size_t bar = runtime::FindChar(names, '|');
+  const std::string_view section =
+      runtime::DropTrailingBlanks(std::string_view(names).substr(0, bar));
+  if (!section.empty()) record.section = section;
+  return bar == std::string::npos ? std::string() : names.substr(bar + 1);
 }
 
 }  // namespace qixx::watch

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "runtime/text.h"
+#include "watch/options.h"
 #include "watch/platform.h"
 
 namespace qixx::watch {
@@ -21,8 +22,14 @@ inline constexpr std::size_t kMaxCommandLine = runtime::kMaxLine;
 /// kMaxCommandLine. Returns 0.
 int WatchMain(int instance, int serviceHandle, std::string_view line, const Platform& platform);
 
+/// The program-local configuration file: the program's path with another ending. Nothing for a path
+/// without a dot.
+[[nodiscard]] std::optional<std::string> LocalConfigurationPath();
 /// The watch command of the program-local configuration file; nothing when there is none, or when
 /// it is empty.
 [[nodiscard]] std::optional<std::string> ReadLocalWatchCommand();
+
+/// Takes the section out of "config section|extra|extra" and gives the list of extra watchers.
+[[nodiscard]] std::string SplitConfigRest(CWatchOptions& record);
 
 }  // namespace qixx::watch

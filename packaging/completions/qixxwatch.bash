@@ -3,7 +3,7 @@
 _qixxwatch() {
   local current=$2 previous=$3
   case $previous in
-    -c | -p)
+    -c | -p | --check)
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       compopt -o filenames 2>/dev/null
       return ;;
@@ -19,7 +19,7 @@ _qixxwatch() {
   esac
   if [[ $current == -* || -z $current ]]; then
     mapfile -t COMPREPLY < <(compgen -W '-match -wait -message -hide -sync -term -recognized -simulate
-      -p -c -a -w -n --help --version config' -- "$current")
+      -p -c -a -w -n --check --help --version config' -- "$current")
   else
     mapfile -t COMPREPLY < <(compgen -W config -- "$current"; compgen -c -- "$current")
   fi

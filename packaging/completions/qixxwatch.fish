@@ -8,6 +8,7 @@ function __qixxwatch_watchers
 end
 
 complete -c qixxwatch -f
+complete -c qixxwatch -n __fish_is_first_arg -l check -r -F -d 'Say what is wrong with the configuration'
 complete -c qixxwatch -n __fish_is_first_arg -l help -d 'Print a short text'
 complete -c qixxwatch -n __fish_is_first_arg -l version -d 'Print the version'
 complete -c qixxwatch -a config -d 'Watch a section of the configuration'

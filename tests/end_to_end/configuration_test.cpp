@@ -109,5 +109,26 @@ TEST_F(Configuration, WordsForPeopleAnswerBeforeAnythingElse) {
   EXPECT_TRUE(desktop.TraceAfter("").empty());
 }
 
+TEST_F(Configuration, CheckTellsByItsExitCodeAndLeavesNoTrace) {
+  const std::tuple<Lines, std::string, int> rows[] = {
+      {{"/bin/true"}, "Watcher 'Watch' (", 0},
+      {{"true"}, ":8: program 'true' has no path, and none is searched; ", 1},
+  };
+  for (const auto& [insert, told, code] : rows) {
+    Configure("-sync", insert, {Echo("out", "said")});
+    desktop.Start({"--check"});
+    EXPECT_EQ(desktop.Stop(0), code);
+    EXPECT_NE(desktop.Home().Read("stdout.txt").find(told), std::string::npos);
+    fs::remove(desktop.Path("stdout.txt"));
+  }
+  EXPECT_EQ(desktop.Home().Read("stderr.txt"), "");
+  desktop.Start({"--check", desktop.Path("none"), desktop.Path("system.conf")});
+  EXPECT_EQ(desktop.Stop(0), 2);
+  EXPECT_NE(desktop.Home().Read("stdout.txt").find("Watcher 'Watch'"), std::string::npos);
+  EXPECT_EQ(desktop.Home().Read("stderr.txt"),
+            "qixxwatch: " + desktop.Path("none") + " cannot be read: No such file or directory\n");
+  for (const char* made : {"trace.log", ".qix", "said"}) EXPECT_FALSE(Exists(made)) << made;
+}
+
 }  // namespace
 }  // namespace qixx::testing

@@ -1,0 +1,266 @@
+#include "watch/check_file.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <ranges>
+
+#include "config/conditions.h"
+#include "config/format.h"
+#include "config/migration.h"
+#include "config/scan.h"
+#include "config/tree.h"
+#include "runtime/descriptor.h"
+#include "runtime/files.h"
+#include "runtime/secrets.h"
+#include "runtime/text.h"
+
+namespace qixx::watch {
+namespace {
+
+constexpr std::string_view kConditionSection = "Condition";
+/// More conditions, and more alternatives of one value, are not looked at.
+constexpr std::size_t kMaxConditions = 1000;
+
+struct LessNoCase {
+  bool operator()(std::string_view a, std::string_view b) const {
+    return std::ranges::lexicographical_compare(a, b, [](char left, char right) {
+      return runtime::FoldCase(left) < runtime::FoldCase(right);
+    });
+  }
+};
+
+/// Why a configuration file of this path is not read, as the service would find.
+std::string FaultOf(const std::string& path, struct stat& status) {
+  if (path.empty()) return "an empty name";
+  if (path.size() > runtime::kMaxText) return "its path has more than 255 characters";
+  const runtime::Descriptor file = runtime::OpenRegular(path, O_RDONLY);
+  if (!file.IsOpen()) {
+    const int error = errno;
+    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return "no regular file";
+    return std::strerror(error);
+  }
+  status = runtime::StatusOf(file);
+  const auto size = static_cast<std::size_t>(status.st_size);
+  return size > config::kMaxConfigSize ? "larger than 64 MiB" : "";
+}
+
+/// What takes a secret without being the option of a command.
+bool IsSecretName(std::string_view name) {
+  const auto names = {"pin", "sopin", "puk", "pwd", "password", "secret"};
+  return std::ranges::any_of(
+      names, [name](std::string_view secret) { return runtime::EqualsNoCase(name, secret); });
+}
+
+bool HoldsSecret(const CheckedEntry& entry) {
+  return (IsSecretName(entry.name) && !entry.value.empty()) ||
+         runtime::MaskSecrets(entry.value) != entry.value;
+}
+
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+}  // namespace
+
+// --- reading ------------------------------------------------------------------------------------
+
+std::string CheckedFile::Load(const std::string& path) {
+  path_ = path;
+  struct stat status {};
+  if (std::string fault = FaultOf(path, status); !fault.empty()) return fault;
+  othersRead_ = (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
+  std::optional<std::string> raw = runtime::ReadWholeFile(path);
+  if (!raw) return "reading it fails";
+  config::NormaliseLoaded(*raw);
+  looksOld_ = config::LooksOld(*raw);
+  if (file_.Open(false, path, true) != config::ConfigResult::kOk) return "reading it fails";
+  if (!raw->empty() && file_.GetText().value_or("").empty()) return "its text cannot be read";
+  Parse();
+  return {};
+}
+
+void CheckedFile::Parse() {
+  const std::string_view text = file_.GetText().value_or("");
+  std::size_t line = 1;
+  std::size_t counted = 0;
+  std::size_t read = 0;
+  config::TreeReader lines(text);
+  while (const std::optional<config::TreeLine> next = lines.Next()) {
+    line += static_cast<std::size_t>(
+        std::ranges::count(text.substr(counted, next->begin - counted), '\n'));
+    counted = next->begin;
+    isCut_ = ++read > kMaxCheckedLines;
+    if (isCut_) break;
+    std::string_view whole = next->text;
+    switch (next->kind) {
+      case config::TreeLineKind::kSection:
+        sections_.push_back({config::HeaderName(whole), line, {}});
+        break;
+      case config::TreeLineKind::kEntry:
+        sections_.back().entries.push_back(
+            {config::EntryName(whole), config::EntryValue(whole), line});
+        break;
+      case config::TreeLineKind::kIndented:
+        whole = runtime::SkipBlanks(whole);
+        if (!whole.empty() && !config::IsComment(whole) && !whole.starts_with("//")) {
+          oddLines_.push_back({config::EntryName(whole), line,
+                               "begins with a blank and is not read",
+                               "it has to begin at the start of the line"});
+        }
+        break;
+      case config::TreeLineKind::kNameless:
+        oddLines_.push_back({whole, line, "is no section", "[NAME] is meant"});
+        break;
+      case config::TreeLineKind::kPlain:
+        if (!config::IsComment(whole)) {
+          oddLines_.push_back(
+              {whole, line, "is no entry", "NAME=VALUE is meant, or a comment behind ';'"});
+        }
+        break;
+      case config::TreeLineKind::kOutside:
+        if (!config::IsComment(whole)) {
+          oddLines_.push_back({config::EntryName(whole), line,
+                               "stands in front of the first section and is not read",
+                               "it belongs behind a line [NAME]"});
+        }
+        break;
+    }
+  }
+  conditions_ = Find(kConditionSection);
+}
+
+const CheckedSection* CheckedFile::Find(std::string_view section) const {
+  const auto found = std::find_if(sections_.rbegin(), sections_.rend(),
+                                  [section](const CheckedSection& candidate) {
+                                    return runtime::EqualsNoCase(candidate.name, section);
+                                  });
+  return found == sections_.rend() ? nullptr : &*found;
+}
+
+const CheckedEntry* CheckedFile::Find(std::string_view section, std::string_view entry) const {
+  const CheckedSection* const held = Find(section);
+  if (held == nullptr) return nullptr;
+  const auto found = std::find_if(
+      held->entries.rbegin(), held->entries.rend(),
+      [entry](const CheckedEntry& line) { return runtime::EqualsNoCase(line.name, entry); });
+  return found == held->entries.rend() ? nullptr : &*found;
+}
+
+// --- mistakes -----------------------------------------------------------------------------------
+
+void CheckedFile::CheckLines(Mistakes& mistakes) const {
+  CheckLayout(mistakes);
+  CheckRepeated(mistakes);
+  for (const CheckedSection& section : sections_) {
+    for (const CheckedEntry& entry : section.entries) CheckEntry(entry, mistakes);
+  }
+}
+
+void CheckedFile::CheckLayout(Mistakes& mistakes) const {
+  if (looksOld_) {
+    mistakes.Add(
+        At(1), "it has section names of an older version, which change on each load",
+        "give the sections their present names: the lines below are those after the change");
+  }
+  if (isCut_) {
+    mistakes.Add(At(1), "it has more lines than are checked",
+                 "the first " + std::to_string(kMaxCheckedLines) + " were");
+  }
+  for (const OddLine& odd : oddLines_) {
+    mistakes.Add(At(odd.line), Quoted(odd.text) + " " + odd.wrong, odd.meant);
+  }
+}
+
+void CheckedFile::CheckRepeated(Mistakes& mistakes) const {
+  std::map<std::string_view, std::size_t, LessNoCase> sections;
+  for (const CheckedSection& section : sections_) {
+    const auto [first, isNew] = sections.emplace(section.name, section.line);
+    if (!isNew) {
+      mistakes.Add(At(first->second), "section " + Quoted(section.name) + " stands once more",
+                   "only the last one counts, in line " + std::to_string(section.line));
+      first->second = section.line;
+    }
+    std::map<std::string_view, std::size_t, LessNoCase> entries;
+    for (const CheckedEntry& entry : section.entries) {
+      const auto [other, isFirst] = entries.emplace(entry.name, entry.line);
+      if (isFirst) continue;
+      mistakes.Add(At(other->second), "entry " + Quoted(entry.name) + " stands once more",
+                   "only the last one counts, in line " + std::to_string(entry.line));
+      other->second = entry.line;
+    }
+  }
+}
+
+void CheckedFile::CheckEntry(const CheckedEntry& entry, Mistakes& mistakes) const {
+  const std::string_view name = entry.name;
+  const std::string_view value = entry.value;
+  if (name.starts_with('#')) return;  // a comment that holds a '='
+  if (!name.empty() && (IsBlank(name.back()) || IsBlank(name.front()))) {
+    mistakes.Add(At(entry.line), "entry " + Quoted(name) + " is not found for its blanks",
+                 "no blank may stand beside the name");
+  }
+  if (!value.empty() && (IsBlank(value.front()) || value.back() == '\t')) {
+    mistakes.Add(At(entry.line),
+                 "the blank at the " + std::string(IsBlank(value.front()) ? "begin" : "end") +
+                     " belongs to the value of " + Quoted(name),
+                 "no blank may stand there");
+  }
+  if (othersRead_ && HoldsSecret(entry)) {
+    mistakes.Add(At(entry.line),
+                 "entry " + Quoted(name) + " looks like a secret, and others may read the file",
+                 "take their permission away (chmod go=), or keep the secret elsewhere");
+  }
+  CheckConditions(entry, mistakes);
+}
+
+bool CheckedFile::IsNamedCondition(std::string_view name) const {
+  return conditions_ != nullptr &&
+         std::ranges::any_of(
+             conditions_->entries | std::views::take(kMaxConditions),
+             [name](const CheckedEntry& entry) { return entry.value.starts_with(name); });
+}
+
+void CheckedFile::CheckTerm(const Place& place, std::string_view term, Mistakes& mistakes) const {
+  const bool isNumber = !term.empty() && term.front() >= '0' && term.front() <= '9';
+  if (isNumber || runtime::StartsWithNoCase(term, "mode:")) {
+    mistakes.Add(place, "condition " + Quoted(term) + " never holds here",
+                 "'*', the name of a program or a {name} is meant");
+  } else if (term.starts_with('{') && !IsNamedCondition(term)) {
+    mistakes.Add(place, "condition " + Quoted(term) + " is not defined and never holds",
+                 "section 'Condition' has to name it");
+  } else if (!term.empty() && (IsBlank(term.front()) || IsBlank(term.back()))) {
+    mistakes.Add(place, "condition " + Quoted(term) + " never holds for its blanks",
+                 "no blank may stand beside it");
+  }
+}
+
+void CheckedFile::CheckConditions(const CheckedEntry& entry, Mistakes& mistakes) const {
+  if (!config::IsConditional(entry.value)) return;
+  const Place place = At(entry.line);
+  std::string_view rest = entry.value;
+  for (std::size_t number = 0; number < kMaxConditions && rest.data() != nullptr; ++number) {
+    const config::Alternative alternative = config::TakeAlternative(rest);
+    if (!alternative.condition) {
+      if (rest.data() == nullptr) return;
+      mistakes.Add(place, "what stands behind " + Quoted(alternative.value) + " is never taken",
+                   "'||' separates alternatives with conditions and is no \"or\" of a shell");
+      return;
+    }
+    bool always = true;
+    std::string_view condition = *alternative.condition;
+    do {
+      const std::string_view term = config::TakeTerm(condition);
+      CheckTerm(place, term, mistakes);
+      always = always && (term.empty() || term == "*");
+    } while (condition.data() != nullptr);
+    if (always) return;
+  }
+  mistakes.Add(place, "where no condition holds the whole text counts, with its bars",
+               "a last alternative without a condition is meant");
+}
+
+}  // namespace qixx::watch

@@ -1,0 +1,19 @@
+// A watch command under check: the options in front of "config" or of a command.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "watch/check_report.h"
+#include "watch/options.h"
+
+namespace qixx::watch {
+
+/// What becomes of a watch command, and what in it was not taken as it was meant.
+[[nodiscard]] CWatchOptions CheckWatchCommand(const Place& place, std::string_view text,
+                                              Mistakes& mistakes);
+
+/// The options of a watcher in a few words, empty when there are none.
+[[nodiscard]] std::string DescribeOptions(const CWatchOptions& record);
+
+}  // namespace qixx::watch

@@ -1,0 +1,134 @@
+#include "watch/check_report.h"
+
+#include <algorithm>
+#include <numeric>
+#include <tuple>
+
+#include "runtime/secrets.h"
+#include "runtime/text.h"
+
+namespace qixx::watch {
+namespace {
+
+constexpr std::size_t kMaxShown = 160;
+/// Longer names are compared up to here.
+constexpr std::size_t kMaxCompared = 64;
+
+/// Of a byte in UTF-8: how many follow it; none for one that follows another or is invalid.
+std::size_t Followers(unsigned char lead) {
+  if (lead >= 0xF0 && lead <= 0xF4) return 3;
+  if (lead >= 0xE0) return lead <= 0xEF ? 2 : 0;
+  return lead >= 0xC2 ? 1 : 0;
+}
+
+bool IsWholeCharacter(std::string_view text, std::size_t followers) {
+  if (text.size() <= followers) return false;
+  return std::ranges::all_of(text.substr(1, followers), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
+  });
+}
+
+/// C1 control characters, and the marks that turn the direction of writing or break lines.
+bool IsHarmful(std::string_view character) {
+  const auto at = [character](std::size_t i) { return static_cast<unsigned char>(character[i]); };
+  if (character.size() == 2) {
+    return (at(0) == 0xC2 && at(1) < 0xA0) || (at(0) == 0xD8 && at(1) == 0x9C);
+  }
+  if (character.size() != 3 || at(0) != 0xE2) return false;
+  if (at(1) == 0x80) return (at(2) >= 0x8B && at(2) <= 0x8F) || (at(2) >= 0xA8 && at(2) <= 0xAE);
+  return at(1) == 0x81 && at(2) >= 0xA0 && at(2) <= 0xAF;
+}
+
+/// How many characters have to be changed, put in, left out, or swapped with their neighbour.
+std::size_t Distance(std::string_view a, std::string_view b) {
+  a = a.substr(0, kMaxCompared);
+  b = b.substr(0, kMaxCompared);
+  std::vector<std::vector<std::size_t>> rows(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+  std::iota(rows[0].begin(), rows[0].end(), std::size_t{0});
+  const auto same = [a, b](std::size_t i, std::size_t j) {
+    return runtime::FoldCase(a[i - 1]) == runtime::FoldCase(b[j - 1]);
+  };
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    rows[i][0] = i;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t changed = rows[i - 1][j - 1] + (same(i, j) ? 0 : 1);
+      rows[i][j] = std::min({rows[i - 1][j] + 1, rows[i][j - 1] + 1, changed});
+      const bool swapped = i > 1 && j > 1 && same(i - 1, j) && same(i, j - 1);
+      if (swapped) rows[i][j] = std::min(rows[i][j], rows[i - 2][j - 2] + 1);
+    }
+  }
+  return rows.back().back();
+}
+
+}  // namespace
+
+void Mistakes::Add(const Place& place, std::string_view wrong, std::string_view meant) {
+  ++count_;
+  if (told_.size() >= kMaxTold) return;
+  std::size_t file = 0;
+  while (file < files_.size() && files_[file] != place.file) ++file;
+  if (file == files_.size()) files_.push_back(place.file);
+  std::string text(wrong);
+  if (!meant.empty()) text.append("; ").append(meant);
+  told_.push_back({file, place.line, std::move(text)});
+}
+
+std::string Mistakes::Text() const {
+  std::vector<Mistake> sorted = told_;
+  const auto key = [](const Mistake& mistake) { return std::tie(mistake.file, mistake.line); };
+  std::ranges::stable_sort(sorted, {}, key);
+  std::string text;
+  std::string last;
+  for (const Mistake& mistake : sorted) {
+    std::string line = Shown(files_[mistake.file]);
+    line.append(1, ':').append(std::to_string(mistake.line)).append(": ").append(mistake.text);
+    if (line == last) continue;
+    last = line;
+    text.append(line).append(1, '\n');
+  }
+  if (count_ > told_.size()) {
+    text.append("And ").append(std::to_string(count_ - told_.size())).append(" more.\n");
+  }
+  return text;
+}
+
+std::string Shown(std::string_view text) {
+  const std::string masked = runtime::MaskSecrets(text.substr(0, 4 * kMaxShown));
+  std::string shown;
+  for (std::string_view left = masked; !left.empty();) {
+    if (shown.size() >= kMaxShown) return shown + "...";
+    const auto lead = static_cast<unsigned char>(left.front());
+    const std::size_t followers = Followers(lead);
+    const bool whole = lead < 0x80 || (followers != 0 && IsWholeCharacter(left, followers));
+    const std::string_view character = left.substr(0, whole ? followers + 1 : 1);
+    const bool isControl = lead < ' ' || lead == 0x7F;
+    shown.append(!whole || isControl || IsHarmful(character) ? "?" : character);
+    left.remove_prefix(character.size());
+  }
+  return shown;
+}
+
+std::string Quoted(std::string_view text) {
+  return "'" + Shown(text) + "'";
+}
+
+std::string_view NearestName(std::string_view name, std::span<const std::string_view> candidates) {
+  std::string_view nearest;
+  // A quarter of the name may differ; of a short one a single character.
+  std::size_t limit = std::max<std::size_t>(std::min(name.size(), kMaxCompared) / 4, 1) + 1;
+  for (const std::string_view candidate : candidates) {
+    const std::size_t distance = Distance(name, candidate);
+    if (distance >= limit) continue;
+    limit = distance;
+    nearest = candidate;
+  }
+  return nearest;
+}
+
+std::string MeantName(std::string_view name, std::span<const std::string_view> candidates,
+                      std::string_view otherwise) {
+  const std::string_view nearest = NearestName(name, candidates);
+  return nearest.empty() ? std::string(otherwise) : Quoted(nearest) + " is meant";
+}
+
+}  // namespace qixx::watch
