@@ -1,6 +1,7 @@
 #include "watch/card_reader.h"
 
 #include <algorithm>
+#include <atomic>
 
 #include "pkcs11/reader.h"
 #include "pkcs11/wrapper.h"
@@ -17,10 +18,11 @@ class Pkcs11CardReader final : public CardReader {
  public:
   void Initialise() override {
     const runtime::CriticalScope hold(&lock_);
-    Pkcs11().Initialize(nullptr);
+    InitialiseNow();
   }
   void Finalise() override {
     const runtime::CriticalScope hold(&lock_);
+    eventDescriptor_ = kNoDescriptor;
     Pkcs11().Finalize(nullptr);
   }
   bool IsInitialised() override {
@@ -29,22 +31,27 @@ class Pkcs11CardReader final : public CardReader {
   }
   bool InitialiseAgain() override {
     const runtime::CriticalScope hold(&lock_);
-    return Pkcs11().InitializeCount() == 0 && Pkcs11().Initialize(nullptr) == CKR_OK;
+    return Pkcs11().InitializeCount() == 0 && InitialiseNow();
   }
 
   /// The poll would search the disk for a missing library, so without one it is left out; that
   /// search is for InitialiseAgain.
-  std::optional<CK_SLOT_ID> TakeEvent() override {
+  PolledEvent TakeEvent() override {
     const runtime::CriticalScope hold(&lock_);
-    if (!IsLoaded()) return std::nullopt;
-    CK_SLOT_ID slot = kNoSlot;
-    const CK_RV result = Pkcs11().WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
-    // Somebody else in the process has finalised it: ours is over too.
-    const bool ended = result == CKR_CRYPTOKI_NOT_INITIALIZED && Pkcs11().InitializeCount() != 0;
-    if (ended) Pkcs11().Finalize(nullptr);
-    if (result != CKR_OK) return std::nullopt;
-    return slot;
+    if (!IsLoaded()) return {};
+    PolledEvent polled;
+    CK_RV result = Poll(polled);
+    if (result == CKR_CRYPTOKI_NOT_INITIALIZED && Pkcs11().InitializeCount() != 0) {
+      // Somebody else in the process has finalised it: ours is over too.
+      Forget();
+      if (InitialiseNow()) result = Poll(polled);
+      polled.initialisedAgain = result != CKR_CRYPTOKI_NOT_INITIALIZED;
+      if (!polled.initialisedAgain) Forget();
+    }
+    if (result != CKR_OK && result != CKR_NO_EVENT) polled.failure = result;
+    return polled;
   }
+  int EventDescriptor() override { return eventDescriptor_; }
   CK_SLOT_ID FindSlotWithToken() override {
     const runtime::CriticalScope hold(&lock_);
     return CHelperPkcs11::FindWatchSlot(true);
@@ -93,6 +100,21 @@ class Pkcs11CardReader final : public CardReader {
   }
 
  private:
+  bool InitialiseNow() {
+    if (Pkcs11().Initialize(nullptr) != CKR_OK) return false;
+    eventDescriptor_ = Pkcs11().EventDescriptor();
+    return true;
+  }
+  void Forget() {
+    eventDescriptor_ = kNoDescriptor;
+    while (Pkcs11().InitializeCount() != 0) Pkcs11().Finalize(nullptr);
+  }
+  static CK_RV Poll(PolledEvent& polled) {
+    CK_SLOT_ID slot = kNoSlot;
+    const CK_RV result = Pkcs11().WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
+    if (result == CKR_OK) polled.slot = slot;
+    return result;
+  }
   static bool IsLoaded() {
     CK_FUNCTION_LIST_PTR functions = nullptr;
     return Pkcs11().InitializeCount() != 0 ||
@@ -106,6 +128,7 @@ class Pkcs11CardReader final : public CardReader {
   }
 
   runtime::CCritical lock_;
+  std::atomic<int> eventDescriptor_{kNoDescriptor};
 };
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include "der/certificate.h"
 #include "pkcs11/cryptoki.h"
+#include "watch/clock.h"
 
 namespace qixx::watch {
 
@@ -23,6 +24,13 @@ inline constexpr CK_SLOT_ID kNoSlot = 0;
 inline constexpr std::size_t kMaxSlots = 256;
 /// A slot's description, with its padding and without terminator.
 using SlotDescription = std::array<char, sizeof(CK_SLOT_INFO::slotDescription)>;
+
+/// What a poll for slot events tells.
+struct PolledEvent {
+  std::optional<CK_SLOT_ID> slot = {};  ///< of a pending event
+  CK_RV failure = CKR_OK;               ///< what the library answered when it could not tell
+  bool initialisedAgain = false;  ///< it had been finalised by others; earlier events are lost
+};
 
 /// What the watch asks of card readers and the cards in them; a failed question has no answer.
 /// Tests hand in a reader of their own.
@@ -41,8 +49,12 @@ class CardReader {
 
   // --- slots -----------------------------------------------------------------------------------
 
-  /// The slot of a pending event, without waiting for one; an error counts as none.
-  virtual std::optional<CK_SLOT_ID> TakeEvent() = 0;
+  /// Polls for an event, without waiting for one. A library that is not initialised any more is
+  /// initialised, and polled once more.
+  virtual PolledEvent TakeEvent() = 0;
+  /// A descriptor that is readable when a poll would have something to tell, kNoDescriptor for
+  /// none. It is the library's, which may close it.
+  virtual int EventDescriptor() = 0;
   /// The first card reader with a token, kNoSlot when there is none.
   virtual CK_SLOT_ID FindSlotWithToken() = 0;
   virtual std::vector<CK_SLOT_ID> SlotsWithToken() = 0;

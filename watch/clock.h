@@ -5,16 +5,24 @@
 
 namespace qixx::watch {
 
+/// What ended a wait.
+enum class WakeUp { kTimePassed, kReadable, kStop };
+
+inline constexpr int kNoDescriptor = -1;
+
 /// What sleeps are made by. The program's is in watch/stop.h; a test hands in its own, in which no
 /// time passes.
 class Clock {
  public:
   virtual ~Clock() = default;
-  /// Sleeps up to that long. False when the process is to stop, which ends the sleep at once.
-  virtual bool Sleep(unsigned milliseconds) = 0;
+  /// Waits up to that long, for `descriptor` to be readable if there is one; a process that is to
+  /// stop ends the wait at once. A descriptor that is closed or broken ends no wait.
+  virtual WakeUp Wait(unsigned milliseconds, int descriptor) = 0;
 };
 
-/// Clock::Sleep; what a sleep throws is traced and counts as time that passed.
+/// Clock::Wait; what a wait throws is traced and counts as time that passed.
+WakeUp WatchWait(Clock& clock, unsigned milliseconds, int descriptor);
+/// The same without a descriptor. False when the process is to stop.
 bool WatchSleep(Clock& clock, unsigned milliseconds);
 
 /// A wait before an event is made in rounds of that many milliseconds, three to a second.

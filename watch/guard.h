@@ -7,8 +7,8 @@
 namespace qixx::watch {
 
 /// Runs one step of the watch: a round, the commands of an insert, one command of a removal, a
-/// command on a thread of its own. Memory that runs out in it is the failure of that step alone.
-/// Returns the step's answer, false when it was cut short.
+/// command on a thread of its own, each step of start and end. Memory that runs out in it is the
+/// failure of that step alone. Returns the step's answer, false when it was cut short.
 template <typename Step>
 bool RunGuarded(const Step& step) {
   try {
@@ -16,6 +16,12 @@ bool RunGuarded(const Step& step) {
   } catch (const std::bad_alloc&) {
     return false;
   }
+}
+
+/// The same for a step without an answer.
+template <typename Step>
+void RunStep(const Step& step) {
+  RunGuarded([&step] { return step(), true; });
 }
 
 /// Does something at the end of a scope, however that is left.

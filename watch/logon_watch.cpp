@@ -26,12 +26,15 @@ class LogonWatch {
   LogonWatch(CWatchOptions& record, const Platform& platform, std::string user)
       : record_(record), platform_(platform), card_(platform.card), user_(std::move(user)) {}
 
-  void Round(bool initialisedLate) {
+  static constexpr bool kWakesEarly = false;
+
+  bool Round(bool initialisedLate) {
     if (tracked_.slot != kNoSlot) {
       FollowSlot(initialisedLate);
     } else {
       SearchSlot(initialisedLate);
     }
+    return false;
   }
   [[nodiscard]] unsigned Pause() const {
     return tracked_.slot != kNoSlot ? kTrackedPause : kSearchPause;
@@ -42,9 +45,10 @@ class LogonWatch {
   void FollowSlot(bool initialisedLate) {
     if (initialisedLate && !HoldsCertificate()) return ForgetSlot();
     for (int taken = 0; taken < kMaxEventsPerRound; ++taken) {
-      const std::optional<CK_SLOT_ID> slot = card_.TakeEvent();
-      if (!slot) return;
-      if (*slot == tracked_.slot && !HoldsCertificate()) return ForgetSlot();
+      const PolledEvent polled = card_.TakeEvent();
+      const bool isToAsk = polled.initialisedAgain || polled.slot == tracked_.slot;
+      if (isToAsk && !HoldsCertificate()) return ForgetSlot();
+      if (!polled.slot) return;
     }
   }
   void ForgetSlot() {
@@ -58,8 +62,11 @@ class LogonWatch {
            card_.HoldsCertificate(tracked_.slot, tracked_.certificate);
   }
 
+  static bool HasNews(const PolledEvent& polled) { return polled.slot || polled.initialisedAgain; }
   void SearchSlot(bool initialisedLate) {
-    if (initialisedLate || slots_.empty() || card_.TakeEvent()) slots_ = card_.SlotsWithToken();
+    if (initialisedLate || slots_.empty() || HasNews(card_.TakeEvent())) {
+      slots_ = card_.SlotsWithToken();
+    }
     std::optional<LogonSlot> found = FindLogonSlot(card_, platform_.logonUser, user_, slots_);
     if (!found) return;
     if (found->slot != kNoSlot) {

@@ -19,13 +19,14 @@ int main(int argc, char** argv) {
   try {
     runtime::ContainTermination();
     if (const auto code = watch::AnswerPeople(argc, argv, QIXX_VERSION)) return *code;
+    result = EXIT_SUCCESS;  // also when memory runs out from here on
     watch::InstallStopHandlers();
     watch::StoppableClock clock;
     watch::PlatformLogonUser logonUser;
     const watch::Platform platform = {clock, watch::SystemCardReader(), logonUser};
     result = watch::WatchMain(0, 0, watch::JoinArguments(argc, argv), platform);
   } catch (...) {
-    // Only memory running out comes here; ending is all that is left.
+    // Memory ran out before the watch began.
   }
   // A command that still runs may be inside a library, whose static objects must not go under it.
   if (!watch::WaitForParallelJobs(0) || runtime::IsLoaderBroken()) ::_exit(result);

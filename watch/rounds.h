@@ -18,14 +18,46 @@ inline bool InitialiseLater(CardReader& card, std::uint64_t round) {
   return round != 0 && round % kInitialiseRounds == 0 && card.InitialiseAgain();
 }
 
+/// Decides which pauses may end early, by the library's descriptor. One that is readable though a
+/// poll has nothing to tell costs nothing: the pause behind such a poll is whole, and so are those
+/// behind it, until the descriptor is seen unreadable.
+class EarlyPolls {
+ public:
+  /// What the pause behind a poll waits for; `told`: the poll told of an event.
+  int DescriptorFor(bool told, Clock& clock, int descriptor) {
+    row_ = wasEarly_ ? row_ + 1 : 0;
+    if (wasEarly_ && !told) isFalse_ = true;
+    const bool isWhole = (wasEarly_ && !told) || row_ >= kMaxEarlyPolls;
+    if (isWhole || descriptor == kNoDescriptor) return kNoDescriptor;
+    if (isFalse_) isFalse_ = WatchWait(clock, 0, descriptor) == WakeUp::kReadable;
+    return isFalse_ ? kNoDescriptor : descriptor;
+  }
+  void Note(WakeUp wakeUp) { wasEarly_ = wakeUp == WakeUp::kReadable; }
+
+ private:
+  /// A library that tells of events without end does not keep the loop busy.
+  static constexpr unsigned kMaxEarlyPolls = 16;
+
+  bool wasEarly_ = false;
+  bool isFalse_ = false;
+  unsigned row_ = 0;  ///< early polls one after the other
+};
+
 /// Runs `watch.Round(initialisedLate)` for as many rounds as are asked for, or until the process is
-/// to stop; memory that runs out ends the one round. `watch.Pause()` follows the last round too.
+/// to stop; memory that runs out ends the one round. `watch.Pause()` follows the last round too;
+/// the library may end it early where the watch allows that.
 template <typename Watch>
 void RunRounds(Watch& watch, std::uint64_t limit, const Platform& platform) {
+  EarlyPolls early;
   for (std::uint64_t round = 0; round < limit && !StopRequested(); ++round) {
-    RunGuarded([&] { return watch.Round(InitialiseLater(platform.card, round)), true; });
+    const bool told =
+        RunGuarded([&] { return watch.Round(InitialiseLater(platform.card, round)); });
     runtime::ReapChildren();
-    if (!WatchSleep(platform.clock, watch.Pause())) return;
+    const int offered = Watch::kWakesEarly ? platform.card.EventDescriptor() : kNoDescriptor;
+    const int descriptor = early.DescriptorFor(told, platform.clock, offered);
+    const WakeUp wakeUp = WatchWait(platform.clock, watch.Pause(), descriptor);
+    if (wakeUp == WakeUp::kStop) return;
+    early.Note(wakeUp);
   }
 }
 

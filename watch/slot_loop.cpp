@@ -1,7 +1,9 @@
 #include "watch/slot_loop.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "pkcs11/reader.h"
 #include "runtime/process.h"
@@ -20,6 +22,9 @@ namespace {
 constexpr unsigned kIdlePause = 333;
 constexpr unsigned kConnectedPause = 666;
 
+/// So many polls in a row may fail before the connected slot is asked itself.
+constexpr std::uint64_t kFailuresPerQuestion = 3;
+
 constexpr std::string_view kLogonSection = "Logon";
 
 // --- the slot loop ------------------------------------------------------------------------------
@@ -29,8 +34,12 @@ class SlotWatch {
   SlotWatch(CWatchOptions& record, const Platform& platform)
       : record_(record), platform_(platform), card_(platform.card) {}
 
-  void Round(bool initialisedLate) {
-    const std::optional<CK_SLOT_ID> slot = NextEvent(initialisedLate);
+  static constexpr bool kWakesEarly = true;
+
+  /// True when the poll told of an event, whatever came of it.
+  bool Round(bool initialisedLate) {
+    const PolledEvent polled = card_.TakeEvent();
+    const std::optional<CK_SLOT_ID> slot = EventSlot(polled, initialisedLate);
     firstRound_ = false;
     if (slot && pkcs11::CHelperPkcs11::NormalizeSlotId(*slot) == *slot) {
       runtime::TraceWrite("Watch - Event");
@@ -41,6 +50,7 @@ class SlotWatch {
       }
     }
     CheckProgram();
+    return polled.slot.has_value();
   }
   [[nodiscard]] unsigned Pause() const {
     return connected_ != kNoSlot ? kConnectedPause : kIdlePause;
@@ -49,12 +59,20 @@ class SlotWatch {
  private:
   /// The first round always has an event: that of a card that is there already, or of none, so that
   /// the remove commands bring the desktop into its state without a card.
-  std::optional<CK_SLOT_ID> NextEvent(bool initialisedLate) {
-    catchUp_ = catchUp_ || initialisedLate;
-    const std::optional<CK_SLOT_ID> slot = card_.TakeEvent();
-    if (slot) return slot;
+  std::optional<CK_SLOT_ID> EventSlot(const PolledEvent& polled, bool initialisedLate) {
+    catchUp_ = catchUp_ || initialisedLate || polled.initialisedAgain;
+    const bool isLost = FollowFailures(polled.failure);
+    if (polled.slot) return polled.slot;
     if (firstRound_) return card_.FindSlotWithToken();
+    if (isLost && connected_ != kNoSlot && !card_.ShowsToken(connected_)) return connected_;
     return catchUp_ ? MissedSlot() : std::nullopt;
+  }
+  /// True when a removal may have been lost with polls that failed, so that the connected slot is
+  /// to be asked itself: now and then while they fail, and when that is over.
+  bool FollowFailures(CK_RV failure) {
+    if (failure == CKR_OK) return std::exchange(failures_, 0) != 0;
+    if (++failures_ == 1) runtime::TraceWrite("Watch - Poll failed 0x%.8lX", failure);
+    return failures_ % kFailuresPerQuestion == 0;
   }
   /// A library that came up late reports nothing from before: neither that the connected card has
   /// gone, which comes first, nor that a card is there.
@@ -103,6 +121,7 @@ class SlotWatch {
   CardReader& card_;
   CK_SLOT_ID connected_ = kNoSlot;
   bool firstRound_ = true;
+  std::uint64_t failures_ = 0;  ///< polls in a row that failed
   bool catchUp_ = false;  ///< what a library that came up late missed is still to be looked for
 };
 
@@ -117,27 +136,33 @@ void HideBackground(const std::string& arguments) {
   if (!arguments.empty()) StartBackground(arguments + " -hide");
 }
 
+/// Memory that runs out in one step keeps none of the others from being taken.
 void RunWithLibrary(CWatchOptions& record, const Platform& platform) {
-  StartBackground(record.background);
   const std::string& section = record.section;
-  runtime::TraceWrite("Watch - Started '%s'", runtime::MaskedText(section).Text());
-  platform.card.Initialise();
-  runtime::TraceWrite("Watch - Running '%s'", runtime::MaskedText(section).Text());
-  if (runtime::EqualsNoCase(section, kLogonSection)) {
-    WatchLogonSlot(record, platform);
-  } else {
-    WatchSlots(record, platform);
-  }
-  runtime::TraceWrite("Watch - Stopping '%s'", runtime::MaskedText(section).Text());
-  platform.card.Finalise();
-  HideBackground(record.background);
+  RunStep([&] { StartBackground(record.background); });
+  RunStep(
+      [&] { runtime::TraceWrite("Watch - Started '%s'", runtime::MaskedText(section).Text()); });
+  RunStep([&] { platform.card.Initialise(); });
+  RunStep(
+      [&] { runtime::TraceWrite("Watch - Running '%s'", runtime::MaskedText(section).Text()); });
+  RunStep([&] {
+    if (runtime::EqualsNoCase(section, kLogonSection)) {
+      WatchLogonSlot(record, platform);
+    } else {
+      WatchSlots(record, platform);
+    }
+  });
+  RunStep(
+      [&] { runtime::TraceWrite("Watch - Stopping '%s'", runtime::MaskedText(section).Text()); });
+  RunStep([&] { platform.card.Finalise(); });
+  RunStep([&] { HideBackground(record.background); });
 }
 
 }  // namespace
 
 void RunWatch(CWatchOptions& record, const Platform& platform) {
   runtime::TraceWrite("Watch - Starting");
-  if (HasEventCommands(record)) {
+  if (RunGuarded([&record] { return HasEventCommands(record); })) {
     RunWithLibrary(record, platform);
   } else {
     runtime::TraceWrite("Watch - No event commands available");

@@ -2,10 +2,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -25,10 +26,35 @@ using std::chrono::milliseconds;
 constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
 std::atomic<bool> stopRequested{false};
-/// Made readable once and never read, so that it ends every sleep from then on.
-std::atomic<int> wakeDescriptor{-1};
+
+/// A pipe whose reading end is readable from the first stop signal on, for good.
+struct WakePipe {
+  std::atomic<int> reading{kNoDescriptor};
+  std::atomic<int> writing{kNoDescriptor};
+  dev_t device = 0;
+  ino_t number = 0;
+};
+constinit WakePipe wakePipe;
+
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
               "the handler must not wait for a lock");
+
+bool IsWakePipe(int descriptor) {
+  struct stat found = {};
+  return ::fstat(descriptor, &found) == 0 && found.st_dev == wakePipe.device &&
+         found.st_ino == wakePipe.number;
+}
+
+void OpenWakePipe() {
+  int ends[2];
+  struct stat made = {};
+  if (wakePipe.reading != kNoDescriptor || ::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
+  if (::fstat(ends[1], &made) != 0) return;
+  wakePipe.device = made.st_dev;
+  wakePipe.number = made.st_ino;
+  wakePipe.reading = ends[0];
+  wakePipe.writing = ends[1];
+}
 
 void SetAction(int signal, void (*handler)(int)) {
   struct sigaction action = {};
@@ -50,9 +76,10 @@ void NoteStop(int /*signal*/) {
     if (!IsIgnored(other)) SetAction(other, SIG_DFL);
   }
   stopRequested = true;
-  const std::uint64_t one = 1;
-  // A write that fails leaves the stop noted; it is then seen at the next look.
-  [[maybe_unused]] const ssize_t written = ::write(wakeDescriptor, &one, sizeof one);
+  // Without a write the stop is noted, and seen at the next look.
+  if (IsWakePipe(wakePipe.writing)) {
+    [[maybe_unused]] const ssize_t written = ::write(wakePipe.writing, "", 1);
+  }
   errno = callerError;
 }
 
@@ -79,26 +106,48 @@ void PauseFor(milliseconds time) {
   ::nanosleep(&pause, nullptr);
 }
 
-bool SleepUnlessStopped(milliseconds time) {
-  const SteadyClock::time_point end = SteadyClock::now() + time;
-  pollfd wake = {wakeDescriptor, POLLIN, 0};
-  while (!stopRequested) {
-    const auto left = std::chrono::ceil<milliseconds>(end - SteadyClock::now());
-    if (left.count() <= 0) return true;
-    const auto timeout = static_cast<int>(std::min<std::int64_t>(left.count(), INT_MAX));
-    const int woken = ::poll(&wake, 1, timeout);
-    const bool interrupted = woken == -1 && errno == EINTR;
-    // A descriptor that something else in the process closed must not make this a busy loop.
-    if (woken != 0 && !interrupted && !stopRequested) PauseFor(left);
+/// A descriptor that something else closed, or opened anew, must not make a wait a busy loop. So
+/// whatever is no plain news is not waited for any longer.
+class Waited {
+ public:
+  Waited(int wake, int event) : entries_{{{wake, POLLIN, 0}, {event, POLLIN, 0}}} {}
+
+  /// False when the system could not even wait.
+  bool Poll(int timeout) {
+    const int woken = ::poll(entries_.data(), entries_.size(), timeout);
+    if (woken < 0) return errno == EINTR;
+    if (woken == 0) return true;
+    if (entries_[0].revents != 0) entries_[0].fd = kNoDescriptor;
+    isReadable_ = entries_[1].revents == POLLIN;
+    if (entries_[1].revents != 0) entries_[1].fd = kNoDescriptor;
+    return true;
   }
-  return false;
+  [[nodiscard]] bool IsReadable() const { return isReadable_; }
+
+ private:
+  std::array<pollfd, 2> entries_;
+  bool isReadable_ = false;
+};
+
+WakeUp WaitUnlessStopped(milliseconds time, int descriptor) {
+  const SteadyClock::time_point end = SteadyClock::now() + time;
+  Waited waited(wakePipe.reading, descriptor);
+  auto left = time;
+  while (!stopRequested) {
+    const auto timeout = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, INT_MAX));
+    if (!waited.Poll(timeout)) PauseFor(left);
+    if (waited.IsReadable() && !stopRequested) return WakeUp::kReadable;
+    left = std::chrono::ceil<milliseconds>(end - SteadyClock::now());
+    if (left.count() <= 0) break;
+  }
+  return stopRequested ? WakeUp::kStop : WakeUp::kTimePassed;
 }
 
 }  // namespace
 
 void InstallStopHandlers() {
   FillStandardDescriptors();
-  if (wakeDescriptor == -1) wakeDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  OpenWakePipe();
   SetAction(SIGPIPE, SIG_IGN);
   // A file at its size limit is then a failed write, which is handled, and not the end.
   SetAction(SIGXFSZ, SIG_IGN);
@@ -114,17 +163,21 @@ bool StopRequested() {
   return stopRequested;
 }
 
-bool StoppableClock::Sleep(unsigned time) {
-  return SleepUnlessStopped(milliseconds(time));
+WakeUp StoppableClock::Wait(unsigned time, int descriptor) {
+  return WaitUnlessStopped(milliseconds(time), descriptor);
+}
+
+WakeUp WatchWait(Clock& clock, unsigned time, int descriptor) {
+  try {
+    return clock.Wait(time, descriptor);
+  } catch (...) {
+    runtime::TraceWrite("Watch - Sleep exception");
+    return StopRequested() ? WakeUp::kStop : WakeUp::kTimePassed;
+  }
 }
 
 bool WatchSleep(Clock& clock, unsigned time) {
-  try {
-    return clock.Sleep(time);
-  } catch (...) {
-    runtime::TraceWrite("Watch - Sleep exception");
-    return !StopRequested();
-  }
+  return WatchWait(clock, time, kNoDescriptor) != WakeUp::kStop;
 }
 
 }  // namespace qixx::watch

@@ -1,7 +1,9 @@
 // The request to stop (SIGTERM, SIGINT or SIGHUP) and the sleep that it ends.
 //
-// The handler notes the signal and wakes the one descriptor that sleeps wait on, so that a signal
-// delivered to any thread ends them. A second signal acts by default.
+// The handler notes the signal and writes into the pipe that sleeps wait on, so that a signal
+// delivered to any thread ends them. A second signal acts by default. A library that closes the
+// pipe's ends loses nothing but that wake-up: what is opened in their place is not written to, and
+// the stop is seen when the sleep has passed.
 #pragma once
 
 #include "watch/clock.h"
@@ -16,7 +18,7 @@ void InstallStopHandlers();
 /// The system's time, until the process is asked to stop. May be used from any thread.
 class StoppableClock final : public Clock {
  public:
-  bool Sleep(unsigned milliseconds) override;
+  WakeUp Wait(unsigned milliseconds, int descriptor) override;
 };
 
 }  // namespace qixx::watch

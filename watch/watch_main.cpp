@@ -10,6 +10,7 @@
 #include "runtime/trace.h"
 #include "watch/configuration.h"
 #include "watch/extra_watchers.h"
+#include "watch/guard.h"
 #include "watch/options.h"
 #include "watch/parallel.h"
 #include "watch/settings.h"
@@ -91,23 +92,12 @@ void RunCommands(std::string_view command, std::string_view line, const std::str
     SimulateEvent(record, platform);
     return;
   }
-  if (!extraList.empty()) StartExtraWatchers(extraList, ownPath);
+  if (!extraList.empty()) RunStep([&] { StartExtraWatchers(extraList, ownPath); });
   RunWatch(record, platform);
   LeaveExtraWatchers();
 }
 
-}  // namespace
-
-std::string JoinArguments(int argc, const char* const* argv) {
-  std::string line;
-  for (int i = 1; i < argc && argv[i] != nullptr; ++i) line.append(argv[i]).append(" ");
-  return line.substr(0, kMaxCommandLine);
-}
-
-int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
-              const Platform& platform) {
-  config::CConfig config;
-  SetServiceHandle(serviceHandle);
+void RunLine(config::CConfig& config, std::string_view line, const Platform& platform) {
   const std::string ownPath = runtime::GetCallingApplication();
   PrepareProcess();
 
@@ -128,6 +118,21 @@ int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
   } else {
     runtime::TraceWrite("Watch - Failed to parse config");
   }
+}
+
+}  // namespace
+
+std::string JoinArguments(int argc, const char* const* argv) {
+  std::string line;
+  for (int i = 1; i < argc && argv[i] != nullptr; ++i) line.append(argv[i]).append(" ");
+  return line.substr(0, kMaxCommandLine);
+}
+
+int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
+              const Platform& platform) {
+  config::CConfig config;
+  SetServiceHandle(serviceHandle);
+  RunStep([&] { RunLine(config, line, platform); });
   WaitForParallelJobs(kParallelJobWait);
   return 0;
 }

@@ -19,7 +19,8 @@ inline constexpr std::size_t kMaxCommandLine = runtime::kMaxLine;
 [[nodiscard]] std::string JoinArguments(int argc, const char* const* argv);
 
 /// The whole life of the process; the stop handlers are installed before it. Lines are cut to
-/// kMaxCommandLine. Returns 0.
+/// kMaxCommandLine. Returns 0, also when memory runs out: then what it runs out in is left out, and
+/// the end is as orderly as every other.
 int WatchMain(int instance, int serviceHandle, std::string_view line, const Platform& platform);
 
 /// The program-local configuration file: the program's path with another ending. Nothing for a path

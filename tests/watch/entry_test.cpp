@@ -1,4 +1,5 @@
 // The process from its command line to its end: options, the watch command, the request to stop.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -152,10 +153,10 @@ TEST(Trace, SettingsChooseTheTargetAndCallModeLetsOneLinePass) {
   ::raise(SIGHUP);
   watch::StoppableClock clock;
   std::thread sleeper([&clock] {
-    if (clock.Sleep(600'000)) ::_exit(2);
+    if (watch::WatchSleep(clock, 600'000)) ::_exit(2);
   });
   // Long enough for the other thread to fall asleep; were it not, the test would only prove less.
-  if (!clock.Sleep(100)) ::_exit(1);
+  if (!watch::WatchSleep(clock, 100)) ::_exit(1);
   ::raise(SIGTERM);
   sleeper.join();
   ::raise(SIGINT);
@@ -164,6 +165,46 @@ TEST(Trace, SettingsChooseTheTargetAndCallModeLetsOneLinePass) {
 
 TEST(Stop, FirstSignalEndsASleepOnAnotherThreadAndTheSecondTheProcess) {
   EXPECT_EXIT(TakeSignals(), ::testing::KilledBySignal(SIGINT), "");
+}
+
+/// Every number below a thousand is one of `file` by then, those of the pipe too.
+[[noreturn]] void StopWhileDescriptorsAreOthers(const std::string& file) {
+  watch::InstallStopHandlers();
+  for (int descriptor = 3; descriptor < 1000; ++descriptor) ::close(descriptor);
+  while (::open(file.c_str(), O_RDWR | O_CLOEXEC) < 999) continue;
+  watch::StoppableClock clock;
+  if (!watch::WatchSleep(clock, 1)) ::_exit(1);
+  ::raise(SIGTERM);
+  ::_exit(watch::StopRequested() && !watch::WatchSleep(clock, 600'000) ? 0 : 2);
+}
+
+TEST(Stop, WritesIntoNoFileThatTookThePlaceOfItsDescriptor) {
+  const TemporaryFolder folder;
+  const std::string file = folder.Write("file", "text");
+  EXPECT_EXIT(StopWhileDescriptorsAreOthers(file), ::testing::ExitedWithCode(0), "");
+  EXPECT_EQ(folder.Read("file"), "text");
+}
+
+TEST(Clock, EndsAWaitByNewsOnly) {
+  watch::StoppableClock clock;
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  EXPECT_EQ(clock.Wait(10, ends[0]), watch::WakeUp::kTimePassed);
+  EXPECT_EQ(::write(ends[1], "", 1), 1);
+  EXPECT_EQ(clock.Wait(600'000, ends[0]), watch::WakeUp::kReadable);
+  ::close(ends[1]);
+  const auto spent = [] {
+    timespec time = {};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return time.tv_sec * 1000 + time.tv_nsec / 1'000'000;
+  };
+  const auto before = spent();
+  const int hungUp = ends[0];
+  for (const int broken : {hungUp, ends[1], INT_MAX, INT_MIN, -2}) {
+    EXPECT_EQ(clock.Wait(300, broken), watch::WakeUp::kTimePassed) << broken;
+  }
+  EXPECT_LT(spent() - before, 300) << "of 1500 ms";
+  ::close(hungUp);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "runtime/process.h"
 #include "runtime/product.h"
 #include "tests/support/environment.h"
+#include "tests/support/fake_card.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
@@ -181,6 +182,17 @@ TEST(TerminateList, RemovalEndsWhatTheInsertStartedForItsSlot) {
   EXPECT_FALSE(watch::IsSlotProcessRunning(1));
 }
 
+/// What the trace tells about slots.
+std::string Slots(const TraceCapture& trace) {
+  std::string told;
+  for (const std::string& line : trace.Lines()) {
+    EXPECT_EQ(line.find("4711"), line.npos) << line;
+    const bool counts = line.find("onnected") != line.npos || line.find("Logon s") != line.npos;
+    if (counts) told += line.substr(std::string_view("Watch - ").size()) + ";";
+  }
+  return told;
+}
+
 /// What a run of one round for each poll tells about slots.
 std::string Watch(Scripted&& machine, const char* section, bool sync, std::uint64_t rounds) {
   const TraceCapture trace;
@@ -189,13 +201,7 @@ std::string Watch(Scripted&& machine, const char* section, bool sync, std::uint6
   record.sync = sync;
   record.roundLimit = rounds;
   watch::RunWatch(record, machine.platform);
-  std::string told;
-  for (const std::string& line : trace.Lines()) {
-    EXPECT_EQ(line.find("4711"), line.npos) << line;
-    const bool counts = line.find("onnected") != line.npos || line.find("Logon s") != line.npos;
-    if (counts) told += line.substr(std::string_view("Watch - ").size()) + ";";
-  }
-  return told;
+  return Slots(trace);
 }
 std::string Watch(const char* section, bool sync, const std::vector<Poll>& polls) {
   return Watch(Scripted(polls), section, sync, polls.size());
@@ -245,6 +251,106 @@ TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
       machine.reader.tokens = {{4}};
     };
     EXPECT_EQ(Watch(std::move(machine), "Watch", true, rounds), told);
+  }
+}
+
+TEST(SlotLoop, FinalisedLibraryIsInitialisedAndPolledOnceMore) {
+  // A card is in slot 1; the library tells of it neither before nor after.
+  static int refusals;
+  for (const bool comesUp : {true, false}) {
+    FakeCard card;
+    if (comesUp) card.slots = {{.id = 1}};
+    refusals = comesUp ? 1 : 99;
+    card.List().C_WaitForSlotEvent = [](auto...) -> CK_RV {
+      return refusals-- > 0 ? CKR_CRYPTOKI_NOT_INITIALIZED : CKR_NO_EVENT;
+    };
+    const FakeModule module(QIXX_FAKE_PLAIN, CKR_OK, &card.List());
+    EXPECT_TRUE(pkcs11::Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
+    ScriptedClock clock;
+    ScriptedUser user;
+    const watch::Platform platform = {clock, watch::SystemCardReader(), user};
+    const TraceCapture trace;
+    watch::CWatchOptions record = Record("kill nothing");
+    record.roundLimit = 1;
+    watch::RunWatch(record, platform);
+    EXPECT_EQ(Slots(trace), comesUp ? "Connected slot 1;" : "Disconnected slot 0;");
+    EXPECT_EQ(trace.Count("WrapperPkcs11 - Initialize count 1 at initialize"), 2U);
+    EXPECT_EQ(trace.Count("Watch - Poll failed 0x00000190"), comesUp ? 0U : 1U);
+    pkcs11::Pkcs11().Release();
+  }
+}
+
+TEST(SlotLoop, PollsThatFailLoseNoRemoval) {
+  struct Row {
+    std::size_t gone;   ///< the poll in front of which the card goes
+    std::size_t heals;  ///< the first poll that works again; all from the second on fail
+    std::size_t seen;   ///< the poll that finds the card gone
+  };
+  for (const Row row : {Row{2, 99, 4}, {4, 99, 4}, {5, 99, 7}, {7, 99, 7}, {2, 3, 3}}) {
+    Scripted machine(std::vector<Poll>{{1, {{1}}}});
+    ScriptedReader& reader = machine.reader;
+    reader.inPoll = [&reader, row](watch::PolledEvent& polled) {
+      if (reader.taken >= row.gone) reader.tokens.clear();
+      if (reader.taken > 1 && reader.taken < row.heals) polled.failure = CKR_GENERAL_ERROR;
+    };
+    std::size_t seen = 0;
+    machine.clock.inSleep = [&] {
+      if (seen == 0 && machine.clock.slept.back() == 333) seen = reader.taken;
+    };
+    const TraceCapture trace;
+    watch::CWatchOptions record = Record("kill nothing");
+    record.roundLimit = 9;
+    watch::WatchSlots(record, machine.platform);
+    EXPECT_EQ(seen, row.seen) << row.gone << " " << row.heals;
+    EXPECT_EQ(trace.Count("Watch - Disconnected slot 1"), 1U);
+    EXPECT_EQ(trace.Count("Watch - Poll failed 0x00000005"), 1U);
+  }
+}
+
+TEST(SlotLoop, DescriptorOfTheLibraryEndsPausesEarly) {
+  Scripted machine(std::vector<Poll>{{0, {}}, {1, {{1}}}, {0, {{1}}}});
+  machine.reader.descriptor = 3;
+  machine.clock.inSleep = [&machine] { machine.clock.readable = machine.reader.taken < 3; };
+  watch::CWatchOptions record = Record("kill nothing");
+  record.roundLimit = 4;
+  watch::WatchSlots(record, machine.platform);
+  EXPECT_EQ(machine.clock.endedEarly, 2U);
+  EXPECT_EQ(machine.clock.slept, (std::vector<unsigned>{333, 666, 666, 666}));
+}
+
+TEST(SlotLoop, DescriptorThatStaysReadableCostsNothing) {
+  constexpr std::size_t kRounds = 340;
+  struct Row {
+    std::function<void(Scripted&)> script;
+    std::size_t early;
+    const char* why;
+  };
+  const Row rows[] = {
+      {[](Scripted&) {}, 1, "nothing to tell"},
+      {[](Scripted& machine) {
+         machine.reader.inPoll = [](auto& polled) { polled.failure = CKR_DEVICE_ERROR; };
+       },
+       1, "no poll works"},
+      {[](Scripted& machine) { machine.reader.inPoll = [](auto& polled) { polled.slot = 4; }; },
+       kRounds / 17 * 16, "events without end: one pause in 17 is whole"},
+      {[](Scripted& machine) {
+         machine.clock.inSleep = [&machine] {
+           machine.clock.readable = machine.clock.slept.size() % 20 != 0;
+         };
+       },
+       kRounds / 20, "it is trusted again once it was not readable"},
+  };
+  for (const auto& [script, early, why] : rows) {
+    Scripted machine;
+    machine.reader.descriptor = 3;
+    machine.clock.readable = true;
+    script(machine);
+    watch::CWatchOptions record = Record("kill nothing");
+    record.sync = true;
+    record.roundLimit = kRounds;
+    watch::WatchSlots(record, machine.platform);
+    EXPECT_EQ(machine.clock.slept.size(), kRounds);
+    EXPECT_EQ(machine.clock.endedEarly, early) << why;
   }
 }
 

@@ -37,12 +37,17 @@ class ScriptedReader final : public watch::CardReader {
     initialised = initialised || comesUp;
     return works;
   }
-  std::optional<CK_SLOT_ID> TakeEvent() override {
-    if (polled == polls_.size()) return std::nullopt;
+  watch::PolledEvent TakeEvent() override {
+    ++taken;
+    watch::PolledEvent told;
+    if (inPoll) inPoll(told);
+    if (polled == polls_.size() || told.failure != CKR_OK) return told;
     tokens = polls_[polled].tokens;
     const CK_SLOT_ID event = polls_[polled++].event;
-    return event == watch::kNoSlot ? std::nullopt : std::optional(event);
+    if (event != watch::kNoSlot) told.slot = event;
+    return told;
   }
+  int EventDescriptor() override { return descriptor; }
   CK_SLOT_ID FindSlotWithToken() override {
     return initialised && !tokens.empty() ? tokens.front().slot : watch::kNoSlot;
   }
@@ -88,7 +93,10 @@ class ScriptedReader final : public watch::CardReader {
   bool readable = true;
   std::optional<std::string> activeLogon;
   std::vector<Token> tokens;
-  std::size_t polled = 0;
+  std::size_t polled = 0;  ///< as the script says
+  std::size_t taken = 0;   ///< polls in all
+  int descriptor = watch::kNoDescriptor;
+  std::function<void(watch::PolledEvent&)> inPoll;  ///< may make the poll fail
 
  private:
   Token* Find(CK_SLOT_ID slot) {
@@ -98,17 +106,25 @@ class ScriptedReader final : public watch::CardReader {
   std::vector<Poll> polls_;
 };
 
-/// Sleeps take no time; what a test does in one happens at its start.
+/// Sleeps take no time; what a test does in one happens at its start. A descriptor is readable when
+/// the test says so.
 class ScriptedClock final : public watch::Clock {
  public:
-  bool Sleep(unsigned milliseconds) override {
-    slept.push_back(milliseconds);
-    if (inSleep) inSleep();
-    return !stop;
+  watch::WakeUp Wait(unsigned milliseconds, int descriptor) override {
+    if (milliseconds != 0) {
+      slept.push_back(milliseconds);
+      if (inSleep) inSleep();
+    }
+    if (stop) return watch::WakeUp::kStop;
+    if (descriptor == watch::kNoDescriptor || !readable) return watch::WakeUp::kTimePassed;
+    if (milliseconds != 0) ++endedEarly;
+    return watch::WakeUp::kReadable;
   }
   std::vector<unsigned> slept;
+  std::size_t endedEarly = 0;
   std::function<void()> inSleep;
   bool stop = false;
+  bool readable = false;
 };
 
 /// Somebody who is logged on or not, with what is recorded for them.

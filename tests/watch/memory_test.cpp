@@ -1,0 +1,73 @@
+// Memory that runs out anywhere in the life of the process: it ends in order all the same.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "runtime/spare_trace.h"
+#include "tests/support/environment.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/watch/scripted.h"
+#include "watch/watch_main.h"
+
+namespace {
+/// How many allocations succeed before one fails; negative for all.
+int allocationsLeft = -1;
+}  // namespace
+
+// Not inlined, because a compiler that sees new beside free takes them for a mistake.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
+  void* const memory = std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  std::free(memory);
+}
+
+namespace qixx::testing {
+namespace {
+
+int started;
+int stopped;
+
+/// Without an allocation of its own.
+void CountLine(const char* line, std::size_t /*length*/) {
+  started += std::strncmp(line, "Watch - Starting", 16) == 0 ? 1 : 0;
+  stopped += std::strncmp(line, "Watch - Stopped", 15) == 0 ? 1 : 0;
+}
+
+TEST(WatchMemory, EndsInOrderWhereverItRunsOut) {
+  const TemporaryFolder folder;
+  const std::string path = folder.Write(
+      "system.conf", "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=close x\n");
+  const ScopedVariable global("qixconfigglobal", path.c_str());
+  runtime::TraceSetCallback(&CountLine);
+  int failedBehindStart = 0;
+  bool hasFailed = true;
+  for (int count = 0; hasFailed; ++count) {
+    Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+    machine.reader.initialised = false;
+    machine.clock.inSleep = [&machine] { machine.clock.stop = machine.clock.slept.size() == 2; };
+    started = stopped = 0;
+    allocationsLeft = count;
+    const int result = watch::WatchMain(0, 0, "", machine.platform);
+    hasFailed = allocationsLeft < 0;
+    allocationsLeft = -1;
+    ASSERT_EQ(result, 0) << count;
+    ASSERT_EQ(started, stopped) << count;
+    ASSERT_FALSE(machine.reader.initialised) << count;
+    if (hasFailed) failedBehindStart += started;
+  }
+  EXPECT_EQ(started, 1);
+  EXPECT_GT(failedBehindStart, 20);
+  runtime::TraceSetCallback(nullptr);
+}
+
+}  // namespace
+}  // namespace qixx::testing
