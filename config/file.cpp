@@ -2,14 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
 
 #include "config/format.h"
 #include "config/migration.h"
+#include "runtime/replace_file.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
@@ -27,37 +26,6 @@ bool HasEncodedName(std::string_view path) {
 std::time_t ModificationTime(const std::string& path) {
   struct stat info {};
   return ::stat(path.c_str(), &info) == 0 ? info.st_mtime : 0;
-}
-
-bool WriteAt(const runtime::Descriptor& file, std::string_view text, std::size_t position) {
-  while (!text.empty()) {
-    const ssize_t put =
-        ::pwrite(file.Get(), text.data(), text.size(), static_cast<off_t>(position));
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    text.remove_prefix(static_cast<std::size_t>(put));
-    position += static_cast<std::size_t>(put);
-  }
-  return true;
-}
-
-bool CutFile(const runtime::Descriptor& file, std::size_t length) {
-  return ::ftruncate(file.Get(), static_cast<off_t>(length)) == 0;
-}
-
-/// Makes `text` the content of the file. What goes behind the old end is written first: when the
-/// disk is full the file is cut back and still holds all that it held. A network file system tells
-/// of a full disk no sooner than when it is made to write.
-bool ReplaceContent(const runtime::Descriptor& file, std::string_view text) {
-  struct stat info {};
-  if (::fstat(file.Get(), &info) != 0) return false;
-  const std::size_t oldSize = std::min(static_cast<std::size_t>(info.st_size), text.size());
-  const std::string_view added = text.substr(oldSize);
-  if (!WriteAt(file, added, oldSize) || (!added.empty() && ::fsync(file.Get()) != 0)) {
-    (void)CutFile(file, oldSize);
-    return false;
-  }
-  return WriteAt(file, text.substr(0, oldSize), 0) && CutFile(file, text.size());
 }
 
 std::size_t WholeSteps(std::size_t bytes) {
@@ -88,21 +56,8 @@ ConfigResult CConfigFile::LoadText(std::string_view data) {
 }
 
 ConfigResult CConfigFile::Open(bool writable, const std::string& path, bool quiet) {
-  CConfigFile::Close(true);
-  path_ = path.size() <= runtime::kMaxText ? path : std::string();
-  fileTime_ = ModificationTime(path_);
-  if (!quiet) runtime::TraceWrite("Config - Open '%s' (%s)", path.c_str(), writable ? "w" : "r");
-
-  encoded_ = HasEncodedName(path);
-  hasText_ = true;
-  capacity_ = kGrowthStep;
-  if (!OpenFile(writable, path) || !ReadText() ||
-      (!text_.empty() && Normalise() != ConfigResult::kOk)) {
-    file_.Close();
-    text_.clear();
-    modified_ = false;
-    runtime::TraceWrite("Config - Failed to open");
-  }
+  Begin(writable, path, quiet);
+  if (!OpenFile(writable, path) || !TakeText(runtime::ReadToEnd(file_, kMaxConfigSize))) GiveUp();
   // Not sooner: when memory runs out on the way, nothing of what was read so far is written back.
   writable_ = writable;
   if (!writable) {
@@ -111,6 +66,38 @@ ConfigResult CConfigFile::Open(bool writable, const std::string& path, bool quie
     CConfigFile::Close(false);
   }
   return ConfigResult::kOk;
+}
+
+ConfigResult CConfigFile::OpenText(const std::string& path, std::string text) {
+  Begin(true, path, false);
+  if (!encoded_ && TakeText(std::move(text))) return ConfigResult::kOk;
+  GiveUp();
+  return ConfigResult::kFailed;
+}
+
+std::optional<std::string> CConfigFile::ChangedText() {
+  if (!modified_) return std::nullopt;
+  NormaliseForSave(text_);
+  Touch();
+  modified_ = false;
+  return text_;
+}
+
+void CConfigFile::Begin(bool writable, const std::string& path, bool quiet) {
+  CConfigFile::Close(true);
+  path_ = path.size() <= runtime::kMaxText ? path : std::string();
+  fileTime_ = ModificationTime(path_);
+  if (!quiet) runtime::TraceWrite("Config - Open '%s' (%s)", path.c_str(), writable ? "w" : "r");
+  encoded_ = HasEncodedName(path);
+  hasText_ = true;
+  capacity_ = kGrowthStep;
+}
+
+void CConfigFile::GiveUp() {
+  file_.Close();
+  text_.clear();
+  modified_ = false;
+  runtime::TraceWrite("Config - Failed to open");
 }
 
 ConfigResult CConfigFile::Close(bool release) {
@@ -132,22 +119,20 @@ ConfigResult CConfigFile::Close(bool release) {
 
 bool CConfigFile::OpenFile(bool writable, const std::string& path) {
   constexpr mode_t kAnyone = 0666;  // less what the process masks
+  place_ = runtime::FindFile(path).real;
   // The second try makes a missing file. It never empties one that could not be opened a moment
   // ago.
-  file_ = runtime::OpenRegular(path, writable ? O_RDWR : O_RDONLY);
-  if (!file_.IsOpen()) {
-    file_ = runtime::OpenRegular(path, writable ? O_RDWR | O_CREAT : O_RDONLY, kAnyone);
-  }
-  return file_.IsOpen();
+  file_ = place_.Open(writable ? O_RDWR : O_RDONLY);
+  if (!file_.IsOpen()) file_ = place_.Open(writable ? O_RDWR | O_CREAT : O_RDONLY, kAnyone);
+  return file_.IsOpen() && (!writable || runtime::HasOneName(file_, path));
 }
 
-bool CConfigFile::ReadText() {
-  std::optional<std::string> content = runtime::ReadToEnd(file_, kMaxConfigSize);
+bool CConfigFile::TakeText(std::optional<std::string> content) {
   if (!content) return false;
   text_ = std::move(*content);
   capacity_ = WholeSteps(text_.size() + 1) * kGrowthStep;
   if (!Transcode(false)) text_.clear();
-  return true;
+  return text_.empty() || Normalise() == ConfigResult::kOk;
 }
 
 bool CConfigFile::WriteText() {
@@ -156,7 +141,7 @@ bool CConfigFile::WriteText() {
   if (fileTime_ != 0 && ModificationTime(path_) != fileTime_) {
     runtime::TraceWrite("Config - WARNING: File '%s' modified", path_.c_str());
   }
-  return ReplaceContent(file_, text_);
+  return runtime::ReplaceFile(place_, file_, text_);
 }
 
 ConfigResult CConfigFile::Normalise() {

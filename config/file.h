@@ -1,9 +1,10 @@
 // A configuration item that is one text file.
 //
 // The whole file is one text in memory; every query reads that text and every change edits it. A
-// writable file stays open and is written back in one piece when it is closed; a read-only one is
-// closed as soon as it is read and answers from a lookup tree while it is unchanged.
+// writable file stays open and is replaced by the changed text when it is closed; a read-only one
+// is closed as soon as it is read and answers from a lookup tree while it is unchanged.
 //
+// Links are followed as runtime/file_place.h says. A file that has a second name is not changed.
 // A file that is missing, unreadable, no regular file or larger than 64 MiB opens as an empty text.
 // Unless it was missing it then is not open, so that a close can never write over it.
 #pragma once
@@ -18,6 +19,7 @@
 #include "config/scan.h"
 #include "config/tree.h"
 #include "runtime/descriptor.h"
+#include "runtime/file_place.h"
 
 namespace qixx::config {
 
@@ -60,6 +62,12 @@ class CConfigFile : public CConfigItem {
 
   /// True while the file itself is open: from a writable open to the close.
   [[nodiscard]] virtual bool IsOpen() const;
+  /// As a writable Open, but of a text that the caller has read from that file. Nothing is written
+  /// by the close; see ChangedText. kFailed for a text that may not be changed.
+  ConfigResult OpenText(const std::string& path, std::string text);
+  /// What a close would write; nothing when there was no change since the last such question.
+  std::optional<std::string> ChangedText();
+
   /// Cleans a text that was just loaded and migrates it when it looks old.
   virtual ConfigResult Normalise();
   virtual void StripComments();
@@ -93,8 +101,10 @@ class CConfigFile : public CConfigItem {
     std::size_t position = 0;
   };
 
+  void Begin(bool writable, const std::string& path, bool quiet);
+  void GiveUp();
   bool OpenFile(bool writable, const std::string& path);
-  bool ReadText();
+  bool TakeText(std::optional<std::string> content);
   bool WriteText();
   void ForgetCursors();
   void DetachTree();
@@ -108,6 +118,7 @@ class CConfigFile : public CConfigItem {
   std::string text_;
   std::size_t capacity_ = 0;  ///< never below the length; a change that would exceed it grows it
   std::size_t position_ = 0;  ///< of the line reader
+  runtime::FilePlace place_;
   runtime::Descriptor file_;
   bool hasText_ = false;
   bool writable_ = false;  ///< a change is written back

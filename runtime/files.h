@@ -6,9 +6,7 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -26,21 +24,10 @@ inline constexpr std::size_t kMaxFileSize = std::size_t{64} * 1024 * 1024;
 bool CreatePath(const std::string& path);
 /// "/tmp/" is tested as "/tmp", "/" as it stands. False for an empty path.
 [[nodiscard]] bool PathExists(const std::string& path);
-/// 0 for everything but a readable regular file.
-[[nodiscard]] std::uint64_t GetFileSize(const std::string& path);
 
 /// The content of a regular file of at most kMaxFileSize bytes; nothing on every failure, also one
 /// midway.
 [[nodiscard]] std::optional<std::string> ReadWholeFile(const std::string& path);
-/// Gives an existing regular file a new content: whatever fails or dies on the way, it holds all of
-/// the old content or all of the new. The new file is written under another name beside the old one
-/// and takes its name when complete. It gets the old one's permissions, and owner and group where
-/// the system allows it. A file that may not be written is left alone.
-[[nodiscard]] bool WriteWholeFileSafely(const std::string& path, std::string_view data);
-/// Makes `destination` a copy of a regular file in the same manner. A new destination gets the
-/// permissions of the source, an old one keeps its own. A destination that is a link is replaced,
-/// not followed; a device, a pipe and a file that may not be written are left alone.
-[[nodiscard]] bool CopyFileSafely(const std::string& source, const std::string& destination);
 
 /// How this program was called: argv[0], not resolved. Empty when the system does not tell, or it
 /// is longer than kMaxText.

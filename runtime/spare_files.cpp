@@ -106,6 +106,13 @@ bool DeleteFile(const std::string& path) {
   return ::unlink(path.c_str()) == 0;
 }
 
+std::uint64_t GetFileSize(const std::string& path) {
+  const Descriptor file = OpenRegular(path, O_RDONLY);
+  if (!file.IsOpen()) return 0;
+  const off_t end = ::lseek(file.Get(), 0, SEEK_END);
+  return end > 0 ? static_cast<std::uint64_t>(end) : 0;
+}
+
 bool CopyFile(const std::string& source, const std::string& destination) {
   const Descriptor from = OpenRegular(source, O_RDONLY);
   if (!from.IsOpen()) return false;

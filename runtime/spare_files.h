@@ -4,6 +4,7 @@
 // Further operations on paths and files, under the rules of runtime/files.h.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,11 +19,13 @@ inline constexpr std::size_t kMaxVariableName = 97;
 /// The path of a file of this process in the temporary directory, at most kMaxText long.
 [[nodiscard]] std::optional<std::string> MakeTempFileName(std::string_view name);
 bool DeleteFile(const std::string& path);
+/// 0 for everything but a readable regular file.
+[[nodiscard]] std::uint64_t GetFileSize(const std::string& path);
 /// Copies the content alone, between regular files. True when both could be opened, whatever became
-/// of the copying; CopyFileSafely tells more. No destination is made for a missing source.
+/// of the copying. No destination is made for a missing source.
 [[nodiscard]] bool CopyFile(const std::string& source, const std::string& destination);
-/// Empties the regular file, or makes it, and writes the data. True when it could be opened; what
-/// became of the writing is told by WriteWholeFileSafely only.
+/// Empties the regular file, or makes it, and writes the data. True when it could be opened,
+/// whatever became of the writing. Configuration files are written by runtime/replace_file.h.
 [[nodiscard]] bool WriteWholeFile(const std::string& path, std::string_view data);
 
 /// The directory part of the calling application, with its '/'; empty without one.

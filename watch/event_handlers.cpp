@@ -10,6 +10,7 @@
 #include "watch/configuration.h"
 #include "watch/credentials.h"
 #include "watch/event_table.h"
+#include "watch/file_scope.h"
 #include "watch/guard.h"
 #include "watch/logon_file.h"
 #include "watch/placeholders.h"
@@ -156,6 +157,7 @@ bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
 
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Inserted event ...");
+  FileScope::BeginEvent();
   WatchEvent event;
   bool success = RunGuarded([&] {
     event = EventOf(record, EventKind::kInsert, slot);
@@ -173,6 +175,7 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
 
 void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Remove event ...");
+  FileScope::BeginEvent();
   RunGuarded([&] { return RunRemoval(record, slot, platform); });
   EventHook(record, EventKind::kRemove);
   // Also behind a wait that said no: what the insert started does not outlive the card.

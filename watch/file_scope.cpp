@@ -1,20 +1,20 @@
 #include "watch/file_scope.h"
 
-#include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 
 #include "runtime/clock.h"
 #include "runtime/no_destructor.h"
-#include "runtime/text.h"
+#include "runtime/trace.h"
 
 namespace qixx::watch {
 namespace {
+
+constexpr std::int64_t kPatienceMilliseconds = 2000;
+std::atomic<std::int64_t> patience{kPatienceMilliseconds};
 
 /// Never destroyed: a command on a thread of its own may write a file while the process ends.
 runtime::CCritical& FileLock() {
@@ -22,39 +22,37 @@ runtime::CCritical& FileLock() {
   return *lock;
 }
 
-struct FreeDeleter {
-  void operator()(char* memory) const { std::free(memory); }
-};
+/// False while somebody else holds the folder.
+bool TryLock(const runtime::FilePlace& place) {
+  return ::flock(place.Folder(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
 
-/// Not open when the folder cannot be opened.
-runtime::Descriptor LockFolder(const std::string& file) {
-  constexpr int kTries = 200;
+void LockFolder(const runtime::FilePlace& place) {
   constexpr std::int64_t kPauseMilliseconds = 10;
-  const std::string path = ResolveLinks(file);
-  const std::size_t slash = runtime::FindCharBack(path, '/');
-  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  runtime::Descriptor locked(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  for (int tries = kTries; tries > 0 && locked.IsOpen(); --tries) {
-    if (::flock(locked.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) break;
+  while (!TryLock(place)) {
+    if (patience <= 0) {
+      runtime::TraceWrite("Watch - The folder of '%s' is locked, going on", place.Path().c_str());
+      return;
+    }
+    const std::int64_t begin = runtime::MonotonicMilliseconds();
     runtime::SleepMilliseconds(kPauseMilliseconds);
+    patience -= runtime::MonotonicMilliseconds() - begin;
   }
-  return locked;
 }
 
 }  // namespace
 
-std::string ResolveLinks(const std::string& path) {
-  const std::unique_ptr<char, FreeDeleter> resolved(::realpath(path.c_str(), nullptr));
-  if (resolved != nullptr) return resolved.get();
-  char ignored = 0;
-  return ::readlink(path.c_str(), &ignored, 1) < 0 ? path : std::string();
+FileScope::FileScope(const std::string& path) : hold_(&FileLock()), file_(runtime::FindFile(path)) {
+  LockFolder(file_.real);
 }
-
-FileScope::FileScope(const std::string& file) : hold_(&FileLock()), folder_(LockFolder(file)) {}
 
 FileScope::~FileScope() {
   // A process that was forked meanwhile may have the descriptor too.
-  if (folder_.IsOpen()) ::flock(folder_.Get(), LOCK_UN);
+  ::flock(file_.real.Folder(), LOCK_UN);
+}
+
+void FileScope::BeginEvent() {
+  patience = kPatienceMilliseconds;
 }
 
 }  // namespace qixx::watch

@@ -1,16 +1,20 @@
 #include "watch/logon_file.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <initializer_list>
 #include <optional>
 #include <set>
 #include <utility>
 
-#include "config/store.h"
+#include "config/file.h"
 #include "runtime/files.h"
+#include "runtime/replace_file.h"
 #include "runtime/text.h"
+#include "runtime/trace.h"
 #include "watch/file_scope.h"
 #include "watch/placeholders.h"
 
@@ -20,36 +24,17 @@ namespace {
 /// What a configuration file's name gets for its saved copy.
 constexpr std::string_view kSavedCopySuffix = ".org";
 
-/// Whether nothing has that name for certain. A saved copy that only cannot be reached now must not
-/// be made anew: the file holds a card's values by then.
-bool IsMissing(const std::string& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) != 0 && errno == ENOENT;
-}
+// --- keys of a text -----------------------------------------------------------------------------
 
-// --- one value, in a file that is held ----------------------------------------------------------
-
-/// Replaces a placeholder in the text of the file. A file that cannot be read, or does not hold the
-/// placeholder, is left alone.
-void SetPlaceholder(const std::string& file, std::string_view name, std::string_view value) {
-  const std::optional<std::string> before = runtime::ReadWholeFile(file);
-  if (!before) return;
-  const std::optional<std::string> after =
-      ReplacePlaceholder(*before, name, value, runtime::kMaxFileSize);
-  if (!after || *after == *before) return;
-  // A failure leaves the old text whole, and there is nobody to tell.
-  static_cast<void>(runtime::WriteWholeFileSafely(ResolveLinks(file), *after));
-}
-
-/// Each takes a walk over the file, which an endless one must not repeat for ever.
+/// Each takes a walk over the text, which an endless one must not repeat for ever.
 constexpr std::size_t kMaxEntries = 1000;
 
 /// Section and key.
 using EntryName = std::pair<std::string, std::string>;
 
 /// The entries that `name` means: all of that name as they are spelled, else a new one in the
-/// section of the first entry, none in a file without any.
-std::set<EntryName> FindEntries(config::CConfig& config, std::string_view name) {
+/// section of the first entry, none in a text without any.
+std::set<EntryName> FindEntries(config::CConfigFile& config, std::string_view name) {
   std::set<EntryName> found;
   std::optional<std::string> firstSection;
   for (std::size_t index = 0; found.size() < kMaxEntries;) {
@@ -62,95 +47,202 @@ std::set<EntryName> FindEntries(config::CConfig& config, std::string_view name) 
   return found;
 }
 
-void SetKey(const std::string& file, std::string_view name, std::string_view value) {
-  // Opening a missing file for writing would make an empty one.
-  if (!runtime::PathExists(file)) return;
-  config::CConfig config;
-  if (config.OpenItem(true, file) != config::ConfigResult::kOk) return;
+// --- the saved copy -----------------------------------------------------------------------------
+
+/// Who reads the file may read the saved copy as well. Somebody could have given that name to a
+/// file that they cannot read, for the service to show it to them.
+bool ShowsNoMore(const struct stat& file, const struct stat& copy) {
+  constexpr mode_t kOthers = S_IRGRP | S_IROTH;
+  const bool sameOwner = file.st_uid == copy.st_uid && file.st_gid == copy.st_gid;
+  return sameOwner ? (file.st_mode & kOthers & ~copy.st_mode) == 0 : (copy.st_mode & S_IROTH) != 0;
+}
+
+/// Why a saved copy is not to be trusted; null for one that is. `folder` is its own.
+const char* FaultOfCopy(const struct stat& copy, const struct stat& file,
+                        const struct stat& folder) {
+  if (copy.st_nlink != 1) return "a file with a second name";
+  if (copy.st_uid != ::geteuid() && copy.st_uid != file.st_uid) return "a file of somebody else";
+  // Whoever owns the folder as well could have done all this alone.
+  if (copy.st_uid != folder.st_uid && !ShowsNoMore(file, copy)) return "a file that shows too much";
+  return nullptr;
+}
+
+struct stat StatusOfFolder(const runtime::FilePlace& place) {
+  struct stat status {};
+  if (::fstat(place.Folder(), &status) != 0) status = {};
+  return status;
+}
+
+// --- one file -----------------------------------------------------------------------------------
+
+/// The text of a file from the first look at it to its one replacement. After a failure nothing
+/// more is done to it.
+class EditedFile {
+ public:
+  explicit EditedFile(const std::string& path)
+      : path_(path),
+        scope_(path),
+        saved_(scope_.File().named.WithSuffix(kSavedCopySuffix)),
+        file_(scope_.File().real.Open(O_RDWR)),
+        status_(runtime::StatusOf(file_)) {}
+
+  [[nodiscard]] bool Read();
+  /// Saves the file or, when that was done before, takes the text that was saved.
+  [[nodiscard]] bool SaveOrRestore();
+
+  [[nodiscard]] bool Set(std::string_view name, std::string_view value) {
+    return name.starts_with('%') ? SetPlaceholder(name, value) : SetKey(name, value);
+  }
+  /// Sets a value under all of its names; an absent one leaves what the text has.
+  [[nodiscard]] bool SetIfPresent(std::initializer_list<std::string_view> names,
+                                  std::string_view value) {
+    return value.empty() ||
+           std::ranges::all_of(names, [&](std::string_view name) { return Set(name, value); });
+  }
+  [[nodiscard]] bool Clear() {
+    return Set(kUserNameKey, "") && Set(kDomainKey, "") && Set(kSubjectPlaceholder, "") &&
+           Set(kSerialPlaceholder, "");
+  }
+
+  [[nodiscard]] bool Write();
+
+ private:
+  [[nodiscard]] bool Restore();
+  [[nodiscard]] bool SetPlaceholder(std::string_view name, std::string_view value);
+  [[nodiscard]] bool SetKey(std::string_view name, std::string_view value);
+  void Take(std::string text);
+  void WarnOfAnotherWriter() const;
+
+  const std::string& path_;
+  FileScope scope_;
+  runtime::FilePlace saved_;
+  runtime::Descriptor file_;  ///< not open when the file is missing or may not be changed
+  struct stat status_;        ///< as the file was when it was opened; of a missing one, its copy's
+  std::string before_;        ///< what the file holds
+  std::string text_;          ///< what it is to hold
+  std::size_t limit_ = 0;     ///< for `text_`
+};
+
+bool EditedFile::Read() {
+  const bool mayChange = file_.IsOpen() && runtime::HasOneName(file_, path_);
+  std::optional<std::string> text;
+  if (mayChange) text = runtime::ReadToEnd(file_, runtime::kMaxFileSize);
+  if (!text) {
+    runtime::TraceWrite("Config - Open '%s' (%s)", path_.c_str(), "w");
+    runtime::TraceWrite("Config - Failed to open");
+    return false;
+  }
+  before_ = *text;
+  Take(std::move(*text));
+  return true;
+}
+
+bool EditedFile::SaveOrRestore() {
+  // A missing file is made from its saved copy, but not behind a link that leads nowhere now.
+  if (scope_.File().named.IsMissing() && !saved_.IsMissing()) return Restore();
+  // Read before the copy is looked for: where another service made that meanwhile, it counts.
+  if (!Read()) return false;
+  return saved_.IsMissing() ? runtime::MakeFile(saved_, text_, status_) : Restore();
+}
+
+bool EditedFile::Restore() {
+  const runtime::Descriptor copy = saved_.Open(O_RDONLY);
+  if (!copy.IsOpen()) {
+    runtime::TraceRefusal(saved_.Path(), "a link or no readable file");
+    return false;
+  }
+  const struct stat status = runtime::StatusOf(copy);
+  if (!file_.IsOpen()) status_ = status;
+  if (const char* const fault = FaultOfCopy(status, status_, StatusOfFolder(saved_))) {
+    runtime::TraceRefusal(saved_.Path(), fault);
+    return false;
+  }
+  std::optional<std::string> text = runtime::ReadToEnd(copy, runtime::kMaxFileSize);
+  if (text) Take(std::move(*text));
+  return text.has_value();
+}
+
+void EditedFile::Take(std::string text) {
+  text_ = std::move(text);
+  limit_ = std::min(MaxFilledText(text_.size()), runtime::kMaxFileSize);
+}
+
+bool EditedFile::SetPlaceholder(std::string_view name, std::string_view value) {
+  std::optional<std::string> text = ReplacePlaceholder(text_, name, value, limit_);
+  if (text) text_ = std::move(*text);
+  return text.has_value();
+}
+
+bool EditedFile::SetKey(std::string_view name, std::string_view value) {
+  config::CConfigFile config;
+  if (config.OpenText(path_, text_) != config::ConfigResult::kOk) return false;
   for (const auto& [section, key] : FindEntries(config, name)) {
-    config.SetString(section, key, value);
+    if (config.SetValue(section, key, value) != config::ConfigResult::kOk) return false;
   }
-  config.Close(true);
+  if (std::optional<std::string> text = config.ChangedText()) text_ = std::move(*text);
+  return text_.size() <= limit_;
 }
 
-void SetValue(const std::string& file, std::string_view name, std::string_view value) {
-  if (name.starts_with('%')) {
-    SetPlaceholder(file, name, value);
-  } else {
-    SetKey(file, name, value);
-  }
+bool EditedFile::Write() {
+  if (!file_.IsOpen()) return runtime::MakeFile(scope_.File().real, text_, status_);
+  if (text_ == before_) return true;
+  WarnOfAnotherWriter();
+  return runtime::ReplaceFile(scope_.File().real, file_, text_);
 }
 
-/// Writes a value under all of its names; an absent value leaves the file's own.
-void SetIfPresent(const std::string& file, std::initializer_list<std::string_view> names,
-                  std::string_view value) {
-  if (value.empty()) return;
-  for (const std::string_view name : names) SetValue(file, name, value);
+/// The last writer wins.
+void EditedFile::WarnOfAnotherWriter() const {
+  struct stat now {};
+  if (::stat(path_.c_str(), &now) == 0 && now.st_mtime == status_.st_mtime) return;
+  runtime::TraceWrite("Config - WARNING: File '%s' modified", path_.c_str());
 }
 
-void ClearValues(const std::string& file) {
-  for (const std::string_view name :
-       {kUserNameKey, kDomainKey, kSubjectPlaceholder, kSerialPlaceholder}) {
-    SetValue(file, name, "");
-  }
-}
-
-// --- the saved copy of a file that is held ------------------------------------------------------
-
-bool BackupOrRestore(const std::string& file) {
-  const std::string saved = file + std::string(kSavedCopySuffix);
-  const bool save = IsMissing(saved);
-  const std::string& source = save ? file : saved;
-  if (runtime::GetFileSize(source) > runtime::kMaxFileSize) return false;
-  return runtime::CopyFileSafely(source, save ? saved : ResolveLinks(file));
+bool SetAll(EditedFile& file, const LogonValues& values) {
+  const LogonName name = SplitPrincipalName(values.upn);
+  const auto components = SubjectPlaceholders(values.subject);
+  return file.SetIfPresent({kUserNameKey, kUserNamePlaceholder}, name.user) &&
+         file.SetIfPresent({kDomainKey, kDomainPlaceholder}, name.domain) &&
+         file.SetIfPresent({kSerialPlaceholder}, values.serial) &&
+         file.SetIfPresent({kSubjectPlaceholder}, values.subject) &&
+         std::ranges::all_of(components, [&file](const SubjectPlaceholder& component) {
+           return file.Set(component.name, component.value);
+         });
 }
 
 }  // namespace
 
-void WriteLogonValues(const std::string& file, const LogonValues& values) {
-  if (file.empty()) return;
-  const FileScope hold(file);
-  BackupOrRestore(file);
-  const LogonName name = SplitPrincipalName(values.upn);
-  SetIfPresent(file, {kUserNameKey, kUserNamePlaceholder}, name.user);
-  SetIfPresent(file, {kDomainKey, kDomainPlaceholder}, name.domain);
-  SetIfPresent(file, {kSerialPlaceholder}, values.serial);
-  SetIfPresent(file, {kSubjectPlaceholder}, values.subject);
-  for (const SubjectPlaceholder& component : SubjectPlaceholders(values.subject)) {
-    SetValue(file, component.name, component.value);
-  }
+bool WriteLogonValues(const std::string& path, const LogonValues& values) {
+  EditedFile file(path);
+  return file.SaveOrRestore() && SetAll(file, values) && file.Write();
 }
 
-void WriteLogonName(const std::string& file, const LogonName& name) {
-  if (file.empty()) return;
-  const FileScope hold(file);
-  SetIfPresent(file, {kUserNameKey}, name.user);
-  SetIfPresent(file, {kDomainKey}, name.domain);
+bool WriteLogonName(const std::string& path, const LogonName& name) {
+  if (path.empty() || (name.user.empty() && name.domain.empty())) return true;
+  EditedFile file(path);
+  return file.Read() && file.SetIfPresent({kUserNameKey}, name.user) &&
+         file.SetIfPresent({kDomainKey}, name.domain) && file.Write();
 }
 
-void ClearLogonValues(const std::string& file) {
-  if (file.empty()) return;
-  const FileScope hold(file);
-  ClearValues(file);
+bool ClearLogonValues(const std::string& path) {
+  EditedFile file(path);
+  return file.Read() && file.Clear() && file.Write();
 }
 
-void RestoreAndClear(const std::string& file) {
-  if (file.empty()) return;
-  const FileScope hold(file);
-  BackupOrRestore(file);
-  ClearValues(file);
+bool RestoreAndClear(const std::string& path) {
+  if (path.empty()) return true;
+  EditedFile file(path);
+  return file.SaveOrRestore() && file.Clear() && file.Write();
 }
 
-void SetConfigValue(const std::string& file, std::string_view name, std::string_view value) {
-  if (file.empty() || name.empty()) return;
-  const FileScope hold(file);
-  SetValue(file, name, value);
+bool SetConfigValue(const std::string& path, std::string_view name, std::string_view value) {
+  if (path.empty() || name.empty()) return true;
+  EditedFile file(path);
+  return file.Read() && file.Set(name, value) && file.Write();
 }
 
-bool BackupOrRestoreConfigFile(const std::string& file) {
-  if (file.empty()) return false;
-  const FileScope hold(file);
-  return BackupOrRestore(file);
+bool BackupOrRestoreConfigFile(const std::string& path) {
+  EditedFile file(path);
+  return file.SaveOrRestore() && file.Write();
 }
 
 }  // namespace qixx::watch

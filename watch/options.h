@@ -68,10 +68,10 @@ bool ParseWatchOptions(std::string_view text, CWatchOptions& record);
 [[nodiscard]] bool HasOption(std::string_view text, std::string_view name);
 
 /// The options that are looked up in commands, whose texts may hold values of a card.
-inline constexpr std::array<std::string_view, 3> kCommandOptions = {"-match", "-registry",
-                                                                    "-config"};
-/// The value of one of them, as GetOptionValue gives it; but inside double quotes no option is
-/// looked for, since quotes hold a value together.
+inline constexpr std::array<std::string_view, 4> kCommandOptions = {"-match", "-registry",
+                                                                    "-config", "-restore"};
+/// The value of one of them (what follows "-restore" is none), as GetOptionValue gives it; but
+/// inside double quotes no option is looked for, since quotes hold a value together.
 [[nodiscard]] std::optional<std::string> GetCommandOption(std::string_view text,
                                                           std::string_view name,
                                                           std::size_t maxLength = kMaxOption);

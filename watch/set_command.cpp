@@ -17,14 +17,12 @@ bool SetOnInsert(CardReader& card, const WatchEvent& event, const SetOptions& op
   runtime::TraceWrite("Watch - Logon credential: '%s'", values->upn.c_str());
   runtime::TraceWrite("Watch - Logon subject:    '%s'", values->subject.c_str());
   if (options.config.empty()) return !options.registry.empty();
-  WriteLogonValues(options.config, *values);
-  return true;
+  return WriteLogonValues(options.config, *values);
 }
 
 bool SetOnRemove(const SetOptions& options) {
   if (options.config.empty()) return !options.registry.empty();
-  ClearLogonValues(options.config);
-  return true;
+  return options.restore ? RestoreAndClear(options.config) : ClearLogonValues(options.config);
 }
 
 std::string UpToQuote(std::string_view value) {
@@ -36,13 +34,15 @@ std::string UpToQuote(std::string_view value) {
 SetOptions ParseSetOptions(std::string_view text) {
   return {.match = GetCommandOption(text, "-match").value_or(""),
           .registry = GetCommandOption(text, "-registry").value_or(""),
-          .config = GetCommandOption(text, "-config", kWholeOption).value_or("")};
+          .config = GetCommandOption(text, "-config", kWholeOption).value_or(""),
+          .restore = GetCommandOption(text, "-restore").has_value()};
 }
 
 SetOptions SetOptionsOf(const CWatchOptions& record) {
   return {.match = UpToQuote(record.match),
           .registry = UpToQuote(record.registry),
-          .config = UpToQuote(record.configFile)};
+          .config = UpToQuote(record.configFile),
+          .restore = true};
 }
 
 bool SetCommand(CardReader& card, const WatchEvent& event, const SetOptions& options) {

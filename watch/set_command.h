@@ -17,13 +17,15 @@ struct SetOptions {
   std::string match;     ///< which card's certificate counts
   std::string registry;  ///< no such place exists on this platform, but naming one is a success
   std::string config;    ///< the file; a set command refuses a name of more than kMaxOption
+  bool restore = false;  ///< a removal puts the saved copy back before it clears the values
 
   [[nodiscard]] bool IsEmpty() const { return match.empty() && registry.empty() && config.empty(); }
 };
 
-/// "-match", "-registry" and "-config" of a command's text.
+/// "-match", "-registry", "-config" and "-restore" of a command's text.
 [[nodiscard]] SetOptions ParseSetOptions(std::string_view text);
-/// What a watcher of the keyword form sets. None of its values goes beyond a double quote.
+/// What a watcher of the keyword form sets; it always restores. None of its values goes beyond a
+/// double quote.
 [[nodiscard]] SetOptions SetOptionsOf(const CWatchOptions& record);
 
 /// On insert the values of the card are written, on removal empty ones. A simulated insert fails

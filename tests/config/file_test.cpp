@@ -393,7 +393,8 @@ TEST_F(ConfigSaving, FullDiskLosesNothing) {
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
   std::signal(SIGXFSZ, oldAction);
   EXPECT_EQ(folder_.Read("a.conf"), content);
-  EXPECT_EQ(trace_.Lines(), std::vector<std::string>{"Config - Open '" + path_ + "' (w)"});
+  EXPECT_EQ(trace_.Lines(), (std::vector<std::string>{"Config - Open '" + path_ + "' (w)",
+                                                      "Helper - Failed to write '" + path_ + "'"}));
 }
 
 }  // namespace

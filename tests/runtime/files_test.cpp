@@ -1,6 +1,7 @@
 #include "runtime/files.h"
 #include "runtime/spare_files.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <filesystem>
 
+#include "runtime/replace_file.h"
 #include "runtime/text.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
@@ -68,8 +70,8 @@ TEST(WholeFiles, NothingIsLostWithoutRoom) {
   ::signal(SIGXFSZ, SIG_IGN);
   const rlimit tight = {2, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
-  EXPECT_FALSE(CopyFileSafely(source, target));
-  EXPECT_FALSE(WriteWholeFileSafely(target, "new"));
+  const FilePlace place = FindFile(target).real;
+  EXPECT_FALSE(ReplaceFile(place, place.Open(O_RDWR), "new"));
   EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
   EXPECT_TRUE(CopyFile(target, source));
   EXPECT_FALSE(CopyFile(folder.Path("none"), source));
@@ -79,15 +81,44 @@ TEST(WholeFiles, NothingIsLostWithoutRoom) {
 TEST(WholeFiles, AnotherGroupGetsNoMoreThanEverybody) {
   const TemporaryFolder folder;
   const std::string file = folder.Write("file", "old");
+  const auto replace = [&](std::string_view text) {
+    const FilePlace place = FindFile(file).real;
+    return ReplaceFile(place, place.Open(O_RDWR), text);
+  };
   fs::permissions(file, fs::perms{0764});
   chownAllowed = false;
-  EXPECT_TRUE(WriteWholeFileSafely(file, "new"));
+  EXPECT_TRUE(replace("new"));
   EXPECT_EQ(fs::status(file).permissions(), fs::perms{0744});
   fs::permissions(file, fs::perms{0764});
   chownAllowed = true;
-  EXPECT_TRUE(WriteWholeFileSafely(file, "newer"));
+  EXPECT_TRUE(replace("newer"));
   EXPECT_EQ(fs::status(file).permissions(), fs::perms{0764});
   EXPECT_EQ(folder.Read("file"), "newer");
+}
+
+TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {
+  const TemporaryFolder folder;
+  folder.Write("a/b/file", "found");
+  folder.Write("x", "no folder");
+  fs::create_symlink("../a//b/", folder.Path("a/up"));
+  fs::create_symlink(folder.Path("a/up/file"), folder.Path("first"));
+  fs::create_symlink("first", folder.Path("second"));
+  fs::create_symlink("round", folder.Path("round"));
+  fs::create_symlink("none", folder.Path("a/dangling"));
+  const auto read = [&](const std::string& name) {
+    const Descriptor file = FindFile(folder.Path(name)).real.Open(O_RDONLY);
+    return file.IsOpen() ? ReadToEnd(file, kMaxFileSize).value_or("(unread)") : "(none)";
+  };
+  for (const char* const name : {"a/b/file", "a/./b/../b//file", "a/up/file", "first", "second"}) {
+    EXPECT_EQ(read(name), "found") << name;
+  }
+  for (const char* const name :
+       {"", "/", "a", "a/b/file/", "a/b/file/x", "x/file", "none/file", "round", "a/dangling"}) {
+    EXPECT_EQ(read(name), "(none)") << name;
+  }
+  EXPECT_TRUE(FindFile(folder.Path("a/dangling")).real.IsMissing());
+  EXPECT_FALSE(FindFile(folder.Path("a/dangling")).named.IsMissing());
+  EXPECT_EQ(FindFile("").real.Folder(), -1);
 }
 
 TEST(Expansion, DropsWhatWouldBeTooLong) {

@@ -1,16 +1,9 @@
 // The card holder's values: found on the cards, cleaned, replaced in commands, written into files.
 #include "watch/credentials.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <filesystem>
 
 #include "tests/support/fake_card.h"
 #include "tests/support/recipes.h"
@@ -19,25 +12,8 @@
 #include "tests/watch/scripted.h"
 #include "watch/card_text.h"
 #include "watch/command.h"
-#include "watch/logon_file.h"
 #include "watch/placeholders.h"
 #include "watch/set_command.h"
-
-namespace {
-
-/// What the system answers about saved copies while it is not 0.
-int savedCopyError = 0;
-
-}  // namespace
-
-/// In place of the C library's, for a folder that cannot be reached for a moment.
-extern "C" int lstat(const char* path, struct stat* status) noexcept {
-  if (savedCopyError != 0 && std::string_view(path).ends_with(".org")) {
-    errno = savedCopyError;
-    return -1;
-  }
-  return ::fstatat(AT_FDCWD, path, status, AT_SYMLINK_NOFOLLOW);
-}
 
 namespace qixx::testing {
 namespace {
@@ -193,66 +169,6 @@ TEST(SetCommand, RefusesANameThatIsTooLongForAFile) {
     EXPECT_TRUE(trace.Has(std::string("Watch - Set command ... ") + (refused ? "FAILED" : "OK")));
     EXPECT_EQ(folder.Read("abc"), refused ? "[A]\nUsername=kept\n" : "[A]\nUsername=\nDomain=\n");
   }
-}
-
-TEST(ConfigFile, SavedCopyThatCannotBeReachedNowIsNotMadeAnew) {
-  const TemporaryFolder folder;
-  const std::string file = folder.Write("a.conf", "of the card");
-  folder.Write("a.conf.org", "as it was");
-  savedCopyError = EIO;
-  watch::BackupOrRestoreConfigFile(file);
-  savedCopyError = 0;
-  EXPECT_EQ(folder.Read("a.conf.org"), "as it was");
-}
-
-TEST(ConfigFile, GetsWhatANameMeansThroughALinkThatStays) {
-  const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
-      {"[A]\nusername=1\nx=2\n[B]\nUSERNAME=3\n", "Username", "v",
-       "[A]\nusername=v\nx=2\n[B]\nUSERNAME=v\n"},
-      {"; no section\n", "Domain", "v", "; no section\n"},
-      {"%A%%A%\r\n<%A%%a%>", "%A%", "v", "vv\r\n<v%a%>"},
-      {"%OID.CN% %OID.cn%x", "%OID.cn%", "v", "v vx"},
-      {"-%%X%X%", "%X%", "", "-"},
-      {"a%%X%%b%X%", "%X%", "X", "aXbX"},
-      {"%X%%-%X%", "%X%", "%X%%X", "%X%%X%-%X%%X"},
-      {"%X%\n-%X%\r\n %A%%X%[%X%", "%X%", " [b]", " _b]\n- [b]\r\n %A% _b][ [b]"},
-      {"%X%%X%", "%X%", "<", "_<"},
-  };
-  for (const auto& [before, name, value, after] : rows) {
-    const TemporaryFolder folder;
-    const std::string link = folder.Path("link.conf");
-    folder.Write("real.conf", before);
-    std::filesystem::create_symlink("real.conf", link);
-    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link));
-    watch::SetConfigValue(link, name, value);
-    EXPECT_EQ(folder.Read("real.conf"), after);
-    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link));
-    EXPECT_EQ(folder.Read("real.conf"), before);
-    EXPECT_TRUE(std::filesystem::is_symlink(link));
-    watch::SetConfigValue(folder.Path("missing.conf"), name, value);
-    EXPECT_FALSE(std::filesystem::exists(folder.Path("missing.conf")));
-    std::filesystem::remove(folder.Path("real.conf"));
-    EXPECT_FALSE(watch::BackupOrRestoreConfigFile(link));
-    EXPECT_TRUE(std::filesystem::is_symlink(link)) << "although it leads nowhere";
-  }
-}
-
-TEST(ConfigFile, TwoServicesLoseNoValues) {
-  constexpr int kKeys = 50;
-  const TemporaryFolder folder;
-  const std::string file = folder.Write("both.conf", "[A]\nx=1\n");
-  const auto setAll = [&file](char head) {
-    for (int i = 0; i < kKeys; ++i) watch::SetConfigValue(file, head + std::to_string(i), "v");
-  };
-  const pid_t other = ::fork();
-  if (other == 0) {
-    setAll('b');
-    ::_exit(0);
-  }
-  setAll('a');
-  ::waitpid(other, nullptr, 0);
-  const std::string text = folder.Read("both.conf");
-  EXPECT_EQ(std::count(text.begin(), text.end(), 'v'), 2 * kKeys) << text;
 }
 
 }  // namespace

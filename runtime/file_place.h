@@ -1,0 +1,57 @@
+// Where a configuration file is, found so that no other user decides it.
+//
+// A path is walked folder by folder, each opened inside the one before, and what is done to a file
+// is done inside its open folder. So whoever may rename things on the way gains nothing by doing it
+// at the right moment. A link counts only when it belongs to the service's user or to root: anybody
+// else could lead a privileged service to a file that they cannot reach themselves.
+//
+// All operations may be called from any thread. Only std::bad_alloc is thrown.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "runtime/descriptor.h"
+
+namespace qixx::runtime {
+
+/// A name in an open folder; whether there is a file of that name is another question.
+class FilePlace {
+ public:
+  /// Nowhere: nothing can be opened there.
+  FilePlace() = default;
+  /// `path` is how the trace names the place.
+  FilePlace(std::shared_ptr<const Descriptor> folder, std::string name, std::string path);
+
+  /// Opened for reading where that is allowed, else as a mere place (O_PATH); -1 for nowhere.
+  [[nodiscard]] int Folder() const;
+  [[nodiscard]] const std::string& Name() const { return name_; }
+  [[nodiscard]] const std::string& Path() const { return path_; }
+  /// The place in the same folder whose name is longer by `suffix`.
+  [[nodiscard]] FilePlace WithSuffix(std::string_view suffix) const;
+
+  /// True when nothing has that name for certain, not when it only cannot be reached now.
+  [[nodiscard]] bool IsMissing() const;
+  /// As runtime::OpenRegular, but a link is not followed.
+  [[nodiscard]] Descriptor Open(int flags, mode_t mode = 0) const;
+
+ private:
+  std::shared_ptr<const Descriptor> folder_;
+  std::string name_;
+  std::string path_;
+};
+
+struct FoundFile {
+  FilePlace named;  ///< the path's last name itself
+  FilePlace real;   ///< the same, or where it leads when it is a link
+};
+/// Nowhere when a folder is missing or may not be entered. A link that does not count is traced.
+[[nodiscard]] FoundFile FindFile(const std::string& path);
+
+/// Traces that a file is not touched, and why.
+void TraceRefusal(const std::string& path, const char* reason);
+/// False, and traced, for a file with more than one name: the others could be anywhere.
+[[nodiscard]] bool HasOneName(const Descriptor& file, const std::string& path);
+
+}  // namespace qixx::runtime

@@ -1,0 +1,199 @@
+#include "runtime/replace_file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+#include "runtime/clock.h"
+#include "runtime/trace.h"
+
+namespace qixx::runtime {
+namespace {
+
+constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
+constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
+
+enum class Outcome {
+  kDone,
+  kRefused,  ///< the folder takes no new file, whatever it is
+  kFailed,
+};
+
+// --- temporary files ----------------------------------------------------------------------------
+
+/// A file that is being made. Its name goes with it unless it was given another one.
+class Temporary {
+ public:
+  explicit Temporary(int folder) : folder_(folder) {
+    constexpr int kTries = 16;
+    for (int tries = kTries; tries > 0 && !file_.IsOpen(); --tries) {
+      MakeName();
+      file_ = Descriptor(::openat(
+          folder, name_, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly));
+      if (!file_.IsOpen() && errno != EEXIST) return;
+      if (file_.IsOpen() && !Claim()) file_.Close();
+    }
+  }
+  ~Temporary() {
+    if (file_.IsOpen() && !renamed_) ::unlinkat(folder_, name_, 0);
+  }
+  Temporary(const Temporary&) = delete;
+  Temporary& operator=(const Temporary&) = delete;
+
+  [[nodiscard]] const Descriptor& File() const { return file_; }
+  bool Rename(const char* name) {
+    renamed_ = ::renameat(folder_, name_, folder_, name) == 0;
+    return renamed_;
+  }
+
+ private:
+  /// Nobody can make files of these names beforehand. Early at start, while the system has no
+  /// random numbers yet, the clock has to do.
+  void MakeName() {
+    std::uint64_t number = 0;
+    if (::getrandom(&number, sizeof number, GRND_NONBLOCK) != sizeof number) {
+      number = static_cast<std::uint64_t>(MonotonicMilliseconds()) << 32 |
+               static_cast<std::uint32_t>(::getpid());
+    }
+    std::snprintf(name_, sizeof name_, "%s%016llx", kTemporaryHead.data(),
+                  static_cast<unsigned long long>(number));
+  }
+
+  /// Tells who removes left-overs that this is none. False when that came too late.
+  [[nodiscard]] bool Claim() const {
+    const bool held = ::flock(file_.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+    return held && StatusOf(file_).st_nlink != 0;
+  }
+
+  int folder_;
+  Descriptor file_;
+  char name_[kTemporaryHead.size() + 17] = "";
+  bool renamed_ = false;
+};
+
+struct CloseFolder {
+  void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+void RemoveLeftOver(int folder, const char* name) {
+  const Descriptor file(
+      ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!S_ISREG(StatusOf(file).st_mode) || ::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) return;
+  ::unlinkat(folder, name, 0);
+}
+
+void RemoveLeftOvers(int folder) {
+  // Somebody may have filled the folder to keep the service busy.
+  constexpr int kMaxNames = 20000;
+  Descriptor opened(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, CloseFolder> names(opened.IsOpen() ? ::fdopendir(opened.Get())
+                                                                : nullptr);
+  if (names == nullptr) return;
+  static_cast<void>(opened.Release());
+  for (int looked = 0; looked < kMaxNames; ++looked) {
+    const dirent* const entry = ::readdir(names.get());
+    if (entry == nullptr) return;
+    if (std::string_view(entry->d_name).starts_with(kTemporaryHead)) {
+      RemoveLeftOver(folder, entry->d_name);
+    }
+  }
+}
+
+/// Gives a new file the permissions and, where that is allowed, the owner and the group in `like`.
+/// A process without privileges cannot give a file away, but to any group of its own. Another group
+/// than the old one gets no more than everybody has.
+bool TakeOver(const Descriptor& file, const struct stat& like) {
+  constexpr auto kUnchanged = static_cast<uid_t>(-1);
+  constexpr mode_t kGroup = S_IRWXG;
+  mode_t mode = like.st_mode & kPermissions;
+  if (::fchown(file.Get(), like.st_uid, like.st_gid) != 0 &&
+      ::fchown(file.Get(), kUnchanged, like.st_gid) != 0) {
+    mode &= ~kGroup | (mode & S_IRWXO) << 3;
+  }
+  return ::fchmod(file.Get(), mode) == 0;
+}
+
+/// What the system says when it is the folder that does not want a file, or the name that cannot be
+/// given away. A full disk is neither.
+Outcome OutcomeOf(int error) {
+  const bool refused = error == EACCES || error == EPERM || error == EROFS || error == EBUSY;
+  return refused ? Outcome::kRefused : Outcome::kFailed;
+}
+
+Outcome PutNewFile(const FilePlace& place, std::string_view text, const struct stat& like) {
+  const int folder = place.Folder();
+  RemoveLeftOvers(folder);
+  Temporary made(folder);
+  if (!made.File().IsOpen()) return OutcomeOf(errno);
+  if (!WriteFully(made.File(), text) || !TakeOver(made.File(), like) ||
+      ::fsync(made.File().Get()) != 0) {
+    return Outcome::kFailed;
+  }
+  if (!made.Rename(place.Name().c_str())) return OutcomeOf(errno);
+  // The content is the new one now. Not every file system can write a folder on demand.
+  static_cast<void>(::fsync(folder));
+  return Outcome::kDone;
+}
+
+// --- in place -----------------------------------------------------------------------------------
+
+bool WriteAt(const Descriptor& file, std::string_view text, std::size_t position) {
+  while (!text.empty()) {
+    const ssize_t put =
+        ::pwrite(file.Get(), text.data(), text.size(), static_cast<off_t>(position));
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    text.remove_prefix(static_cast<std::size_t>(put));
+    position += static_cast<std::size_t>(put);
+  }
+  return true;
+}
+
+bool CutFile(const Descriptor& file, std::size_t length) {
+  return ::ftruncate(file.Get(), static_cast<off_t>(length)) == 0;
+}
+
+/// What goes behind the old end is written first: when the disk is full the file is cut back and
+/// still holds all that it held. What stays as long as it was is one write.
+bool WriteInPlace(const Descriptor& file, std::string_view text) {
+  const auto length = static_cast<std::size_t>(StatusOf(file).st_size);
+  const std::size_t kept = std::min(length, text.size());
+  const std::string_view added = text.substr(kept);
+  if (!WriteAt(file, added, kept) || (!added.empty() && ::fsync(file.Get()) != 0)) {
+    static_cast<void>(CutFile(file, length));
+    return false;
+  }
+  return WriteAt(file, text.substr(0, kept), 0) &&
+         (length <= text.size() || CutFile(file, text.size())) && ::fsync(file.Get()) == 0;
+}
+
+bool Report(const FilePlace& place, bool written) {
+  if (!written) TraceWrite("Helper - Failed to write '%s'", place.Path().c_str());
+  return written;
+}
+
+}  // namespace
+
+bool ReplaceFile(const FilePlace& place, const Descriptor& old, std::string_view text) {
+  Outcome outcome = PutNewFile(place, text, StatusOf(old));
+  if (outcome == Outcome::kRefused && HasOneName(old, place.Path())) {
+    TraceWrite("Helper - Write '%s' in place, its folder takes no new file", place.Path().c_str());
+    outcome = WriteInPlace(old, text) ? Outcome::kDone : Outcome::kFailed;
+  }
+  return Report(place, outcome == Outcome::kDone);
+}
+
+bool MakeFile(const FilePlace& place, std::string_view text, const struct stat& like) {
+  return Report(place, PutNewFile(place, text, like) == Outcome::kDone);
+}
+
+}  // namespace qixx::runtime

@@ -1,0 +1,415 @@
+// A set command's file: changed as a whole or not at all, and never one that is not its own.
+#include "watch/logon_file.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <set>
+
+#include "runtime/descriptor.h"
+#include "runtime/product.h"
+#include "tests/support/environment.h"
+#include "tests/support/recipes.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/support/trace_capture.h"
+#include "tests/watch/scripted.h"
+#include "watch/event_handlers.h"
+#include "watch/file_scope.h"
+#include "watch/set_command.h"
+
+namespace {
+
+/// What the system answers about saved copies while it is not 0.
+int savedCopyError = 0;
+
+}  // namespace
+
+/// In place of the C library's, for a folder that cannot be reached for a moment.
+extern "C" int fstatat(int folder, const char* name, struct stat* status, int flags) noexcept {
+  if (savedCopyError != 0 && std::string_view(name).ends_with(".org")) {
+    errno = savedCopyError;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_newfstatat, folder, name, status, flags));
+}
+
+namespace qixx::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+using watch::EventKind;
+
+constexpr uid_t kNobody = 65534;
+const std::string kOriginal = "[Mail]\nUsername=\nDomain=old\nName=%USERNAME% of %DOMAIN%\n";
+const std::string kFilled = "[Mail]\nUsername=ann\nDomain=example.org\nName=ann of example.org\n";
+const std::string kCleared = "[Mail]\nUsername=\nDomain=\nName=%USERNAME% of %DOMAIN%\n";
+
+class LogonFile : public ::testing::Test {
+ protected:
+  bool Insert(const std::string& options) { return Run(EventKind::kInsert, options); }
+  bool Remove(const std::string& options) { return Run(EventKind::kRemove, options); }
+  bool Insert() { return Insert("-config " + file); }
+  bool Restore() { return Remove("-restore -config " + file); }
+
+  /// What is in the folder, the file itself apart.
+  [[nodiscard]] std::set<std::string> Others() const {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder.Path())) {
+      if (entry.path() != file) names.insert(entry.path().filename().string());
+    }
+    return names;
+  }
+  [[nodiscard]] std::string Text() const { return folder.Read("a.conf"); }
+  /// Starts over with the folder as one case needs it.
+  void StartOver() {
+    fs::remove_all(folder.Path());
+    fs::create_directory(folder.Path());
+    folder.Write("a.conf", kOriginal);
+  }
+
+  ScriptedReader reader{std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}}};
+  TemporaryFolder folder;
+  const std::string file = folder.Write("a.conf", kOriginal);
+
+ private:
+  bool Run(EventKind kind, const std::string& options) {
+    return watch::SetCommand(reader, {.kind = kind, .slot = 1}, watch::ParseSetOptions(options));
+  }
+};
+
+/// Runs something in a process of its own, which is nobody's when this one is root's.
+template <typename Action>
+bool AsNobody(const Action& action) {
+  // The folders of the run are its user's alone.
+  if (::geteuid() == 0) ::chmod(fs::temp_directory_path().c_str(), 0711);
+  const pid_t other = ::fork();
+  if (other == 0) {
+    const bool dropped = ::geteuid() != 0 || (::setgroups(0, nullptr) == 0 &&
+                                              ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0);
+    ::_exit(dropped && action() ? 0 : 1);
+  }
+  int status = 1;
+  ::waitpid(other, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST_F(LogonFile, IsPutBackBeforeItIsClearedWhenAsked) {
+  fs::permissions(file, fs::perms{0640});
+  EXPECT_TRUE(Insert());
+  EXPECT_EQ(Text(), kFilled);
+  EXPECT_TRUE(Remove("-config " + file));
+  EXPECT_EQ(Text(), "[Mail]\nUsername=\nDomain=\nName=ann of example.org\n");
+  EXPECT_TRUE(Remove("-config " + file + " -RESTORE"));
+  EXPECT_EQ(Text(), kCleared);
+  EXPECT_TRUE(Insert());
+  EXPECT_TRUE(Remove("-config " + file + " -match \" -restore \""));
+  EXPECT_EQ(Text(), "[Mail]\nUsername=\nDomain=\nName=ann of example.org\n") << "in quotes";
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms{0640});
+  EXPECT_EQ(fs::status(file + ".org").permissions(), fs::perms{0640});
+  EXPECT_EQ(Others(), std::set{"a.conf.org"s});
+}
+
+TEST_F(LogonFile, OneSetIsOneReplacementForWhoLooksOn) {
+  const std::set<std::string> whole = {kOriginal, kFilled, kCleared};
+  const pid_t other = ::fork();
+  if (other == 0) {
+    for (int round = 0; round < 150; ++round) {
+      if (!Insert() || !Restore()) ::_exit(1);
+    }
+    ::_exit(0);
+  }
+  int status = 0;
+  std::string damaged;
+  for (int looks = 0; ::waitpid(other, &status, WNOHANG) == 0 || looks == 0; ++looks) {
+    const std::string text = Text();
+    if (!whole.contains(text)) damaged = "damaged: " + text;
+  }
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(damaged, "");
+}
+
+TEST_F(LogonFile, KilledWriterLeavesNoDamageAndNothingBehind) {
+  std::mt19937 random(20261121);  // NOLINT: the same moments each time, as far as that goes
+  const std::set<std::string> whole = {kOriginal, kFilled, kCleared};
+  for (int round = 0; round < 60; ++round) {
+    const pid_t other = ::fork();
+    if (other == 0) {
+      for (;;) static_cast<void>(Insert() && Restore());
+    }
+    ::usleep(static_cast<useconds_t>(random() % 4000));
+    ::kill(other, SIGKILL);
+    ::waitpid(other, nullptr, 0);
+    ASSERT_TRUE(whole.contains(Text())) << Text();
+    const bool isSaved = fs::exists(file + ".org");
+    ASSERT_TRUE(!isSaved || folder.Read("a.conf.org") == kOriginal);
+  }
+  EXPECT_TRUE(Insert());
+  EXPECT_EQ(Text(), kFilled);
+  EXPECT_EQ(Others(), std::set{"a.conf.org"s});
+}
+
+TEST_F(LogonFile, OnlyWhatNobodyWritesAnyMoreIsALeftOver) {
+  folder.Write(".qixxwatch-new-0123456789abcdef", "half");
+  const std::string alive = folder.Write(".qixxwatch-new-fedcba9876543210", "in the making");
+  const runtime::Descriptor held(::open(alive.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(held.Get(), LOCK_EX), 0);
+  EXPECT_TRUE(Insert());
+  EXPECT_EQ(Others(), (std::set{"a.conf.org"s, fs::path(alive).filename().string()}));
+}
+
+TEST_F(LogonFile, WhatCannotBeSavedIsNotChanged) {
+  const std::string copy = file + ".org";
+  struct Fault {
+    const char* name;
+    std::function<void()> make;
+  };
+  const std::string secret = folder.Path() + ".secret";
+  const Fault faults[] = {
+      {"a link as copy", [&] { fs::create_symlink("a.conf", copy); }},
+      {"a link that leads nowhere", [&] { fs::create_symlink("none", copy); }},
+      {"a folder as copy", [&] { fs::create_directory(copy); }},
+      {"a pipe as copy", [&] { ::mkfifo(copy.c_str(), 0600); }},
+      {"a copy with a second name",
+       [&] {
+         folder.Write("b", "b");
+         fs::create_hard_link(folder.Path("b"), copy);
+       }},
+      {"a file with a second name", [&] { fs::create_hard_link(file, folder.Path("b")); }},
+      {"a copy that cannot be reached", [] { savedCopyError = EIO; }},
+      {"an encoded file", [&] { fs::create_symlink("a.conf", folder.Path("a.edb")); }},
+  };
+  for (const Fault& fault : faults) {
+    SCOPED_TRACE(fault.name);
+    StartOver();
+    fault.make();
+    const std::set<std::string> before = Others();
+    const bool encoded = before.contains("a.edb");
+    const TraceCapture trace;
+    EXPECT_FALSE(encoded ? Remove("-config " + folder.Path("a.edb")) : Insert());
+    EXPECT_TRUE(trace.Has("Watch - Set command ... FAILED"));
+    EXPECT_TRUE(encoded || !Restore());
+    savedCopyError = 0;
+    EXPECT_EQ(Text(), kOriginal);
+    EXPECT_EQ(Others(), before);
+  }
+  for (const std::string& missing : {folder.Path("none.conf"), folder.Path("none/a.conf"), ""s}) {
+    EXPECT_FALSE(Insert("-config \"" + missing + "\""));
+    EXPECT_FALSE(Remove("-config \"" + missing + "\""));
+  }
+  EXPECT_EQ(fs::exists(folder.Path("none.conf")), false);
+}
+
+TEST_F(LogonFile, FullDiskChangesNothing) {
+  const std::string old = kOriginal + std::string(5000, ';') + "\n";
+  folder.Write("a.conf", old);
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  const auto oldAction = std::signal(SIGXFSZ, SIG_IGN);
+  const auto limited = [&](rlim_t limit, bool inserts) {
+    const rlimit small{limit, before.rlim_max};
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    const bool success = inserts ? Insert() : Remove("-config " + file);
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    return success;
+  };
+  EXPECT_FALSE(limited(2000, false));
+  EXPECT_FALSE(limited(2000, true)) << "no room for the copy";
+  EXPECT_EQ(Others(), std::set<std::string>());
+  EXPECT_FALSE(limited(old.size() + 1, true)) << "room for the copy alone";
+  EXPECT_EQ(Text(), old);
+  EXPECT_EQ(folder.Read("a.conf.org"), old);
+  EXPECT_EQ(Others(), std::set{"a.conf.org"s});
+  std::signal(SIGXFSZ, oldAction);
+}
+
+TEST_F(LogonFile, FolderThatTakesNoNewFileLeavesOnlyWritingInPlace) {
+  fs::permissions(file, fs::perms{0666});
+  fs::permissions(folder.Path(), fs::perms{0555});
+  EXPECT_TRUE(AsNobody([this] { return !Insert(); })) << "there is no saved copy";
+  EXPECT_EQ(Text(), kOriginal);
+  fs::permissions(folder.Path(), fs::perms{0755});
+  folder.Write("a.conf.org", kOriginal);
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::chown(file.c_str(), kNobody, kNobody), 0);
+    ASSERT_EQ(::chown((file + ".org").c_str(), kNobody, kNobody), 0);
+  }
+  fs::permissions(folder.Path(), fs::perms{0555});
+  EXPECT_TRUE(AsNobody([this] {
+    const TraceCapture trace;
+    return Insert() &&
+           trace.Has("Helper - Write '" + file + "' in place, its folder takes no new file");
+  }));
+  EXPECT_EQ(Text(), kFilled);
+  EXPECT_TRUE(AsNobody([this] { return Restore(); }));
+  EXPECT_EQ(Text(), kCleared);
+  fs::permissions(folder.Path(), fs::perms{0755});
+}
+
+TEST_F(LogonFile, WhoHoldsTheFolderDelaysAWholeEventByTwoSeconds) {
+  using Clock = std::chrono::steady_clock;
+  runtime::InitProductIdentity();
+  const std::string set = "=set -config " + file + "\n";
+  const std::string system = "[Watch Remove]\n1" + set + "2" + set + "3" + set;
+  const TemporaryFolder elsewhere;
+  const ScopedVariable path{"qixconfigglobal", elsewhere.Write("system.conf", system).c_str()};
+  const runtime::Descriptor held(::open(folder.Path().c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(held.Get(), LOCK_EX), 0);
+  Scripted machine;
+  watch::CWatchOptions record;
+  record.rest = "config";
+  record.section = "Watch";
+  const TraceCapture trace;
+  for (int event = 0; event < 2; ++event) {
+    const Clock::time_point begin = Clock::now();
+    watch::OnRemoveEvent(record, 1, machine.platform);
+    EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(1900));
+    EXPECT_LE(Clock::now() - begin, std::chrono::milliseconds(3900));
+  }
+  EXPECT_EQ(trace.Count("Watch - Set command ... OK"), 6U) << "without the lock then";
+}
+
+TEST_F(LogonFile, StrangersGainNothingFromRoot) {
+  if (::geteuid() != 0) GTEST_SKIP() << "NOT TESTED: only root has rights to lend";
+  ::chmod(fs::temp_directory_path().c_str(), 0711);
+  const TemporaryFolder own;  // root's
+  const std::string secret = own.Write("a.conf", "[Secret]\nUsername=root\n");
+  own.Write("a.conf.org", "[Secret]\nUsername=%SUBJECT%\n");
+  fs::permissions(secret, fs::perms{0600});
+  const std::string copy = file + ".org";
+  const auto give = [](const std::string& path) {
+    ASSERT_EQ(::lchown(path.c_str(), kNobody, kNobody), 0);
+  };
+  struct Trap {
+    const char* name;
+    std::string set;
+    std::function<void()> make;
+  };
+  const Trap traps[] = {
+      {"copy is a link", file, [&] { fs::create_symlink(secret, copy), give(copy); }},
+      {"copy is a link of root's", file, [&] { fs::create_symlink(secret, copy); }},
+      {"copy is the secret renamed", file, [&] { fs::copy(secret, copy); }},
+      {"copy is somebody else's", file,
+       [&] { ASSERT_EQ(::chown(folder.Write("a.conf.org", "x").c_str(), 1234, 1234), 0); }},
+      {"file is a link", folder.Path("link.conf"),
+       [&] {
+         fs::create_symlink(secret, folder.Path("link.conf")), give(folder.Path("link.conf"));
+       }},
+      {"folder is a link", folder.Path("d/a.conf"),
+       [&] { fs::create_symlink(own.Path(), folder.Path("d")), give(folder.Path("d")); }},
+      {"root's file, nobody's copy", file,
+       [&] {
+         ASSERT_EQ(::chown(file.c_str(), 0, 0), 0);
+         give(folder.Write("a.conf.org", "[Mine]\n"));
+       }},
+      {"root's file for all, root's copy for itself", file,
+       [&] {
+         ASSERT_EQ(::chown(file.c_str(), 0, 0), 0);
+         fs::copy(secret, copy);
+       }},
+  };
+  for (const Trap& trap : traps) {
+    SCOPED_TRACE(trap.name);
+    StartOver();
+    give(file);
+    give(folder.Path());
+    trap.make();
+    const std::set<std::string> before = Others();
+    const TraceCapture trace;
+    EXPECT_FALSE(Insert("-config " + trap.set));
+    const auto lines = trace.Lines();
+    EXPECT_TRUE(std::ranges::any_of(
+        lines, [](const std::string& line) { return line.starts_with("Helper - Refused '"); }));
+    EXPECT_EQ(Text(), kOriginal);
+    EXPECT_EQ(TemporaryFolder::ReadFile(secret), "[Secret]\nUsername=root\n");
+    EXPECT_EQ(Others(), before);
+  }
+  StartOver();
+  give(file);
+  give(folder.Path());
+  fs::create_symlink(file, own.Path("link.conf"));
+  EXPECT_TRUE(Insert("-config " + own.Path("link.conf"))) << "a link of root's counts";
+  EXPECT_EQ(Text(), kFilled);
+  struct stat status {};
+  ASSERT_EQ(::stat(file.c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, kNobody);
+  EXPECT_TRUE(Insert());
+  ASSERT_EQ(::stat(copy.c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, kNobody);
+}
+
+TEST_F(LogonFile, SavedCopyThatCannotBeReachedNowIsNotMadeAnew) {
+  folder.Write("a.conf.org", "as it was");
+  savedCopyError = EIO;
+  static_cast<void>(watch::BackupOrRestoreConfigFile(file));
+  savedCopyError = 0;
+  EXPECT_EQ(folder.Read("a.conf.org"), "as it was");
+}
+
+TEST(LogonFiles, GetsWhatANameMeansThroughALinkThatStays) {
+  const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
+      {"[A]\nusername=1\nx=2\n[B]\nUSERNAME=3\n", "Username", "v",
+       "[A]\nusername=v\nx=2\n[B]\nUSERNAME=v\n"},
+      {"; no section\n", "Domain", "v", "; no section\n"},
+      {"%A%%A%\r\n<%A%%a%>", "%A%", "v", "vv\r\n<v%a%>"},
+      {"%OID.CN% %OID.cn%x", "%OID.cn%", "v", "v vx"},
+      {"-%%X%X%", "%X%", "", "-"},
+      {"a%%X%%b%X%", "%X%", "X", "aXbX"},
+      {"%X%%-%X%", "%X%", "%X%%X", "%X%%X%-%X%%X"},
+      {"%X%\n-%X%\r\n %A%%X%[%X%", "%X%", " [b]", " _b]\n- [b]\r\n %A% _b][ [b]"},
+      {"%X%%X%", "%X%", "<", "_<"},
+  };
+  for (const auto& [before, name, value, after] : rows) {
+    const TemporaryFolder folder;
+    const std::string link = folder.Path("link.conf");
+    folder.Write("real.conf", before);
+    std::filesystem::create_symlink("real.conf", link);
+    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link));
+    watch::SetConfigValue(link, name, value);
+    EXPECT_EQ(folder.Read("real.conf"), after);
+    EXPECT_TRUE(watch::BackupOrRestoreConfigFile(link));
+    EXPECT_EQ(folder.Read("real.conf"), before);
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    watch::SetConfigValue(folder.Path("missing.conf"), name, value);
+    EXPECT_FALSE(std::filesystem::exists(folder.Path("missing.conf")));
+    std::filesystem::remove(folder.Path("real.conf"));
+    EXPECT_FALSE(watch::BackupOrRestoreConfigFile(link));
+    EXPECT_TRUE(std::filesystem::is_symlink(link)) << "although it leads nowhere";
+  }
+}
+
+TEST(LogonFiles, TwoServicesLoseNoValues) {
+  constexpr int kKeys = 50;
+  const TemporaryFolder folder;
+  const std::string file = folder.Write("both.conf", "[A]\nx=1\n");
+  watch::FileScope::BeginEvent();
+  const auto setAll = [&file](char head) {
+    for (int i = 0; i < kKeys; ++i) watch::SetConfigValue(file, head + std::to_string(i), "v");
+  };
+  const pid_t other = ::fork();
+  if (other == 0) {
+    setAll('b');
+    ::_exit(0);
+  }
+  setAll('a');
+  ::waitpid(other, nullptr, 0);
+  const std::string text = folder.Read("both.conf");
+  EXPECT_EQ(std::count(text.begin(), text.end(), 'v'), 2 * kKeys) << text;
+}
+
+}  // namespace
+}  // namespace qixx::testing
