@@ -91,23 +91,6 @@ void RemoveLeftOver(int folder, const char* name) {
   ::unlinkat(folder, name, 0);
 }
 
-void RemoveLeftOvers(int folder) {
-  // Somebody may have filled the folder to keep the service busy.
-  constexpr int kMaxNames = 20000;
-  Descriptor opened(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const std::unique_ptr<DIR, CloseFolder> names(opened.IsOpen() ? ::fdopendir(opened.Get())
-                                                                : nullptr);
-  if (names == nullptr) return;
-  static_cast<void>(opened.Release());
-  for (int looked = 0; looked < kMaxNames; ++looked) {
-    const dirent* const entry = ::readdir(names.get());
-    if (entry == nullptr) return;
-    if (std::string_view(entry->d_name).starts_with(kTemporaryHead)) {
-      RemoveLeftOver(folder, entry->d_name);
-    }
-  }
-}
-
 /// Gives a new file the permissions and, where that is allowed, the owner and the group in `like`.
 /// A process without privileges cannot give a file away, but to any group of its own. Another group
 /// than the old one gets no more than everybody has.
@@ -131,7 +114,7 @@ Outcome OutcomeOf(int error) {
 
 Outcome PutNewFile(const FilePlace& place, std::string_view text, const struct stat& like) {
   const int folder = place.Folder();
-  RemoveLeftOvers(folder);
+  RemoveLeftOvers(place);
   Temporary made(folder);
   if (!made.File().IsOpen()) return OutcomeOf(errno);
   if (!WriteFully(made.File(), text) || !TakeOver(made.File(), like) ||
@@ -182,6 +165,23 @@ bool Report(const FilePlace& place, bool written) {
 }
 
 }  // namespace
+
+void RemoveLeftOvers(const FilePlace& place) {
+  // Somebody may have filled the folder to keep the service busy.
+  constexpr int kMaxNames = 20000;
+  Descriptor opened(::openat(place.Folder(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, CloseFolder> names(opened.IsOpen() ? ::fdopendir(opened.Get())
+                                                                : nullptr);
+  if (names == nullptr) return;
+  static_cast<void>(opened.Release());
+  for (int looked = 0; looked < kMaxNames; ++looked) {
+    const dirent* const entry = ::readdir(names.get());
+    if (entry == nullptr) return;
+    if (std::string_view(entry->d_name).starts_with(kTemporaryHead)) {
+      RemoveLeftOver(place.Folder(), entry->d_name);
+    }
+  }
+}
 
 bool ReplaceFile(const FilePlace& place, const Descriptor& old, std::string_view text) {
   Outcome outcome = PutNewFile(place, text, StatusOf(old));

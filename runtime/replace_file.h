@@ -33,4 +33,7 @@ inline constexpr std::string_view kTemporaryHead = ".qixxwatch-new-";
 /// name is replaced, also a link. False, and traced, when there is no such file.
 [[nodiscard]] bool MakeFile(const FilePlace& place, std::string_view text, const struct stat& like);
 
+/// What both do first: removes the left-overs in the folder.
+void RemoveLeftOvers(const FilePlace& place);
+
 }  // namespace qixx::runtime

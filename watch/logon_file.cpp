@@ -185,7 +185,10 @@ bool EditedFile::SetKey(std::string_view name, std::string_view value) {
 
 bool EditedFile::Write() {
   if (!file_.IsOpen()) return runtime::MakeFile(scope_.File().real, text_, status_);
-  if (text_ == before_) return true;
+  if (text_ == before_) {
+    runtime::RemoveLeftOvers(scope_.File().real);
+    return true;
+  }
   WarnOfAnotherWriter();
   return runtime::ReplaceFile(scope_.File().real, file_, text_);
 }
