@@ -12,6 +12,7 @@
 #include <string>
 
 #include "der/certificate.h"
+#include "der/logon_values.h"
 #include "der/spare_certificate.h"
 #include "pkcs11/reader.h"
 #include "pkcs11/wrapper.h"

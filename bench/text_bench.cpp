@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/spare_text.h"
 #include "runtime/text.h"
 
 namespace qixx::bench {

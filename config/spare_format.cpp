@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "config/format.h"
+#include "runtime/spare_text.h"
 #include "runtime/text.h"
 
 namespace qixx::config {

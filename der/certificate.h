@@ -163,6 +163,3 @@ using CertificatePtr = std::unique_ptr<CertificateHolder>;
 [[nodiscard]] std::vector<unsigned> GetKeyUsages(const CDerCert& certificate);
 
 }  // namespace qixx::der
-
-#include "der/logon_values.h"
-#include "der/matching.h"

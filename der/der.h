@@ -144,10 +144,6 @@ class CDer {
   /// The object without what stands behind it, until it is cleared or set again; empty when there
   /// is none.
   [[nodiscard]] virtual Bytes GetData() const;
-  void GetData(const std::uint8_t*& bytes, std::uint64_t& length) const {
-    bytes = GetData().data();
-    length = GetData().size();
-  }
 
  protected:
   /// All that was set, and what the references of derived classes point into.

@@ -26,14 +26,6 @@ inline constexpr std::string_view kUserPrincipalName = "1.3.6.1.4.1.311.20.2.3";
                                                       bool smartCardLogonRequired,
                                                       bool emailAllowed);
 
-inline bool GetLogonName(const CertificateHolder& holder, bool smartCardLogonRequired,
-                         bool emailAllowed, std::string& name) {
-  const std::optional<std::string> found =
-      GetLogonName(holder, smartCardLogonRequired, emailAllowed);
-  name = found.value_or("");
-  return found.has_value();
-}
-
 struct CertificateLogonValues {
   std::string upn;      ///< the name to log on with; empty when there is none
   std::string subject;  ///< as text (der/names.h)

@@ -37,14 +37,6 @@ struct NameComponent {
 /// and loses one blank that stands before it. Nothing at the end, and at a component without '='.
 [[nodiscard]] std::optional<NameComponent> NextNameComponent(std::string_view& rest);
 
-inline bool NextNameComponent(std::string_view& rest, std::string& key, std::string& value) {
-  const std::optional<NameComponent> component = NextNameComponent(rest);
-  if (!component) return false;
-  key = component->key;
-  value = component->value;
-  return true;
-}
-
 /// The value of the first component with this very key in a formatted name: without escapes, but as
 /// it stands otherwise, blanks included.
 [[nodiscard]] std::optional<std::string> FindNameValue(std::string_view text, std::string_view key);

@@ -2,6 +2,7 @@
 #include <string>
 
 #include "der/certificate.h"
+#include "der/logon_values.h"
 #include "der/matching.h"
 #include "der/names.h"
 #include "der/spare_certificate.h"

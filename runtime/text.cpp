@@ -2,17 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
-#include <cstring>
 #include <limits>
-#include <new>
 
 namespace qixx::runtime {
 namespace {
 
-constexpr std::string_view kBase64Alphabet =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr std::size_t kBase64LineLength = 64;
 constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 
 constexpr std::array<std::int8_t, 128> InvertBase64Alphabet() {
@@ -75,21 +69,6 @@ std::uint64_t ParseDigits(std::string_view text, unsigned base, std::uint64_t li
   return number;
 }
 
-std::size_t Base64Length(std::size_t length) {
-  return (length + 2) / 3 * 4;
-}
-
-/// Writes the characters of one group of up to three bytes.
-void EncodeGroup(std::span<const std::uint8_t> group, char* out) {
-  const std::uint32_t bits = static_cast<std::uint32_t>(group[0]) << 16 |
-                             static_cast<std::uint32_t>(group.size() > 1 ? group[1] : 0) << 8 |
-                             static_cast<std::uint32_t>(group.size() > 2 ? group[2] : 0);
-  out[0] = kBase64Alphabet[bits >> 18];
-  out[1] = kBase64Alphabet[bits >> 12 & 0x3F];
-  out[2] = group.size() > 1 ? kBase64Alphabet[bits >> 6 & 0x3F] : '=';
-  out[3] = group.size() > 2 ? kBase64Alphabet[bits & 0x3F] : '=';
-}
-
 /// What an armoured text holds between its first line and the next '-'; other texts are returned
 /// whole.
 std::string_view Base64Body(std::string_view text) {
@@ -101,32 +80,7 @@ std::string_view Base64Body(std::string_view text) {
   return text.substr(0, text.find('-'));
 }
 
-/// Replaces `length` bytes at `at` in an area that holds `textLength` bytes of text; the result
-/// must fit with its terminator.
-void Splice(std::span<char> area, std::size_t textLength, std::size_t at, std::size_t length,
-            std::string_view replacement) {
-  const std::size_t rest = textLength - at - length;
-  std::memmove(area.data() + at + replacement.size(), area.data() + at + length, rest);
-  std::copy(replacement.begin(), replacement.end(), area.data() + at);
-  area[at + replacement.size() + rest] = '\0';
-}
-
 using Finder = std::size_t (*)(std::string_view text, std::string_view pattern, std::size_t from);
-
-bool ReplaceFound(std::span<char> area, Finder find, std::string_view from, std::string_view to) {
-  if (from.empty() || from == to) return false;
-  bool replaced = false;
-  std::size_t position = 0;
-  for (;;) {
-    const std::string_view text = TextOf(area);
-    position = find(text, from, position);
-    if (position == std::string_view::npos) return replaced;
-    if (text.size() - from.size() + to.size() >= area.size()) return replaced;
-    Splice(area, text.size(), position, from.size(), to);
-    position += to.size();
-    replaced = true;
-  }
-}
 
 bool ReplaceFound(std::string& text, Finder find, std::string_view from, std::string_view to,
                   std::size_t maxLength) {
@@ -170,22 +124,6 @@ constexpr std::array<Utf8Form, 4> kUtf8Forms = {
     {{0x00, 0x80, 0}, {0xC0, 0xE0, 0x80}, {0xE0, 0xF0, 0x800}, {0xF0, 0xF8, 0x10000}}};
 
 }  // namespace
-
-// --- areas ------------------------------------------------------------------------------------
-
-std::size_t CopyTextCut(std::span<char> area, std::string_view text) {
-  if (area.empty()) return 0;
-  const std::string_view copied = FirstBytes(UpToZero(text), area.size() - 1);
-  if (!copied.empty()) std::memmove(area.data(), copied.data(), copied.size());
-  area[copied.size()] = '\0';
-  return copied.size();
-}
-
-bool CopyTextIfFits(std::span<char> area, std::string_view text) {
-  if (UpToZero(text).size() >= area.size()) return false;
-  CopyTextCut(area, text);
-  return true;
-}
 
 // --- comparison and search --------------------------------------------------------------------
 
@@ -241,16 +179,6 @@ std::string_view DropTrailingBlanks(std::string_view text) {
   return text.substr(0, text.find_last_not_of(' ') + 1);
 }
 
-bool GetField(std::string_view text, std::size_t index, char separator, std::string_view& field) {
-  for (; index != 0; --index) {
-    const std::size_t end = text.find(separator);
-    if (end == std::string_view::npos) return false;
-    text.remove_prefix(end + 1);
-  }
-  field = text.substr(0, text.find(separator));
-  return true;
-}
-
 std::optional<std::string_view> GetField(std::string_view text, std::size_t index, char separator) {
   for (; index != 0; --index) {
     const std::size_t end = text.find(separator);
@@ -278,25 +206,7 @@ std::uint64_t ParseNumber(std::string_view text) {
   return ParseDigits(text.substr(2), 16, std::numeric_limits<std::uint64_t>::max());
 }
 
-// --- copies and replacement -------------------------------------------------------------------
-
-std::size_t Duplicate(const char* text, char*& copy) {
-  copy = nullptr;
-  if (text == nullptr) return 0;
-  const std::size_t length = std::strlen(text);
-  copy = new (std::nothrow) char[length + 1];
-  if (copy == nullptr) return 0;
-  std::memcpy(copy, text, length + 1);
-  return length;
-}
-
-void ReplaceAll(std::span<char> area, std::string_view from, const char* to) {
-  ReplaceFound(area, FindText, from, ViewOf(to));
-}
-
-bool ReplaceAllNoCase(std::span<char> area, std::string_view from, std::string_view to) {
-  return ReplaceFound(area, FindTextNoCase, from, to);
-}
+// --- replacement -----------------------------------------------------------------------------
 
 void ReplaceAll(std::string& text, std::string_view from, std::string_view to,
                 std::size_t maxLength) {
@@ -336,26 +246,6 @@ std::vector<std::uint8_t> HexDecode(std::string_view text) {
   return data;
 }
 
-std::string Base64Encode(std::span<const std::uint8_t> data) {
-  std::string text(Base64Length(data.size()), '\0');
-  char* group = text.data();
-  for (std::size_t at = 0; at < data.size(); at += 3, group += 4) {
-    EncodeGroup(data.subspan(at, std::min<std::size_t>(3, data.size() - at)), group);
-  }
-  return text;
-}
-
-std::string Base64EncodeLines(std::span<const std::uint8_t> data) {
-  const std::string encoded = Base64Encode(data);
-  std::string text;
-  text.reserve(encoded.size() + encoded.size() / kBase64LineLength + 1);
-  for (std::size_t at = 0; at < encoded.size(); at += kBase64LineLength) {
-    text.append(encoded, at, kBase64LineLength).push_back('\n');
-  }
-  if (text.empty()) text.push_back('\n');
-  return text;
-}
-
 std::vector<std::uint8_t> Base64Decode(std::string_view text) {
   text = Base64Body(text);
   std::vector<std::uint8_t> data(text.size() / 4 * 3 + 3);
@@ -374,83 +264,6 @@ std::vector<std::uint8_t> Base64Decode(std::string_view text) {
   }
   data.resize(static_cast<std::size_t>(to - data.data()));
   return data;
-}
-
-int HexEncode(std::span<const std::uint8_t> data, std::span<char> out) {
-  const std::size_t length = 2 * data.size();
-  if (length > out.size() || length > INT_MAX) return -1;
-  char* to = out.data();
-  for (const std::uint8_t byte : data) to = std::copy_n(kHexPairs[byte].data(), 2, to);
-  if (length < out.size()) *to = '\0';
-  return static_cast<int>(length);
-}
-
-int HexDecode(std::string_view text, std::span<std::uint8_t> out) {
-  if (text.size() >= 3 && text.starts_with("0x")) text.remove_prefix(2);
-  std::size_t count = 0;
-  int high = -1;
-  for (const char c : text) {
-    const int digit = HexValue(c);
-    if (digit < 0) continue;
-    if (high < 0) {
-      high = digit;
-      continue;
-    }
-    if (count == out.size() || count == INT_MAX) return -1;
-    out[count++] = static_cast<std::uint8_t>(high << 4 | digit);
-    high = -1;
-  }
-  return static_cast<int>(count);
-}
-
-int Base64Encode(std::span<char> out, std::span<const std::uint8_t> data) {
-  const std::size_t length = Base64Length(data.size());
-  if (length >= out.size() || length > INT_MAX) return -1;
-  char* group = out.data();
-  for (std::size_t at = 0; at < data.size(); at += 3, group += 4) {
-    EncodeGroup(data.subspan(at, std::min<std::size_t>(3, data.size() - at)), group);
-  }
-  *group = '\0';
-  return static_cast<int>(length);
-}
-
-int Base64EncodeLines(std::span<const std::uint8_t> data, char*& out) {
-  out = nullptr;
-  const std::size_t length = Base64Length(data.size());
-  const std::size_t innerEnds = length == 0 ? 0 : (length - 1) / kBase64LineLength;
-  if (length + innerEnds > INT_MAX) return 0;
-  std::unique_ptr<char[]> text(new (std::nothrow) char[length + innerEnds + 2]);
-  if (!text) return 0;
-  Base64Encode({text.get(), length + 1}, data);
-  // From the back, so that no line overwrites one that still has to move.
-  for (std::size_t line = innerEnds; line != 0; --line) {
-    const std::size_t start = line * kBase64LineLength;
-    char* target = text.get() + start + line;
-    std::memmove(target, text.get() + start, std::min(kBase64LineLength, length - start));
-    target[-1] = '\n';
-  }
-  text[length + innerEnds] = '\n';
-  text[length + innerEnds + 1] = '\0';
-  out = text.release();
-  return static_cast<int>(length + innerEnds);
-}
-
-int Base64Decode(std::span<std::uint8_t> out, std::string_view text) {
-  std::size_t count = 0;
-  std::uint32_t bits = 0;
-  unsigned pending = 0;  // bits read and not yet written
-  for (const char c : Base64Body(text)) {
-    if (c == '=') break;
-    const int value = Base64Value(c);
-    if (value < 0) continue;
-    bits = bits << 6 | static_cast<std::uint32_t>(value);
-    pending += 6;
-    if (pending < 8) continue;
-    pending -= 8;
-    if (count == out.size() || count == INT_MAX) return -1;
-    out[count++] = static_cast<std::uint8_t>(bits >> pending);
-  }
-  return static_cast<int>(count);
 }
 
 // --- conversions ------------------------------------------------------------------------------

@@ -8,7 +8,6 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -21,11 +20,6 @@ namespace qixx::runtime {
 inline constexpr std::size_t kMaxText = 255;
 /// Longest command line.
 inline constexpr std::size_t kMaxLine = 1023;
-
-/// Size of the fixed areas for names, paths and values, terminator included.
-inline constexpr std::size_t kTextSize = 256;
-/// Size of the area for a whole command line, terminator included.
-inline constexpr std::size_t kLineSize = 1024;
 
 // --- foreign buffers --------------------------------------------------------------------------
 
@@ -46,13 +40,6 @@ inline constexpr std::size_t kLineSize = 1024;
 [[nodiscard]] inline std::span<const std::uint8_t> AsBytes(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
-
-/// Copies `text` up to its first zero byte and cuts it to what the area holds beside the
-/// terminator. The rest of the area is left alone. Returns the copied length.
-std::size_t CopyTextCut(std::span<char> area, std::string_view text);
-
-/// Copies `text` only when it fits with its terminator; otherwise the area is left untouched.
-[[nodiscard]] bool CopyTextIfFits(std::span<char> area, std::string_view text);
 
 /// Null-safe view of what a foreign call returned: a null pointer is the empty text.
 [[nodiscard]] inline std::string_view ViewOf(const char* text) {
@@ -97,8 +84,6 @@ std::size_t CopyTextCut(std::span<char> area, std::string_view text);
 /// text without separator has one field, also when it is empty.
 [[nodiscard]] std::optional<std::string_view> GetField(std::string_view text, std::size_t index,
                                                        char separator);
-[[nodiscard]] bool GetField(std::string_view text, std::size_t index, char separator,
-                            std::string_view& field);
 
 /// Decimal number: leading blanks skipped, then digits up to the first other character. No digit
 /// gives 0 (so does a sign); a number too large saturates.
@@ -119,18 +104,11 @@ void ReplaceAll(std::string& text, std::string_view from, std::string_view to,
 bool ReplaceAllNoCase(std::string& text, std::string_view from, std::string_view to,
                       std::size_t maxLength);
 
-/// New array copy of `text`, to be freed with delete[]. Returns its length; a null text gives 0 and
-/// a null copy, and so does a failed allocation.
-std::size_t Duplicate(const char* text, char*& copy);
-
-/// Replaces every occurrence of `from` in the zero-terminated text of `area`, searching on behind
-/// each replacement. Stops when the next result would not be shorter than the area. Nothing
-/// happens for an empty `from` or when both are equal; a null `to` counts as empty.
-void ReplaceAll(std::span<char> area, std::string_view from, const char* to);
-/// The same in any letter case of `from`. Returns whether anything was replaced.
-bool ReplaceAllNoCase(std::span<char> area, std::string_view from, std::string_view to);
-
 // --- codecs -----------------------------------------------------------------------------------
+
+/// Of base64 (RFC 4648).
+inline constexpr std::string_view kBase64Alphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 /// Upper-case hexadecimal, two characters a byte.
 [[nodiscard]] std::string HexEncode(std::span<const std::uint8_t> data);
@@ -138,35 +116,10 @@ bool ReplaceAllNoCase(std::span<char> area, std::string_view from, std::string_v
 /// then reads pairs; a last odd digit is ignored.
 [[nodiscard]] std::vector<std::uint8_t> HexDecode(std::string_view text);
 
-/// Standard base64 (RFC 4648) with padding, without line ends.
-[[nodiscard]] std::string Base64Encode(std::span<const std::uint8_t> data);
-/// Base64 with an LF after every 64 characters and one at the end, also behind no data.
-[[nodiscard]] std::string Base64EncodeLines(std::span<const std::uint8_t> data);
 /// A text that begins with '-' has its first line skipped and ends at the next '-'. Characters
 /// outside the alphabet are dropped; a zero byte or '=' ends the text. Two characters left over
 /// give one byte, three give two, one gives none.
 [[nodiscard]] std::vector<std::uint8_t> Base64Decode(std::string_view text);
-
-/// Upper-case hexadecimal. Returns 2 x the data length, or -1 (nothing written) when that exceeds
-/// the area. A terminator is added only when there is room for it.
-int HexEncode(std::span<const std::uint8_t> data, std::span<char> out);
-/// Drops a leading "0x" (from three characters on) and everything that is no hexadecimal digit,
-/// then reads pairs; a last odd digit is ignored. Returns the byte count, or -1 when it exceeds
-/// `out`.
-int HexDecode(std::string_view text, std::span<std::uint8_t> out);
-
-/// Standard base64 (RFC 4648) with padding and terminator. Returns the characters written, or -1
-/// when the encoded length is not smaller than the area.
-int Base64Encode(std::span<char> out, std::span<const std::uint8_t> data);
-/// Base64 with an LF after every 64 characters and one at the end, as a terminated new array that
-/// the caller frees with delete[] (null when memory runs out). The returned length counts the line
-/// ends between lines but not the final one; writers rely on that.
-int Base64EncodeLines(std::span<const std::uint8_t> data, char*& out);
-/// A text that begins with '-' has its first line skipped and ends at the next '-'. Characters
-/// outside the alphabet are dropped; a zero byte or '=' ends the text. Two characters left over
-/// give one byte, three give two, one gives none. Returns the byte count, or -1 when it exceeds
-/// `out`.
-int Base64Decode(std::span<std::uint8_t> out, std::string_view text);
 
 // --- conversions ------------------------------------------------------------------------------
 

@@ -3,6 +3,7 @@
 #include "der/matching.h"
 #include "der/names.h"
 #include "der/spare_certificate.h"
+#include "runtime/spare_text.h"
 #include "tests/support/recipes.h"
 #include "tests/support/trace_capture.h"
 

@@ -6,6 +6,8 @@
 #include <numeric>
 #include <vector>
 
+#include "runtime/spare_text.h"
+
 namespace qixx::runtime {
 namespace {
 
@@ -19,6 +21,11 @@ TEST(TextTest, ComparesFindsAndReadsNumbers) {
   EXPECT_EQ(ParseDecimal("18446744073709551616"), UINT64_MAX);
   EXPECT_EQ(ParseSigned("-99999999999999999999"), INT64_MIN);
   EXPECT_EQ(ParseSigned("9223372036854775808"), INT64_MAX);
+}
+
+TEST(TextTest, CopiesOfNothingAreNone) {
+  EXPECT_EQ(Duplicate("a"), "a");
+  EXPECT_EQ(Duplicate(nullptr), std::nullopt);
 }
 
 TEST(TextTest, FieldsAreCountedFromNought) {
