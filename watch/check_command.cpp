@@ -26,7 +26,6 @@ namespace {
 
 constexpr std::array kPlaceholders = {kUpnPlaceholder, kUserNamePlaceholder, kDomainPlaceholder,
                                       kSubjectPlaceholder, kSerialPlaceholder};
-constexpr std::array<std::string_view, 3> kSetOptions = {"-match", "-registry", "-config"};
 constexpr std::array<std::string_view, 10> kShellWords = {"|",  "||", "&",  "&&",   ";",
                                                           ">>", "<",  "2>", "2>&1", "&>"};
 constexpr std::array<std::string_view, 6> kShells = {"sh", "bash", "dash", "zsh", "ksh", "ash"};
@@ -313,13 +312,13 @@ class CommandCheck {
   void CheckSet(std::string_view text) {
     for (const std::string& word : runtime::SplitArguments("", text)) {
       if (!word.starts_with('-')) continue;
-      if (std::ranges::any_of(kSetOptions, [&word](std::string_view option) {
+      if (std::ranges::any_of(kCommandOptions, [&word](std::string_view option) {
             return runtime::EqualsNoCase(option, word);
           })) {
         continue;
       }
       Add("'set' knows no option " + Quoted(word),
-          MeantName(word, kSetOptions, "-config FILE or -match TEXT is meant"));
+          MeantName(word, kCommandOptions, "-config FILE or -match TEXT is meant"));
     }
     const SetOptions options = ParseSetOptions(text);
     if (!options.config.empty()) return CheckTargetFile(options.config);
