@@ -16,8 +16,6 @@ namespace qixx::pkcs11 {
 namespace {
 
 constexpr std::string_view kVirtualDescription = "Virtual Slot";
-/// Card readers have slots up to here; the suite's own lie above.
-constexpr CK_SLOT_ID kLastReaderSlot = 99;
 constexpr CK_SLOT_ID kLastGroupedSlot = 96;
 constexpr CK_SLOT_ID kGroupSize = 3;
 

@@ -23,6 +23,8 @@
 
 namespace qixx::pkcs11 {
 
+/// Card readers have slots up to here; the suite's own lie above.
+inline constexpr CK_SLOT_ID kLastReaderSlot = 99;
 /// A collection holds no more certificates.
 inline constexpr std::size_t kMaxCertificates = 128;
 /// The longest value of a token variable unless the caller takes more, in bytes.

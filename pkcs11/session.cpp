@@ -23,12 +23,13 @@ std::vector<CK_SLOT_ID> ListTokenSlots() {
   return slots;
 }
 
-std::optional<Session> Session::Open(CK_SLOT_ID slot) {
+std::optional<Session> Session::Open(CK_SLOT_ID slot, CK_RV* refusal) {
   CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
   const CK_RV result =
       Pkcs11().OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &handle);
-  if (result != CKR_OK) return std::nullopt;
-  return Session(handle);
+  if (result == CKR_OK) return Session(handle);
+  if (refusal != nullptr) *refusal = result;
+  return std::nullopt;
 }
 
 Session::Session(Session&& other) noexcept

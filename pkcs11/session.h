@@ -19,8 +19,8 @@ namespace qixx::pkcs11 {
 /// An open session, closed with its owner.
 class Session {
  public:
-  /// Opens a read-write session; nothing when the library refuses.
-  [[nodiscard]] static std::optional<Session> Open(CK_SLOT_ID slot);
+  /// Opens a read-write session; nothing when the library refuses, by the answer in `refusal`.
+  [[nodiscard]] static std::optional<Session> Open(CK_SLOT_ID slot, CK_RV* refusal = nullptr);
   ~Session();
   Session(Session&& other) noexcept;
   Session& operator=(Session&&) = delete;

@@ -79,6 +79,7 @@ struct PeopleRow {
 /// The words for people, as the first argument.
 inline constexpr std::array kPeopleOptions = {
     PeopleRow{"--check", "", "[FILE...]", "say what is wrong with the configuration"},
+    PeopleRow{"--list", "", "[--json]", "show files, library, readers, cards and values"},
     PeopleRow{"--help", "-h", "", "print this text"},
     PeopleRow{"--version", "-V", "", "print the version"},
 };

@@ -7,12 +7,16 @@
 
 #include "runtime/text.h"
 #include "watch/check.h"
+#include "watch/list.h"
+#include "watch/list_json.h"
+#include "watch/list_text.h"
 #include "watch/option_table.h"
 
 namespace qixx::watch {
 namespace {
 
 constexpr std::size_t kHelpColumn = 26;
+constexpr std::string_view kJsonWord = "--json";
 
 void AppendRow(std::string& text, std::string usage, std::string_view help) {
   usage.insert(0, "  ");
@@ -48,6 +52,15 @@ int Check(const std::vector<std::string>& files) {
   const CheckResult result = CheckConfiguration(files);
   std::fputs(result.errors.c_str(), stderr);
   return Print(result.output) ? result.exitCode : kExitUnable;
+}
+
+int List(const std::vector<std::string>& words, std::string_view version) {
+  const bool asJson = !words.empty() && words.front() == kJsonWord;
+  if (words.size() > (asJson ? 1U : 0U)) return Refuse(words[asJson ? 1 : 0]);
+  const Listing listing = CollectListing();
+  std::fputs(LibraryFault(listing.library).c_str(), stderr);
+  if (!Print(asJson ? JsonOf(listing, version) : TextOf(listing))) return kExitUnable;
+  return listing.library.Answers() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 const PeopleRow* FindRow(std::string_view word) {
@@ -93,7 +106,9 @@ std::optional<int> AnswerPeople(int argc, const char* const* argv, std::string_v
     if (word.starts_with("--")) return Refuse(word);
     return std::nullopt;
   }
-  if (row->name == "--check") return Check({argv + 2, argv + argc});
+  const std::vector<std::string> words(argv + 2, argv + argc);
+  if (row->name == "--check") return Check(words);
+  if (row->name == "--list") return List(words, version);
   const std::string text =
       row->name == "--help" ? HelpText() : "qixxwatch " + std::string(version) + "\n";
   return Print(text) ? EXIT_SUCCESS : kExitUnable;

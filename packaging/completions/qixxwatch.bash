@@ -7,6 +7,9 @@ _qixxwatch() {
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       compopt -o filenames 2>/dev/null
       return ;;
+    --list)
+      COMPREPLY=(--json)
+      return ;;
     -simulate)
       COMPREPLY=("'\"insert\"'" "'\"remove\"'")
       return ;;
@@ -19,7 +22,7 @@ _qixxwatch() {
   esac
   if [[ $current == -* || -z $current ]]; then
     mapfile -t COMPREPLY < <(compgen -W '-match -wait -message -hide -sync -term -recognized -simulate
-      -p -c -a -w -n --check --help --version config' -- "$current")
+      -p -c -a -w -n --check --list --help --version config' -- "$current")
   else
     mapfile -t COMPREPLY < <(compgen -W config -- "$current"; compgen -c -- "$current")
   fi

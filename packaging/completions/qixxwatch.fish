@@ -9,6 +9,8 @@ end
 
 complete -c qixxwatch -f
 complete -c qixxwatch -n __fish_is_first_arg -l check -r -F -d 'Say what is wrong with the configuration'
+complete -c qixxwatch -n __fish_is_first_arg -l list -d 'Show files, library, readers, cards and values'
+complete -c qixxwatch -n 'test (commandline -opc)[-1] = --list' -l json -d 'Show it for programs'
 complete -c qixxwatch -n __fish_is_first_arg -l help -d 'Print a short text'
 complete -c qixxwatch -n __fish_is_first_arg -l version -d 'Print the version'
 complete -c qixxwatch -a config -d 'Watch a section of the configuration'

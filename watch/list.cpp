@@ -1,0 +1,127 @@
+#include "watch/list.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "config/store.h"
+#include "runtime/descriptor.h"
+#include "runtime/product.h"
+#include "runtime/secrets.h"
+#include "watch/configuration.h"
+#include "watch/list_library.h"
+#include "watch/options.h"
+#include "watch/settings.h"
+#include "watch/watch_main.h"
+
+namespace qixx::watch {
+namespace {
+
+FileReason ReasonOf(config::PathOrigin origin) {
+  switch (origin) {
+    case config::PathOrigin::kEnvironment:
+      return FileReason::kEnvironment;
+    case config::PathOrigin::kHome:
+      return FileReason::kHome;
+    case config::PathOrigin::kPerUserInstall:
+      return FileReason::kPerUserInstall;
+    case config::PathOrigin::kCurrentDirectory:
+      return FileReason::kCurrentDirectory;
+    case config::PathOrigin::kSystemDirectory:
+    case config::PathOrigin::kBuiltIn:
+      break;
+  }
+  return FileReason::kDefault;
+}
+
+/// By an open of its own: the configuration makes an empty text of whatever it cannot read.
+ListedFile LookAtFile(FileRole role, std::string path, FileReason reason) {
+  ListedFile file{role, std::move(path), reason, FileState::kUnreadable, {}};
+  errno = 0;
+  const runtime::Descriptor opened = runtime::OpenRegular(file.path, O_RDONLY);
+  if (!opened.IsOpen()) {
+    if (errno == ENOENT) {
+      file.state = FileState::kMissing;
+    } else {
+      file.fault = errno == 0 ? "it is no regular file" : std::strerror(errno);
+    }
+    return file;
+  }
+  config::CConfig config;
+  const bool isOpen = config.OpenItem(false, file.path) == config::ConfigResult::kOk;
+  if (isOpen && config.HasText()) {
+    file.state = FileState::kRead;
+  } else if (runtime::StatusOf(opened).st_size == 0) {
+    file.state = FileState::kEmpty;
+  } else {
+    file.fault = "it is too large, or holds no text";
+  }
+  return file;
+}
+
+std::vector<ListedFile> CollectFiles() {
+  std::vector<ListedFile> files;
+  const std::optional<config::ConfigPath> system = config::CConfig::LocateGlobal();
+  const std::optional<config::ConfigPath> user = config::CConfig::LocateLocal();
+  if (system) {
+    files.push_back(LookAtFile(FileRole::kSystem, system->path, ReasonOf(system->origin)));
+  }
+  if (user) files.push_back(LookAtFile(FileRole::kUser, user->path, ReasonOf(user->origin)));
+  if (const std::optional<std::string> path = LocalConfigurationPath()) {
+    files.push_back(LookAtFile(FileRole::kProgram, *path, FileReason::kBesideProgram));
+  }
+  return files;
+}
+
+std::optional<ListedCommand> CollectCommand() {
+  ListedCommand command;
+  if (std::optional<std::string> local = ReadLocalWatchCommand()) {
+    command = {*std::move(local), CommandSource::kProgramFile, {}};
+  } else {
+    config::CConfig config;
+    if (config.OpenDefault(false) != config::ConfigResult::kOk) return std::nullopt;
+    std::optional<config::ConfigValue> value =
+        config.GetString(kCommandSection, kWatchEntry, kMaxCommandLine);
+    if (!value || value->text.empty()) return std::nullopt;
+    const bool fromFile = value->origin == config::ConfigOrigin::kFile;
+    command = {std::move(value->text),
+               fromFile ? CommandSource::kSystemFile : CommandSource::kEnvironment,
+               {}};
+  }
+  CWatchOptions record;
+  ParseWatchOptions(command.text, record);
+  command.match = std::move(record.match);
+  command.text = runtime::MaskSecrets(command.text);
+  return command;
+}
+
+/// A library that reads the suite's configuration, as the bridge does, would make the user's
+/// directory and a trace of its own. The environment comes before every file.
+void KeepLibraryFromWriting() {
+  const std::string prefix(runtime::Product().prefix);
+  const std::optional<config::ConfigPath> user = config::CConfig::LocateLocal();
+  if (user && user->origin == config::PathOrigin::kHome) {
+    ::setenv((prefix + "configlocal").c_str(), user->path.c_str(), 1);
+  }
+  for (const char* const entry : {"bridge", "File"}) {
+    ::setenv((prefix + ":Trace:" + entry).c_str(), "", 1);
+  }
+}
+
+}  // namespace
+
+Listing CollectListing() {
+  runtime::InitProductIdentity();
+  ConnectRuntimeSettings();
+  Listing listing;
+  listing.files = CollectFiles();
+  listing.command = CollectCommand();
+  KeepLibraryFromWriting();
+  ListLibrary(listing.command ? listing.command->match : std::string(), listing);
+  return listing;
+}
+
+}  // namespace qixx::watch

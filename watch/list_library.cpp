@@ -1,0 +1,266 @@
+#include "watch/list_library.h"
+
+#include <algorithm>
+#include <array>
+#include <span>
+#include <utility>
+
+#include "der/logon_values.h"
+#include "der/matching.h"
+#include "pkcs11/certificate_objects.h"
+#include "pkcs11/reader.h"
+#include "pkcs11/session.h"
+#include "pkcs11/wrapper.h"
+#include "runtime/product.h"
+#include "runtime/text.h"
+#include "watch/card_reader.h"
+#include "watch/credentials.h"
+#include "watch/event_table.h"
+#include "watch/guard.h"
+#include "watch/placeholders.h"
+
+namespace qixx::watch {
+namespace {
+
+using pkcs11::CHelperPkcs11;
+using pkcs11::Pkcs11;
+
+/// More slots, and more objects of a card, are not looked at, whatever a library says.
+constexpr CK_ULONG kMostSlots = 4096;
+constexpr std::size_t kMostObjects = 4096;
+
+/// A fixed text of the library's, padded with blanks.
+template <typename Character, std::size_t kSize>
+std::string PaddedText(const Character (&text)[kSize]) {
+  const std::string_view view(reinterpret_cast<const char*>(text), kSize);
+  return std::string(runtime::DropTrailingBlanks(runtime::UpToZero(view)));
+}
+
+/// Asks the library, and notes what fails.
+class Asking {
+ public:
+  explicit Asking(Listing& listing) : listing_(listing), card_(SystemCardReader()) {}
+
+  void Initialise() {
+    ListedLibrary& library = listing_.library;
+    library.name = runtime::Product().pkcs11Library;
+    library.result = Pkcs11().Initialize(nullptr);
+    library.modules = runtime::LibrariesDefining("C_GetFunctionList");
+    if (!library.modules.empty()) {
+      library.file = std::move(library.modules.front());
+      library.modules.erase(library.modules.begin());
+      Worked("C_Initialize", std::nullopt, library.result);
+    } else if (const auto found = runtime::LoadLibrarySearch(library.name, &library.tried)) {
+      library.tried.push_back({found->path, "C_GetFunctionList is missing, or fails"});
+    }
+    // The installation's directory may be that of all libraries.
+    const auto isSamePlace = [](const auto& a, const auto& b) { return a.path == b.path; };
+    library.tried.erase(std::unique(library.tried.begin(), library.tried.end(), isSamePlace),
+                        library.tried.end());
+  }
+  /// The library is finalised whatever happens.
+  void AskForEverything(const std::string& match) {
+    const AtExit finalise([this] { finalised_ = Pkcs11().Finalize(nullptr); });
+    AskForVersion();
+    AskForReaders();
+    const std::vector<der::CertificatePtr> certificates = card_.CollectCertificates();
+    const CredentialMatch wanted = SelectionMatch(match);
+    const std::optional<Selection> selection = SelectCertificate(certificates, wanted);
+    const std::vector<Verdict> verdicts = JudgeCertificates(certificates, wanted, selection);
+    for (std::size_t i = 0; i < certificates.size(); ++i) {
+      AddCertificate(*certificates[i], verdicts[i]);
+    }
+    for (const ListedCard& card : listing_.cards) LookAtObjects(card.slot, certificates);
+    listing_.hasMatchingCard = IsMatchingCardPresent(card_, match);
+    AddPlaceholders(match);
+  }
+  void NoteEnd() { Worked("C_Finalize", std::nullopt, finalised_); }
+
+ private:
+  bool Worked(const char* call, std::optional<CK_SLOT_ID> slot, std::optional<CK_RV> result) {
+    if (result == CKR_OK) return true;
+    listing_.failures.push_back({call, slot, result});
+    return false;
+  }
+
+  void AskForVersion() {
+    CK_INFO info = {};
+    if (!Worked("C_GetInfo", std::nullopt, Pkcs11().GetInfo(&info))) return;
+    listing_.library.version =
+        ListedVersion{PaddedText(info.manufacturerID), PaddedText(info.libraryDescription),
+                      info.libraryVersion, info.cryptokiVersion};
+  }
+
+  std::vector<CK_SLOT_ID> AskForSlots(CK_BBOOL withToken) {
+    CK_ULONG count = 0;
+    CK_RV result = Pkcs11().GetSlotList(withToken, nullptr, &count);
+    if (!Worked("C_GetSlotList", std::nullopt, result)) return {};
+    std::vector<CK_SLOT_ID> slots(std::min(count, kMostSlots));
+    count = slots.size();
+    result = slots.empty() ? CKR_OK : Pkcs11().GetSlotList(withToken, slots.data(), &count);
+    if (!Worked("C_GetSlotList", std::nullopt, result)) return {};
+    slots.resize(std::min<std::size_t>(count, slots.size()));
+    return slots;
+  }
+
+  void AskForReaders() {
+    const std::vector<CK_SLOT_ID> slots = AskForSlots(CK_FALSE);
+    withToken_ = AskForSlots(CK_TRUE);
+    for (const CK_SLOT_ID slot : slots) {
+      ListedReader reader = AskForReader(slot);
+      if (reader.counting == Counting::kYes && reader.hasCard && !IsListed(slot)) {
+        reader.counting = Counting::kWithheld;
+      }
+      if (reader.hasCard) AskForCard(slot);
+      listing_.readers.push_back(std::move(reader));
+    }
+  }
+
+  [[nodiscard]] bool IsListed(CK_SLOT_ID slot) const {
+    return std::ranges::find(withToken_, slot) != withToken_.end();
+  }
+
+  ListedReader AskForReader(CK_SLOT_ID slot) {
+    ListedReader reader;
+    reader.slot = slot;
+    if (slot == kNoSlot) reader.counting = Counting::kNoSlot;
+    if (CHelperPkcs11::NormalizeSlotId(slot) != slot) reader.counting = Counting::kSecondary;
+    CK_SLOT_INFO info = {};
+    reader.isKnown = Worked("C_GetSlotInfo", slot, Pkcs11().GetSlotInfo(slot, &info));
+    if (!reader.isKnown) return reader;
+    reader.description = PaddedText(info.slotDescription);
+    reader.manufacturer = PaddedText(info.manufacturerID);
+    reader.isRemovable = (info.flags & CKF_REMOVABLE_DEVICE) != 0;
+    reader.hasCard = (info.flags & CKF_TOKEN_PRESENT) != 0;
+    return reader;
+  }
+
+  void AskForCard(CK_SLOT_ID slot) {
+    ListedCard card;
+    card.slot = slot;
+    CK_TOKEN_INFO info = {};
+    if (Worked("C_GetTokenInfo", slot, Pkcs11().GetTokenInfo(slot, &info))) {
+      card.label = PaddedText(info.label);
+      card.manufacturer = PaddedText(info.manufacturerID);
+      card.model = PaddedText(info.model);
+      card.serial = PaddedText(info.serialNumber);
+      card.flags = info.flags;
+    }
+    listing_.cards.push_back(std::move(card));
+  }
+
+  // --- certificates ---
+
+  void AddCertificate(const der::CertificateHolder& holder, Verdict verdict) {
+    const der::CDerCert& certificate = holder.certificate;
+    der::Validity validity = certificate.GetValidity();
+    listing_.certificates.push_back({.slot = holder.rawSlot,
+                                     .label = {},
+                                     .subject = std::string(certificate.SubjectText()),
+                                     .issuer = std::string(certificate.IssuerText()),
+                                     .upn = der::GetPrincipalName(holder, false).value_or(""),
+                                     .email = der::GetPrincipalName(holder, true).value_or(""),
+                                     .serial = runtime::HexEncode(der::GetSerialNumber(holder)),
+                                     .usages = der::GetKeyUsages(certificate),
+                                     .purposes = der::GetExtendedKeyUsages(holder),
+                                     .notBefore = std::move(validity.notBefore),
+                                     .notAfter = std::move(validity.notAfter),
+                                     .isExpired = certificate.IsExpired(),
+                                     .verdict = verdict});
+  }
+
+  /// Reads the card's certificate objects as the collection does, one by one, for their labels and
+  /// for those that did not come into it.
+  void LookAtObjects(CK_SLOT_ID slot, std::span<const der::CertificatePtr> certificates) {
+    CK_RV refusal = CKR_OK;
+    const std::optional<pkcs11::Session> session = pkcs11::Session::Open(slot, &refusal);
+    if (!Worked("C_OpenSession", slot, refusal) || !session) return;
+    for (const CK_OBJECT_HANDLE handle : FindCertificates(*session, slot)) {
+      pkcs11::CertificateObject object;
+      if (object.Read(*session, handle, slot <= pkcs11::kLastReaderSlot)) {
+        MatchObject(slot, object, certificates);
+      } else {
+        listing_.omitted.push_back({slot, {}, Omission::kUnreadable});
+      }
+    }
+  }
+
+  std::vector<CK_OBJECT_HANDLE> FindCertificates(const pkcs11::Session& session, CK_SLOT_ID slot) {
+    CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
+    CK_CERTIFICATE_TYPE type = CKC_X_509;
+    CK_BBOOL onToken = CK_TRUE;
+    std::array<CK_ATTRIBUTE, 3> wanted = {{pkcs11::AttributeOf(CKA_CLASS, objectClass),
+                                           pkcs11::AttributeOf(CKA_CERTIFICATE_TYPE, type),
+                                           pkcs11::AttributeOf(CKA_TOKEN, onToken)}};
+    std::vector<CK_OBJECT_HANDLE> handles;
+    pkcs11::ObjectSearch search(session, wanted);
+    while (handles.size() < kMostObjects) {
+      const pkcs11::FoundObject found = search.Next();
+      if (found.result == pkcs11::SearchResult::kObject) {
+        handles.push_back(found.object);
+        continue;
+      }
+      if (found.result == pkcs11::SearchResult::kFailure) {
+        Worked("C_FindObjects", slot, std::nullopt);
+        search.Abandon();
+      }
+      break;
+    }
+    return handles;
+  }
+
+  void MatchObject(CK_SLOT_ID slot, const pkcs11::CertificateObject& object,
+                   std::span<const der::CertificatePtr> certificates) {
+    std::string label(object.Label());
+    const der::CertificatePtr loaded = der::LoadCertificate(object.Value());
+    const auto same = [&loaded](const der::CertificatePtr& other) {
+      return loaded != nullptr && der::IsSameCertificate(*loaded, *other);
+    };
+    const auto known = std::ranges::find_if(certificates, same);
+    if (known == certificates.end()) {
+      const Omission reason = IsListed(slot) ? Omission::kNoCertificate : Omission::kWithheld;
+      listing_.omitted.push_back({slot, std::move(label), reason});
+    } else if ((*known)->rawSlot != slot) {
+      listing_.omitted.push_back({slot, std::move(label), Omission::kSameAsAnother});
+    } else {
+      const auto index = static_cast<std::size_t>(known - certificates.begin());
+      listing_.certificates[index].label = std::move(label);
+    }
+  }
+
+  // --- placeholders ---
+
+  void AddPlaceholders(const std::string& match) {
+    const std::optional<LogonValues> values = FindLogonCredential(card_, match, kNoSlot);
+    for (const std::string_view name : {kUpnPlaceholder, kUserNamePlaceholder, kDomainPlaceholder,
+                                        kSubjectPlaceholder, kSerialPlaceholder}) {
+      AddPlaceholder(std::string(name), values);
+    }
+    if (!values) return;
+    for (const SubjectPlaceholder& component : SubjectPlaceholders(values->subject)) {
+      AddPlaceholder(component.name, values);
+    }
+  }
+  void AddPlaceholder(const std::string& name, const std::optional<LogonValues>& values) {
+    ListedPlaceholder placeholder{name, name, values.has_value()};
+    if (values) placeholder.value = ReplaceLogonPlaceholders(*values, name, kMaxInsertEntry);
+    listing_.placeholders.push_back(std::move(placeholder));
+  }
+
+  Listing& listing_;
+  CardReader& card_;
+  std::vector<CK_SLOT_ID> withToken_;  ///< as the library lists them
+  CK_RV finalised_ = CKR_OK;
+};
+
+}  // namespace
+
+void ListLibrary(const std::string& match, Listing& listing) {
+  Asking asking(listing);
+  asking.Initialise();
+  if (!listing.library.Answers()) return;
+  asking.AskForEverything(match);
+  asking.NoteEnd();
+}
+
+}  // namespace qixx::watch

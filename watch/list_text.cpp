@@ -1,0 +1,323 @@
+#include "watch/list_text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <optional>
+
+#include "pkcs11/result_names.h"
+#include "runtime/text.h"
+#include "watch/card_text.h"
+#include "watch/list_names.h"
+
+namespace qixx::watch {
+namespace {
+
+constexpr std::size_t kLineWidth = 79;
+/// Where the names of values begin, and their values.
+constexpr std::size_t kNameColumn = 4;
+constexpr std::size_t kValueColumn = 20;
+
+/// The characters of a text as they are shown, each by itself.
+std::vector<std::string> Shown(std::string_view text) {
+  std::vector<std::string> shown;
+  while (!text.empty()) {
+    const std::string_view before = text;
+    const std::optional<char32_t> character = runtime::TakeUtf8(text);
+    char escape[16];
+    if (!character) {
+      std::snprintf(escape, sizeof escape, "\\x%02x", static_cast<unsigned char>(before[0]));
+      shown.emplace_back(escape);
+    } else if (Misleads(*character)) {
+      const char* const format = *character < 0x100 ? "\\x%02x" : "\\u%04x";
+      std::snprintf(escape, sizeof escape, format, static_cast<unsigned>(*character));
+      shown.emplace_back(escape);
+    } else {
+      shown.emplace_back(before.substr(0, before.size() - text.size()));
+    }
+  }
+  return shown;
+}
+
+class TextWriter {
+ public:
+  void Title(std::string_view title) {
+    if (!text_.empty()) text_ += '\n';
+    text_.append(title).append(1, '\n');
+  }
+  /// A line that begins something within a title.
+  void Head(std::string_view head) { Value(std::string(2, ' '), 2, head); }
+  /// Left out when it is empty.
+  void Line(std::string_view name, std::string_view value) {
+    if (value.empty()) return;
+    std::string begin = std::string(kNameColumn, ' ').append(name).append(1, ' ');
+    if (begin.size() < kValueColumn) begin.resize(kValueColumn, ' ');
+    Value(begin, kValueColumn, value);
+  }
+  [[nodiscard]] std::string Take() { return std::move(text_); }
+
+ private:
+  void Value(const std::string& begin, std::size_t column, std::string_view value) {
+    text_ += begin;
+    std::size_t width = begin.size();
+    for (const std::string& character : Shown(value)) {
+      const bool isEscape = character.size() > 1 && character[0] == '\\';
+      const std::size_t added = isEscape ? character.size() : 1;
+      if (width + added > kLineWidth) {
+        text_.append(1, '\n').append(column, ' ');
+        width = column;
+      }
+      text_ += character;
+      width += added;
+    }
+    text_ += '\n';
+  }
+
+  std::string text_;
+};
+
+// --- sentences ----------------------------------------------------------------------------------
+
+std::string_view SentenceOf(FileRole role) {
+  switch (role) {
+    case FileRole::kSystem:
+      return "the system's";
+    case FileRole::kUser:
+      return "the user's";
+    case FileRole::kProgram:
+      return "the program's own";
+  }
+  return {};
+}
+
+std::string_view SentenceOf(FileReason reason) {
+  switch (reason) {
+    case FileReason::kEnvironment:
+      return "an environment variable names it";
+    case FileReason::kHome:
+      return "its usual place in the home directory";
+    case FileReason::kPerUserInstall:
+      return "a per-user installation: ~/.qix/lib exists";
+    case FileReason::kDefault:
+      return "its usual place";
+    case FileReason::kCurrentDirectory:
+      return "the last resort, in the current directory";
+    case FileReason::kBesideProgram:
+      return "beside the program";
+  }
+  return {};
+}
+
+std::string_view SentenceOf(Counting counting) {
+  switch (counting) {
+    case Counting::kYes:
+      return "its events count";
+    case Counting::kNoSlot:
+      return "does not count: 0 stands for no slot";
+    case Counting::kSecondary:
+      return "does not count: another slot of the same reader";
+    case Counting::kWithheld:
+      return "does not count: left out by the library";
+  }
+  return {};
+}
+
+std::string_view SentenceOf(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::kTaken:
+      return "TAKEN";
+    case Verdict::kBehindTaken:
+      return "not taken: would do, but another one comes first";
+    case Verdict::kSuperseded:
+      return "not taken: a like one is valid longer";
+    case Verdict::kNotMatching:
+      return "not taken: name or slot is not that of the match";
+    case Verdict::kNotForLogon:
+      return "not taken: not made for smart-card logon";
+    case Verdict::kWithoutName:
+      return "not taken: has no principal name";
+    case Verdict::kWithoutNames:
+      return "not taken: has neither principal name nor e-mail address";
+  }
+  return {};
+}
+
+std::string_view SentenceOf(Omission reason) {
+  switch (reason) {
+    case Omission::kWithheld:
+      return "left out by the library";
+    case Omission::kUnreadable:
+      return "not all attributes can be read that the service asks for";
+    case Omission::kNoCertificate:
+      return "it is no certificate, or one too many";
+    case Omission::kSameAsAnother:
+      return "a card in another slot holds the same one";
+  }
+  return {};
+}
+
+std::string Joined(const std::vector<std::string>& texts) {
+  std::string joined;
+  for (const std::string& text : texts) joined.append(joined.empty() ? "" : ", ").append(text);
+  return joined;
+}
+
+std::string UsagesOf(const ListedCertificate& certificate) {
+  std::vector<std::string> names;
+  std::ranges::transform(certificate.usages, std::back_inserter(names), KeyUsageName);
+  for (const std::string& purpose : certificate.purposes) {
+    const std::string_view name = PurposeName(purpose);
+    names.emplace_back(name.empty() ? std::string_view(purpose) : name);
+  }
+  return Joined(names);
+}
+
+std::string SlotText(CK_SLOT_ID slot) {
+  return "slot " + std::to_string(slot);
+}
+
+// --- parts --------------------------------------------------------------------------------------
+
+void WriteConfiguration(TextWriter& out, const Listing& listing) {
+  out.Title("Configuration files");
+  for (const ListedFile& file : listing.files) {
+    out.Head(file.path);
+    out.Line("file",
+             std::string(SentenceOf(file.role)) + ", " + std::string(SentenceOf(file.reason)));
+    out.Line("state", NameOf(file.state));
+    out.Line("because", file.fault);
+  }
+  out.Title("Watch command");
+  if (!listing.command) {
+    out.Head("none is configured");
+    return;
+  }
+  out.Head(listing.command->text);
+  switch (listing.command->source) {
+    case CommandSource::kProgramFile:
+      out.Line("from", "the program's own file");
+      break;
+    case CommandSource::kSystemFile:
+      out.Line("from", "the system's file");
+      break;
+    case CommandSource::kEnvironment:
+      out.Line("from", "the environment");
+      break;
+  }
+  out.Line("match", listing.command->match);
+}
+
+void WriteLibrary(TextWriter& out, const ListedLibrary& library) {
+  out.Title("Library");
+  out.Head(library.file.empty() ? library.name : library.file);
+  for (const std::string& module : library.modules) out.Line("module", module);
+  if (library.file.empty()) {
+    out.Line("state", "not found");
+  } else {
+    out.Line("state", library.Answers() ? "answers" : pkcs11::ResultName(library.result));
+  }
+  for (const runtime::FailedOpen& failed : library.tried) out.Line("tried", failed.path);
+  if (!library.version) return;
+  const ListedVersion& version = *library.version;
+  out.Line("manufacturer", version.manufacturer);
+  out.Line("description", version.description);
+  out.Line("version", VersionText(version.version) + ", PKCS#11 " + VersionText(version.cryptoki));
+}
+
+void WriteReaders(TextWriter& out, const Listing& listing) {
+  out.Title("Readers");
+  if (listing.readers.empty()) out.Head("none");
+  for (const ListedReader& reader : listing.readers) {
+    out.Head(SlotText(reader.slot) + ": " +
+             (reader.isKnown ? reader.description : "could not be asked"));
+    if (reader.isKnown) {
+      out.Line("kind", reader.isRemovable ? "removable" : "not removable");
+      out.Line("card", reader.hasCard ? "in" : "none");
+    }
+    out.Line("polling", SentenceOf(reader.counting));
+  }
+  out.Title("Cards");
+  if (listing.cards.empty()) out.Head("none");
+  for (const ListedCard& card : listing.cards) {
+    out.Head(SlotText(card.slot) + ": " + card.label);
+    out.Line("manufacturer", card.manufacturer);
+    out.Line("model", card.model);
+    out.Line("serial", card.serial);
+    out.Line("flags", Joined(TokenFlagNames(card.flags)));
+  }
+}
+
+void WriteCertificate(TextWriter& out, const ListedCertificate& certificate) {
+  out.Head(SlotText(certificate.slot) + ": " + certificate.label);
+  out.Line("verdict", SentenceOf(certificate.verdict));
+  out.Line("subject", certificate.subject);
+  out.Line("issuer", certificate.issuer);
+  out.Line("principal", certificate.upn.empty() ? "none" : certificate.upn);
+  out.Line("e-mail", certificate.email.empty() ? "none" : certificate.email);
+  out.Line("serial", certificate.serial);
+  out.Line("usages", UsagesOf(certificate));
+  out.Line("valid from", TimeText(certificate.notBefore));
+  out.Line("valid to", TimeText(certificate.notAfter) +
+                           (certificate.isExpired ? ": expired, which counts for nothing" : ""));
+}
+
+void WriteCertificates(TextWriter& out, const Listing& listing) {
+  out.Title("Certificates, in the service's order");
+  if (listing.certificates.empty()) out.Head("none");
+  for (const ListedCertificate& certificate : listing.certificates) {
+    WriteCertificate(out, certificate);
+  }
+  for (const OmittedObject& object : listing.omitted) {
+    out.Head(SlotText(object.slot) + ": " + object.label);
+    out.Line("not seen", SentenceOf(object.reason));
+  }
+}
+
+void WritePlaceholders(TextWriter& out, const Listing& listing) {
+  out.Title("Placeholders, as an insert command gets them");
+  if (!listing.hasMatchingCard) out.Head("No card has the name of the match: no command runs.");
+  for (const ListedPlaceholder& held : listing.placeholders) {
+    out.Line(held.name, held.isFilled ? "'" + held.value + "'" : "stays as it is");
+  }
+}
+
+void WriteFailures(TextWriter& out, const Listing& listing) {
+  if (listing.failures.empty()) return;
+  out.Title("Calls that failed");
+  for (const FailedCall& failed : listing.failures) {
+    const std::string slot = failed.slot ? ", " + SlotText(*failed.slot) : "";
+    out.Head(failed.call + slot + (failed.result ? ": " + pkcs11::ResultName(*failed.result) : ""));
+  }
+}
+
+}  // namespace
+
+std::string TextOf(const Listing& listing) {
+  TextWriter out;
+  WriteConfiguration(out, listing);
+  WriteLibrary(out, listing.library);
+  if (listing.library.Answers()) {
+    WriteReaders(out, listing);
+    WriteCertificates(out, listing);
+    WritePlaceholders(out, listing);
+  }
+  WriteFailures(out, listing);
+  return out.Take();
+}
+
+std::string LibraryFault(const ListedLibrary& library) {
+  if (library.Answers()) return {};
+  if (!library.file.empty()) {
+    return "qixxwatch: " + library.file + " does not start: C_Initialize answers " +
+           pkcs11::ResultName(library.result) + "\n";
+  }
+  std::string fault = "qixxwatch: " + library.name + " could not be loaded:\n";
+  for (const runtime::FailedOpen& failed : library.tried) {
+    // The loader's words mostly begin with the path.
+    const bool namesPath = failed.reason.starts_with(failed.path);
+    fault.append("  ").append(namesPath ? "" : failed.path + ": ").append(failed.reason);
+    fault += '\n';
+  }
+  return fault;
+}
+
+}  // namespace qixx::watch
