@@ -137,7 +137,7 @@ void TraceRefusal(const std::string& path, const char* reason) {
 }
 
 bool HasOneName(const Descriptor& file, const std::string& path) {
-  if (StatusOf(file).st_nlink == 1) return true;
+  if (StatusOf(file).st_nlink <= 1) return true;
   TraceRefusal(path, "a file with a second name");
   return false;
 }

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -91,17 +92,32 @@ void RemoveLeftOver(int folder, const char* name) {
   ::unlinkat(folder, name, 0);
 }
 
-/// Gives a new file the permissions and, where that is allowed, the owner and the group in `like`.
-/// A process without privileges cannot give a file away, but to any group of its own. Another group
-/// than the old one gets no more than everybody has.
-bool TakeOver(const Descriptor& file, const struct stat& like) {
+/// Gives a new file the access list of another one, or none as well. False when it did not take it.
+bool TakeAccessList(const Descriptor& file, const Descriptor& like) {
+  constexpr const char* kAccessList = "system.posix_acl_access";
+  constexpr std::size_t kLongest = 4096;
+  char list[kLongest];
+  const ssize_t length = ::fgetxattr(like.Get(), kAccessList, list, sizeof list);
+  if (length >= 0) {
+    return ::fsetxattr(file.Get(), kAccessList, list, static_cast<std::size_t>(length), 0) == 0;
+  }
+  const bool tooLong = errno == ERANGE;
+  // The folder may have given it one.
+  static_cast<void>(::fremovexattr(file.Get(), kAccessList));
+  return !tooLong;
+}
+
+/// Gives a new file the permissions and, where that is allowed, the owner and the group of another
+/// one. A process without privileges cannot give a file away, but to any group of its own. Another
+/// group, or one whose rights an access list no longer says, gets no more than everybody has.
+bool TakeOver(const Descriptor& file, const Descriptor& like) {
   constexpr auto kUnchanged = static_cast<uid_t>(-1);
   constexpr mode_t kGroup = S_IRWXG;
-  mode_t mode = like.st_mode & kPermissions;
-  if (::fchown(file.Get(), like.st_uid, like.st_gid) != 0 &&
-      ::fchown(file.Get(), kUnchanged, like.st_gid) != 0) {
-    mode &= ~kGroup | (mode & S_IRWXO) << 3;
-  }
+  const struct stat status = StatusOf(like);
+  mode_t mode = status.st_mode & kPermissions;
+  const bool sameGroup = ::fchown(file.Get(), status.st_uid, status.st_gid) == 0 ||
+                         ::fchown(file.Get(), kUnchanged, status.st_gid) == 0;
+  if (!sameGroup || !TakeAccessList(file, like)) mode &= ~kGroup | (mode & S_IRWXO) << 3;
   return ::fchmod(file.Get(), mode) == 0;
 }
 
@@ -112,7 +128,7 @@ Outcome OutcomeOf(int error) {
   return refused ? Outcome::kRefused : Outcome::kFailed;
 }
 
-Outcome PutNewFile(const FilePlace& place, std::string_view text, const struct stat& like) {
+Outcome PutNewFile(const FilePlace& place, std::string_view text, const Descriptor& like) {
   const int folder = place.Folder();
   RemoveLeftOvers(place);
   Temporary made(folder);
@@ -184,7 +200,7 @@ void RemoveLeftOvers(const FilePlace& place) {
 }
 
 bool ReplaceFile(const FilePlace& place, const Descriptor& old, std::string_view text) {
-  Outcome outcome = PutNewFile(place, text, StatusOf(old));
+  Outcome outcome = PutNewFile(place, text, old);
   if (outcome == Outcome::kRefused && HasOneName(old, place.Path())) {
     TraceWrite("Helper - Write '%s' in place, its folder takes no new file", place.Path().c_str());
     outcome = WriteInPlace(old, text) ? Outcome::kDone : Outcome::kFailed;
@@ -192,7 +208,7 @@ bool ReplaceFile(const FilePlace& place, const Descriptor& old, std::string_view
   return Report(place, outcome == Outcome::kDone);
 }
 
-bool MakeFile(const FilePlace& place, std::string_view text, const struct stat& like) {
+bool MakeFile(const FilePlace& place, std::string_view text, const Descriptor& like) {
   return Report(place, PutNewFile(place, text, like) == Outcome::kDone);
 }
 

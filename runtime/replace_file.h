@@ -1,16 +1,14 @@
 // Giving a file a new content so that nobody ever sees half of it.
 //
 // The new content is a file of its own beside the old one, under a name that begins with
-// kTemporaryHead. It takes the old one's permissions and, where the system allows it, owner and
-// group, and takes its name when all of it is on the disk. Until then only the service's user can
-// open it. A left-over of a process that was killed on the way is removed at the next write into
-// that folder; one that somebody still writes is locked (flock) and so known.
+// kTemporaryHead. It takes the old one's permissions and, where the system allows it, owner, group
+// and access list, and takes its name when all of it is on the disk. Until then only the service's
+// user can open it. A left-over of a process that was killed on the way is removed at the next
+// write into that folder; one that somebody still writes is locked (flock) and so known.
 //
 // All operations may be called from any thread. Nothing is thrown and nothing is allocated, so a
 // destructor may write.
 #pragma once
-
-#include <sys/stat.h>
 
 #include <string_view>
 
@@ -29,9 +27,9 @@ inline constexpr std::string_view kTemporaryHead = ".qixxwatch-new-";
 [[nodiscard]] bool ReplaceFile(const FilePlace& place, const Descriptor& old,
                                std::string_view text);
 
-/// Makes a file of this content, with the permissions, owner and group in `like`. Whatever had the
-/// name is replaced, also a link. False, and traced, when there is no such file.
-[[nodiscard]] bool MakeFile(const FilePlace& place, std::string_view text, const struct stat& like);
+/// Makes a file of this content, with the permissions, owner and group of the open file `like`.
+/// Whatever had the name is replaced, also a link. False, and traced, when there is no such file.
+[[nodiscard]] bool MakeFile(const FilePlace& place, std::string_view text, const Descriptor& like);
 
 /// What both do first: removes the left-overs in the folder.
 void RemoveLeftOvers(const FilePlace& place);

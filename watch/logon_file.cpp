@@ -28,6 +28,8 @@ constexpr std::string_view kSavedCopySuffix = ".org";
 
 /// Each takes a walk over the text, which an endless one must not repeat for ever.
 constexpr std::size_t kMaxEntries = 1000;
+/// So many bytes may all these walks take together: about a second.
+constexpr std::size_t kMaxWalked = std::size_t{1} << 30;
 
 /// Section and key.
 using EntryName = std::pair<std::string, std::string>;
@@ -91,7 +93,10 @@ class EditedFile {
   [[nodiscard]] bool SaveOrRestore();
 
   [[nodiscard]] bool Set(std::string_view name, std::string_view value) {
-    return name.starts_with('%') ? SetPlaceholder(name, value) : SetKey(name, value);
+    if (name.starts_with('%') ? SetPlaceholder(name, value) : SetKey(name, value)) return true;
+    runtime::TraceWrite("Watch - Failed to set '%s' in '%s'", std::string(name).c_str(),
+                        path_.c_str());
+    return false;
   }
   /// Sets a value under all of its names; an absent one leaves what the text has.
   [[nodiscard]] bool SetIfPresent(std::initializer_list<std::string_view> names,
@@ -117,7 +122,8 @@ class EditedFile {
   FileScope scope_;
   runtime::FilePlace saved_;
   runtime::Descriptor file_;  ///< not open when the file is missing or may not be changed
-  struct stat status_;        ///< as the file was when it was opened; of a missing one, its copy's
+  runtime::Descriptor copy_;  ///< the saved one, once it was needed
+  struct stat status_;        ///< as the file was when it was opened
   std::string before_;        ///< what the file holds
   std::string text_;          ///< what it is to hold
   std::size_t limit_ = 0;     ///< for `text_`
@@ -142,24 +148,27 @@ bool EditedFile::SaveOrRestore() {
   if (scope_.File().named.IsMissing() && !saved_.IsMissing()) return Restore();
   // Read before the copy is looked for: where another service made that meanwhile, it counts.
   if (!Read()) return false;
-  return saved_.IsMissing() ? runtime::MakeFile(saved_, text_, status_) : Restore();
+  return saved_.IsMissing() ? runtime::MakeFile(saved_, text_, file_) : Restore();
 }
 
 bool EditedFile::Restore() {
-  const runtime::Descriptor copy = saved_.Open(O_RDONLY);
-  if (!copy.IsOpen()) {
+  copy_ = saved_.Open(O_RDONLY);
+  if (!copy_.IsOpen()) {
     runtime::TraceRefusal(saved_.Path(), "a link or no readable file");
     return false;
   }
-  const struct stat status = runtime::StatusOf(copy);
-  if (!file_.IsOpen()) status_ = status;
-  if (const char* const fault = FaultOfCopy(status, status_, StatusOfFolder(saved_))) {
-    runtime::TraceRefusal(saved_.Path(), fault);
+  // A missing file is made like its copy.
+  const struct stat status = runtime::StatusOf(copy_);
+  const struct stat file = file_.IsOpen() ? status_ : status;
+  const char* fault = FaultOfCopy(status, file, StatusOfFolder(saved_));
+  std::optional<std::string> text;
+  if (fault == nullptr) text = runtime::ReadToEnd(copy_, runtime::kMaxFileSize);
+  if (!text) {
+    runtime::TraceRefusal(saved_.Path(), fault != nullptr ? fault : "a file that cannot be read");
     return false;
   }
-  std::optional<std::string> text = runtime::ReadToEnd(copy, runtime::kMaxFileSize);
-  if (text) Take(std::move(*text));
-  return text.has_value();
+  Take(std::move(*text));
+  return true;
 }
 
 void EditedFile::Take(std::string text) {
@@ -176,7 +185,9 @@ bool EditedFile::SetPlaceholder(std::string_view name, std::string_view value) {
 bool EditedFile::SetKey(std::string_view name, std::string_view value) {
   config::CConfigFile config;
   if (config.OpenText(path_, text_) != config::ConfigResult::kOk) return false;
-  for (const auto& [section, key] : FindEntries(config, name)) {
+  const std::set<EntryName> entries = FindEntries(config, name);
+  if (entries.size() > kMaxWalked / (text_.size() + 1)) return false;
+  for (const auto& [section, key] : entries) {
     if (config.SetValue(section, key, value) != config::ConfigResult::kOk) return false;
   }
   if (std::optional<std::string> text = config.ChangedText()) text_ = std::move(*text);
@@ -184,7 +195,7 @@ bool EditedFile::SetKey(std::string_view name, std::string_view value) {
 }
 
 bool EditedFile::Write() {
-  if (!file_.IsOpen()) return runtime::MakeFile(scope_.File().real, text_, status_);
+  if (!file_.IsOpen()) return runtime::MakeFile(scope_.File().real, text_, copy_);
   if (text_ == before_) {
     runtime::RemoveLeftOvers(scope_.File().real);
     return true;

@@ -67,6 +67,19 @@ TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
   EXPECT_TRUE(desktop.Holds("logon.conf", "[User]\nUsername=\nDomain=\n" + rest));
 }
 
+TEST_F(Credentials, SetCommandThatCannotWriteEndsTheListAndRestoresWhenAsked) {
+  const std::string missing = desktop.Path("none.conf");
+  WriteLogon("[User]\nUsername=x\nCard=%SUBJECT%\n");
+  Watch("-sync", {set, "set -config " + missing, Echo("no", "said")},
+        {"set -config " + missing, "set -restore -config " + desktop.Path("logon.conf")});
+  NextCard({Certificate("ann.der")});
+  EXPECT_EQ(desktop.TraceCount("Watch - Set command ... FAILED"), 1U);
+  EXPECT_FALSE(Exists("said") || Exists("none.conf") || Exists("none.conf.org"));
+  RemoveLastCard();
+  EXPECT_TRUE(desktop.Holds("logon.conf", "[User]\nUsername=\nCard=\nDomain=\n"));
+  EXPECT_EQ(desktop.TraceCount("Watch - Set command ... OK"), 2U);
+}
+
 TEST_F(Credentials, KeywordFormFillsTheFileStartsItsProgramAndClearsTheFile) {
   WriteLogon("[User]\nUsername=x\nCard=%SUBJECT%\n");
   const std::string program = desktop.WriteProgram("echo \"$2\" > " + desktop.Path("ran.txt"));

@@ -6,10 +6,12 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 
 #include "runtime/replace_file.h"
@@ -94,6 +96,30 @@ TEST(WholeFiles, AnotherGroupGetsNoMoreThanEverybody) {
   EXPECT_TRUE(replace("newer"));
   EXPECT_EQ(fs::status(file).permissions(), fs::perms{0764});
   EXPECT_EQ(folder.Read("file"), "newer");
+}
+
+TEST(WholeFiles, AccessListStaysAndItsMaskIsNotTheGroups) {
+  // Everything for the owner, reading for user 1234, nothing for the group; the mask is to read.
+  struct Entry {
+    std::uint16_t tag, rights;
+    std::uint32_t id = 0xFFFFFFFF;
+  };
+  const struct {
+    std::uint32_t version = 2;
+    Entry entries[5] = {{1, 6}, {2, 4, 1234}, {4, 0}, {16, 4}, {32, 0}};
+  } list;
+  constexpr const char* kName = "system.posix_acl_access";
+  const TemporaryFolder folder;
+  const std::string path = folder.Write("file", "old");
+  if (::setxattr(path.c_str(), kName, &list, sizeof list, 0) != 0) {
+    GTEST_SKIP() << "NOT TESTED: the file system keeps no access lists";
+  }
+  const FilePlace place = FindFile(path).real;
+  EXPECT_TRUE(ReplaceFile(place, place.Open(O_RDWR), "new"));
+  char kept[sizeof list + 1] = "";
+  EXPECT_EQ(::getxattr(path.c_str(), kName, kept, sizeof kept), static_cast<ssize_t>(sizeof list));
+  EXPECT_EQ(std::memcmp(kept, &list, sizeof list), 0);
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms{0640});
 }
 
 TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {

@@ -214,6 +214,18 @@ TEST_F(LogonFile, WhatCannotBeSavedIsNotChanged) {
   EXPECT_EQ(fs::exists(folder.Path("none.conf")), false);
 }
 
+TEST_F(LogonFile, EndlessWalksThroughAHugeFileAreRefused) {
+  std::string old(33U << 20, ';');
+  for (int section = 0; section < 40; ++section) {
+    old += "\n[" + std::to_string(section) + "]\nUsername=\n";
+  }
+  folder.Write("a.conf", old);
+  const TraceCapture trace;
+  EXPECT_FALSE(Remove("-config " + file));
+  EXPECT_TRUE(trace.Has("Watch - Failed to set 'Username' in '" + file + "'"));
+  EXPECT_TRUE(Text() == old);
+}
+
 TEST_F(LogonFile, FullDiskChangesNothing) {
   const std::string old = kOriginal + std::string(5000, ';') + "\n";
   folder.Write("a.conf", old);
