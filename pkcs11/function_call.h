@@ -7,6 +7,13 @@
 
 namespace qixx::pkcs11 {
 
+using CallListener = void (*)();
+/// Has the listener called behind each call that came back, by the thread that called; null for
+/// none.
+void ListenToCalls(CallListener listener);
+/// Calls it.
+void NoteCall();
+
 /// A function of the library, ready to be called. The call gives what the function answers, or
 /// CKR_GENERAL_ERROR and a trace line when it does not come back but throws or ends its thread.
 template <typename Function>
@@ -17,7 +24,9 @@ class FunctionOf {
   template <typename... Arguments>
   CK_RV operator()(Arguments... arguments) const {
     CK_RV result = CKR_GENERAL_ERROR;
-    if (runtime::CallLibrary([&] { result = function_(arguments...); })) return result;
+    const bool returned = runtime::CallLibrary([&] { result = function_(arguments...); });
+    NoteCall();
+    if (returned) return result;
     runtime::TraceWrite("WrapperPkcs11 - Exception in %s", name_);
     return CKR_GENERAL_ERROR;
   }

@@ -1,6 +1,7 @@
 #include "pkcs11/wrapper.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <iterator>
@@ -35,6 +36,8 @@ constexpr ExtensionLookup kExtensionLookups[] = {
     {"C_GetVariable", offsetof(ExtensionSlots, C_GetVariable)},
 };
 
+constinit std::atomic<CallListener> callListener{nullptr};
+
 /// Constant-initialised, so that no other static object can come before it.
 constinit CWrapperPkcs11 processWrapper;
 
@@ -42,6 +45,15 @@ constinit CWrapperPkcs11 processWrapper;
 
 CWrapperPkcs11& Pkcs11() {
   return processWrapper;
+}
+
+void ListenToCalls(CallListener listener) {
+  callListener = listener;
+}
+
+void NoteCall() {
+  const CallListener listener = callListener;
+  if (listener != nullptr) listener();
 }
 
 CWrapperPkcs11::~CWrapperPkcs11() {

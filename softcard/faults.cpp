@@ -4,8 +4,10 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "softcard/files.h"
@@ -13,6 +15,9 @@
 
 namespace qixx::softcard {
 namespace {
+
+/// Between two looks whether a function is to come back.
+constexpr std::chrono::milliseconds kHangPause(20);
 
 std::vector<Setting> ReadOrders(const Descriptor& folder) {
   if (!folder.IsOpen()) return {};
@@ -48,11 +53,17 @@ std::optional<CK_RV> FaultOf(std::string_view function) {
 }
 
 void Misbehave(std::string_view function) {
-  const Descriptor folder(OpenFolder(SoftcardFolder()));
-  for (const Setting& order : ReadOrders(folder)) {
-    if (order.value != function) continue;
-    if (order.name == "throw") throw std::runtime_error(std::string(function));
-    if (order.name == "exit") ::pthread_exit(nullptr);
+  for (;;) {
+    bool hangs = false;
+    const Descriptor folder(OpenFolder(SoftcardFolder()));
+    for (const Setting& order : ReadOrders(folder)) {
+      if (order.value != function) continue;
+      if (order.name == "throw") throw std::runtime_error(std::string(function));
+      if (order.name == "exit") ::pthread_exit(nullptr);
+      hangs = hangs || order.name == "hang";
+    }
+    if (!hangs) return;
+    std::this_thread::sleep_for(kHangPause);
   }
 }
 

@@ -64,6 +64,11 @@ class Pkcs11CardReader final : public CardReader {
     slots.resize(std::min<std::size_t>(count, slots.size()));
     return slots;
   }
+  bool HasReader() override {
+    CK_ULONG count = 0;
+    const runtime::CriticalScope hold(&lock_);
+    return Pkcs11().GetSlotList(CK_FALSE, nullptr, &count) == CKR_OK && count != 0;
+  }
   bool ShowsToken(CK_SLOT_ID slot) override {
     const std::optional<CK_SLOT_INFO> info = SlotInfo(slot);
     return info && (info->flags & CKF_TOKEN_PRESENT) != 0;

@@ -58,6 +58,8 @@ class CardReader {
   /// The first card reader with a token, kNoSlot when there is none.
   virtual CK_SLOT_ID FindSlotWithToken() = 0;
   virtual std::vector<CK_SLOT_ID> SlotsWithToken() = 0;
+  /// Whether there is any slot, with or without a token.
+  virtual bool HasReader() = 0;
   virtual bool ShowsToken(CK_SLOT_ID slot) = 0;
   virtual bool IsTokenReadable(CK_SLOT_ID slot) = 0;
   virtual std::optional<SlotDescription> Description(CK_SLOT_ID slot) = 0;

@@ -15,6 +15,7 @@
 #include "watch/logon_file.h"
 #include "watch/placeholders.h"
 #include "watch/set_command.h"
+#include "watch/stop.h"
 #include "watch/terminate_list.h"
 
 namespace qixx::watch {
@@ -41,12 +42,14 @@ bool InsertDirect(const CWatchOptions& record, const WatchEvent& event, CardRead
   return ExecuteCommand(card, event, text);
 }
 
-bool InsertSection(const CWatchOptions& record, const WatchEvent& event, CardReader& card) {
+bool InsertSection(const CWatchOptions& record, const WatchEvent& event, const Platform& platform) {
+  CardReader& card = platform.card;
   const std::optional<std::string> section = BuildEventSection(event.kind, record.section);
   if (!section || !IsMatchingCardPresent(card, event.match)) return false;
   config::CConfig config;
   if (!LoadProductConfiguration(config)) return false;
   for (unsigned number = 1;; ++number) {
+    platform.manager.Alive();
     std::optional<std::string> text = ReadEventEntry(config, *section, number, kMaxInsertEntry);
     if (!text) return true;
     if (text->empty()) continue;
@@ -70,14 +73,14 @@ bool InsertKeyword(CWatchOptions& record, const WatchEvent& event, CardReader& c
   return true;
 }
 
-bool RunInsertCommands(CWatchOptions& record, const WatchEvent& event, CardReader& card) {
+bool RunInsertCommands(CWatchOptions& record, const WatchEvent& event, const Platform& platform) {
   switch (FormOf(record)) {
     case CommandForm::kDirect:
-      return InsertDirect(record, event, card);
+      return InsertDirect(record, event, platform.card);
     case CommandForm::kSection:
-      return InsertSection(record, event, card);
+      return InsertSection(record, event, platform);
     case CommandForm::kKeyword:
-      return InsertKeyword(record, event, card);
+      return InsertKeyword(record, event, platform.card);
   }
   return false;
 }
@@ -98,25 +101,27 @@ void EndKeywordProcess(CWatchOptions& record) {
 /// All commands run, whatever becomes of each: a removal has to leave everything locked and
 /// cleared.
 void RemoveSection(config::CConfig& config, const CWatchOptions& record, const WatchEvent& event,
-                   CardReader& card) {
+                   const Platform& platform) {
   const std::optional<std::string> section = BuildEventSection(event.kind, record.section);
   if (!section) return;
   for (unsigned number = 1;; ++number) {
     const std::optional<std::string> text =
         ReadEventEntry(config, *section, number, kMaxRemoveEntry);
     if (!text) return;
-    if (!text->empty()) RunGuarded([&] { return ExecuteCommand(card, event, *text); });
+    platform.manager.Alive();
+    if (!text->empty()) RunGuarded([&] { return ExecuteCommand(platform.card, event, *text); });
   }
 }
 
 void RunRemoveCommands(config::CConfig& config, const CWatchOptions& record,
-                       const WatchEvent& event, CardReader& card) {
+                       const WatchEvent& event, const Platform& platform) {
   switch (FormOf(record)) {
     case CommandForm::kDirect:
-      if (!record.rest.starts_with(kInsertOnlyMark)) ExecuteCommand(card, event, record.rest);
+      if (!record.rest.starts_with(kInsertOnlyMark))
+        ExecuteCommand(platform.card, event, record.rest);
       break;
     case CommandForm::kSection:
-      RemoveSection(config, record, event, card);
+      RemoveSection(config, record, event, platform);
       break;
     case CommandForm::kKeyword:
       // A longer name was refused on insert.
@@ -130,10 +135,10 @@ bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform
   config::CConfig config;
   // A configuration that does not load has no entries, so it runs no remove commands.
   static_cast<void>(LoadProductConfiguration(config));
-  if (!WaitBeforeEvent(record, event, platform)) return false;
+  if (!WaitBeforeEvent(record, event, platform)) return !StopRequested();
   EventHook(record, event.kind);
   EndKeywordProcess(record);
-  RunRemoveCommands(config, record, event, platform.card);
+  RunRemoveCommands(config, record, event, platform);
   return true;
 }
 
@@ -150,7 +155,7 @@ bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
   for (std::uint64_t round = 0; round < rounds; ++round) {
     if (!StillHolds(record, event, config, platform.card)) return false;
     EventHook(record, event.kind);
-    if (!WatchSleep(platform.clock, kWaitPause)) return false;
+    if (WatchPause(platform, kWaitPause) == WakeUp::kStop) return false;
   }
   return true;
 }
@@ -165,7 +170,7 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
   });
   if (success) {
     EventHook(record, EventKind::kInsert);
-    success = RunGuarded([&] { return RunInsertCommands(record, event, platform.card); });
+    success = RunGuarded([&] { return RunInsertCommands(record, event, platform); });
     SweepTerminateList(EventKind::kInsert, slot);
     EventHook(record, EventKind::kInsert);
   }
@@ -173,14 +178,15 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
   return success;
 }
 
-void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
+bool OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Remove event ...");
   FileScope::BeginEvent();
-  RunGuarded([&] { return RunRemoval(record, slot, platform); });
+  const bool complete = RunGuarded([&] { return RunRemoval(record, slot, platform); });
   EventHook(record, EventKind::kRemove);
   // Also behind a wait that said no: what the insert started does not outlive the card.
   SweepTerminateList(EventKind::kRemove, slot);
   runtime::TraceWrite("Watch - Remove event ... done");
+  return complete;
 }
 
 void EventHook(const CWatchOptions& /*record*/, EventKind /*kind*/) {}

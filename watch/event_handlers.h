@@ -16,8 +16,10 @@ namespace qixx::watch {
 /// Runs the commands of an insert in order, up to the first that fails. Returns true on success,
 /// which a failing command in a section does not change.
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
-/// Runs all commands of a removal, and ends what the insert started for the slot.
-void OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
+/// Runs all commands of a removal, and ends what the insert started for the slot. False when the
+/// commands were cut short: by a process that is to stop before the wait is over, or without
+/// memory.
+bool OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
 
 /// The gate in front of the handlers: true when the handler is to proceed. Waits the seconds that
 /// the event names, asking three times in each whether it still holds; false at once when it does

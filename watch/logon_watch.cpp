@@ -36,6 +36,9 @@ class LogonWatch {
     }
     return false;
   }
+  [[nodiscard]] std::string Status() const {
+    return tracked_.slot != kNoSlot ? "The card that was used to log on is in" : "No card";
+  }
   [[nodiscard]] unsigned Pause() const {
     return tracked_.slot != kNoSlot ? kTrackedPause : kSearchPause;
   }

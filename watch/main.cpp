@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "pkcs11/function_call.h"
 #include "runtime/library_call.h"
 #include "runtime/loader.h"
 #include "watch/card_reader.h"
@@ -10,6 +11,7 @@
 #include "watch/parallel.h"
 #include "watch/people.h"
 #include "watch/platform.h"
+#include "watch/service_manager.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
 
@@ -21,9 +23,12 @@ int main(int argc, char** argv) {
     if (const auto code = watch::AnswerPeople(argc, argv, QIXX_VERSION)) return *code;
     result = EXIT_SUCCESS;  // also when memory runs out from here on
     watch::InstallStopHandlers();
+    // A slow card is a hang to the service manager only when a single call of the library is.
+    watch::ServiceManager& manager = watch::SystemServiceManager();
+    pkcs11::ListenToCalls([] { watch::SystemServiceManager().Alive(); });
     watch::StoppableClock clock;
     watch::PlatformLogonUser logonUser;
-    const watch::Platform platform = {clock, watch::SystemCardReader(), logonUser};
+    const watch::Platform platform = {clock, watch::SystemCardReader(), logonUser, manager};
     result = watch::WatchMain(0, 0, watch::JoinArguments(argc, argv), platform);
   } catch (...) {
     // Memory ran out before the watch began.

@@ -4,6 +4,7 @@
 #include "watch/card_reader.h"
 #include "watch/clock.h"
 #include "watch/logon_user.h"
+#include "watch/service_manager.h"
 
 namespace qixx::watch {
 
@@ -13,6 +14,10 @@ struct Platform {
   Clock& clock;
   CardReader& card;
   LogonUser& logonUser;
+  ServiceManager& manager;
 };
+
+/// WatchWait in steps that are short enough for the service manager, which is told of each.
+WakeUp WatchPause(const Platform& platform, unsigned milliseconds, int descriptor = kNoDescriptor);
 
 }  // namespace qixx::watch

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "runtime/children.h"
 #include "watch/guard.h"
@@ -43,19 +44,30 @@ class EarlyPolls {
   unsigned row_ = 0;  ///< early polls one after the other
 };
 
+/// Rounds between two looks at what the service manager is told, when nothing happens.
+inline constexpr std::uint64_t kStatusRounds = 30;
+
 /// Runs `watch.Round(initialisedLate)` for as many rounds as are asked for, or until the process is
-/// to stop; memory that runs out ends the one round. `watch.Pause()` follows the last round too;
-/// the library may end it early where the watch allows that.
+/// to stop, and tells the service manager of `watch.Status()`; memory that runs out ends the one
+/// round. `watch.Pause()` follows the last round too; the library may end it early where the watch
+/// allows that.
 template <typename Watch>
 void RunRounds(Watch& watch, std::uint64_t limit, const Platform& platform) {
   EarlyPolls early;
+  unsigned pause = 0;
+  platform.manager.Ready();
   for (std::uint64_t round = 0; round < limit && !StopRequested(); ++round) {
     const bool told =
         RunGuarded([&] { return watch.Round(InitialiseLater(platform.card, round)); });
     runtime::ReapChildren();
+    // A card that came or went shows in the pause.
+    const bool hasChanged = std::exchange(pause, watch.Pause()) != pause;
+    if (platform.manager.IsThere() && (hasChanged || round % kStatusRounds == 0)) {
+      RunStep([&] { platform.manager.Status(watch.Status()); });
+    }
     const int offered = Watch::kWakesEarly ? platform.card.EventDescriptor() : kNoDescriptor;
     const int descriptor = early.DescriptorFor(told, platform.clock, offered);
-    const WakeUp wakeUp = WatchWait(platform.clock, watch.Pause(), descriptor);
+    const WakeUp wakeUp = WatchPause(platform, pause, descriptor);
     if (wakeUp == WakeUp::kStop) return;
     early.Note(wakeUp);
   }

@@ -1,6 +1,7 @@
 #include "watch/slot_loop.h"
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <utility>
@@ -10,10 +11,12 @@
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
+#include "watch/card_mark.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
 #include "watch/logon_watch.h"
 #include "watch/rounds.h"
+#include "watch/status.h"
 
 namespace qixx::watch {
 namespace {
@@ -32,7 +35,7 @@ constexpr std::string_view kLogonSection = "Logon";
 class SlotWatch {
  public:
   SlotWatch(CWatchOptions& record, const Platform& platform)
-      : record_(record), platform_(platform), card_(platform.card) {}
+      : record_(record), platform_(platform), card_(platform.card), mark_(record.section) {}
 
   static constexpr bool kWakesEarly = true;
 
@@ -40,7 +43,7 @@ class SlotWatch {
   bool Round(bool initialisedLate) {
     const PolledEvent polled = card_.TakeEvent();
     const std::optional<CK_SLOT_ID> slot = EventSlot(polled, initialisedLate);
-    firstRound_ = false;
+    const bool wasFirst = std::exchange(firstRound_, false);
     if (slot && pkcs11::CHelperPkcs11::NormalizeSlotId(*slot) == *slot) {
       runtime::TraceWrite("Watch - Event");
       if (*slot != kNoSlot && card_.ShowsToken(*slot)) {
@@ -49,8 +52,13 @@ class SlotWatch {
         HandleNoToken(*slot);
       }
     }
+    // A card that went while the watch was down has nobody else to tell of it.
+    if (wasFirst && connected_ == kNoSlot && mark_.IsSet()) Remove();
     CheckProgram();
     return polled.slot.has_value();
+  }
+  [[nodiscard]] std::string Status() const {
+    return DescribeStatus(card_, connected_, connectedSince_);
   }
   [[nodiscard]] unsigned Pause() const {
     return connected_ != kNoSlot ? kConnectedPause : kIdlePause;
@@ -90,19 +98,25 @@ class SlotWatch {
       return;
     }
     if (record_.recognized && !card_.IsTokenReadable(slot)) return;
+    // In front of the commands, which may not come to their end.
+    RunStep([this] { mark_.Set(); });
     // Connected even when a command failed, so that the card is not announced twice.
     OnInsertEvent(record_, slot, platform_);
     connected_ = slot;
+    connectedSince_ = std::time(nullptr);
     runtime::TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
   }
 
   /// The connected slot is forgotten in any case, also when no removal is dispatched.
   void HandleNoToken(CK_SLOT_ID slot) {
-    if ((connected_ != kNoSlot || !record_.sync) && IsRemoval(slot)) {
-      OnRemoveEvent(record_, connected_, platform_);
-      runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(connected_));
-    }
+    if ((connected_ != kNoSlot || !record_.sync) && IsRemoval(slot)) Remove();
     connected_ = kNoSlot;
+  }
+  /// A card that is forgotten without a removal keeps its mark, and so does one whose removal was
+  /// cut short.
+  void Remove() {
+    if (OnRemoveEvent(record_, connected_, platform_)) mark_.Clear();
+    runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(connected_));
   }
   /// Another slot without a token says nothing while the connected one still shows its own.
   [[nodiscard]] bool IsRemoval(CK_SLOT_ID slot) const {
@@ -119,7 +133,9 @@ class SlotWatch {
   CWatchOptions& record_;
   const Platform& platform_;
   CardReader& card_;
+  CardMark mark_;
   CK_SLOT_ID connected_ = kNoSlot;
+  std::time_t connectedSince_ = 0;
   bool firstRound_ = true;
   std::uint64_t failures_ = 0;  ///< polls in a row that failed
   bool catchUp_ = false;  ///< what a library that came up late missed is still to be looked for
@@ -152,6 +168,7 @@ void RunWithLibrary(CWatchOptions& record, const Platform& platform) {
       WatchSlots(record, platform);
     }
   });
+  platform.manager.Stopping();
   RunStep(
       [&] { runtime::TraceWrite("Watch - Stopping '%s'", runtime::MaskedText(section).Text()); });
   RunStep([&] { platform.card.Finalise(); });

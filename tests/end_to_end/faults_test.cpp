@@ -3,6 +3,7 @@
 
 #include "tests/end_to_end/service_test.h"
 #include "tests/support/eventually.h"
+#include "tests/support/notify_listener.h"
 
 namespace qixx::testing {
 namespace {
@@ -49,6 +50,75 @@ TEST_F(Faults, LibraryThatComesUpLateOrIsFinalisedByOthersIsInitialisedLater) {
       Eventually([&] { return desktop.TraceCount("Watch - Remove event ... done") == 1; }, 45s));
   EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
   EXPECT_EQ(desktop.TraceCount("WrapperPkcs11 - Initialize count 1 at initialize"), 2U);
+}
+
+TEST_F(Faults, RestartForgetsNoCard) {
+  std::filesystem::create_directories(desktop.Path("run"));
+  desktop.SetVariable("RUNTIME_DIRECTORY", desktop.Path("run") + ":/nonexistent");
+  desktop.InsertCard(1);
+  Watch("-sync", {Echo("in", "in.txt")}, {Echo("out", "out.txt")});
+  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1"));
+  EXPECT_EQ(desktop.Stop(SIGKILL), -SIGKILL);
+  EXPECT_TRUE(Exists("run/card-Watch"));
+  desktop.Start();
+  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1", 2));
+  EXPECT_EQ(desktop.TraceCount("Watch - Remove event ..."), 0U) << "the card is still in";
+  Stop();
+  desktop.RemoveCard(1);
+  desktop.Start();
+  EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
+  ASSERT_TRUE(desktop.Traced("Watch - Disconnected slot 0"));
+  EXPECT_FALSE(Exists("run/card-Watch"));
+  Stop();
+  desktop.Start();
+  ASSERT_TRUE(desktop.Traced("Watch - Event", 4));
+  Stop();
+  EXPECT_EQ(desktop.TraceCount("Watch - Remove event ..."), 1U);
+}
+
+TEST_F(Faults, StopDuringTheWaitOfARemovalLeavesItToTheNextStart) {
+  std::filesystem::create_directories(desktop.Path("run"));
+  desktop.SetVariable("RUNTIME_DIRECTORY", desktop.Path("run"));
+  desktop.InsertCard(1);
+  Watch("-wait \"0|600\" -sync", {"kill x"}, {Echo("out", "out.txt")});
+  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1"));
+  desktop.RemoveCard(1);
+  ASSERT_TRUE(desktop.Traced("Watch - Remove event ..."));
+  Stop();
+  EXPECT_FALSE(Exists("out.txt"));
+  EXPECT_TRUE(Exists("run/card-Watch"));
+}
+
+TEST_F(Faults, HangingLibraryIsSeenByTheServiceManager) {
+  NotifyListener listener(desktop.Path("notify"));
+  desktop.SetVariable("NOTIFY_SOCKET", desktop.Path("notify"));
+  desktop.SetVariable("WATCHDOG_USEC", "200000");
+  desktop.InsertCard(1);
+  Watch("-sync", {"/usr/bin/env > " + desktop.Path("env.txt")});
+  std::vector<std::string> told;
+  const auto isTold = [&](const std::string& text) {
+    return Eventually([&] {
+      const std::vector<std::string> more = listener.Take();
+      told.insert(told.end(), more.begin(), more.end());
+      return std::ranges::any_of(told, [&](auto& line) { return line.starts_with(text); });
+    });
+  };
+  EXPECT_TRUE(isTold("STATUS=Card in slot 1 ("));
+  EXPECT_EQ(told.front(), "READY=1");
+  EXPECT_TRUE(Eventually([&] { return listener.Take(), listener.Signs() != 0; }));
+  EXPECT_NE(desktop.Home().Read("env.txt"), "");
+  EXPECT_EQ(desktop.Home().Read("env.txt").find("NOTIFY_SOCKET"), std::string::npos);
+
+  desktop.SetModuleFaults("hang=C_WaitForSlotEvent\n");
+  EXPECT_TRUE(Eventually([&] {
+    listener.Take();
+    ::usleep(800'000);
+    return listener.Take(), listener.Signs() == 0;
+  })) << "no sign within four times the time";
+  desktop.SetModuleFaults("");
+  EXPECT_TRUE(Eventually([&] { return listener.Take(), listener.Signs() != 0; }));
+  Stop();
+  EXPECT_TRUE(isTold("STOPPING=1"));
 }
 
 TEST_F(Faults, ClosedStandardDescriptorsHarmNoFile) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <new>
 
 #include "runtime/process.h"
@@ -268,7 +269,8 @@ TEST(SlotLoop, FinalisedLibraryIsInitialisedAndPolledOnceMore) {
     EXPECT_TRUE(pkcs11::Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
     ScriptedClock clock;
     ScriptedUser user;
-    const watch::Platform platform = {clock, watch::SystemCardReader(), user};
+    watch::ServiceManager manager;
+    const watch::Platform platform = {clock, watch::SystemCardReader(), user, manager};
     const TraceCapture trace;
     watch::CWatchOptions record = Record("kill nothing");
     record.roundLimit = 1;
@@ -278,6 +280,41 @@ TEST(SlotLoop, FinalisedLibraryIsInitialisedAndPolledOnceMore) {
     EXPECT_EQ(trace.Count("Watch - Poll failed 0x00000190"), comesUp ? 0U : 1U);
     pkcs11::Pkcs11().Release();
   }
+}
+
+TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
+  const TemporaryFolder folder;
+  const ScopedVariable directory("RUNTIME_DIRECTORY", (folder.Path() + ":/nonexistent").c_str());
+  const auto files = [&folder] {
+    std::string names;
+    for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
+      names += file.path().filename().string() + ";";
+    }
+    return names;
+  };
+  EXPECT_EQ(Watch("Watch", true, {{0, {}}}), "");
+  EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}}), "Connected slot 1;");
+  EXPECT_EQ(files(), "card-Watch;") << "kept at the end";
+  EXPECT_EQ(Watch("Other", true, {{0, {}}}), "") << "each section has its own";
+  EXPECT_EQ(Watch("Watch", true, {{0, {}}, {0, {}}}), "Disconnected slot 0;");
+  EXPECT_EQ(files(), "");
+  EXPECT_EQ(Watch("Watch", true, {{0, {{1}}}, {1, {}}}), "Connected slot 1;Disconnected slot 1;");
+  EXPECT_EQ(files(), "");
+  EXPECT_EQ(Watch("Watch", true, {{0, {{1}}}, {4, {{1}}}}), "Connected slot 1;");
+  EXPECT_EQ(Watch("Watch", false, {{0, {}}}), "Disconnected slot 0;") << "once";
+  EXPECT_EQ(files(), "");
+
+  const std::string odd = "../a b\"%/~";
+  const std::string longest(255, '/');
+  for (const std::string& section : {odd, longest, longest.substr(1)}) {
+    EXPECT_EQ(Watch(section.c_str(), true, {{1, {{1}}}}), "Connected slot 1;");
+    EXPECT_EQ(std::ranges::count(files(), ';'), 1);
+    EXPECT_EQ(Watch(section.c_str(), true, {{0, {}}}), "Disconnected slot 0;");
+  }
+  EXPECT_EQ(files(), "");
+  std::filesystem::create_symlink("/etc/passwd", folder.Path("card-Watch"));
+  EXPECT_EQ(Watch("Watch", true, {{0, {}}}), "") << "no file of ours";
+  EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}}), "Connected slot 1;") << "nor made one";
 }
 
 TEST(SlotLoop, PollsThatFailLoseNoRemoval) {

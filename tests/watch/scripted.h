@@ -56,6 +56,7 @@ class ScriptedReader final : public watch::CardReader {
     std::ranges::transform(tokens, std::back_inserter(slots), &Token::slot);
     return slots;
   }
+  bool HasReader() override { return hasReader; }
   bool ShowsToken(CK_SLOT_ID slot) override { return Find(slot) != nullptr; }
   bool IsTokenReadable(CK_SLOT_ID slot) override { return Find(slot) != nullptr && readable; }
   std::optional<watch::SlotDescription> Description(CK_SLOT_ID slot) override {
@@ -91,6 +92,7 @@ class ScriptedReader final : public watch::CardReader {
   bool initialised = true;
   bool comesUp = false;  ///< a library that is not initialised can be
   bool readable = true;
+  bool hasReader = true;
   std::optional<std::string> activeLogon;
   std::vector<Token> tokens;
   std::size_t polled = 0;  ///< as the script says
@@ -146,7 +148,8 @@ struct Scripted {
   ScriptedClock clock;
   ScriptedReader reader;
   ScriptedUser user;
-  watch::Platform platform = {clock, reader, user};
+  watch::ServiceManager manager;
+  watch::Platform platform = {clock, reader, user, manager};
 };
 
 }  // namespace qixx::testing

@@ -1,0 +1,137 @@
+// What a service manager is told.
+#include "watch/service_manager.h"
+
+#include <gmock/gmock.h>
+
+#include <optional>
+#include <thread>
+
+#include "tests/support/environment.h"
+#include "tests/support/notify_listener.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/watch/scripted.h"
+#include "watch/slot_loop.h"
+
+namespace qixx::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class ServiceManagerTest : public ::testing::Test {
+ protected:
+  watch::ServiceManager Manager(const std::string& name, const char* time = nullptr,
+                                const char* process = nullptr) {
+    const ScopedVariable socket("NOTIFY_SOCKET", name.c_str());
+    const ScopedVariable interval("WATCHDOG_USEC", time);
+    const ScopedVariable watched("WATCHDOG_PID", process);
+    watch::ServiceManager manager = watch::ServiceManager::TakeFromEnvironment();
+    for (const char* variable : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}) {
+      EXPECT_EQ(::getenv(variable), nullptr);
+    }
+    return manager;
+  }
+
+  const TemporaryFolder folder_;
+  const std::string path_ = folder_.Path("notify");
+};
+
+TEST_F(ServiceManagerTest, IsToldOfTheRun) {
+  NotifyListener listener(path_);
+  Scripted machine(std::vector<Poll>{{4, {{4, "Reader\nMAINPID=1 "}}}, {4, {}}});
+  machine.manager = Manager(path_, "40000", std::to_string(::getpid()).c_str());
+  std::vector<std::string> told;
+  std::size_t signs = 0;
+  const auto listen = [&] {
+    for (const std::string& message : listener.Take()) told.push_back(message);
+    signs += listener.Signs();
+  };
+  machine.clock.inSleep = [&] {
+    ::usleep(machine.clock.slept.back() * 1000);
+    listen();
+  };
+  watch::CWatchOptions record;
+  record.rest = "kill nothing";
+  record.section = "Watch";
+  record.roundLimit = 2;
+  watch::RunWatch(record, machine.platform);
+  listen();
+  EXPECT_THAT(told,
+              ElementsAre("READY=1",
+                          StartsWith("STATUS=Card in slot 4 (Reader_MAINPID=1), connected since 2"),
+                          "STATUS=No card", "STOPPING=1"));
+  EXPECT_GE(signs, 20U) << "of a second, at least one in 40 ms";
+  EXPECT_LE(*std::ranges::max_element(machine.clock.slept), 10U);
+}
+
+TEST_F(ServiceManagerTest, IsToldWhyThereIsNoCard) {
+  NotifyListener listener(path_);
+  Scripted machine;
+  machine.manager = Manager(path_);
+  machine.reader.hasReader = false;
+  machine.clock.inSleep = [&machine] {
+    machine.reader.initialised = machine.clock.slept.size() < 20;
+  };
+  watch::CWatchOptions record;
+  record.roundLimit = 100;
+  watch::WatchSlots(record, machine.platform);
+  EXPECT_THAT(listener.Take(),
+              ElementsAre("READY=1", "STATUS=No reader",
+                          "STATUS=The PKCS#11 library is missing, or does not start"));
+  EXPECT_EQ(listener.Signs(), 0U) << "no time was named";
+  EXPECT_EQ(machine.clock.slept.size(), 100U);
+}
+
+TEST_F(ServiceManagerTest, HasNoUseForOthersTimes) {
+  for (const auto& [time, process, pause] :
+       {std::tuple("1000000", "1", UINT32_MAX),
+        {"1000000", nullptr, 250'000U / 1000},
+        {"0", nullptr, UINT32_MAX},
+        {"x", nullptr, UINT32_MAX},
+        {"1000", nullptr, 1U},
+        {"99999999999999999999999999", nullptr, 21'600'000U}}) {
+    EXPECT_EQ(Manager(path_, time, process).LongestPause(), pause) << time;
+  }
+}
+
+TEST_F(ServiceManagerTest, MayBeThereInManyWays) {
+  for (const std::string name : {"", "@", "/", "notify", "vsock:2:1234"}) {
+    EXPECT_FALSE(Manager(name).IsThere()) << name;
+  }
+  EXPECT_FALSE(Manager("/" + std::string(107, 'x')).IsThere()) << "too long";
+  Manager("/nonexistent/socket").Ready();
+  const std::string unnamed = "@" + path_;
+  NotifyListener listener(unnamed);
+  Manager(unnamed).Ready();
+  EXPECT_THAT(listener.Take(), ElementsAre("READY=1"));
+}
+
+TEST_F(ServiceManagerTest, IsNeverWaitedFor) {
+  NotifyListener listener(path_);
+  watch::ServiceManager manager = Manager(path_, "1000000");
+  // The system's queue takes a few thousand at most.
+  for (int sent = 0; sent < 10'000; ++sent) manager.Ready();
+  manager.Status("No card");
+  listener.Take();
+  manager.Alive();
+  EXPECT_THAT(listener.Take(), ElementsAre("READY=1", "STATUS=No card"));
+  manager.Alive();
+  manager.Status("No card");
+  EXPECT_THAT(listener.Take(), IsEmpty());
+}
+
+TEST_F(ServiceManagerTest, BelievesTheWatchsThreadAlone) {
+  NotifyListener listener(path_);
+  watch::ServiceManager manager = Manager(path_, "2000");
+  ::usleep(3000);
+  std::thread([&manager] { manager.Alive(); }).join();
+  listener.Take();
+  EXPECT_EQ(listener.Signs(), 0U);
+  manager.Alive();
+  listener.Take();
+  EXPECT_EQ(listener.Signs(), 1U);
+}
+
+}  // namespace
+}  // namespace qixx::testing

@@ -1,0 +1,101 @@
+#include "watch/card_mark.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+
+#include "runtime/descriptor.h"
+#include "runtime/secrets.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+
+namespace qixx::watch {
+namespace {
+
+constexpr const char* kFolderVariable = "RUNTIME_DIRECTORY";
+constexpr std::string_view kHead = "card-";
+constexpr std::string_view kHexDigits = "0123456789ABCDEF";
+
+/// Names of files have 255 bytes at most. A section of the longest name would take three times as
+/// many.
+constexpr std::size_t kMaxName = 200;
+
+std::string FirstFolder() {
+  const char* const folders = ::getenv(kFolderVariable);
+  if (folders == nullptr || folders[0] != '/') return {};
+  const std::string_view all(folders);
+  return std::string(all.substr(0, all.find(':')));
+}
+
+/// Letters, digits, '-' and '_' as they are, each other byte as '%' and two digits.
+std::string Encode(std::string_view section) {
+  std::string name(kHead);
+  for (const char c : section) {
+    const bool isPlain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
+                         (c >= 'a' && c <= 'z') || c == '-' || c == '_';
+    if (isPlain) {
+      name.push_back(c);
+    } else {
+      const auto byte = static_cast<std::uint8_t>(c);
+      name.append({'%', kHexDigits[byte >> 4], kHexDigits[byte & 15]});
+    }
+  }
+  return name;
+}
+
+/// FNV-1a.
+std::uint64_t Hash(std::string_view text) {
+  std::uint64_t hash = 0xCBF29CE484222325;
+  for (const char c : text) hash = (hash ^ static_cast<std::uint8_t>(c)) * 0x100000001B3;
+  return hash;
+}
+
+/// A name that is too long ends in a hash of all of it, behind a '~' that no other has.
+std::string NameOf(std::string_view section) {
+  std::string name = Encode(section);
+  if (name.size() <= kMaxName) return name;
+  name.resize(kMaxName);
+  name.push_back('~');
+  for (std::uint64_t hash = Hash(section); hash != 0; hash >>= 4) {
+    name.push_back(kHexDigits[hash & 15]);
+  }
+  return name;
+}
+
+runtime::Descriptor OpenFolder(const std::string& folder) {
+  if (folder.empty()) return {};
+  return runtime::Descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+}  // namespace
+
+CardMark::CardMark(std::string_view section) : folder_(FirstFolder()), name_(NameOf(section)) {}
+
+void CardMark::Set() const {
+  if (folder_.empty()) return;
+  const runtime::Descriptor folder = OpenFolder(folder_);
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  const runtime::Descriptor file(::openat(folder.Get(), name_.c_str(), kFlags, S_IRUSR | S_IWUSR));
+  if (file.IsOpen()) return;
+  runtime::TraceWrite("Watch - Failed to keep '%s' in '%s' (%d)", runtime::MaskedText(name_).Text(),
+                      runtime::MaskedText(folder_).Text(), errno);
+}
+
+void CardMark::Clear() const {
+  const runtime::Descriptor folder = OpenFolder(folder_);
+  if (folder.IsOpen()) ::unlinkat(folder.Get(), name_.c_str(), 0);
+}
+
+bool CardMark::IsSet() const {
+  const runtime::Descriptor folder = OpenFolder(folder_);
+  struct stat found = {};
+  return folder.IsOpen() &&
+         ::fstatat(folder.Get(), name_.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+         S_ISREG(found.st_mode);
+}
+
+}  // namespace qixx::watch
