@@ -435,4 +435,25 @@ int DescribeEvents() {
   return descriptor;
 }
 
+int SlotCounts(CK_SLOT_ID number) {
+  std::optional<bool> counts;
+  (void)AnswerWithSlots([&counts, number](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+    counts = slots.Counts(number);
+    return CKR_OK;
+  });
+  return counts ? static_cast<int>(*counts) : -1;
+}
+
+const char* ModuleFault() {
+  const char* fault = "";
+  (void)pkcs11::AnswerOf([&fault]() -> CK_RV {
+    if (IsForked()) return CKR_FUNCTION_NOT_SUPPORTED;
+    Bridge& bridge = TheBridge();
+    const runtime::CriticalScope hold(&bridge.guard);
+    fault = bridge.module.fault.c_str();
+    return CKR_OK;
+  });
+  return fault;
+}
+
 }  // namespace qixx::bridge

@@ -32,4 +32,9 @@ namespace qixx::bridge {
 /// which runs between C_Initialize and C_Finalize.
 [[nodiscard]] int DescribeEvents();
 
+/// Whether events of the slot are told, 1 or 0; -1 for an unknown slot and without a module.
+[[nodiscard]] int SlotCounts(CK_SLOT_ID number);
+/// Why the last C_Initialize found no module, empty when it found one. Holds up to the next one.
+[[nodiscard]] const char* ModuleFault();
+
 }  // namespace qixx::bridge

@@ -54,6 +54,14 @@ QIXX_CK_EXPORT int QixEventDescriptor() {
   return qixx::bridge::DescribeEvents();
 }
 
+QIXX_CK_EXPORT int QixSlotCounts(CK_SLOT_ID slot) {
+  return qixx::bridge::SlotCounts(slot);
+}
+
+QIXX_CK_EXPORT const char* QixModuleFault() {
+  return qixx::bridge::ModuleFault();
+}
+
 QIXX_CK_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
 #define BRIDGE_SLOT(name, parameters, arguments) &C_##name,
   // Not constant: who loads the library writes what it finds by name into the extension's slots.

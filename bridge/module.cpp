@@ -76,8 +76,7 @@ runtime::SharedLibrary Open(const std::string& path, std::string& fault) {
   return library;
 }
 
-runtime::SharedLibrary Find(const std::string& name, std::string& path) {
-  std::string fault;
+runtime::SharedLibrary Find(const std::string& name, std::string& path, std::string& fault) {
   path = name;
   if (runtime::SharedLibrary library = Open(path, fault); library.IsOpen()) return library;
   if (name.find('/') == std::string::npos) {
@@ -88,7 +87,7 @@ runtime::SharedLibrary Find(const std::string& name, std::string& path) {
       if (runtime::SharedLibrary library = Open(path, fault); library.IsOpen()) return library;
     }
   }
-  runtime::TraceWrite("Bridge - Failed to load '%s': %s", name.c_str(), fault.c_str());
+  fault = "Failed to load '" + name + "': " + fault;
   return {};
 }
 
@@ -123,20 +122,17 @@ void Fill(const CK_FUNCTION_LIST& module, CK_FUNCTION_LIST& functions) {
 #undef BRIDGE_FILL
 }
 
-bool TakeFunctions(const runtime::SharedLibrary& library, const std::string& path,
-                   CK_FUNCTION_LIST& functions) {
+/// What keeps the library from being the module; empty when its functions were taken.
+std::string TakeFunctions(const runtime::SharedLibrary& library, const std::string& path,
+                          CK_FUNCTION_LIST& functions) {
   const auto obtain = library.FindSymbol<CK_C_GetFunctionList>("C_GetFunctionList");
   CK_FUNCTION_LIST* module = nullptr;
-  if (obtain == &C_GetFunctionList) {
-    runtime::TraceWrite("Bridge - '%s' is the bridge itself", path.c_str());
-    return false;
-  }
+  if (obtain == &C_GetFunctionList) return "'" + path + "' is the bridge itself";
   if (obtain == nullptr || obtain(&module) != CKR_OK || module == nullptr) {
-    runtime::TraceWrite("Bridge - '%s' is no PKCS#11 module", path.c_str());
-    return false;
+    return "'" + path + "' is no PKCS#11 module";
   }
   Fill(*module, functions);
-  return true;
+  return {};
 }
 
 }  // namespace
@@ -146,8 +142,13 @@ Module LoadModule() {
   runtime::InitProductIdentity();
   Settings settings = ReadSettings();
   std::string path;
-  runtime::SharedLibrary library = Find(settings.module, path);
-  if (!library.IsOpen() || !TakeFunctions(library, path, functions)) return {};
+  std::string fault;
+  runtime::SharedLibrary library = Find(settings.module, path, fault);
+  if (library.IsOpen()) fault = TakeFunctions(library, path, functions);
+  if (!fault.empty()) {
+    runtime::TraceWrite("Bridge - %s", fault.c_str());
+    return {.functions = nullptr, .filter = {}, .fault = std::move(fault)};
+  }
   static_cast<void>(library.Release());  // for the life of the process
   runtime::TraceWrite("Bridge - Loaded '%s'", path.c_str());
   return {&functions, std::move(settings.filter)};

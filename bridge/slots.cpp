@@ -135,6 +135,12 @@ std::optional<CK_SLOT_ID> Slots::FromModule(CK_SLOT_ID id) {
 
 // --- events -------------------------------------------------------------------------------------
 
+std::optional<bool> Slots::Counts(CK_SLOT_ID number) const {
+  const Slot* const slot = ByNumber(number);
+  if (slot == nullptr) return std::nullopt;
+  return slot->counts && !slot->isSecondary;
+}
+
 std::optional<CK_SLOT_ID> Slots::TakeEvent() {
   for (Slot& slot : slots_) slot.emptyUntil = 0;
   Poll();

@@ -54,6 +54,9 @@ class Slots {
   [[nodiscard]] std::optional<CK_SLOT_ID> ToModule(CK_SLOT_ID number);
   [[nodiscard]] std::optional<CK_SLOT_ID> FromModule(CK_SLOT_ID id);
 
+  /// Whether events of the slot are told; nothing for an unknown one.
+  [[nodiscard]] std::optional<bool> Counts(CK_SLOT_ID number) const;
+
   /// Polls, and takes the next event; none when there is none. A card that was changed for another
   /// one between two polls gives two, pulled and inserted. After the first Info shows the slot
   /// empty until the next call, at most for ten seconds: a caller that uses Info alone is to see

@@ -86,6 +86,12 @@ QIXX_CK_EXTENSIONS(QIXX_CK_POINTER_TYPE)
 
 /// "QixEventDescriptor", which any library may export; see CWrapperPkcs11::EventDescriptor.
 using EventDescriptorFunction = int (*)();
+/// "QixSlotCounts", which any library may export: whether it tells events of a slot, 1 or 0, or -1
+/// when it does not know the slot.
+using SlotCountsFunction = int (*)(CK_SLOT_ID slot);
+/// "QixModuleFault", which any library may export: why the last C_Initialize found no module for it
+/// to stand on, null or empty when it did. The text is the library's, up to the next C_Initialize.
+using ModuleFaultFunction = const char* (*)();
 }
 
 /// The eleven slots in their order.

@@ -62,7 +62,7 @@ std::string ReadInstallDirectory() {
 /// To be called right behind the open.
 void NoteFailedOpen(const std::string& path, std::vector<FailedOpen>* failed) {
   if (failed == nullptr) return;
-  const char* const reason = ::dlerror();
+  const char* const reason = loaderBroken ? "the library threw while it was opened" : ::dlerror();
   failed->push_back({path, reason == nullptr ? "" : reason});
 }
 
@@ -179,6 +179,7 @@ std::optional<FoundLibrary> LoadLibrarySearch(const std::string& name,
 }
 
 std::vector<std::string> LibrariesDefining(const std::string& function) {
+  if (loaderBroken) return {};
   std::vector<std::string> paths = LoadedFiles();
   std::erase_if(paths, [&function](const std::string& path) { return !Defines(path, function); });
   return paths;

@@ -66,6 +66,7 @@ struct ListedLibrary {
   std::vector<std::string> modules;        ///< other PKCS#11 libraries that it loaded
   std::vector<runtime::FailedOpen> tried;  ///< when nothing could be loaded
   CK_RV result = CKR_GENERAL_ERROR;        ///< of the initialisation
+  std::string fault;                       ///< why it has no module, in its own words
   std::optional<ListedVersion> version;
 
   /// Whether it could be asked for anything.
@@ -86,7 +87,7 @@ enum class Counting : std::uint8_t {
   kYes,
   kNoSlot,     ///< 0 stands for no slot
   kSecondary,  ///< another slot of a reader's group of three
-  kWithheld,   ///< its card is not among those that the library lists
+  kWithheld,   ///< the library tells no events of it
 };
 
 struct ListedReader {

@@ -135,6 +135,7 @@ class ListingWriter {
       } else {
         json_.Text("result", pkcs11::ResultName(library.result));
       }
+      json_.TextOrNull("fault", library.fault);
       const ListedVersion version = library.version.value_or(ListedVersion{});
       json_.TextOrNull("manufacturer", version.manufacturer);
       json_.TextOrNull("description", version.description);

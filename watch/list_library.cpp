@@ -8,9 +8,12 @@
 #include "der/logon_values.h"
 #include "der/matching.h"
 #include "pkcs11/certificate_objects.h"
+#include "pkcs11/extended.h"
 #include "pkcs11/reader.h"
 #include "pkcs11/session.h"
 #include "pkcs11/wrapper.h"
+#include "runtime/library_call.h"
+#include "runtime/loader.h"
 #include "runtime/product.h"
 #include "runtime/text.h"
 #include "watch/card_reader.h"
@@ -50,6 +53,8 @@ class Asking {
       library.file = std::move(library.modules.front());
       library.modules.erase(library.modules.begin());
       Worked("C_Initialize", std::nullopt, library.result);
+      file_ = runtime::OpenLibrary(library.file);  // once more, for its functions outside the list
+      library.fault = ModuleFault();
     } else if (const auto found = runtime::LoadLibrarySearch(library.name, &library.tried)) {
       library.tried.push_back({found->path, "C_GetFunctionList is missing, or fails"});
     }
@@ -83,6 +88,15 @@ class Asking {
     return false;
   }
 
+  /// A text of the library's own, if it has one to tell.
+  [[nodiscard]] std::string ModuleFault() const {
+    const auto tell = file_.FindOwnSymbol<pkcs11::ModuleFaultFunction>("QixModuleFault");
+    const char* fault = nullptr;
+    const auto ask = [&] { fault = tell(); };
+    if (tell == nullptr || !runtime::CallLibrary(ask)) return {};
+    return std::string(runtime::ViewOf(fault));
+  }
+
   void AskForVersion() {
     CK_INFO info = {};
     if (!Worked("C_GetInfo", std::nullopt, Pkcs11().GetInfo(&info))) return;
@@ -108,7 +122,7 @@ class Asking {
     withToken_ = AskForSlots(CK_TRUE);
     for (const CK_SLOT_ID slot : slots) {
       ListedReader reader = AskForReader(slot);
-      if (reader.counting == Counting::kYes && reader.hasCard && !IsListed(slot)) {
+      if (reader.counting == Counting::kYes && IsWithheld(reader)) {
         reader.counting = Counting::kWithheld;
       }
       if (reader.hasCard) AskForCard(slot);
@@ -116,6 +130,14 @@ class Asking {
     }
   }
 
+  /// Where the library does not say which slots count, the list of its cards shows it.
+  [[nodiscard]] bool IsWithheld(const ListedReader& reader) {
+    const auto counts = file_.FindOwnSymbol<pkcs11::SlotCountsFunction>("QixSlotCounts");
+    int answer = -1;
+    const auto ask = [&] { answer = counts(reader.slot); };
+    if (counts != nullptr && runtime::CallLibrary(ask) && answer >= 0) return answer == 0;
+    return reader.hasCard && !IsListed(reader.slot);
+  }
   [[nodiscard]] bool IsListed(CK_SLOT_ID slot) const {
     return std::ranges::find(withToken_, slot) != withToken_.end();
   }
@@ -251,6 +273,7 @@ class Asking {
   CardReader& card_;
   std::vector<CK_SLOT_ID> withToken_;  ///< as the library lists them
   CK_RV finalised_ = CKR_OK;
+  runtime::SharedLibrary file_;
 };
 
 }  // namespace

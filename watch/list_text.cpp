@@ -215,6 +215,7 @@ void WriteLibrary(TextWriter& out, const ListedLibrary& library) {
   } else {
     out.Line("state", library.Answers() ? "answers" : pkcs11::ResultName(library.result));
   }
+  out.Line("because", library.fault);
   for (const runtime::FailedOpen& failed : library.tried) out.Line("tried", failed.path);
   if (!library.version) return;
   const ListedVersion& version = *library.version;
@@ -308,7 +309,8 @@ std::string LibraryFault(const ListedLibrary& library) {
   if (library.Answers()) return {};
   if (!library.file.empty()) {
     return "qixxwatch: " + library.file + " does not start: C_Initialize answers " +
-           pkcs11::ResultName(library.result) + "\n";
+           pkcs11::ResultName(library.result) + (library.fault.empty() ? "" : ": ") +
+           library.fault + "\n";
   }
   std::string fault = "qixxwatch: " + library.name + " could not be loaded:\n";
   for (const runtime::FailedOpen& failed : library.tried) {

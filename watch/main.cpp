@@ -15,21 +15,33 @@
 #include "watch/stop.h"
 #include "watch/watch_main.h"
 
+namespace {
+
+int Watch(int argc, char** argv) {
+  using namespace qixx::watch;
+  InstallStopHandlers();
+  // A slow card is a hang to the service manager only when a single call of the library is.
+  ServiceManager& manager = SystemServiceManager();
+  qixx::pkcs11::ListenToCalls([] { SystemServiceManager().Alive(); });
+  StoppableClock clock;
+  PlatformLogonUser logonUser;
+  const Platform platform = {clock, SystemCardReader(), logonUser, manager};
+  return WatchMain(0, 0, JoinArguments(argc, argv), platform);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   using namespace qixx;
   int result = EXIT_FAILURE;
   try {
     runtime::ContainTermination();
-    if (const auto code = watch::AnswerPeople(argc, argv, QIXX_VERSION)) return *code;
-    result = EXIT_SUCCESS;  // also when memory runs out from here on
-    watch::InstallStopHandlers();
-    // A slow card is a hang to the service manager only when a single call of the library is.
-    watch::ServiceManager& manager = watch::SystemServiceManager();
-    pkcs11::ListenToCalls([] { watch::SystemServiceManager().Alive(); });
-    watch::StoppableClock clock;
-    watch::PlatformLogonUser logonUser;
-    const watch::Platform platform = {clock, watch::SystemCardReader(), logonUser, manager};
-    result = watch::WatchMain(0, 0, watch::JoinArguments(argc, argv), platform);
+    if (const auto code = watch::AnswerPeople(argc, argv, QIXX_VERSION)) {
+      result = *code;
+    } else {
+      result = EXIT_SUCCESS;  // also when memory runs out from here on
+      result = Watch(argc, argv);
+    }
   } catch (...) {
     // Memory ran out before the watch began.
   }

@@ -1,5 +1,6 @@
 // The bridge in this process, over the soft card in its plain build, which knows nothing of the
 // suite.
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -209,6 +210,8 @@ TEST_F(Bridge, TellsOfTheReadersThatCount) {
     const ScopedVariable ignore("qix:Pkcs11:Ignore", row.ignore);
     for (const int slot : {1, 2, 3}) desktop_.InsertCard(slot);
     Start(SOFTCARD_PLAIN);
+    const auto slotCounts = Function<int (*)(CK_SLOT_ID)>("QixSlotCounts");
+    EXPECT_EQ(slotCounts(10), -1);
     EXPECT_EQ(Slots(), (Numbers{1, 4, 7}));
     EXPECT_EQ(Slots(CK_TRUE), row.counting);
     for (const CK_SLOT_ID slot : {1U, 4U, 7U}) {
@@ -226,6 +229,7 @@ TEST_F(Bridge, TellsOfTheReadersThatCount) {
       const CK_ULONG number = static_cast<CK_ULONG>(slot) * 3 - 2;
       const bool counts =
           std::find(row.counting.begin(), row.counting.end(), number) != row.counting.end();
+      EXPECT_EQ(slotCounts(number), counts ? 1 : 0);
       const long told = counts ? static_cast<long>(number) : -1;
       EXPECT_EQ(Poll(), told);
       desktop_.RemoveCard(slot);
@@ -357,15 +361,18 @@ TEST_F(Bridge, ForwardsAllAndRefusesWhatItCannotServe) {
 
 TEST_F(Bridge, ModuleThatIsNone) {
   Load("no-such-module.so");
+  const auto fault = Function<const char* (*)()>("QixModuleFault");
   for (const std::string& module :
        {std::string("no-such-module.so"), std::string("libc.so.6"), path_}) {
     ::setenv("qix:Pkcs11:Module", module.c_str(), 1);
     EXPECT_EQ(list_->C_Initialize(nullptr), CKR_GENERAL_ERROR) << module;
+    EXPECT_THAT(fault(), ::testing::HasSubstr("'" + module + "'"));
   }
   desktop_.SetModuleFaults("fail=C_Initialize:0x30");
   ::setenv("qix:Pkcs11:Module", SOFTCARD_PLAIN, 1);
   EXPECT_EQ(list_->C_Initialize(nullptr), CKR_DEVICE_ERROR);
   desktop_.SetModuleFaults("");
+  EXPECT_STREQ(fault(), "");
   EXPECT_EQ(list_->C_Initialize(nullptr), CKR_OK) << "it can be mended while the process runs";
 }
 

@@ -162,6 +162,11 @@ TEST_F(ListWord, SurvivesAndTellsWhateverFails) {
     EXPECT_EQ(List({}), 0) << call;
     EXPECT_THAT(output_, HasSubstr("\n  " + call)) << "among those that failed";
   }
+  desktop.SetModuleFaults("throw=C_GetInfo\nexit=C_GetTokenInfo\nthrow=C_Finalize\n");
+  EXPECT_EQ(
+      Rows(ListValues(), "failures", {"call", "result"}),
+      (std::vector<std::string>{"C_GetInfo CKR_GENERAL_ERROR", "C_GetTokenInfo CKR_GENERAL_ERROR",
+                                "C_Finalize CKR_GENERAL_ERROR"}));
   desktop.SetModuleFaults("fail=C_GetAttributeValue:0x12\n");
   EXPECT_EQ(ListValues().at("omitted.0.reason"), "unreadable");
   desktop.SetModuleFaults("fail=C_Initialize:0x30\n");
@@ -170,6 +175,38 @@ TEST_F(ListWord, SurvivesAndTellsWhateverFails) {
   desktop.SetModuleFaults("omit=C_GetFunctionList\n");
   EXPECT_EQ(ListValues(1).at("library.file"), "null");
   EXPECT_THAT(errors_, HasSubstr("libqixp11.so: C_GetFunctionList"));
+}
+
+TEST_F(ListWord, TellsWhatIsBelowTheBridge) {
+  desktop.Use(QIXX_BRIDGE_FOLDER);
+  desktop.SetVariable("PCSCLITE_CSOCK_NAME",
+                      desktop.Path("none"));  // without the machine's readers
+  desktop.AddReader(2);
+  InsertCard(1, {{"good", {}}});
+  const std::string bridgeTrace = "[Trace]\nbridge=" + desktop.Path("bridge.log") + "\n[Pkcs11]\n";
+  desktop.Configure(bridgeTrace + "Ignore=*1|*2\nModule=" QIXX_SOFTCARD_PLAIN_FOLDER
+                                  "libqixp11.so\n");
+  const JsonValues values = ListValues();
+  EXPECT_EQ(values.at("library.file"), QIXX_BRIDGE_FOLDER "libqixp11.so");
+  EXPECT_EQ(values.at("library.modules.0"), QIXX_SOFTCARD_PLAIN_FOLDER "libqixp11.so");
+  EXPECT_EQ(Rows(values, "readers", {"slot", "card", "counts", "reason"}),
+            (std::vector<std::string>{"1 true false withheld-by-library",
+                                      "4 false false withheld-by-library"}));
+  EXPECT_EQ(Rows(values, "omitted", {"label", "reason"}),
+            std::vector<std::string>{"good withheld-by-library"});
+  desktop.Configure(bridgeTrace + "Module=/nonexistent/module.so\n");
+  EXPECT_EQ(ListValues(1).at("library.result"), "CKR_GENERAL_ERROR");
+  EXPECT_THAT(errors_, HasSubstr("Failed to load '/nonexistent/module.so': "));
+  EXPECT_FALSE(Exists("bridge.log"));
+  EXPECT_FALSE(Exists(".qix"));
+}
+
+TEST_F(ListWord, SaysSoOfALibraryThatThrowsWhileItIsOpened) {
+  desktop.Home().Write("lib/libqixp11.so", TemporaryFolder::ReadFile(QIXX_THROWING_CONSTRUCTOR));
+  desktop.Use(desktop.Path("lib/"));
+  Configure("", {});
+  EXPECT_EQ(ListValues(1).at("library.file"), "null");
+  EXPECT_THAT(errors_, HasSubstr("lib/libqixp11.so: the library threw while it was opened"));
 }
 
 TEST_F(ListWord, WithoutLibraryNamesEachPlace) {
