@@ -349,7 +349,7 @@ class CommandCheck {
       return Add("'extern' needs a comma behind the library", "extern LIBRARY,ARGUMENTS is meant");
     }
     CheckLibrary(text.substr(0, comma));
-    const std::string file = GetOptionValue(text.substr(comma + 1), "-config").value_or("");
+    const std::string file = GetCommandOption(text.substr(comma + 1), "-config").value_or("");
     if (!file.empty()) CheckTargetFile(file);
   }
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <ranges>
+#include <span>
 
 #include "config/conditions.h"
 #include "config/format.h"
@@ -218,10 +218,11 @@ void CheckedFile::CheckEntry(const CheckedEntry& entry, Mistakes& mistakes) cons
 }
 
 bool CheckedFile::IsNamedCondition(std::string_view name) const {
-  return conditions_ != nullptr &&
-         std::ranges::any_of(
-             conditions_->entries | std::views::take(kMaxConditions),
-             [name](const CheckedEntry& entry) { return entry.value.starts_with(name); });
+  if (conditions_ == nullptr) return false;
+  const std::span entries(conditions_->entries);
+  return std::ranges::any_of(
+      entries.first(std::min(entries.size(), kMaxConditions)),
+      [name](const CheckedEntry& entry) { return entry.value.starts_with(name); });
 }
 
 void CheckedFile::CheckTerm(const Place& place, std::string_view term, Mistakes& mistakes) const {

@@ -1,5 +1,7 @@
 #include "der/certificate.h"
 
+#include <gtest/gtest.h>
+
 #include "der/matching.h"
 #include "der/names.h"
 #include "der/spare_certificate.h"

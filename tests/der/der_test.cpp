@@ -1,5 +1,7 @@
 #include "der/der.h"
 
+#include <gtest/gtest.h>
+
 #include <vector>
 
 #include "tests/support/recipes.h"

@@ -1,4 +1,5 @@
 // Values that nobody should send: whatever they hold, every answer is a value or a failure.
+#include <gtest/gtest.h>
 #include <random>
 #include <vector>
 

@@ -1,5 +1,7 @@
 #include "der/names.h"
 
+#include <gtest/gtest.h>
+
 #include "der/matching.h"
 #include "tests/support/recipes.h"
 

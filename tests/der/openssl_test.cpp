@@ -1,6 +1,8 @@
 // Certificates made by the openssl program, read side by side with it.
 #include "tests/support/openssl.h"
 
+#include <gtest/gtest.h>
+
 #include "der/names.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
