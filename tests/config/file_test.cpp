@@ -370,14 +370,31 @@ TEST_F(ConfigSaving, WhatCannotBeReadIsNeverWritten) {
   const std::string large = folder_.Write("large.conf", "[S]\n");
   ASSERT_EQ(::truncate(large.c_str(), static_cast<off_t>(config::kMaxConfigSize) + 1), 0);
   const std::string encoded = folder_.Write("a.EDB", "[S]\nE=1\n");
-  for (const std::string& path : {pipe, large, folder_.Path(), std::string(), encoded}) {
+  const std::string twice = folder_.Write("twice.conf", "[S]\nE=1\n");
+  ASSERT_EQ(::link(twice.c_str(), folder_.Path("b").c_str()), 0);
+  for (const std::string& path : {pipe, large, folder_.Path(), std::string(), twice, encoded}) {
     EXPECT_EQ(file_.Open(true, path, true), ConfigResult::kOk);
     EXPECT_EQ(TextIn(file_), "") << path;
     Set();
     EXPECT_EQ(file_.Close(true), ConfigResult::kFailed) << path;
   }
-  EXPECT_EQ(trace_.Count("Config - Failed to open"), 4U);  // all but the last
-  EXPECT_EQ(folder_.Read("a.EDB"), "[S]\nE=1\n");
+  EXPECT_EQ(trace_.Count("Config - Failed to open"), 5U);  // all but the last
+  EXPECT_EQ(folder_.Read("a.EDB") + folder_.Read("twice.conf"), "[S]\nE=1\n[S]\nE=1\n");
+}
+
+TEST_F(ConfigSaving, LinkCountsWhenItsOwnerCouldHaveDoneThatAlone) {
+  if (::geteuid() != 0) GTEST_SKIP() << "NOT TESTED: only root makes links of others";
+  constexpr uid_t kStranger = 65534;
+  folder_.Write("real.conf", "[S]\nE=1\n");
+  ASSERT_EQ(::symlink("real.conf", path_.c_str()), 0);
+  for (const bool counts : {true, false}) {
+    ASSERT_EQ(::lchown(path_.c_str(), counts ? 0 : kStranger, 0), 0);
+    for (const bool writable : {false, true}) {
+      EXPECT_EQ(file_.Open(writable, path_, true), ConfigResult::kOk);
+      EXPECT_EQ(TextIn(file_), counts ? "[S]\nE=1\n" : "");
+    }
+  }
+  EXPECT_EQ(trace_.Count("Helper - Refused '" + path_ + "', a link of somebody else"), 2U);
 }
 
 TEST_F(ConfigSaving, FullDiskLosesNothing) {
