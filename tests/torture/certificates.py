@@ -1,0 +1,189 @@
+"""Cards whose names were chosen to get in: as a command, an argument, a line, a section, a condition, a path."""
+
+import re
+
+import certificate
+from desk import Damage
+
+LANES = 8
+WEIGHT = 20
+HEADER = re.compile(rb"[^\n]*?\] \d\d\.\d\d\.\d\d\.\d\d\d ")
+# Control characters of both sets, and the marks that turn the direction of writing.
+UNSEEN = re.compile("[\0-\x08\x0b\x0c\x0e-\x1f\x7f\x80-\x9f\u061c\u200e\u200f\u202a-\u202e\u2066-\u2069]")
+TARGET = """[Mail]
+Username=
+Domain=
+; for %SUBJECT%
+Greeting=Hello %USERNAME% of %DOMAIN%, %OID.CN%
+%OID.CN%
+%UPN% at the start
+<Block=%SERIALNUMBER%/>
+Site=a|none||%OID.O%
+[Last]
+Number=%SERIALNUMBER%
+username=old
+"""
+ORIGINAL = b"[Untouched]\nUsername=before\n"
+KNOWN = {"system.conf", "product.conf", "product.conf.org", "target.conf", "target.conf.org", "good.conf", "inner",
+         "canary.conf", "trace.log", "stderr.txt", ".qix", "show", "shown", "readers", "x.conf", "card.der"}
+
+
+def texts(desk):
+    """What an attacker would put into a name; {0} is a file that must never appear."""
+    canary = desk.path("canary")
+    return [text.format(canary) for text in (
+        "x|none||/usr/bin/touch {0} ", "a||/usr/bin/touch {0}||b", '" /usr/bin/touch {0} "', " > {0} ", ">{0}", "> {0}",
+        "\n2=/usr/bin/touch {0}\n", "\r\n[Watch Remove]\r\n1=/usr/bin/touch {0}\r\n", "\n[Command]\nWatch={0}\n",
+        "[Watch Remove]", "<Block", ";gone", "#gone", "../../..", "..", "../", "/", ".", "./..", "%USERNAME%", "%UPN%%UPN%",
+        "%SUBJECT%", "%OID.CN%", "%OID.O%%OID.CN%%SERIALNUMBER%", "%", "%%", "%OID.", " -config {0} ", "-config", "x -config {0} y",
+        '" -config "{0}" "', "-match", "-pin 1234", "$(/usr/bin/touch {0})", "`/usr/bin/touch {0}`", "; /usr/bin/touch {0} ;",
+        "{{site}}", "|{{site}}||", "a|b|c", "config Extra", "~/usr/bin/touch {0}", "close ", "kill ", "parallel /usr/bin/touch {0}",
+        "\x1b]0;title\x07", "\x9b31m", "\u202egnp.exe", "\u2066\u200f", "\0", "a\0b", "\t", "\x7f", '"', "'", "\\", "\\,", "+", ",",
+        "CN=other", "O=Example Org,CN=Ann Lee", "=", "==", "@", "ann@", "@home", "a@b@c", " ", "", "'; exit", "A" * 70, "A" * 254,
+        "A" * 300, "B" * 3000, "\u00e9" * 200, "\u20ac" * 90, "\U0001f600" * 64, "%s%n%x", "%d" * 40)]
+
+
+def bytes_of(text, random, tag):
+    if tag == certificate.BMP:
+        return text.encode("utf-16-be", "surrogatepass") + random.choice((b"", b"", b"\xd8\x00", b"\xdc\x00", b"\x00"))
+    broken = random.choice((b"", b"", b"", b"\xff\xfe", b"\xc3", b"\xe2\x80", b"\xed\xa0\x80", b"\xc0\xaf", b"\xf5\x80\x80\x80"))
+    return text.encode("latin-1", "replace") if tag == certificate.T61 else text.encode("utf-8", "surrogatepass") + broken
+
+
+def hostile(desk, random):
+    pool = texts(desk)
+
+    def value():
+        text = "".join(random.choice(pool) for _ in range(random.choice((1, 1, 1, 2, 3))))
+        tag = random.choice((certificate.UTF8,) * 4 + (certificate.BMP, certificate.T61, certificate.PRINTABLE))
+        return bytes_of(text, random, tag), tag
+    subject = [(random.choice(list(certificate.CLASSES)), *value()) for _ in range(random.randrange(1, 6))]
+    principal, tag = value() if random.random() < 0.9 else (None, certificate.UTF8)
+    if principal is not None and random.random() < 0.5:
+        principal = random.choice((principal + b"@home", b"ann@" + principal))
+    serial = random.choice((b"\1", b"\xff" * 20, b"", bytes(300), random.randbytes(16)))
+    made = certificate.make(subject, principal, serial, tag)
+    return made if random.random() < 0.7 else certificate.mutate(made, random)
+
+
+def set_up(desk, made):
+    path = desk.path
+    show = path("show")
+    show.write_text(f'#!/bin/sh\nprintf "%s\\0" "$#" "$@" >>{path("shown")}\n', encoding="utf-8")
+    show.chmod(0o755)
+    path("inner").mkdir()
+    for name in ("canary.conf", "x.conf", "good.conf", "inner/x.conf"):
+        path(name).write_bytes(ORIGINAL)
+    path("target.conf").write_text(TARGET, encoding="utf-8")
+    product = (f"[Trace]\nwatch={desk.trace_file}\n[Install]\nDirectory={desk.library}/\n[Command]\nWatch=config Watch\n[Mail]\nUsername=\nDomain=\n"
+               f'[Watch Remove]\n1={show} "%USERNAME%" "%OID.CN%" removed\n; %SUBJECT%\n2={show} "%UPN%" removed\n')
+    path("product.conf").write_text(product, encoding="utf-8")
+    path("card.der").write_bytes(made)
+    desk.configure("-sync config Watch", [
+        f'{show} "%UPN%" "%USERNAME%" "%DOMAIN%" "%SERIALNUMBER%" quoted', f'{show} "%SUBJECT%" subject',
+        f'{show} "%OID.CN%" "%OID.O%" component', f"{show} %USERNAME% %OID.CN% bare",
+        f'extern {desk.tools.called},"%USERNAME% -config {path("good.conf")}',
+        f"set -config {path('target.conf')}", f"set -config {path('product.conf')}",
+        f'set -config "{path("inner")}/%USERNAME%/x.conf"'])
+    return product
+
+
+def is_cut(desk):
+    """A remove command is read up to 255 characters, also where a card's value has made it longer."""
+    return any(len(line) > 257 and line[:2] in (b"1=", b"2=") for line in desk.path("product.conf").read_bytes().split(b"\n"))
+
+
+def check_arguments(desk, cut):
+    """Each call of `show` has its last word, and in quoted places as many arguments as were written."""
+    try:
+        words = desk.path("shown").read_bytes().split(b"\0")[:-1]
+    except OSError:
+        return
+    written = {b"quoted": 5, b"subject": 2, b"component": 3, b"bare": None}
+    while words:
+        count = int(words[0])
+        arguments, words = words[1:count + 1], words[count + 1:]
+        last = arguments[-1] if arguments else b""
+        if last == b"removed":
+            if count not in (2, 3):
+                raise Damage("a remove command got other arguments than were written")
+        elif last not in written:
+            if not cut:
+                raise Damage("an argument was lost behind a card's value")
+        elif written[last] not in (None, count):
+            raise Damage(f"a card's value made {count} arguments of {written[last]}")
+        for argument in arguments:
+            check_text(argument, "an argument", cut)
+
+
+def check_text(text, where, cut=False):
+    """With `cut` a character may be halved."""
+    try:
+        found = UNSEEN.search(text.decode("utf-8", "ignore" if cut else "strict"))
+    except UnicodeDecodeError:
+        raise Damage(f"{where} holds what is not UTF-8") from None
+    if found:
+        raise Damage(f"{where} holds the character {ord(found.group()):#x}")
+
+
+def kind_of(line):
+    first = line.lstrip()[:1]
+    return first if first in ("[", "<", ";", "#") else "text"
+
+
+def check_file(desk, name, before):
+    """The lines, sections, keys and conditions are those that were written."""
+    content = desk.path(name).read_bytes()
+    check_text(content, "a file")
+    if len(content) > 2 * len(before) + 65536:
+        raise Damage(f"a file of {len(before)} bytes grew to {len(content)}")
+    old, new = before.split("\n"), content.decode("utf-8").split("\n")
+    if len(old) != len(new) or "\r" in content.decode("utf-8"):
+        raise Damage("a card's value made lines in a file")
+    for was, line in zip(old, new):
+        if kind_of(was) != kind_of(line):
+            raise Damage("a card's value turned a line of a file into one of another kind")
+        if was.count("|") != line.count("|"):
+            raise Damage("a card's value made a condition in a file")
+        if "=" in was and was.partition("=")[0] != line.partition("=")[0] and "%" not in was.partition("=")[0]:
+            raise Damage("a card's value changed the name of an entry")
+
+
+def check_trace(desk, cut):
+    for line in desk.trace().split(b"\n")[:-1]:
+        if not HEADER.match(line):
+            raise Damage("a card's value made a line in the trace")
+        check_text(line, "the trace", cut)
+
+
+def check_everything(desk, product):
+    cut = is_cut(desk)
+    check_arguments(desk, cut)
+    check_file(desk, "target.conf", TARGET)
+    check_file(desk, "product.conf", product)
+    check_trace(desk, cut)
+    for name in ("canary.conf", "x.conf"):
+        if desk.path(name).read_bytes() != ORIGINAL:
+            raise Damage(f"a card's value chose {name} to be written")
+    for entry in desk.folder.iterdir():
+        if entry.name not in KNOWN and not entry.name.startswith("~qix"):
+            raise Damage(f"a file appeared ({entry.name})")
+
+
+def trial(desk, random, tally):
+    tally.tried("hostile certificates")
+    made = hostile(desk, random)
+    product = set_up(desk, made)
+    desk.insert(certificates=[made])
+    desk.start()
+    if not desk.traced("Watch - Connected slot 1", limit=30):
+        raise Damage("the insert commands did not come to their end")
+    desk.stop()
+    check_everything(desk, product)
+    desk.remove()
+    desk.variables["qixconfigglobal"] = str(desk.path("product.conf"))
+    desk.start()
+    if not desk.traced("Watch - Remove event ... done", limit=30):
+        raise Damage("the remove commands in a file that was filled did not run")
+    desk.stop()
+    check_everything(desk, product)

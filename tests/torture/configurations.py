@@ -1,0 +1,219 @@
+"""Configuration files as no editor leaves them: as the service's own, and as what a set command fills."""
+
+import signal
+from pathlib import Path
+
+import certificate
+from desk import CHILDREN, Damage, eventually, pause
+
+LANES = 8
+WEIGHT = 10
+SAMPLES = Path(__file__).parents[2] / "packaging" / "samples"
+SAMPLE = """[Trace]
+watch=@desk@/trace.log
+[Install]
+Directory=@library@/
+[Command]
+Watch=-match "cn=Ann Lee" -wait "0|0" -sync config Watch|Extra|{site}||config Watch
+Watch Extra=-recognized config Extra
+[Condition]
+1={site} qixxwatch
+2={other} {site},{other}
+[Watch]
+Background=
+[Watch Insert]
+1=kill "%UPN%" %OID.CN%
+2=set -config @desk@/target.conf
+3=parallel set -config "@desk@/target.conf"
+4=extern @called@,a;b -config @desk@/target.conf
+5=load @called@,Called @desk@/loaded
+<Image=
+iVBORw0KGgo=
+/>
+[Watch Remove]
+1=set -config @desk@/target.conf
+2=close x
+[Watch Extra Remove]
+1=kill x
+"""
+
+
+def sample(random):
+    """Our own text, or one that is installed, without the programs that it starts."""
+    text = SAMPLE
+    if random.random() < 0.3:
+        text = random.choice(sorted(SAMPLES.glob("*.conf"))).read_text(encoding="utf-8")
+        for folder in ("/usr/local/bin/", "/usr/bin/", "/bin/", "/home/kiosk/", "/tmp/", "@examples@/"):
+            text = text.replace(folder, "@desk@/none/")
+        text = text.replace("@directory@", "@library@/")
+    return text.encode()
+
+
+def fill_in(desk, text):
+    """The paths come in last: a path that was mutated is a relative one, and leads nowhere else."""
+    for name, value in (("@desk@", desk.folder), ("@library@", desk.library), ("@called@", desk.tools.called)):
+        for code in ("ascii", "utf-16-le", "utf-16-be"):
+            text = text.replace(name.encode(code), str(value).encode(code))
+    return text
+
+
+def noise(random):
+    return random.randbytes(random.choice((0, 1, 7, 100, 5000, 200000)))
+
+
+def rotten(random):
+    """What was done, and the bytes."""
+    text = sample(random)
+    deed = random.choice(("random bytes", "mutations", "mutations", "huge lines", "line ends", "NUL bytes", "UTF-16",
+                          "many entries", "cut short", "byte order mark"))
+    if deed == "random bytes":
+        return deed, noise(random) if random.random() < 0.5 else text + noise(random)
+    if deed == "mutations":
+        for _ in range(random.randrange(1, 5)):
+            text = certificate.mutate(text, random)
+        return deed, text
+    if deed == "huge lines":
+        place = random.randrange(len(text))
+        return deed, text[:place] + bytes([random.choice(b"Ax=[|%\" \\")]) * random.choice((255, 1024, 70000, 5000000)) + text[place:]
+    if deed == "line ends":
+        return deed, b"".join(line + random.choice((b"\n", b"\r\n", b"\r", b"\n\r", b"\r\r\n")) for line in text.split(b"\n"))
+    if deed == "NUL bytes":
+        return deed, b"".join(line + random.choice((b"\n", b"\0\n", b"\n\0")) for line in text.split(b"\n"))
+    if deed == "UTF-16":
+        return deed, random.choice((b"", b"\xff\xfe", b"\xfe\xff")) + text.decode("latin-1").encode(random.choice(("utf-16-le", "utf-16-be")))
+    if deed == "many entries":
+        return deed, text + b"".join(b"%d=kill x\n" % number for number in range(20000))
+    if deed == "cut short":
+        return deed, text[:random.randrange(len(text))]
+    return deed, b"\xef\xbb\xbf" + text
+
+
+def stop_with_extra_watchers(desk):
+    """No watcher outlives the service that started it."""
+    desk.stop()
+    program = str(desk.tools.program)
+
+    def left():
+        found = []
+        for entry in Path("/proc").iterdir():
+            try:
+                if entry.name.isdigit() and str((entry / "exe").readlink()) == program and \
+                        (entry / "cwd").readlink() == desk.folder:
+                    found.append(int(entry.name))
+            except OSError:
+                pass
+        return found
+    if not eventually(lambda: not left(), 5, 0.1):
+        raise Damage(f"{len(left())} extra watchers outlived the service")
+    CHILDREN.reap_orphans()
+
+
+def ask_for_people(desk, random):
+    """What people ask of the file is answered, whatever stands in it."""
+    words = random.choice((["--check"], ["--list"], ["--list", "--json"], ["--check", str(desk.path("system.conf"))]))
+    desk.start(*words)
+    code = desk.wait(20)
+    if code is None:
+        desk.kill()
+        raise Damage(f"no answer to {words[0]} within 20 s")
+    desk.check_reports()
+    if code not in (0, 1, 2):
+        raise Damage(f"{words[0]} ended with {code}")
+
+
+def read_as_own(desk, random, tally):
+    deed, text = rotten(random)
+    desk.path("system.conf").write_bytes(fill_in(desk, text))
+    desk.path("target.conf").write_text("[Mail]\nUsername=\n", encoding="utf-8")
+    desk.insert(certificates=[certificate.ann()])
+    if random.random() < 0.3:
+        tally.tried("as qix.conf: --check and --list")
+        ask_for_people(desk, random)
+        return
+    tally.tried(f"as qix.conf: {deed}")
+    desk.start()
+    pause(random.uniform(0.05, 0.6))
+    code = desk.process.poll()
+    if code is None:
+        stop_with_extra_watchers(desk)
+    else:  # there was nothing to do
+        desk.wait(1)
+        if code != -signal.SIGTERM:
+            desk.check_end(code)
+
+
+# --- what a set command fills ----------------------------------------------------------------------
+
+def make_lines(random):
+    """Sections, entries, comments, blocks and blank lines, some of them odd, each with its line end."""
+    content = [b"[Mail]", b"[mail]", b"[Other]", b"[]", b"[open", b"Username=", b"username = old", b"Domain=x", b"User name=1",
+               b"a=1", b"b=2", b"=3", b"c", b"; note", b"# note", b"", b"  ", b"\t", b"<Block=", b"QUJD", b"/>", b"<A=QQ==/>",
+               b"x" * 300, b"y=" + b"z" * 12000, b"nul=\0\0end", b"\xfe\xfd=\x80", b"Usernam\xc3\xa9=e", b"  indented=1"]
+    ends = random.choice(([b"\n"], [b"\n"], [b"\r\n"], [b"\r\n"], [b"\r"], [b"\n", b"\r\n"]))
+    # Leading bytes above 0x7F are byte order marks, which a save drops.
+    text = b"; head" + ends[0] + b"".join(random.choice(content) + random.choice(ends) for _ in range(random.randrange(1, 40)))
+    return text if random.random() < 0.7 else text.rstrip(b"\r\n")
+
+
+def make_old_sections(random):
+    """Sections under names of older versions, which are renamed and merged; no two entries are the same."""
+    names = [b"Soft Tokens", b"SoftToken", b"Smart Card", b"SmartCard", b"Credential Provider", b"CredentialProvider",
+             b"Dialog Presentation", b"CardBitmap", b"Mail", b"PCSC"]
+    end = random.choice((b"\n", b"\r\n", b"\r\n", b"\r"))
+    lines = [b"[Mail]", b"Username="]
+    for number in range(random.randrange(1, 30)):
+        lines.append(random.choice((b"[%s]" % random.choice(names), b"", b"e%d=%d" % (number, number),
+                                    b"Image%d=card.bmp" % number)))
+    return end.join(lines) + random.choice((b"", end))
+
+
+def lines_of(text):
+    """The lines that must still be there: not the keys that are set, nor blank ones. CR alone ends lines only where
+    there is no LF; elsewhere it is dropped when the file is written."""
+    text = text.replace(b"\r", b"" if b"\n" in text else b"\n")
+    return [line for line in text.split(b"\n")
+            if line.strip() and line.partition(b"=")[0].strip().lower() not in (b"username", b"domain")]
+
+
+def is_kept(old, new):
+    rest = iter(new)
+    return all(line in rest for line in old)
+
+
+def check_kept(before, after, is_merged):
+    old, new = lines_of(before), lines_of(after)
+    if is_merged:
+        lost = {line for line in old if not line.startswith(b"[")} - set(new)
+        if lost:
+            raise Damage(f"a line was lost ({lost.pop()!r})")
+        return
+    if not is_kept(old, new):
+        raise Damage("a line was lost")
+    if len(old) != len(new):
+        raise Damage("a line came from nowhere")
+
+
+def fill(desk, random, tally):
+    is_merged = random.random() < 0.3
+    tally.tried("as a target: old section names" if is_merged else "as a target: odd lines")
+    before = make_old_sections(random) if is_merged else make_lines(random)
+    target = desk.path("target.conf")
+    target.write_bytes(before)
+    desk.path("before").write_bytes(before)
+    desk.configure("-sync config Watch", [f"set -config {target}"], [f"set -config {target}"])
+    desk.insert(certificates=[certificate.ann()])
+    desk.start()
+    if not desk.traced("Watch - Connected slot 1"):
+        raise Damage("the set command did not come to its end")
+    desk.stop()
+    after = target.read_bytes()
+    if b"Set command ... OK" not in desk.trace() and after != before:
+        raise Damage("a set command that failed has changed its file")
+    check_kept(before, after, is_merged)
+    saved = desk.path("target.conf.org")
+    if after != before and (not saved.exists() or saved.read_bytes() != before):
+        raise Damage("the saved copy is not the text before")
+
+
+def trial(desk, random, tally):
+    (fill if random.random() < 0.5 else read_as_own)(desk, random, tally)

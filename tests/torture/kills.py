@@ -1,0 +1,150 @@
+"""SIGTERM and SIGKILL at any moment of a set command, with a reader looking on."""
+
+import json
+import signal
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import certificate
+from desk import CHILDREN, Damage, eventually, replace
+
+LANES = 2
+WEIGHT = 20
+ROUNDS = 40
+LABELS = ("first insertion", "restoring insertion", "removal", "restoring removal", "keyword form")
+DONE = b"Watch - Set command ... "
+
+
+def make_target(random):
+    """A configuration with keys and placeholders, from some 100 bytes to some 60 KiB."""
+    lines = ["[Mail]", "Username=", "Domain=", "Greeting=Hello %USERNAME% of %DOMAIN%, %SUBJECT%", "[More]",
+             "Number=%SERIALNUMBER%", "username=old", "Organisation=%OID.O%"]
+    filling = random.choice((0, 0, 10, 200, 1000))
+    for number in range(filling):
+        lines.insert(random.randrange(1, len(lines)), f"Entry{number}=" + "x" * random.randrange(90))
+    return (random.choice(("\n", "\n", "\r\n")).join(lines) + "\n").encode()
+
+
+class Scene:
+    """One file that one kind of set command changes, from a text before to a text after."""
+
+    def __init__(self, desk, random, tally, label):
+        self.desk, self.random, self.tally, self.label = desk, random, tally, label
+        self.folder = desk.path("target")
+        self.folder.mkdir()
+        self.target, self.saved = self.folder / "a.conf", self.folder / "a.conf.org"
+        self.original = make_target(random)
+        self.card = "removal" not in label
+        command = f"set {'-restore ' if label == 'restoring removal' else ''}-config {self.target}"
+        if label == "keyword form":
+            desk.configure(f"-c {self.target} -p {desk.note('in')[:-3]} -a in")
+        else:
+            desk.configure("config Watch", [command], [command])
+        if self.card:
+            desk.insert(certificates=[certificate.ann()])
+        self.before = self.original
+        self.prepare()
+        self.after, self.took = self.run_through()
+        if self.restores():  # the file holds the values of a card that was here before
+            self.before = self.original.replace(b"Username=", b"Username=bob")
+
+    def restores(self):
+        return self.label.startswith("restoring")
+
+    def prepare(self):
+        """The text before, the saved copy that belongs to it, and nothing else."""
+        for stray in self.strays():
+            stray.unlink()
+        if self.restores():
+            replace(self.saved, self.original)
+        else:
+            self.saved.unlink(missing_ok=True)
+        replace(self.target, self.before)
+        self.desk.trace_file.unlink(missing_ok=True)
+
+    def run_through(self):
+        """The text after one whole set command, and how long that took from the start."""
+        self.desk.trace_file.unlink(missing_ok=True)
+        begin = time.monotonic()
+        self.desk.start()
+        if not eventually(lambda: DONE in self.desk.trace(), 15, 0.002):
+            self.desk.check_alive()
+            raise Damage("the set command did not come to its end")
+        took = time.monotonic() - begin
+        self.desk.stop()
+        return self.target.read_bytes(), took
+
+    def texts(self):
+        folder = self.desk.path("whole")
+        folder.mkdir()
+        (folder / "before").write_bytes(self.before)
+        (folder / "after").write_bytes(self.after)
+        return folder
+
+    def end_at_a_random_moment(self, sent):
+        """Says what is damaged; nothing when all is whole."""
+        self.desk.start()
+        time.sleep(self.random.uniform(0, 1.1) * self.took)
+        self.desk.process.send_signal(sent)
+        code = self.desk.wait(20)
+        if code is None:
+            self.desk.kill()
+            raise Damage("SIGTERM did not end the service within 20 s")
+        self.desk.check_reports()
+        # A SIGTERM may come before the service has set itself up to be ended in order.
+        if sent == signal.SIGTERM and code not in (0, -signal.SIGTERM):
+            raise Damage(f"SIGTERM: the service ended with {code}")
+        if sent == signal.SIGKILL:
+            self.tally.counted("(killed in the middle of a write)" if self.strays() else "(killed at another moment)")
+        text = self.target.read_bytes() if self.target.exists() else None
+        if text not in (self.before, self.after):
+            self.keep("torn", text)
+            return "the file was left damaged"
+        if self.saved.exists() and self.saved.read_bytes() != self.original:
+            self.keep("torn.org", self.saved.read_bytes())
+            return "the saved copy was left damaged"
+        return self.write_once_more()
+
+    def write_once_more(self):
+        """After the next write the text is the one after, and no stray file is left."""
+        text, _ = self.run_through()
+        if text != self.after:
+            self.keep("next", text)
+            return "the next write went wrong"
+        strays = self.strays()
+        return f"a stray file stayed ({strays[0].name})" if strays else None
+
+    def strays(self):
+        return [entry for entry in self.folder.iterdir() if entry not in (self.target, self.saved)]
+
+    def keep(self, name, text):
+        if not self.desk.path(name).exists():
+            self.desk.path(name).write_bytes(text or b"(no file)")
+
+
+def trial(desk, random, tally):
+    scene = Scene(desk, random, tally, random.choice(LABELS))
+    reader = CHILDREN.start([sys.executable, Path(__file__).with_name("look.py"), scene.target, scene.texts()],
+                            stdout=subprocess.PIPE)
+    try:
+        reader.stdout.readline()
+        for _ in range(ROUNDS):
+            sent = random.choice((signal.SIGTERM, signal.SIGKILL, signal.SIGKILL))
+            label = f"{sent.name}, {scene.label}"
+            tally.tried(label)
+            scene.prepare()
+            if problem := scene.end_at_a_random_moment(sent):
+                tally.damage(label, problem)
+            if tally.is_over():
+                break
+    finally:
+        reader.terminate()
+        seen = reader.communicate()[0]
+        CHILDREN.ended(reader)
+    seen = json.loads(seen)
+    tally.counted("looks at the file", seen["looks"])
+    if seen["damaged"]:
+        tally.damage("looks at the file", "a reader saw a text that is neither old nor new", seen["damaged"])
+        desk.path("seen.json").write_text(json.dumps(seen["texts"], indent=1), encoding="utf-8")

@@ -1,0 +1,225 @@
+// A PKCS#11 module that passes every call on to another one and misbehaves on order.
+//
+// QIXX_TORTURE_MODULE names the module below, QIXX_TORTURE_ORDER a file of one line that is read
+// anew with every call: "FUNCTION FIRST LAST DEED". The calls of FUNCTION from FIRST to LAST,
+// counted from when the line was first seen, do the deed:
+//
+//   answer:NUMBER   do nothing and return this
+//   throw:KIND      throw an "exception", "number" or "memory"
+//   hang:NUMBER     wait so many milliseconds, then pass on
+//   leave:          end the calling thread
+//   lie:KIND        pass on, then spoil what comes out: "ones", "zero", "huge", "more"
+//
+// Each deed done adds a line to the file QIXX_TORTURE_DONE.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <tuple>
+
+#include "pkcs11/extended.h"
+
+namespace {
+
+/// Below this a number that comes out is taken for a length of what the caller has room for.
+constexpr CK_ULONG kHuge = 0x7FFFFFFF;
+
+struct Order {
+  std::string function;
+  unsigned long first = 0;
+  unsigned long last = 0;
+  std::string deed;
+};
+
+std::string Setting(const char* name) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+std::string OrderText() {
+  static const std::string file = Setting("QIXX_TORTURE_ORDER");
+  const int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return {};
+  char text[256];
+  const ssize_t length = ::read(descriptor, text, sizeof text);
+  ::close(descriptor);
+  return {text, length < 0 ? 0U : static_cast<std::size_t>(length)};
+}
+
+/// The deed that this call has to do, empty for none.
+std::string DeedFor(std::string_view function) {
+  static std::mutex guard;
+  static std::string seen;
+  static unsigned long calls = 0;
+  const std::string text = OrderText();
+  Order order;
+  std::istringstream(text) >> order.function >> order.first >> order.last >> order.deed;
+  if (order.function != function) return {};
+  const std::lock_guard<std::mutex> lock(guard);
+  if (seen != text) seen = text, calls = 0;
+  ++calls;
+  return calls >= order.first && calls <= order.last ? order.deed : std::string();
+}
+
+void NoteDone(std::string_view function, const std::string& deed) {
+  static const std::string file = Setting("QIXX_TORTURE_DONE");
+  const int descriptor =
+      ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (descriptor < 0) return;
+  const std::string line = std::string(function) + " " + deed + "\n";
+  [[maybe_unused]] const ssize_t written = ::write(descriptor, line.data(), line.size());
+  ::close(descriptor);
+}
+
+// --- lies ----------------------------------------------------------------------------------------
+
+/// What a call was given and may have filled. Anything that is no output is left alone.
+template <typename Given>
+void Spoil(const Given& /*input*/, std::string_view /*kind*/) {}
+
+void Spoil(CK_ULONG* number, std::string_view kind) {
+  if (number == nullptr) return;
+  if (kind == "ones") *number = ~CK_ULONG{0};
+  if (kind == "zero") *number = 0;
+  if (kind == "huge") *number = kHuge;
+  if (kind == "more") ++*number;
+}
+
+/// No list, or one without functions.
+void Spoil(CK_FUNCTION_LIST** list, std::string_view kind) {
+  static qixx::pkcs11::ExtendedFunctionList empty = {};
+  *list = kind == "zero" ? nullptr : &empty.standard;
+}
+
+/// Texts without an end, or nothing at all; flags that hold everything.
+template <typename Record>
+void SpoilRecord(Record* record, std::string_view kind) {
+  if (record == nullptr) return;
+  if (kind == "zero") *record = {};
+  if (kind == "ones") std::memset(record, 0xFF, sizeof *record);
+}
+
+void Spoil(CK_INFO* info, std::string_view kind) {
+  SpoilRecord(info, kind);
+}
+
+void Spoil(CK_SLOT_INFO* info, std::string_view kind) {
+  SpoilRecord(info, kind);
+  if (info != nullptr && (kind == "huge" || kind == "more"))
+    std::memset(info->slotDescription, 'A', sizeof info->slotDescription);
+}
+
+void Spoil(CK_TOKEN_INFO* info, std::string_view kind) {
+  SpoilRecord(info, kind);
+}
+
+/// The value as well, within the room that was given: a text without an end.
+void Spoil(CK_ATTRIBUTE* attribute, std::string_view kind) {
+  if (attribute == nullptr) return;
+  if (kind == "more" && attribute->pValue != nullptr && attribute->ulValueLen < kHuge)
+    std::memset(attribute->pValue, 'A', attribute->ulValueLen);
+  Spoil(&attribute->ulValueLen, kind);
+}
+
+// --- deeds ---------------------------------------------------------------------------------------
+
+[[noreturn]] void Throw(const std::string& kind) {
+  if (kind == "number") throw 42;
+  if (kind == "memory") throw std::bad_alloc();
+  throw std::runtime_error("hostile");
+}
+
+template <typename Honest, typename... Given>
+CK_RV Perform(const char* function, const Honest& honest, const std::tuple<Given...>& given) {
+  const std::string deed = DeedFor(function);
+  if (deed.empty()) return honest();
+  NoteDone(function, deed);
+  const std::size_t colon = deed.find(':');
+  const std::string verb = deed.substr(0, colon), detail = deed.substr(colon + 1);
+  const unsigned long number = std::strtoul(detail.c_str(), nullptr, 0);
+  if (verb == "answer") return number;
+  if (verb == "throw") Throw(detail);
+  if (verb == "leave") ::pthread_exit(nullptr);
+  if (verb == "hang") std::this_thread::sleep_for(std::chrono::milliseconds(number));
+  const CK_RV result = honest();
+  if (verb == "lie") std::apply([&](const auto&... one) { (Spoil(one, detail), ...); }, given);
+  return result;
+}
+
+void* Below() {
+  static void* const module =
+      ::dlopen(Setting("QIXX_TORTURE_MODULE").c_str(), RTLD_NOW | RTLD_LOCAL);
+  return module;
+}
+
+template <typename Function>
+Function Find(const char* name) {
+  return Below() == nullptr ? nullptr : reinterpret_cast<Function>(::dlsym(Below(), name));
+}
+
+CK_FUNCTION_LIST* ListBelow() {
+  static CK_FUNCTION_LIST* const list = [] {
+    CK_FUNCTION_LIST* found = nullptr;
+    const auto ask = Find<CK_C_GetFunctionList>("C_GetFunctionList");
+    if (ask == nullptr || ask(&found) != CKR_OK) ::abort();
+    return found;
+  }();
+  return list;
+}
+
+/// The list's functions, without the exported names.
+struct Entries {
+#define MISBEHAVING_ENTRY(name, parameters, arguments)                                           \
+  static CK_RV name parameters {                                                                 \
+    return Perform(                                                                              \
+        "C_" #name, [&] { return ListBelow()->C_##name arguments; }, std::make_tuple arguments); \
+  }
+  QIXX_CK_FUNCTIONS(MISBEHAVING_ENTRY)
+#undef MISBEHAVING_ENTRY
+};
+
+qixx::pkcs11::ExtendedFunctionList functions = {};
+
+}  // namespace
+
+CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
+  functions.standard.version = ListBelow()->version;
+#define MISBEHAVING_SLOT(name, parameters, arguments) functions.standard.C_##name = Entries::name;
+  QIXX_CK_FUNCTIONS(MISBEHAVING_SLOT)
+#undef MISBEHAVING_SLOT
+  functions.standard.C_GetFunctionList = C_GetFunctionList;
+  *list = nullptr;
+  return Perform(
+      "C_GetFunctionList", [&]() -> CK_RV { return *list = &functions.standard, CKR_OK; },
+      std::make_tuple(list));
+}
+
+#define MISBEHAVING_EXPORT(name, parameters, arguments)                       \
+  QIXX_CK_EXPORT CK_RV C_##name parameters {                                  \
+    static const auto below = Find<qixx::pkcs11::name##Function>("C_" #name); \
+    const auto honest = [&] {                                                 \
+      return below == nullptr ? CKR_FUNCTION_NOT_SUPPORTED : below arguments; \
+    };                                                                        \
+    return Perform("C_" #name, honest, std::make_tuple arguments);            \
+  }
+QIXX_CK_EXTENSIONS(MISBEHAVING_EXPORT)
+#undef MISBEHAVING_EXPORT
+
+/// There is no descriptor, unless a lie makes one up that nobody opened.
+QIXX_CK_EXPORT int QixEventDescriptor() {
+  CK_ULONG descriptor = ~CK_ULONG{0};
+  const CK_RV result = Perform(
+      "QixEventDescriptor", [] { return CKR_OK; }, std::make_tuple(&descriptor));
+  return result == CKR_OK ? static_cast<int>(descriptor) : static_cast<int>(result);
+}
