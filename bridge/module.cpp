@@ -82,7 +82,7 @@ runtime::SharedLibrary Find(const std::string& name, std::string& path, std::str
   if (name.find('/') == std::string::npos) {
     for (const char* const folder : kModuleFolders) {
       path = folder + name;
-      if (!runtime::PathExists(path.c_str())) continue;
+      if (!runtime::PathExists(path)) continue;
       fault.clear();  // of a file that is there, the fault says more
       if (runtime::SharedLibrary library = Open(path, fault); library.IsOpen()) return library;
     }

@@ -257,8 +257,9 @@ void WriteCertificate(TextWriter& out, const ListedCertificate& certificate) {
   out.Line("serial", certificate.serial);
   out.Line("usages", UsagesOf(certificate));
   out.Line("valid from", TimeText(certificate.notBefore));
-  out.Line("valid to", TimeText(certificate.notAfter) +
-                           (certificate.isExpired ? ": expired, which counts for nothing" : ""));
+  out.Line("valid to",
+           TimeText(certificate.notAfter) +
+               (certificate.isExpired ? ": expired, which the service does not mind" : ""));
 }
 
 void WriteCertificates(TextWriter& out, const Listing& listing) {

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <optional>
 
 #include "pkcs11/function_call.h"
 #include "runtime/library_call.h"
@@ -17,16 +18,22 @@
 
 namespace {
 
+/// Memory that runs out before the watch begins is as little a failure as memory that runs out
+/// later.
 int Watch(int argc, char** argv) {
   using namespace qixx::watch;
-  InstallStopHandlers();
-  // A slow card is a hang to the service manager only when a single call of the library is.
-  ServiceManager& manager = SystemServiceManager();
-  qixx::pkcs11::ListenToCalls([] { SystemServiceManager().Alive(); });
-  StoppableClock clock;
-  PlatformLogonUser logonUser;
-  const Platform platform = {clock, SystemCardReader(), logonUser, manager};
-  return WatchMain(0, 0, JoinArguments(argc, argv), platform);
+  try {
+    InstallStopHandlers();
+    // A slow card is a hang to the service manager only when a single call of the library is.
+    ServiceManager& manager = SystemServiceManager();
+    qixx::pkcs11::ListenToCalls([] { SystemServiceManager().Alive(); });
+    StoppableClock clock;
+    PlatformLogonUser logonUser;
+    const Platform platform = {clock, SystemCardReader(), logonUser, manager};
+    return WatchMain(0, 0, JoinArguments(argc, argv), platform);
+  } catch (...) {
+    return EXIT_SUCCESS;
+  }
 }
 
 }  // namespace
@@ -36,14 +43,10 @@ int main(int argc, char** argv) {
   int result = EXIT_FAILURE;
   try {
     runtime::ContainTermination();
-    if (const auto code = watch::AnswerPeople(argc, argv, QIXX_VERSION)) {
-      result = *code;
-    } else {
-      result = EXIT_SUCCESS;  // also when memory runs out from here on
-      result = Watch(argc, argv);
-    }
+    const std::optional<int> code = watch::AnswerPeople(argc, argv, QIXX_VERSION);
+    result = code ? *code : Watch(argc, argv);
   } catch (...) {
-    // Memory ran out before the watch began.
+    // Memory ran out while people were answered.
   }
   // A command that still runs may be inside a library, whose static objects must not go under it.
   if (!watch::WaitForParallelJobs(0) || runtime::IsLoaderBroken()) ::_exit(result);

@@ -77,7 +77,7 @@ TEST_F(Credentials, SetCommandThatCannotWriteEndsTheListAndRestoresWhenAsked) {
   EXPECT_FALSE(Exists("said") || Exists("none.conf") || Exists("none.conf.org"));
   RemoveLastCard();
   EXPECT_TRUE(desktop.Holds("logon.conf", "[User]\nUsername=\nCard=\nDomain=\n"));
-  EXPECT_EQ(desktop.TraceCount("Watch - Set command ... OK"), 2U);
+  EXPECT_TRUE(desktop.Traced("Watch - Set command ... OK", 2));
 }
 
 TEST_F(Credentials, KeywordFormFillsTheFileStartsItsProgramAndClearsTheFile) {
