@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <utility>
 
 #include "pkcs11/function_call.h"
+#include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/trace.h"
 
@@ -126,10 +128,19 @@ std::optional<std::string> CWrapperPkcs11::LoadNow(const std::string& path) {
 }
 
 std::optional<std::string> CWrapperPkcs11::LoadFile(const std::string& path) {
-  std::optional<runtime::FoundLibrary> found = runtime::LoadLibrarySearch(path);
-  if (!found) return std::nullopt;
+  std::vector<runtime::FailedOpen> failed;
+  std::optional<runtime::FoundLibrary> found = runtime::LoadLibrarySearch(path, &failed);
+  if (!found) {
+    for (const runtime::FailedOpen& place : failed) {
+      runtime::NotifyOnce("no library " + place.path + ": " + place.reason);
+    }
+    return std::nullopt;
+  }
   libraryPath_ = found->path;
-  if (!ObtainFunctionList(found->library)) return std::nullopt;
+  if (!ObtainFunctionList(found->library)) {
+    runtime::NotifyOnce("library " + found->path + " gives no PKCS#11 functions");
+    return std::nullopt;
+  }
   library_ = std::move(found->library);
   extended_ = true;
   ResolveExtensions();
@@ -205,6 +216,13 @@ void CWrapperPkcs11::TraceCount(const char* when) const {
                       static_cast<int>(initializeCount_), when);
 }
 
+void CWrapperPkcs11::NotifyNotStarted(CK_RV result) const {
+  char number[2 * sizeof result + 1];
+  std::snprintf(number, sizeof number, "%.8lX", result);
+  runtime::NotifyOnce("library " + libraryPath_.value_or("") +
+                      " does not start: C_Initialize gives 0x" + number);
+}
+
 CK_RV CWrapperPkcs11::Initialize(CK_VOID_PTR initArgs) {
   if (initializeCount_ != 0) {
     ++initializeCount_;
@@ -222,6 +240,7 @@ CK_RV CWrapperPkcs11::Initialize(CK_VOID_PTR initArgs) {
     initializedByUs_ = true;
   } else if (result != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
     TraceCount("initialize");
+    NotifyNotStarted(result);
     return result;
   }
   initializeCount_ = 1;

@@ -32,6 +32,14 @@ ChildState AskSystem(pid_t child) {
   return state;
 }
 
+/// Leaves an ended child to be reaped.
+ChildState PeekSystem(pid_t child) {
+  siginfo_t info = {};
+  if (::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return {};
+  const int status = info.si_code == CLD_EXITED ? W_EXITCODE(info.si_status, 0) : info.si_status;
+  return {.result = info.si_pid, .status = status};
+}
+
 /// Notes the end of a registered child; -1 when somebody else has reaped it.
 pid_t Update(Child& child) {
   const ChildState state = AskSystem(child.id);
@@ -82,6 +90,14 @@ ChildState CheckChild(pid_t child) {
       known->ended ? ChildState{.result = child, .status = known->status} : AskSystem(child);
   if (state.result != 0) registry.children.erase(known);
   return state;
+}
+
+ChildState PeekChild(pid_t child) {
+  Registry& registry = GetRegistry();
+  const CriticalScope hold(&registry.lock);
+  const auto known = std::ranges::find(registry.children, child, &Child::id);
+  if (known == registry.children.end()) return {};
+  return known->ended ? ChildState{.result = child, .status = known->status} : PeekSystem(child);
 }
 
 ChildMark::ChildMark() {

@@ -46,6 +46,8 @@ struct ChildState {
 /// Asks for a child without blocking. An ended child is forgotten. A child that is not registered
 /// is asked for as well; an id that is not positive is no child.
 [[nodiscard]] ChildState CheckChild(pid_t child);
+/// The same for a registered child, which is neither reaped nor forgotten.
+[[nodiscard]] ChildState PeekChild(pid_t child);
 
 /// Marks the children that the calling thread registers while it lives. Not to be nested.
 class ChildMark {

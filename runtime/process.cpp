@@ -3,15 +3,19 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <csignal>
+#include <initializer_list>
 #include <optional>
 
 #include "runtime/children.h"
 #include "runtime/clock.h"
 #include "runtime/loader.h"
+#include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
@@ -82,6 +86,7 @@ class ChildPlan {
     if (TraceIsOn()) {
       shown_ = SplitAlike(MaskSecrets(program), arguments, MaskSecrets(arguments));
     }
+    if (!entries_.empty()) program_ = MaskSecrets(entries_.front());
     for (std::string& entry : entries_) vector_.push_back(entry.data());
     // Entry 0 is no redirection.
     if (entries_.size() >= 3 && entries_[entries_.size() - 2] == ">") {
@@ -91,6 +96,8 @@ class ChildPlan {
     vector_.push_back(nullptr);
   }
 
+  /// Entry 0 with secrets masked.
+  [[nodiscard]] const std::string& Program() const { return program_; }
   [[nodiscard]] bool IsEmpty() const { return entries_.empty(); }
   /// The entries without a redirection, ended by null.
   [[nodiscard]] char* const* Vector() const { return vector_.data(); }
@@ -101,6 +108,7 @@ class ChildPlan {
 
  private:
   std::vector<std::string> entries_;
+  std::string program_;
   std::vector<std::string> shown_;
   std::vector<char*> vector_;
   const char* output_ = nullptr;
@@ -162,6 +170,23 @@ void CloseDescriptorsFrom(unsigned first) {
   ::closedir(directory);
 }
 
+/// Tells that the program could not be started. Standard error comes last: a reader that is gone
+/// ends the child, which no longer ignores SIGPIPE.
+[[noreturn]] void EndWithoutProgram(const ChildPlan& plan, int error) {
+  const std::string_view reason = ErrorText(error);
+  TraceWrite("Helper - Failed to start '%s': %s", plan.Program().c_str(), reason.data());
+  TraceWrite("Helper - Child process done");
+  const std::initializer_list<std::string_view> parts = {"'", plan.Program(),
+                                                         "' not started: ", reason};
+  char notice[kMaxNotice];
+  std::size_t length = 0;
+  for (const std::string_view part : parts) {
+    length += part.copy(notice + length, sizeof notice - length);
+  }
+  Notify({notice, length});
+  ::_exit(0);
+}
+
 /// Turns the child into the program. Nothing here waits for another thread or allocates. The
 /// redirection comes last: opening a pipe waits for its reader, and a child that waits must obey
 /// signals and hold nothing of the service open.
@@ -174,6 +199,7 @@ void CloseDescriptorsFrom(unsigned first) {
     CloseDescriptorsFrom((PassOn(passed) ? kPassedDescriptor : STDERR_FILENO) + 1);
     if (plan.Output() != nullptr) RedirectOutput(plan.Output());
     ::execv(plan.Vector()[0], plan.Vector());
+    EndWithoutProgram(plan, errno);
   }
   TraceWrite("Helper - Child process done");
   ::_exit(0);
@@ -210,17 +236,30 @@ pid_t ForkChild(const ChildPlan& plan, int passed) {
   return child;
 }
 
-void PollChild(pid_t child, std::int64_t waitMode) {
+/// What is known of the child at the end of the wait.
+ChildState PollChild(pid_t child, std::int64_t waitMode) {
   const bool briefly = waitMode == kWaitBriefly;
   const std::int64_t pause = briefly ? kBriefPause : kLongPause;
   for (std::int64_t polls = briefly ? kBriefPolls : waitMode; polls > 0; --polls) {
-    if (CheckChild(child).result != 0) {
+    const ChildState state = CheckChild(child);
+    if (state.result != 0) {
       TraceWrite("Helper - Child process finished");
-      return;
+      return state;
     }
     TraceWrite("Helper - Wait for process finished (%d)", static_cast<int>(polls));
     SleepMilliseconds(pause);
   }
+  return PeekChild(child);
+}
+
+/// A program that has failed so soon.
+void TellFailure(const ChildPlan& plan, const ChildState& state) {
+  if (state.result <= 0 || state.status == 0) return;
+  const bool bySignal = WIFSIGNALED(state.status);
+  const int number = bySignal ? WTERMSIG(state.status) : WEXITSTATUS(state.status);
+  const char* const how = bySignal ? "was ended by signal" : "ended with exit code";
+  TraceWrite("Helper - Process %d %s %d", static_cast<int>(state.result), how, number);
+  Notify("'" + plan.Program() + "' " + how + " " + std::to_string(number));
 }
 
 /// 0 and negative ids would reach whole groups of processes.
@@ -244,7 +283,7 @@ bool LaunchProcess(const std::string& program, std::string_view arguments, std::
   place.Register(child);
   TraceWrite("Helper - Forked process id %d", static_cast<int>(child));
   SleepMilliseconds(kStartPause);
-  PollChild(child, waitMode);
+  TellFailure(plan, PollChild(child, waitMode));
   return true;
 }
 

@@ -16,6 +16,7 @@
 #include "runtime/clock.h"
 #include "runtime/descriptor.h"
 #include "runtime/files.h"
+#include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/settings.h"
 #include "runtime/spare_trace.h"
@@ -281,9 +282,9 @@ void CheckTargetSize(const TraceState& state) {
 /// since the line may be one of a forked child.
 void TellRefusal(const std::string& target) {
   CutText<2 * kMaxText> text;
-  text.AppendFormat("Trace: '%s' is refused: no regular file of this user with one name\n",
+  text.AppendFormat("trace '%s' is refused: no regular file of this user with one name",
                     target.c_str());
-  [[maybe_unused]] const ssize_t put = ::write(STDERR_FILENO, text.Text(), text.View().size());
+  Notify(text.View());
 }
 
 /// Opened anew for each line: others write the same file, and a deleted one comes back.

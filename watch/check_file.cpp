@@ -1,10 +1,9 @@
 #include "watch/check_file.h"
 
-#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <map>
 #include <span>
 
@@ -13,10 +12,11 @@
 #include "config/migration.h"
 #include "config/scan.h"
 #include "config/tree.h"
-#include "runtime/descriptor.h"
 #include "runtime/files.h"
+#include "runtime/notice.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
+#include "watch/configuration.h"
 
 namespace qixx::watch {
 namespace {
@@ -32,21 +32,6 @@ struct LessNoCase {
     });
   }
 };
-
-/// Why a configuration file of this path is not read, as the service would find.
-std::string FaultOf(const std::string& path, struct stat& status) {
-  if (path.empty()) return "an empty name";
-  if (path.size() > runtime::kMaxText) return "its path has more than 255 characters";
-  const runtime::Descriptor file = runtime::OpenRegular(path, O_RDONLY);
-  if (!file.IsOpen()) {
-    const int error = errno;
-    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return "no regular file";
-    return std::strerror(error);
-  }
-  status = runtime::StatusOf(file);
-  const auto size = static_cast<std::size_t>(status.st_size);
-  return size > config::kMaxConfigSize ? "larger than 64 MiB" : "";
-}
 
 /// What takes a secret without being the option of a command.
 bool IsSecretName(std::string_view name) {
@@ -70,8 +55,10 @@ bool IsBlank(char c) {
 
 std::string CheckedFile::Load(const std::string& path) {
   path_ = path;
+  if (path.size() > runtime::kMaxText) return "its path has more than 255 characters";
+  if (std::string reason = WhyUnreadable(path); !reason.empty()) return reason;
   struct stat status {};
-  if (std::string fault = FaultOf(path, status); !fault.empty()) return fault;
+  if (::stat(path.c_str(), &status) != 0) return std::string(runtime::ErrorText(errno));
   othersRead_ = (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
   std::optional<std::string> raw = runtime::ReadWholeFile(path);
   if (!raw) return "reading it fails";

@@ -1,9 +1,37 @@
 #include "watch/configuration.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <optional>
 #include <utility>
 
+#include "config/file.h"
+#include "runtime/descriptor.h"
+#include "runtime/notice.h"
+
 namespace qixx::watch {
+
+std::string WhyUnreadable(const std::string& path) {
+  if (path.empty()) return "it has no name";
+  const runtime::Descriptor file = runtime::OpenRegular(path, O_RDONLY);
+  if (!file.IsOpen()) {
+    const int error = errno;
+    struct stat status {};
+    const bool isOther = ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+    return isOther ? "no regular file" : std::string(runtime::ErrorText(error));
+  }
+  const auto size = static_cast<std::size_t>(runtime::StatusOf(file).st_size);
+  return size > config::kMaxConfigSize ? "larger than 64 MiB" : "";
+}
+
+std::string WhyMissing(std::string_view what) {
+  const std::string path = config::CConfig::LocateGlobal().value_or(config::ConfigPath{}).path;
+  const std::string reason = WhyUnreadable(path);
+  if (!reason.empty()) return path + " cannot be read: " + reason;
+  return path + " has no " + std::string(what);
+}
 
 bool LoadProductConfiguration(config::CConfig& config) {
   return config.OpenDefault(false) == config::ConfigResult::kOk && config.HasText();

@@ -16,6 +16,11 @@ inline constexpr std::string_view kWatchEntry = "Watch";
 /// The entry of a watcher's section with arguments for the suite's main program.
 inline constexpr std::string_view kBackgroundEntry = "Background";
 
+/// Why a configuration file of this path cannot be read; empty when it can.
+[[nodiscard]] std::string WhyUnreadable(const std::string& path);
+/// Why the product configuration does not say something: it cannot be read, or there is no `what`.
+[[nodiscard]] std::string WhyMissing(std::string_view what);
+
 /// Opens the product configuration read-only. False when there is none, or none that holds a text.
 [[nodiscard]] bool LoadProductConfiguration(config::CConfig& config);
 

@@ -1,5 +1,6 @@
 #include "watch/event_table.h"
 
+#include "runtime/notice.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -7,6 +8,8 @@
 
 namespace qixx::watch {
 namespace {
+
+constexpr std::size_t kLongestSuffix = std::string_view(" Insert").size();
 
 bool HasFirstEntry(config::CConfig& config, std::string_view name, EventKind kind) {
   const std::optional<std::string> section = BuildEventSection(kind, name);
@@ -55,6 +58,17 @@ bool HasEventCommands(const CWatchOptions& record) {
   const bool onInsert = HasFirstEntry(config, record.section, EventKind::kInsert);
   const bool onRemove = HasFirstEntry(config, record.section, EventKind::kRemove);
   return onInsert || onRemove;
+}
+
+void NotifyWithoutCommands(const CWatchOptions& record) {
+  if (FormOf(record) != CommandForm::kSection) {
+    return runtime::NotifyOnce("nothing to run: no command, and no 'config', behind the options");
+  }
+  const std::string name =
+      BuildWatchSection(record.section, kMaxEventSection - kLongestSuffix).value_or("");
+  if (name.empty()) return runtime::NotifyOnce("nothing to run: the watcher's name is too long");
+  runtime::NotifyOnce("nothing to run: " + WhyMissing("entry 1 in section '" + name +
+                                                      " Insert' or '" + name + " Remove'"));
 }
 
 bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name, EventKind kind) {

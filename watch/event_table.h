@@ -45,6 +45,9 @@ enum class CommandForm {
 /// Whether the watcher has anything to run. Of its event sections only the first entries count.
 [[nodiscard]] bool HasEventCommands(const CWatchOptions& record);
 
+/// Says on standard error why it has nothing.
+void NotifyWithoutCommands(const CWatchOptions& record);
+
 /// Whether the event section of the watcher holds a command that is more than an ending.
 [[nodiscard]] bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name,
                                             EventKind kind);

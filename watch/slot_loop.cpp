@@ -183,6 +183,7 @@ void RunWatch(CWatchOptions& record, const Platform& platform) {
     RunWithLibrary(record, platform);
   } else {
     runtime::TraceWrite("Watch - No event commands available");
+    NotifyWithoutCommands(record);
   }
   runtime::TraceWrite("Watch - Stopped");
 }

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "runtime/files.h"
+#include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
@@ -117,6 +118,8 @@ void RunLine(config::CConfig& config, std::string_view line, const Platform& pla
     RunCommands(command, ownLine, ownPath, platform);
   } else {
     runtime::TraceWrite("Watch - Failed to parse config");
+    if (!hasCommand)
+      runtime::NotifyOnce("nothing to watch: " + WhyMissing("entry Watch in section Command"));
   }
 }
 

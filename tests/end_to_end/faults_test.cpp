@@ -18,6 +18,13 @@ TEST_F(Faults, MissingLibraryIsTracedAndTheWatchGoesOn) {
   desktop.Start();
   EXPECT_TRUE(desktop.Traced("WrapperPkcs11 - Failed to load library"));
   EXPECT_TRUE(desktop.Traced("Watch - Event"));
+  for (const char* folder : {"", "/nonexistent/", "/usr/lib/"}) {
+    const std::string library = std::string(folder) + "libqixp11.so";
+    EXPECT_NE(desktop.Home()
+                  .Read("stderr.txt")
+                  .find("qixxwatch: no library " + library + ": " + library + ": cannot open"),
+              std::string::npos);
+  }
 }
 
 TEST_F(Faults, PlainStandardModuleServes) {
@@ -36,6 +43,9 @@ TEST_F(Faults, LibraryThatComesUpLateOrIsFinalisedByOthersIsInitialisedLater) {
   Configure("-sync", {Echo("in", "in.txt")}, {Echo("out", "out.txt")});
   desktop.Start();
   ASSERT_TRUE(desktop.Traced("WrapperPkcs11 - Initialize count 0 at initialize"));
+  EXPECT_EQ(desktop.Home().Read("stderr.txt"),
+            "qixxwatch: library " QIXX_SOFTCARD_FOLDER
+            "libqixp11.so does not start: C_Initialize gives 0x00000030\n");
   desktop.SetModuleFaults("");
   ASSERT_TRUE(desktop.Traced("WrapperPkcs11 - Initialize count 1 at initialize"));
   desktop.InsertCard(1);
@@ -228,6 +238,57 @@ TEST_F(Faults, UnusableFilesAreNoHindrance) {
   std::filesystem::remove(desktop.Path("system.conf"));
   desktop.InsertCard(1);
   EXPECT_TRUE(desktop.Traced("Watch - Inserted event ... FAILED"));
+}
+
+TEST_F(Faults, WhatKeepsTheServiceFromWorkingIsSaidOnStandardError) {
+  const std::string file = desktop.Path("system.conf");
+  const std::tuple<std::string, Lines, std::string> rows[] = {
+      {"", {}, "nothing to watch: " + file + " has no entry Watch in section Command"},
+      {"", {"?"}, ""},
+      {"", {"-sync"}, "nothing to run: no command, and no 'config', behind the options"},
+      {"[Command]\nWatch=config Foo\n",
+       {},
+       "nothing to run: " + file +
+           " has no entry 1 in section 'Watch Foo Insert' or 'Watch Foo Remove'"},
+      {"-", {}, "nothing to watch: " + file + " cannot be read: No such file or directory"},
+      {"-", {"config"}, "nothing to run: " + file + " cannot be read: No such file or directory"},
+  };
+  for (const auto& [text, words, told] : rows) {
+    SCOPED_TRACE(told);
+    std::filesystem::remove(desktop.Path("trace.log"));
+    desktop.Configure(text);
+    if (text == "-") std::filesystem::remove(file);
+    desktop.Start(words);
+    EXPECT_EQ(desktop.Stop(0), 0) << "it ends by itself, and in order";
+    EXPECT_EQ(desktop.Home().Read("stderr.txt"), told.empty() ? "" : "qixxwatch: " + told + "\n");
+    const bool noCommand = told.empty() || told.starts_with("nothing to watch");
+    EXPECT_EQ(desktop.TraceCount(noCommand ? "Watch - Failed to parse config"
+                                           : "Watch - No event commands available"),
+              text == "-" ? 0U : 1U);
+    std::filesystem::remove(desktop.Path("stderr.txt"));
+  }
+}
+
+TEST_F(Faults, FailingProgramsAreSaidInTheTraceAndOnStandardError) {
+  const std::string program = desktop.WriteProgram("exit 7");
+  Watch("", {"kill x"},
+        {"/no/program -pin 1234", program, "/bin/true", "/bin/sh -c \"kill -9 $$\"",
+         Echo("end", "end.txt")});
+  EXPECT_TRUE(desktop.Holds("end.txt", "end\n"));
+  Stop();
+  EXPECT_EQ(desktop.TraceCount("Helper - Failed to start '/no/program': No such file or directory"),
+            1U);
+  std::size_t ends = 0;
+  for (const std::string& line : desktop.TraceAfter("Helper - Process ")) {
+    ends += line.ends_with(" ended with exit code 7") || line.ends_with(" was ended by signal 9");
+  }
+  EXPECT_EQ(ends, 2U);
+  EXPECT_EQ(desktop.Home().Read("stderr.txt"),
+            "qixxwatch: '/no/program' not started: No such file or directory\n"
+            "qixxwatch: '" +
+                program +
+                "' ended with exit code 7\n"
+                "qixxwatch: '/bin/sh' was ended by signal 9\n");
 }
 
 }  // namespace

@@ -138,8 +138,9 @@ TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
     ::testing::internal::CaptureStderr();
     SetFile(name);
     for (int i = 0; i < 2; ++i) TraceWrite("lost");
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
-                MatchesRegex("Trace: '[^\n]*" + std::string(name) + "' is refused: [^\n]*\n"));
+    EXPECT_THAT(
+        ::testing::internal::GetCapturedStderr(),
+        MatchesRegex("qixxwatch: trace '[^\n]*" + std::string(name) + "' is refused: [^\n]*\n"));
   }
   EXPECT_FALSE(fs::exists(folder_.Path("made by the trace")));
   EXPECT_EQ(folder_.Read("second name"), "kept");

@@ -1,0 +1,67 @@
+#include "runtime/notice.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <set>
+
+#include "runtime/no_destructor.h"
+#include "runtime/sync.h"
+
+namespace qixx::runtime {
+namespace {
+
+constexpr std::string_view kHead = "qixxwatch: ";
+constexpr std::size_t kMaxRemembered = 256;
+
+/// What has been written once. Never destroyed, because commands run while the process ends.
+struct Remembered {
+  CCritical lock;
+  std::set<std::size_t> texts;
+};
+
+bool IsNew(std::string_view text) {
+  static NoDestructor<Remembered> remembered;
+  const CriticalScope hold(&remembered->lock);
+  if (remembered->texts.size() >= kMaxRemembered) return false;
+  return remembered->texts.insert(std::hash<std::string_view>()(text)).second;
+}
+
+/// Whether a line can be written at once. A pipe that has room takes all of it, because it is
+/// shorter than what the system writes in one piece.
+bool HasRoom() {
+  pollfd error = {STDERR_FILENO, POLLOUT, 0};
+  return ::poll(&error, 1, 0) == 1 && (error.revents & (POLLOUT | POLLERR)) == POLLOUT;
+}
+
+}  // namespace
+
+void Notify(std::string_view text) {
+  const int kept = errno;
+  char line[kMaxNotice];
+  char* end = std::ranges::copy(kHead, line).out;
+  const std::size_t length = std::min(text.size(), kMaxNotice - kHead.size() - 1);
+  end = std::ranges::transform(text.substr(0, length), end, [](char c) {
+          return (c >= 0 && c < ' ') || c == 0x7F ? '?' : c;
+        }).out;
+  *end++ = '\n';
+  if (HasRoom()) {
+    static_cast<void>(::write(STDERR_FILENO, line, static_cast<std::size_t>(end - line)) > 0);
+  }
+  errno = kept;
+}
+
+void NotifyOnce(std::string_view text) {
+  if (IsNew(text)) Notify(text);
+}
+
+std::string_view ErrorText(int number) {
+  const char* const text = ::strerrordesc_np(number);
+  return text != nullptr ? text : "unknown error";
+}
+
+}  // namespace qixx::runtime
