@@ -16,6 +16,7 @@
 #include "runtime/clock.h"
 #include "runtime/descriptor.h"
 #include "runtime/files.h"
+#include "runtime/journal.h"
 #include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/settings.h"
@@ -210,10 +211,14 @@ bool IsServerTarget(std::string_view name) {
   return StartsWithNoCase(name, kServerHead);
 }
 
+bool IsJournalTarget(std::string_view name) {
+  return name == kJournalTarget;
+}
+
 /// A server target is judged by the stored name, not by its own. Intended: the suite's set-ups rely
 /// on a first server name being taken as it is.
 bool IsAcceptedTarget(std::string_view name, std::string_view stored) {
-  if (!IsServerTarget(name)) return IsTraceFileName(name);
+  if (!IsServerTarget(name)) return IsJournalTarget(name) || IsTraceFileName(name);
   const std::size_t comma = stored.find(',', 1);
   return comma == std::string_view::npos || IsTraceFileName(stored.substr(comma + 1));
 }
@@ -272,7 +277,7 @@ bool Empty(const Descriptor& file) {
 void CheckTargetSize(const TraceState& state) {
   const time_t now = ::time(nullptr);
   const bool early = now <= nextSizeCheck && nextSizeCheck - now <= kSizeCheckSeconds;
-  if (early || IsServerTarget(state.target)) return;
+  if (early || IsServerTarget(state.target) || IsJournalTarget(state.target)) return;
   nextSizeCheck = now + kSizeCheckSeconds;
   const Descriptor file = OpenOwn(state.target, O_WRONLY);
   if (StatusOf(file).st_size > kMaxFileSize) Empty(file);
@@ -291,6 +296,10 @@ void TellRefusal(const std::string& target) {
 void AppendToTarget(TraceState& state, std::string_view line) {
   if (IsServerTarget(state.target)) {
     state.target[0] = 's';  // Intended: server targets are stored so; nothing else depends on it.
+    return;
+  }
+  if (IsJournalTarget(state.target)) {
+    SendToJournal(line.substr(0, line.find_last_not_of('\n') + 1));
     return;
   }
   bool refused = false;
@@ -438,7 +447,8 @@ void TraceDump(std::string_view name, std::span<const std::uint8_t> data) {
   if (state == nullptr || data.empty()) return;
   const KeepErrorNumber keep;
   const CriticalScope hold(&state->lock);
-  if (!state->HasTarget() || !state->PassesRelease()) return;
+  // The journal has no side files.
+  if (!state->HasTarget() || IsJournalTarget(state->target) || !state->PassesRelease()) return;
   std::string path(DirectoryOf(state->target));
   if (path.empty()) path = GetTempDirectory().value_or("");
   if (path.empty()) return;

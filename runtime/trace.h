@@ -43,6 +43,8 @@ struct TraceSettings {
 /// a path.
 [[nodiscard]] std::optional<TraceSettings> TraceReadSettings(std::string_view component);
 
+/// The target that is the system's journal, and no file.
+inline constexpr std::string_view kJournalTarget = "journal";
 /// Whether a name ends as a trace file must: ".txt" or ".log".
 [[nodiscard]] bool IsTraceFileName(std::string_view name);
 
@@ -50,7 +52,8 @@ struct TraceSettings {
 /// than kMaxText is ignored. One with an extension other than ".txt" and ".log" keeps the previous
 /// target, which gets another date line. The file is made for its owner only. What is no regular
 /// file of the service's user with one name is left alone, and so is a link; standard error says so
-/// once. Lines of a target named "server..." go to no file.
+/// once. Lines of a target named "server..." go to no file, those of
+/// kJournalTarget go to the journal.
 void TraceSetFile(std::string_view name);
 void TraceSetFile(std::nullptr_t) = delete;
 /// Installs a target in call mode with the given release counter; without a name clears it. No

@@ -39,7 +39,6 @@ constexpr std::size_t kMaxCheckedList = 2000;
 constexpr std::string_view kInstallSection = "Install";
 constexpr std::string_view kTraceSection = "Trace";
 constexpr std::string_view kTraceCallSection = "Trace Call";
-constexpr std::string_view kJournal = "journal";
 
 /// What a file is to the service.
 enum class FileRole { kSystem, kUser, kBeside };
@@ -491,6 +490,7 @@ class ConfigurationCheck {
     const std::string path(line->value);
     const bool isCall = section == kTraceCallSection;
     const Place place = file.At(line->line);
+    if (!isCall && path == runtime::kJournalTarget) return;
     if (path.find("||") != std::string::npos || runtime::StartsWithNoCase(path, "server")) return;
     if (!isCall && !runtime::IsTraceFileName(path)) {
       mistakes_.Add(place,

@@ -321,6 +321,10 @@ class CommandCheck {
           MeantName(word, kCommandOptions, "-config FILE or -match TEXT is meant"));
     }
     const SetOptions options = ParseSetOptions(text);
+    if (options.config.size() > kMaxOption) {
+      return Add("the file's path has more than 255 characters, so 'set' fails",
+                 "a shorter one is meant");
+    }
     if (!options.config.empty()) return CheckTargetFile(options.config);
     if (options.registry.empty()) Add("'set' has no file and fails", "-config FILE is meant");
   }
@@ -349,7 +353,8 @@ class CommandCheck {
       return Add("'extern' needs a comma behind the library", "extern LIBRARY,ARGUMENTS is meant");
     }
     CheckLibrary(text.substr(0, comma));
-    const std::string file = GetCommandOption(text.substr(comma + 1), "-config").value_or("");
+    const std::string file =
+        GetCommandOption(text.substr(comma + 1), "-config", kWholeOption).value_or("");
     if (!file.empty()) CheckTargetFile(file);
   }
 
@@ -392,8 +397,10 @@ std::string DescribeCommand(EventKind kind, std::string_view text) {
     case CommandKind::kParallel:
       return "at the same time: " + DescribeCommand(kind, parts.text);
     case CommandKind::kSet: {
-      const std::string file = Shown(ParseSetOptions(parts.text).config);
-      return (kind == EventKind::kInsert ? "write the logon values into " : "clear ") + file;
+      const SetOptions options = ParseSetOptions(parts.text);
+      const std::string file = Shown(options.config);
+      if (kind == EventKind::kInsert) return "write the logon values into " + file;
+      return options.restore ? "put " + file + ".org back and clear it" : "clear " + file;
     }
     case CommandKind::kDocument:
       return "show " + rest;

@@ -1,15 +1,21 @@
 #include "runtime/trace.h"
 
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 
 #include "runtime/clock.h"
+#include "runtime/descriptor.h"
+#include "runtime/journal.h"
 #include "runtime/product.h"
+#include "runtime/text.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 
@@ -24,6 +30,21 @@ extern "C" time_t time(time_t* result) noexcept {
 extern "C" int gettimeofday(timeval* __restrict now, void* __restrict /*zone*/) noexcept {
   *now = {::time(nullptr), 0};
   return 0;
+}
+
+// The journal of this program is a socket of its own.
+static std::string journalSocket;
+extern "C" ssize_t sendmsg(int socket, const msghdr* message, int flags) noexcept {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  journalSocket.copy(address.sun_path, sizeof address.sun_path - 1);
+  if (std::string_view(static_cast<const sockaddr_un*>(message->msg_name)->sun_path) !=
+      qixx::runtime::kJournalSocket) {
+    return -1;
+  }
+  msghdr sent = *message;
+  sent.msg_name = &address;
+  return ::syscall(SYS_sendmsg, socket, &sent, flags);
 }
 
 namespace qixx::runtime {
@@ -45,6 +66,60 @@ class TraceTest : public ::testing::Test {
   void SetFile(const std::string& name) const { TraceSetFile(folder_.Path(name)); }
   testing::TemporaryFolder folder_;
 };
+
+class JournalTest : public TraceTest {
+ protected:
+  JournalTest() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    journalSocket = folder_.Path("socket");
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    journalSocket.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::bind(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+  /// The next message, empty when there is none.
+  [[nodiscard]] std::string Receive() const {
+    char data[kMaxTraceLine + 100];
+    const ssize_t length = ::recv(socket_.Get(), data, sizeof data, 0);
+    return length > 0 ? std::string(data, static_cast<std::size_t>(length)) : std::string();
+  }
+  Descriptor socket_;
+};
+
+TEST_F(JournalTest, TakesOneDatagramForALine) {
+  TraceSetFile(kJournalTarget);
+  EXPECT_THAT(Receive(), ::testing::HasSubstr(" Trace - Date "));
+  const auto expected = [](char priority, std::size_t length, const std::string& text) {
+    return std::string("PRIORITY=") + priority + "\nSYSLOG_IDENTIFIER=qixxwatch\nMESSAGE\n" +
+           static_cast<char>(length & 0xFF) + static_cast<char>(length >> 8) +
+           std::string(6, '\0') + "[" + text + "\n";
+  };
+  const auto withoutStamp = [](std::string message) {
+    const std::size_t stamp = message.find('[');
+    if (stamp != std::string::npos) message.erase(stamp + 1, message.find("] ") - stamp + 14);
+    return message;
+  };
+  TraceWrite("a\nPRIORITY=0\n%s", "b");
+  const std::string first = Receive();
+  const std::size_t stamp = first.find("a\nPRIORITY") - first.find('[');
+  EXPECT_EQ(withoutStamp(first), expected('6', stamp + 14, "a\nPRIORITY=0\nb"));
+  TraceWrite("Watch - Inserted event ... %s", "FAILED");
+  EXPECT_EQ(withoutStamp(Receive()),
+            expected('4', stamp + 33, "Watch - Inserted event ... FAILED"));
+  TraceWrite("%s", std::string(20'000, 'x').c_str());
+  EXPECT_THAT(Receive(), ::testing::EndsWith("xxx\n"));
+  TraceDump("cert.cer", AsBytes("x"));
+  EXPECT_FALSE(fs::exists("journal"));
+}
+
+TEST_F(JournalTest, IsNeverWaitedForAndMayBeMissing) {
+  TraceSetFile(kJournalTarget);
+  for (int i = 0; i < 5000; ++i) TraceWrite("more than the socket holds");
+  fs::remove(journalSocket);
+  TraceWrite("nobody takes it");
+  socket_.Close();
+  TraceWrite("nobody takes it");
+  EXPECT_TRUE(TraceIsOn());
+}
 
 TEST_F(TraceTest, WritesDateLineAndStampedLines) {
   SetFile("a.log");

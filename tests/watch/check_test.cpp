@@ -274,16 +274,16 @@ TEST_F(Check, SaysWhatIsWrongAndWhatIsMeant) {
 }
 
 TEST_F(Check, CleanFileSaysWhatWillRun) {
-  const watch::CheckResult result =
-      Run("\xEF\xBB\xBF; a "
-          "comment\r\n[Trace]\r\nwatch=@/x.log\r\n[Install]\r\nDirectory=@/lib\r\n[Command]\r\n"
-          "Watch=-match \"cn=Ann|FF\" -wait \"5|2\" -sync config Watch|Door\r\nWatch "
-          "Door=-recognized config Door\r\n"
-          "[Watch Insert]\r\n1=@/program --title \"%USERNAME% of %OID.o%\" > /dev/null\r\n2=\r\n"
-          "3=parallel set -config @/mail.conf\r\n4=close x\r\n"
-          "[Watch Remove]\r\n1=@/program +%Y%m%d\r\n2=set -config @/mail.conf\r\n3=kill x\r\n"
-          "[Watch Door Insert]\r\n1=@/program|{on}||@/plain\r\n[Condition]\r\n1={on} watch_test\r\n"
-          "[General]\r\nAnything=x\r\n");
+  const watch::CheckResult result = Run(
+      "\xEF\xBB\xBF; a "
+      "comment\r\n[Trace]\r\nwatch=journal\r\n[Install]\r\nDirectory=@/lib\r\n[Command]\r\n"
+      "Watch=-match \"cn=Ann|FF\" -wait \"5|2\" -sync config Watch|Door\r\nWatch "
+      "Door=-recognized config Door\r\n"
+      "[Watch Insert]\r\n1=@/program --title \"%USERNAME% of %OID.o%\" > /dev/null\r\n2=\r\n"
+      "3=parallel set -config @/mail.conf\r\n4=close x\r\n"
+      "[Watch Remove]\r\n1=@/program +%Y%m%d\r\n2=set -restore -config @/mail.conf\r\n3=kill x\r\n"
+      "[Watch Door Insert]\r\n1=@/program|{on}||@/plain\r\n[Condition]\r\n1={on} watch_test\r\n"
+      "[General]\r\nAnything=x\r\n");
   EXPECT_THAT(Told(result), IsEmpty());
   EXPECT_EQ(result.exitCode, 0);
   for (const std::string part :
@@ -293,8 +293,8 @@ TEST_F(Check, CleanFileSaysWhatWillRun) {
         "    1. start @/program --title \"%USERNAME% of %OID.o%\" > /dev/null\n"
         "    3. at the same time: write the logon values into @/mail.conf\n"
         "    4. nothing, without success (close x)\n"
-        "  On removal, in this order, all of them:\n    1. start @/program +%Y%m%d\n    2. clear "
-        "@/mail.conf\n"
+        "  On removal, in this order, all of them:\n    1. start @/program +%Y%m%d\n    2. put "
+        "@/mail.conf.org back and clear it\n"
         "    3. nothing, with success (kill x)\n",
         "Watcher 'Door' (@/x.conf:8), only cards that can be read\n  On insertion, in this order, "
         "up to the first "
@@ -372,7 +372,7 @@ TEST_F(Check, WhatCannotBeReadIsSaidWithItsReason) {
 TEST_F(Check, PrintedConfigurationsHaveNoMistakes) {
   const std::string source = QIXX_SOURCE_DIR "/";
   std::vector<std::string> texts;
-  for (const char* file : {"README.md", "docs/real-cards.md"}) {
+  for (const char* file : {"README.md", "docs/real-cards.md", "docs/recipes.md"}) {
     const std::string page = TemporaryFolder::ReadFile(source + file);
     for (std::size_t at = page.find("\n```ini\n"); at != std::string::npos;
          at = page.find("\n```ini\n", at)) {
