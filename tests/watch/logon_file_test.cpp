@@ -63,32 +63,32 @@ class LogonFile : public ::testing::Test {
  protected:
   bool Insert(const std::string& options) { return Run(EventKind::kInsert, options); }
   bool Remove(const std::string& options) { return Run(EventKind::kRemove, options); }
-  bool Insert() { return Insert("-config " + file); }
-  bool Restore() { return Remove("-restore -config " + file); }
+  bool Insert() { return Insert("-config " + file_); }
+  bool Restore() { return Remove("-restore -config " + file_); }
 
   /// What is in the folder, the file itself apart.
   [[nodiscard]] std::set<std::string> Others() const {
     std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder.Path())) {
-      if (entry.path() != file) names.insert(entry.path().filename().string());
+    for (const auto& entry : fs::directory_iterator(folder_.Path())) {
+      if (entry.path() != file_) names.insert(entry.path().filename().string());
     }
     return names;
   }
-  [[nodiscard]] std::string Text() const { return folder.Read("a.conf"); }
+  [[nodiscard]] std::string Text() const { return folder_.Read("a.conf"); }
   /// Starts over with the folder as one case needs it.
   void StartOver() {
-    fs::remove_all(folder.Path());
-    fs::create_directory(folder.Path());
-    folder.Write("a.conf", kOriginal);
+    fs::remove_all(folder_.Path());
+    fs::create_directory(folder_.Path());
+    folder_.Write("a.conf", kOriginal);
   }
 
-  ScriptedReader reader{std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}}};
-  TemporaryFolder folder;
-  const std::string file = folder.Write("a.conf", kOriginal);
+  ScriptedReader reader_{std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}}};
+  TemporaryFolder folder_;
+  const std::string file_ = folder_.Write("a.conf", kOriginal);
 
  private:
   bool Run(EventKind kind, const std::string& options) {
-    return watch::SetCommand(reader, {.kind = kind, .slot = 1}, watch::ParseSetOptions(options));
+    return watch::SetCommand(reader_, {.kind = kind, .slot = 1}, watch::ParseSetOptions(options));
   }
 };
 
@@ -109,18 +109,18 @@ bool AsNobody(const Action& action) {
 }
 
 TEST_F(LogonFile, IsPutBackBeforeItIsClearedWhenAsked) {
-  fs::permissions(file, fs::perms{0640});
+  fs::permissions(file_, fs::perms{0640});
   EXPECT_TRUE(Insert());
   EXPECT_EQ(Text(), kFilled);
-  EXPECT_TRUE(Remove("-config " + file));
+  EXPECT_TRUE(Remove("-config " + file_));
   EXPECT_EQ(Text(), "[Mail]\nUsername=\nDomain=\nName=ann of example.org\n");
-  EXPECT_TRUE(Remove("-config " + file + " -RESTORE"));
+  EXPECT_TRUE(Remove("-config " + file_ + " -RESTORE"));
   EXPECT_EQ(Text(), kCleared);
   EXPECT_TRUE(Insert());
-  EXPECT_TRUE(Remove("-config " + file + " -match \" -restore \""));
+  EXPECT_TRUE(Remove("-config " + file_ + " -match \" -restore \""));
   EXPECT_EQ(Text(), "[Mail]\nUsername=\nDomain=\nName=ann of example.org\n") << "in quotes";
-  EXPECT_EQ(fs::status(file).permissions(), fs::perms{0640});
-  EXPECT_EQ(fs::status(file + ".org").permissions(), fs::perms{0640});
+  EXPECT_EQ(fs::status(file_).permissions(), fs::perms{0640});
+  EXPECT_EQ(fs::status(file_ + ".org").permissions(), fs::perms{0640});
   EXPECT_EQ(Others(), std::set{"a.conf.org"s});
 }
 
@@ -155,8 +155,8 @@ TEST_F(LogonFile, KilledWriterLeavesNoDamageAndNothingBehind) {
     ::kill(other, SIGKILL);
     ::waitpid(other, nullptr, 0);
     ASSERT_TRUE(whole.contains(Text())) << Text();
-    const bool isSaved = fs::exists(file + ".org");
-    ASSERT_TRUE(!isSaved || folder.Read("a.conf.org") == kOriginal);
+    const bool isSaved = fs::exists(file_ + ".org");
+    ASSERT_TRUE(!isSaved || folder_.Read("a.conf.org") == kOriginal);
   }
   EXPECT_TRUE(Insert());
   EXPECT_EQ(Text(), kFilled);
@@ -164,8 +164,8 @@ TEST_F(LogonFile, KilledWriterLeavesNoDamageAndNothingBehind) {
 }
 
 TEST_F(LogonFile, OnlyWhatNobodyWritesAnyMoreIsALeftOver) {
-  folder.Write(".qixxwatch-new-0123456789abcdef", "half");
-  const std::string alive = folder.Write(".qixxwatch-new-fedcba9876543210", "in the making");
+  folder_.Write(".qixxwatch-new-0123456789abcdef", "half");
+  const std::string alive = folder_.Write(".qixxwatch-new-fedcba9876543210", "in the making");
   const runtime::Descriptor held(::open(alive.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(::flock(held.Get(), LOCK_EX), 0);
   EXPECT_TRUE(Insert());
@@ -173,12 +173,12 @@ TEST_F(LogonFile, OnlyWhatNobodyWritesAnyMoreIsALeftOver) {
 }
 
 TEST_F(LogonFile, WhatCannotBeSavedIsNotChanged) {
-  const std::string copy = file + ".org";
+  const std::string copy = file_ + ".org";
   struct Fault {
     const char* name;
     std::function<void()> make;
   };
-  const std::string secret = folder.Path() + ".secret";
+  const std::string secret = folder_.Path() + ".secret";
   const Fault faults[] = {
       {"a link as copy", [&] { fs::create_symlink("a.conf", copy); }},
       {"a link that leads nowhere", [&] { fs::create_symlink("none", copy); }},
@@ -186,12 +186,12 @@ TEST_F(LogonFile, WhatCannotBeSavedIsNotChanged) {
       {"a pipe as copy", [&] { ::mkfifo(copy.c_str(), 0600); }},
       {"a copy with a second name",
        [&] {
-         folder.Write("b", "b");
-         fs::create_hard_link(folder.Path("b"), copy);
+         folder_.Write("b", "b");
+         fs::create_hard_link(folder_.Path("b"), copy);
        }},
-      {"a file with a second name", [&] { fs::create_hard_link(file, folder.Path("b")); }},
+      {"a file with a second name", [&] { fs::create_hard_link(file_, folder_.Path("b")); }},
       {"a copy that cannot be reached", [] { savedCopyError = EIO; }},
-      {"an encoded file", [&] { fs::create_symlink("a.conf", folder.Path("a.edb")); }},
+      {"an encoded file", [&] { fs::create_symlink("a.conf", folder_.Path("a.edb")); }},
   };
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.name);
@@ -200,18 +200,18 @@ TEST_F(LogonFile, WhatCannotBeSavedIsNotChanged) {
     const std::set<std::string> before = Others();
     const bool encoded = before.contains("a.edb");
     const TraceCapture trace;
-    EXPECT_FALSE(encoded ? Remove("-config " + folder.Path("a.edb")) : Insert());
+    EXPECT_FALSE(encoded ? Remove("-config " + folder_.Path("a.edb")) : Insert());
     EXPECT_TRUE(trace.Has("Watch - Set command ... FAILED"));
     EXPECT_TRUE(encoded || !Restore());
     savedCopyError = 0;
     EXPECT_EQ(Text(), kOriginal);
     EXPECT_EQ(Others(), before);
   }
-  for (const std::string& missing : {folder.Path("none.conf"), folder.Path("none/a.conf"), ""s}) {
+  for (const std::string& missing : {folder_.Path("none.conf"), folder_.Path("none/a.conf"), ""s}) {
     EXPECT_FALSE(Insert("-config \"" + missing + "\""));
     EXPECT_FALSE(Remove("-config \"" + missing + "\""));
   }
-  EXPECT_EQ(fs::exists(folder.Path("none.conf")), false);
+  EXPECT_EQ(fs::exists(folder_.Path("none.conf")), false);
 }
 
 TEST_F(LogonFile, EndlessWalksThroughAHugeFileAreRefused) {
@@ -219,23 +219,23 @@ TEST_F(LogonFile, EndlessWalksThroughAHugeFileAreRefused) {
   for (int section = 0; section < 40; ++section) {
     old += "\n[" + std::to_string(section) + "]\nUsername=\n";
   }
-  folder.Write("a.conf", old);
+  folder_.Write("a.conf", old);
   const TraceCapture trace;
-  EXPECT_FALSE(Remove("-config " + file));
-  EXPECT_TRUE(trace.Has("Watch - Failed to set 'Username' in '" + file + "'"));
+  EXPECT_FALSE(Remove("-config " + file_));
+  EXPECT_TRUE(trace.Has("Watch - Failed to set 'Username' in '" + file_ + "'"));
   EXPECT_TRUE(Text() == old);
 }
 
 TEST_F(LogonFile, FullDiskChangesNothing) {
   const std::string old = kOriginal + std::string(5000, ';') + "\n";
-  folder.Write("a.conf", old);
+  folder_.Write("a.conf", old);
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
   const auto oldAction = std::signal(SIGXFSZ, SIG_IGN);
   const auto limited = [&](rlim_t limit, bool inserts) {
     const rlimit small{limit, before.rlim_max};
     EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    const bool success = inserts ? Insert() : Remove("-config " + file);
+    const bool success = inserts ? Insert() : Remove("-config " + file_);
     EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
     return success;
   };
@@ -244,42 +244,42 @@ TEST_F(LogonFile, FullDiskChangesNothing) {
   EXPECT_EQ(Others(), std::set<std::string>());
   EXPECT_FALSE(limited(old.size() + 1, true)) << "room for the copy alone";
   EXPECT_EQ(Text(), old);
-  EXPECT_EQ(folder.Read("a.conf.org"), old);
+  EXPECT_EQ(folder_.Read("a.conf.org"), old);
   EXPECT_EQ(Others(), std::set{"a.conf.org"s});
   std::signal(SIGXFSZ, oldAction);
 }
 
 TEST_F(LogonFile, FolderThatTakesNoNewFileLeavesOnlyWritingInPlace) {
-  fs::permissions(file, fs::perms{0666});
-  fs::permissions(folder.Path(), fs::perms{0555});
+  fs::permissions(file_, fs::perms{0666});
+  fs::permissions(folder_.Path(), fs::perms{0555});
   EXPECT_TRUE(AsNobody([this] { return !Insert(); })) << "there is no saved copy";
   EXPECT_EQ(Text(), kOriginal);
-  fs::permissions(folder.Path(), fs::perms{0755});
-  folder.Write("a.conf.org", kOriginal);
+  fs::permissions(folder_.Path(), fs::perms{0755});
+  folder_.Write("a.conf.org", kOriginal);
   if (::geteuid() == 0) {
-    ASSERT_EQ(::chown(file.c_str(), kNobody, kNobody), 0);
-    ASSERT_EQ(::chown((file + ".org").c_str(), kNobody, kNobody), 0);
+    ASSERT_EQ(::chown(file_.c_str(), kNobody, kNobody), 0);
+    ASSERT_EQ(::chown((file_ + ".org").c_str(), kNobody, kNobody), 0);
   }
-  fs::permissions(folder.Path(), fs::perms{0555});
+  fs::permissions(folder_.Path(), fs::perms{0555});
   EXPECT_TRUE(AsNobody([this] {
     const TraceCapture trace;
     return Insert() &&
-           trace.Has("Helper - Write '" + file + "' in place, its folder takes no new file");
+           trace.Has("Helper - Write '" + file_ + "' in place, its folder takes no new file");
   }));
   EXPECT_EQ(Text(), kFilled);
   EXPECT_TRUE(AsNobody([this] { return Restore(); }));
   EXPECT_EQ(Text(), kCleared);
-  fs::permissions(folder.Path(), fs::perms{0755});
+  fs::permissions(folder_.Path(), fs::perms{0755});
 }
 
 TEST_F(LogonFile, WhoHoldsTheFolderDelaysAWholeEventByTwoSeconds) {
   using Clock = std::chrono::steady_clock;
   runtime::InitProductIdentity();
-  const std::string set = "=set -config " + file + "\n";
+  const std::string set = "=set -config " + file_ + "\n";
   const std::string system = "[Watch Remove]\n1" + set + "2" + set + "3" + set;
   const TemporaryFolder elsewhere;
   const ScopedVariable path{"qixconfigglobal", elsewhere.Write("system.conf", system).c_str()};
-  const runtime::Descriptor held(::open(folder.Path().c_str(), O_RDONLY | O_CLOEXEC));
+  const runtime::Descriptor held(::open(folder_.Path().c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(::flock(held.Get(), LOCK_EX), 0);
   Scripted machine;
   watch::CWatchOptions record;
@@ -302,7 +302,7 @@ TEST_F(LogonFile, StrangersGainNothingFromRoot) {
   const std::string secret = own.Write("a.conf", "[Secret]\nUsername=root\n");
   own.Write("a.conf.org", "[Secret]\nUsername=%SUBJECT%\n");
   fs::permissions(secret, fs::perms{0600});
-  const std::string copy = file + ".org";
+  const std::string copy = file_ + ".org";
   const auto give = [](const std::string& path) {
     ASSERT_EQ(::lchown(path.c_str(), kNobody, kNobody), 0);
   };
@@ -312,33 +312,33 @@ TEST_F(LogonFile, StrangersGainNothingFromRoot) {
     std::function<void()> make;
   };
   const Trap traps[] = {
-      {"copy is a link", file, [&] { fs::create_symlink(secret, copy), give(copy); }},
-      {"copy is a link of root's", file, [&] { fs::create_symlink(secret, copy); }},
-      {"copy is the secret renamed", file, [&] { fs::copy(secret, copy); }},
-      {"copy is somebody else's", file,
-       [&] { ASSERT_EQ(::chown(folder.Write("a.conf.org", "x").c_str(), 1234, 1234), 0); }},
-      {"file is a link", folder.Path("link.conf"),
+      {"copy is a link", file_, [&] { fs::create_symlink(secret, copy), give(copy); }},
+      {"copy is a link of root's", file_, [&] { fs::create_symlink(secret, copy); }},
+      {"copy is the secret renamed", file_, [&] { fs::copy(secret, copy); }},
+      {"copy is somebody else's", file_,
+       [&] { ASSERT_EQ(::chown(folder_.Write("a.conf.org", "x").c_str(), 1234, 1234), 0); }},
+      {"file is a link", folder_.Path("link.conf"),
        [&] {
-         fs::create_symlink(secret, folder.Path("link.conf")), give(folder.Path("link.conf"));
+         fs::create_symlink(secret, folder_.Path("link.conf")), give(folder_.Path("link.conf"));
        }},
-      {"folder is a link", folder.Path("d/a.conf"),
-       [&] { fs::create_symlink(own.Path(), folder.Path("d")), give(folder.Path("d")); }},
-      {"root's file, nobody's copy", file,
+      {"folder is a link", folder_.Path("d/a.conf"),
+       [&] { fs::create_symlink(own.Path(), folder_.Path("d")), give(folder_.Path("d")); }},
+      {"root's file, nobody's copy", file_,
        [&] {
-         ASSERT_EQ(::chown(file.c_str(), 0, 0), 0);
-         give(folder.Write("a.conf.org", "[Mine]\n"));
+         ASSERT_EQ(::chown(file_.c_str(), 0, 0), 0);
+         give(folder_.Write("a.conf.org", "[Mine]\n"));
        }},
-      {"root's file for all, root's copy for itself", file,
+      {"root's file for all, root's copy for itself", file_,
        [&] {
-         ASSERT_EQ(::chown(file.c_str(), 0, 0), 0);
+         ASSERT_EQ(::chown(file_.c_str(), 0, 0), 0);
          fs::copy(secret, copy);
        }},
   };
   for (const Trap& trap : traps) {
     SCOPED_TRACE(trap.name);
     StartOver();
-    give(file);
-    give(folder.Path());
+    give(file_);
+    give(folder_.Path());
     trap.make();
     const std::set<std::string> before = Others();
     const TraceCapture trace;
@@ -351,13 +351,13 @@ TEST_F(LogonFile, StrangersGainNothingFromRoot) {
     EXPECT_EQ(Others(), before);
   }
   StartOver();
-  give(file);
-  give(folder.Path());
-  fs::create_symlink(file, own.Path("link.conf"));
+  give(file_);
+  give(folder_.Path());
+  fs::create_symlink(file_, own.Path("link.conf"));
   EXPECT_TRUE(Insert("-config " + own.Path("link.conf"))) << "a link of root's counts";
   EXPECT_EQ(Text(), kFilled);
   struct stat status {};
-  ASSERT_EQ(::stat(file.c_str(), &status), 0);
+  ASSERT_EQ(::stat(file_.c_str(), &status), 0);
   EXPECT_EQ(status.st_uid, kNobody);
   EXPECT_TRUE(Insert());
   ASSERT_EQ(::stat(copy.c_str(), &status), 0);
@@ -365,11 +365,11 @@ TEST_F(LogonFile, StrangersGainNothingFromRoot) {
 }
 
 TEST_F(LogonFile, SavedCopyThatCannotBeReachedNowIsNotMadeAnew) {
-  folder.Write("a.conf.org", "as it was");
+  folder_.Write("a.conf.org", "as it was");
   savedCopyError = EIO;
-  static_cast<void>(watch::BackupOrRestoreConfigFile(file));
+  static_cast<void>(watch::BackupOrRestoreConfigFile(file_));
   savedCopyError = 0;
-  EXPECT_EQ(folder.Read("a.conf.org"), "as it was");
+  EXPECT_EQ(folder_.Read("a.conf.org"), "as it was");
 }
 
 TEST(LogonFiles, GetsWhatANameMeansThroughALinkThatStays) {
