@@ -72,14 +72,16 @@ CK_RV CForwarderPkcs11::PrepareExtension(Function ExtensionSlots::*slot) {
   CK_RV CForwarderPkcs11::name parameters {                           \
     const CK_RV result = PrepareExtension(&ExtensionSlots::C_##name); \
     if (result != CKR_OK) return result;                              \
-    return FunctionOf("C_" #name, extension_->C_##name) arguments;    \
+    const FunctionOf call("C_" #name, extension_->C_##name);          \
+    return call arguments;                                            \
   }
 #define QIXX_CALL_AFTER_LOAD(name, parameters, arguments)             \
   CK_RV CForwarderPkcs11::name parameters {                           \
     if (!extended_) return CKR_FUNCTION_NOT_SUPPORTED;                \
     const CK_RV result = PrepareExtension(&ExtensionSlots::C_##name); \
     if (result != CKR_OK) return result;                              \
-    return FunctionOf("C_" #name, extension_->C_##name) arguments;    \
+    const FunctionOf call("C_" #name, extension_->C_##name);          \
+    return call arguments;                                            \
   }
 QIXX_CK_SLOTS_1_TO_6(QIXX_CALL_AFTER_LOAD)
 QIXX_CK_SLOTS_8_TO_9(QIXX_CALL_AFTER_LOAD)

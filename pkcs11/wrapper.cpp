@@ -70,7 +70,8 @@ CWrapperPkcs11::~CWrapperPkcs11() {
     if (functions_ == nullptr) EnsureLoaded();                              \
     if (functions_ == nullptr) return CKR_GENERAL_ERROR;                    \
     if (functions_->C_##name == nullptr) return CKR_FUNCTION_NOT_SUPPORTED; \
-    return FunctionOf("C_" #name, functions_->C_##name) arguments;          \
+    const FunctionOf call("C_" #name, functions_->C_##name);                \
+    return call arguments;                                                  \
   }
 QIXX_CK_FUNCTIONS(QIXX_FORWARD)
 #undef QIXX_FORWARD

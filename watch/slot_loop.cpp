@@ -12,6 +12,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/card_mark.h"
+#include "watch/descriptor_reserve.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
 #include "watch/logon_watch.h"
@@ -46,11 +47,15 @@ class SlotWatch {
     const bool wasFirst = std::exchange(firstRound_, false);
     if (slot && pkcs11::CHelperPkcs11::NormalizeSlotId(*slot) == *slot) {
       runtime::TraceWrite("Watch - Event");
+      reserve_.Release();
       if (*slot != kNoSlot && card_.ShowsToken(*slot)) {
         HandleToken(*slot);
       } else {
         HandleNoToken(*slot);
       }
+      reserve_.Fill();
+    } else if (isRemovalOwed_) {
+      Remove();
     }
     // A card that went while the watch was down has nobody else to tell of it.
     if (wasFirst && connected_ == kNoSlot && mark_.IsSet()) Remove();
@@ -87,8 +92,8 @@ class SlotWatch {
   std::optional<CK_SLOT_ID> MissedSlot() {
     if (!card_.IsInitialised()) return std::nullopt;  // finalised once more: nothing to ask
     if (connected_ != kNoSlot && !card_.ShowsToken(connected_)) return connected_;
-    catchUp_ = false;
     const CK_SLOT_ID slot = connected_ == kNoSlot ? card_.FindSlotWithToken() : kNoSlot;
+    catchUp_ = false;
     return slot == kNoSlot ? std::nullopt : std::optional(slot);
   }
 
@@ -112,10 +117,11 @@ class SlotWatch {
     if ((connected_ != kNoSlot || !record_.sync) && IsRemoval(slot)) Remove();
     connected_ = kNoSlot;
   }
-  /// A card that is forgotten without a removal keeps its mark, and so does one whose removal was
-  /// cut short.
+  /// A removal that was cut short is owed, to the next round or to the next start: the mark stays,
+  /// as that of a card that is forgotten without a removal.
   void Remove() {
-    if (OnRemoveEvent(record_, connected_, platform_)) mark_.Clear();
+    isRemovalOwed_ = !OnRemoveEvent(record_, connected_, platform_);
+    if (!isRemovalOwed_) mark_.Clear();
     runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(connected_));
   }
   /// Another slot without a token says nothing while the connected one still shows its own.
@@ -134,6 +140,8 @@ class SlotWatch {
   const Platform& platform_;
   CardReader& card_;
   CardMark mark_;
+  DescriptorReserve reserve_;
+  bool isRemovalOwed_ = false;
   CK_SLOT_ID connected_ = kNoSlot;
   std::time_t connectedSince_ = 0;
   bool firstRound_ = true;

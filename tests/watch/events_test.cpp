@@ -1,6 +1,8 @@
 // The commands of an event: where they come from, what they come to, what a removal ends; and the
 // loop that meets the events.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -315,6 +317,26 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   std::filesystem::create_symlink("/etc/passwd", folder.Path("card-Watch"));
   EXPECT_EQ(Watch("Watch", true, {{0, {}}}), "") << "no file of ours";
   EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}}), "Connected slot 1;") << "nor made one";
+}
+
+/// In a process of its own, which has no descriptors left in the end.
+[[noreturn]] void RemoveWithoutDescriptors(watch::CWatchOptions& record) {
+  const rlimit few = {64, 64};
+  ::setrlimit(RLIMIT_NOFILE, &few);
+  Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+  machine.clock.inSleep = [] {
+    while (::open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) continue;
+  };
+  record.roundLimit = 2;
+  const TraceCapture trace;
+  watch::WatchSlots(record, machine.platform);
+  ::_exit(trace.Has("Watch - Execute remove command: kill y") ? 0 : 1);
+}
+
+TEST_F(EventTable, LibraryThatLeaksDescriptorsKeepsNoRemovalFromBeingRun) {
+  Configure("", "1=kill y\n");
+  watch::CWatchOptions record = Record("config");
+  EXPECT_EXIT(RemoveWithoutDescriptors(record), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(SlotLoop, PollsThatFailLoseNoRemoval) {
