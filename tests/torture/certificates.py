@@ -28,33 +28,43 @@ KNOWN = {"system.conf", "product.conf", "product.conf.org", "target.conf", "targ
          "canary.conf", "trace.log", "stderr.txt", ".qix", "show", "shown", "readers", "x.conf", "card.der"}
 
 
-def texts(desk):
-    """What an attacker would put into a name; {0} is a file that must never appear."""
-    canary = desk.path("canary")
-    return [text.format(canary) for text in (
-        "x|none||/usr/bin/touch {0} ", "a||/usr/bin/touch {0}||b", '" /usr/bin/touch {0} "', " > {0} ", ">{0}", "> {0}",
-        "\n2=/usr/bin/touch {0}\n", "\r\n[Watch Remove]\r\n1=/usr/bin/touch {0}\r\n", "\n[Command]\nWatch={0}\n",
-        "[Watch Remove]", "<Block", ";gone", "#gone", "../../..", "..", "../", "/", ".", "./..", "%USERNAME%", "%UPN%%UPN%",
-        "%SUBJECT%", "%OID.CN%", "%OID.O%%OID.CN%%SERIALNUMBER%", "%", "%%", "%OID.", " -config {0} ", "-config", "x -config {0} y",
-        '" -config "{0}" "', "-match", "-pin 1234", "$(/usr/bin/touch {0})", "`/usr/bin/touch {0}`", "; /usr/bin/touch {0} ;",
-        "{{site}}", "|{{site}}||", "a|b|c", "config Extra", "~/usr/bin/touch {0}", "close ", "kill ", "parallel /usr/bin/touch {0}",
-        "\x1b]0;title\x07", "\x9b31m", "\u202egnp.exe", "\u2066\u200f", "\0", "a\0b", "\t", "\x7f", '"', "'", "\\", "\\,", "+", ",",
-        "CN=other", "O=Example Org,CN=Ann Lee", "=", "==", "@", "ann@", "@home", "a@b@c", " ", "", "'; exit", "A" * 70, "A" * 254,
-        "A" * 300, "B" * 3000, "\u00e9" * 200, "\u20ac" * 90, "\U0001f600" * 64, "%s%n%x", "%d" * 40)]
+# What an attacker would put into a name; {0} is a file that must never appear.
+TEXTS = (
+    # commands, conditions, redirections
+    "x|none||/usr/bin/touch {0} ", "a||/usr/bin/touch {0}||b", "|{{site}}||", "{{site}}", "a|b|c", " > {0}", ">{0}",
+    "> {0}", '" /usr/bin/touch {0} "', "; /usr/bin/touch {0} ;", "$(/usr/bin/touch {0})", "`/usr/bin/touch {0}`",
+    "~/usr/bin/touch {0}", "parallel /usr/bin/touch {0}", "close ", "kill ", "config Extra",
+    # lines, sections, comments, blocks
+    "\n2=/usr/bin/touch {0}\n", "\r\n[Watch Remove]\r\n1=/usr/bin/touch {0}\r\n", "\n[Command]\nWatch={0}\n",
+    "[Watch Remove]", "<Block", ";gone", "#gone",
+    # paths and options
+    "../../..", "..", "../", "/", ".", "./..", " -config {0} ", "-config", "x -config {0} y", '" -config "{0}" "',
+    "-match", "-pin 1234",
+    # placeholders and formats
+    "%USERNAME%", "%UPN%%UPN%", "%SUBJECT%", "%OID.CN%", "%OID.O%%OID.CN%%SERIALNUMBER%", "%", "%%", "%OID.", "%s%n%x",
+    "%d" * 40,
+    # what is not seen, or ends something
+    "\x1b]0;title\x07", "\x9b31m", "\u202egnp.exe", "\u2066\u200f", "\0", "a\0b", "\t", "\x7f", '"', "'", "'; exit",
+    # separators of names
+    "\\", "\\,", "+", ",", "CN=other", "O=Example Org,CN=Ann Lee", "=", "==", "@", "ann@", "@home", "a@b@c", " ", "",
+    # lengths
+    "A" * 70, "A" * 254, "A" * 300, "B" * 3000, "\u00e9" * 200, "\u20ac" * 90, "\U0001f600" * 64)
+BROKEN = (b"", b"", b"", b"\xff\xfe", b"\xc3", b"\xe2\x80", b"\xed\xa0\x80", b"\xc0\xaf", b"\xf5\x80\x80\x80")
 
 
 def bytes_of(text, random, tag):
     if tag == certificate.BMP:
-        return text.encode("utf-16-be", "surrogatepass") + random.choice((b"", b"", b"\xd8\x00", b"\xdc\x00", b"\x00"))
-    broken = random.choice((b"", b"", b"", b"\xff\xfe", b"\xc3", b"\xe2\x80", b"\xed\xa0\x80", b"\xc0\xaf", b"\xf5\x80\x80\x80"))
-    return text.encode("latin-1", "replace") if tag == certificate.T61 else text.encode("utf-8", "surrogatepass") + broken
+        return text.encode("utf-16-be", "surrogatepass") + random.choice((b"", b"", b"\xd8\x00", b"\xdc\x00", b"\0"))
+    if tag == certificate.T61:
+        return text.encode("latin-1", "replace")
+    return text.encode("utf-8", "surrogatepass") + random.choice(BROKEN)
 
 
 def hostile(desk, random):
-    pool = texts(desk)
+    canary = desk.path("canary")
 
     def value():
-        text = "".join(random.choice(pool) for _ in range(random.choice((1, 1, 1, 2, 3))))
+        text = "".join(random.choice(TEXTS).format(canary) for _ in range(random.choice((1, 1, 1, 2, 3))))
         tag = random.choice((certificate.UTF8,) * 4 + (certificate.BMP, certificate.T61, certificate.PRINTABLE))
         return bytes_of(text, random, tag), tag
     subject = [(random.choice(list(certificate.CLASSES)), *value()) for _ in range(random.randrange(1, 6))]
@@ -75,7 +85,8 @@ def set_up(desk, made):
     for name in ("canary.conf", "x.conf", "good.conf", "inner/x.conf"):
         path(name).write_bytes(ORIGINAL)
     path("target.conf").write_text(TARGET, encoding="utf-8")
-    product = (f"[Trace]\nwatch={desk.trace_file}\n[Install]\nDirectory={desk.library}/\n[Command]\nWatch=config Watch\n[Mail]\nUsername=\nDomain=\n"
+    product = (f"[Trace]\nwatch={desk.trace_file}\n[Install]\nDirectory={desk.library}/\n"
+               "[Command]\nWatch=config Watch\n[Mail]\nUsername=\nDomain=\n"
                f'[Watch Remove]\n1={show} "%USERNAME%" "%OID.CN%" removed\n; %SUBJECT%\n2={show} "%UPN%" removed\n')
     path("product.conf").write_text(product, encoding="utf-8")
     path("card.der").write_bytes(made)
@@ -90,7 +101,8 @@ def set_up(desk, made):
 
 def is_cut(desk):
     """A remove command is read up to 255 characters, also where a card's value has made it longer."""
-    return any(len(line) > 257 and line[:2] in (b"1=", b"2=") for line in desk.path("product.conf").read_bytes().split(b"\n"))
+    lines = desk.path("product.conf").read_bytes().split(b"\n")
+    return any(len(line) > 257 and line[:2] in (b"1=", b"2=") for line in lines)
 
 
 def check_arguments(desk, cut):

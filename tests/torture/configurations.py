@@ -74,13 +74,16 @@ def rotten(random):
         return deed, text
     if deed == "huge lines":
         place = random.randrange(len(text))
-        return deed, text[:place] + bytes([random.choice(b"Ax=[|%\" \\")]) * random.choice((255, 1024, 70000, 5000000)) + text[place:]
+        filling = bytes([random.choice(b"Ax=[|%\" \\")]) * random.choice((255, 1024, 70000, 5000000))
+        return deed, text[:place] + filling + text[place:]
     if deed == "line ends":
-        return deed, b"".join(line + random.choice((b"\n", b"\r\n", b"\r", b"\n\r", b"\r\r\n")) for line in text.split(b"\n"))
+        ends = (b"\n", b"\r\n", b"\r", b"\n\r", b"\r\r\n")
+        return deed, b"".join(line + random.choice(ends) for line in text.split(b"\n"))
     if deed == "NUL bytes":
         return deed, b"".join(line + random.choice((b"\n", b"\0\n", b"\n\0")) for line in text.split(b"\n"))
     if deed == "UTF-16":
-        return deed, random.choice((b"", b"\xff\xfe", b"\xfe\xff")) + text.decode("latin-1").encode(random.choice(("utf-16-le", "utf-16-be")))
+        code = random.choice(("utf-16-le", "utf-16-be"))
+        return deed, random.choice((b"", b"\xff\xfe", b"\xfe\xff")) + text.decode("latin-1").encode(code)
     if deed == "many entries":
         return deed, text + b"".join(b"%d=kill x\n" % number for number in range(20000))
     if deed == "cut short":
@@ -146,12 +149,15 @@ def read_as_own(desk, random, tally):
 
 def make_lines(random):
     """Sections, entries, comments, blocks and blank lines, some of them odd, each with its line end."""
-    content = [b"[Mail]", b"[mail]", b"[Other]", b"[]", b"[open", b"Username=", b"username = old", b"Domain=x", b"User name=1",
-               b"a=1", b"b=2", b"=3", b"c", b"; note", b"# note", b"", b"  ", b"\t", b"<Block=", b"QUJD", b"/>", b"<A=QQ==/>",
-               b"x" * 300, b"y=" + b"z" * 12000, b"nul=\0\0end", b"\xfe\xfd=\x80", b"Usernam\xc3\xa9=e", b"  indented=1"]
+    content = [b"[Mail]", b"[mail]", b"[Other]", b"[]", b"[open", b"Username=", b"username = old", b"Domain=x",
+               b"User name=1", b"a=1", b"b=2", b"=3", b"c", b"; note", b"# note", b"", b"  ", b"\t", b"<Block=",
+               b"QUJD", b"/>", b"<A=QQ==/>", b"x" * 300, b"y=" + b"z" * 12000, b"nul=\0\0end", b"\xfe\xfd=\x80",
+               b"Usernam\xc3\xa9=e", b"  indented=1"]
     ends = random.choice(([b"\n"], [b"\n"], [b"\r\n"], [b"\r\n"], [b"\r"], [b"\n", b"\r\n"]))
     # Leading bytes above 0x7F are byte order marks, which a save drops.
-    text = b"; head" + ends[0] + b"".join(random.choice(content) + random.choice(ends) for _ in range(random.randrange(1, 40)))
+    text = b"; head" + ends[0]
+    for _ in range(random.randrange(1, 40)):
+        text += random.choice(content) + random.choice(ends)
     return text if random.random() < 0.7 else text.rstrip(b"\r\n")
 
 

@@ -9,7 +9,6 @@ import threading
 import time
 from pathlib import Path
 
-CRASHES = (signal.SIGSEGV, signal.SIGABRT, signal.SIGBUS, signal.SIGILL, signal.SIGFPE, signal.SIGXFSZ)
 REPORTS = re.compile(rb"ERROR: \w+Sanitizer|runtime error:|WARNING: ThreadSanitizer")
 
 

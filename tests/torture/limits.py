@@ -37,7 +37,6 @@ class Scene:
         desk.configure('-match "cn=Ann Lee" -sync -recognized config Watch',
                        [desk.note("in"), f"parallel {desk.note('beside')}", f"set -config {self.target}"],
                        [f"set -config {self.target}", desk.note("out")])
-        self.after = [TARGET]
 
     def as_user(self, *owned):
         """The words that start a program as another user, who owns the desk, the target, and what else is named."""
@@ -54,6 +53,8 @@ class Scene:
         desk.insert(certificates=[certificate.ann()])
         eventually(lambda: desk.process.poll() is not None or b"Connected slot" in desk.trace(), 2)
         self.look()
+        if self.target.read_bytes() == FILLED:
+            self.tally.counted("(enough to fill the file all the same)")
         desk.remove()
         eventually(lambda: desk.process.poll() is not None or b"Disconnected slot" in desk.trace(), 1.8)
         code = desk.process.poll()
@@ -117,7 +118,8 @@ def unwritable_folder(scene):
 
 def full_disk(scene):
     """The target's folder is a small file system with some pages left, or none."""
-    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={16 * PAGE},nr_inodes=20", "torture", scene.folder], check=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={16 * PAGE},nr_inodes=20", "torture", scene.folder],
+                   check=True)
     try:
         scene.target.write_bytes(TARGET)
         left = scene.random.randrange(0, 6)

@@ -14,8 +14,8 @@ TARGET = b"[Mail]\nUsername=\nGreeting=%USERNAME%\n"
 
 
 class Scene:
-    def __init__(self, desk, random):
-        self.desk, self.random = desk, random
+    def __init__(self, desk):
+        self.desk = desk
         self.vault = desk.path("vault")  # root's, where the stranger can do nothing
         self.vault.mkdir()
         self.vault.chmod(0o755)
@@ -27,7 +27,6 @@ class Scene:
         self.target = self.folder / "a.conf"
         self.saved = self.folder / "a.conf.org"
         self.target.write_bytes(TARGET)
-        self.trace = desk.trace_file
         self.set = str(self.target)
         self.own(self.target)
         self.own(self.folder)
@@ -43,7 +42,6 @@ class Scene:
         self.own(place)
 
     def watch_in_trace_of(self, file):
-        self.trace = file
         self.desk.trace_file = file
 
     def go_through(self):
@@ -76,7 +74,8 @@ class Scene:
         for folder, _, names in os.walk(self.folder):
             for name in names:
                 file = os.path.join(folder, name)
-                if os.path.isfile(file) and not os.path.islink(file) and os.stat(file).st_ino != self.secret.stat().st_ino:
+                is_secret = os.stat(file, follow_symlinks=False).st_ino == self.secret.stat().st_ino
+                if os.path.isfile(file) and not os.path.islink(file) and not is_secret:
                     with open(file, "rb") as opened:
                         if b"4711" in opened.read():
                             raise Damage("what only root may read was copied into the stranger's folder")
@@ -194,13 +193,13 @@ SCENES = (saved_copy_is_a_link, saved_copy_leads_nowhere, saved_copy_is_a_second
           trace_is_a_link, trace_is_a_strangers_file, trace_is_a_second_name, all_is_honest)
 
 
-def trial(desk, random, tally):
+def trial(desk, _, tally):
     if os.getuid() != 0:
         tally.skip("folders of other users", "only as root")
         pause(0.05)
         return
     play = SCENES[tally.index % len(SCENES)]
     tally.tried(play.__name__.replace("_", " "))
-    scene = Scene(desk, random)
+    scene = Scene(desk)
     play(scene)
     scene.check()
