@@ -33,6 +33,13 @@ class Children:
             self.running[process.pid] = process
         return process
 
+    def run(self, *arguments):
+        """Runs a program to its end; whether it succeeded."""
+        process = self.start(arguments, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        code = process.wait()
+        self.ended(process)
+        return code == 0
+
     def ended(self, process):
         with self.lock:
             self.running.pop(process.pid, None)
@@ -66,11 +73,11 @@ class Children:
             if not below:
                 return
             for process, state in below:
-                if state != "Z":
-                    os.kill(process, signal.SIGKILL)
                 try:
+                    if state != "Z":
+                        os.kill(process, signal.SIGKILL)
                     os.waitpid(process, 0)
-                except ChildProcessError:
+                except (ChildProcessError, ProcessLookupError):
                     pass
 
 
@@ -171,7 +178,8 @@ class Desk:
             self.wait(10)
 
     def stop(self, limit=20):
-        """Ends the service in order and checks that it does so."""
+        """Ends the service in order and checks that it does so, once it has set itself up for that."""
+        eventually(lambda: self.process.poll() is not None or self.minds_signals(), 10, 0.01)
         self.check_alive()
         self.process.send_signal(signal.SIGTERM)
         code = self.wait(limit)
@@ -179,6 +187,14 @@ class Desk:
             self.kill()
             raise Damage(f"SIGTERM did not end the service within {limit} s")
         self.check_end(code)
+
+    def minds_signals(self):
+        try:
+            status = Path("/proc", str(self.process.pid), "status").read_text(encoding="ascii", errors="replace")
+        except OSError:
+            return False
+        caught = re.search(r"^SigCgt:\s*([0-9a-f]+)", status, re.MULTILINE)
+        return caught is not None and int(caught.group(1), 16) >> (signal.SIGTERM - 1) & 1 == 1
 
     def check_alive(self):
         code = self.process.poll()

@@ -2,10 +2,9 @@
 
 import os
 import signal
-import subprocess
 
 import certificate
-from desk import Damage, eventually, pause
+from desk import CHILDREN, Damage, eventually, pause
 
 LANES = 6
 WEIGHT = 12
@@ -118,8 +117,7 @@ def unwritable_folder(scene):
 
 def full_disk(scene):
     """The target's folder is a small file system with some pages left, or none."""
-    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={16 * PAGE},nr_inodes=20", "torture", scene.folder],
-                   check=True)
+    CHILDREN.run("mount", "-t", "tmpfs", "-o", f"size={16 * PAGE},nr_inodes=20", "torture", str(scene.folder))
     try:
         scene.target.write_bytes(TARGET)
         left = scene.random.randrange(0, 6)
@@ -132,7 +130,7 @@ def full_disk(scene):
             filling.truncate(max(0, os.fstat(filling.fileno()).st_size - left * PAGE))
         scene.go_through([])
     finally:
-        subprocess.run(["umount", "-l", scene.folder], check=False)
+        CHILDREN.run("umount", "-l", str(scene.folder))
 
 
 KINDS = [("memory (RLIMIT_AS)", memory, False), ("descriptors (RLIMIT_NOFILE)", descriptors, False),
@@ -158,7 +156,4 @@ def trial(desk, random, tally):
 def can_mount(desk):
     place = desk.path("place")
     place.mkdir()
-    done = subprocess.run(["mount", "-t", "tmpfs", "torture", place], check=False, capture_output=True).returncode == 0
-    if done:
-        subprocess.run(["umount", "-l", place], check=False)
-    return done
+    return CHILDREN.run("mount", "-t", "tmpfs", "torture", str(place)) and CHILDREN.run("umount", "-l", str(place))
