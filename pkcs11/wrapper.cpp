@@ -210,6 +210,20 @@ int CWrapperPkcs11::EventDescriptor() const {
   return std::max(descriptor, -1);
 }
 
+std::optional<bool> CWrapperPkcs11::SlotCounts(CK_SLOT_ID slot) const {
+  const auto ask = library_.FindOwnSymbol<SlotCountsFunction>("QixSlotCounts");
+  int answer = -1;
+  if (ask == nullptr || !runtime::CallLibrary([&] { answer = ask(slot); })) return std::nullopt;
+  return answer < 0 ? std::nullopt : std::optional(answer != 0);
+}
+
+std::string CWrapperPkcs11::ModuleFault() const {
+  const auto ask = library_.FindOwnSymbol<ModuleFaultFunction>("QixModuleFault");
+  const char* fault = nullptr;
+  if (ask == nullptr || !runtime::CallLibrary([&] { fault = ask(); })) return {};
+  return std::string(runtime::ViewOf(fault));
+}
+
 // --- initialisation ----------------------------------------------------------------------------
 
 void CWrapperPkcs11::TraceCount(const char* when) const {
@@ -218,10 +232,12 @@ void CWrapperPkcs11::TraceCount(const char* when) const {
 }
 
 void CWrapperPkcs11::NotifyNotStarted(CK_RV result) const {
+  const std::string fault = ModuleFault();
   char number[2 * sizeof result + 1];
   std::snprintf(number, sizeof number, "%.8lX", result);
   runtime::NotifyOnce("library " + libraryPath_.value_or("") +
-                      " does not start: C_Initialize gives 0x" + number);
+                      " does not start: C_Initialize gives 0x" + number +
+                      (fault.empty() ? "" : ": ") + fault);
 }
 
 CK_RV CWrapperPkcs11::Initialize(CK_VOID_PTR initArgs) {

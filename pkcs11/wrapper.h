@@ -86,6 +86,11 @@ class CWrapperPkcs11 final : private CForwarderPkcs11 {
   /// A descriptor that is readable when a poll for slot events would have something to tell; -1
   /// when the library has none, at least for now. It is the library's, which may close it.
   [[nodiscard]] int EventDescriptor() const;
+  /// Whether the library tells events of a slot; nothing when it does not say.
+  [[nodiscard]] std::optional<bool> SlotCounts(CK_SLOT_ID slot) const;
+  /// Why the last initialisation found no module for the library to stand on, in its own words;
+  /// empty when it found one, and when the library does not say.
+  [[nodiscard]] std::string ModuleFault() const;
 
   // --- initialisation --------------------------------------------------------------------------
 

@@ -1,14 +1,11 @@
 #include "watch/list.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
 #include "config/store.h"
-#include "runtime/descriptor.h"
+#include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/secrets.h"
 #include "watch/configuration.h"
@@ -37,28 +34,18 @@ FileReason ReasonOf(config::PathOrigin origin) {
   return FileReason::kDefault;
 }
 
-/// By an open of its own: the configuration makes an empty text of whatever it cannot read.
+/// The configuration itself makes an empty text of whatever it cannot read.
 ListedFile LookAtFile(FileRole role, std::string path, FileReason reason) {
   ListedFile file{role, std::move(path), reason, FileState::kUnreadable, {}};
-  errno = 0;
-  const runtime::Descriptor opened = runtime::OpenRegular(file.path, O_RDONLY);
-  if (!opened.IsOpen()) {
-    if (errno == ENOENT) {
-      file.state = FileState::kMissing;
-    } else {
-      file.fault = errno == 0 ? "it is no regular file" : std::strerror(errno);
-    }
-    return file;
+  file.fault = WhyUnreadable(file.path);
+  if (file.fault == runtime::ErrorText(ENOENT)) {
+    file.state = FileState::kMissing;
+    file.fault.clear();
   }
+  if (file.state == FileState::kMissing || !file.fault.empty()) return file;
   config::CConfig config;
   const bool isOpen = config.OpenItem(false, file.path) == config::ConfigResult::kOk;
-  if (isOpen && config.HasText()) {
-    file.state = FileState::kRead;
-  } else if (runtime::StatusOf(opened).st_size == 0) {
-    file.state = FileState::kEmpty;
-  } else {
-    file.fault = "it is too large, or holds no text";
-  }
+  file.state = isOpen && config.HasText() ? FileState::kRead : FileState::kEmpty;
   return file;
 }
 

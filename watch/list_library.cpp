@@ -8,11 +8,9 @@
 #include "der/logon_values.h"
 #include "der/matching.h"
 #include "pkcs11/certificate_objects.h"
-#include "pkcs11/extended.h"
 #include "pkcs11/reader.h"
 #include "pkcs11/session.h"
 #include "pkcs11/wrapper.h"
-#include "runtime/library_call.h"
 #include "runtime/loader.h"
 #include "runtime/product.h"
 #include "runtime/text.h"
@@ -53,8 +51,7 @@ class Asking {
       library.file = std::move(library.modules.front());
       library.modules.erase(library.modules.begin());
       Worked("C_Initialize", std::nullopt, library.result);
-      file_ = runtime::OpenLibrary(library.file);  // once more, for its functions outside the list
-      library.fault = ModuleFault();
+      library.fault = Pkcs11().ModuleFault();
     } else if (const auto found = runtime::LoadLibrarySearch(library.name, &library.tried)) {
       library.tried.push_back({found->path, "C_GetFunctionList is missing, or fails"});
     }
@@ -86,15 +83,6 @@ class Asking {
     if (result == CKR_OK) return true;
     listing_.failures.push_back({call, slot, result});
     return false;
-  }
-
-  /// A text of the library's own, if it has one to tell.
-  [[nodiscard]] std::string ModuleFault() const {
-    const auto tell = file_.FindOwnSymbol<pkcs11::ModuleFaultFunction>("QixModuleFault");
-    const char* fault = nullptr;
-    const auto ask = [&] { fault = tell(); };
-    if (tell == nullptr || !runtime::CallLibrary(ask)) return {};
-    return std::string(runtime::ViewOf(fault));
   }
 
   void AskForVersion() {
@@ -131,12 +119,9 @@ class Asking {
   }
 
   /// Where the library does not say which slots count, the list of its cards shows it.
-  [[nodiscard]] bool IsWithheld(const ListedReader& reader) {
-    const auto counts = file_.FindOwnSymbol<pkcs11::SlotCountsFunction>("QixSlotCounts");
-    int answer = -1;
-    const auto ask = [&] { answer = counts(reader.slot); };
-    if (counts != nullptr && runtime::CallLibrary(ask) && answer >= 0) return answer == 0;
-    return reader.hasCard && !IsListed(reader.slot);
+  [[nodiscard]] bool IsWithheld(const ListedReader& reader) const {
+    const bool isShown = !reader.hasCard || IsListed(reader.slot);
+    return !Pkcs11().SlotCounts(reader.slot).value_or(isShown);
   }
   [[nodiscard]] bool IsListed(CK_SLOT_ID slot) const {
     return std::ranges::find(withToken_, slot) != withToken_.end();
@@ -273,7 +258,6 @@ class Asking {
   CardReader& card_;
   std::vector<CK_SLOT_ID> withToken_;  ///< as the library lists them
   CK_RV finalised_ = CKR_OK;
-  runtime::SharedLibrary file_;
 };
 
 }  // namespace

@@ -306,21 +306,4 @@ std::string TextOf(const Listing& listing) {
   return out.Take();
 }
 
-std::string LibraryFault(const ListedLibrary& library) {
-  if (library.Answers()) return {};
-  if (!library.file.empty()) {
-    return "qixxwatch: " + library.file + " does not start: C_Initialize answers " +
-           pkcs11::ResultName(library.result) + (library.fault.empty() ? "" : ": ") +
-           library.fault + "\n";
-  }
-  std::string fault = "qixxwatch: " + library.name + " could not be loaded:\n";
-  for (const runtime::FailedOpen& failed : library.tried) {
-    // The loader's words mostly begin with the path.
-    const bool namesPath = failed.reason.starts_with(failed.path);
-    fault.append("  ").append(namesPath ? "" : failed.path + ": ").append(failed.reason);
-    fault += '\n';
-  }
-  return fault;
-}
-
 }  // namespace qixx::watch

@@ -12,7 +12,4 @@ namespace qixx::watch {
 /// direction of writing, are shown as "\x9b" and "\u202e".
 [[nodiscard]] std::string TextOf(const Listing& listing);
 
-/// Why the library could not be asked, for standard error; empty when it could.
-[[nodiscard]] std::string LibraryFault(const ListedLibrary& library);
-
 }  // namespace qixx::watch

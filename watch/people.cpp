@@ -58,7 +58,6 @@ int List(const std::vector<std::string>& words, std::string_view version) {
   const bool asJson = !words.empty() && words.front() == kJsonWord;
   if (words.size() > (asJson ? 1U : 0U)) return Refuse(words[asJson ? 1 : 0]);
   const Listing listing = CollectListing();
-  std::fputs(LibraryFault(listing.library).c_str(), stderr);
   if (!Print(asJson ? JsonOf(listing, version) : TextOf(listing))) return kExitUnable;
   return listing.library.Answers() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
