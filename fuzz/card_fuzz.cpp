@@ -45,8 +45,8 @@ constexpr std::string_view kExtern = R"(%UPN% %OID.cn% %SUBJECT% -config "/base/
 constexpr std::string_view kFile =
     "[Logon]\nUsername=\nDomain=x\nName=%USERNAME%\nname2=a|%OID.cn%|%OID.o%\n; %SUBJECT%\n"
     "%USERNAME% = \n  %DOMAIN%%USERNAME%x\n%OID.none%%OID.cn% y\n# z\n"
-    "[Watch Remove]\n1=note \"%OID.cn%\"\n%SUBJECT%%SERIALNUMBER% z\n<Image =\nAA==/>\n-[%OID.o%\n"
-    "%OID.ou%w";
+    "[Watch Remove]\n1=note \"%OID.cn%\"\n%SUBJECT%%SERIALNUMBER% z\n-[%OID.o%\n%OID.ou%w\n"
+    "<Image =\nAA==/>\n";
 
 /// Ends the run, and says which of the requirements is not met.
 void Require(bool holds, int line = __builtin_LINE()) {

@@ -1,12 +1,17 @@
 #include "runtime/trace.h"
 
 #include <fcntl.h>
+#if __has_include(<linux/openat2.h>)
+#include <linux/openat2.h>
+#endif
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -15,6 +20,7 @@
 
 #include "runtime/clock.h"
 #include "runtime/descriptor.h"
+#include "runtime/file_place.h"
 #include "runtime/files.h"
 #include "runtime/journal.h"
 #include "runtime/notice.h"
@@ -157,6 +163,7 @@ class GuardedFormat {
 struct TraceState {
   CCritical lock;
   std::string target;
+  std::string file;  ///< the target, its folder as it was found
   LineText line;
   std::int32_t release = kReleaseAll;  ///< negative: all lines pass; else so many more
   bool callMode = false;
@@ -253,11 +260,37 @@ bool IsOwn(const Descriptor& file) {
   return status.st_uid == ::geteuid() && status.st_nlink <= 1;
 }
 
+/// A path with the links of its folders followed, as far as they are this user's or root's; as it
+/// stands while there is no such folder.
+std::string FollowFolders(const std::string& path) {
+  const FilePlace place = FindFile(path).named;
+  const std::string opened = "/proc/self/fd/" + std::to_string(place.Folder());
+  char folder[PATH_MAX];
+  const ssize_t length = ::readlink(opened.c_str(), folder, sizeof folder);
+  if (length <= 0) return path;
+  return std::string(folder, static_cast<std::size_t>(length)).append("/").append(place.Name());
+}
+
+/// Follows no link, not even of a folder: whoever owns one could put it there between two lines. A
+/// system that is too old to be asked for that follows those of folders.
+int OpenWithoutLinks(const char* path, int flags) {
+  const mode_t mode = (flags & O_CREAT) != 0 ? kOwnerOnly : 0;
+#if defined(SYS_openat2) && defined(RESOLVE_NO_SYMLINKS)
+  open_how how = {};
+  how.flags = static_cast<unsigned>(flags);
+  how.mode = mode;
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  const auto opened = static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how));
+  if (opened >= 0 || (errno != ENOSYS && errno != EPERM)) return opened;
+#endif
+  return ::open(path, flags, mode);
+}
+
 /// Opens a regular file of this user's with one name, without following a link. Not open, and
 /// `refused`, when that name leads to anything else.
 Descriptor OpenOwn(const std::string& path, int flags, bool& refused) {
-  Descriptor file(
-      ::open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kOwnerOnly));
+  constexpr int kSafe = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  Descriptor file(OpenWithoutLinks(path.c_str(), flags | kSafe));
   refused = file.IsOpen() ? !S_ISREG(StatusOf(file).st_mode) || !IsOwn(file)
                           : errno == ELOOP || errno == ENXIO;  // a link, a pipe without a reader
   if (refused) file.Close();
@@ -279,7 +312,7 @@ void CheckTargetSize(const TraceState& state) {
   const bool early = now <= nextSizeCheck && nextSizeCheck - now <= kSizeCheckSeconds;
   if (early || IsServerTarget(state.target) || IsJournalTarget(state.target)) return;
   nextSizeCheck = now + kSizeCheckSeconds;
-  const Descriptor file = OpenOwn(state.target, O_WRONLY);
+  const Descriptor file = OpenOwn(state.file, O_WRONLY);
   if (StatusOf(file).st_size > kMaxFileSize) Empty(file);
 }
 
@@ -303,7 +336,7 @@ void AppendToTarget(TraceState& state, std::string_view line) {
     return;
   }
   bool refused = false;
-  const Descriptor file = OpenOwn(state.target, O_WRONLY | O_APPEND | O_CREAT, refused);
+  const Descriptor file = OpenOwn(state.file, O_WRONLY | O_APPEND | O_CREAT, refused);
   WriteFully(file, line);
   if (refused && !std::exchange(state.refusalTold, true)) TellRefusal(state.target);
 }
@@ -326,6 +359,12 @@ void WriteDateLine(const TraceState& state) {
   date.AppendFormat("%.4d-%.2d-%.2d %.2d:%.2d:%.2d", local.tm_year + 1900, local.tm_mon + 1,
                     local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
   TraceWrite("Trace - Date %s, '%s'", date.Text(), state.target.c_str());
+}
+
+void SetTarget(TraceState& state, std::string_view name) {
+  state.file = IsServerTarget(name) ? std::string() : FollowFolders(std::string(name));
+  state.target = name;
+  state.refusalTold = false;
 }
 
 /// Ends every mode. The state stays where a callback still needs it.
@@ -413,8 +452,7 @@ void TraceSetFile(std::string_view name) {
   TraceState& state = Install();
   const CriticalScope hold(&state.lock);
   if (IsAcceptedTarget(name, state.target)) {
-    state.target = name;
-    state.refusalTold = false;
+    SetTarget(state, name);
   }
   if (state.HasTarget()) WriteDateLine(state);
 }
@@ -425,7 +463,7 @@ void TraceSetCallTarget(std::optional<std::string_view> name, std::int32_t count
   const CriticalScope hold(&state.lock);
   state.callMode = name.has_value();
   state.release = name ? counter : kReleaseAll;
-  state.target = name.value_or("");
+  SetTarget(state, name.value_or(""));
 }
 
 void TraceReleaseOneLine() {
@@ -453,7 +491,7 @@ void TraceDump(std::string_view name, std::span<const std::uint8_t> data) {
   if (path.empty()) path = GetTempDirectory().value_or("");
   if (path.empty()) return;
   path.append("~").append(Product().prefix).append(name);
-  const Descriptor file = OpenOwn(path, O_WRONLY | O_CREAT);
+  const Descriptor file = OpenOwn(FollowFolders(path), O_WRONLY | O_CREAT);
   if (file.IsOpen() && Empty(file)) WriteFully(file, AsText(data));
 }
 

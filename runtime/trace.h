@@ -52,8 +52,8 @@ inline constexpr std::string_view kJournalTarget = "journal";
 /// than kMaxText is ignored. One with an extension other than ".txt" and ".log" keeps the previous
 /// target, which gets another date line. The file is made for its owner only. What is no regular
 /// file of the service's user with one name is left alone, and so is a link; standard error says so
-/// once. Lines of a target named "server..." go to no file, those of
-/// kJournalTarget go to the journal.
+/// once. Links of folders are followed here, those of that user and of root, and not again. Lines
+/// of a target named "server..." go to no file, those of kJournalTarget go to the journal.
 void TraceSetFile(std::string_view name);
 void TraceSetFile(std::nullptr_t) = delete;
 /// Installs a target in call mode with the given release counter; without a name clears it. No

@@ -218,10 +218,22 @@ TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
         MatchesRegex("qixxwatch: trace '[^\n]*" + std::string(name) + "' is refused: [^\n]*\n"));
   }
   EXPECT_FALSE(fs::exists(folder_.Path("made by the trace")));
+  folder_.Write("before/a.log", "");
+  SetFile("before/a.log");
+  fs::rename(folder_.Path("before"), folder_.Path("behind"));
+  fs::create_directory_symlink(folder_.Path(), folder_.Path("before"));
+  const std::string above = folder_.Read("a.log");
+  TraceWrite("lost");
+  EXPECT_EQ(folder_.Read("a.log"), above) << "a folder became a link between two lines";
   EXPECT_EQ(folder_.Read("second name"), "kept");
   // Only a privileged run can give a file away.
   if (::chown(folder_.Write("~qixtheirs", "kept").c_str(), 1, 1) != 0) return;
   ASSERT_EQ(::chown(folder_.Write("theirs.log", "kept").c_str(), 1, 1), 0);
+  ASSERT_EQ(::lchown(folder_.Path("folder").c_str(), 1, 1), 0);
+  SetFile("folder/b.log");
+  TraceDump("b", data);
+  EXPECT_FALSE(fs::exists(folder_.Path("b.log")) || fs::exists(folder_.Path("~qixb")));
+  SetFile("a.log");
   TraceDump("theirs", data);
   SetFile("theirs.log");
   EXPECT_EQ(folder_.Read("~qixtheirs"), "kept");
