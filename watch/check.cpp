@@ -359,6 +359,7 @@ class ConfigurationCheck {
 
   std::vector<std::string_view> SectionNames() {
     std::vector<std::string_view> names;
+    names.reserve(kKnownEntries.size() + eventSections_.size() + watchers_.size());
     for (const KnownEntry& known : kKnownEntries) names.push_back(known.section);
     for (const std::string& section : eventSections_) names.push_back(section);
     for (const Watcher& watcher : watchers_) names.push_back(watcher.record.section);

@@ -151,6 +151,7 @@ class WatchCommandCheck {
 
   void CheckKeywordForm() {
     std::vector<std::string_view> names;
+    names.reserve(kKeywordOptions.size());
     for (const KeywordRow& row : kKeywordOptions) names.push_back(row.name);
     bool inQuotes = false;
     std::string_view left = text_;
