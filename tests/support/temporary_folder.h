@@ -5,7 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -36,8 +36,11 @@ class TemporaryFolder {
   /// The content of a file below, empty when it cannot be read.
   [[nodiscard]] std::string Read(const std::string& name) const { return ReadFile(Path(name)); }
   static std::string ReadFile(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    std::ostringstream content;
+    // Unlike an iterator this throws nothing when a read fails, as of a process that ends
+    // meanwhile.
+    content << std::ifstream(file, std::ios::binary).rdbuf();
+    return content.str();
   }
 
  private:
