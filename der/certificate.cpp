@@ -139,10 +139,7 @@ DerResult CDerCert::DecodeParts(const ParsedElement& outer) {
     }
     const std::size_t size = std::size_t{length->header} + length->content;
     const DerResult result = (this->*part.decode)(rest.first(std::min(size, rest.size())));
-    if (result != DerResult::kOk) {
-      runtime::TraceWrite("DerCertificate - Failed to get %s", part.name);
-      return result;
-    }
+    if (result != DerResult::kOk) return result;
     position += size;
   }
   if (!length) return DerResult::kBadLength;

@@ -24,12 +24,18 @@ void Mask(std::string& masked, std::size_t begin, std::size_t end) {
             masked.begin() + static_cast<std::ptrdiff_t>(end), '*');
 }
 
-/// Whether a double quote stands in front of an option, whose name begins at `dash` or, with a
-/// second dash, one before it.
-bool IsQuoted(std::string_view line, std::size_t dash) {
-  std::string_view before = line.substr(0, dash);
-  if (before.ends_with('-')) before.remove_suffix(1);
-  return DropTrailingBlanks(before).ends_with(kQuote);
+/// Whether a place is inside an argument in quotes, which begins behind a blank, or with the line.
+bool IsQuoted(std::string_view line, std::size_t place) {
+  for (std::size_t at = 0; at < place;) {
+    if (line[at] == kQuote) {
+      at = line.find(kQuote, at + 1);
+      if (at >= place) return true;
+      ++at;
+    } else {
+      at = IsBlank(line[at]) ? at + 1 : line.find_first_of(" \t", at);
+    }
+  }
+  return false;
 }
 
 /// Masks the value of the option whose key ends at `at`. Places are looked up in `line`, so that a

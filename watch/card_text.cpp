@@ -14,6 +14,8 @@ namespace {
 
 constexpr char kHarmless = '_';
 constexpr std::string_view kLineStarts = "[<;#";
+/// What the reader of certificates puts in the place of a byte that is not UTF-8.
+constexpr char32_t kReplacement = 0xFFFD;
 
 // --- characters ---------------------------------------------------------------------------------
 
@@ -23,7 +25,8 @@ std::string CleanCharacters(std::string_view text) {
   while (!text.empty()) {
     const std::string_view before = text;
     const std::optional<char32_t> character = runtime::TakeUtf8(text);
-    if (!character || Misleads(*character) || *character == '"' || *character == '|') {
+    if (!character || *character == kReplacement || Misleads(*character) || *character == '"' ||
+        *character == '|') {
       cleaned.push_back(kHarmless);
     } else {
       cleaned.append(before.substr(0, before.size() - text.size()));
@@ -48,11 +51,13 @@ bool BeginsPlaceholder(std::string_view text) {
   });
 }
 
-bool BeginsOption(std::string_view text) {
-  return std::ranges::any_of(kCommandOptions, [text](std::string_view name) {
-    return runtime::StartsWithNoCase(text, name) &&
-           (text.size() == name.size() || text[name.size()] == ' ');
-  });
+bool IsOption(std::string_view text, std::size_t place) {
+  const std::string_view option = text.substr(place);
+  return IsOptionPlace(text, place) &&
+         std::ranges::any_of(kCommandOptions, [option](std::string_view name) {
+           return runtime::StartsWithNoCase(option, name) &&
+                  (option.size() == name.size() || option[name.size()] == ' ');
+         });
 }
 
 void CleanWords(std::string& text) {
@@ -60,7 +65,7 @@ void CleanWords(std::string& text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     const bool harmful = (text[i] == '>' && IsBreak(view, i - 1) && IsBreak(view, i + 1)) ||
                          (text[i] == '%' && BeginsPlaceholder(view.substr(i))) ||
-                         (text[i] == '-' && BeginsOption(view.substr(i)));
+                         (text[i] == '-' && IsOption(view, i));
     if (harmful) text[i] = kHarmless;
   }
 }

@@ -1,6 +1,7 @@
 #include "watch/options.h"
 
 #include <algorithm>
+#include <cctype>
 
 #include "runtime/text.h"
 #include "watch/option_table.h"
@@ -195,7 +196,7 @@ bool IsQuoted(std::string_view text, std::size_t place) {
   return false;
 }
 
-enum class Places { kAll, kOutsideQuotes };
+enum class Places { kAll, kOfCommands };
 
 /// The text behind the first occurrence of an option that counts.
 std::optional<std::string_view> BehindOption(std::string_view text, std::string_view name,
@@ -204,7 +205,7 @@ std::optional<std::string_view> BehindOption(std::string_view text, std::string_
        at = runtime::FindTextNoCase(text, name, at + name.size())) {
     const std::string_view behind = text.substr(at + name.size());
     if (!behind.empty() && behind.front() != ' ') continue;
-    if (places == Places::kAll || !IsQuoted(text, at)) return behind;
+    if (places == Places::kAll || (IsOptionPlace(text, at) && !IsQuoted(text, at))) return behind;
   }
   return std::nullopt;
 }
@@ -242,9 +243,15 @@ bool HasOption(std::string_view text, std::string_view name) {
   return BehindOption(text, name, Places::kAll).has_value();
 }
 
+bool IsOptionPlace(std::string_view text, std::size_t place) {
+  if (place == 0) return true;
+  const auto before = static_cast<unsigned char>(text[place - 1]);
+  return std::isalnum(before) == 0 && before != '_' && before < 0x80;
+}
+
 std::optional<std::string> GetCommandOption(std::string_view text, std::string_view name,
                                             std::size_t maxLength) {
-  return ValueOf(text, name, maxLength, Places::kOutsideQuotes);
+  return ValueOf(text, name, maxLength, Places::kOfCommands);
 }
 
 }  // namespace qixx::watch

@@ -70,8 +70,11 @@ bool ParseWatchOptions(std::string_view text, CWatchOptions& record);
 /// The options that are looked up in commands, whose texts may hold values of a card.
 inline constexpr std::array<std::string_view, 4> kCommandOptions = {"-match", "-registry",
                                                                     "-config", "-restore"};
+/// Whether an option could begin at `place` of a command: not within a word, whose dashes are its
+/// own.
+[[nodiscard]] bool IsOptionPlace(std::string_view text, std::size_t place);
 /// The value of one of them (what follows "-restore" is none), as GetOptionValue gives it; but
-/// inside double quotes no option is looked for, since quotes hold a value together.
+/// within a word, or inside double quotes, which hold a value together, no option is looked for.
 [[nodiscard]] std::optional<std::string> GetCommandOption(std::string_view text,
                                                           std::string_view name,
                                                           std::size_t maxLength = kMaxOption);

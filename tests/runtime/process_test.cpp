@@ -69,6 +69,10 @@ TEST(MaskSecrets, Options) {
       {"-pin\t1 \t-puk \t 22 -pwd = 3 -pin==4 5", "-pin\t* \t-puk \t ** -pwd * * -pin=** 5"},
       {"\"-pwd a b c\" d \"--pin=1 2\" \" -puk 1 2", "\"-pwd *****\" d \"--pin=***\" \" -puk ***"},
       {"\"-pin\" 12 x \"-pin\"34 -pin\"5 6\" y", "\"-pin\" ** x \"-pin\"** -pin\"***\" y"},
+      {"\"--opts -password my secret\" \"--user=bob --pin=1 2\"",
+       "\"--opts -password *********\" \"--user=bob --pin=***\""},
+      {"application \"/bin/true\" -pin 12 -user b", "application \"/bin/true\" -pin ** -user b"},
+      {"5\" x \"-pin 1 2\" -pin 3 y", "5\" x \"-pin ***\" -pin * y"},
       {"-pin -pwd 12", "-pin **** **"},
       {"pin 1234 -pi 5 -pin  ", "pin 1234 -pi 5 -pin  "}};
   for (const auto& [text, masked] : rows) EXPECT_EQ(MaskSecrets(text), masked);

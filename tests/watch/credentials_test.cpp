@@ -30,13 +30,15 @@ TEST(CardText, IsOnlyEverText) {
       // nothing that a reader of the trace sees otherwise than it stands
       {"\xc2\x9b\xc2\xa0\u061c\u200d\u200e\u200f\u202a\u202e\u202f\u2066\u2069\u206a",
        "_\xc2\xa0_\u200d____\u202f__\u206a"},
+      {"M\uFFFDller", "M_ller"},
       // é, a bare tail, an overlong form, a surrogate, beyond the last character, cut short
       {">>\xc3\xa9\xff \x80 \xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80 \xf0\x9f\x98\x80 \xe2\x82",
        ">>\xc3\xa9_ _ __ ___ ____ \xf0\x9f\x98\x80 __"},
       // no condition, placeholder or option
       {"x|none||/usr/bin/touch F ", "x_none__/usr/bin/touch F "},
       {"%upn% %OID.x 50% %%Domain% %OI", "_upn% _OID.x 50% %_Domain% _OI"},
-      {"Ann-config F -MATCH -registryx -config", "Ann_config F _MATCH -registryx _config"},
+      {"Ann-config F -MATCH -registryx (-config", "Ann-config F _MATCH -registryx (_config"},
+      {"-restore svc-config", "_restore svc-config"},
       // no way up
       {"../../..", ".._.._.."},
       {"..", "_"},
@@ -150,7 +152,7 @@ TEST(SetOptions, OfACommandAreNotLookedForInQuotes) {
       "-match \"a -config F -registry G\" -registry-config H -config \"/x -match y\" -match z");
   EXPECT_EQ(options.match, "a -config F -registry G");
   EXPECT_EQ(options.registry, "");
-  EXPECT_EQ(options.config, "H") << "outside of quotes any place counts";
+  EXPECT_EQ(options.config, "/x -match y") << "a dash within a word is its own";
   EXPECT_EQ(watch::ParseSetOptions("-match \"a -config F").config, "F") << "never closed";
 }
 
