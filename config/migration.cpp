@@ -42,7 +42,7 @@ constexpr std::string_view kImageSource = "CredentialProvider";
 constexpr std::string_view kImageTarget = "Dialog Presentation";
 
 bool Contains(std::string_view text, std::string_view pattern) {
-  return text.find(pattern) != std::string_view::npos;
+  return runtime::FindText(text, pattern) != std::string_view::npos;
 }
 
 struct Entry {

@@ -90,7 +90,11 @@ class PathWalk {
     }
     char target[PATH_MAX];
     const ssize_t length = ::readlinkat(link.Get(), "", target, sizeof target);
-    if (length <= 0 || ++links_ > kMaxLinks) return Step::kRefused;
+    if (length <= 0) return Step::kRefused;
+    if (++links_ > kMaxLinks) {
+      TraceRefusal(path_, "a path through too many links");
+      return Step::kRefused;
+    }
     if (!rest_.empty()) rest_.insert(0, 1, '/');
     rest_.insert(0, target, static_cast<std::size_t>(length));
     return Step::kFollowed;
@@ -117,7 +121,8 @@ FilePlace FilePlace::WithSuffix(std::string_view suffix) const {
 
 bool FilePlace::IsMissing() const {
   struct stat status {};
-  return ::fstatat(Folder(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+  return folder_ != nullptr &&
+         ::fstatat(Folder(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
 }
 
 Descriptor FilePlace::Open(int flags, mode_t mode) const {
@@ -137,8 +142,9 @@ void TraceRefusal(const std::string& path, const char* reason) {
 }
 
 bool HasOneName(const Descriptor& file, const std::string& path) {
-  if (StatusOf(file).st_nlink <= 1) return true;
-  TraceRefusal(path, "a file with a second name");
+  const nlink_t names = StatusOf(file).st_nlink;
+  if (names == 1) return true;
+  TraceRefusal(path, names == 0 ? "a file that was removed" : "a file with a second name");
   return false;
 }
 

@@ -31,7 +31,8 @@ class FilePlace {
   /// The place in the same folder whose name is longer by `suffix`.
   [[nodiscard]] FilePlace WithSuffix(std::string_view suffix) const;
 
-  /// True when nothing has that name for certain, not when it only cannot be reached now.
+  /// True when nothing has that name for certain, not when it only cannot be reached now; so
+  /// nowhere is not missing.
   [[nodiscard]] bool IsMissing() const;
   /// As runtime::OpenRegular, but a link is not followed.
   [[nodiscard]] Descriptor Open(int flags, mode_t mode = 0) const;
@@ -46,12 +47,14 @@ struct FoundFile {
   FilePlace named;  ///< the path's last name itself
   FilePlace real;   ///< the same, or where it leads when it is a link
 };
-/// Nowhere when a folder is missing or may not be entered. A link that does not count is traced.
+/// Nowhere when a folder is missing or may not be entered, or the path names none but folders. A
+/// link that does not count is traced, and so is a path through more links than the system follows.
 [[nodiscard]] FoundFile FindFile(const std::string& path);
 
 /// Traces that a file is not touched, and why.
 void TraceRefusal(const std::string& path, const char* reason);
-/// False, and traced, for a file with more than one name: the others could be anywhere.
+/// False, and traced, for a file with more than one name, since the others could be anywhere, and
+/// for one whose last name was taken away.
 [[nodiscard]] bool HasOneName(const Descriptor& file, const std::string& path);
 
 }  // namespace qixx::runtime

@@ -26,6 +26,7 @@ constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
 enum class Outcome {
   kDone,
   kRefused,  ///< the folder takes no new file, whatever it is
+  kForeign,  ///< a new file cannot be as the old one is
   kFailed,
 };
 
@@ -92,9 +93,10 @@ void RemoveLeftOver(int folder, const char* name) {
   ::unlinkat(folder, name, 0);
 }
 
+constexpr const char* kAccessList = "system.posix_acl_access";
+
 /// Gives a new file the access list of another one, or none as well. False when it did not take it.
 bool TakeAccessList(const Descriptor& file, const Descriptor& like) {
-  constexpr const char* kAccessList = "system.posix_acl_access";
   constexpr std::size_t kLongest = 4096;
   char list[kLongest];
   const ssize_t length = ::fgetxattr(like.Get(), kAccessList, list, sizeof list);
@@ -107,18 +109,32 @@ bool TakeAccessList(const Descriptor& file, const Descriptor& like) {
   return !tooLong;
 }
 
+/// Whether it depends on the group of a file who may read or write it.
+bool GroupCounts(const Descriptor& file) {
+  const mode_t mode = StatusOf(file).st_mode;
+  return ((mode >> 3 ^ mode) & S_IRWXO) != 0 ||
+         ::fgetxattr(file.Get(), kAccessList, nullptr, 0) >= 0;
+}
+
+enum class Rights { kKept, kFewer, kFailed };
+
 /// Gives a new file the permissions and, where that is allowed, the owner and the group of another
 /// one. A process without privileges cannot give a file away, but to any group of its own. Another
 /// group, or one whose rights an access list no longer says, gets no more than everybody has.
-bool TakeOver(const Descriptor& file, const Descriptor& like) {
+Rights TakeOver(const Descriptor& file, const Descriptor& like) {
   constexpr auto kUnchanged = static_cast<uid_t>(-1);
   constexpr mode_t kGroup = S_IRWXG;
-  const struct stat status = StatusOf(like);
-  mode_t mode = status.st_mode & kPermissions;
-  const bool sameGroup = ::fchown(file.Get(), status.st_uid, status.st_gid) == 0 ||
-                         ::fchown(file.Get(), kUnchanged, status.st_gid) == 0;
-  if (!sameGroup || !TakeAccessList(file, like)) mode &= ~kGroup | (mode & S_IRWXO) << 3;
-  return ::fchmod(file.Get(), mode) == 0;
+  const struct stat wanted = StatusOf(like);
+  const bool given = ::fchown(file.Get(), wanted.st_uid, wanted.st_gid) == 0 ||
+                     ::fchown(file.Get(), kUnchanged, wanted.st_gid) == 0;
+  const struct stat got = StatusOf(file);
+  const bool sameGroup = given || got.st_gid == wanted.st_gid;
+  const bool sameList = TakeAccessList(file, like);
+  mode_t mode = wanted.st_mode & kPermissions;
+  if (!sameGroup || !sameList) mode &= ~kGroup | (mode & S_IRWXO) << 3;
+  if (::fchmod(file.Get(), mode) != 0) return Rights::kFailed;
+  const bool kept = got.st_uid == wanted.st_uid && sameList && (sameGroup || !GroupCounts(like));
+  return kept ? Rights::kKept : Rights::kFewer;
 }
 
 /// What the system says when it is the folder that does not want a file, or the name that cannot be
@@ -128,15 +144,19 @@ Outcome OutcomeOf(int error) {
   return refused ? Outcome::kRefused : Outcome::kFailed;
 }
 
-Outcome PutNewFile(const FilePlace& place, std::string_view text, const Descriptor& like) {
+/// Whether a new file has to be like another one in all that decides who may use it.
+enum class Likeness { kWhole, kAsFarAsAllowed };
+
+Outcome PutNewFile(const FilePlace& place, std::string_view text, const Descriptor& like,
+                   Likeness likeness) {
   const int folder = place.Folder();
   RemoveLeftOvers(place);
   Temporary made(folder);
   if (!made.File().IsOpen()) return OutcomeOf(errno);
-  if (!WriteFully(made.File(), text) || !TakeOver(made.File(), like) ||
-      ::fsync(made.File().Get()) != 0) {
-    return Outcome::kFailed;
-  }
+  if (!WriteFully(made.File(), text)) return Outcome::kFailed;
+  const Rights rights = TakeOver(made.File(), like);
+  if (rights == Rights::kFewer && likeness == Likeness::kWhole) return Outcome::kForeign;
+  if (rights == Rights::kFailed || ::fsync(made.File().Get()) != 0) return Outcome::kFailed;
   if (!made.Rename(place.Name().c_str())) return OutcomeOf(errno);
   // The content is the new one now. Not every file system can write a folder on demand.
   static_cast<void>(::fsync(folder));
@@ -175,6 +195,13 @@ bool WriteInPlace(const Descriptor& file, std::string_view text) {
          (length <= text.size() || CutFile(file, text.size())) && ::fsync(file.Get()) == 0;
 }
 
+/// Why the old file is to be written in place; null when it is not.
+const char* WhyInPlace(Outcome outcome) {
+  if (outcome == Outcome::kRefused) return "its folder takes no new file";
+  if (outcome == Outcome::kForeign) return "a new file cannot have its owner and rights";
+  return nullptr;
+}
+
 bool Report(const FilePlace& place, bool written) {
   if (!written) TraceWrite("Helper - Failed to write '%s'", place.Path().c_str());
   return written;
@@ -200,16 +227,17 @@ void RemoveLeftOvers(const FilePlace& place) {
 }
 
 bool ReplaceFile(const FilePlace& place, const Descriptor& old, std::string_view text) {
-  Outcome outcome = PutNewFile(place, text, old);
-  if (outcome == Outcome::kRefused && HasOneName(old, place.Path())) {
-    TraceWrite("Helper - Write '%s' in place, its folder takes no new file", place.Path().c_str());
+  Outcome outcome = PutNewFile(place, text, old, Likeness::kWhole);
+  const char* const reason = WhyInPlace(outcome);
+  if (reason != nullptr && HasOneName(old, place.Path())) {
+    TraceWrite("Helper - Write '%s' in place, %s", place.Path().c_str(), reason);
     outcome = WriteInPlace(old, text) ? Outcome::kDone : Outcome::kFailed;
   }
   return Report(place, outcome == Outcome::kDone);
 }
 
 bool MakeFile(const FilePlace& place, std::string_view text, const Descriptor& like) {
-  return Report(place, PutNewFile(place, text, like) == Outcome::kDone);
+  return Report(place, PutNewFile(place, text, like, Likeness::kAsFarAsAllowed) == Outcome::kDone);
 }
 
 }  // namespace qixx::runtime

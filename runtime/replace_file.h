@@ -1,10 +1,10 @@
 // Giving a file a new content so that nobody ever sees half of it.
 //
 // The new content is a file of its own beside the old one, under a name that begins with
-// kTemporaryHead. It takes the old one's permissions and, where the system allows it, owner, group
-// and access list, and takes its name when all of it is on the disk. Until then only the service's
-// user can open it. A left-over of a process that was killed on the way is removed at the next
-// write into that folder; one that somebody still writes is locked (flock) and so known.
+// kTemporaryHead. It gets the old one's owner, group, permissions and access list, and takes its
+// name when all of it is on the disk. Until then only the service's user can open it. A left-over
+// of a process that was killed on the way is removed at the next write into that folder; one that
+// somebody still writes is locked (flock) and so known.
 //
 // All operations may be called from any thread. Nothing is thrown and nothing is allocated, so a
 // destructor may write.
@@ -21,13 +21,15 @@ inline constexpr std::string_view kTemporaryHead = ".qixxwatch-new-";
 
 /// Makes `text` the content of the file at `place`; `old` is that file, open for reading and
 /// writing. Whatever fails or dies on the way, the file holds all of the old content or all of the
-/// new. Where the folder takes no new file (or gives the name to none, as with a mounted file), the
-/// old one is written in place, which is traced; it then must have one name. False when the content
-/// is not the new one, and then traced.
+/// new. Two cases leave only writing the old one in place, which is traced; it then must have one
+/// name: the folder takes no new file (or gives the name to none, as with a mounted file), or a new
+/// one cannot have the old one's owner, or its group or access list where these decide who may read
+/// or write. False when the content is not the new one, and then traced.
 [[nodiscard]] bool ReplaceFile(const FilePlace& place, const Descriptor& old,
                                std::string_view text);
 
-/// Makes a file of this content, with the permissions, owner and group of the open file `like`.
+/// Makes a file of this content, with the permissions, and as far as that is allowed the owner and
+/// the group, of the open file `like`; another group gets no more than everybody.
 /// Whatever had the name is replaced, also a link. False, and traced, when there is no such file.
 [[nodiscard]] bool MakeFile(const FilePlace& place, std::string_view text, const Descriptor& like);
 

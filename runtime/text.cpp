@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <limits>
 
 namespace qixx::runtime {
@@ -18,6 +19,10 @@ constexpr std::array<std::int8_t, 128> InvertBase64Alphabet() {
   return values;
 }
 constexpr std::array<std::int8_t, 128> kBase64Values = InvertBase64Alphabet();
+
+std::uint8_t FoldedByte(char c) {
+  return static_cast<std::uint8_t>(FoldCase(c));
+}
 
 /// The six bits that a character stands for, -1 outside the alphabet.
 int Base64Value(char c) {
@@ -158,11 +163,25 @@ std::size_t FindCharBack(std::string_view text, char c) {
 }
 
 std::size_t FindText(std::string_view text, std::string_view pattern, std::size_t from) {
-  return text.find(pattern, from);
+  if (from > text.size() || pattern.size() > text.size() - from) return std::string_view::npos;
+  if (pattern.empty()) return from;
+  // Unlike the standard library's search it does not look at each of many first characters.
+  const void* const found =
+      ::memmem(text.data() + from, text.size() - from, pattern.data(), pattern.size());
+  if (found == nullptr) return std::string_view::npos;
+  return static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
 }
 
 std::size_t FindTextNoCase(std::string_view text, std::string_view pattern, std::size_t from) {
-  for (std::size_t at = from; at <= text.size() && pattern.size() <= text.size() - at; ++at) {
+  if (from > text.size() || pattern.size() > text.size() - from) return std::string_view::npos;
+  if (pattern.empty()) return from;
+  // Horspool's search: the character above the pattern's last one tells how far the pattern moves.
+  const std::size_t last = pattern.size() - 1;
+  std::array<std::size_t, 256> step{};
+  step.fill(pattern.size());
+  for (std::size_t i = 0; i < last; ++i) step[FoldedByte(pattern[i])] = last - i;
+  for (std::size_t at = from; at <= text.size() - pattern.size();
+       at += step[FoldedByte(text[at + last])]) {
     if (CompareNoCase(text.substr(at, pattern.size()), pattern) == 0) return at;
   }
   return std::string_view::npos;

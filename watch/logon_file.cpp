@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "config/file.h"
+#include "config/migration.h"
 #include "runtime/files.h"
 #include "runtime/replace_file.h"
 #include "runtime/text.h"
@@ -26,20 +27,27 @@ constexpr std::string_view kSavedCopySuffix = ".org";
 
 // --- keys of a text -----------------------------------------------------------------------------
 
-/// Each takes a walk over the text, which an endless one must not repeat for ever.
-constexpr std::size_t kMaxEntries = 1000;
-/// So many bytes may all these walks take together: about a second.
-constexpr std::size_t kMaxWalked = std::size_t{1} << 30;
+/// Bringing a text of an older version up to date takes as long as so many walks over it, and as
+/// much memory.
+constexpr std::size_t kMigrationWalks = 256;
+
+/// How often a text is walked when it is taken as a configuration. One with a zero byte becomes
+/// another before it is known how old that is.
+std::size_t WalksOfOpening(std::string_view text) {
+  const bool mayBeOld = config::LooksOld(text) || text.find('\0') != std::string_view::npos;
+  return mayBeOld ? kMigrationWalks : 1;
+}
 
 /// Section and key.
 using EntryName = std::pair<std::string, std::string>;
 
 /// The entries that `name` means: all of that name as they are spelled, else a new one in the
-/// section of the first entry, none in a text without any.
+/// section of the first entry, none in a text without any. Of too many there is one more than
+/// kMaxSetEntries.
 std::set<EntryName> FindEntries(config::CConfigFile& config, std::string_view name) {
   std::set<EntryName> found;
   std::optional<std::string> firstSection;
-  for (std::size_t index = 0; found.size() < kMaxEntries;) {
+  for (std::size_t index = 0; found.size() <= kMaxSetEntries;) {
     const std::optional<config::ConfigEntry> entry = config.EnumEntries(index);
     if (!entry) break;
     if (!firstSection) firstSection = entry->section;
@@ -55,17 +63,25 @@ std::set<EntryName> FindEntries(config::CConfigFile& config, std::string_view na
 /// file that they cannot read, for the service to show it to them.
 bool ShowsNoMore(const struct stat& file, const struct stat& copy) {
   constexpr mode_t kOthers = S_IRGRP | S_IROTH;
-  const bool sameOwner = file.st_uid == copy.st_uid && file.st_gid == copy.st_gid;
-  return sameOwner ? (file.st_mode & kOthers & ~copy.st_mode) == 0 : (copy.st_mode & S_IROTH) != 0;
+  // Only root can give its copy to the file's owner; any other service has it in the group that it
+  // shares with them.
+  const bool isOwners =
+      file.st_uid == copy.st_uid || (::geteuid() != 0 && (copy.st_mode & S_IRGRP) != 0);
+  return isOwners && file.st_gid == copy.st_gid ? (file.st_mode & kOthers & ~copy.st_mode) == 0
+                                                : (copy.st_mode & S_IROTH) != 0;
 }
 
-/// Why a saved copy is not to be trusted; null for one that is. `folder` is its own.
-const char* FaultOfCopy(const struct stat& copy, const struct stat& file,
+/// Why a saved copy is not to be trusted; null for one that is. `file` is null when it is missing,
+/// `folder` is the copy's own.
+const char* FaultOfCopy(const struct stat& copy, const struct stat* file,
                         const struct stat& folder) {
   if (copy.st_nlink != 1) return "a file with a second name";
-  if (copy.st_uid != ::geteuid() && copy.st_uid != file.st_uid) return "a file of somebody else";
-  // Whoever owns the folder as well could have done all this alone.
-  if (copy.st_uid != folder.st_uid && !ShowsNoMore(file, copy)) return "a file that shows too much";
+  const bool isTheFiles = file != nullptr && copy.st_uid == file->st_uid;
+  if (copy.st_uid != ::geteuid() && !isTheFiles) return "a file of somebody else";
+  // A missing file is made like its copy, and whoever owns the folder as well could have done all
+  // this alone.
+  const bool showsMore = file != nullptr && !ShowsNoMore(*file, copy);
+  if (showsMore && copy.st_uid != folder.st_uid) return "a file that shows too much";
   return nullptr;
 }
 
@@ -94,6 +110,9 @@ class EditedFile {
 
   [[nodiscard]] bool Set(std::string_view name, std::string_view value) {
     if (name.starts_with('%') ? SetPlaceholder(name, value) : SetKey(name, value)) return true;
+    if (budget_.IsSpent()) {
+      runtime::TraceWrite("Watch - '%s' is too large for all that is to be set", path_.c_str());
+    }
     runtime::TraceWrite("Watch - Failed to set '%s' in '%s'", std::string(name).c_str(),
                         path_.c_str());
     return false;
@@ -115,6 +134,7 @@ class EditedFile {
   [[nodiscard]] bool Restore();
   [[nodiscard]] bool SetPlaceholder(std::string_view name, std::string_view value);
   [[nodiscard]] bool SetKey(std::string_view name, std::string_view value);
+  [[nodiscard]] bool TakeWalks(std::size_t count) { return budget_.Take(count * text_.size()); }
   void Take(std::string text);
   void WarnOfAnotherWriter() const;
 
@@ -127,6 +147,7 @@ class EditedFile {
   std::string before_;        ///< what the file holds
   std::string text_;          ///< what it is to hold
   std::size_t limit_ = 0;     ///< for `text_`
+  WalkBudget budget_{kMaxWalked};
 };
 
 bool EditedFile::Read() {
@@ -157,10 +178,8 @@ bool EditedFile::Restore() {
     runtime::TraceRefusal(saved_.Path(), "a link or no readable file");
     return false;
   }
-  // A missing file is made like its copy.
-  const struct stat status = runtime::StatusOf(copy_);
-  const struct stat file = file_.IsOpen() ? status_ : status;
-  const char* fault = FaultOfCopy(status, file, StatusOfFolder(saved_));
+  const struct stat* const file = file_.IsOpen() ? &status_ : nullptr;
+  const char* fault = FaultOfCopy(runtime::StatusOf(copy_), file, StatusOfFolder(saved_));
   std::optional<std::string> text;
   if (fault == nullptr) text = runtime::ReadToEnd(copy_, runtime::kMaxFileSize);
   if (!text) {
@@ -177,16 +196,15 @@ void EditedFile::Take(std::string text) {
 }
 
 bool EditedFile::SetPlaceholder(std::string_view name, std::string_view value) {
-  std::optional<std::string> text = ReplacePlaceholder(text_, name, value, limit_);
-  if (text) text_ = std::move(*text);
-  return text.has_value();
+  return ReplacePlaceholder(text_, name, value, limit_, budget_);
 }
 
 bool EditedFile::SetKey(std::string_view name, std::string_view value) {
+  if (!TakeWalks(WalksOfOpening(text_))) return false;
   config::CConfigFile config;
   if (config.OpenText(path_, text_) != config::ConfigResult::kOk) return false;
   const std::set<EntryName> entries = FindEntries(config, name);
-  if (entries.size() > kMaxWalked / (text_.size() + 1)) return false;
+  if (entries.size() > kMaxSetEntries || !TakeWalks(entries.size())) return false;
   for (const auto& [section, key] : entries) {
     if (config.SetValue(section, key, value) != config::ConfigResult::kOk) return false;
   }

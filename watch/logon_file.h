@@ -3,13 +3,15 @@
 // Each operation makes one new text of the file and puts it in the old one's place in one step; a
 // symbolic link stays one and its target is replaced. False means that this was not possible and
 // that the file is as it was: it is missing or may not be written, a saved copy that is needed
-// cannot be made or trusted, or the new text would be too long. The trace says which.
+// cannot be made or trusted, the new text would be too long, or one of the bounds below is reached.
+// The trace says which.
 //
 // All operations may be called from any thread: each holds the file (watch/file_scope.h) from its
 // first look at it to the end, so that two commands lose none of their values. Only std::bad_alloc
 // is thrown.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -20,6 +22,14 @@ namespace qixx::watch {
 /// The configuration keys of the logon values.
 inline constexpr std::string_view kUserNameKey = "Username";
 inline constexpr std::string_view kDomainKey = "Domain";
+
+/// The most entries of one name that are set.
+inline constexpr std::size_t kMaxSetEntries = 1000;
+/// The most bytes of its text that one operation walks, whatever is written in there. Each key
+/// walks it once and once more for each entry that it sets, each placeholder that is in there once;
+/// see ReplacePlaceholder. A search for a placeholder that finds none is quick and counts nothing;
+/// a text that may have section names of older versions counts 256 times for each key.
+inline constexpr std::size_t kMaxWalked = std::size_t{1} << 30;
 
 /// What an insert makes of the file: its saved state (see BackupOrRestoreConfigFile) with all
 /// values that are not empty.
@@ -35,9 +45,10 @@ bool WriteLogonName(const std::string& path, const LogonName& name);
 bool RestoreAndClear(const std::string& path);
 
 /// Writes one value into an existing configuration file. A name that begins with '%' is a
-/// placeholder in the file's text. Any other is a configuration key: every entry of that name gets
-/// the value, in any section and any letter case; where there is none, the section of the file's
-/// first entry gets a new one. Nothing happens without a path or a name.
+/// placeholder in the file's text. Any other is a configuration key: the entry of that name gets
+/// the value, in each section and in any letter case. Of one that a section has twice, and of
+/// sections of one name, only the first is changed. Where there is no such entry, the section of
+/// the file's first entry gets a new one. Nothing happens without a path or a name.
 bool SetConfigValue(const std::string& path, std::string_view name, std::string_view value);
 /// Saves a copy beside the file (".org") or, when there is one, restores the file from it. The copy
 /// is a regular file with one name, no link, and belongs to the service's user or the file's owner.

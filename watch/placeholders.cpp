@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "config/scan.h"
 #include "der/names.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
@@ -27,21 +28,50 @@ std::string FillFromCard(CardReader& card, std::string_view match, std::string t
   return ReplaceLogonPlaceholders(*values, std::move(text), maxLength);
 }
 
-/// Whether what follows on a line may become the first of it that is no blank: other placeholders
-/// may come to nothing. After many of them it may, without a further look.
-bool MayStartLine(std::string_view line) {
-  constexpr int kMaxLooks = 64;
-  for (int look = 0; look < kMaxLooks; ++look) {
-    line = runtime::SkipBlanks(line);
-    if (line.empty()) return true;
-    const std::size_t end = line.front() == '%' ? line.find('%', 1) : std::string_view::npos;
-    if (end == std::string_view::npos) return false;
-    line.remove_prefix(end + 1);
-  }
-  return true;
+enum class LetterCase { kCounts, kIgnored };
+
+std::size_t FindName(std::string_view text, std::string_view name, LetterCase letterCase,
+                     std::size_t from = 0) {
+  return letterCase == LetterCase::kIgnored ? runtime::FindTextNoCase(text, name, from)
+                                            : runtime::FindText(text, name, from);
 }
 
-enum class LetterCase { kCounts, kIgnored };
+/// Whether what comes next may become the first of its line that is no blank: other placeholders in
+/// front may come to nothing. After many of them it may, without a further look. Follows a text
+/// that grows at its end and is cut there, though not across a line end.
+class LineStart {
+ public:
+  /// `at` is where in the text the piece begins.
+  void Append(std::string_view piece, std::size_t at) {
+    std::size_t line = piece.size();
+    while (line > 0 && !config::IsLineBreak(piece[line - 1])) --line;
+    if (line > 0) Cut(0);
+    for (std::size_t i = line; i < piece.size() && !IsSettled(); ++i) {
+      if (piece[i] == '%') {
+        marks_.push_back(at + i);
+      } else if (piece[i] != ' ' && MayBeHere()) {
+        other_ = at + i;
+      }
+    }
+  }
+  void Cut(std::size_t length) {
+    while (!marks_.empty() && marks_.back() >= length) marks_.pop_back();
+    if (other_ >= length) other_ = std::string::npos;
+  }
+  [[nodiscard]] bool MayBeHere() const {
+    return other_ == std::string::npos && marks_.size() % 2 == 0;
+  }
+
+ private:
+  static constexpr std::size_t kMaxMarks = 128;
+
+  [[nodiscard]] bool IsSettled() const {
+    return other_ != std::string::npos || marks_.size() >= kMaxMarks;
+  }
+
+  std::vector<std::size_t> marks_;         ///< where a '%' begins or ends a placeholder
+  std::size_t other_ = std::string::npos;  ///< where the line has something else
+};
 
 /// Replaces the occurrences in one pass over a text, whatever they are made of.
 class OnePassReplacement {
@@ -50,38 +80,57 @@ class OnePassReplacement {
   OnePassReplacement(std::string_view name, std::string_view value, LetterCase letterCase)
       : name_(name),
         value_(value),
-        lineStart_(CleanLineStart(value)),
+        cleanValue_(CleanLineStart(value)),
         letterCase_(letterCase),
         again_(value.find(name.front()) == std::string_view::npos || value.size() < name.size()) {}
 
-  /// Gives up once the result is longer than `limit`.
-  std::string Apply(std::string_view text, std::size_t limit) {
-    for (std::size_t next = 0; next < text.size() && result_.size() <= limit; ++next) {
-      pending_.push_back(text[next]);
-      while (!pending_.empty()) TakePending();
+  /// Nothing once the result is longer than `limit` or the budget is spent.
+  std::optional<std::string> Apply(std::string_view text, std::size_t limit, WalkBudget& budget) {
+    bool goesOn = budget.Take(text.size());
+    while (goesOn && read_ < text.size()) {
+      if (read_ >= unchanged_) CopyUnchanged(text);
+      if (read_ == text.size()) break;
+      pending_.push_back(text[read_++]);
+      while (goesOn && !pending_.empty()) {
+        TakePending();
+        goesOn = result_.size() <= limit && budget.Take(kStepCost);
+      }
     }
+    if (!goesOn || result_.size() > limit) return std::nullopt;
     return std::move(result_);
   }
 
  private:
+  /// Goes on to the last character of the next occurrence. Only where the end of the result is a
+  /// piece of the text that is as long as what an occurrence has in front of that.
+  void CopyUnchanged(std::string_view text) {
+    const std::size_t overlap = std::min(read_ - seam_, name_.size() - 1);
+    const std::size_t found = FindName(text, name_, letterCase_, read_ - overlap);
+    const std::size_t end =
+        found == std::string_view::npos ? text.size() : found + name_.size() - 1;
+    Append(text.substr(read_, end - read_));
+    read_ = end;
+  }
   void TakePending() {
-    result_.push_back(pending_.back());
+    Append({&pending_.back(), 1});
     pending_.pop_back();
-    if (result_.back() == '\n' || result_.back() == '\r') line_ = result_.size();
     if (!EndsInName()) return;
     result_.resize(result_.size() - name_.size());
-    const std::string_view value = NextValue();
+    line_.Cut(result_.size());
+    const std::string_view value = line_.MayBeHere() ? std::string_view(cleanValue_) : value_;
+    seam_ = read_;
     if (again_) {
       pending_.append(value.rbegin(), value.rend());
+      unchanged_ = read_ + name_.size() - 1;
     } else {
-      result_.append(value);
+      Append(value);
       settled_ = result_.size();
+      unchanged_ = read_;
     }
   }
-  [[nodiscard]] std::string_view NextValue() const {
-    if (lineStart_ == value_) return value_;
-    const std::string_view line = std::string_view(result_).substr(std::min(line_, result_.size()));
-    return MayStartLine(line) ? std::string_view(lineStart_) : value_;
+  void Append(std::string_view piece) {
+    line_.Append(piece, result_.size());
+    result_.append(piece);
   }
   [[nodiscard]] bool EndsInName() const {
     if (result_.size() < settled_ + name_.size()) return false;
@@ -91,15 +140,18 @@ class OnePassReplacement {
 
   std::string_view name_;
   std::string_view value_;
-  std::string lineStart_;  ///< the value for the start of a line
+  std::string cleanValue_;  ///< for the start of a line
   LetterCase letterCase_;
   /// A value that brings no beginning of the name along, or makes the text shorter, uses the
   /// occurrences up, so those that come about around it count as well.
   bool again_;
   std::string result_;
-  std::size_t line_ = 0;     ///< where the last line of the result begins
+  LineStart line_;           ///< of the result
   std::string pending_;      ///< to be read in front of the rest of the text, last character first
-  std::size_t settled_ = 0;  ///< what no occurrence may reach back into
+  std::size_t settled_ = 0;  ///< what of the result no occurrence may reach back into
+  std::size_t read_ = 0;     ///< so much of the text was read
+  std::size_t seam_ = 0;     ///< where in the text the last change was
+  std::size_t unchanged_ = 0;  ///< from here on no occurrence reaches back to that
 };
 
 }  // namespace
@@ -143,17 +195,20 @@ std::string ReplaceLogonPlaceholders(const LogonValues& values, std::string text
 
 void ReplaceAll(std::string& text, std::string_view name, std::string_view value) {
   if (name.empty()) return;
-  text = OnePassReplacement(name, value, LetterCase::kCounts).Apply(text, std::string::npos);
+  WalkBudget endless(std::string::npos);
+  OnePassReplacement replacement(name, value, LetterCase::kCounts);
+  if (auto after = replacement.Apply(text, std::string::npos, endless)) text = std::move(*after);
 }
 
-std::optional<std::string> ReplacePlaceholder(std::string_view text, std::string_view name,
-                                              std::string_view value, std::size_t maxLength) {
+bool ReplacePlaceholder(std::string& text, std::string_view name, std::string_view value,
+                        std::size_t maxLength, WalkBudget& budget) {
   const bool isComponent = runtime::StartsWithNoCase(name, kComponentPrefix);
-  OnePassReplacement replacement(name, value,
-                                 isComponent ? LetterCase::kIgnored : LetterCase::kCounts);
-  std::string after = replacement.Apply(text, maxLength);
-  if (after.size() > maxLength) return std::nullopt;
-  return after;
+  const LetterCase letterCase = isComponent ? LetterCase::kIgnored : LetterCase::kCounts;
+  if (FindName(text, name, letterCase) == std::string::npos) return text.size() <= maxLength;
+  OnePassReplacement replacement(name, value, letterCase);
+  std::optional<std::string> after = replacement.Apply(text, maxLength, budget);
+  if (after) text = std::move(*after);
+  return after.has_value();
 }
 
 }  // namespace qixx::watch

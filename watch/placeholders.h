@@ -54,16 +54,35 @@ struct SubjectPlaceholder {
   return 2 * length + kRoom;
 }
 
+/// How many bytes of a text may still be walked.
+class WalkBudget {
+ public:
+  explicit WalkBudget(std::size_t bytes) : left_(bytes) {}
+  /// False, from then on for ever, when there are not so many left.
+  bool Take(std::size_t bytes) {
+    spent_ = spent_ || bytes > left_;
+    left_ -= spent_ ? 0 : bytes;
+    return !spent_;
+  }
+  [[nodiscard]] bool IsSpent() const { return spent_; }
+
+ private:
+  std::size_t left_;
+  bool spent_ = false;
+};
+
 /// Replaces every occurrence of `name`, also those that a replacement brings about, as long as that
 /// must come to an end; else the search goes on behind the replacement.
 void ReplaceAll(std::string& text, std::string_view name, std::string_view value);
 /// The same for a placeholder; the key of a subject's component counts in any letter case, since
 /// certificates and administrators write it in either. At the start of a line, with blanks and
-/// other placeholders in front or not, a value makes no section, block or comment of it. Nothing
-/// when the result would be longer than `maxLength`.
-[[nodiscard]] std::optional<std::string> ReplacePlaceholder(std::string_view text,
-                                                            std::string_view name,
-                                                            std::string_view value,
-                                                            std::size_t maxLength);
+/// other placeholders in front or not, a value makes no section, block or comment of it. False, and
+/// the text is as it was, when it would be longer than `maxLength` or when the budget is spent: a
+/// text that holds the name is walked once, and what is put in and lies around it counts kStepCost
+/// times, since it is read character by character.
+[[nodiscard]] bool ReplacePlaceholder(std::string& text, std::string_view name,
+                                      std::string_view value, std::size_t maxLength,
+                                      WalkBudget& budget);
+inline constexpr std::size_t kStepCost = 8;
 
 }  // namespace qixx::watch

@@ -18,6 +18,7 @@
 #include "runtime/text.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/trace_capture.h"
 
 // The owner of a file of this program cannot be changed while this is false.
 static bool chownAllowed = true;
@@ -32,6 +33,7 @@ namespace {
 
 using testing::ScopedVariable;
 using testing::TemporaryFolder;
+using namespace std::string_literals;
 namespace fs = std::filesystem;
 
 TEST(TempDirectory, IsTheFirstThatIsSetAndFits) {
@@ -80,22 +82,55 @@ TEST(WholeFiles, NothingIsLostWithoutRoom) {
   EXPECT_EQ(folder.Read("source"), "old") << "cut, and kept for a missing source";
 }
 
-TEST(WholeFiles, AnotherGroupGetsNoMoreThanEverybody) {
-  const TemporaryFolder folder;
-  const std::string file = folder.Write("file", "old");
-  const auto replace = [&](std::string_view text) {
-    const FilePlace place = FindFile(file).real;
-    return ReplaceFile(place, place.Open(O_RDWR), text);
+TEST(WholeFiles, WhatCannotBeLikeTheOldOneIsWrittenInPlace) {
+  struct Row {
+    const char* name;
+    uid_t owner;
+    gid_t group;
+    mode_t mode;
+    bool inPlace;
   };
-  fs::permissions(file, fs::perms{0764});
-  chownAllowed = false;
-  EXPECT_TRUE(replace("new"));
-  EXPECT_EQ(fs::status(file).permissions(), fs::perms{0744});
-  fs::permissions(file, fs::perms{0764});
-  chownAllowed = true;
-  EXPECT_TRUE(replace("newer"));
-  EXPECT_EQ(fs::status(file).permissions(), fs::perms{0764});
-  EXPECT_EQ(folder.Read("file"), "newer");
+  const uid_t self = ::geteuid();
+  const gid_t ownGroup = ::getegid();
+  for (const Row& row : {Row{"its own", self, ownGroup, 0764, false},
+                         {"another owner", 1234, ownGroup, 0600, true},
+                         {"a group that may do more", self, 1234, 0764, true},
+                         {"a group that may do less", self, 1234, 0604, true},
+                         {"a group like everybody", self, 1234, 0744, false}}) {
+    SCOPED_TRACE(row.name);
+    const TemporaryFolder folder;
+    const std::string file = folder.Write("file", "old");
+    if (::chown(file.c_str(), row.owner, row.group) != 0) continue;  // only root's may
+    fs::permissions(file, fs::perms{row.mode});
+    const struct stat before = StatusOf(OpenRegular(file, O_RDONLY));
+    const FilePlace place = FindFile(file).real;
+    const Descriptor old = place.Open(O_RDWR);
+    const testing::TraceCapture trace;
+    chownAllowed = false;
+    EXPECT_TRUE(ReplaceFile(place, old, "newer"));
+    EXPECT_TRUE(MakeFile(place.WithSuffix(".org"), "copy", old));
+    chownAllowed = true;
+    const struct stat after = StatusOf(OpenRegular(file, O_RDONLY));
+    EXPECT_EQ(after.st_ino == before.st_ino, row.inPlace);
+    EXPECT_EQ(trace.Has("Helper - Write '" + file +
+                        "' in place, a new file cannot have its owner and rights"),
+              row.inPlace);
+    EXPECT_EQ(after.st_uid, row.owner);
+    EXPECT_EQ(after.st_mode, before.st_mode);
+    EXPECT_EQ(folder.Read("file"), "newer");
+    const fs::perms copy = fs::status(file + ".org").permissions();
+    const mode_t everybody = row.mode & (0707U | (row.mode & 7U) << 3);
+    EXPECT_EQ(copy, fs::perms{row.group == ownGroup ? row.mode : everybody});
+  }
+}
+
+TEST(WholeFiles, OneWithoutANameIsNotWritten) {
+  const TemporaryFolder folder;
+  const std::string path = folder.Write("file", "old");
+  const Descriptor file = OpenRegular(path, O_RDWR);
+  EXPECT_TRUE(HasOneName(file, path));
+  fs::remove(path);
+  EXPECT_FALSE(HasOneName(file, path));
 }
 
 TEST(WholeFiles, AccessListStaysAndItsMaskIsNotTheGroups) {
@@ -144,7 +179,14 @@ TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {
   }
   EXPECT_TRUE(FindFile(folder.Path("a/dangling")).real.IsMissing());
   EXPECT_FALSE(FindFile(folder.Path("a/dangling")).named.IsMissing());
-  EXPECT_EQ(FindFile("").real.Folder(), -1);
+  for (const std::string& nowhere : {""s, folder.Path("none/a"), folder.Path("a/")}) {
+    EXPECT_EQ(FindFile(nowhere).real.Folder(), -1);
+    EXPECT_FALSE(FindFile(nowhere).named.IsMissing());
+  }
+  const testing::TraceCapture trace;
+  static_cast<void>(FindFile(folder.Path("round/file")));
+  EXPECT_TRUE(trace.Has("Helper - Refused '" + folder.Path("round/file") +
+                        "', a path through too many links"));
 }
 
 TEST(Expansion, DropsWhatWouldBeTooLong) {

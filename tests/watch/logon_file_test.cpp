@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <random>
@@ -29,6 +30,7 @@
 #include "tests/watch/scripted.h"
 #include "watch/event_handlers.h"
 #include "watch/file_scope.h"
+#include "watch/placeholders.h"
 #include "watch/set_command.h"
 
 namespace {
@@ -106,6 +108,12 @@ bool AsNobody(const Action& action) {
   int status = 1;
   ::waitpid(other, &status, 0);
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+std::ptrdiff_t Refusals(const TraceCapture& trace) {
+  return std::ranges::count_if(trace.Lines(), [](const std::string& line) {
+    return line.starts_with("Helper - Refused '");
+  });
 }
 
 TEST_F(LogonFile, IsPutBackBeforeItIsClearedWhenAsked) {
@@ -207,23 +215,84 @@ TEST_F(LogonFile, WhatCannotBeSavedIsNotChanged) {
     EXPECT_EQ(Text(), kOriginal);
     EXPECT_EQ(Others(), before);
   }
-  for (const std::string& missing : {folder_.Path("none.conf"), folder_.Path("none/a.conf"), ""s}) {
-    EXPECT_FALSE(Insert("-config \"" + missing + "\""));
-    EXPECT_FALSE(Remove("-config \"" + missing + "\""));
+  for (const char* const missing : {"none.conf", "none/a.conf", "none/", ""}) {
+    const std::string path = folder_.Path(missing);
+    const TraceCapture trace;
+    EXPECT_FALSE(Insert("-config \"" + path + "\""));
+    EXPECT_FALSE(Remove("-config \"" + path + "\""));
+    EXPECT_EQ(trace.Count("Config - Open '" + path + "' (w)"), 2U) << missing;
+    EXPECT_EQ(trace.Count("Config - Failed to open"), 2U) << missing;
+    EXPECT_EQ(Refusals(trace), 0) << missing;
   }
+  EXPECT_FALSE(Insert("-config \"\""));
   EXPECT_EQ(fs::exists(folder_.Path("none.conf")), false);
 }
 
 TEST_F(LogonFile, EndlessWalksThroughAHugeFileAreRefused) {
-  std::string old(33U << 20, ';');
-  for (int section = 0; section < 40; ++section) {
-    old += "\n[" + std::to_string(section) + "]\nUsername=\n";
+  constexpr std::size_t kMebibyte = std::size_t{1} << 20;
+  const auto sections = [](int count, const std::string& entry) {
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+      text += "\n[" + entry + std::to_string(i) + "]\n";
+      text += entry + "=\n";
+    }
+    return text;
+  };
+  const std::string large(60 * kMebibyte, ';');
+  struct Row {
+    const char* name;
+    std::string text;
+    const char* failed;  ///< what could not be set, null when all could
+    bool tooLarge;
+  };
+  const Row rows[] = {
+      {"as many as there may be", sections(watch::kMaxSetEntries, "Username"), nullptr, false},
+      {"one more", sections(watch::kMaxSetEntries + 1, "Username"), "Username", false},
+      {"many in a huge one", large + sections(40, "Username"), "Username", true},
+      {"two keys together", large + sections(8, "Username") + sections(7, "Domain"), nullptr,
+       false},
+      {"keys and placeholders together",
+       large + sections(8, "Username") + sections(7, "Domain") + "%SUBJECT%\n", "%SUBJECT%", true},
+      {"old names", "Soft Tokens\n" + std::string(5 * kMebibyte, ';'), "Username", true},
+      {"old names in UTF-16", "S\0o\0"s + std::string(5 * kMebibyte, ';'), "Username", true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    folder_.Write("a.conf", row.text);
+    const TraceCapture trace;
+    const bool fails = row.failed != nullptr;
+    EXPECT_EQ(Remove("-config " + file_), !fails);
+    const std::string name = fails ? row.failed : "";
+    EXPECT_EQ(trace.Has("Watch - Failed to set '" + name + "' in '" + file_ + "'"), fails);
+    EXPECT_EQ(trace.Has("Watch - '" + file_ + "' is too large for all that is to be set"),
+              row.tooLarge);
+    EXPECT_TRUE(!fails || Text() == row.text);
   }
-  folder_.Write("a.conf", old);
-  const TraceCapture trace;
-  EXPECT_FALSE(Remove("-config " + file_));
-  EXPECT_TRUE(trace.Has("Watch - Failed to set 'Username' in '" + file_ + "'"));
-  EXPECT_TRUE(Text() == old);
+}
+
+TEST(LogonFiles, PlaceholdersTakeTimeInProportionToTheText) {
+  constexpr std::size_t kMany = 500'000;
+  std::string oneLine = "%";
+  for (std::size_t i = 0; i < kMany; ++i) oneLine += "%USERNAME%";
+  const std::string percents(16U << 20, '%');
+  const std::string nested = std::string(1000, '%') + "OID.cn" + std::string(1000, '%');
+  const std::clock_t begin = std::clock();
+  watch::WalkBudget budget(watch::kMaxWalked);
+  EXPECT_TRUE(watch::ReplacePlaceholder(oneLine, "%USERNAME%", "[x", kMany * 100, budget));
+  EXPECT_EQ(oneLine.size(), 2 * kMany + 1);
+  std::string text = percents;
+  for (int i = 0; i < 36; ++i) {
+    const std::string name = "%OID.2.5.4." + std::to_string(i) + "%";
+    EXPECT_TRUE(watch::ReplacePlaceholder(text, name, "v", percents.size(), budget));
+  }
+  EXPECT_TRUE(text == percents);
+  EXPECT_LE(std::clock() - begin, 4 * CLOCKS_PER_SEC);
+  text = nested;
+  watch::WalkBudget small(nested.size() * watch::kStepCost);
+  EXPECT_FALSE(watch::ReplacePlaceholder(text, "%OID.cn%", "OID.cn", nested.size(), small));
+  EXPECT_EQ(text, nested);
+  EXPECT_TRUE(watch::ReplacePlaceholder(text, "%OID.cn%", "OID.cn", nested.size(), budget));
+  EXPECT_EQ(text, "OID.cn");
 }
 
 TEST_F(LogonFile, FullDiskChangesNothing) {
@@ -270,6 +339,45 @@ TEST_F(LogonFile, FolderThatTakesNoNewFileLeavesOnlyWritingInPlace) {
   EXPECT_TRUE(AsNobody([this] { return Restore(); }));
   EXPECT_EQ(Text(), kCleared);
   fs::permissions(folder_.Path(), fs::perms{0755});
+}
+
+TEST_F(LogonFile, OwnerStaysWhereTheServiceIsOnlyInTheGroup) {
+  if (::geteuid() != 0) GTEST_SKIP() << "NOT TESTED: only root can give files away";
+  constexpr uid_t kOwner = 1234;
+  ASSERT_EQ(::chown(folder_.Path().c_str(), 0, kNobody), 0);
+  fs::permissions(folder_.Path(), fs::perms{02770});
+  ASSERT_EQ(::chown(file_.c_str(), kOwner, kNobody), 0);
+  fs::permissions(file_, fs::perms{0660});
+  EXPECT_TRUE(AsNobody([this] {
+    const TraceCapture trace;
+    return Insert() && trace.Has("Helper - Write '" + file_ +
+                                 "' in place, a new file cannot have its owner and rights");
+  }));
+  EXPECT_EQ(Text(), kFilled);
+  EXPECT_TRUE(AsNobody([this] { return Restore(); }));
+  EXPECT_EQ(Text(), kCleared);
+  struct stat status {};
+  ASSERT_EQ(::stat(file_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, kOwner);
+  EXPECT_EQ(status.st_gid, kNobody);
+  EXPECT_EQ(status.st_mode & 07777U, 0660U);
+  EXPECT_EQ(Others(), std::set{"a.conf.org"s});
+}
+
+TEST_F(LogonFile, MissingOneIsMadeFromTheServicesOwnCopyOnly) {
+  const std::string copy = folder_.Write("a.conf.org", kOriginal);
+  fs::remove(file_);
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::chown(copy.c_str(), kNobody, kNobody), 0);
+    const TraceCapture trace;
+    EXPECT_FALSE(Insert());
+    EXPECT_FALSE(Restore());
+    EXPECT_EQ(trace.Count("Helper - Refused '" + copy + "', a file of somebody else"), 2U);
+    EXPECT_FALSE(fs::exists(file_));
+    ASSERT_EQ(::chown(copy.c_str(), 0, 0), 0);
+  }
+  EXPECT_TRUE(Insert());
+  EXPECT_EQ(Text(), kFilled);
 }
 
 TEST_F(LogonFile, WhoHoldsTheFolderDelaysAWholeEventByTwoSeconds) {
@@ -343,9 +451,7 @@ TEST_F(LogonFile, StrangersGainNothingFromRoot) {
     const std::set<std::string> before = Others();
     const TraceCapture trace;
     EXPECT_FALSE(Insert("-config " + trap.set));
-    const auto lines = trace.Lines();
-    EXPECT_TRUE(std::ranges::any_of(
-        lines, [](const std::string& line) { return line.starts_with("Helper - Refused '"); }));
+    EXPECT_EQ(Refusals(trace), 1);
     EXPECT_EQ(Text(), kOriginal);
     EXPECT_EQ(TemporaryFolder::ReadFile(secret), "[Secret]\nUsername=root\n");
     EXPECT_EQ(Others(), before);
@@ -384,6 +490,8 @@ TEST(LogonFiles, GetsWhatANameMeansThroughALinkThatStays) {
       {"%X%%-%X%", "%X%", "%X%%X", "%X%%X%-%X%%X"},
       {"%X%\n-%X%\r\n %A%%X%[%X%", "%X%", " [b]", " _b]\n- [b]\r\n %A% _b][ [b]"},
       {"%X%%X%", "%X%", "<", "_<"},
+      {"%A%X%%%X%%X% %X%", "%X%", "#", "%A#%_# #"},
+      {"[A]\nk=1\nK=2\n[a]\nk=3\n", "k", "v", "[A]\nk=v\nK=2\n[a]\nk=3\n"},
   };
   for (const auto& [before, name, value, after] : rows) {
     const TemporaryFolder folder;
