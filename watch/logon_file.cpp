@@ -12,6 +12,7 @@
 
 #include "config/file.h"
 #include "config/migration.h"
+#include "config/scan.h"
 #include "runtime/files.h"
 #include "runtime/replace_file.h"
 #include "runtime/text.h"
@@ -44,14 +45,15 @@ using EntryName = std::pair<std::string, std::string>;
 /// The entries that `name` means: all of that name as they are spelled, else a new one in the
 /// section of the first entry, none in a text without any. Of too many there is one more than
 /// kMaxSetEntries.
-std::set<EntryName> FindEntries(config::CConfigFile& config, std::string_view name) {
+std::set<EntryName> FindEntries(std::string_view text, std::string_view name) {
   std::set<EntryName> found;
-  std::optional<std::string> firstSection;
-  for (std::size_t index = 0; found.size() <= kMaxSetEntries;) {
-    const std::optional<config::ConfigEntry> entry = config.EnumEntries(index);
-    if (!entry) break;
-    if (!firstSection) firstSection = entry->section;
-    if (runtime::EqualsNoCase(entry->entry, name)) found.emplace(entry->section, entry->entry);
+  std::optional<std::string_view> firstSection;
+  config::EntryReader entries(text);
+  while (found.size() <= kMaxSetEntries) {
+    const std::optional<config::EntryReader::Names> names = entries.Next();
+    if (!names) break;
+    if (!firstSection) firstSection = names->section;
+    if (runtime::EqualsNoCase(names->entry, name)) found.emplace(names->section, names->entry);
   }
   if (found.empty() && firstSection) found.emplace(*firstSection, name);
   return found;
@@ -203,7 +205,7 @@ bool EditedFile::SetKey(std::string_view name, std::string_view value) {
   if (!TakeWalks(WalksOfOpening(text_))) return false;
   config::CConfigFile config;
   if (config.OpenText(path_, text_) != config::ConfigResult::kOk) return false;
-  const std::set<EntryName> entries = FindEntries(config, name);
+  const std::set<EntryName> entries = FindEntries(config.GetText().value_or(""), name);
   if (entries.size() > kMaxSetEntries || !TakeWalks(entries.size())) return false;
   for (const auto& [section, key] : entries) {
     if (config.SetValue(section, key, value) != config::ConfigResult::kOk) return false;

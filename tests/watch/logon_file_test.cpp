@@ -479,7 +479,10 @@ TEST_F(LogonFile, SavedCopyThatCannotBeReachedNowIsNotMadeAnew) {
 }
 
 TEST(LogonFiles, GetsWhatANameMeansThroughALinkThatStays) {
-  const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
+  const std::string head = "[" + std::string(300, 'A') + "]\n";
+  const std::tuple<std::string, const char*, const char*, std::string> rows[] = {
+      {head + "k=1\n", "K", "v", head + "k=v\n"},
+      {head + "x=1\n", "K", "v", head + "x=1\nK=v\n"},
       {"[A]\nusername=1\nx=2\n[B]\nUSERNAME=3\n", "Username", "v",
        "[A]\nusername=v\nx=2\n[B]\nUSERNAME=v\n"},
       {"; no section\n", "Domain", "v", "; no section\n"},
