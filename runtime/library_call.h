@@ -10,9 +10,8 @@ namespace qixx::runtime {
 /// Runs a call into somebody else's library; false when it did not come back, because it
 /// - threw,
 /// - ended its thread (pthread_exit, cancellation): the thread goes on behind the call,
-/// - threw where nothing may be thrown (a noexcept function, a constructor of a static object),
-/// once
-///   ContainTermination was called.
+/// - threw where nothing may be thrown: in a noexcept function, or in the constructor of a static
+///   object. That needs ContainTermination to have been called.
 /// Nothing comes through. The operation is to hold nothing that has a destructor. What the library
 /// itself left undone, a lock that it took above all, stays so.
 template <typename Operation>

@@ -13,8 +13,8 @@ namespace qixx::softcard {
 /// The file is read anew for each call, so that a test may change it at any time.
 [[nodiscard]] std::optional<CK_RV> FaultOf(std::string_view function);
 
-/// Throws with a line "throw=FUNCTION", ends the thread with a line "exit=FUNCTION", and waits while
-/// there is a line "hang=FUNCTION".
+/// Throws with a line "throw=FUNCTION", ends the thread with a line "exit=FUNCTION", and waits
+/// while there is a line "hang=FUNCTION".
 void Misbehave(std::string_view function);
 
 /// True with a line "omit=FUNCTION".

@@ -42,9 +42,9 @@ TEST(Layout, ProgramAndBridgeLinkTheRuntimeOnly) {
     EXPECT_NE(OutputOf(needed), "") << "readelf is needed (package binutils)";
     EXPECT_EQ(OutputOf(needed + others), "") << file;
   }
-  EXPECT_EQ(OutputOf("nm -DP --defined-only '" QIXX_BRIDGE
-                     "' | grep -vcE '^(C_|Qix[A-Za-z]* )'; true"),
-            "0\n");
+  EXPECT_EQ(
+      OutputOf("nm -DP --defined-only '" QIXX_BRIDGE "' | grep -vcE '^(C_|Qix[A-Za-z]* )'; true"),
+      "0\n");
 }
 
 }  // namespace

@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <random>
@@ -270,13 +269,12 @@ TEST_F(LogonFile, EndlessWalksThroughAHugeFileAreRefused) {
   }
 }
 
-TEST(LogonFiles, PlaceholdersTakeTimeInProportionToTheText) {
+TEST(LogonFiles, PlaceholdersFillHugeTextsWithinTheBudget) {
   constexpr std::size_t kMany = 500'000;
   std::string oneLine = "%";
   for (std::size_t i = 0; i < kMany; ++i) oneLine += "%USERNAME%";
   const std::string percents(16U << 20, '%');
   const std::string nested = std::string(1000, '%') + "OID.cn" + std::string(1000, '%');
-  const std::clock_t begin = std::clock();
   watch::WalkBudget budget(watch::kMaxWalked);
   EXPECT_TRUE(watch::ReplacePlaceholder(oneLine, "%USERNAME%", "[x", kMany * 100, budget));
   EXPECT_EQ(oneLine.size(), 2 * kMany + 1);
@@ -286,7 +284,6 @@ TEST(LogonFiles, PlaceholdersTakeTimeInProportionToTheText) {
     EXPECT_TRUE(watch::ReplacePlaceholder(text, name, "v", percents.size(), budget));
   }
   EXPECT_TRUE(text == percents);
-  EXPECT_LE(std::clock() - begin, 4 * CLOCKS_PER_SEC);
   text = nested;
   watch::WalkBudget small(nested.size() * watch::kStepCost);
   EXPECT_FALSE(watch::ReplacePlaceholder(text, "%OID.cn%", "OID.cn", nested.size(), small));
