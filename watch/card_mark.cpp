@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -54,13 +55,15 @@ std::uint64_t Hash(std::string_view text) {
   return hash;
 }
 
-/// A name that is too long ends in a hash of all of it, behind a '~' that no other has.
-std::string NameOf(std::string_view section) {
+/// A section that is too long, or not alone, ends in a hash of all there is to tell, behind a '~'
+/// that no other has.
+std::string NameOf(std::string_view section, std::string_view command) {
   std::string name = Encode(section);
-  if (name.size() <= kMaxName) return name;
-  name.resize(kMaxName);
+  if (command.empty() && name.size() <= kMaxName) return name;
+  name.resize(std::min(name.size(), kMaxName));
   name.push_back('~');
-  for (std::uint64_t hash = Hash(section); hash != 0; hash >>= 4) {
+  const std::string all = std::string(section) + '\n' + std::string(command);
+  for (std::uint64_t hash = Hash(all); hash != 0; hash >>= 4) {
     name.push_back(kHexDigits[hash & 15]);
   }
   return name;
@@ -73,7 +76,8 @@ runtime::Descriptor OpenFolder(const std::string& folder) {
 
 }  // namespace
 
-CardMark::CardMark(std::string_view section) : folder_(FirstFolder()), name_(NameOf(section)) {}
+CardMark::CardMark(std::string_view section, std::string_view command)
+    : folder_(FirstFolder()), name_(NameOf(section, command)) {}
 
 void CardMark::Set() const {
   if (folder_.empty()) return;

@@ -33,10 +33,19 @@ constexpr std::string_view kLogonSection = "Logon";
 
 // --- the slot loop ------------------------------------------------------------------------------
 
+/// Watchers without a section of commands all have the section "Watch".
+std::string OwnCommand(const CWatchOptions& record) {
+  if (FormOf(record) == CommandForm::kSection) return {};
+  return record.rest + '\n' + record.program + '\n' + record.arguments + '\n' + record.configFile;
+}
+
 class SlotWatch {
  public:
   SlotWatch(CWatchOptions& record, const Platform& platform)
-      : record_(record), platform_(platform), card_(platform.card), mark_(record.section) {}
+      : record_(record),
+        platform_(platform),
+        card_(platform.card),
+        mark_(record.section, OwnCommand(record)) {}
 
   static constexpr bool kWakesEarly = true;
 
@@ -45,20 +54,14 @@ class SlotWatch {
     const PolledEvent polled = card_.TakeEvent();
     const std::optional<CK_SLOT_ID> slot = EventSlot(polled, initialisedLate);
     const bool wasFirst = std::exchange(firstRound_, false);
+    if (owedRemoval_) WithReserve([this] { Remove(*owedRemoval_); });
     if (slot && pkcs11::CHelperPkcs11::NormalizeSlotId(*slot) == *slot) {
       runtime::TraceWrite("Watch - Event");
-      reserve_.Release();
-      if (*slot != kNoSlot && card_.ShowsToken(*slot)) {
-        HandleToken(*slot);
-      } else {
-        HandleNoToken(*slot);
-      }
-      reserve_.Fill();
-    } else if (isRemovalOwed_) {
-      Remove();
+      WithReserve([this, &slot] { HandleEvent(*slot); });
     }
-    // A card that went while the watch was down has nobody else to tell of it.
-    if (wasFirst && connected_ == kNoSlot && mark_.IsSet()) Remove();
+    if (wasFirst && record_.sync && connected_ == kNoSlot && mark_.IsSet()) {
+      WithReserve([this] { FollowMark(); });
+    }
     CheckProgram();
     return polled.slot.has_value();
   }
@@ -97,6 +100,21 @@ class SlotWatch {
     return slot == kNoSlot ? std::nullopt : std::optional(slot);
   }
 
+  /// The commands may use the descriptors that are kept for them.
+  template <typename Step>
+  void WithReserve(const Step& step) {
+    reserve_.Release();
+    step();
+    reserve_.Fill();
+  }
+
+  void HandleEvent(CK_SLOT_ID slot) {
+    if (slot != kNoSlot && card_.ShowsToken(slot)) {
+      HandleToken(slot);
+    } else {
+      HandleNoToken(slot);
+    }
+  }
   void HandleToken(CK_SLOT_ID slot) {
     if (connected_ != kNoSlot) {
       runtime::TraceWrite("Watch - Already connected");
@@ -108,21 +126,33 @@ class SlotWatch {
     // Connected even when a command failed, so that the card is not announced twice.
     OnInsertEvent(record_, slot, platform_);
     connected_ = slot;
+    owedRemoval_.reset();  // its turn was before the commands of this card
     connectedSince_ = std::time(nullptr);
     runtime::TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
   }
 
   /// The connected slot is forgotten in any case, also when no removal is dispatched.
   void HandleNoToken(CK_SLOT_ID slot) {
-    if ((connected_ != kNoSlot || !record_.sync) && IsRemoval(slot)) Remove();
+    if ((connected_ != kNoSlot || !record_.sync) && IsRemoval(slot)) Remove(connected_);
     connected_ = kNoSlot;
+  }
+  /// Of the card that was connected when the watch ended. One that is still in is connected again;
+  /// one that went meanwhile has nobody else to tell of it.
+  void FollowMark() {
+    const CK_SLOT_ID slot = card_.FindSlotWithToken();
+    if (slot != kNoSlot) HandleToken(slot);
+    if (connected_ == kNoSlot) Remove(kNoSlot);
   }
   /// A removal that was cut short is owed, to the next round or to the next start: the mark stays,
   /// as that of a card that is forgotten without a removal.
-  void Remove() {
-    isRemovalOwed_ = !OnRemoveEvent(record_, connected_, platform_);
-    if (!isRemovalOwed_) mark_.Clear();
-    runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(connected_));
+  void Remove(CK_SLOT_ID slot) {
+    if (OnRemoveEvent(record_, slot, platform_)) {
+      owedRemoval_.reset();
+      mark_.Clear();
+    } else {
+      owedRemoval_ = slot;
+    }
+    runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(slot));
   }
   /// Another slot without a token says nothing while the connected one still shows its own.
   [[nodiscard]] bool IsRemoval(CK_SLOT_ID slot) const {
@@ -141,7 +171,7 @@ class SlotWatch {
   CardReader& card_;
   CardMark mark_;
   DescriptorReserve reserve_;
-  bool isRemovalOwed_ = false;
+  std::optional<CK_SLOT_ID> owedRemoval_;
   CK_SLOT_ID connected_ = kNoSlot;
   std::time_t connectedSince_ = 0;
   bool firstRound_ = true;

@@ -16,6 +16,7 @@
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 #include "tests/watch/scripted.h"
+#include "watch/card_mark.h"
 #include "watch/command.h"
 #include "watch/configuration.h"
 #include "watch/event_handlers.h"
@@ -290,13 +291,16 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   const auto files = [&folder] {
     std::string names;
     for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
-      names += file.path().filename().string() + ";";
+      const std::string name = file.path().filename();
+      names += name.substr(0, name.find('~')) + ";";
     }
     return names;
   };
   EXPECT_EQ(Watch("Watch", true, {{0, {}}}), "");
   EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}}), "Connected slot 1;");
   EXPECT_EQ(files(), "card-Watch;") << "kept at the end";
+  EXPECT_EQ(Watch("Watch", true, {{4, {{1}}}}), "Connected slot 1;") << "still in";
+  EXPECT_EQ(files(), "card-Watch;");
   EXPECT_EQ(Watch("Other", true, {{0, {}}}), "") << "each section has its own";
   EXPECT_EQ(Watch("Watch", true, {{0, {}}, {0, {}}}), "Disconnected slot 0;");
   EXPECT_EQ(files(), "");
@@ -314,9 +318,15 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
     EXPECT_EQ(Watch(section.c_str(), true, {{0, {}}}), "Disconnected slot 0;");
   }
   EXPECT_EQ(files(), "");
-  std::filesystem::create_symlink("/etc/passwd", folder.Path("card-Watch"));
+  EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}}), "Connected slot 1;");
+  const std::filesystem::path mark = std::filesystem::directory_iterator(folder.Path())->path();
+  std::filesystem::remove(mark);
+  std::filesystem::create_symlink("/etc/passwd", mark);
   EXPECT_EQ(Watch("Watch", true, {{0, {}}}), "") << "no file of ours";
   EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}}), "Connected slot 1;") << "nor made one";
+  watch::CardMark("Watch", "one command").Set();
+  EXPECT_FALSE(watch::CardMark("Watch", "another").IsSet());
+  EXPECT_TRUE(watch::CardMark("Watch", "one command").IsSet());
 }
 
 /// In a process of its own, which has no descriptors left in the end.
