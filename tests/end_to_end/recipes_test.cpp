@@ -78,7 +78,8 @@ class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Recip
     text = Replace(text, "/usr/bin/", desktop.Path("bin/"));
     desktop.Home().Write(path == "/etc/qix.conf" ? "system.conf" : path.substr(path.rfind('/') + 1),
                          text);
-    if (path == "/etc/qix.conf") watchers_ = 1 + std::ranges::count(WatchLine(text), '|');
+    if (path != "/etc/qix.conf") return;
+    watchers_ += static_cast<std::size_t>(std::ranges::count(WatchLine(text), '|'));
   }
   void WritePrograms(const std::string& text) {
     constexpr std::string_view kFolder = "/usr/bin/";
@@ -125,7 +126,7 @@ class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Recip
     return lines;
   }
 
-  std::size_t watchers_ = 0;
+  std::size_t watchers_ = 1;
 };
 
 TEST_P(RecipeRun, DoesWhatThePageSays) {

@@ -219,6 +219,7 @@ const Called kCalled[] = {
        if constexpr (requires { wrapper.name arguments; }) {     \
          return wrapper.name arguments;                          \
        } else {                                                  \
+         static_cast<void>(wrapper);                             \
          return kNotOffered;                                     \
        }                                                         \
      };                                                          \

@@ -34,7 +34,7 @@ extern "C" int gettimeofday(timeval* __restrict now, void* __restrict /*zone*/) 
 
 // The journal of this program is a socket of its own.
 static std::string journalSocket;
-extern "C" ssize_t sendmsg(int socket, const msghdr* message, int flags) noexcept {
+extern "C" ssize_t sendmsg(int socket, const msghdr* message, int flags) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   journalSocket.copy(address.sun_path, sizeof address.sun_path - 1);

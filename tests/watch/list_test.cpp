@@ -63,11 +63,12 @@ TEST(Selection, SaysWhyTheOthersAreNotTaken) {
     const auto taken = std::ranges::find(verdicts, Verdict::kTaken);
     ASSERT_EQ(selection.has_value(), taken != verdicts.end());
     if (!selection) continue;
-    EXPECT_EQ(selection->index, static_cast<std::size_t>(taken - verdicts.begin()));
+    const auto place = static_cast<std::size_t>(taken - verdicts.begin());
+    EXPECT_EQ(selection->index, place);
     // A duplicate that is valid longer takes its place away.
     certificates[selection->index]->superseded = true;
     selection = watch::SelectCertificate(certificates, match);
-    EXPECT_EQ(watch::JudgeCertificates(certificates, match, selection)[taken - verdicts.begin()],
+    EXPECT_EQ(watch::JudgeCertificates(certificates, match, selection)[place],
               Verdict::kSuperseded);
   }
 }
