@@ -14,6 +14,15 @@ void ListenToCalls(CallListener listener);
 /// Calls it.
 void NoteCall();
 
+/// Runs a call of that function of the library. False, with a trace line, when it does not come
+/// back but throws or ends its thread; see runtime::CallLibrary for what it may hold.
+template <typename Operation>
+[[nodiscard]] bool CallFunction(const char* name, const Operation& operation) {
+  if (runtime::CallLibrary(operation)) return true;
+  runtime::TraceWrite("WrapperPkcs11 - Exception in %s", name);
+  return false;
+}
+
 /// A function of the library, ready to be called. The call gives what the function answers, or
 /// CKR_GENERAL_ERROR and a trace line when it does not come back but throws or ends its thread.
 template <typename Function>
@@ -24,11 +33,9 @@ class FunctionOf {
   template <typename... Arguments>
   CK_RV operator()(Arguments... arguments) const {
     CK_RV result = CKR_GENERAL_ERROR;
-    const bool returned = runtime::CallLibrary([&] { result = function_(arguments...); });
+    const bool returned = CallFunction(name_, [&] { result = function_(arguments...); });
     NoteCall();
-    if (returned) return result;
-    runtime::TraceWrite("WrapperPkcs11 - Exception in %s", name_);
-    return CKR_GENERAL_ERROR;
+    return returned ? result : CKR_GENERAL_ERROR;
   }
 
  private:

@@ -202,25 +202,26 @@ bool CWrapperPkcs11::SetLibraryPath(std::string_view path) {
 
 int CWrapperPkcs11::EventDescriptor() const {
   int descriptor = -1;
-  if (describeEvents_ != nullptr &&
-      !runtime::CallLibrary([&] { descriptor = describeEvents_(); })) {
-    runtime::TraceWrite("WrapperPkcs11 - Exception in QixEventDescriptor");
+  if (describeEvents_ == nullptr ||
+      !CallFunction("QixEventDescriptor", [&] { descriptor = describeEvents_(); })) {
     return -1;
   }
   return std::max(descriptor, -1);
 }
 
 std::optional<bool> CWrapperPkcs11::SlotCounts(CK_SLOT_ID slot) const {
-  const auto ask = library_.FindOwnSymbol<SlotCountsFunction>("QixSlotCounts");
+  constexpr const char* kName = "QixSlotCounts";
+  const auto ask = library_.FindOwnSymbol<SlotCountsFunction>(kName);
   int answer = -1;
-  if (ask == nullptr || !runtime::CallLibrary([&] { answer = ask(slot); })) return std::nullopt;
+  if (ask == nullptr || !CallFunction(kName, [&] { answer = ask(slot); })) return std::nullopt;
   return answer < 0 ? std::nullopt : std::optional(answer != 0);
 }
 
 std::string CWrapperPkcs11::ModuleFault() const {
-  const auto ask = library_.FindOwnSymbol<ModuleFaultFunction>("QixModuleFault");
+  constexpr const char* kName = "QixModuleFault";
+  const auto ask = library_.FindOwnSymbol<ModuleFaultFunction>(kName);
   const char* fault = nullptr;
-  if (ask == nullptr || !runtime::CallLibrary([&] { fault = ask(); })) return {};
+  if (ask == nullptr || !CallFunction(kName, [&] { fault = ask(); })) return {};
   return std::string(runtime::ViewOf(fault));
 }
 
@@ -231,13 +232,16 @@ void CWrapperPkcs11::TraceCount(const char* when) const {
                       static_cast<int>(initializeCount_), when);
 }
 
+void CWrapperPkcs11::NotifyNotStarted(const std::string& reason) const {
+  runtime::NotifyOnce("library " + libraryPath_.value_or("") + " does not start: " + reason);
+}
+
 void CWrapperPkcs11::NotifyNotStarted(CK_RV result) const {
   const std::string fault = ModuleFault();
   char number[2 * sizeof result + 1];
   std::snprintf(number, sizeof number, "%.8lX", result);
-  runtime::NotifyOnce("library " + libraryPath_.value_or("") +
-                      " does not start: C_Initialize gives 0x" + number +
-                      (fault.empty() ? "" : ": ") + fault);
+  NotifyNotStarted(std::string("C_Initialize gives 0x") + number + (fault.empty() ? "" : ": ") +
+                   fault);
 }
 
 CK_RV CWrapperPkcs11::Initialize(CK_VOID_PTR initArgs) {
@@ -251,7 +255,10 @@ CK_RV CWrapperPkcs11::Initialize(CK_VOID_PTR initArgs) {
     TraceCount("initialize");
     return CKR_GENERAL_ERROR;
   }
-  if (functions_ == nullptr || functions_->C_Initialize == nullptr) return CKR_GENERAL_ERROR;
+  if (functions_ == nullptr || functions_->C_Initialize == nullptr) {
+    NotifyNotStarted("it has no C_Initialize");
+    return CKR_GENERAL_ERROR;
+  }
   const CK_RV result = FunctionOf("C_Initialize", functions_->C_Initialize)(initArgs);
   if (result == CKR_OK) {
     initializedByUs_ = true;

@@ -165,6 +165,7 @@ class CWrapperPkcs11 final : private CForwarderPkcs11 {
   bool ObtainFunctionList(const runtime::SharedLibrary& library);
   void ResolveExtensions();
   const std::string& PathToLoad();
+  void NotifyNotStarted(const std::string& reason) const;
   void NotifyNotStarted(CK_RV result) const;
   void TraceCount(const char* when) const;
   template <typename Function>

@@ -97,7 +97,10 @@ TEST_F(WrapperTest, LeavesWhatIsMissingAlone) {
   card_.List() = {};
   EXPECT_EQ(wrapper_.GetInfo(nullptr), CKR_FUNCTION_NOT_SUPPORTED);
   EXPECT_EQ(wrapper_.WaitForSlotEvent(CKF_DONT_BLOCK, nullptr, nullptr), CKR_GENERAL_ERROR);
-  EXPECT_EQ(wrapper_.Initialize(nullptr), CKR_GENERAL_ERROR);
+  ::testing::internal::CaptureStderr();
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(wrapper_.Initialize(nullptr), CKR_GENERAL_ERROR);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "qixxwatch: library " QIXX_FAKE_PLAIN " does not start: it has no C_Initialize\n");
 }
 
 TEST_F(WrapperTest, TakesNoExtensionFromALibraryThatTheModuleNeeds) {
@@ -257,6 +260,15 @@ TEST_F(WrapperTest, SurvivesFunctionsThatThrowOrEndTheThread) {
   choose("QixEventDescriptor", 1, false);
   EXPECT_EQ(wrapper_.EventDescriptor(), -1);
   EXPECT_EQ(wrapper_.EventDescriptor(), 7);
+  choose("QixSlotCounts", 1, true);
+  EXPECT_EQ(wrapper_.SlotCounts(1), std::nullopt);
+  EXPECT_EQ(wrapper_.SlotCounts(1), true);
+  choose("QixModuleFault", 1, false);
+  EXPECT_EQ(wrapper_.ModuleFault(), "");
+  EXPECT_EQ(wrapper_.ModuleFault(), "no module");
+  for (const std::string name : {"QixEventDescriptor", "QixSlotCounts", "QixModuleFault"}) {
+    EXPECT_EQ(trace_.Count("WrapperPkcs11 - Exception in " + name), 1U) << name;
+  }
   choose("C_Initialize", 1, true);
   EXPECT_EQ(wrapper_.Initialize(nullptr), CKR_GENERAL_ERROR);
   EXPECT_EQ(wrapper_.Initialize(nullptr), CKR_OK);

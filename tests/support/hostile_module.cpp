@@ -41,6 +41,14 @@ QIXX_CK_EXPORT int QixEventDescriptor() {
   Answer("QixEventDescriptor");
   return 7;
 }
+QIXX_CK_EXPORT int QixSlotCounts(CK_SLOT_ID /*slot*/) {
+  Answer("QixSlotCounts");
+  return 1;
+}
+QIXX_CK_EXPORT const char* QixModuleFault() {
+  Answer("QixModuleFault");
+  return "no module";
+}
 
 namespace {
 

@@ -15,8 +15,8 @@ namespace qixx::testing {
 class TraceCapture {
  public:
   TraceCapture() {
-    const std::lock_guard<std::mutex> hold(guard);
-    kept.clear();
+    Forget();
+    // Not under the guard, which Keep takes while the trace has its own lock.
     runtime::TraceSetCallback(&TraceCapture::Keep);
   }
   ~TraceCapture() { runtime::TraceSetCallback(nullptr); }
@@ -34,6 +34,10 @@ class TraceCapture {
   }
 
  private:
+  static void Forget() {
+    const std::lock_guard<std::mutex> hold(guard);
+    kept.clear();
+  }
   static void Keep(const char* line, std::size_t length) {
     const std::lock_guard<std::mutex> hold(guard);
     kept.emplace_back(line, length);
