@@ -78,9 +78,13 @@ class SlotWatch {
   std::optional<CK_SLOT_ID> EventSlot(const PolledEvent& polled, bool initialisedLate) {
     catchUp_ = catchUp_ || initialisedLate || polled.initialisedAgain;
     const bool isLost = FollowFailures(polled.failure);
+    if (polled.failure == CKR_OK && std::exchange(isDoubtful_, false)) catchUp_ = true;
     if (polled.slot) return polled.slot;
     if (firstRound_) return card_.FindSlotWithToken();
-    if (isLost && connected_ != kNoSlot && !card_.ShowsToken(connected_)) return connected_;
+    if (isLost && connected_ != kNoSlot && !card_.ShowsToken(connected_)) {
+      isDoubtful_ = true;
+      return connected_;
+    }
     return catchUp_ ? MissedSlot() : std::nullopt;
   }
   /// True when a removal may have been lost with polls that failed, so that the connected slot is
@@ -176,6 +180,7 @@ class SlotWatch {
   std::time_t connectedSince_ = 0;
   bool firstRound_ = true;
   std::uint64_t failures_ = 0;  ///< polls in a row that failed
+  bool isDoubtful_ = false;     ///< a card counts as gone that a failing library may have hidden
   bool catchUp_ = false;  ///< what a library that came up late missed is still to be looked for
 };
 

@@ -376,6 +376,22 @@ TEST(SlotLoop, PollsThatFailLoseNoRemoval) {
   }
 }
 
+TEST(SlotLoop, CardThatAFailingLibraryHidesIsConnectedAgain) {
+  Scripted machine(std::vector<Poll>{{1, {{1}}}});
+  ScriptedReader& reader = machine.reader;
+  reader.inPoll = [&reader](watch::PolledEvent& polled) {
+    const bool fails = reader.taken > 1 && reader.taken < 6;
+    if (fails) polled.failure = CKR_DEVICE_ERROR;
+    reader.tokens.clear();
+    if (!fails) reader.tokens = {{1}};
+  };
+  const TraceCapture trace;
+  watch::CWatchOptions record = Record("kill nothing");
+  record.roundLimit = 8;
+  watch::WatchSlots(record, machine.platform);
+  EXPECT_EQ(Slots(trace), "Connected slot 1;Disconnected slot 1;Connected slot 1;");
+}
+
 TEST(SlotLoop, DescriptorOfTheLibraryEndsPausesEarly) {
   Scripted machine(std::vector<Poll>{{0, {}}, {1, {{1}}}, {0, {{1}}}});
   machine.reader.descriptor = 3;
