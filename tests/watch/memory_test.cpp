@@ -1,35 +1,15 @@
 // Memory that runs out anywhere in the life of the process: it ends in order all the same.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "runtime/spare_trace.h"
 #include "tests/support/environment.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/watch/scripted.h"
 #include "watch/slot_loop.h"
 #include "watch/watch_main.h"
-
-namespace {
-/// How many allocations succeed before one fails; negative for all.
-int allocationsLeft = -1;
-}  // namespace
-
-// Not inlined, because a compiler that sees new beside free takes them for a mistake.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
-  void* const memory = std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-  std::free(memory);
-}
 
 namespace qixx::testing {
 namespace {
