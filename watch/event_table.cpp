@@ -67,8 +67,9 @@ void NotifyWithoutCommands(const CWatchOptions& record) {
   const std::string name =
       BuildWatchSection(record.section, kMaxEventSection - kLongestSuffix).value_or("");
   if (name.empty()) return runtime::NotifyOnce("nothing to run: the watcher's name is too long");
-  runtime::NotifyOnce("nothing to run: " + WhyMissing("entry 1 in section '" + name +
-                                                      " Insert' or '" + name + " Remove'"));
+  const std::string shown = runtime::MaskSecrets(name);
+  runtime::NotifyOnce("nothing to run: " + WhyMissing("entry 1 in section '" + shown +
+                                                      " Insert' or '" + shown + " Remove'"));
 }
 
 bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name, EventKind kind) {
