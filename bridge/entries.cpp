@@ -170,8 +170,8 @@ CK_RV HandOutList(std::span<const CK_SLOT_ID> numbers, CK_SLOT_ID_PTR list, CK_U
 }
 
 std::optional<CK_SLOT_ID> PollForEvent(Bridge& bridge) {
-  EventPoll poll(bridge.watch == nullptr ? nullptr : &bridge.watch->Event());
-  const std::optional<CK_SLOT_ID> event = bridge.slots.TakeEvent();
+  EventPoll poll(bridge.watch.get());
+  const std::optional<CK_SLOT_ID> event = bridge.slots.TakeEvent(poll.MayHaveNews());
   poll.Done(bridge.slots.HasEvent());
   return event;
 }

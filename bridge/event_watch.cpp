@@ -51,9 +51,9 @@ void EventDescriptor::Raise() {
   [[maybe_unused]] const ssize_t written = ::write(descriptor_, &one, sizeof one);
 }
 
-void EventDescriptor::Lower() {
+bool EventDescriptor::Lower() {
   std::uint64_t count = 0;
-  [[maybe_unused]] const ssize_t got = ::read(descriptor_, &count, sizeof count);
+  return ::read(descriptor_, &count, sizeof count) == sizeof count;
 }
 
 void EventDescriptor::Close() {
@@ -105,6 +105,8 @@ void* EventWatch::RunThread(void* watch) {
       self.Run();
       return CKR_OK;
     });
+    self.tellsAll_ = false;
+    if (self.connection_.IsOpen()) self.event_.Raise();  // the readers went with the service
     self.Disconnect();
     if (!self.isStopping_) self.stop_.Wait(kConnectPause);
   }
@@ -119,7 +121,6 @@ void EventWatch::Run() {
   if (!Connect()) return;
   while (!isStopping_ && WaitForChange()) {
   }
-  event_.Raise();  // the readers went with the service
 }
 
 /// What another service says is news, even when it says the same.
@@ -149,10 +150,14 @@ bool EventWatch::WaitForChange() {
     states[readers++] = {.name = name, .knownState = KnownState(whole)};
     name += whole.size() + 1;
   }
+  const bool knowsAll = std::all_of(states.begin(), states.begin() + readers,
+                                    [](const auto& reader) { return reader.knownState != 0; });
   std::size_t waited = readers;
   if (waited < states.size()) {
     states[waited++] = {.name = kPcscReaderNotifier, .knownState = readers << kPcscCountShift};
   }
+  const bool tellsAll = knowsAll && waited > readers;
+  if (tellsAll_.exchange(tellsAll) != tellsAll) event_.Raise();
   const PcscResult result = connection_.WaitForChange(kPcscInfinite, {states.data(), waited});
   if (result == PcscResult::kSuccess && TakeStates({states.data(), readers})) {
     event_.Raise();

@@ -32,7 +32,8 @@ class EventDescriptor {
   EventDescriptor& operator=(const EventDescriptor&) = delete;
 
   void Raise();
-  void Lower();
+  /// Whether it was readable until now.
+  bool Lower();
   void Close();
   /// Returns as soon as it is readable, at the latest after so many milliseconds.
   void Wait(int timeout) const;
@@ -63,6 +64,9 @@ class EventWatch {
   void Abandon();
 
   [[nodiscard]] EventDescriptor& Event() { return event_; }
+  /// Whether each change of a reader that counts raises the descriptor. The descriptor is raised
+  /// once when that begins, and once when it ends.
+  [[nodiscard]] bool TellsAll() const { return tellsAll_; }
 
  private:
   struct Known {
@@ -83,6 +87,7 @@ class EventWatch {
   EventDescriptor stop_;  ///< ends the pauses of the thread
   std::atomic<bool> isStopping_ = false;
   std::atomic<bool> hasEnded_ = true;
+  std::atomic<bool> tellsAll_ = false;
   runtime::CCritical guard_;  ///< for opening and closing the connection, and for Cancel
   PcscConnection connection_;
   // The thread's own.
@@ -95,20 +100,24 @@ class EventWatch {
 /// Lowers the descriptor for the time of a poll: what comes after its begin raises it again.
 class EventPoll {
  public:
-  explicit EventPoll(EventDescriptor* event) : event_(event) {
-    if (event_ != nullptr) event_->Lower();
+  /// `watch` may be null.
+  explicit EventPoll(EventWatch* watch) : watch_(watch) {
+    if (watch_ != nullptr) isRaised_ = watch_->Event().Lower();
   }
   /// Raises it unless the poll went well and left nothing.
   ~EventPoll() {
-    if (event_ != nullptr && hasMore_) event_->Raise();
+    if (watch_ != nullptr && hasMore_) watch_->Event().Raise();
   }
   EventPoll(const EventPoll&) = delete;
   EventPoll& operator=(const EventPoll&) = delete;
 
+  /// Whether the readers may have changed since the last poll.
+  [[nodiscard]] bool MayHaveNews() const { return isRaised_ || !watch_->TellsAll(); }
   void Done(bool hasMore) { hasMore_ = hasMore; }
 
  private:
-  EventDescriptor* event_;
+  EventWatch* watch_;
+  bool isRaised_ = true;
   bool hasMore_ = true;
 };
 

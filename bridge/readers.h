@@ -44,6 +44,8 @@ class Readers {
   /// Instead of Close in a forked child: the connection is the parent's.
   void Abandon();
 
+  /// Whether the last poll told the state of all readers.
+  [[nodiscard]] bool IsComplete() const { return connection_.IsOpen() && !current_.empty(); }
   [[nodiscard]] std::span<const Reader> All() const { return readers_; }
   /// How many have the name: cut short, two may have one.
   [[nodiscard]] std::size_t Count(std::string_view name) const;

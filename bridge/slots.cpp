@@ -24,6 +24,8 @@ constexpr int kMaxEventsPerPoll = 16;
 
 /// Between two comparisons of all slots while the module tells events, in milliseconds.
 constexpr std::int64_t kRefreshInterval = 1000;
+/// The readers are asked for after this time also when nothing was told of them, in milliseconds.
+constexpr std::int64_t kMaxUnaskedReaders = 3000;
 /// How often a module is asked for a reader that PC/SC shows and it does not: it may be slower, or
 /// be set to ignore it.
 constexpr int kMaxSearches = 10;
@@ -141,9 +143,9 @@ std::optional<bool> Slots::Counts(CK_SLOT_ID number) const {
   return slot->counts && !slot->isSecondary;
 }
 
-std::optional<CK_SLOT_ID> Slots::TakeEvent() {
+std::optional<CK_SLOT_ID> Slots::TakeEvent(bool readersMayHaveNews) {
   for (Slot& slot : slots_) slot.emptyUntil = 0;
-  Poll();
+  Poll(readersMayHaveNews);
   CompareStates();
   const Slot* const next = NextEvent();
   if (next != nullptr) return Tell(slots_[static_cast<std::size_t>(next - slots_.data())]);
@@ -213,6 +215,7 @@ void Slots::ReleasePulledCard() {
 
 /// The module is told of other readers when it is next needed.
 void Slots::PollReaders() {
+  readersPolled_ = runtime::MonotonicMilliseconds();
   if (readers_.Poll()) {
     isStale_ = true;
     searches_ = kMaxSearches;
@@ -220,8 +223,9 @@ void Slots::PollReaders() {
   AdoptReaders();
 }
 
-void Slots::Poll() {
-  PollReaders();
+void Slots::Poll(bool readersMayHaveNews) {
+  const bool isReadersDue = runtime::MonotonicMilliseconds() - readersPolled_ >= kMaxUnaskedReaders;
+  if (readersMayHaveNews || isReadersDue || !readers_.IsComplete()) PollReaders();
   if (searches_ > 0 && KnowsAllReaders()) searches_ = 0;
   const bool comparing = NeedsModule();
   if (comparing && !isEventless_) DrainModuleEvents();

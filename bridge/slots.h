@@ -61,7 +61,8 @@ class Slots {
   /// one between two polls gives two, pulled and inserted. After the first Info shows the slot
   /// empty until the next call, at most for ten seconds: a caller that uses Info alone is to see
   /// the new card, too.
-  [[nodiscard]] std::optional<CK_SLOT_ID> TakeEvent();
+  /// Without `readersMayHaveNews` PC/SC is asked only now and then.
+  [[nodiscard]] std::optional<CK_SLOT_ID> TakeEvent(bool readersMayHaveNews);
   /// Whether the poll of the last TakeEvent found another event behind the one taken.
   [[nodiscard]] bool HasEvent() const;
 
@@ -87,7 +88,7 @@ class Slots {
     bool isPlaced = false;
   };
 
-  void Poll();
+  void Poll(bool readersMayHaveNews);
   void PollReaders();
   void AdoptReaders();
   void CompareStates();
@@ -129,6 +130,7 @@ class Slots {
   bool isUsed_ = false;         ///< the module may hold on to a card
   bool releaseDue_ = false;     ///< and that card was pulled
   std::int64_t refreshed_ = 0;  ///< when, in milliseconds
+  std::int64_t readersPolled_ = 0;  ///< when
 };
 
 }  // namespace qixx::bridge
