@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <map>
+#include <optional>
 #include <span>
 
 #include "config/conditions.h"
@@ -25,14 +25,6 @@ constexpr std::string_view kConditionSection = "Condition";
 /// More conditions, and more alternatives of one value, are not looked at.
 constexpr std::size_t kMaxConditions = 1000;
 
-struct LessNoCase {
-  bool operator()(std::string_view a, std::string_view b) const {
-    return std::ranges::lexicographical_compare(a, b, [](char left, char right) {
-      return runtime::FoldCase(left) < runtime::FoldCase(right);
-    });
-  }
-};
-
 /// What takes a secret without being the option of a command.
 bool IsSecretName(std::string_view name) {
   const auto names = {"pin", "sopin", "puk", "pwd", "password", "secret"};
@@ -50,6 +42,10 @@ bool IsBlank(char c) {
 }
 
 }  // namespace
+
+bool LessNoCase::operator()(std::string_view a, std::string_view b) const {
+  return runtime::CompareNoCase(a, b) < 0;
+}
 
 // --- reading ------------------------------------------------------------------------------------
 
@@ -71,7 +67,7 @@ std::string CheckedFile::Load(const std::string& path) {
 }
 
 void CheckedFile::Parse() {
-  const std::string_view text = file_.GetText().value_or("");
+  const std::string_view text = Text();
   std::size_t line = 1;
   std::size_t counted = 0;
   std::size_t read = 0;
@@ -82,59 +78,68 @@ void CheckedFile::Parse() {
     counted = next->begin;
     isCut_ = ++read > kMaxCheckedLines;
     if (isCut_) break;
-    std::string_view whole = next->text;
-    switch (next->kind) {
-      case config::TreeLineKind::kSection:
-        sections_.push_back({config::HeaderName(whole), line, {}});
-        break;
-      case config::TreeLineKind::kEntry:
-        sections_.back().entries.push_back(
-            {config::EntryName(whole), config::EntryValue(whole), line});
-        break;
-      case config::TreeLineKind::kIndented:
-        whole = runtime::SkipBlanks(whole);
-        if (!whole.empty() && !config::IsComment(whole) && !whole.starts_with("//")) {
-          oddLines_.push_back({config::EntryName(whole), line,
-                               "begins with a blank and is not read",
-                               "it has to begin at the start of the line"});
-        }
-        break;
-      case config::TreeLineKind::kNameless:
-        oddLines_.push_back({whole, line, "is no section", "[NAME] is meant"});
-        break;
-      case config::TreeLineKind::kPlain:
-        if (!config::IsComment(whole)) {
-          oddLines_.push_back(
-              {whole, line, "is no entry", "NAME=VALUE is meant, or a comment behind ';'"});
-        }
-        break;
-      case config::TreeLineKind::kOutside:
-        if (!config::IsComment(whole)) {
-          oddLines_.push_back({config::EntryName(whole), line,
-                               "stands in front of the first section and is not read",
-                               "it belongs behind a line [NAME]"});
-        }
-        break;
-    }
+    Take(*next, line);
   }
   conditions_ = Find(kConditionSection);
 }
 
+void CheckedFile::Take(const config::TreeLine& next, std::size_t line) {
+  const std::string_view text = next.text;
+  switch (next.kind) {
+    case config::TreeLineKind::kSection:
+      return TakeSection(config::HeaderName(text), line);
+    case config::TreeLineKind::kEntry:
+      return TakeEntry({config::EntryName(text), config::EntryValue(text), line});
+    case config::TreeLineKind::kNameless:
+      return oddLines_.push_back({text, line, "is no section", "[NAME] is meant"});
+    case config::TreeLineKind::kIndented:
+      return TakeOdd(runtime::SkipBlanks(text), line, "begins with a blank and is not read",
+                     "it has to begin at the start of the line");
+    case config::TreeLineKind::kPlain:
+      return TakeOdd(text, line, "is no entry", "NAME=VALUE is meant, or a comment behind ';'");
+    case config::TreeLineKind::kOutside:
+      return TakeOdd(text, line, "stands in front of the first section and is not read",
+                     "it belongs behind a line [NAME]");
+  }
+}
+
+void CheckedFile::TakeSection(std::string_view name, std::size_t line) {
+  const auto [last, isFirst] = lastSections_.emplace(name, sections_.size());
+  if (!isFirst) {
+    repeats_.push_back({"section ", name, sections_[last->second].line, line});
+    last->second = sections_.size();
+  }
+  sections_.push_back({name, line, {}, {}});
+}
+
+void CheckedFile::TakeEntry(const CheckedEntry& entry) {
+  CheckedSection& section = sections_.back();
+  const auto [last, isFirst] = section.lastEntries.emplace(entry.name, section.entries.size());
+  if (!isFirst) {
+    const std::size_t earlier = section.entries[last->second].line;
+    repeats_.push_back({"entry ", entry.name, earlier, entry.line});
+    last->second = section.entries.size();
+  }
+  section.entries.push_back(entry);
+}
+
+/// A line that the service passes over, where it is not meant to.
+void CheckedFile::TakeOdd(std::string_view text, std::size_t line, const char* wrong,
+                          const char* meant) {
+  if (text.empty() || config::IsComment(text) || text.starts_with("//")) return;
+  oddLines_.push_back({config::EntryName(text), line, wrong, meant});
+}
+
 const CheckedSection* CheckedFile::Find(std::string_view section) const {
-  const auto found = std::find_if(sections_.rbegin(), sections_.rend(),
-                                  [section](const CheckedSection& candidate) {
-                                    return runtime::EqualsNoCase(candidate.name, section);
-                                  });
-  return found == sections_.rend() ? nullptr : &*found;
+  const auto last = lastSections_.find(section);
+  return last == lastSections_.end() ? nullptr : &sections_[last->second];
 }
 
 const CheckedEntry* CheckedFile::Find(std::string_view section, std::string_view entry) const {
   const CheckedSection* const held = Find(section);
   if (held == nullptr) return nullptr;
-  const auto found = std::find_if(
-      held->entries.rbegin(), held->entries.rend(),
-      [entry](const CheckedEntry& line) { return runtime::EqualsNoCase(line.name, entry); });
-  return found == held->entries.rend() ? nullptr : &*found;
+  const auto last = held->lastEntries.find(entry);
+  return last == held->lastEntries.end() ? nullptr : &held->entries[last->second];
 }
 
 // --- mistakes -----------------------------------------------------------------------------------
@@ -163,22 +168,9 @@ void CheckedFile::CheckLayout(Mistakes& mistakes) const {
 }
 
 void CheckedFile::CheckRepeated(Mistakes& mistakes) const {
-  std::map<std::string_view, std::size_t, LessNoCase> sections;
-  for (const CheckedSection& section : sections_) {
-    const auto [first, isNew] = sections.emplace(section.name, section.line);
-    if (!isNew) {
-      mistakes.Add(At(first->second), "section " + Quoted(section.name) + " stands once more",
-                   "only the last one counts, in line " + std::to_string(section.line));
-      first->second = section.line;
-    }
-    std::map<std::string_view, std::size_t, LessNoCase> entries;
-    for (const CheckedEntry& entry : section.entries) {
-      const auto [other, isFirst] = entries.emplace(entry.name, entry.line);
-      if (isFirst) continue;
-      mistakes.Add(At(other->second), "entry " + Quoted(entry.name) + " stands once more",
-                   "only the last one counts, in line " + std::to_string(entry.line));
-      other->second = entry.line;
-    }
+  for (const Repeat& repeat : repeats_) {
+    mistakes.Add(At(repeat.line), repeat.what + Quoted(repeat.name) + " stands once more",
+                 "only the last one counts, in line " + std::to_string(repeat.laterLine));
   }
 }
 

@@ -39,10 +39,12 @@ bool IsHarmful(std::string_view character) {
   return at(1) == 0x81 && at(2) >= 0xA0 && at(2) <= 0xAF;
 }
 
-/// How many characters have to be changed, put in, left out, or swapped with their neighbour.
-std::size_t Distance(std::string_view a, std::string_view b) {
+/// How many characters have to be changed, put in, left out, or swapped with their neighbour. Where
+/// the lengths tell that it is `limit` or more, that is not counted.
+std::size_t Distance(std::string_view a, std::string_view b, std::size_t limit) {
   a = a.substr(0, kMaxCompared);
   b = b.substr(0, kMaxCompared);
+  if (std::max(a.size(), b.size()) - std::min(a.size(), b.size()) >= limit) return limit;
   std::vector<std::vector<std::size_t>> rows(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
   std::iota(rows[0].begin(), rows[0].end(), std::size_t{0});
   const auto same = [a, b](std::size_t i, std::size_t j) {
@@ -71,6 +73,13 @@ void Mistakes::Add(const Place& place, std::string_view wrong, std::string_view 
   std::string text(wrong);
   if (!meant.empty()) text.append("; ").append(meant);
   told_.push_back({file, place.line, std::move(text)});
+}
+
+void Mistakes::Add(const Mistakes& others) {
+  for (const Mistake& mistake : others.told_) {
+    Add({others.files_[mistake.file], mistake.line}, mistake.text);
+  }
+  count_ += others.count_ - others.told_.size();
 }
 
 std::string Mistakes::Text() const {
@@ -117,7 +126,7 @@ std::string_view NearestName(std::string_view name, std::span<const std::string_
   // A quarter of the name may differ; of a short one a single character.
   std::size_t limit = std::max<std::size_t>(std::min(name.size(), kMaxCompared) / 4, 1) + 1;
   for (const std::string_view candidate : candidates) {
-    const std::size_t distance = Distance(name, candidate);
+    const std::size_t distance = Distance(name, candidate, limit);
     if (distance >= limit) continue;
     limit = distance;
     nearest = candidate;

@@ -23,6 +23,8 @@ class Mistakes {
 
   /// `meant` says what to do instead; it may be empty.
   void Add(const Place& place, std::string_view wrong, std::string_view meant = {});
+  /// All of another check.
+  void Add(const Mistakes& others);
   [[nodiscard]] std::size_t Count() const { return count_; }
   /// One line for each: "FILE:LINE: what is wrong; what was meant". Each is said once.
   [[nodiscard]] std::string Text() const;
