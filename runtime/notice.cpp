@@ -7,10 +7,12 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <set>
 
 #include "runtime/no_destructor.h"
 #include "runtime/sync.h"
+#include "runtime/text.h"
 
 namespace qixx::runtime {
 namespace {
@@ -38,6 +40,24 @@ bool HasRoom() {
   return ::poll(&error, 1, 0) == 1 && (error.revents & (POLLOUT | POLLERR)) == POLLOUT;
 }
 
+/// Control characters, those beyond ASCII as well, move a terminal; so may a byte that is no UTF-8.
+bool IsPrintable(std::optional<char32_t> character) {
+  return character && *character >= 0x20 && (*character < 0x7F || *character > 0x9F);
+}
+
+/// Puts the text to `to` with one '?' for each character that is not printable; returns the end.
+char* CopyPrintable(std::string_view text, char* to) {
+  while (!text.empty()) {
+    const std::string_view before = text;
+    if (IsPrintable(TakeUtf8(text))) {
+      to += before.copy(to, before.size() - text.size());
+    } else {
+      *to++ = '?';
+    }
+  }
+  return to;
+}
+
 }  // namespace
 
 void Notify(std::string_view text) {
@@ -45,9 +65,7 @@ void Notify(std::string_view text) {
   char line[kMaxNotice];
   char* end = std::ranges::copy(kHead, line).out;
   const std::size_t length = std::min(text.size(), kMaxNotice - kHead.size() - 1);
-  end = std::ranges::transform(text.substr(0, length), end, [](char c) {
-          return (c >= 0 && c < ' ') || c == 0x7F ? '?' : c;
-        }).out;
+  end = CopyPrintable(text.substr(0, length), end);
   *end++ = '\n';
   if (HasRoom()) {
     static_cast<void>(::write(STDERR_FILENO, line, static_cast<std::size_t>(end - line)) > 0);

@@ -82,11 +82,15 @@ CardMark::CardMark(std::string_view section, std::string_view command)
 void CardMark::Set() const {
   if (folder_.empty()) return;
   const runtime::Descriptor folder = OpenFolder(folder_);
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-  const runtime::Descriptor file(::openat(folder.Get(), name_.c_str(), kFlags, S_IRUSR | S_IWUSR));
+  runtime::Descriptor file;
+  if (folder.IsOpen()) {
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    file = runtime::Descriptor(::openat(folder.Get(), name_.c_str(), kFlags, S_IRUSR | S_IWUSR));
+  }
   if (file.IsOpen()) return;
+  const int error = errno;
   runtime::TraceWrite("Watch - Failed to keep '%s' in '%s' (%d)", runtime::MaskedText(name_).Text(),
-                      runtime::MaskedText(folder_).Text(), errno);
+                      runtime::MaskedText(folder_).Text(), error);
 }
 
 void CardMark::Clear() const {

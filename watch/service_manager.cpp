@@ -85,13 +85,12 @@ void ServiceManager::Ready() {
 }
 
 void ServiceManager::Status(std::string_view line) {
-  if (!IsThere() || line == status_) return;
-  status_ = line;
-  SendStatus();
-}
-
-void ServiceManager::SendStatus() {
-  isStatusUnsent_ = !Send("STATUS=" + status_);
+  if (!IsThere()) return;
+  std::string message("STATUS=");
+  message += line;
+  if (message == status_) return;
+  status_ = std::move(message);
+  isStatusUnsent_ = !Send(status_);
 }
 
 void ServiceManager::Stopping() {
@@ -101,7 +100,7 @@ void ServiceManager::Stopping() {
 void ServiceManager::Alive() {
   if (!IsThere() || ::gettid() != thread_) return;
   if (isReadyUnsent_) isReadyUnsent_ = !Send("READY=1");
-  if (isStatusUnsent_) SendStatus();
+  if (isStatusUnsent_) isStatusUnsent_ = !Send(status_);
   if (interval_ == 0) return;
   const std::int64_t now = runtime::MonotonicMilliseconds();
   if (now - lastSign_ >= interval_ && Send("WATCHDOG=1")) lastSign_ = now;

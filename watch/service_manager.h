@@ -31,7 +31,8 @@ class ServiceManager {
   void Status(std::string_view line);
   void Stopping();
   /// Says that the thread of the watch goes on, when it is time to; other threads say nothing. To
-  /// be called between any two steps that may take long.
+  /// be called between any two steps that may take long. Allocates nothing: a poll calls it behind
+  /// the event that it has taken from the library.
   void Alive();
   /// The longest that may pass between two calls of Alive, in milliseconds.
   [[nodiscard]] unsigned LongestPause() const { return longestPause_; }
@@ -39,7 +40,6 @@ class ServiceManager {
  private:
   bool Connect(std::string_view name);
   bool Send(std::string_view message) const;
-  void SendStatus();
 
   runtime::Descriptor socket_;
   sockaddr_un address_ = {};
@@ -47,7 +47,7 @@ class ServiceManager {
   pid_t thread_ = 0;
   bool isReadyUnsent_ = false;
   bool isStatusUnsent_ = false;
-  std::string status_;
+  std::string status_;         ///< the whole message
   std::int64_t interval_ = 0;  ///< between two signs of life, in milliseconds; 0 for none
   std::int64_t lastSign_ = 0;
   unsigned longestPause_ = UINT32_MAX;

@@ -50,6 +50,11 @@ TEST(Notice, IsOneCleanLineThatFits) {
   const ErrorPipe pipe;
   runtime::Notify("caf\xC3\xA9\n\x1b[2J\x7F");
   EXPECT_EQ(pipe.Read(), "qixxwatch: caf\xC3\xA9?\?[2J?\n");
+  runtime::Notify(
+      "\xC2\x9B"
+      "2J \x9B"
+      "2J \xC2\xA0\xE2\x82\xAC \xC2");
+  EXPECT_EQ(pipe.Read(), "qixxwatch: ?2J ?2J \xC2\xA0\xE2\x82\xAC ?\n");
   runtime::Notify(std::string(5000, 'x'));
   const std::string cut = pipe.Read();
   EXPECT_EQ(cut.size(), runtime::kMaxNotice);
