@@ -17,6 +17,7 @@
 #include "runtime/loader.h"
 #include "runtime/notice.h"
 #include "runtime/product.h"
+#include "runtime/refused_starts.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -170,20 +171,23 @@ void CloseDescriptorsFrom(unsigned first) {
   ::closedir(directory);
 }
 
-/// Tells that the program could not be started. Standard error comes last: a reader that is gone
-/// ends the child, which no longer ignores SIGPIPE.
-[[noreturn]] void EndWithoutProgram(const ChildPlan& plan, int error) {
-  const std::string_view reason = ErrorText(error);
-  TraceWrite("Helper - Failed to start '%s': %s", plan.Program().c_str(), reason.data());
-  TraceWrite("Helper - Child process done");
-  const std::initializer_list<std::string_view> parts = {"'", plan.Program(),
-                                                         "' not started: ", reason};
+/// Says the parts as one line on standard error, without an allocation.
+void NotifyParts(std::initializer_list<std::string_view> parts) {
   char notice[kMaxNotice];
   std::size_t length = 0;
   for (const std::string_view part : parts) {
     length += part.copy(notice + length, sizeof notice - length);
   }
   Notify({notice, length});
+}
+
+/// Tells that the program could not be started. Standard error comes last: a reader that is gone
+/// ends the child, which no longer ignores SIGPIPE.
+[[noreturn]] void EndWithoutProgram(const ChildPlan& plan, int error) {
+  const std::string_view reason = ErrorText(error);
+  TraceWrite("Helper - Failed to start '%s': %s", plan.Program().c_str(), reason.data());
+  TraceWrite("Helper - Child process done");
+  NotifyParts({"'", plan.Program(), "' not started: ", reason});
   ::_exit(0);
 }
 
@@ -224,13 +228,14 @@ class SignalsBlocked {
   sigset_t before_;
 };
 
-/// Returns in the parent only.
+/// Returns in the parent only; without a child the negative error number.
 pid_t ForkChild(const ChildPlan& plan, int passed) {
   const SignalsBlocked blocked;
   pid_t child = -1;
   {
     const TraceForkLock held;
     child = ::fork();
+    if (child < 0) child = -errno;
   }
   if (child == 0) RunChild(plan, passed);
   return child;
@@ -252,14 +257,15 @@ ChildState PollChild(pid_t child, std::int64_t waitMode) {
   return PeekChild(child);
 }
 
-/// A program that has failed so soon.
+/// A program that has failed so soon. Allocates nothing: whoever runs out of memory would take the
+/// program for one that was not started.
 void TellFailure(const ChildPlan& plan, const ChildState& state) {
   if (state.result <= 0 || state.status == 0) return;
   const bool bySignal = WIFSIGNALED(state.status);
   const int number = bySignal ? WTERMSIG(state.status) : WEXITSTATUS(state.status);
   const char* const how = bySignal ? "was ended by signal" : "ended with exit code";
   TraceWrite("Helper - Process %d %s %d", static_cast<int>(state.result), how, number);
-  Notify("'" + plan.Program() + "' " + how + " " + std::to_string(number));
+  NotifyParts({"'", plan.Program(), "' ", how, " ", std::to_string(number)});  // a short text
 }
 
 /// 0 and negative ids would reach whole groups of processes.
@@ -278,6 +284,8 @@ bool LaunchProcess(const std::string& program, std::string_view arguments, std::
   const pid_t child = ForkChild(plan, passed);
   if (child < 0) {
     TraceWrite("Helper - Failed to fork process");
+    RefusedStarts::Note(-child);
+    NotifyOnce("'" + plan.Program() + "' not started: " + std::string(ErrorText(-child)));
     return false;
   }
   place.Register(child);

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "runtime/clock.h"
+#include "runtime/refused_starts.h"
 #include "runtime/spare_sync.h"
 #include "runtime/thread_library.h"
 #include "runtime/trace.h"
@@ -157,7 +158,9 @@ ThreadId ThreadCreate(ThreadFunction function, void* argument) {
     return 0;
   }
   pthread_t thread = 0;
-  return Threads().create(&thread, nullptr, function, argument) == 0 ? thread : 0;
+  const int error = Threads().create(&thread, nullptr, function, argument);
+  RefusedStarts::Note(error);
+  return error == 0 ? thread : 0;
 }
 
 void ThreadDetachSelf() {

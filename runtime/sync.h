@@ -72,7 +72,8 @@ class CriticalScope {
   CCritical* section_;
 };
 
-/// Starts a thread with default attributes. Returns its id, 0 on failure.
+/// Starts a thread with default attributes. Returns its id, 0 on failure, which RefusedStarts may
+/// tell of.
 ThreadId ThreadCreate(ThreadFunction function, void* argument);
 /// Lets the calling thread free its own resources when it ends. Does nothing without the library.
 void ThreadDetachSelf();

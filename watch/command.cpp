@@ -4,10 +4,12 @@
 
 #include "runtime/loader.h"
 #include "runtime/process.h"
+#include "runtime/refused_starts.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/extern_command.h"
+#include "watch/guard.h"
 #include "watch/options.h"
 #include "watch/parallel.h"
 #include "watch/set_command.h"
@@ -121,6 +123,12 @@ bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view 
                       runtime::MaskedText(text).Text());
   const Keyword& keyword = FindKeyword(event.kind, text);
   return keyword.run(card, event, text.substr(keyword.head.size()));
+}
+
+bool RunRemoveCommand(CardReader& card, const WatchEvent& event, std::string_view text) {
+  const runtime::RefusedStarts refused;
+  const bool hadMemory = RunGuarded([&] { return ExecuteCommand(card, event, text), true; });
+  return hadMemory && !refused.Any();
 }
 
 std::optional<std::uint64_t> StartCommandProcess(const std::string& program,

@@ -54,6 +54,11 @@ struct ApplicationParts {
 /// never reaches for a card.
 bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view text);
 
+/// Runs a command of a removal. False when that is to be done again, at another time: memory ran
+/// out, or the system had no room for the process or thread.
+[[nodiscard]] bool RunRemoveCommand(CardReader& card, const WatchEvent& event,
+                                    std::string_view text);
+
 /// Starts `program` (empty: the arguments are the whole command line) without waiting. A program of
 /// 256 characters and more is refused; `show` has no effect on this platform. Gives the process id,
 /// which is 0 on this platform, so that nothing enters the terminate list; nothing when the program

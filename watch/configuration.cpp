@@ -37,6 +37,11 @@ bool LoadProductConfiguration(config::CConfig& config) {
   return config.OpenDefault(false) == config::ConfigResult::kOk && config.HasText();
 }
 
+bool HasProductConfiguration() {
+  const std::string path = config::CConfig::LocateGlobal().value_or(config::ConfigPath{}).path;
+  return runtime::StatusOf(runtime::OpenRegular(path, O_RDONLY)).st_size > 0;
+}
+
 std::string ReadFileText(config::CConfig& config, std::string_view section, std::string_view entry,
                          std::size_t maxLength) {
   std::optional<config::ConfigValue> value = config.GetString(section, entry, maxLength);

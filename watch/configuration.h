@@ -24,6 +24,9 @@ inline constexpr std::string_view kBackgroundEntry = "Background";
 /// Opens the product configuration read-only. False when there is none, or none that holds a text.
 [[nodiscard]] bool LoadProductConfiguration(config::CConfig& config);
 
+/// Whether there is one that is not empty; nothing is traced.
+[[nodiscard]] bool HasProductConfiguration();
+
 /// What a file says, cut to `maxLength`; a value from the environment does not count and hides that
 /// of the file. Empty when there is none.
 [[nodiscard]] std::string ReadFileText(config::CConfig& config, std::string_view section,

@@ -1,7 +1,9 @@
 #include "watch/event_handlers.h"
 
+#include <list>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "runtime/process.h"
 #include "runtime/text.h"
@@ -98,30 +100,39 @@ void EndKeywordProcess(CWatchOptions& record) {
   record.processId = 0;
 }
 
+/// The command's place in the list is made before it runs, so that memory can run out no later.
+void RunOrOwe(const WatchEvent& event, std::string text, const Platform& platform,
+              std::list<std::string>& owed) {
+  std::list<std::string> place;
+  place.push_back(std::move(text));
+  if (!RunRemoveCommand(platform.card, event, place.front())) owed.splice(owed.end(), place);
+}
+
 /// All commands run, whatever becomes of each: a removal has to leave everything locked and
 /// cleared.
 void RemoveSection(config::CConfig& config, const CWatchOptions& record, const WatchEvent& event,
-                   const Platform& platform) {
+                   const Platform& platform, OwedRemoval& owed) {
   const std::optional<std::string> section = BuildEventSection(event.kind, record.section);
   if (!section) return;
   for (unsigned number = 1;; ++number) {
-    const std::optional<std::string> text =
-        ReadEventEntry(config, *section, number, kMaxRemoveEntry);
+    std::optional<std::string> text = ReadEventEntry(config, *section, number, kMaxRemoveEntry);
+    // The environment may have entries where there is no file.
+    if (!text && number == 1) owed.isUnread = !config.HasText();
     if (!text) return;
     platform.manager.Alive();
-    if (!text->empty()) RunGuarded([&] { return ExecuteCommand(platform.card, event, *text); });
+    if (!text->empty()) RunOrOwe(event, *std::move(text), platform, owed.commands);
   }
 }
 
 void RunRemoveCommands(config::CConfig& config, const CWatchOptions& record,
-                       const WatchEvent& event, const Platform& platform) {
+                       const WatchEvent& event, const Platform& platform, OwedRemoval& owed) {
   switch (FormOf(record)) {
     case CommandForm::kDirect:
       if (!record.rest.starts_with(kInsertOnlyMark))
-        ExecuteCommand(platform.card, event, record.rest);
+        RunOrOwe(event, record.rest, platform, owed.commands);
       break;
     case CommandForm::kSection:
-      RemoveSection(config, record, event, platform);
+      RemoveSection(config, record, event, platform, owed);
       break;
     case CommandForm::kKeyword:
       // A longer name was refused on insert.
@@ -130,15 +141,20 @@ void RunRemoveCommands(config::CConfig& config, const CWatchOptions& record,
   }
 }
 
-bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
+/// False when it was cut short.
+bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
+                OwedRemoval& owed) {
   const WatchEvent event = EventOf(record, EventKind::kRemove, slot);
   config::CConfig config;
   // A configuration that does not load has no entries, so it runs no remove commands.
-  static_cast<void>(LoadProductConfiguration(config));
-  if (!WaitBeforeEvent(record, event, platform)) return !StopRequested();
+  const bool isLoaded = LoadProductConfiguration(config);
+  if (!WaitBeforeEvent(record, event, platform)) {
+    owed.isUnread = !isLoaded && FormOf(record) == CommandForm::kSection;
+    return !StopRequested();
+  }
   EventHook(record, event.kind);
   EndKeywordProcess(record);
-  RunRemoveCommands(config, record, event, platform);
+  RunRemoveCommands(config, record, event, platform, owed);
   return true;
 }
 
@@ -178,15 +194,30 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
   return success;
 }
 
-bool OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
+OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Remove event ...");
   FileScope::BeginEvent();
-  const bool complete = RunGuarded([&] { return RunRemoval(record, slot, platform); });
+  OwedRemoval owed;
+  owed.isWhole = !RunGuarded([&] { return RunRemoval(record, slot, platform, owed); });
+  if (owed.isUnread) RunStep(NotifyWithoutRemoval);
   EventHook(record, EventKind::kRemove);
   // Also behind a wait that said no: what the insert started does not outlive the card.
   SweepTerminateList(EventKind::kRemove, slot);
   runtime::TraceWrite("Watch - Remove event ... done");
-  return complete;
+  return owed;
+}
+
+void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
+                     std::list<std::string>& commands) {
+  runtime::TraceWrite("Watch - Owed remove commands ...");
+  FileScope::BeginEvent();
+  RunStep([&] {
+    const WatchEvent event = EventOf(record, EventKind::kRemove, slot);
+    commands.remove_if([&](const std::string& text) {
+      platform.manager.Alive();
+      return RunRemoveCommand(platform.card, event, text);
+    });
+  });
 }
 
 void EventHook(const CWatchOptions& /*record*/, EventKind /*kind*/) {}

@@ -2,9 +2,12 @@
 //
 // They run on the loop's thread; each opens and releases a configuration of its own. They keep no
 // state between events beside the record's process id and the terminate list. Nothing is thrown by
-// the handlers: memory that runs out fails the commands of an insert, or the one command of a
-// removal, and the handler goes on to its end.
+// the handlers: memory that runs out fails the commands of an insert, or puts off the one command
+// of a removal, and the handler goes on to its end.
 #pragma once
+
+#include <list>
+#include <string>
 
 #include "config/store.h"
 #include "watch/event.h"
@@ -16,10 +19,20 @@ namespace qixx::watch {
 /// Runs the commands of an insert in order, up to the first that fails. Returns true on success,
 /// which a failing command in a section does not change.
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
-/// Runs all commands of a removal, and ends what the insert started for the slot. False when the
-/// commands were cut short: by a process that is to stop before the wait is over, or without
-/// memory.
-bool OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
+
+/// What a removal leaves to be done later, so that no screen stays open for want of means.
+struct OwedRemoval {
+  bool isWhole = false;   ///< all of it: memory ran out, or the process is to stop before its end
+  bool isUnread = false;  ///< what the configuration says, which was missing, unreadable or empty
+  std::list<std::string> commands = {};  ///< those that found no process, thread or memory
+
+  [[nodiscard]] bool IsNothing() const { return !isWhole && !isUnread && commands.empty(); }
+};
+/// Runs all commands of a removal, and ends what the insert started for the slot.
+OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
+/// Tries the commands that a removal of the slot left; those that have to be tried again stay.
+void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
+                     std::list<std::string>& commands);
 
 /// The gate in front of the handlers: true when the handler is to proceed. Waits the seconds that
 /// the event names, asking three times in each whether it still holds; false at once when it does

@@ -72,6 +72,10 @@ void NotifyWithoutCommands(const CWatchOptions& record) {
                                                       " Insert' or '" + shown + " Remove'"));
 }
 
+void NotifyWithoutRemoval() {
+  runtime::NotifyOnce("a removal ran nothing: " + WhyMissing("text"));
+}
+
 bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name, EventKind kind) {
   const std::optional<std::string> section = BuildEventSection(kind, name);
   if (!section) return false;

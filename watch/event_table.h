@@ -48,6 +48,9 @@ enum class CommandForm {
 /// Says on standard error why it has nothing.
 void NotifyWithoutCommands(const CWatchOptions& record);
 
+/// Says on standard error, once, why a removal had no configuration.
+void NotifyWithoutRemoval();
+
 /// Whether the event section of the watcher holds a command that is more than an ending.
 [[nodiscard]] bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name,
                                             EventKind kind);

@@ -9,6 +9,7 @@
 #include "runtime/trace.h"
 #include "watch/command.h"
 #include "watch/guard.h"
+#include "watch/stop.h"
 
 namespace qixx::watch {
 namespace {
@@ -22,17 +23,32 @@ struct ParallelJob {
 
 constinit std::atomic<unsigned> runningJobs{0};
 
+// A removal's job that the system has no room for is tried so often, with pauses in milliseconds.
+constexpr int kTries = 30;
+constexpr unsigned kTryPause = 333;
+
 /// Counts a job off, also one whose command ended the thread.
 struct JobEnd {
   ~JobEnd() { runningJobs.fetch_sub(1, std::memory_order_release); }
 };
+
+void RunCommand(const ParallelJob& job) {
+  if (job.event.IsInsert()) {
+    RunGuarded([&job] { return ExecuteCommand(job.card, job.event, job.text); });
+    return;
+  }
+  for (int left = kTries; !RunRemoveCommand(job.card, job.event, job.text); --left) {
+    if (left == 1 || StopRequested()) return;
+    runtime::SleepMilliseconds(kTryPause);
+  }
+}
 
 void* RunJob(void* argument) {
   const JobEnd end;
   runtime::ThreadDetachSelf();
   std::unique_ptr<ParallelJob> job(static_cast<ParallelJob*>(argument));
   runtime::TraceWrite("Watch - Thread execute command ...");
-  RunGuarded([&job] { return ExecuteCommand(job->card, job->event, job->text); });
+  RunCommand(*job);
   job.reset();
   runtime::TraceWrite("Watch - Thread execute command ... done");
   return nullptr;

@@ -62,6 +62,17 @@ TEST_F(Faults, LibraryThatComesUpLateOrIsFinalisedByOthersIsInitialisedLater) {
   EXPECT_EQ(desktop.TraceCount("WrapperPkcs11 - Initialize count 1 at initialize"), 2U);
 }
 
+TEST_F(Faults, SlotThatGivesNoAnswerIsAskedAgain) {
+  Watch("-sync", {Echo("in", "in.txt")});
+  ASSERT_TRUE(desktop.Traced("Watch - Event"));
+  desktop.SetModuleFaults("fail=C_GetSlotInfo:0x30\n");
+  desktop.InsertCard(1);
+  ASSERT_TRUE(desktop.Traced("Watch - Event", 2));
+  EXPECT_EQ(desktop.TraceCount("Watch - Connected slot 1"), 0U);
+  desktop.SetModuleFaults("");
+  EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
+}
+
 TEST_F(Faults, RestartForgetsNoCard) {
   std::filesystem::create_directories(desktop.Path("run"));
   desktop.SetVariable("RUNTIME_DIRECTORY", desktop.Path("run") + ":/nonexistent");
@@ -237,7 +248,14 @@ TEST_F(Faults, UnusableFilesAreNoHindrance) {
   // Now the system's file vanishes too: there is nothing to run.
   std::filesystem::remove(desktop.Path("system.conf"));
   desktop.InsertCard(1);
-  EXPECT_TRUE(desktop.Traced("Watch - Inserted event ... FAILED"));
+  ASSERT_TRUE(desktop.Traced("Watch - Inserted event ... FAILED"));
+  desktop.RemoveCard(1);
+  ASSERT_TRUE(desktop.Traced("Watch - Remove event ... done", 2));
+  EXPECT_NE(desktop.Home()
+                .Read("stderr.txt")
+                .find("qixxwatch: a removal ran nothing: " + desktop.Path("system.conf") +
+                      " cannot be read: No such file or directory\n"),
+            std::string::npos);
 }
 
 TEST_F(Faults, WhatKeepsTheServiceFromWorkingIsSaidOnStandardError) {

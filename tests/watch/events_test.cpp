@@ -1,10 +1,13 @@
 // The commands of an event: where they come from, what they come to, what a removal ends; and the
 // loop that meets the events.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <new>
 
@@ -25,6 +28,22 @@
 #include "watch/simulate.h"
 #include "watch/slot_loop.h"
 #include "watch/terminate_list.h"
+
+namespace {
+
+std::atomic<int> forksToFail{0};
+
+}  // namespace
+
+/// In place of the C library's, to have the system be out of processes.
+extern "C" pid_t fork() noexcept {
+  if (forksToFail > 0) {
+    --forksToFail;
+    errno = EAGAIN;
+    return -1;
+  }
+  return reinterpret_cast<pid_t (*)()>(::dlsym(RTLD_NEXT, "fork"))();
+}
 
 namespace qixx::testing {
 namespace {
@@ -229,14 +248,48 @@ TEST(SlotLoop, EventsConnectAndDisconnect) {
 }
 
 TEST(SlotLoop, UnreadableTokenIsNoInsertWhereItIsToBeRecognized) {
-  Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {{1}}}});
-  machine.reader.readable = false;
-  machine.clock.inSleep = [&machine] { machine.reader.readable = true; };
-  watch::CWatchOptions record = Record("kill nothing");
-  record.recognized = true;
-  record.roundLimit = 2;
-  watch::WatchSlots(record, machine.platform);
-  EXPECT_EQ(machine.clock.slept, (std::vector<unsigned>{333, 666})) << "the second round connects";
+  for (const CK_SLOT_ID event : {1U, 0U}) {
+    Scripted machine(std::vector<Poll>{{1, {{1}}}, {event, {{1}}}});
+    machine.reader.readable = false;
+    machine.clock.inSleep = [&machine] { machine.reader.readable = true; };
+    watch::CWatchOptions record = Record("kill nothing");
+    record.recognized = true;
+    record.roundLimit = 2;
+    watch::WatchSlots(record, machine.platform);
+    EXPECT_EQ(machine.clock.slept, (std::vector<unsigned>{333, 666}))
+        << "the second round connects, with an event of its own or not";
+  }
+}
+
+TEST(SlotLoop, QuestionThatFailsLosesNoCard) {
+  struct Row {
+    std::vector<Poll> polls;  ///< from the second on no question is answered ...
+    const char* told;
+    unsigned unanswered;  ///< ... until so many were asked
+    bool sync = true;
+  };
+  const Row rows[] = {
+      {{{0, {}}, {1, {{1}}}}, "Connected slot 1;", 1},
+      {{{0, {}}, {1, {{1}}}}, "", 31},
+      {{{0, {}}, {1, {{1}}}, {0, {}}, {0, {{1}}}}, "", 1},
+      {{{0, {}}, {1, {{1}}}},
+       "Disconnected slot 0;Disconnected slot 0;Connected slot 1;",
+       1,
+       false},
+      {{{1, {{1}}}, {1, {{1}}}}, "Connected slot 1;Disconnected slot 1;Connected slot 1;", 9},
+      {{{1, {{1}}}, {4, {{1}}}}, "Connected slot 1;Disconnected slot 1;Connected slot 1;", 2},
+      {{{0, {}}, {1, {{1}}}, {4, {{1}, {4}}}}, "Connected slot 4;", 1},
+  };
+  for (const Row& row : rows) {
+    Scripted machine(row.polls);
+    unsigned left = 0;
+    machine.clock.inSleep = [&] {
+      if (machine.clock.slept.size() == 1) machine.reader.unanswered = row.unanswered;
+      left = machine.reader.unanswered;
+    };
+    EXPECT_EQ(Watch(std::move(machine), "Watch", row.sync, 50), row.told);
+    EXPECT_EQ(left, 0U);
+  }
 }
 
 TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
@@ -327,6 +380,11 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   watch::CardMark("Watch", "one command").Set();
   EXPECT_FALSE(watch::CardMark("Watch", "another").IsSet());
   EXPECT_TRUE(watch::CardMark("Watch", "one command").IsSet());
+
+  const ScopedVariable missing("RUNTIME_DIRECTORY", "/nonexistent");
+  const TraceCapture trace;
+  watch::CardMark("Watch", "").Set();
+  EXPECT_TRUE(trace.Has("Watch - Failed to keep 'card-Watch' in '/nonexistent' (2)"));
 }
 
 /// In a process of its own, which has no descriptors left in the end.
@@ -347,6 +405,68 @@ TEST_F(EventTable, LibraryThatLeaksDescriptorsKeepsNoRemovalFromBeingRun) {
   Configure("", "1=kill y\n");
   watch::CWatchOptions record = Record("config");
   EXPECT_EXIT(RemoveWithoutDescriptors(record), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
+  struct Row {
+    const char* command;
+    int failing;  ///< tries that find no process
+    CK_SLOT_ID nextCard;
+    std::size_t tries;
+  };
+  for (const Row row : {Row{"", 3, 0, 4}, {"", 99, 0, 5}, {"", 99, 1, 2}, {"parallel ", 2, 0, 3}}) {
+    SCOPED_TRACE(row.command + std::to_string(row.failing));
+    Configure("", "1=" + std::string(row.command) + "/bin/true x\n2=kill x\n");
+    Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}});
+    desk.clock.inSleep = [&desk, row] {
+      if (desk.clock.slept.size() == 1) forksToFail = row.failing;
+    };
+    const TraceCapture trace;
+    watch::CWatchOptions record = Record("config");
+    record.sync = true;
+    record.roundLimit = 6;
+    watch::WatchSlots(record, desk.platform);
+    EXPECT_TRUE(watch::WaitForParallelJobs(15000));
+    forksToFail = 0;
+    EXPECT_EQ(trace.Count("Watch - Execute remove command: /bin/true x"), row.tries);
+    EXPECT_EQ(trace.Count("Watch - Execute remove command: kill x"), 1U);
+    EXPECT_EQ(trace.Count("Watch - Disconnected slot 1"), 1U);
+  }
+}
+
+TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
+  struct Row {
+    bool isMissing;
+    std::size_t back;  ///< the round that finds the configuration again; the second one removes
+    CK_SLOT_ID nextCard;
+    std::uint64_t wait;
+    std::size_t runs;
+  };
+  for (const Row row : {Row{true, 3, 0, 0, 1},
+                        {false, 3, 0, 0, 1},
+                        {false, 3, 1, 0, 1},
+                        {false, 11, 0, 0, 1},
+                        {false, 12, 0, 0, 0},
+                        {false, 4, 1, 0, 0},
+                        {false, 3, 0, 1, 1}}) {
+    SCOPED_TRACE(row.back);
+    Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}, {0, {{1}}}});
+    desk.clock.inSleep = [&] {
+      if (desk.reader.taken == 1) folder.Write("system.conf", "");
+      if (desk.reader.taken == 1 && row.isMissing) {
+        std::filesystem::remove(folder.Path("system.conf"));
+      }
+      if (desk.reader.taken + 1 == row.back) Configure("", "1=set -registry x\n");
+    };
+    const TraceCapture trace;
+    watch::CWatchOptions record = Record("config");
+    record.sync = true;
+    record.removeWait = row.wait;
+    record.roundLimit = 20;
+    watch::WatchSlots(record, desk.platform);
+    EXPECT_EQ(trace.Count("Watch - Execute remove command: set -registry x"), row.runs);
+    EXPECT_EQ(trace.Count("Watch - Remove event ..."), 1 + row.runs);
+  }
 }
 
 TEST(SlotLoop, PollsThatFailLoseNoRemoval) {

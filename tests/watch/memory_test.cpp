@@ -3,11 +3,14 @@
 
 #include <cstring>
 
+#include "runtime/product.h"
 #include "runtime/spare_trace.h"
 #include "tests/support/environment.h"
 #include "tests/support/failing_memory.h"
+#include "tests/support/notify_listener.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/watch/scripted.h"
+#include "watch/event_handlers.h"
 #include "watch/slot_loop.h"
 #include "watch/watch_main.h"
 
@@ -17,12 +20,14 @@ namespace {
 int started;
 int stopped;
 int removed;
+int called;
 
 /// Without an allocation of its own.
 void CountLine(const char* line, std::size_t /*length*/) {
   started += std::strncmp(line, "Watch - Starting", 16) == 0 ? 1 : 0;
   stopped += std::strncmp(line, "Watch - Stopped", 15) == 0 ? 1 : 0;
   removed += std::strncmp(line, "Watch - Execute remove command:", 31) == 0 ? 1 : 0;
+  called += std::strncmp(line, "Helper - Failed to load '", 25) == 0 ? 1 : 0;
 }
 
 TEST(WatchMemory, EndsInOrderWhereverItRunsOut) {
@@ -77,6 +82,50 @@ TEST(WatchMemory, KeepsNoRemovalFromBeingRun) {
     ASSERT_EQ(removed, 1) << count;
   }
   runtime::TraceSetCallback(nullptr);
+}
+
+TEST(WatchMemory, KeepsNoCommandOfARemovalFromBeingRun) {
+  const TemporaryFolder folder;
+  const std::string path = folder.Write(
+      "system.conf",
+      "[Watch Remove]\n1=load /nonexistent/library,function arguments\n2=kill nothing\n");
+  const ScopedVariable global("qixconfigglobal", path.c_str());
+  runtime::InitProductIdentity();
+  Scripted machine;
+  watch::CWatchOptions record;
+  record.rest = "config";
+  record.section = "Watch";
+  runtime::TraceSetCallback(&CountLine);
+  bool hasFailed = true;
+  for (int count = 0; hasFailed; ++count) {
+    removed = called = 0;
+    allocationsLeft = count;
+    watch::OwedRemoval owed = watch::OnRemoveEvent(record, 1, machine.platform);
+    hasFailed = allocationsLeft < 0;
+    allocationsLeft = -1;
+    if (owed.isUnread || owed.isWhole) watch::OnRemoveEvent(record, 1, machine.platform);
+    watch::RunOwedCommands(record, 1, machine.platform, owed.commands);
+    ASSERT_TRUE(owed.commands.empty()) << count;
+    ASSERT_GE(called, 1) << count;
+    ASSERT_GE(removed, 2) << count;
+  }
+  runtime::TraceSetCallback(nullptr);
+}
+
+TEST(WatchMemory, IsNotNeededForASignOfLife) {
+  const TemporaryFolder folder;
+  NotifyListener listener(folder.Path("notify"));
+  const ScopedVariable socket("NOTIFY_SOCKET", folder.Path("notify").c_str());
+  watch::ServiceManager manager = watch::ServiceManager::TakeFromEnvironment();
+  // The system's queue takes a few thousand at most.
+  for (int sent = 0; sent < 10'000; ++sent) manager.Ready();
+  const std::string line(100, 'x');
+  manager.Status(line);
+  listener.Take();
+  allocationsLeft = 0;
+  EXPECT_NO_THROW(manager.Alive());
+  allocationsLeft = -1;
+  EXPECT_EQ(listener.Take().back(), "STATUS=" + line);
 }
 
 }  // namespace

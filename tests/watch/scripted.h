@@ -57,7 +57,10 @@ class ScriptedReader final : public watch::CardReader {
     return slots;
   }
   bool HasReader() override { return hasReader; }
-  bool ShowsToken(CK_SLOT_ID slot) override { return Find(slot) != nullptr; }
+  watch::TokenState StateOf(CK_SLOT_ID slot) override {
+    if (unanswered != 0) return --unanswered, watch::TokenState::kUnknown;
+    return Find(slot) != nullptr ? watch::TokenState::kPresent : watch::TokenState::kAbsent;
+  }
   bool IsTokenReadable(CK_SLOT_ID slot) override { return Find(slot) != nullptr && readable; }
   std::optional<watch::SlotDescription> Description(CK_SLOT_ID slot) override {
     const Token* const token = Find(slot);
@@ -95,8 +98,9 @@ class ScriptedReader final : public watch::CardReader {
   bool hasReader = true;
   std::optional<std::string> activeLogon;
   std::vector<Token> tokens;
-  std::size_t polled = 0;  ///< as the script says
-  std::size_t taken = 0;   ///< polls in all
+  std::size_t polled = 0;   ///< as the script says
+  std::size_t taken = 0;    ///< polls in all
+  unsigned unanswered = 0;  ///< questions for a token that will fail
   int descriptor = watch::kNoDescriptor;
   std::function<void(watch::PolledEvent&)> inPoll;  ///< may make the poll fail
 

@@ -1,0 +1,25 @@
+// Whether the system had no room for a process or a thread.
+#pragma once
+
+#include <cerrno>
+
+namespace qixx::runtime {
+
+/// Tells of the calling thread, since the object was made: whether a process or a thread could not
+/// be started for want of memory or below a limit. At another time it may be.
+class RefusedStarts {
+ public:
+  RefusedStarts() : before_(count) {}
+  [[nodiscard]] bool Any() const { return count != before_; }
+
+  /// For who tried, with the system's error number; other errors do not count.
+  static void Note(int error) {
+    if (error == EAGAIN || error == ENOMEM) ++count;
+  }
+
+ private:
+  static inline constinit thread_local unsigned count = 0;
+  unsigned before_;
+};
+
+}  // namespace qixx::runtime
