@@ -56,8 +56,9 @@ std::optional<std::string> GetLogonName(const CertificateHolder& holder,
 CertificateLogonValues GetLogonValues(const CertificateHolder& holder, bool smartCardLogonRequired,
                                       bool emailAllowed) {
   if (smartCardLogonRequired && !HasExtendedKeyUsage(holder, kSmartCardLogon)) return {};
-  return {GetLogonName(holder, false, emailAllowed).value_or(std::string()),
-          std::string(GetSubjectText(holder)), runtime::HexEncode(GetSerialNumber(holder))};
+  return {.upn = GetLogonName(holder, false, emailAllowed).value_or(std::string()),
+          .subject = std::string(GetSubjectText(holder)),
+          .serial = runtime::HexEncode(GetSerialNumber(holder))};
 }
 
 }  // namespace qixx::der

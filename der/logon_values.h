@@ -27,9 +27,9 @@ inline constexpr std::string_view kUserPrincipalName = "1.3.6.1.4.1.311.20.2.3";
                                                       bool emailAllowed);
 
 struct CertificateLogonValues {
-  std::string upn;      ///< the name to log on with; empty when there is none
-  std::string subject;  ///< as text (der/names.h)
-  std::string serial;   ///< upper-case hexadecimal of the content bytes
+  std::string upn = {};      ///< the name to log on with; empty when there is none
+  std::string subject = {};  ///< as text (der/names.h)
+  std::string serial = {};   ///< upper-case hexadecimal of the content bytes
 };
 
 /// All values, uncut. Subject and serial number are there without a name to log on with too, but

@@ -45,9 +45,9 @@ bool IsBreak(std::string_view text, std::size_t index) {
 
 /// What follows the value may complete a name that the value ends in; a single '%' is let be.
 bool BeginsPlaceholder(std::string_view text) {
-  return std::ranges::any_of(kPlaceholderHeads, [text](std::string_view head) {
-    return runtime::StartsWithNoCase(text, head) ||
-           (text.size() > 1 && runtime::StartsWithNoCase(head, text));
+  return std::ranges::any_of(kPlaceholderMarks, [text](std::string_view mark) {
+    return runtime::StartsWithNoCase(text, mark) ||
+           (text.size() > 1 && runtime::StartsWithNoCase(mark, text));
   });
 }
 

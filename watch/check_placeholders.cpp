@@ -11,8 +11,11 @@
 namespace qixx::watch {
 namespace {
 
-constexpr std::array kPlaceholders = {kUpnPlaceholder, kUserNamePlaceholder, kDomainPlaceholder,
-                                      kSubjectPlaceholder, kSerialPlaceholder};
+constexpr auto kNames = [] {
+  std::array<std::string_view, kNamedPlaceholders.size()> names;
+  std::ranges::transform(kNamedPlaceholders, names.begin(), &NamedPlaceholder::name);
+  return names;
+}();
 
 struct Placeholder {
   std::string_view text;  ///< with both '%'
@@ -36,7 +39,7 @@ std::optional<Placeholder> NextPlaceholder(std::string_view text, std::size_t& a
     if (!isComponent && !IsPlaceholderName(whole.substr(1, whole.size() - 2))) continue;
     at = end + 1;
     const bool isKnown =
-        isComponent || std::ranges::any_of(kPlaceholders, [whole](std::string_view known) {
+        isComponent || std::ranges::any_of(kNames, [whole](std::string_view known) {
           return runtime::EqualsNoCase(known, whole);
         });
     return Placeholder{whole, isKnown};
@@ -59,7 +62,7 @@ void CheckPlaceholders(const Place& place, bool isFilled, std::string_view text,
   std::size_t at = 0;
   while (const std::optional<Placeholder> found = NextPlaceholder(text, at)) {
     if (!found->isKnown) {
-      const std::string_view nearest = NearestName(found->text, kPlaceholders);
+      const std::string_view nearest = NearestName(found->text, kNames);
       if (nearest.empty()) continue;
       mistakes.Add(place, "there is no placeholder " + Quoted(found->text),
                    Quoted(nearest) + " is meant");

@@ -43,7 +43,7 @@ std::optional<LogonValues> FindLogonCredential(CardReader& card, std::string_vie
     if (!upn.empty()) {
       runtime::TraceWrite("Watch - Found active logon UPN %s", upn.c_str());
       if (slot == kNoSlot) return std::nullopt;
-      return LogonValues{.upn = upn, .subject = {}, .serial = {}};
+      return LogonValues{.upn = upn};
     }
   }
   const std::optional<der::CertificateLogonValues> found = SelectCredential(card, match);

@@ -19,9 +19,9 @@ inline constexpr std::size_t kMaxLogonValue = runtime::kMaxText;
 
 /// What the card holder's certificate says, cleaned; any of them may be empty.
 struct LogonValues {
-  std::string upn;
-  std::string subject;
-  std::string serial;  ///< upper-case hexadecimal
+  std::string upn = {};
+  std::string subject = {};
+  std::string serial = {};  ///< upper-case hexadecimal
 };
 
 /// The values of the logon credential. The match "fast" takes the name that the suite notes on the

@@ -239,9 +239,8 @@ class Asking {
 
   void AddPlaceholders(const std::string& match) {
     const std::optional<LogonValues> values = FindLogonCredential(card_, match, kNoSlot);
-    for (const std::string_view name : {kUpnPlaceholder, kUserNamePlaceholder, kDomainPlaceholder,
-                                        kSubjectPlaceholder, kSerialPlaceholder}) {
-      AddPlaceholder(std::string(name), values);
+    for (const NamedPlaceholder& placeholder : kNamedPlaceholders) {
+      AddPlaceholder(std::string(placeholder.name), values);
     }
     if (!values) return;
     for (const SubjectPlaceholder& component : SubjectPlaceholders(values->subject)) {

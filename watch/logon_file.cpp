@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <initializer_list>
 #include <optional>
 #include <set>
 #include <utility>
@@ -119,15 +118,19 @@ class EditedFile {
                         path_.c_str());
     return false;
   }
-  /// Sets a value under all of its names; an absent one leaves what the text has.
-  [[nodiscard]] bool SetIfPresent(std::initializer_list<std::string_view> names,
-                                  std::string_view value) {
-    return value.empty() ||
-           std::ranges::all_of(names, [&](std::string_view name) { return Set(name, value); });
+  /// An absent value leaves what the text has.
+  [[nodiscard]] bool SetIfPresent(std::string_view name, std::string_view value) {
+    return value.empty() || Set(name, value);
+  }
+  [[nodiscard]] bool Fill(const NamedPlaceholder& placeholder, const std::string& value) {
+    return (placeholder.key.empty() || SetIfPresent(placeholder.key, value)) &&
+           SetIfPresent(placeholder.name, value);
   }
   [[nodiscard]] bool Clear() {
-    return Set(kUserNameKey, "") && Set(kDomainKey, "") && Set(kSubjectPlaceholder, "") &&
-           Set(kSerialPlaceholder, "");
+    return std::ranges::all_of(kNamedPlaceholders, [this](const NamedPlaceholder& placeholder) {
+      return placeholder.inFiles == InFiles::kStays ||
+             Set(placeholder.key.empty() ? placeholder.name : placeholder.key, "");
+    });
   }
 
   [[nodiscard]] bool Write();
@@ -231,30 +234,36 @@ void EditedFile::WarnOfAnotherWriter() const {
   runtime::TraceWrite("Config - WARNING: File '%s' modified", path_.c_str());
 }
 
-bool SetAll(EditedFile& file, const LogonValues& values) {
-  const LogonName name = SplitPrincipalName(values.upn);
-  const auto components = SubjectPlaceholders(values.subject);
-  return file.SetIfPresent({kUserNameKey, kUserNamePlaceholder}, name.user) &&
-         file.SetIfPresent({kDomainKey, kDomainPlaceholder}, name.domain) &&
-         file.SetIfPresent({kSerialPlaceholder}, values.serial) &&
-         file.SetIfPresent({kSubjectPlaceholder}, values.subject) &&
-         std::ranges::all_of(components, [&file](const SubjectPlaceholder& component) {
-           return file.Set(component.name, component.value);
-         });
+bool FillNamed(EditedFile& file, const LogonValues& values, InFiles inFiles) {
+  return std::ranges::all_of(kNamedPlaceholders, [&](const NamedPlaceholder& placeholder) {
+    return placeholder.inFiles != inFiles || file.Fill(placeholder, placeholder.valueOf(values));
+  });
+}
+
+bool FillComponents(EditedFile& file, std::string_view subject) {
+  const auto components = SubjectPlaceholders(subject);
+  return std::ranges::all_of(components, [&file](const SubjectPlaceholder& component) {
+    return file.Set(component.name, component.value);
+  });
+}
+
+bool FillAll(EditedFile& file, const LogonValues& values) {
+  return FillNamed(file, values, InFiles::kFilled) &&
+         FillNamed(file, values, InFiles::kFilledLast) && FillComponents(file, values.subject);
 }
 
 }  // namespace
 
 bool WriteLogonValues(const std::string& path, const LogonValues& values) {
   EditedFile file(path);
-  return file.SaveOrRestore() && SetAll(file, values) && file.Write();
+  return file.SaveOrRestore() && FillAll(file, values) && file.Write();
 }
 
 bool WriteLogonName(const std::string& path, const LogonName& name) {
   if (path.empty() || (name.user.empty() && name.domain.empty())) return true;
   EditedFile file(path);
-  return file.Read() && file.SetIfPresent({kUserNameKey}, name.user) &&
-         file.SetIfPresent({kDomainKey}, name.domain) && file.Write();
+  return file.Read() && file.SetIfPresent(kUserNameKey, name.user) &&
+         file.SetIfPresent(kDomainKey, name.domain) && file.Write();
 }
 
 bool ClearLogonValues(const std::string& path) {

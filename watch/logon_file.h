@@ -19,10 +19,6 @@
 
 namespace qixx::watch {
 
-/// The configuration keys of the logon values.
-inline constexpr std::string_view kUserNameKey = "Username";
-inline constexpr std::string_view kDomainKey = "Domain";
-
 /// The most entries of one name that are set.
 inline constexpr std::size_t kMaxSetEntries = 1000;
 /// The most bytes of its text that one operation walks, whatever is written in there. Each key
@@ -37,8 +33,7 @@ inline constexpr std::size_t kMaxWalked = std::size_t{1} << 30;
 /// Writes the user name and the domain under their keys; an empty one leaves the file's own, and an
 /// empty path names no file.
 bool WriteLogonName(const std::string& path, const LogonName& name);
-/// Empties what a removal clears: the user name, the domain, and the placeholders of the subject
-/// and the serial number.
+/// Empties what a removal clears (see NamedPlaceholder).
 [[nodiscard]] bool ClearLogonValues(const std::string& path);
 /// The same for the file as it was saved; one that was never saved is saved first. An empty path
 /// names no file.

@@ -12,9 +12,9 @@
 namespace qixx::watch {
 namespace {
 
-bool HoldsPlaceholder(std::string_view text) {
-  return std::ranges::any_of(kPlaceholderHeads, [text](std::string_view head) {
-    return runtime::FindTextNoCase(text, head) != std::string_view::npos;
+bool HoldsMark(std::string_view text) {
+  return std::ranges::any_of(kPlaceholderMarks, [text](std::string_view mark) {
+    return runtime::FindTextNoCase(text, mark) != std::string_view::npos;
   });
 }
 
@@ -171,7 +171,7 @@ std::vector<SubjectPlaceholder> SubjectPlaceholders(std::string_view subject) {
 std::string ExpandLogonPlaceholders(CardReader& card, std::string_view match, std::string text,
                                     std::size_t maxLength) {
   if (runtime::FindChar(text, '%') == std::string_view::npos) return text;
-  if (HoldsPlaceholder(text)) text = FillFromCard(card, match, std::move(text), maxLength);
+  if (HoldsMark(text)) text = FillFromCard(card, match, std::move(text), maxLength);
   runtime::TraceWrite("Watch - Expanded: '%s'", runtime::MaskedText(text).Text());
   return text;
 }
@@ -181,12 +181,9 @@ std::string ReplaceLogonPlaceholders(const LogonValues& values, std::string text
   const auto replace = [&text, maxLength](std::string_view name, std::string_view value) {
     runtime::ReplaceAllNoCase(text, name, value, maxLength);
   };
-  const LogonName name = SplitPrincipalName(values.upn);
-  replace(kUpnPlaceholder, values.upn);
-  replace(kUserNamePlaceholder, name.user);
-  replace(kDomainPlaceholder, name.domain);
-  replace(kSubjectPlaceholder, values.subject);
-  replace(kSerialPlaceholder, values.serial);
+  for (const NamedPlaceholder& placeholder : kNamedPlaceholders) {
+    replace(placeholder.name, placeholder.valueOf(values));
+  }
   for (const SubjectPlaceholder& component : SubjectPlaceholders(values.subject)) {
     replace(component.name, component.value);
   }

@@ -3,6 +3,7 @@
 // All operations may be called from any thread. Only std::bad_alloc is thrown.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <optional>
@@ -15,17 +16,46 @@
 
 namespace qixx::watch {
 
-inline constexpr std::string_view kUpnPlaceholder = "%UPN%";
-inline constexpr std::string_view kUserNamePlaceholder = "%USERNAME%";
-inline constexpr std::string_view kDomainPlaceholder = "%DOMAIN%";
-inline constexpr std::string_view kSubjectPlaceholder = "%SUBJECT%";
-inline constexpr std::string_view kSerialPlaceholder = "%SERIALNUMBER%";
+/// The configuration keys of the logon values.
+inline constexpr std::string_view kUserNameKey = "Username";
+inline constexpr std::string_view kDomainKey = "Domain";
+
+/// What a "set " makes of a placeholder in the text of a file.
+enum class InFiles {
+  kStays,
+  kFilled,
+  kFilledLast,  ///< just before the components of the subject
+};
+struct NamedPlaceholder {
+  std::string_view name;
+  /// Cleaned; empty when the card does not say it. A command then gets nothing in its place, and in
+  /// a file it stays.
+  std::string (*valueOf)(const LogonValues& values);
+  InFiles inFiles;
+  /// Gets the value in a file too. A removal empties the key, or what has none where it still
+  /// stands.
+  std::string_view key = {};
+};
+/// All placeholders but those of the subject's components, in the order in which commands get
+/// them: a later one sees what an earlier one put in.
+inline constexpr auto kNamedPlaceholders = std::to_array<NamedPlaceholder>({
+    {"%UPN%", [](const LogonValues& values) { return values.upn; }, InFiles::kStays},
+    {"%USERNAME%", [](const LogonValues& values) { return SplitPrincipalName(values.upn).user; },
+     InFiles::kFilled, kUserNameKey},
+    {"%DOMAIN%", [](const LogonValues& values) { return SplitPrincipalName(values.upn).domain; },
+     InFiles::kFilled, kDomainKey},
+    {"%SUBJECT%", [](const LogonValues& values) { return values.subject; }, InFiles::kFilledLast},
+    {"%SERIALNUMBER%", [](const LogonValues& values) { return values.serial; }, InFiles::kFilled},
+});
+
 /// What a placeholder for one component of the subject begins with; its key and a '%' follow.
 inline constexpr std::string_view kComponentPrefix = "%OID.";
-/// What a text that holds a placeholder has in it.
-inline constexpr std::array<std::string_view, 6> kPlaceholderHeads = {
-    kUpnPlaceholder,     kUserNamePlaceholder, kDomainPlaceholder,
-    kSubjectPlaceholder, kSerialPlaceholder,   kComponentPrefix};
+/// One of these is in each text that holds a placeholder.
+inline constexpr auto kPlaceholderMarks = [] {
+  std::array<std::string_view, kNamedPlaceholders.size() + 1> marks = {kComponentPrefix};
+  std::ranges::transform(kNamedPlaceholders, marks.begin() + 1, &NamedPlaceholder::name);
+  return marks;
+}();
 
 struct SubjectPlaceholder {
   std::string name;   ///< "%OID.key%"

@@ -119,16 +119,34 @@ TEST(Match, FastTakesTheNameThatTheTokenNotes) {
 }
 
 TEST(Placeholders, AreReplacedInCommandsWithinTheirLimit) {
-  const watch::LogonValues values = {"ann@example.org", "o=Example\\, Inc.,cn=Ann %UPN%,o=x", "2A"};
+  const watch::LogonValues values = {
+      .upn = "ann@example.org", .subject = "o=Example\\, Inc.,cn=Ann %UPN%,o=x", .serial = "2A"};
   const std::tuple<const char*, std::size_t, const char*> rows[] = {
       {"%upn% %UserName% %DOMAIN% %Serialnumber%", 511, "ann@example.org ann example.org 2A"},
       {"\"%oid.O%\" %OID.cn% %OID.ou%", 511, "\"Example, Inc.\" Ann _UPN% %OID.ou%"},
+      {"%SERIALNUMBER%SUBJECT%", 511, "%SERIALNUMBERo=Example\\, Inc.,cn=Ann %UPN%,o=x"},
       {"%SERIALNUMBER%%UPN%", 20, "2A%UPN%"},
       {"%UPN% %UPN% %UPN%", 30, "ann@example.org %UPN% %UPN%"},
       {"%UPN% %UPN% %UPN%", 26, "%UPN% %UPN% %UPN%"},
   };
   for (const auto& [text, limit, expected] : rows) {
     EXPECT_EQ(watch::ReplaceLogonPlaceholders(values, text, limit), expected) << text;
+  }
+}
+
+TEST(Placeholders, EachAloneHasTheCardRead) {
+  ScriptedReader reader(std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}});
+  const std::tuple<const char*, const char*> rows[] = {
+      {"%upn%", "ann@example.org"},
+      {"%UserName%", "ann"},
+      {"%DOMAIN%", "example.org"},
+      {"%SUBJECT%", "o=Example\\, Inc.,cn=Ann Lee"},
+      {"%SerialNumber%", "2A"},
+      {"%oid.CN%", "Ann Lee"},
+      {"%CN%", "%CN%"},
+  };
+  for (const auto& [text, expected] : rows) {
+    EXPECT_EQ(watch::ExpandLogonPlaceholders(reader, "", text, 511), expected);
   }
 }
 

@@ -131,6 +131,25 @@ TEST_F(LogonFile, IsPutBackBeforeItIsClearedWhenAsked) {
   EXPECT_EQ(Others(), std::set{"a.conf.org"s});
 }
 
+TEST_F(LogonFile, InsertionFillsAllButOneAndRemovalClearsSomeThatStillStand) {
+  const std::string keys = "[A]\nusername=x\nDOMAIN=y\n";
+  const std::string text =
+      "Text=%UPN%|%USERNAME%|%DOMAIN%|%SUBJECT%|%SERIALNUMBER%|%OID.CN%|%subject%\n";
+  const std::string order = "Order=%SERIALNUMBER%SUBJECT%OID.CN%\n";
+  const std::string cleared = "[A]\nusername=\nDOMAIN=\n";
+  folder_.Write("a.conf", keys + text + order);
+  EXPECT_TRUE(Remove("-config " + file_));
+  EXPECT_EQ(Text(), cleared +
+                        "Text=%UPN%|%USERNAME%|%DOMAIN%|||%OID.CN%|%subject%\n"
+                        "Order=%SERIALNUMBEROID.CN%\n");
+  folder_.Write("a.conf", keys + text + order);
+  EXPECT_TRUE(Insert());
+  EXPECT_EQ(Text(),
+            "[A]\nusername=ann\nDOMAIN=example.org\n"
+            "Text=%UPN%|ann|example.org|o=Example\\, Inc.,cn=Ann Lee|2A|Ann Lee|%subject%\n"
+            "Order=2ASUBJECTAnn Lee\n");
+}
+
 TEST_F(LogonFile, OneSetIsOneReplacementForWhoLooksOn) {
   const std::set<std::string> whole = {kOriginal, kFilled, kCleared};
   const pid_t other = ::fork();
