@@ -29,6 +29,14 @@ constexpr int kLookMilliseconds = 100;
 
 volatile std::sig_atomic_t stopped = 0;
 
+/// Nothing was tested when a filter meets no case, which would pass for success.
+int RunAllTests() {
+  const int code = RUN_ALL_TESTS();
+  if (::testing::UnitTest::GetInstance()->test_to_run_count() != 0) return code;
+  std::cout << "No case has a name that '" << GTEST_FLAG_GET(filter) << "' meets.\n";
+  return 1;
+}
+
 /// Tells the process that stayed behind of each case that begins.
 class CaseTeller : public ::testing::EmptyTestEventListener {
  public:
@@ -51,7 +59,7 @@ int RunCases(int pipe, const std::string& home) {
     ::unsetenv(name);
   }
   ::testing::UnitTest::GetInstance()->listeners().Append(new CaseTeller(pipe));
-  return RUN_ALL_TESTS();
+  return RunAllTests();
 }
 
 /// Kills the cases' process group, and what left it: orphans become children of this process.
@@ -135,6 +143,6 @@ int Run() {
 int main(int argc, char** argv) {
   ::testing::InitGoogleMock(&argc, argv);
   // A debugger wants the cases in the process that it started.
-  const bool isBare = GTEST_FLAG_GET(list_tests) || GTEST_FLAG_GET(break_on_failure);
-  return isBare ? RUN_ALL_TESTS() : qixx::testing::Run();
+  if (GTEST_FLAG_GET(list_tests)) return RUN_ALL_TESTS();
+  return GTEST_FLAG_GET(break_on_failure) ? qixx::testing::RunAllTests() : qixx::testing::Run();
 }
