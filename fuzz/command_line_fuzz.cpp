@@ -1,4 +1,5 @@
-// The command line: options from one text over another, the argument vector, masked secrets.
+// The command line: options from one text over another, the argument vector, masked secrets; and
+// the second text as a command.
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -6,8 +7,26 @@
 #include "fuzz/fuzz.h"
 #include "runtime/process.h"
 #include "runtime/secrets.h"
+#include "watch/check_command.h"
+#include "watch/command.h"
+#include "watch/event_table.h"
 #include "watch/options.h"
 #include "watch/set_command.h"
+
+namespace {
+
+/// Takes a command apart as far as that needs nothing outside of it.
+void TryCommand(std::string_view text) {
+  using namespace qixx;
+  for (const watch::EventKind kind : {watch::EventKind::kInsert, watch::EventKind::kRemove}) {
+    const watch::CommandParts parts = watch::SplitCommand(kind, text);
+    if (!text.ends_with(parts.text)) std::abort();
+    if (watch::DescribeCommand(kind, text).empty()) std::abort();
+    if (watch::SplitApplication(parts.text).program.size() > parts.text.size()) std::abort();
+  }
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace qixx;
@@ -25,6 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (options.config.find('"') != std::string::npos) std::abort();
   const std::vector<std::string> entries = runtime::SplitArguments(first, second);
   if (!first.empty() && entries.front() != first) std::abort();
+  TryCommand(std::string_view(second).substr(0, watch::kMaxInsertEntry));
   if (runtime::MaskSecrets(second).size() != second.size()) std::abort();
   return 0;
 }

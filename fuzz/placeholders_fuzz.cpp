@@ -1,8 +1,10 @@
-// Placeholders in a command text: five lines are the values of a card, the rest is the text.
+// Placeholders in a command text. The first line has the values of a card, between tabulators; two
+// lines are a name and its value, and the rest is the text.
 #include <cstdlib>
 #include <string>
 
 #include "fuzz/fuzz.h"
+#include "runtime/text.h"
 #include "watch/card_text.h"
 #include "watch/credentials.h"
 #include "watch/event_table.h"
@@ -12,8 +14,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using namespace qixx;
   fuzzing::Input input(data, size);
   watch::LogonValues values;
-  for (std::string* value : {&values.upn, &values.subject, &values.serial})
-    *value = watch::CleanCardText(input.Line().substr(0, watch::kMaxLogonValue));
+  const std::string fields = input.Line();
+  std::size_t index = 0;
+  for (std::string* value : {&values.upn, &values.subject, &values.serial}) {
+    const std::string_view field = runtime::GetField(fields, index++, '\t').value_or("");
+    *value = watch::CleanCardText(field.substr(0, watch::kMaxLogonValue));
+  }
   const std::string name = input.Line();
   const std::string value = input.Line();
 
