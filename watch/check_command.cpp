@@ -107,9 +107,13 @@ class CommandCheck {
       }
     }
     CheckShell(words);
-    if (words.size() >= 3 && words[words.size() - 2] == ">") {
-      CheckOutputPath(place_, words.back(), mistakes_);
-    }
+    if (words.size() >= 3 && words[words.size() - 2] == ">") CheckOutput(words.back());
+  }
+  void CheckOutput(const std::string& file) {
+    if (!HoldsPlaceholder(file)) return CheckOutputPath(place_, file, mistakes_);
+    if (!use_.isFilled) return;
+    Add("the output's path holds a placeholder, so the card decides which file is written",
+        "a file's path is meant");
   }
   /// What a card says must not become a part of a script.
   void CheckShell(const std::vector<std::string>& words) {

@@ -151,7 +151,7 @@ void CheckValuesPath(const Place& place, const std::string& file, Mistakes& mist
 }
 
 void CheckOutputPath(const Place& place, const std::string& file, Mistakes& mistakes) {
-  if (HoldsPlaceholder(file) || file == "/dev/null") return;
+  if (file == "/dev/null") return;
   PathCheck path(place, "file", file, mistakes);
   if (!path.CheckWhole()) return;
   const bool mayWrite = May(file, F_OK) ? May(file, W_OK) : May(FolderOf(file), W_OK | X_OK);

@@ -59,7 +59,7 @@ bool RunLoad(CardReader& /*card*/, const WatchEvent& /*event*/, std::string_view
   return runtime::CallExternal(text);
 }
 
-bool RunSet(CardReader& card, const WatchEvent& event, std::string_view text) {
+bool RunSetKeyword(CardReader& card, const WatchEvent& event, std::string_view text) {
   return SetCommand(card, event, ParseSetOptions(text));
 }
 
@@ -70,7 +70,7 @@ bool Fail(CardReader& /*card*/, const WatchEvent& /*event*/, std::string_view /*
   return false;
 }
 
-struct Keyword {
+struct CommandKeyword {
   std::string_view head;
   bool removeOnly;
   CommandKind kind;
@@ -80,23 +80,23 @@ struct Keyword {
 /// In the order in which they are tried; the last one is the head of everything. Registry commands
 /// and the means to close windows or end programs by name do nothing on this platform, with the
 /// results that lists of commands rely on.
-constexpr Keyword kKeywords[] = {
+constexpr CommandKeyword kCommandKeywords[] = {
     {"parallel ", false, CommandKind::kParallel, RunParallel},
     {"-l", true, CommandKind::kFailure, Fail},
-    {"-r ", false, CommandKind::kNothing, Succeed},
-    {"set ", false, CommandKind::kSet, RunSet},
+    {kRegistryKeyword, false, CommandKind::kNothing, Succeed},
+    {"set ", false, CommandKind::kSet, RunSetKeyword},
     {"script ", false, CommandKind::kDocument, OpenDocument},
     {"open ", false, CommandKind::kDocument, OpenDocument},
-    {"close ", false, CommandKind::kFailure, Fail},
-    {"kill ", false, CommandKind::kNothing, Succeed},
+    {kCloseKeyword, false, CommandKind::kFailure, Fail},
+    {kKillKeyword, false, CommandKind::kNothing, Succeed},
     {"load ", false, CommandKind::kLoad, RunLoad},
     {"extern ", false, CommandKind::kExtern, RunExtern},
     {"application ", false, CommandKind::kApplication, RunApplication},
     {"", false, CommandKind::kProgram, RunProgram},
 };
 
-const Keyword& FindKeyword(EventKind kind, std::string_view text) {
-  return *std::ranges::find_if(kKeywords, [kind, text](const Keyword& keyword) {
+const CommandKeyword& FindKeyword(EventKind kind, std::string_view text) {
+  return *std::ranges::find_if(kCommandKeywords, [kind, text](const CommandKeyword& keyword) {
     return (kind == EventKind::kRemove || !keyword.removeOnly) &&
            runtime::StartsWithNoCase(text, keyword.head);
   });
@@ -105,7 +105,7 @@ const Keyword& FindKeyword(EventKind kind, std::string_view text) {
 }  // namespace
 
 CommandParts SplitCommand(EventKind kind, std::string_view text) {
-  const Keyword& keyword = FindKeyword(kind, text);
+  const CommandKeyword& keyword = FindKeyword(kind, text);
   return {keyword.kind, text.substr(keyword.head.size())};
 }
 
@@ -121,7 +121,7 @@ ApplicationParts SplitApplication(std::string_view line) {
 bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view text) {
   runtime::TraceWrite("Watch - Execute %s command: %s", event.IsInsert() ? "insert" : "remove",
                       runtime::MaskedText(text).Text());
-  const Keyword& keyword = FindKeyword(event.kind, text);
+  const CommandKeyword& keyword = FindKeyword(event.kind, text);
   return keyword.run(card, event, text.substr(keyword.head.size()));
 }
 

@@ -22,6 +22,11 @@ inline constexpr std::size_t kMaxProgram = runtime::kMaxText;
 /// What shows a document.
 inline constexpr const char* kDocumentViewer = "/usr/bin/xdg-open";
 
+/// Keywords that the lists of commands are asked for too.
+inline constexpr std::string_view kRegistryKeyword = "-r ";
+inline constexpr std::string_view kCloseKeyword = "close ";
+inline constexpr std::string_view kKillKeyword = "kill ";
+
 enum class CommandKind {
   kProgram,
   kApplication,

@@ -40,7 +40,7 @@ bool StillHolds(const CWatchOptions& record, const WatchEvent& event, config::CC
 bool InsertDirect(const CWatchOptions& record, const WatchEvent& event, CardReader& card) {
   const std::string_view text = record.rest;
   if (text.starts_with(kInsertOnlyMark)) return ExecuteCommand(card, event, text.substr(1));
-  if (runtime::StartsWithNoCase(text, "-r ")) return true;
+  if (runtime::StartsWithNoCase(text, kRegistryKeyword)) return true;
   return ExecuteCommand(card, event, text);
 }
 

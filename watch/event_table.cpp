@@ -4,6 +4,7 @@
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
+#include "watch/command.h"
 #include "watch/configuration.h"
 
 namespace qixx::watch {
@@ -92,7 +93,8 @@ bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name, Ev
 bool IsOrdinaryCommand(config::CConfig& config, std::string_view name, std::string_view text) {
   if (runtime::StartsWithNoCase(text, kConfigWord))
     return HasOrdinaryRemoveCommand(config, name, EventKind::kRemove);
-  return !runtime::StartsWithNoCase(text, "close ") && !runtime::StartsWithNoCase(text, "kill ");
+  return !runtime::StartsWithNoCase(text, kCloseKeyword) &&
+         !runtime::StartsWithNoCase(text, kKillKeyword);
 }
 
 }  // namespace qixx::watch

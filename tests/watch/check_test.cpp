@@ -230,6 +230,9 @@ TEST_F(Check, SaysWhatIsWrongAndWhatIsMeant) {
        "4: a placeholder stands in the script of a shell, which runs what the card says; give it "
        "as an argument behind "
        "the script, as in \"echo $1\" x \"%UPN%\""},
+      {kInsert + "1=@/program > \"@/%UPN%\"",
+       "4: the output's path holds a placeholder, so the card decides which file is written; a "
+       "file's path is meant"},
       {kRemove + "1=@/program \"%UPN%\"",
        "4: placeholder '%UPN%' is not filled here; only the numbered commands of an insertion get "
        "values"},
