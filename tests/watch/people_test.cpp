@@ -8,6 +8,7 @@
 #include "tests/support/temporary_folder.h"
 #include "watch/option_table.h"
 #include "watch/people.h"
+#include "watch/placeholders.h"
 
 namespace qixx::testing {
 namespace {
@@ -53,6 +54,16 @@ std::set<std::string> OptionsOfManual() {
     isTitle = line == ".TP";
   }
   return names;
+}
+
+TEST(People, TextsNameEachPlaceholder) {
+  const std::string cards = Source("docs/cards.md");
+  const std::string manual = Source("docs/qixxwatch.1");
+  for (const watch::NamedPlaceholder& placeholder : watch::kNamedPlaceholders) {
+    const std::string name(placeholder.name);
+    EXPECT_THAT(cards, HasSubstr("\n| `" + name + "` |"));
+    EXPECT_THAT(manual, HasSubstr(name));
+  }
 }
 
 TEST(People, AllTextsNameTheSameOptions) {
