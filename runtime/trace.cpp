@@ -171,6 +171,7 @@ struct TraceState {
   unsigned callbackDepth = 0;  ///< callbacks running, that is lines still being handed out
   std::int32_t delayMilliseconds = 0;
   bool refusalTold = false;  ///< once for a target
+  int openError = 0;         ///< why the last line was lost, when nothing was refused
 
   [[nodiscard]] bool HasTarget() const { return !target.empty(); }
   [[nodiscard]] bool HasReceiver() const { return HasTarget() || callback != nullptr; }
@@ -286,14 +287,24 @@ int OpenWithoutLinks(const char* path, int flags) {
   return ::open(path, flags, mode);
 }
 
+/// Whether `error` of an open means that something else than a file of this user's has the name.
+/// The system itself may refuse somebody else's file in a folder like /tmp.
+bool IsStranger(const std::string& path, int error) {
+  if (error != EACCES) return error == ELOOP || error == ENXIO;  // a link, a pipe without a reader
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && status.st_uid != ::geteuid();
+}
+
 /// Opens a regular file of this user's with one name, without following a link. Not open, and
-/// `refused`, when that name leads to anything else.
+/// `refused`, when that name leads to anything else; otherwise errno tells why.
 Descriptor OpenOwn(const std::string& path, int flags, bool& refused) {
   constexpr int kSafe = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
   Descriptor file(OpenWithoutLinks(path.c_str(), flags | kSafe));
-  refused = file.IsOpen() ? !S_ISREG(StatusOf(file).st_mode) || !IsOwn(file)
-                          : errno == ELOOP || errno == ENXIO;  // a link, a pipe without a reader
+  const int error = errno;
+  refused =
+      file.IsOpen() ? !S_ISREG(StatusOf(file).st_mode) || !IsOwn(file) : IsStranger(path, error);
   if (refused) file.Close();
+  errno = error;
   return file;
 }
 Descriptor OpenOwn(const std::string& path, int flags) {
@@ -337,6 +348,7 @@ void AppendToTarget(TraceState& state, std::string_view line) {
   }
   bool refused = false;
   const Descriptor file = OpenOwn(state.file, O_WRONLY | O_APPEND | O_CREAT, refused);
+  state.openError = file.IsOpen() || refused ? 0 : errno;
   WriteFully(file, line);
   if (refused && !std::exchange(state.refusalTold, true)) TellRefusal(state.target);
 }
@@ -365,6 +377,21 @@ void SetTarget(TraceState& state, std::string_view name) {
   state.file = IsServerTarget(name) ? std::string() : FollowFolders(std::string(name));
   state.target = name;
   state.refusalTold = false;
+  state.openError = 0;
+}
+
+/// At the start only: later a line that cannot be written is lost in silence.
+void TellUnusable(const std::string& path) {
+  if (IsServerTarget(path)) return;
+  TraceState* const state = Installed();
+  if (state == nullptr) return;
+  const CriticalScope hold(&state->lock);
+  if (state->target != path) {
+    Notify("no trace: '" + path + "' ends neither in .log nor in .txt");
+  } else if (state->openError != 0) {
+    Notify("no trace: '" + path +
+           "' cannot be opened: " + std::string(ErrorText(state->openError)));
+  }
 }
 
 /// Ends every mode. The state stays where a callback still needs it.
@@ -434,6 +461,7 @@ void TraceInit(std::string_view component) {
   } else {
     TraceSetFile(settings->path);
   }
+  TellUnusable(settings->path);
 }
 
 bool IsTraceFileName(std::string_view name) {

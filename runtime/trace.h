@@ -28,7 +28,7 @@ inline constexpr std::size_t kMaxTraceFormat = 126;
 /// Arguments are integers, characters, texts and pointers; no floating point.
 [[gnu::format(printf, 1, 2)]] void TraceWrite(const char* format, ...);
 
-/// Reads the settings of the component and switches tracing on accordingly.
+/// Switches tracing on as the settings say; standard error tells of a file that takes no line.
 void TraceInit(std::string_view component);
 
 struct TraceSettings {

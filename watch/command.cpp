@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "runtime/loader.h"
+#include "runtime/notice.h"
 #include "runtime/process.h"
 #include "runtime/refused_starts.h"
 #include "runtime/secrets.h"
@@ -102,6 +103,12 @@ const CommandKeyword& FindKeyword(EventKind kind, std::string_view text) {
   });
 }
 
+/// What fails by intent is no news, and neither is what a simulation has no card for.
+void TellFailure(const CommandKeyword& keyword, const WatchEvent& event, std::string_view text) {
+  if (keyword.kind == CommandKind::kFailure || event.IsSimulated()) return;
+  runtime::NotifyOnce("command '" + runtime::MaskSecrets(text) + "' failed");
+}
+
 }  // namespace
 
 CommandParts SplitCommand(EventKind kind, std::string_view text) {
@@ -122,7 +129,9 @@ bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view 
   runtime::TraceWrite("Watch - Execute %s command: %s", event.IsInsert() ? "insert" : "remove",
                       runtime::MaskedText(text).Text());
   const CommandKeyword& keyword = FindKeyword(event.kind, text);
-  return keyword.run(card, event, text.substr(keyword.head.size()));
+  const bool success = keyword.run(card, event, text.substr(keyword.head.size()));
+  if (!success) TellFailure(keyword, event, text);
+  return success;
 }
 
 bool RunRemoveCommand(CardReader& card, const WatchEvent& event, std::string_view text) {

@@ -27,10 +27,13 @@ std::string WhyUnreadable(const std::string& path) {
 }
 
 std::string WhyMissing(std::string_view what) {
-  const std::string path = config::CConfig::LocateGlobal().value_or(config::ConfigPath{}).path;
+  const auto [path, origin] = config::CConfig::LocateGlobal().value_or(config::ConfigPath{});
+  const bool isLastResort = origin == config::PathOrigin::kCurrentDirectory;
+  const std::string file =
+      isLastResort ? "there is no /etc/" + path + ", and " + path + " in the current folder" : path;
   const std::string reason = WhyUnreadable(path);
-  if (!reason.empty()) return path + " cannot be read: " + reason;
-  return path + " has no " + std::string(what);
+  if (!reason.empty()) return file + " cannot be read: " + reason;
+  return file + " has no " + std::string(what);
 }
 
 bool LoadProductConfiguration(config::CConfig& config) {

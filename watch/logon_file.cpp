@@ -13,7 +13,9 @@
 #include "config/migration.h"
 #include "config/scan.h"
 #include "runtime/files.h"
+#include "runtime/notice.h"
 #include "runtime/replace_file.h"
+#include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/file_scope.h"
@@ -110,6 +112,7 @@ class EditedFile {
   [[nodiscard]] bool SaveOrRestore();
 
   [[nodiscard]] bool Set(std::string_view name, std::string_view value) {
+    fault_ = "not all of it can be set";
     if (name.starts_with('%') ? SetPlaceholder(name, value) : SetKey(name, value)) return true;
     if (budget_.IsSpent()) {
       runtime::TraceWrite("Watch - '%s' is too large for all that is to be set", path_.c_str());
@@ -135,8 +138,17 @@ class EditedFile {
 
   [[nodiscard]] bool Write();
 
+  /// What became of it all; standard error tells of a failure.
+  [[nodiscard]] bool Told(bool done) const {
+    if (!done) {
+      runtime::NotifyOnce("'" + runtime::MaskSecrets(path_) + "' stays as it is: " + fault_);
+    }
+    return done;
+  }
+
  private:
   [[nodiscard]] bool Restore();
+  bool RefuseCopy(const char* reason);
   [[nodiscard]] bool SetPlaceholder(std::string_view name, std::string_view value);
   [[nodiscard]] bool SetKey(std::string_view name, std::string_view value);
   [[nodiscard]] bool TakeWalks(std::size_t count) { return budget_.Take(count * text_.size()); }
@@ -152,10 +164,12 @@ class EditedFile {
   std::string before_;        ///< what the file holds
   std::string text_;          ///< what it is to hold
   std::size_t limit_ = 0;     ///< for `text_`
+  std::string fault_;         ///< what a failure of the step at hand means
   WalkBudget budget_{kMaxWalked};
 };
 
 bool EditedFile::Read() {
+  fault_ = "it is missing or may not be changed";
   const bool mayChange = file_.IsOpen() && runtime::HasOneName(file_, path_);
   std::optional<std::string> text;
   if (mayChange) text = runtime::ReadToEnd(file_, runtime::kMaxFileSize);
@@ -174,23 +188,25 @@ bool EditedFile::SaveOrRestore() {
   if (scope_.File().named.IsMissing() && !saved_.IsMissing()) return Restore();
   // Read before the copy is looked for: where another service made that meanwhile, it counts.
   if (!Read()) return false;
-  return saved_.IsMissing() ? runtime::MakeFile(saved_, text_, file_) : Restore();
+  if (!saved_.IsMissing()) return Restore();
+  fault_ = "no copy '.org' can be made";
+  return runtime::MakeFile(saved_, text_, file_);
+}
+
+bool EditedFile::RefuseCopy(const char* reason) {
+  runtime::TraceRefusal(saved_.Path(), reason);
+  fault_ = std::string("its copy '.org' is ") + reason;
+  return false;
 }
 
 bool EditedFile::Restore() {
   copy_ = saved_.Open(O_RDONLY);
-  if (!copy_.IsOpen()) {
-    runtime::TraceRefusal(saved_.Path(), "a link or no readable file");
-    return false;
-  }
+  if (!copy_.IsOpen()) return RefuseCopy("a link or no readable file");
   const struct stat* const file = file_.IsOpen() ? &status_ : nullptr;
   const char* fault = FaultOfCopy(runtime::StatusOf(copy_), file, StatusOfFolder(saved_));
   std::optional<std::string> text;
   if (fault == nullptr) text = runtime::ReadToEnd(copy_, runtime::kMaxFileSize);
-  if (!text) {
-    runtime::TraceRefusal(saved_.Path(), fault != nullptr ? fault : "a file that cannot be read");
-    return false;
-  }
+  if (!text) return RefuseCopy(fault != nullptr ? fault : "a file that cannot be read");
   Take(std::move(*text));
   return true;
 }
@@ -218,6 +234,7 @@ bool EditedFile::SetKey(std::string_view name, std::string_view value) {
 }
 
 bool EditedFile::Write() {
+  fault_ = "it cannot be written";
   if (!file_.IsOpen()) return runtime::MakeFile(scope_.File().real, text_, copy_);
   if (text_ == before_) {
     runtime::RemoveLeftOvers(scope_.File().real);
@@ -256,36 +273,36 @@ bool FillAll(EditedFile& file, const LogonValues& values) {
 
 bool WriteLogonValues(const std::string& path, const LogonValues& values) {
   EditedFile file(path);
-  return file.SaveOrRestore() && FillAll(file, values) && file.Write();
+  return file.Told(file.SaveOrRestore() && FillAll(file, values) && file.Write());
 }
 
 bool WriteLogonName(const std::string& path, const LogonName& name) {
   if (path.empty() || (name.user.empty() && name.domain.empty())) return true;
   EditedFile file(path);
-  return file.Read() && file.SetIfPresent(kUserNameKey, name.user) &&
-         file.SetIfPresent(kDomainKey, name.domain) && file.Write();
+  return file.Told(file.Read() && file.SetIfPresent(kUserNameKey, name.user) &&
+                   file.SetIfPresent(kDomainKey, name.domain) && file.Write());
 }
 
 bool ClearLogonValues(const std::string& path) {
   EditedFile file(path);
-  return file.Read() && file.Clear() && file.Write();
+  return file.Told(file.Read() && file.Clear() && file.Write());
 }
 
 bool RestoreAndClear(const std::string& path) {
   if (path.empty()) return true;
   EditedFile file(path);
-  return file.SaveOrRestore() && file.Clear() && file.Write();
+  return file.Told(file.SaveOrRestore() && file.Clear() && file.Write());
 }
 
 bool SetConfigValue(const std::string& path, std::string_view name, std::string_view value) {
   if (path.empty() || name.empty()) return true;
   EditedFile file(path);
-  return file.Read() && file.Set(name, value) && file.Write();
+  return file.Told(file.Read() && file.Set(name, value) && file.Write());
 }
 
 bool BackupOrRestoreConfigFile(const std::string& path) {
   EditedFile file(path);
-  return file.SaveOrRestore() && file.Write();
+  return file.Told(file.SaveOrRestore() && file.Write());
 }
 
 }  // namespace qixx::watch

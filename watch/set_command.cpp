@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "runtime/notice.h"
 #include "runtime/trace.h"
 #include "watch/credentials.h"
 #include "watch/guard.h"
@@ -13,7 +14,10 @@ namespace {
 bool SetOnInsert(CardReader& card, const WatchEvent& event, const SetOptions& options) {
   if (event.IsSimulated()) return false;
   const std::optional<LogonValues> values = FindLogonCredential(card, options.match, event.slot);
-  if (!values) return false;
+  if (!values) {
+    runtime::NotifyOnce("'set' finds no certificate that gives a logon name");
+    return false;
+  }
   runtime::TraceWrite("Watch - Logon credential: '%s'", values->upn.c_str());
   runtime::TraceWrite("Watch - Logon subject:    '%s'", values->subject.c_str());
   if (options.config.empty()) return !options.registry.empty();

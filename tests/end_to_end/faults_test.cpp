@@ -287,11 +287,27 @@ TEST_F(Faults, WhatKeepsTheServiceFromWorkingIsSaidOnStandardError) {
   }
 }
 
-TEST_F(Faults, FailingProgramsAreSaidInTheTraceAndOnStandardError) {
+TEST_F(Faults, TraceThatTakesNoLineIsSaidOnStandardError) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"watch.dat", "ends neither in .log nor in .txt"},
+      {"none/watch.log", "cannot be opened: No such file or directory"},
+  };
+  for (const auto& [name, told] : rows) {
+    desktop.SetVariable("qix:Trace:watch", desktop.Path(name));
+    desktop.Start({"?"});
+    EXPECT_EQ(desktop.Stop(0), 0);
+    EXPECT_EQ(desktop.Home().Read("stderr.txt"),
+              "qixxwatch: no trace: '" + desktop.Path(name) + "' " + told + "\n");
+    std::filesystem::remove(desktop.Path("stderr.txt"));
+  }
+}
+
+TEST_F(Faults, FailingCommandsAreSaidInTheTraceAndOnStandardError) {
   const std::string program = desktop.WriteProgram("exit 7");
   Watch("", {"kill x"},
         {"/no/program -pin 1234", program, "/bin/true", "/bin/sh -c \"kill -9 $$\"",
-         Echo("end", "end.txt")});
+         "load /no/library,Call -pin 1234", "set -config /no/file", "set -config /no/file",
+         "close x", Echo("end", "end.txt")});
   EXPECT_TRUE(desktop.Holds("end.txt", "end\n"));
   Stop();
   EXPECT_EQ(desktop.TraceCount("Helper - Failed to start '/no/program': No such file or directory"),
@@ -306,7 +322,10 @@ TEST_F(Faults, FailingProgramsAreSaidInTheTraceAndOnStandardError) {
             "qixxwatch: '" +
                 program +
                 "' ended with exit code 7\n"
-                "qixxwatch: '/bin/sh' was ended by signal 9\n");
+                "qixxwatch: '/bin/sh' was ended by signal 9\n"
+                "qixxwatch: command 'load /no/library,Call -pin ****' failed\n"
+                "qixxwatch: '/no/file' stays as it is: it is missing or may not be changed\n"
+                "qixxwatch: command 'set -config /no/file' failed\n");
 }
 
 }  // namespace

@@ -238,6 +238,11 @@ TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
   SetFile("theirs.log");
   EXPECT_EQ(folder_.Read("~qixtheirs"), "kept");
   EXPECT_EQ(folder_.Read("theirs.log"), "kept");
+  // In a folder like /tmp the system itself may open no such file.
+  fs::permissions(folder_.Path(), fs::perms{01777});
+  ::testing::internal::CaptureStderr();
+  SetFile("theirs.log");
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr("' is refused: "));
 }
 
 }  // namespace
