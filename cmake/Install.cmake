@@ -15,8 +15,17 @@ install(FILES docs/qixxwatch.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONEN
 install(FILES docs/qix.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT service)
 install(FILES docs/qixxwatch-card.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
         COMPONENT softcard EXCLUDE_FROM_ALL)
-install(FILES README.md docs/cards.md docs/real-cards.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
-        COMPONENT service)
+# What who runs the service needs; how it is built and changed stays with the source.
+set(documents README.md CHANGELOG.md SECURITY.md
+    docs/cards.md docs/real-cards.md docs/recipes.md docs/reliability.md)
+install(CODE "
+  set(folder \"${CMAKE_INSTALL_DOCDIR}\")
+  set(files \"${documents}\")
+  set(source \"${PROJECT_SOURCE_DIR}\")
+  set(scratch \"${PROJECT_BINARY_DIR}/documents\")
+  include(\"${PROJECT_SOURCE_DIR}/cmake/InstallDocuments.cmake\")"
+  COMPONENT service)
+install(DIRECTORY docs/pictures DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT service)
 install(FILES softcard/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}-softcard
         COMPONENT softcard EXCLUDE_FROM_ALL)
 

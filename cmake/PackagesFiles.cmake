@@ -18,6 +18,10 @@ foreach(root IN LISTS roots)
        FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
   file(GLOB packed "${root}/usr/share/man/man*/*.[1-8]" "${documentation}/changelog")
   execute_process(COMMAND gzip -9n -f ${packed} COMMAND_ERROR_IS_FATAL ANY)
+  # Where the unit of the machine may trace: a configuration that says so is right before its first start.
+  if(component STREQUAL "service")
+    file(MAKE_DIRECTORY "${root}/var/log/qixxwatch")
+  endif()
   # A umask other than the usual one must not reach the package.
   execute_process(COMMAND find "${root}" -type d -exec chmod 755 {} + COMMAND_ERROR_IS_FATAL ANY)
 endforeach()

@@ -17,7 +17,7 @@ foreach(manifest IN LISTS manifests)
     file(REMOVE "${installed}")
     get_filename_component(folder "${installed}" DIRECTORY)
     # Folders of this project's own only; the others are the system's.
-    while(folder MATCHES "/qixxwatch(-softcard)?(/examples)?$")
+    while(folder MATCHES "/qixxwatch(-softcard)?(/examples|/pictures)?$")
       file(GLOB rest "${folder}/*")
       if(rest)
         break()
