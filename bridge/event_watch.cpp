@@ -23,9 +23,6 @@ constexpr int kQuietPause = 50;
 /// Between two tries to cancel a wait that may not have begun yet.
 constexpr timespec kCancelPause = {0, 2'000'000};
 
-/// PC/SC waits for no more readers than this at a time.
-constexpr std::size_t kMaxWaitedReaders = 16;
-
 constexpr PcscWord kStateChanged = 0x2;
 
 bool HasSameCard(PcscWord one, PcscWord other) {
@@ -143,7 +140,7 @@ bool EventWatch::WaitForChange() {
     current_ = names_;
     event_.Raise();
   }
-  std::array<PcscReaderState, kMaxWaitedReaders> states{};
+  std::array<PcscReaderState, kMaxReaders> states{};
   std::size_t readers = 0;
   for (const char* name = current_.data(); *name != '\0' && readers < states.size();) {
     const std::string_view whole(name);

@@ -41,8 +41,8 @@ inline constexpr PcscWord kPcscInfinite = 0xFFFFFFFF;
 /// The name of a reader that is none: its state changes when readers come and go.
 inline constexpr const char* kPcscReaderNotifier = "\\\\?PnP?\\Notification";
 
-/// More readers than PC/SC knows, and more than any desktop has.
-inline constexpr std::size_t kMaxReaders = 64;
+/// PC/SC knows no more readers, and refuses a question that is about more than these.
+inline constexpr std::size_t kMaxReaders = 16;
 
 /// Whether this machine has the library.
 [[nodiscard]] bool HasPcsc();
@@ -66,7 +66,8 @@ class PcscConnection {
   /// no readers, or after a failure. False when the connection is of no more use. Allocates nothing
   /// while `names` has room. May throw std::bad_alloc.
   [[nodiscard]] bool ReadNames(std::vector<char>& names);
-  /// Waits, at most so many milliseconds, until a state differs from the known one.
+  /// Waits, at most so many milliseconds, until a state differs from the known one. For at most
+  /// kMaxReaders.
   [[nodiscard]] PcscResult WaitForChange(PcscWord timeout, std::span<PcscReaderState> readers);
   /// Ends a WaitForChange of another thread that has begun. The caller sees to it that the
   /// connection is not closed meanwhile.

@@ -118,19 +118,19 @@ class Slots {
   ReaderFilter filter_;
   Readers readers_;
   std::vector<Slot> slots_;     ///< in the order in which they were first listed
-  CK_SLOT_ID nextGroup_ = 1;    ///< for a reader with three numbers
-  CK_SLOT_ID nextSingle_ = 97;  ///< for one that has no more of those
-  CK_SLOT_ID told_ = 0;         ///< the slot whose card was told of, and is in
-  CK_SLOT_ID offered_ = 0;      ///< listed first while none was told of
-  bool isPulled_ = false;       ///< the card of that slot was, at the last poll
+  CK_SLOT_ID nextGroup_ = 1;    ///< the next reader's number, as long as it is below 97
+  CK_SLOT_ID nextSingle_ = 97;  ///< then its number, and that of a secondary slot without a place
+  CK_SLOT_ID told_ = 0;         ///< the slot whose card was told of; 0 when that has gone
+  CK_SLOT_ID offered_ = 0;      ///< while told_ is 0: the slot that was listed first; 0 for none
+  bool isPulled_ = false;       ///< a poll found that the card of told_, else of offered_, went
   std::size_t turn_ = 0;        ///< where to look for the next card, so that none waits for ever
   bool isStale_ = false;        ///< the module has not looked since the readers changed
   int searches_ = 0;            ///< refreshes still to try for a reader that the module lacks
   bool isEventless_ = false;    ///< the module knows no events
   bool isUsed_ = false;         ///< the module may hold on to a card
-  bool releaseDue_ = false;     ///< and that card was pulled
-  std::int64_t refreshed_ = 0;  ///< when, in milliseconds
-  std::int64_t readersPolled_ = 0;  ///< when
+  bool releaseDue_ = false;     ///< the module may hold on to a card that was pulled
+  std::int64_t refreshed_ = 0;  ///< time of the last Refresh, in milliseconds
+  std::int64_t readersPolled_ = 0;  ///< time of the last PollReaders, in milliseconds
 };
 
 }  // namespace qixx::bridge

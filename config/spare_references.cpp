@@ -13,7 +13,7 @@ runtime::CCritical& ReferenceLock() {
   return *lock;
 }
 
-/// Taken from the environment once; "0" when it names no file.
+/// Taken from the environment once.
 const std::string& ReferencePath() {
   static runtime::NoDestructor<std::string> path(GetPathVariable("configref").value_or("0"));
   return *path;

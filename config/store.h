@@ -46,9 +46,12 @@ struct ConfigPath {
 /// A longer text of a number is cut there.
 inline constexpr std::size_t kMaxNumber = 16;
 
+/// The item that was opened first has the first place. It alone can be writable, and is what all
+/// changes are made to.
 class CConfig {
  public:
   CConfig();
+  /// As Close(true); a failure to write back is lost there, so whoever changes something closes.
   virtual ~CConfig();
   CConfig(const CConfig&) = delete;
   CConfig& operator=(const CConfig&) = delete;
@@ -56,18 +59,21 @@ class CConfig {
   /// Writes a modified writable file back and closes it. With `release` the items are given up too.
   /// kFailed when a changed text could not be written.
   virtual ConfigResult Close(bool release);
-  /// The user's file and, when it is another, the system's. The result of the last open.
+  /// Gives up what is open, then opens the user's file and, when it is another, the system's. The
+  /// result of the last open.
   virtual ConfigResult OpenAll(bool writable);
-  /// The system's file alone.
+  /// Opens the system's file, by OpenItem.
   virtual ConfigResult OpenDefault(bool writable);
-  /// One file into the next free place; the path "static" is the built-in (empty) configuration.
-  /// A missing file opens as an empty item.
+  /// Opens one file beside what is open; kFailed when both places are taken. The path "static" is
+  /// the built-in (empty) configuration. A missing file opens as an empty item.
   virtual ConfigResult OpenItem(bool writable, const std::string& path);
 
   /// The layered lookup: the first item that has the entry gives the value, resolved when it is
   /// conditional, then cut to `maxLength`. The environment comes before both items: when it holds
   /// the entry, its value counts as it stands and no item is asked; one that is empty or longer
   /// than `maxLength` is no value. Callers that accept only what a file says look at the origin.
+  /// Which named conditions hold is found out once, by the first value that asks for one. It counts
+  /// for the life of the object, also for what is opened later.
   virtual std::optional<ConfigValue> GetString(std::string_view section, std::string_view entry,
                                                std::size_t maxLength = runtime::kMaxText);
   /// Sets a value in the first item; Close brings it to the file.
@@ -78,8 +84,8 @@ class CConfig {
                                                    std::string_view entry);
   /// Such a number, compared with 0.
   virtual std::optional<bool> GetBoolean(std::string_view section, std::string_view entry);
-  /// The index-th entry of the first item, where it has none of the second; `index` grows with
-  /// every call.
+  /// The entry of this index in the first item or, when that has none, in the second. Each counts
+  /// its own from 0, so the second tells only what it has more. `index` grows with every call.
   virtual std::optional<ConfigEntry> EnumEntries(std::size_t& index);
 
   /// True when at least one open item holds a text that is not empty: a configuration that

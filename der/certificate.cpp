@@ -319,7 +319,7 @@ bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpo
 std::vector<std::string> GetExtendedKeyUsages(const CertificateHolder& holder) {
   std::vector<std::string> purposes;
   VisitExtendedKeyUsages(holder, [&purposes](OidRecord& identifier) {
-    purposes.push_back(std::move(identifier.text));
+    if (!identifier.text.empty()) purposes.push_back(std::move(identifier.text));
     return false;
   });
   return purposes;

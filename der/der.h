@@ -114,7 +114,8 @@ struct OidText {
 
 /// The object identifier at the start of `bytes` as dotted text. Subidentifiers are printed as
 /// signed 32-bit numbers. kTooSmall when the text would be longer than `maxLength` (which is at
-/// most kMaxOidText); it then holds the pieces that went in. Empty for kWrongTag and kBadLength.
+/// most kMaxOidText): the text then ends with the last number that fits. It is empty for kWrongTag
+/// and kBadLength. An identifier without content is an empty text and kOk, as intended.
 [[nodiscard]] OidText OidToText(Bytes bytes, std::size_t maxLength = kMaxOidText);
 
 struct OidRecord {

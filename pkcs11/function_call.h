@@ -8,8 +8,8 @@
 namespace qixx::pkcs11 {
 
 using CallListener = void (*)();
-/// Has the listener called behind each call that came back, by the thread that called; null for
-/// none.
+/// Has the listener called behind each call of a FunctionOf, also one that did not come back, by
+/// the thread that called; null for none.
 void ListenToCalls(CallListener listener);
 /// Calls it.
 void NoteCall();

@@ -13,13 +13,15 @@
 
 namespace qixx::pkcs11 {
 
-/// The slots that hold a token, in the library's order; none when the library does not tell.
+/// The slots that hold a token, in the library's order. None when a call fails, so also when a card
+/// comes in between the call for their number and the one for the slots.
 [[nodiscard]] std::vector<CK_SLOT_ID> ListTokenSlots();
 
 /// An open session, closed with its owner.
 class Session {
  public:
-  /// Opens a read-write session; nothing when the library refuses, by the answer in `refusal`.
+  /// Opens a read-write session. Nothing when the library refuses; its answer then goes to
+  /// `refusal`, which may be null.
   [[nodiscard]] static std::optional<Session> Open(CK_SLOT_ID slot, CK_RV* refusal = nullptr);
   ~Session();
   Session(Session&& other) noexcept;

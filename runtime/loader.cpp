@@ -94,7 +94,7 @@ std::optional<int> CallEntry(const SharedLibrary& library, const std::string& fu
   const auto entry = library.FindSymbol<ExternalEntry>(function);
   if (entry == nullptr) return std::nullopt;
   int result = 0;
-  if (!CallLibrary([&] { result = entry(0, library.Get(), copy.c_str(), 0); })) return std::nullopt;
+  if (!CallLibrary([&] { result = entry(0, library.Get(), copy.data(), 0); })) return std::nullopt;
   return result;
 }
 

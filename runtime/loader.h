@@ -20,7 +20,7 @@ namespace qixx::runtime {
 using LibraryHandle = void*;
 
 /// Entry point of a library called by a command or for administration.
-using ExternalEntry = int (*)(int zero, LibraryHandle library, const char* arguments, int reserved);
+using ExternalEntry = int (*)(int zero, LibraryHandle library, char* arguments, int reserved);
 
 /// An open library that closes itself; it may be none.
 class SharedLibrary {

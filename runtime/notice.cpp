@@ -77,7 +77,7 @@ void NotifyOnce(std::string_view text) {
   if (IsNew(text)) Notify(text);
 }
 
-std::string_view ErrorText(int number) {
+const char* ErrorText(int number) {
   const char* const text = ::strerrordesc_np(number);
   return text != nullptr ? text : "unknown error";
 }

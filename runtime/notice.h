@@ -19,7 +19,7 @@ void Notify(std::string_view text);
 /// The same for a text that has not been written yet; of too many different ones none is new.
 void NotifyOnce(std::string_view text);
 
-/// The system's words for an error number; allocates nothing.
-[[nodiscard]] std::string_view ErrorText(int number);
+/// The system's words for an error number, for good; allocates nothing.
+[[nodiscard]] const char* ErrorText(int number);
 
 }  // namespace qixx::runtime

@@ -159,19 +159,30 @@ bool PassOn(int descriptor) {
   return descriptor >= 0 && ::dup2(descriptor, kPassedDescriptor) == kPassedDescriptor;
 }
 
+/// For kernels without close_range (before Linux 5.9). The first descriptor is closed right away,
+/// so that there is one for the list. opendir would allocate.
+void CloseListedDescriptors(int first) {
+  ::close(first);
+  const int list = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  alignas(dirent64) char entries[1024];
+  ssize_t length = 0;
+  while ((length = ::getdents64(list, entries, sizeof entries)) > 0) {
+    for (ssize_t at = 0; at < length;) {
+      const auto* const entry = reinterpret_cast<const dirent64*>(entries + at);
+      const auto number = static_cast<int>(ParseDecimal(entry->d_name));
+      if (number >= first && number != list) ::close(number);
+      at += entry->d_reclen;
+    }
+  }
+  ::close(list);
+}
+
 /// Closes what a loaded library may have left open without close-on-exec.
 void CloseDescriptorsFrom(unsigned first) {
 #ifdef SYS_close_range
   if (::syscall(SYS_close_range, first, UINT_MAX, 0U) == 0) return;
 #endif
-  DIR* const directory = ::opendir("/proc/self/fd");
-  if (directory == nullptr) return;
-  while (const dirent* entry = ::readdir(directory)) {
-    const std::uint64_t number = ParseDecimal(entry->d_name);
-    if (number < first || number > INT_MAX) continue;
-    if (static_cast<int>(number) != ::dirfd(directory)) ::close(static_cast<int>(number));
-  }
-  ::closedir(directory);
+  CloseListedDescriptors(static_cast<int>(first));
 }
 
 /// Says the parts as one line on standard error, without an allocation.
@@ -187,8 +198,8 @@ void NotifyParts(std::initializer_list<std::string_view> parts) {
 /// Tells that the program could not be started. Standard error comes last: a reader that is gone
 /// ends the child, which no longer ignores SIGPIPE.
 [[noreturn]] void EndWithoutProgram(const ChildPlan& plan, int error) {
-  const std::string_view reason = ErrorText(error);
-  TraceWrite("Helper - Failed to start '%s': %s", plan.Program().c_str(), reason.data());
+  const char* const reason = ErrorText(error);
+  TraceWrite("Helper - Failed to start '%s': %s", plan.Program().c_str(), reason);
   TraceWrite("Helper - Child process done");
   NotifyParts({"'", plan.Program(), "' not started: ", reason});
   ::_exit(0);

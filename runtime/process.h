@@ -13,18 +13,19 @@
 
 namespace qixx::runtime {
 
-/// Do not wait for the child at all.
+/// Wait no longer for the child than each launch does.
 inline constexpr std::int64_t kWaitNone = 0;
 /// The number under which a program gets the one descriptor that may be passed on to it, beside the
 /// standard ones.
 inline constexpr int kPassedDescriptor = 3;
 
 /// Forks and runs `program` with the split `arguments`; an empty program takes the first token of
-/// the arguments instead. Wait mode 1 waits for about a second (10 polls, 99 ms apart), a greater n
-/// for about n seconds (n polls, 999 ms apart). False when the fork failed, which RefusedStarts
-/// and, once, standard error may tell of; true whatever became of the child, even when the program
-/// could not be started (for five seconds, where the reason may pass). A descriptor that is
-/// `passed` stays the caller's; the program gets a copy.
+/// the arguments instead. Each launch takes 99 ms. Wait mode 1 then waits for about a second (10
+/// polls, 99 ms apart), a greater n for about n seconds (n polls, 999 ms apart). A child that has
+/// failed when the wait is over is told of in the trace and on standard error. False when the fork
+/// failed, which RefusedStarts and, once, standard error may tell of; true whatever became of the
+/// child, even when the program could not be started (for five seconds, where the reason may pass).
+/// A descriptor that is `passed` stays the caller's; the program gets a copy.
 bool LaunchProcess(const std::string& program, std::string_view arguments,
                    std::int64_t waitMode = kWaitNone, int passed = -1);
 
