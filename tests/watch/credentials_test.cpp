@@ -145,6 +145,7 @@ TEST(Placeholders, EachAloneHasTheCardRead) {
       {"%oid.CN%", "Ann Lee"},
       {"%CN%", "%CN%"},
   };
+  EXPECT_EQ(std::size(rows), watch::kNamedPlaceholders.size() + 2) << "a row for each";
   for (const auto& [text, expected] : rows) {
     EXPECT_EQ(watch::ExpandLogonPlaceholders(reader, "", text, 511), expected);
   }
