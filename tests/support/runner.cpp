@@ -6,13 +6,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -62,20 +64,26 @@ int RunCases(int pipe, const std::string& home) {
   return RunAllTests();
 }
 
+/// 0 for a text that begins with no number.
+pid_t NumberIn(const std::string& text) {
+  return static_cast<pid_t>(std::strtol(text.c_str(), nullptr, 10));
+}
+
 /// Kills the cases' process group, and what left it: orphans become children of this process.
 void KillDescendants(pid_t group) {
   ::kill(-group, SIGKILL);
   const auto parentOf = [](const std::filesystem::path& process) {
     const std::string stat = TemporaryFolder::ReadFile(process / "stat");
     const std::size_t name = stat.rfind(')');
-    return name == std::string::npos ? 0 : std::atoi(stat.c_str() + name + 3);
+    return name == std::string::npos || stat.size() < name + 4 ? 0
+                                                               : NumberIn(stat.substr(name + 4));
   };
   for (bool found = true; found;) {
     found = false;
     while (::waitpid(-1, nullptr, WNOHANG) > 0) found = true;
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
-      const pid_t process = std::atoi(entry.path().filename().c_str());
+      const pid_t process = NumberIn(entry.path().filename());
       if (process <= 0 || parentOf(entry.path()) != ::getpid()) continue;
       ::kill(process, SIGKILL);
       found = ::waitpid(process, nullptr, 0) == process || found;
@@ -140,9 +148,12 @@ int Run() {
 }  // namespace
 }  // namespace qixx::testing
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   ::testing::InitGoogleMock(&argc, argv);
   // A debugger wants the cases in the process that it started.
   if (GTEST_FLAG_GET(list_tests)) return RUN_ALL_TESTS();
   return GTEST_FLAG_GET(break_on_failure) ? qixx::testing::RunAllTests() : qixx::testing::Run();
+} catch (const std::exception& failure) {
+  std::fprintf(stderr, "No test was run: %s\n", failure.what());
+  return 1;
 }
