@@ -72,13 +72,13 @@ class RealCards : public ServiceTest {
     EXPECT_TRUE(desktop.Holds("said.txt", "removed\n"));
   }
 
-  CardService service;
+  CardService service_;
   std::string certificate_;
   std::map<int, std::unique_ptr<InsertedCard>> in_;
 };
 
 TEST_F(RealCards, OneThatIsInAtStartAndAnother) {
-  service.Start();
+  service_.Start();
   Insert(1);
   ASSERT_TRUE(Shows(1, "Yes"));
   Watch();
@@ -92,7 +92,7 @@ TEST_F(RealCards, OneThatIsInAtStartAndAnother) {
 }
 
 TEST_F(RealCards, TenInARowInBothReaders) {
-  service.Start();
+  service_.Start();
   Watch();
   for (std::size_t card = 0; card < 10 && !HasFailure(); ++card) {
     InsertAndRemove(static_cast<int>(card % 2), card / 2 + 1);
@@ -101,7 +101,7 @@ TEST_F(RealCards, TenInARowInBothReaders) {
 }
 
 TEST_F(RealCards, UnknownToTheModuleAndChangedBetweenTwoPolls) {
-  service.Start();
+  service_.Start();
   // A bridge that begins before the service is up asks PC/SC again after seconds only, and the
   // module alone does not notice a card that is changed between two polls.
   ASSERT_TRUE(Shows(0, "No"));
@@ -119,7 +119,7 @@ TEST_F(RealCards, UnknownToTheModuleAndChangedBetweenTwoPolls) {
 }
 
 TEST_F(RealCards, PulledWhileItIsRead) {
-  service.Start();
+  service_.Start();
   Watch();
   Insert(0, certificate_, {.pulledWhileRead = true});
   ASSERT_TRUE(Has("Connected", 0));
@@ -132,15 +132,15 @@ TEST_F(RealCards, PulledWhileItIsRead) {
 
 TEST_F(RealCards, ServiceAndDriverComeLateDieAndComeBack) {
   Watch();
-  service.Start("");
+  service_.Start("");
   // A driver that has just been installed is found by a service that is started again.
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  service.Stop();
+  service_.Stop();
   for (const std::size_t count : {1U, 2U}) {
-    service.Start();
+    service_.Start();
     Insert(1);
     ExpectRead(1, count);
-    service.Stop(SIGKILL);
+    service_.Stop(SIGKILL);
     ASSERT_TRUE(Has("Disconnected", 1, count));
     Remove(1);
   }
@@ -153,7 +153,7 @@ TEST_F(RealCards, ReadersWithOneName) {
   const std::string name = "Virtual PCD";
   ASSERT_NE(readers.find(name), std::string::npos) << readers;
   readers.replace(readers.find(name), name.size(), std::string(80, 'x'));
-  service.Start(readers);
+  service_.Start(readers);
   Watch();
   for (const int reader : {0, 1}) InsertAndRemove(reader);
   EXPECT_EQ(desktop.TraceCount("Watch - Event"), 5U);
@@ -169,7 +169,7 @@ TEST_F(RealCards, ToolListsWhatTheModuleHas) {
   if (*QIXX_SANITIZER != '\0') {
     GTEST_SKIP() << "a program without the sanitizer cannot load a library with it";
   }
-  service.Start();
+  service_.Start();
   Insert(1);
   ASSERT_TRUE(Shows(1, "Yes"));
   const ScopedVariable none("qixconfigglobal", desktop.Path("none.conf").c_str());

@@ -28,7 +28,7 @@ class Credentials : public ServiceTest {
   [[nodiscard]] std::string Logon() const { return desktop.Home().Read("logon.conf"); }
   void WriteLogon(const std::string& text) { desktop.Home().Write("logon.conf", text); }
 
-  const std::string set = "set -config " + desktop.Path("logon.conf");
+  const std::string set_ = "set -config " + desktop.Path("logon.conf");
 
  private:
   std::size_t cards_ = 0;
@@ -51,7 +51,7 @@ TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
       "[User]\nUsername=\nDomain=none\n[Mail]\nAddress=%USERNAME%@%DOMAIN%\nName=%OID.cn%\n"
       "[Card]\nText=%SUBJECT% %SERIALNUMBER%\n";
   WriteLogon(before);
-  Watch("-match \"o=Other; cn=ann lee; cn=bob\" -sync", {set}, {set});
+  Watch("-match \"o=Other; cn=ann lee; cn=bob\" -sync", {set_}, {set_});
   NextCard({Certificate("ann.der")});
   EXPECT_EQ(Logon(),
             "[User]\nUsername=ann\nDomain=tessaly.example\n[Mail]\nAddress=ann@tessaly.example\n"
@@ -70,7 +70,7 @@ TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
 TEST_F(Credentials, SetCommandThatCannotWriteEndsTheListAndRestoresWhenAsked) {
   const std::string missing = desktop.Path("none.conf");
   WriteLogon("[User]\nUsername=x\nCard=%SUBJECT%\n");
-  Watch("-sync", {set, "set -config " + missing, Echo("no", "said")},
+  Watch("-sync", {set_, "set -config " + missing, Echo("no", "said")},
         {"set -config " + missing, "set -restore -config " + desktop.Path("logon.conf")});
   NextCard({Certificate("ann.der")});
   EXPECT_EQ(desktop.TraceCount("Watch - Set command ... FAILED"), 1U);
@@ -115,7 +115,7 @@ TEST_F(Credentials, TokenVariableNamesTheLogonUserInFastMatch) {
 
 TEST_F(Credentials, ValuesOfACardAddNoArgumentRedirectionOrLine) {
   WriteLogon("[User]\nText=%OID.cn%\n");
-  Watch("-sync", {set, "/bin/echo \"%OID.cn%\" %UPN%"});
+  Watch("-sync", {set_, "/bin/echo \"%OID.cn%\" %UPN%"});
   std::string owned = desktop.Path("owned.txt");
   const std::string text = "[User]\nText=a_ _ " + owned + " _Path=x\nUsername=x _ y\n";
   // openssl separates components by "/".

@@ -13,10 +13,10 @@ namespace {
 
 class Events : public ServiceTest {
  protected:
-  void WatchBoth(const std::string& options) { Watch(options, {in}, {out}); }
+  void WatchBoth(const std::string& options) { Watch(options, {in_}, {out_}); }
 
-  const std::string in = Echo("in", "in.txt");
-  const std::string out = Echo("out", "out.txt");
+  const std::string in_ = Echo("in", "in.txt");
+  const std::string out_ = Echo("out", "out.txt");
 };
 
 TEST_F(Events, InsertAndRemoveRunTheirCommandsInOrder) {
@@ -42,13 +42,13 @@ TEST_F(Events, InsertAndRemoveRunTheirCommandsInOrder) {
                         "Event",
                         "Inserted event ...",
                         "Configuration: 'Watch Insert'",
-                        "Execute insert command: " + in,
+                        "Execute insert command: " + in_,
                         "Inserted event ... OK",
                         "Connected slot 1",
                         "Event",
                         "Remove event ...",
                         "Configuration: 'Watch Remove'",
-                        "Execute remove command: " + out,
+                        "Execute remove command: " + out_,
                         "Remove event ... done",
                         "Disconnected slot 1",
                         "Stopping 'Watch'",
@@ -90,7 +90,7 @@ TEST_F(Events, RecognizedIgnoresATokenThatCannotBeRead) {
 }
 
 TEST_F(Events, AnySignalEndsTheServiceInOrderAlsoDuringAWait) {
-  Configure("-wait \"600\" -sync", {in});
+  Configure("-wait \"600\" -sync", {in_});
   desktop.InsertCard(1);
   std::size_t runs = 0;
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
@@ -119,7 +119,7 @@ TEST_F(Events, ExtraWatchersRunTheirOwnSectionsAndEndWithTheirParent) {
   desktop.Configure(
       "[Command]\nWatch=-sync config Watch|One|Two\nWatch Two=-sync config Other\n"
       "[Watch Insert]\n1=" +
-      in + "\n[Watch One Insert]\n1=" + Echo("one", "one.txt") +
+      in_ + "\n[Watch One Insert]\n1=" + Echo("one", "one.txt") +
       "\n[Watch Other Insert]\n1=" + Echo("two", "two.txt") + "\n");
   desktop.Start();
   const Lines sections = {"Watch'", "One'", "Other'"};
@@ -162,7 +162,7 @@ TEST_F(Events, ExtraWatchersGoOnWhenTheirParentHasNothingToDo) {
   desktop.Configure(
       "[Command]\nWatch=-sync config Watch|One\nWatch One=-sync config One\n"
       "[Watch One Insert]\n1=" +
-      in + "\n[Watch One Remove]\n1=" + out + "\n");
+      in_ + "\n[Watch One Remove]\n1=" + out_ + "\n");
   desktop.Start();
   EXPECT_EQ(desktop.Stop(0), 0);
   ASSERT_TRUE(desktop.Traced("Watch - Running 'One'"));
@@ -176,7 +176,7 @@ TEST_F(Events, ExtraWatchersGoOnWhenTheirParentHasNothingToDo) {
 
 TEST_F(Events, ExtraWatchersAreLimitedInAWholeTree) {
   desktop.Configure(
-      "[Command]\nWatch=-sync config A|A|A\nWatch A=-sync config A|A|A\n[Watch A Insert]\n1=" + in +
+      "[Command]\nWatch=-sync config A|A|A\nWatch A=-sync config A|A|A\n[Watch A Insert]\n1=" + in_ +
       "\n");
   desktop.Start();
   constexpr std::size_t kAll = 33;
@@ -196,7 +196,7 @@ TEST_F(Events, BackgroundProgramIsStartedAndToldToHide) {
   desktop.Configure(
       "[Watch]\nBackground=show -icon\n[Command]\nWatch=config Watch\n"
       "[Watch Remove]\n1=" +
-      out + "\n");
+      out_ + "\n");
   desktop.Start();
   EXPECT_TRUE(desktop.Holds("shown.txt", "show -icon\n"));
   ASSERT_TRUE(desktop.Traced("Watch - Running 'Watch'"));
@@ -205,7 +205,7 @@ TEST_F(Events, BackgroundProgramIsStartedAndToldToHide) {
 }
 
 TEST_F(Events, SimulationRunsASectionOnceWithoutTheLibrary) {
-  Configure("", {in, "close x", Echo("after", "after.txt")}, {"kill x", out});
+  Configure("", {in_, "close x", Echo("after", "after.txt")}, {"kill x", out_});
   desktop.Start({"-simulate", "\"insert\""});
   EXPECT_EQ(desktop.Stop(0), 0);
   EXPECT_TRUE(desktop.Holds("in.txt", "in\n"));

@@ -236,7 +236,7 @@ close x
 }
 
 TEST_F(Check, WhatIsTooLong) {
-  const auto x = [](int count) { return std::string(count, 'x'); };
+  const auto x = [](std::size_t count) { return std::string(count, 'x'); };
   Expect("[Command]\nWatch=~/bin/true ", x(1013) + R"(
 => 2: entry 'Watch' has 1024 characters and is cut; at most 1023 are meant)");
   Expect("[Command]\nWatch=config ",

@@ -62,11 +62,11 @@ class EventTable : public ::testing::Test {
   EventTable() { runtime::InitProductIdentity(); }
 
   void Configure(const std::string& insert, const std::string& remove) const {
-    folder.Write("system.conf", "[Watch Insert]\n" + insert + "[Watch Remove]\n" + remove);
+    folder_.Write("system.conf", "[Watch Insert]\n" + insert + "[Watch Remove]\n" + remove);
   }
-  TemporaryFolder folder;
-  ScopedVariable path{"qixconfigglobal", folder.Path("system.conf").c_str()};
-  Scripted machine{std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}}};
+  TemporaryFolder folder_;
+  ScopedVariable path_{"qixconfigglobal", folder_.Path("system.conf").c_str()};
+  Scripted machine_{std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}}};
 };
 
 TEST_F(EventTable, NamesAndCommandsAreCutAtTheirLimits) {
@@ -77,9 +77,9 @@ TEST_F(EventTable, NamesAndCommandsAreCutAtTheirLimits) {
   Configure("1=" + text + "\n", "1=" + text + "\n");
   watch::CWatchOptions record = Record("Config");
   const TraceCapture trace;
-  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine.platform));
+  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine_.platform));
   EXPECT_TRUE(trace.Has("Watch - Execute insert command: " + text.substr(0, 511)));
-  watch::OnRemoveEvent(record, 1, machine.platform);
+  watch::OnRemoveEvent(record, 1, machine_.platform);
   EXPECT_TRUE(trace.Has("Watch - Execute remove command: " + text.substr(0, 255)));
 }
 
@@ -107,37 +107,37 @@ TEST_F(EventTable, GatesAskThreeTimesASecond) {
   watch::CWatchOptions record = Record("kill x");
   record.match = "cn=ann lee";
   record.insertWait = 2;
-  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine.platform));
-  EXPECT_EQ(machine.clock.slept, std::vector<unsigned>(6, 333));
+  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine_.platform));
+  EXPECT_EQ(machine_.clock.slept, std::vector<unsigned>(6, 333));
 
-  machine.clock.slept.clear();
-  machine.clock.inSleep = [this] {
-    if (machine.clock.slept.size() == 2) machine.reader.tokens.clear();
+  machine_.clock.slept.clear();
+  machine_.clock.inSleep = [this] {
+    if (machine_.clock.slept.size() == 2) machine_.reader.tokens.clear();
   };
   const TraceCapture trace;
-  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine.platform)) << "pulled meanwhile";
-  EXPECT_EQ(machine.clock.slept.size(), 2U);
+  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine_.platform)) << "pulled meanwhile";
+  EXPECT_EQ(machine_.clock.slept.size(), 2U);
   EXPECT_TRUE(trace.Has("Watch - Inserted event ... FAILED"));
   EXPECT_FALSE(trace.Has("Watch - Execute insert command: kill x"));
   record.match = "";
-  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine.platform)) << "without a match nobody asks";
+  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine_.platform)) << "without a match nobody asks";
 
-  machine.clock.stop = true;
-  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine.platform)) << "the process is to stop";
-  machine.clock.stop = false;
-  machine.clock.inSleep = [] { throw std::bad_alloc(); };
-  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine.platform));
+  machine_.clock.stop = true;
+  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine_.platform)) << "the process is to stop";
+  machine_.clock.stop = false;
+  machine_.clock.inSleep = [] { throw std::bad_alloc(); };
+  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine_.platform));
   EXPECT_EQ(trace.Count("Watch - Sleep exception"), 6U);
 
   record.removeWait = 1;
-  machine.clock = {};
-  watch::OnRemoveEvent(record, 1, machine.platform);
-  EXPECT_EQ(machine.clock.slept.size(), 0U) << "only endings, and nothing to end";
+  machine_.clock = {};
+  watch::OnRemoveEvent(record, 1, machine_.platform);
+  EXPECT_EQ(machine_.clock.slept.size(), 0U) << "only endings, and nothing to end";
   record.rest = "config";
-  const std::size_t opened = trace.Count("Config - Open '" + folder.Path("system.conf") + "' (r)");
-  watch::OnRemoveEvent(record, 1, machine.platform);
-  EXPECT_EQ(machine.clock.slept.size(), 3U);
-  EXPECT_EQ(trace.Count("Config - Open '" + folder.Path("system.conf") + "' (r)"), opened + 2)
+  const std::size_t opened = trace.Count("Config - Open '" + folder_.Path("system.conf") + "' (r)");
+  watch::OnRemoveEvent(record, 1, machine_.platform);
+  EXPECT_EQ(machine_.clock.slept.size(), 3U);
+  EXPECT_EQ(trace.Count("Config - Open '" + folder_.Path("system.conf") + "' (r)"), opened + 2)
       << "the handler and its gate";
 }
 
@@ -148,8 +148,8 @@ TEST_F(EventTable, SimulationWaitsForEitherKindAsAnInsertDoes) {
   record.insertWait = 1;
   record.removeWait = 9;
   const TraceCapture trace;
-  EXPECT_EQ(watch::SimulateEvent(record, machine.platform), 0);
-  EXPECT_EQ(machine.clock.slept.size(), 3U) << "an empty entry is an ordinary one";
+  EXPECT_EQ(watch::SimulateEvent(record, machine_.platform), 0);
+  EXPECT_EQ(machine_.clock.slept.size(), 3U) << "an empty entry is an ordinary one";
   EXPECT_TRUE(trace.Has("Watch - Simulate other at 2 failed"));
   EXPECT_TRUE(trace.Has("Watch - Execute insert command: kill z")) << "failures go on";
 }
@@ -452,9 +452,9 @@ TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
     SCOPED_TRACE(row.back);
     Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}, {0, {{1}}}});
     desk.clock.inSleep = [&] {
-      if (desk.reader.taken == 1) folder.Write("system.conf", "");
+      if (desk.reader.taken == 1) folder_.Write("system.conf", "");
       if (desk.reader.taken == 1 && row.isMissing) {
-        std::filesystem::remove(folder.Path("system.conf"));
+        std::filesystem::remove(folder_.Path("system.conf"));
       }
       if (desk.reader.taken + 1 == row.back) Configure("", "1=set -registry x\n");
     };
