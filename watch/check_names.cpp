@@ -99,6 +99,7 @@ class NameCheck {
  private:
   void CheckSection(CheckedRole role, const CheckedFile& file, const CheckedSection& section) {
     const Place place = file.At(section.line);
+    if (role == CheckedRole::kSystem) CheckWatched(place, section.name);
     if (!Contains(sections_, section.name)) return CheckUnread(place, section.name);
     const bool isEvent = std::ranges::any_of(eventSections_, [&section](const std::string& event) {
       return runtime::EqualsNoCase(section.name, event);
@@ -111,6 +112,13 @@ class NameCheck {
     } else if (!isEvent) {
       CheckEntries(file, section);
     }
+  }
+  /// A file without all of these sections is one for other programs, or for the bridge.
+  void CheckWatched(const Place& place, std::string_view section) {
+    const bool isOfWatch =
+        runtime::EqualsNoCase(section, kCommandSection) || LooksLikeEventSection(section);
+    if (hasWatchers_ || !isOfWatch || std::exchange(isUnwatchedTold_, true)) return;
+    mistakes_.Add(place, "nothing is watched", "an entry 'Watch' in section 'Command' is meant");
   }
   void CheckUnread(const Place& place, std::string_view section) {
     const bool isEvent = LooksLikeEventSection(section);
@@ -154,6 +162,7 @@ class NameCheck {
   }
 
   bool hasWatchers_;
+  bool isUnwatchedTold_ = false;
   std::vector<std::string> eventSections_;
   Names sections_;  ///< all that are read
   Mistakes& mistakes_;

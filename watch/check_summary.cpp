@@ -38,7 +38,7 @@ class Summary {
   void AddSections(const CWatchOptions& record) {
     const std::optional<EventSections> sections = EventSectionsOf(record);
     if (!sections) return;
-    AddLine("  On insertion, in this order, up to the first that fails:");
+    AddLine("  On insertion, in this order, up to a set, load, extern or close that fails:");
     AddList(EventKind::kInsert, sections->insert);
     AddLine("  On removal, in this order, all of them:");
     AddList(EventKind::kRemove, sections->remove);

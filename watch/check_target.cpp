@@ -12,11 +12,10 @@
 #include "runtime/text.h"
 #include "watch/check_placeholders.h"
 #include "watch/command.h"
+#include "watch/logon_file.h"
 
 namespace qixx::watch {
 namespace {
-
-constexpr std::string_view kOtherUser = "check as the user that the service runs as";
 
 bool May(const std::string& path, int mode) {
   return ::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0;
@@ -86,6 +85,10 @@ bool IsFolder(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+bool MayWrite(const std::string& path) {
+  return May(path, F_OK) ? May(path, W_OK) : May(FolderOf(path), W_OK | X_OK);
+}
+
 void CheckProgramPath(const Place& place, const std::string& program, Mistakes& mistakes) {
   if (program.size() > kMaxProgram) {
     mistakes.Add(place, "the program's path has more than 255 characters",
@@ -144,8 +147,14 @@ void CheckValuesPath(const Place& place, const std::string& file, Mistakes& mist
   PathCheck path(place, "file", file, mistakes);
   if (!path.CheckWhole() || !path.CheckThere()) return;
   if (!May(file, W_OK)) return path.Add(" may not be written", kOtherUser);
+  const std::string copy = file + ".org";
+  if (const std::string fault = FaultOfSavedCopy(file); !fault.empty()) {
+    PathCheck(place, "saved copy", copy, mistakes)
+        .Add(" is " + fault + ", so nothing is set",
+             "a file of the service's user with one name is meant");
+  }
   const std::string folder = FolderOf(file);
-  if (May(folder, W_OK | X_OK)) return;
+  if (May(folder, W_OK | X_OK) || May(copy, F_OK)) return;
   PathCheck(place, "folder", folder, mistakes)
       .Add(" may not be written, so there can be no saved copy '.org'", kOtherUser);
 }
@@ -153,9 +162,7 @@ void CheckValuesPath(const Place& place, const std::string& file, Mistakes& mist
 void CheckOutputPath(const Place& place, const std::string& file, Mistakes& mistakes) {
   if (file == "/dev/null") return;
   PathCheck path(place, "file", file, mistakes);
-  if (!path.CheckWhole()) return;
-  const bool mayWrite = May(file, F_OK) ? May(file, W_OK) : May(FolderOf(file), W_OK | X_OK);
-  if (!mayWrite) path.Add(" may not be written", kOtherUser);
+  if (path.CheckWhole() && !MayWrite(file)) path.Add(" may not be written", kOtherUser);
 }
 
 }  // namespace qixx::watch

@@ -1,6 +1,7 @@
 // What a configuration names outside itself: programs, libraries, documents and files.
 //
-// Each is looked at with the rights of the user who checks, and none is opened.
+// Each is looked at with the rights of the user who checks. None is opened but a saved copy and the
+// file that it is of.
 #pragma once
 
 #include <string>
@@ -10,9 +11,14 @@
 
 namespace qixx::watch {
 
+/// What is meant where rights are missing.
+inline constexpr std::string_view kOtherUser = "check as the user that the service runs as";
+
 /// Up to and with the last '/'; "." for a path without one.
 [[nodiscard]] std::string FolderOf(const std::string& path);
 [[nodiscard]] bool IsFolder(const std::string& path);
+/// Whether a file may be written, or made where it is missing.
+[[nodiscard]] bool MayWrite(const std::string& path);
 
 /// A program is started by its whole path, and never by what a card says.
 void CheckProgramPath(const Place& place, const std::string& program, Mistakes& mistakes);

@@ -37,6 +37,9 @@ void CheckTraceFile(const Place& place, const std::string& path, bool isCall, Mi
   } else if (!IsFolder(folder)) {
     mistakes.Add(place, "there is no folder " + Quoted(folder) + ", so nothing is traced",
                  "make it, or name another");
+  } else if (!MayWrite(path)) {
+    mistakes.Add(place, "trace file " + Quoted(path) + " may not be written, so nothing is traced",
+                 kOtherUser);
   }
 }
 

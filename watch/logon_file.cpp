@@ -88,6 +88,8 @@ const char* FaultOfCopy(const struct stat& copy, const struct stat* file,
   return nullptr;
 }
 
+constexpr const char* kNoReadableCopy = "a link or no readable file";
+
 struct stat StatusOfFolder(const runtime::FilePlace& place) {
   struct stat status {};
   if (::fstat(place.Folder(), &status) != 0) status = {};
@@ -201,7 +203,7 @@ bool EditedFile::RefuseCopy(const char* reason) {
 
 bool EditedFile::Restore() {
   copy_ = saved_.Open(O_RDONLY);
-  if (!copy_.IsOpen()) return RefuseCopy("a link or no readable file");
+  if (!copy_.IsOpen()) return RefuseCopy(kNoReadableCopy);
   const struct stat* const file = file_.IsOpen() ? &status_ : nullptr;
   const char* fault = FaultOfCopy(runtime::StatusOf(copy_), file, StatusOfFolder(saved_));
   std::optional<std::string> text;
@@ -303,6 +305,19 @@ bool SetConfigValue(const std::string& path, std::string_view name, std::string_
 bool BackupOrRestoreConfigFile(const std::string& path) {
   EditedFile file(path);
   return file.Told(file.SaveOrRestore() && file.Write());
+}
+
+std::string FaultOfSavedCopy(const std::string& path) {
+  const runtime::FoundFile found = runtime::FindFile(path);
+  const runtime::FilePlace saved = found.named.WithSuffix(kSavedCopySuffix);
+  if (saved.IsMissing()) return {};
+  const runtime::Descriptor copy = saved.Open(O_RDONLY);
+  if (!copy.IsOpen()) return kNoReadableCopy;
+  const runtime::Descriptor file = found.real.Open(O_RDONLY);
+  const struct stat status = runtime::StatusOf(file);
+  const char* const fault = FaultOfCopy(runtime::StatusOf(copy), file.IsOpen() ? &status : nullptr,
+                                        StatusOfFolder(saved));
+  return fault != nullptr ? fault : "";
 }
 
 }  // namespace qixx::watch

@@ -48,5 +48,8 @@ bool SetConfigValue(const std::string& path, std::string_view name, std::string_
 /// Saves a copy beside the file (".org") or, when there is one, restores the file from it. The copy
 /// is a regular file with one name, no link, and belongs to the service's user or the file's owner.
 bool BackupOrRestoreConfigFile(const std::string& path);
+/// What is wrong with the saved copy that a file has; empty when nothing is, or there is none.
+/// Changes nothing and holds nothing.
+[[nodiscard]] std::string FaultOfSavedCopy(const std::string& path);
 
 }  // namespace qixx::watch

@@ -300,7 +300,7 @@ Anything=x
   EXPECT_EQ(Replaced(result.output, folder_.Path(), "@"), R"(@/x.conf: checked as the system's file
 
 Watcher 'Watch' (@/x.conf:7), only cards that match 'cn=Ann|FF', insertions wait 5 s, removals wait 2 s, no removal before an insertion
-  On insertion, in this order, up to the first that fails:
+  On insertion, in this order, up to a set, load, extern or close that fails:
     1. start @/program --title "%USERNAME% of %OID.o%" > /dev/null
     3. at the same time: write the logon values into @/mail.conf
     4. nothing, without success (close x)
@@ -310,13 +310,13 @@ Watcher 'Watch' (@/x.conf:7), only cards that match 'cn=Ann|FF', insertions wait
     3. nothing, with success (kill x)
 
 Watcher 'Door' (@/x.conf:8), only cards that can be read
-  On insertion, in this order, up to the first that fails:
+  On insertion, in this order, up to a set, load, extern or close that fails:
     1. start @/program
   On removal, in this order, all of them:
     nothing
 
 Watcher 'Yard' (@/x.conf:9)
-  On insertion, in this order, up to the first that fails:
+  On insertion, in this order, up to a set, load, extern or close that fails:
     1. start @/program
   On removal, in this order, all of them:
     nothing
@@ -331,6 +331,22 @@ Watcher 'Gate' (@/x.conf:11)
     start @/program x
   On removal:
     put @/mail.conf.org back and clear it
+)");
+}
+
+TEST_F(Check, FileWithoutAWatchCommand) {
+  Expect("", R"([Command]
+[Watch Remove]
+1=@/program => 1: nothing is watched; an entry 'Watch' in section 'Command' is meant
+[Watch Insert] => 1: nothing is watched; an entry 'Watch' in section 'Command' is meant
+)");
+  EXPECT_EQ(Run("[Pkcs11]\nModule=x\n").exitCode, 0) << "for the bridge in other programs";
+}
+
+TEST_F(Check, SavedCopyThatIsNotTaken) {
+  fs::create_symlink(folder_.Path("plain"), folder_.Path("mail.conf.org"));
+  Expect(kRemove, R"(1=set -config @/mail.conf
+=> 4: saved copy '@/mail.conf.org' is a link or no readable file, so nothing is set; a file of the service's user with one name is meant
 )");
 }
 
