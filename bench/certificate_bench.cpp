@@ -16,7 +16,7 @@
 #include "der/spare_certificate.h"
 #include "pkcs11/reader.h"
 #include "pkcs11/wrapper.h"
-#include "runtime/files.h"
+#include "runtime/product.h"
 #include "tests/support/environment.h"
 #include "tests/support/openssl.h"
 #include "tests/support/temporary_folder.h"

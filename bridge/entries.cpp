@@ -291,8 +291,7 @@ struct Entries : PlainEntries {
   static CK_RV GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULONG_PTR count) {
     return AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
       if (count == nullptr) return CKR_ARGUMENTS_BAD;
-      std::vector<CK_SLOT_ID> numbers;
-      const CK_RV result = slots.List(tokenPresent != CK_FALSE, list == nullptr, numbers);
+      const auto [result, numbers] = slots.List(tokenPresent != CK_FALSE, list == nullptr);
       return result == CKR_OK ? HandOutList(numbers, list, *count) : result;
     });
   }
@@ -366,8 +365,7 @@ template <typename Operation>
 CK_RV AnswerForFirstToken(const Operation& operation) {
   CK_SLOT_ID first = 0;
   const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
-    std::vector<CK_SLOT_ID> numbers;
-    const CK_RV listed = slots.List(true, true, numbers);
+    const auto [listed, numbers] = slots.List(true, true);
     if (listed == CKR_OK && !numbers.empty()) first = numbers.front();
     return listed == CKR_OK && first == 0 ? CKR_TOKEN_NOT_PRESENT : listed;
   });
@@ -401,8 +399,7 @@ CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) {
 CK_RV GetVariable(const char* name, char* value, CK_ULONG_PTR length) {
   return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
     if (name == nullptr || length == nullptr) return CKR_ARGUMENTS_BAD;
-    std::string text;
-    const CK_RV result = ReadVariable(module, slot, name, text);
+    const auto [result, text] = ReadVariable(module, slot, name);
     if (result != CKR_OK) return result;
     const CK_ULONG room = *length;
     *length = text.size() + 1;  // the terminator counts

@@ -10,16 +10,14 @@
 #include "config/store.h"
 #include "runtime/files.h"
 #include "runtime/loader.h"
+#include "runtime/product.h"
+#include "runtime/text.h"
 #include "runtime/trace.h"
 
 namespace qixx::bridge {
 namespace {
 
 constexpr const char* kDefaultModule = "opensc-pkcs11.so";
-
-/// Longer values of the configuration are cut.
-constexpr std::size_t kMaxSetting = 255;
-constexpr std::size_t kMaxPatterns = 1023;
 
 /// Where distributions keep PKCS#11 modules. The first is the folder of this machine's architecture
 /// where there is one.
@@ -46,7 +44,7 @@ struct Settings {
 };
 
 std::string ReadText(config::CConfig& config, const char* section, const char* entry,
-                     std::size_t maxLength = kMaxSetting) {
+                     std::size_t maxLength = runtime::kMaxText) {
   std::optional<config::ConfigValue> value = config.GetString(section, entry, maxLength);
   return value ? std::move(value->text) : std::string();
 }
@@ -58,8 +56,8 @@ Settings ReadSettings() {
   std::string trace = ReadText(config, "Trace", "bridge");
   if (trace.empty()) trace = ReadText(config, "Trace", "File");
   std::string module = ReadText(config, "Pkcs11", "Module");
-  ReaderFilter filter(ReadText(config, "Pkcs11", "Readers", kMaxPatterns),
-                      ReadText(config, "Pkcs11", "Ignore", kMaxPatterns));
+  ReaderFilter filter(ReadText(config, "Pkcs11", "Readers", runtime::kMaxLine),
+                      ReadText(config, "Pkcs11", "Ignore", runtime::kMaxLine));
   config.Close(true);
   // Each switching on writes a line, and a module that is missing is asked for again and again.
   if (!trace.empty() && !runtime::TraceIsOn()) runtime::TraceSetFile(trace.c_str());

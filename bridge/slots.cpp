@@ -4,15 +4,15 @@
 #include <string>
 #include <utility>
 
+#include "pkcs11/extended.h"
 #include "runtime/clock.h"
 #include "runtime/trace.h"
 
 namespace qixx::bridge {
 namespace {
 
-// How the service counts: see CHelperPkcs11::NormalizeSlotId.
-constexpr CK_SLOT_ID kGroupSize = 3;
-constexpr CK_SLOT_ID kLastGroup = 94;
+/// The first number of the last group.
+constexpr CK_SLOT_ID kLastGroup = pkcs11::kLastGroupedSlot - pkcs11::kSlotGroupSize + 1;
 
 /// What a module may make us hold, whatever it says.
 constexpr CK_ULONG kMaxSlots = 4096;
@@ -59,17 +59,16 @@ void Slots::End() {
   readers_.Close();
 }
 
-CK_RV Slots::List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers) {
+SlotList Slots::List(bool withToken, bool refresh) {
   isUsed_ = true;
   if (isStale_ || (refresh && !withToken)) Refresh();
-  std::vector<CK_SLOT_ID> ids;
-  const CK_RV result = ListModule(withToken, refresh && withToken, ids);
-  if (result != CKR_OK) return result;
+  const auto [result, ids] = ListModule(withToken, refresh && withToken);
+  if (result != CKR_OK) return {result, {}};
   if (!std::all_of(ids.begin(), ids.end(), [this](CK_SLOT_ID id) { return ById(id) != nullptr; })) {
     Refresh();
   }
   if (withToken) PollReaders();
-  numbers.clear();
+  std::vector<CK_SLOT_ID> numbers;
   for (const CK_SLOT_ID id : ids) {
     const Slot* const slot = ById(id);
     if (slot != nullptr && (!withToken || IsShownWithToken(*slot))) numbers.push_back(slot->number);
@@ -78,7 +77,7 @@ CK_RV Slots::List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers
     AddPcscCards(numbers);
     PutFirst(numbers);
   }
-  return CKR_OK;
+  return {CKR_OK, std::move(numbers)};
 }
 
 /// Of a slot that the module lists with a token. It may not have seen yet that the card has gone.
@@ -286,8 +285,9 @@ void Slots::DrainModuleEvents() {
   }
 }
 
-CK_RV Slots::ListModule(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& ids) const {
+SlotList Slots::ListModule(bool withToken, bool refresh) const {
   const CK_BBOOL present = withToken ? CK_TRUE : CK_FALSE;
+  std::vector<CK_SLOT_ID> ids;
   CK_ULONG count = 0;
   // Some modules look for new readers when they are asked for the number alone.
   CK_RV result = refresh ? module_->C_GetSlotList(present, nullptr, &count) : CKR_OK;
@@ -297,19 +297,19 @@ CK_RV Slots::ListModule(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& i
     result = module_->C_GetSlotList(present, ids.data(), &count);
     if (result == CKR_OK) {
       ids.resize(std::min<std::size_t>(count, ids.size()));
-      return CKR_OK;
+      return {CKR_OK, std::move(ids)};
     }
     if (result == CKR_BUFFER_TOO_SMALL) result = module_->C_GetSlotList(present, nullptr, &count);
   }
-  return result == CKR_OK ? CKR_BUFFER_TOO_SMALL : result;
+  return {result == CKR_OK ? CKR_BUFFER_TOO_SMALL : result, {}};
 }
 
 /// Brings everything up to what the module lists now. A list that fails says nothing. A slot of
 /// which nothing can be read shows no token, and gets no number before something can.
 void Slots::Refresh() {
   refreshed_ = runtime::MonotonicMilliseconds();
-  std::vector<CK_SLOT_ID> ids;
-  if (ListModule(false, true, ids) != CKR_OK) return;
+  const auto [result, ids] = ListModule(false, true);
+  if (result != CKR_OK) return;
   std::vector<SlotSnapshot> snapshots;
   snapshots.reserve(ids.size());
   for (const CK_SLOT_ID id : ids) {
@@ -386,13 +386,14 @@ void Slots::Add(const SlotSnapshot& snapshot) {
 /// For another slot of a reader one of that reader's numbers, as long as it has any.
 CK_SLOT_ID Slots::NewNumber(const Slot* first) {
   if (first != nullptr && first->number <= kLastGroup) {
-    for (CK_SLOT_ID number = first->number + 1; number < first->number + kGroupSize; ++number) {
+    for (CK_SLOT_ID number = first->number + 1; number < first->number + pkcs11::kSlotGroupSize;
+         ++number) {
       if (ByNumber(number) == nullptr) return number;
     }
   }
   CK_SLOT_ID& next = first == nullptr && nextGroup_ <= kLastGroup ? nextGroup_ : nextSingle_;
   const CK_SLOT_ID number = next;
-  next += &next == &nextGroup_ ? kGroupSize : 1;
+  next += &next == &nextGroup_ ? pkcs11::kSlotGroupSize : 1;
   return number;
 }
 

@@ -34,6 +34,12 @@
 
 namespace qixx::bridge {
 
+/// Slots, by their numbers or by the module's ids.
+struct SlotList {
+  CK_RV result;
+  std::vector<CK_SLOT_ID> slots;  ///< for CKR_OK
+};
+
 class Slots {
  public:
   /// Begins to watch: what is there now is no event. Of the cards that are in now the first
@@ -47,7 +53,7 @@ class Slots {
 
   /// The numbers of the slots in the module's order. With `withToken` the card that was told of, or
   /// will be told of next, comes first. `refresh` asks the module to look for new slots.
-  CK_RV List(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& numbers);
+  SlotList List(bool withToken, bool refresh);
   /// What is known of a slot without the module; nothing where the module is to be asked.
   [[nodiscard]] std::optional<CK_SLOT_INFO> Info(CK_SLOT_ID number);
   /// The module's id of a slot that it lists now: it may use that of another one anew.
@@ -101,7 +107,7 @@ class Slots {
   [[nodiscard]] bool NeedsModule() const;
   [[nodiscard]] bool KnowsAllReaders() const;
   [[nodiscard]] bool HasTwin(const Slot& slot) const;
-  CK_RV ListModule(bool withToken, bool refresh, std::vector<CK_SLOT_ID>& ids) const;
+  [[nodiscard]] SlotList ListModule(bool withToken, bool refresh) const;
 
   void Place(std::vector<SlotSnapshot>& snapshots);
   void Add(const SlotSnapshot& snapshot);

@@ -1,38 +1,19 @@
 #include "bridge/variables.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
+#include <span>
+#include <utility>
 #include <vector>
 
 #include "pkcs11/token_variables.h"
-#include "runtime/files.h"
+#include "pkcs11/variable_template.h"
 
 namespace qixx::bridge {
 namespace {
 
 using Variables = std::vector<pkcs11::TokenVariable>;
 using StoredText = std::vector<std::uint8_t>;
-
-constexpr CK_ULONG kMaxStore = CK_ULONG{1024} * 1024;
-
-/// The store's attributes: five to find it by, and its value.
-struct StoreTemplate {
-  CK_OBJECT_CLASS objectClass = CKO_DATA;
-  CK_BBOOL onToken = CK_TRUE;
-  CK_BBOOL isPrivate = CK_FALSE;
-  std::string application{runtime::Product().name};
-
-  std::array<CK_ATTRIBUTE, 6> Attributes(StoredText& value) {
-    return {{{CKA_CLASS, &objectClass, sizeof objectClass},
-             {CKA_TOKEN, &onToken, sizeof onToken},
-             {CKA_PRIVATE, &isPrivate, sizeof isPrivate},
-             {CKA_APPLICATION, application.data(), application.size()},
-             {CKA_LABEL, application.data(), 0},
-             {CKA_VALUE, value.data(), value.size()}}};
-  }
-};
-constexpr CK_ULONG kToFind = 5;
 
 auto FindIn(std::vector<pkcs11::TokenVariable>& variables, std::string_view name) {
   return std::find_if(variables.begin(), variables.end(),
@@ -78,10 +59,9 @@ CK_RV Store::Load(Variables& variables) {
 }
 
 CK_RV Store::Find() {
-  StoreTemplate wanted;
-  StoredText none;
-  auto attributes = wanted.Attributes(none);
-  CK_RV result = module_.C_FindObjectsInit(session_, attributes.data(), kToFind);
+  pkcs11::VariableTemplate wanted(false);
+  const std::span<CK_ATTRIBUTE> attributes = wanted.ToFind();
+  CK_RV result = module_.C_FindObjectsInit(session_, attributes.data(), attributes.size());
   if (result != CKR_OK) return result;
   CK_ULONG count = 0;
   result = module_.C_FindObjects(session_, &object_, 1, &count);
@@ -94,7 +74,7 @@ CK_RV Store::Read(StoredText& stored) {
   CK_ATTRIBUTE attribute = {CKA_VALUE, nullptr, 0};
   CK_RV result = module_.C_GetAttributeValue(session_, object_, &attribute, 1);
   if (result != CKR_OK) return result;
-  if (attribute.ulValueLen > kMaxStore) return CKR_DATA_LEN_RANGE;
+  if (attribute.ulValueLen > pkcs11::kMaxStoredBytes) return CKR_DATA_LEN_RANGE;
   stored.resize(attribute.ulValueLen);
   attribute.pValue = stored.data();
   result = module_.C_GetAttributeValue(session_, object_, &attribute, 1);
@@ -103,26 +83,25 @@ CK_RV Store::Read(StoredText& stored) {
 }
 
 CK_RV Store::Save(const Variables& variables) {
-  StoredText stored = pkcs11::BuildTokenVariables(variables);
-  StoreTemplate written;
-  auto attributes = written.Attributes(stored);
+  const StoredText stored = pkcs11::BuildTokenVariables(variables);
+  pkcs11::VariableTemplate written(false);
+  const std::span<CK_ATTRIBUTE> attributes = written.ToCreate(stored);
   if (object_ == CK_INVALID_HANDLE) {
     return module_.C_CreateObject(session_, attributes.data(), attributes.size(), &object_);
   }
-  return module_.C_SetAttributeValue(session_, object_, &attributes[kToFind], 1);
+  return module_.C_SetAttributeValue(session_, object_, &attributes.back(), 1);
 }
 
 }  // namespace
 
-CK_RV ReadVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string_view name,
-                   std::string& value) {
+VariableAnswer ReadVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot,
+                            std::string_view name) {
   Store store(module, slot, 0);
   Variables variables;
-  if (const CK_RV result = store.Load(variables); result != CKR_OK) return result;
+  if (const CK_RV result = store.Load(variables); result != CKR_OK) return {result, {}};
   const auto found = FindIn(variables, name);
-  if (found == variables.end()) return CKR_DATA_INVALID;
-  value = found->value;
-  return CKR_OK;
+  if (found == variables.end()) return {CKR_DATA_INVALID, {}};
+  return {CKR_OK, std::move(found->value)};
 }
 
 CK_RV WriteVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string_view name,

@@ -12,10 +12,15 @@
 
 namespace qixx::bridge {
 
-/// CKR_DATA_INVALID when the token has no such variable; else what the module answers. `slot` is
-/// the module's. May throw std::bad_alloc.
-CK_RV ReadVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string_view name,
-                   std::string& value);
+struct VariableAnswer {
+  /// CKR_DATA_INVALID when the token has no such variable; else what the module answers.
+  CK_RV result;
+  std::string value;  ///< for CKR_OK
+};
+
+/// `slot` is the module's. May throw std::bad_alloc.
+[[nodiscard]] VariableAnswer ReadVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot,
+                                          std::string_view name);
 /// Writes the store anew, making it where there is none; an empty value takes the variable away.
 /// CKR_ARGUMENTS_BAD for a text that the store cannot hold.
 CK_RV WriteVariable(const CK_FUNCTION_LIST& module, CK_SLOT_ID slot, std::string_view name,

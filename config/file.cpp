@@ -32,10 +32,6 @@ std::size_t WholeSteps(std::size_t bytes) {
   return (bytes + kGrowthStep - 1) / kGrowthStep;
 }
 
-std::string CutName(std::string_view name) {
-  return std::string(name.substr(0, runtime::kMaxText));
-}
-
 }  // namespace
 
 CConfigFile::~CConfigFile() {
@@ -47,7 +43,7 @@ CConfigFile::~CConfigFile() {
 ConfigResult CConfigFile::LoadText(std::string_view data) {
   if (data.data() == nullptr || data.size() > kMaxLoadedText) return ConfigResult::kFailed;
   std::string text(data);
-  DetachTree();
+  tree_.reset();
   ForgetCursors();
   text_ = std::move(text);
   capacity_ = data.size() + kLoadedTextReserve;
@@ -109,7 +105,7 @@ ConfigResult CConfigFile::Close(bool release) {
   fileTime_ = 0;
   ForgetCursors();
   if (release) {
-    DetachTree();
+    tree_.reset();
     std::string().swap(text_);  // an assignment would keep the memory
     capacity_ = 0;
     hasText_ = false;
@@ -145,7 +141,7 @@ bool CConfigFile::WriteText() {
 }
 
 ConfigResult CConfigFile::Normalise() {
-  DetachTree();
+  tree_.reset();
   ForgetCursors();
   NormaliseLoaded(text_);
   if (text_.size() > kMaxConfigSize) return ConfigResult::kFailed;
@@ -181,15 +177,9 @@ void CConfigFile::ForgetCursors() {
   blockPosition_ = 0;
 }
 
-void CConfigFile::DetachTree() {
-  if (tree_ == nullptr) return;
-  CConfigTree::Instance().Release(tree_);
-  tree_ = nullptr;
-}
-
 /// After every change: the tree and what was remembered about the text are out of date.
 void CConfigFile::Touch() {
-  DetachTree();
+  tree_.reset();
   ForgetCursors();
   modified_ = true;
 }
@@ -327,7 +317,7 @@ ConfigResult CConfigFile::RenameSection(std::string_view oldName, std::string_vi
 
 void CConfigFile::Migrate(bool force) {
   if (!hasText_ || (!force && !LooksOld(text_))) return;
-  DetachTree();
+  tree_.reset();
   for (const SectionAlias& alias : SectionAliases()) {
     if (RenameSection(alias.oldName, alias.newName) != ConfigResult::kOk) break;
   }

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <ctime>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,16 +21,18 @@
 #include "config/tree.h"
 #include "runtime/descriptor.h"
 #include "runtime/file_place.h"
+#include "runtime/files.h"
 
 namespace qixx::config {
 
 /// The longest text that LoadText takes.
 inline constexpr std::size_t kMaxLoadedText = 1048576;
 /// The largest file that is opened; no change makes a text longer.
-inline constexpr std::size_t kMaxConfigSize = 64U << 20;
+inline constexpr std::size_t kMaxConfigSize = runtime::kMaxFileSize;
 
 /// A value that is asked for in a text is kNoSection or kNoEntry when it is missing, in a lookup
-/// tree kFailed. Without a text every operation gives kFailed.
+/// tree kFailed. Without a text every operation gives kFailed. What spare_file.cpp defines is
+/// spare.
 class CConfigFile : public CConfigItem {
  public:
   CConfigFile() = default;
@@ -107,7 +110,6 @@ class CConfigFile : public CConfigItem {
   bool TakeText(std::optional<std::string> content);
   bool WriteText();
   void ForgetCursors();
-  void DetachTree();
   void Touch();
   [[nodiscard]] bool FitsLimit(std::size_t bytes) const;
   ConfigResult MakeRoom(std::size_t bytes, Change change);
@@ -125,7 +127,7 @@ class CConfigFile : public CConfigItem {
   bool modified_ = false;
   bool encoded_ = false;
   std::time_t fileTime_ = 0;  ///< modification time when the file was opened, 0 for none
-  const LookupTree* tree_ = nullptr;
+  std::shared_ptr<const LookupTree> tree_;
 
   // Enumerations ask for one index after the other; these make such a walk linear.
   std::optional<EntryReader> entryCursor_;

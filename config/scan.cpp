@@ -132,6 +132,10 @@ std::string_view EntryName(std::string_view line) {
   return line.substr(0, line.find('='));
 }
 
+std::string CutName(std::string_view name) {
+  return std::string(name.substr(0, runtime::kMaxText));
+}
+
 std::string_view EntryValue(std::string_view line) {
   const std::size_t equals = line.find('=');
   return equals == kNoPosition ? std::string_view{}

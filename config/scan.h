@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "config/result.h"
@@ -100,6 +101,8 @@ class MarkReader {
 [[nodiscard]] bool IsEntryName(std::string_view name);
 /// The text in front of the first '=', else the whole line.
 [[nodiscard]] std::string_view EntryName(std::string_view line);
+/// A name as an enumeration hands it out: cut at 255 characters.
+[[nodiscard]] std::string CutName(std::string_view name);
 /// The text behind the first '=' without trailing blanks.
 [[nodiscard]] std::string_view EntryValue(std::string_view line);
 

@@ -17,10 +17,6 @@ std::string_view FileName(std::string_view path) {
   return slash == kNoPosition ? path : path.substr(slash + 1);
 }
 
-std::string CutName(std::string_view name) {
-  return std::string(name.substr(0, runtime::kMaxText));
-}
-
 void Erase(std::string& text, TextRange range) {
   text.erase(range.begin, range.end - range.begin);
 }

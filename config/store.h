@@ -76,7 +76,7 @@ class CConfig {
   /// for the life of the object, also for what is opened later.
   virtual std::optional<ConfigValue> GetString(std::string_view section, std::string_view entry,
                                                std::size_t maxLength = runtime::kMaxText);
-  /// Sets a value in the first item; Close brings it to the file.
+  /// spare: sets a value in the first item; Close brings it to the file.
   virtual ConfigResult SetString(std::string_view section, std::string_view entry,
                                  std::string_view value);
   /// Decimal, or hexadecimal behind "0x"; what is no number is 0.
@@ -84,8 +84,9 @@ class CConfig {
                                                    std::string_view entry);
   /// Such a number, compared with 0.
   virtual std::optional<bool> GetBoolean(std::string_view section, std::string_view entry);
-  /// The entry of this index in the first item or, when that has none, in the second. Each counts
-  /// its own from 0, so the second tells only what it has more. `index` grows with every call.
+  /// spare: the entry of this index in the first item or, when that has none, in the second. Each
+  /// counts its own from 0, so the second tells only what it has more. `index` grows with every
+  /// call.
   virtual std::optional<ConfigEntry> EnumEntries(std::size_t& index);
 
   /// True when at least one open item holds a text that is not empty: a configuration that
@@ -100,7 +101,7 @@ class CConfig {
   /// The same with the reason. Nothing is made.
   [[nodiscard]] static std::optional<ConfigPath> LocateLocal();
   [[nodiscard]] static std::optional<ConfigPath> LocateGlobal();
-  /// Process-wide: the built-in configuration takes the place of the system's file.
+  /// spare: process-wide, the built-in configuration takes the place of the system's file.
   static void SetStaticMode(bool on);
 
   // --- spare ------------------------------------------------------------------------------------

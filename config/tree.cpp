@@ -121,11 +121,8 @@ std::optional<std::string_view> LookupTree::FindValue(std::string_view section,
 
 CConfigTree::~CConfigTree() {
   const runtime::CriticalScope hold(&lock_);
-  for (Slot& slot : slots_) {
-    if (slot.useCount == 0) continue;
-    runtime::TraceWrite("Config - WARNING Tree cache in use");
-    // Whoever still reads it goes on reading it.
-    (void)slot.tree.release();
+  for (const Slot& slot : slots_) {
+    if (slot.IsInUse()) runtime::TraceWrite("Config - WARNING Tree cache in use");
   }
 }
 
@@ -134,26 +131,19 @@ CConfigTree& CConfigTree::Instance() {
   return *instance;
 }
 
-const LookupTree* CConfigTree::Attach(std::string_view path, std::string_view text) {
+std::shared_ptr<const LookupTree> CConfigTree::Attach(std::string_view path,
+                                                      std::string_view text) {
   const runtime::CriticalScope hold(&lock_);
   Slot& slot = ChooseSlot(path);
   if (slot.tree == nullptr || slot.tree->Text() != text) {
-    if (slot.useCount != 0) return nullptr;
+    if (slot.IsInUse()) return nullptr;
     slot.path = path;
     slot.tree = LookupTree::Build(text);
     slot.lastUse = 0;
     if (slot.tree == nullptr) return nullptr;
   }
   slot.lastUse = std::time(nullptr);
-  ++slot.useCount;
-  return slot.tree.get();
-}
-
-void CConfigTree::Release(const LookupTree* tree) {
-  const runtime::CriticalScope hold(&lock_);
-  for (Slot& slot : slots_) {
-    if (tree != nullptr && slot.tree.get() == tree && slot.useCount > 0) --slot.useCount;
-  }
+  return slot.tree;
 }
 
 CConfigTree::Slot& CConfigTree::ChooseSlot(std::string_view path) {

@@ -87,12 +87,12 @@ class LookupTree {
   std::vector<Node> nodes_;
 };
 
-/// The cache: three trees, each with the path it came from. Attach, release and destruction may be
-/// called from any thread; a tree is valid from its attach to its release.
+/// The cache: three trees, each with the path it came from. Attach and destruction may be called
+/// from any thread. Whoever holds a tree uses it, and may go on after the cache has gone.
 class CConfigTree {
  public:
   CConfigTree() = default;
-  /// Trees in use are reported and left alone.
+  /// Trees in use are reported.
   ~CConfigTree();
   CConfigTree(const CConfigTree&) = delete;
   CConfigTree& operator=(const CConfigTree&) = delete;
@@ -102,15 +102,16 @@ class CConfigTree {
 
   /// The tree of `text`, shared when the cache holds one with the same bytes. Null when no tree
   /// could be built or the place is taken by a tree in use: the text is then scanned.
-  [[nodiscard]] const LookupTree* Attach(std::string_view path, std::string_view text);
-  void Release(const LookupTree* tree);
+  [[nodiscard]] std::shared_ptr<const LookupTree> Attach(std::string_view path,
+                                                         std::string_view text);
 
  private:
   struct Slot {
     std::string path;
-    std::uint32_t useCount = 0;
     std::int64_t lastUse = 0;  ///< in seconds, 0 for never
-    std::unique_ptr<const LookupTree> tree;
+    std::shared_ptr<const LookupTree> tree;
+
+    [[nodiscard]] bool IsInUse() const { return tree.use_count() > 1; }
   };
 
   Slot& ChooseSlot(std::string_view path);

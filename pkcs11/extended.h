@@ -16,6 +16,11 @@ namespace qixx::pkcs11 {
 /// An attribute of the suite's certificate objects, eight bytes. Nothing here interprets it.
 inline constexpr CK_ATTRIBUTE_TYPE kSuiteAttribute = 0xFFFF0008;
 
+/// Slots are numbered in groups of so many up to this one, from then on each stands alone. The
+/// first of a group stands for all of it.
+inline constexpr CK_SLOT_ID kSlotGroupSize = 3;
+inline constexpr CK_SLOT_ID kLastGroupedSlot = 96;
+
 /// An argument that is only passed on: a number or a pointer, one machine word.
 using ExtensionWord = std::uintptr_t;
 

@@ -7,6 +7,7 @@
 
 #include "der/matching.h"
 #include "pkcs11/certificate_objects.h"
+#include "pkcs11/extended.h"
 #include "pkcs11/token_variables.h"
 #include "pkcs11/variable_object.h"
 #include "pkcs11/wrapper.h"
@@ -16,8 +17,6 @@ namespace qixx::pkcs11 {
 namespace {
 
 constexpr std::string_view kVirtualDescription = "Virtual Slot";
-constexpr CK_SLOT_ID kLastGroupedSlot = 96;
-constexpr CK_SLOT_ID kGroupSize = 3;
 
 /// Adds what the token holds. True when anything was added.
 bool ReadSlot(CK_SLOT_ID slot, const CertificateFilter& filter,
@@ -59,7 +58,7 @@ CK_SLOT_ID CHelperPkcs11::FindWatchSlot(bool readersOnly) {
 
 CK_SLOT_ID CHelperPkcs11::NormalizeSlotId(CK_SLOT_ID slot) {
   if (slot == 0 || slot > kLastGroupedSlot) return slot;
-  return (slot - 1) / kGroupSize * kGroupSize + 1;
+  return (slot - 1) / kSlotGroupSize * kSlotGroupSize + 1;
 }
 
 // --- one certificate ---------------------------------------------------------------------------

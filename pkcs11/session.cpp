@@ -13,14 +13,20 @@ constexpr CK_ULONG kMaxSlots = 4096;
 
 }  // namespace
 
-std::vector<CK_SLOT_ID> ListTokenSlots() {
+SlotList ListSlots(CK_BBOOL withToken) {
   CK_ULONG count = 0;
-  if (Pkcs11().GetSlotList(CK_TRUE, nullptr, &count) != CKR_OK || count == 0) return {};
+  CK_RV result = Pkcs11().GetSlotList(withToken, nullptr, &count);
+  if (result != CKR_OK || count == 0) return {result, {}};
   std::vector<CK_SLOT_ID> slots(std::min(count, kMaxSlots));
   count = slots.size();
-  if (Pkcs11().GetSlotList(CK_TRUE, slots.data(), &count) != CKR_OK) return {};
+  result = Pkcs11().GetSlotList(withToken, slots.data(), &count);
+  if (result != CKR_OK) return {result, {}};
   slots.resize(std::min<std::size_t>(count, slots.size()));
-  return slots;
+  return {CKR_OK, std::move(slots)};
+}
+
+std::vector<CK_SLOT_ID> ListTokenSlots() {
+  return ListSlots(CK_TRUE).slots;
 }
 
 std::optional<Session> Session::Open(CK_SLOT_ID slot, CK_RV* refusal) {

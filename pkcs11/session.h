@@ -13,8 +13,15 @@
 
 namespace qixx::pkcs11 {
 
-/// The slots that hold a token, in the library's order. None when a call fails, so also when a card
-/// comes in between the call for their number and the one for the slots.
+struct SlotList {
+  CK_RV result;  ///< of the first call that failed
+  std::vector<CK_SLOT_ID> slots;
+};
+
+/// All slots, or those that hold a token, in the library's order. None when a call fails, so also
+/// when one more appears between the call for their number and the one for the slots.
+[[nodiscard]] SlotList ListSlots(CK_BBOOL withToken);
+/// The slots that hold a token, by ListSlots.
 [[nodiscard]] std::vector<CK_SLOT_ID> ListTokenSlots();
 
 /// An open session, closed with its owner.

@@ -6,12 +6,6 @@
 #include "pkcs11/wrapper.h"
 
 namespace qixx::pkcs11 {
-namespace {
-
-/// A longer value is not read, whatever a library says.
-constexpr CK_ULONG kMaxStoredBytes = 1 << 20;
-
-}  // namespace
 
 std::optional<SessionObject> FindVariableObject(CK_SLOT_ID slot, bool isPrivate) {
   if (slot == 0) return std::nullopt;

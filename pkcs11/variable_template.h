@@ -9,6 +9,9 @@
 
 namespace qixx::pkcs11 {
 
+/// A longer value of the object is not read, whatever a library says.
+inline constexpr CK_ULONG kMaxStoredBytes = 1 << 20;
+
 /// The attributes of the object for public or for private variables. They point into this.
 class VariableTemplate {
  public:

@@ -79,8 +79,8 @@ class CWrapperPkcs11 final : private CForwarderPkcs11 {
   bool EnsureLoaded() override;
   /// Gives the library up; the initialise count stays. False when there is none.
   bool Release();
-  /// Which library the next load takes; an empty text stands for the product's. A path longer than
-  /// kMaxLibraryPath is refused.
+  /// spare: which library the next load takes; an empty text stands for the product's. A path
+  /// longer than kMaxLibraryPath is refused.
   bool SetLibraryPath(std::string_view path);
 
   /// A descriptor that is readable when a poll for slot events would have something to tell; -1

@@ -47,8 +47,8 @@ class Descriptor {
 [[nodiscard]] std::optional<std::string> ReadToEnd(const Descriptor& file, std::size_t maxLength);
 /// False when not all could be written.
 bool WriteFully(const Descriptor& file, std::string_view data);
-/// Writes the whole rest of `from` over `to` and cuts `to` to what was written, so that a file
-/// copied onto itself stays as it is. False when it is not complete.
+/// spare: writes the whole rest of `from` over `to` and cuts `to` to what was written, so that a
+/// file copied onto itself stays as it is. False when it is not complete.
 bool CopyContent(const Descriptor& from, const Descriptor& to);
 
 }  // namespace qixx::runtime

@@ -10,8 +10,6 @@
 #include <string>
 #include <string_view>
 
-#include "runtime/product.h"
-
 namespace qixx::runtime {
 
 /// Larger files are not read.
@@ -33,9 +31,9 @@ bool CreatePath(const std::string& path);
 /// is longer than kMaxText.
 std::string GetCallingApplication();
 
-/// This platform keeps no credential store, so there is never one.
+/// spare: this platform keeps no credential store, so there is never one.
 [[nodiscard]] std::optional<std::string> GetStoredCredential(std::string_view name);
-/// Does nothing, for the same reason.
+/// spare: does nothing, for the same reason.
 void ResetStoredCredential(std::string_view name);
 
 }  // namespace qixx::runtime

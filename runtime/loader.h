@@ -93,8 +93,8 @@ struct FailedOpen {
 [[nodiscard]] std::string InstallDirectory();
 /// "/usr/lib/" unless set.
 [[nodiscard]] std::string LibraryDirectory();
-/// A '/' is appended where it is missing. A directory longer than kMaxText is ignored; an empty one
-/// goes back to "/usr/lib/".
+/// spare: a '/' is appended where it is missing. A directory longer than kMaxText is ignored; an
+/// empty one goes back to "/usr/lib/".
 void SetLibraryDirectory(std::string_view directory);
 
 /// "library path,function arguments" taken apart, at the first comma and the first blank behind it.
@@ -109,8 +109,8 @@ struct ExternalCall {
 /// "library path,function arguments": calls the function once, with a copy of the arguments that it
 /// may write to. No search for the library. True when the function was called and came back.
 bool CallExternal(std::string_view text);
-/// Hands the arguments to the main library's "EntryAdmin". Returns its result, -1 when there is
-/// none, or it did not come back.
+/// spare: hands the arguments to the main library's "EntryAdmin". Returns its result, -1 when there
+/// is none, or it did not come back.
 int CallAdminEntry(std::string_view arguments);
 
 }  // namespace qixx::runtime

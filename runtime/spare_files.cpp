@@ -11,6 +11,7 @@
 #include "runtime/descriptor.h"
 #include "runtime/files.h"
 #include "runtime/loader.h"
+#include "runtime/product.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 

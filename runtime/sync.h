@@ -42,6 +42,7 @@ class CCritical {
   /// deliberately.
   std::uint32_t Enter();
   std::uint32_t Leave();
+  /// spare.
   [[nodiscard]] bool IsHeldByOtherThread() const;
   /// How many sections of the process are initialised.
   [[nodiscard]] static std::uint64_t LiveCount();

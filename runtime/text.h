@@ -92,16 +92,16 @@ inline constexpr std::size_t kMaxLine = 1023;
 /// Decimal number: leading blanks skipped, then digits up to the first other character. No digit
 /// gives 0 (so does a sign); a number too large saturates.
 [[nodiscard]] std::uint64_t ParseDecimal(std::string_view text);
-/// As ParseDecimal with an optional leading '-'; saturates at both ends.
+/// spare: as ParseDecimal with an optional leading '-'; saturates at both ends.
 [[nodiscard]] std::int64_t ParseSigned(std::string_view text);
 /// As ParseDecimal, or hexadecimal after a leading "0x" in either case; saturates.
 [[nodiscard]] std::uint64_t ParseNumber(std::string_view text);
 
 // --- replacement ------------------------------------------------------------------------------
 
-/// Replaces every occurrence of `from`, searching on behind each replacement, so a `to` that holds
-/// `from` is not replaced again. Stops before a result longer than `maxLength`. Nothing happens for
-/// an empty `from` or when both are equal.
+/// spare: replaces every occurrence of `from`, searching on behind each replacement, so a `to` that
+/// holds `from` is not replaced again. Stops before a result longer than `maxLength`. Nothing
+/// happens for an empty `from` or when both are equal.
 void ReplaceAll(std::string& text, std::string_view from, std::string_view to,
                 std::size_t maxLength);
 /// The same in any letter case of `from`. Returns whether anything was replaced.

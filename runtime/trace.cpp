@@ -37,7 +37,7 @@ constexpr std::string_view kCallSection = "Trace Call";
 constexpr std::string_view kServerHead = "server";
 constexpr std::string_view kTooManyArguments = "INTERNAL PROBLEM, TOO MANY ARGUMENTS";
 constexpr unsigned kMaxSlots = 10;
-constexpr off_t kMaxFileSize = 104'857'600;
+constexpr off_t kMaxTraceFile = 104'857'600;
 constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
 constexpr time_t kSizeCheckSeconds = 3'600;
 constexpr std::uint32_t kDayMilliseconds = 86'400'000;
@@ -324,7 +324,7 @@ void CheckTargetSize(const TraceState& state) {
   if (early || IsServerTarget(state.target) || IsJournalTarget(state.target)) return;
   nextSizeCheck = now + kSizeCheckSeconds;
   const Descriptor file = OpenOwn(state.file, O_WRONLY);
-  if (StatusOf(file).st_size > kMaxFileSize) Empty(file);
+  if (StatusOf(file).st_size > kMaxTraceFile) Empty(file);
 }
 
 /// There is no trace to say it in. Nothing of the C library's that another thread may hold is used,

@@ -23,7 +23,8 @@ std::string WhyUnreadable(const std::string& path) {
     return isOther ? "no regular file" : std::string(runtime::ErrorText(error));
   }
   const auto size = static_cast<std::size_t>(runtime::StatusOf(file).st_size);
-  return size > config::kMaxConfigSize ? "larger than 64 MiB" : "";
+  if (size <= config::kMaxConfigSize) return "";
+  return "larger than " + std::to_string(config::kMaxConfigSize >> 20) + " MiB";
 }
 
 std::string WhyMissing(std::string_view what) {

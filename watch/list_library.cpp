@@ -26,8 +26,7 @@ namespace {
 using pkcs11::CHelperPkcs11;
 using pkcs11::Pkcs11;
 
-/// More slots, and more objects of a card, are not looked at, whatever a library says.
-constexpr CK_ULONG kMostSlots = 4096;
+/// More objects of a card are not looked at, whatever a library says.
 constexpr std::size_t kMostObjects = 4096;
 
 /// A fixed text of the library's, padded with blanks.
@@ -94,15 +93,9 @@ class Asking {
   }
 
   std::vector<CK_SLOT_ID> AskForSlots(CK_BBOOL withToken) {
-    CK_ULONG count = 0;
-    CK_RV result = Pkcs11().GetSlotList(withToken, nullptr, &count);
-    if (!Worked("C_GetSlotList", std::nullopt, result)) return {};
-    std::vector<CK_SLOT_ID> slots(std::min(count, kMostSlots));
-    count = slots.size();
-    result = slots.empty() ? CKR_OK : Pkcs11().GetSlotList(withToken, slots.data(), &count);
-    if (!Worked("C_GetSlotList", std::nullopt, result)) return {};
-    slots.resize(std::min<std::size_t>(count, slots.size()));
-    return slots;
+    auto [result, slots] = pkcs11::ListSlots(withToken);
+    Worked("C_GetSlotList", std::nullopt, result);
+    return std::move(slots);
   }
 
   void AskForReaders() {

@@ -173,18 +173,21 @@ TEST(ConfigBlocks, AreWrittenAndDeleted) {
 
 TEST(TreeCache, SharesEqualTextsAndTakesTheOldestPlace) {
   config::CConfigTree cache;
-  const config::LookupTree* const tree = cache.Attach("/a", "[A]\n");
-  EXPECT_EQ(cache.Attach("/a", "[A]\n"), tree);
-  cache.Release(cache.Attach("/b", "[B]\n"));
-  cache.Release(cache.Attach("/c", "[C]\n"));
+  auto first = cache.Attach("/a", "[A]\n");
+  auto second = cache.Attach("/a", "[A]\n");
+  EXPECT_EQ(first, second);
+  EXPECT_NE(cache.Attach("/b", "[B]\n"), nullptr);
+  EXPECT_NE(cache.Attach("/c", "[C]\n"), nullptr);
   // The oldest is the first; it is in use, so there is no place although two are free.
   EXPECT_EQ(cache.Attach("/d", "[D]\n"), nullptr);
   // The same bytes under another path are shared in the place that was chosen.
-  EXPECT_EQ(cache.Attach("/d", "[A]\n"), tree);
-  cache.Release(tree);
-  cache.Release(tree);
-  EXPECT_EQ(cache.Attach("/a", "[other]\n"), nullptr);  // one of three still reads it
-  cache.Release(tree);
+  auto third = cache.Attach("/d", "[A]\n");
+  EXPECT_EQ(third, first);
+  first.reset();
+  second.reset();
+  EXPECT_EQ(cache.Attach("/a", "[other]\n"), nullptr) << "one of three still reads it";
+  third.reset();
+  EXPECT_NE(cache.Attach("/a", "[other]\n"), nullptr);
 }
 
 TEST(ConfigChange, SetsAndAddsValues) {

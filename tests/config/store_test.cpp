@@ -11,6 +11,7 @@
 #include "config/spare_lang.h"
 #include "config/spare_references.h"
 #include "runtime/files.h"
+#include "runtime/product.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"

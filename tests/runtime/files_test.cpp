@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "runtime/product.h"
 #include "runtime/replace_file.h"
 #include "runtime/text.h"
 #include "tests/support/environment.h"
