@@ -205,7 +205,7 @@ CWatchOptions CheckWatchCommand(const Place& place, std::string_view text, Mista
 std::string DescribeOptions(const CWatchOptions& record) {
   std::string text;
   const auto add = [&text](std::string_view part) { text.append(", ").append(part); };
-  if (!record.match.empty()) add("only cards that match " + Quoted(record.match));
+  if (!record.match.empty()) add("insertions only of cards that match " + Quoted(record.match));
   if (record.recognized) add("only cards that can be read");
   if (record.insertWait != 0) add("insertions wait " + std::to_string(record.insertWait) + " s");
   if (record.removeWait != 0) add("removals wait " + std::to_string(record.removeWait) + " s");

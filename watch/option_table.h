@@ -30,7 +30,7 @@ struct PositionalRow {
 inline constexpr std::array kPositionalOptions = {
     PositionalRow{PositionalOption::kWaitFlag, "-w ", "", ""},
     PositionalRow{PositionalOption::kMatch, "-match \"", "TEXT",
-                  "only cards with a certificate that matches"},
+                  "insert commands only for a certificate that matches"},
     PositionalRow{PositionalOption::kWait, "-wait \"", "IN|OUT",
                   "seconds to wait before insert and remove commands"},
     PositionalRow{PositionalOption::kMessage, "-message \"", "IN|OUT",

@@ -299,7 +299,7 @@ Anything=x
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(Replaced(result.output, folder_.Path(), "@"), R"(@/x.conf: checked as the system's file
 
-Watcher 'Watch' (@/x.conf:7), only cards that match 'cn=Ann|FF', insertions wait 5 s, removals wait 2 s, no removal before an insertion
+Watcher 'Watch' (@/x.conf:7), insertions only of cards that match 'cn=Ann|FF', insertions wait 5 s, removals wait 2 s, no removal before an insertion
   On insertion, in this order, up to a set, load, extern or close that fails:
     1. start @/program --title "%USERNAME% of %OID.o%" > /dev/null
     3. at the same time: write the logon values into @/mail.conf
