@@ -176,8 +176,8 @@ TEST_F(Events, ExtraWatchersGoOnWhenTheirParentHasNothingToDo) {
 
 TEST_F(Events, ExtraWatchersAreLimitedInAWholeTree) {
   desktop.Configure(
-      "[Command]\nWatch=-sync config A|A|A\nWatch A=-sync config A|A|A\n[Watch A Insert]\n1=" + in_ +
-      "\n");
+      "[Command]\nWatch=-sync config A|A|A\nWatch A=-sync config A|A|A\n[Watch A Insert]\n1=" +
+      in_ + "\n");
   desktop.Start();
   constexpr std::size_t kAll = 33;
   EXPECT_TRUE(desktop.Traced("Watch - Running 'A'", kAll));
