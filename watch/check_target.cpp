@@ -52,14 +52,18 @@ class PathCheck {
   /// False, and said, where there is no regular file.
   [[nodiscard]] bool CheckThere() {
     struct stat status {};
-    if (::stat(path_.c_str(), &status) != 0) {
-      const std::string reason(runtime::ErrorText(errno));
-      mistakes_.Add(place_, "there is no " + what_ + " " + Quoted(path_) + " (" + reason + ")",
+    const int error = ::stat(path_.c_str(), &status) == 0 ? 0 : errno;
+    if (error == 0 && S_ISREG(status.st_mode)) return true;
+    const std::string reason = " (" + std::string(runtime::ErrorText(error)) + ")";
+    if (error == 0) {
+      mistakes_.Add(place_, Quoted(path_) + " is no regular file", "a " + what_ + " is meant");
+    } else if (error == EACCES) {
+      Add(" cannot be reached" + reason,
+          "rights for the service's user are meant, and for homes a unit without ProtectHome");
+    } else {
+      mistakes_.Add(place_, "there is no " + what_ + " " + Quoted(path_) + reason,
                     "the path of one that is there is meant");
-      return false;
     }
-    if (S_ISREG(status.st_mode)) return true;
-    mistakes_.Add(place_, Quoted(path_) + " is no regular file", "a " + what_ + " is meant");
     return false;
   }
   void Add(std::string_view wrong, std::string_view meant) {
