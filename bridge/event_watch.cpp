@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <utility>
@@ -50,7 +51,7 @@ void EventDescriptor::Raise() {
 
 bool EventDescriptor::Lower() {
   std::uint64_t count = 0;
-  return ::read(descriptor_, &count, sizeof count) == sizeof count;
+  return ::read(descriptor_, &count, sizeof count) == sizeof count || errno != EAGAIN;
 }
 
 void EventDescriptor::Close() {

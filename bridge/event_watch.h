@@ -32,7 +32,7 @@ class EventDescriptor {
   EventDescriptor& operator=(const EventDescriptor&) = delete;
 
   void Raise();
-  /// Whether it was readable until now.
+  /// Whether it was readable until now, as far as the system can tell.
   bool Lower();
   void Close();
   /// Returns as soon as it is readable, at the latest after so many milliseconds.

@@ -34,9 +34,6 @@ constexpr std::int64_t kBriefPause = 99;  // milliseconds
 constexpr std::int64_t kLongPause = 999;  // milliseconds
 constexpr std::int64_t kStartPause = 99;  // milliseconds
 
-/// About five seconds, in pauses of kStartPause.
-constexpr int kStartTries = 50;
-
 constexpr int kEndTests = 10;
 constexpr std::int64_t kEndPause = 333;  // milliseconds
 
@@ -205,21 +202,6 @@ void NotifyParts(std::initializer_list<std::string_view> parts) {
   ::_exit(0);
 }
 
-/// Whether the program may be started a moment later: the system is short of something, or the file
-/// is just being written.
-bool IsPassing(int error) {
-  return error == EAGAIN || error == ENOMEM || error == ENFILE || error == ETXTBSY;
-}
-
-/// Comes back only when the program cannot be started.
-void BecomeProgram(const ChildPlan& plan) {
-  for (int left = kStartTries; left > 0; --left) {
-    ::execv(plan.Vector()[0], plan.Vector());
-    if (!IsPassing(errno) || left == 1) return;
-    SleepMilliseconds(kStartPause);
-  }
-}
-
 /// Turns the child into the program. Nothing here waits for another thread or allocates. The
 /// redirection comes last: opening a pipe waits for its reader, and a child that waits must obey
 /// signals and hold nothing of the service open.
@@ -231,7 +213,7 @@ void BecomeProgram(const ChildPlan& plan) {
     RestoreSignals();
     CloseDescriptorsFrom((PassOn(passed) ? kPassedDescriptor : STDERR_FILENO) + 1);
     if (plan.Output() != nullptr) RedirectOutput(plan.Output());
-    BecomeProgram(plan);
+    ::execv(plan.Vector()[0], plan.Vector());
     EndWithoutProgram(plan, errno);
   }
   TraceWrite("Helper - Child process done");

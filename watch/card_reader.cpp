@@ -69,12 +69,9 @@ class Pkcs11CardReader final : public CardReader {
     const runtime::CriticalScope hold(&lock_);
     return Pkcs11().GetSlotList(CK_FALSE, nullptr, &count) == CKR_OK && count != 0;
   }
-  TokenState StateOf(CK_SLOT_ID slot) override {
-    CK_SLOT_INFO info = {};
-    const CK_RV result = AskSlotInfo(slot, info);
-    if (result == CKR_SLOT_ID_INVALID) return TokenState::kAbsent;  // a reader that was unplugged
-    if (result != CKR_OK) return TokenState::kUnknown;
-    return (info.flags & CKF_TOKEN_PRESENT) != 0 ? TokenState::kPresent : TokenState::kAbsent;
+  bool ShowsToken(CK_SLOT_ID slot) override {
+    const std::optional<CK_SLOT_INFO> info = SlotInfo(slot);
+    return info && (info->flags & CKF_TOKEN_PRESENT) != 0;
   }
   bool IsTokenReadable(CK_SLOT_ID slot) override {
     CK_TOKEN_INFO info = {};
@@ -82,10 +79,10 @@ class Pkcs11CardReader final : public CardReader {
     return Pkcs11().GetTokenInfo(slot, &info) == CKR_OK;
   }
   std::optional<SlotDescription> Description(CK_SLOT_ID slot) override {
-    CK_SLOT_INFO info = {};
-    if (AskSlotInfo(slot, info) != CKR_OK) return std::nullopt;
+    const std::optional<CK_SLOT_INFO> info = SlotInfo(slot);
+    if (!info) return std::nullopt;
     SlotDescription description;
-    std::ranges::copy(info.slotDescription, description.begin());
+    std::ranges::copy(info->slotDescription, description.begin());
     return description;
   }
 
@@ -128,9 +125,11 @@ class Pkcs11CardReader final : public CardReader {
     return Pkcs11().InitializeCount() != 0 ||
            Pkcs11().GetFunctionList(&functions) != CKR_FUNCTION_FAILED;
   }
-  CK_RV AskSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO& info) {
+  std::optional<CK_SLOT_INFO> SlotInfo(CK_SLOT_ID slot) {
+    CK_SLOT_INFO info = {};
     const runtime::CriticalScope hold(&lock_);
-    return Pkcs11().GetSlotInfo(slot, &info);
+    if (Pkcs11().GetSlotInfo(slot, &info) != CKR_OK) return std::nullopt;
+    return info;
   }
 
   runtime::CCritical lock_;

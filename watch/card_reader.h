@@ -32,13 +32,6 @@ struct PolledEvent {
   bool initialisedAgain = false;  ///< it had been finalised by others; earlier events are lost
 };
 
-/// What a slot says of its token.
-enum class TokenState {
-  kAbsent,
-  kPresent,
-  kUnknown,  ///< the question failed
-};
-
 /// What the watch asks of card readers and the cards in them; a failed question has no answer.
 /// Tests hand in a reader of their own.
 class CardReader {
@@ -67,9 +60,7 @@ class CardReader {
   virtual std::vector<CK_SLOT_ID> SlotsWithToken() = 0;
   /// Whether there is any slot, with or without a token.
   virtual bool HasReader() = 0;
-  virtual TokenState StateOf(CK_SLOT_ID slot) = 0;
-  /// A question that failed counts as no token.
-  bool ShowsToken(CK_SLOT_ID slot) { return StateOf(slot) == TokenState::kPresent; }
+  virtual bool ShowsToken(CK_SLOT_ID slot) = 0;
   virtual bool IsTokenReadable(CK_SLOT_ID slot) = 0;
   virtual std::optional<SlotDescription> Description(CK_SLOT_ID slot) = 0;
 

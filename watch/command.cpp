@@ -130,7 +130,7 @@ bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view 
                       runtime::MaskedText(text).Text());
   const CommandKeyword& keyword = FindKeyword(event.kind, text);
   const bool success = keyword.run(card, event, text.substr(keyword.head.size()));
-  if (!success) TellFailure(keyword, event, text);
+  if (!success) RunStep([&] { TellFailure(keyword, event, text); });
   return success;
 }
 

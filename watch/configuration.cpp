@@ -43,7 +43,9 @@ bool LoadProductConfiguration(config::CConfig& config) {
 
 bool HasProductConfiguration() {
   const std::string path = config::CConfig::LocateGlobal().value_or(config::ConfigPath{}).path;
-  return runtime::StatusOf(runtime::OpenRegular(path, O_RDONLY)).st_size > 0;
+  config::CConfig config;
+  return runtime::StatusOf(runtime::OpenRegular(path, O_RDONLY)).st_size > 0 &&
+         LoadProductConfiguration(config);
 }
 
 std::string ReadFileText(config::CConfig& config, std::string_view section, std::string_view entry,

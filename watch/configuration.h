@@ -24,7 +24,7 @@ inline constexpr std::string_view kBackgroundEntry = "Background";
 /// Opens the product configuration read-only. False when there is none, or none that holds a text.
 [[nodiscard]] bool LoadProductConfiguration(config::CConfig& config);
 
-/// Whether there is one that is not empty; nothing is traced.
+/// Whether there is one that holds a text. Nothing is traced of one that is missing or empty.
 [[nodiscard]] bool HasProductConfiguration();
 
 /// What a file says, cut to `maxLength`; a value from the environment does not count and hides that

@@ -15,6 +15,7 @@
 #include "watch/file_scope.h"
 #include "watch/guard.h"
 #include "watch/logon_file.h"
+#include "watch/parallel.h"
 #include "watch/placeholders.h"
 #include "watch/set_command.h"
 #include "watch/stop.h"
@@ -178,6 +179,7 @@ bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
 
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Inserted event ...");
+  ForgetOwedParallelJobs();
   FileScope::BeginEvent();
   WatchEvent event;
   bool success = RunGuarded([&] {

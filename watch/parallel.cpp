@@ -19,11 +19,14 @@ struct ParallelJob {
   CardReader& card;
   WatchEvent event;
   std::string text;
+  unsigned insertions;  ///< up to its event
 };
 
 constinit std::atomic<unsigned> runningJobs{0};
+constinit std::atomic<unsigned> insertions{0};
 
-// A removal's job that the system has no room for is tried so often, with pauses in milliseconds.
+// A removal's job that the system has no room for is tried so often, with pauses in milliseconds,
+// but not beside the commands of the next card.
 constexpr int kTries = 30;
 constexpr unsigned kTryPause = 333;
 
@@ -38,7 +41,7 @@ void RunCommand(const ParallelJob& job) {
     return;
   }
   for (int left = kTries; !RunRemoveCommand(job.card, job.event, job.text); --left) {
-    if (left == 1 || StopRequested()) return;
+    if (left == 1 || StopRequested() || job.insertions != insertions) return;
     runtime::SleepMilliseconds(kTryPause);
   }
 }
@@ -58,7 +61,7 @@ void* RunJob(void* argument) {
 
 bool RunParallel(CardReader& card, const WatchEvent& event, std::string_view text) {
   if (text.size() > kMaxParallelCommand) return false;
-  std::unique_ptr<ParallelJob> job(new ParallelJob{card, event, std::string(text)});
+  std::unique_ptr<ParallelJob> job(new ParallelJob{card, event, std::string(text), insertions});
   runningJobs.fetch_add(1, std::memory_order_relaxed);
   if (runtime::ThreadCreate(&RunJob, job.get()) == 0) {
     runningJobs.fetch_sub(1, std::memory_order_relaxed);
@@ -67,6 +70,10 @@ bool RunParallel(CardReader& card, const WatchEvent& event, std::string_view tex
   // The thread frees it.
   static_cast<void>(job.release());
   return true;
+}
+
+void ForgetOwedParallelJobs() {
+  ++insertions;
 }
 
 bool WaitForParallelJobs(unsigned milliseconds) {

@@ -30,9 +30,6 @@ constexpr unsigned kConnectedPause = 666;
 /// So many polls in a row may fail before the connected slot is asked itself.
 constexpr std::uint64_t kFailuresPerQuestion = 3;
 
-/// So many polls behind a question that failed ask the slot again: for about 10 s.
-constexpr unsigned kMaxQuestions = 30;
-
 /// For so many rounds, about 3 s, a removal waits for a configuration that was missing or empty,
 /// as while an editor writes it anew; one that was taken away on purpose runs nothing later.
 constexpr unsigned kUnreadRounds = 9;
@@ -64,8 +61,10 @@ class SlotWatch {
     const PolledEvent polled = card_.TakeEvent();
     const std::optional<CK_SLOT_ID> slot = EventSlot(polled, initialisedLate);
     const bool wasFirst = std::exchange(firstRound_, false);
-    if (!owed_.IsNothing()) WithReserve([this] { RunStep([this] { TryOwed(); }); });
-    if (slot && pkcs11::CHelperPkcs11::NormalizeSlotId(*slot) == *slot) {
+    if (!owed_.IsNothing()) {
+      WithReserve([&] { RunStep([&] { TryOwed(slot.has_value()); }); });
+    }
+    if (slot && IsFirstOfItsGroup(*slot)) {
       runtime::TraceWrite("Watch - Event");
       WithReserve([this, &slot] { HandleEvent(*slot); });
     }
@@ -83,12 +82,9 @@ class SlotWatch {
   }
 
  private:
-  /// A slot that could not tell whether there is a card that counts.
-  struct Unanswered {
-    CK_SLOT_ID slot = kNoSlot;
-    unsigned questionsLeft = 0;
-  };
-
+  [[nodiscard]] static bool IsFirstOfItsGroup(CK_SLOT_ID slot) {
+    return pkcs11::CHelperPkcs11::NormalizeSlotId(slot) == slot;
+  }
   /// The first round always has an event: that of a card that is there already, or of none, so that
   /// the remove commands bring the desktop into its state without a card.
   std::optional<CK_SLOT_ID> EventSlot(const PolledEvent& polled, bool initialisedLate) {
@@ -97,12 +93,11 @@ class SlotWatch {
     if (polled.failure == CKR_OK && std::exchange(isDoubtful_, false)) catchUp_ = true;
     if (polled.slot) return polled.slot;
     if (firstRound_) return card_.FindSlotWithToken();
-    if (isLost && connected_ != kNoSlot && !ShowsToken(connected_)) {
+    if (isLost && connected_ != kNoSlot && !card_.ShowsToken(connected_)) {
       isDoubtful_ = true;
       return connected_;
     }
-    if (catchUp_) return MissedSlot();
-    return polled.failure == CKR_OK ? UnansweredSlot() : std::nullopt;
+    return catchUp_ ? MissedSlot() : std::nullopt;
   }
   /// True when a removal may have been lost with polls that failed, so that the connected slot is
   /// to be asked itself: now and then while they fail, and when that is over.
@@ -115,33 +110,10 @@ class SlotWatch {
   /// gone, which comes first, nor that a card is there.
   std::optional<CK_SLOT_ID> MissedSlot() {
     if (!card_.IsInitialised()) return std::nullopt;  // finalised once more: nothing to ask
-    if (connected_ != kNoSlot && !ShowsToken(connected_)) return connected_;
+    if (connected_ != kNoSlot && !card_.ShowsToken(connected_)) return connected_;
     const CK_SLOT_ID slot = connected_ == kNoSlot ? card_.FindSlotWithToken() : kNoSlot;
     catchUp_ = false;
     return slot == kNoSlot ? std::nullopt : std::optional(slot);
-  }
-
-  /// A question that fails counts as no token: the watch rather locks a screen too often than
-  /// leaves one open. The slot is asked again later, because a card may have come in it, or have
-  /// stayed.
-  bool ShowsToken(CK_SLOT_ID slot) {
-    const TokenState state = card_.StateOf(slot);
-    if (state == TokenState::kUnknown) unanswered_ = {slot, kMaxQuestions};
-    return state == TokenState::kPresent;
-  }
-  /// The slot that gave no answer, when it has a card now.
-  std::optional<CK_SLOT_ID> UnansweredSlot() {
-    if (connected_ != kNoSlot || unanswered_.questionsLeft == 0) return std::nullopt;
-    if (!card_.IsInitialised()) return std::nullopt;
-    --unanswered_.questionsLeft;
-    const CK_SLOT_ID slot = unanswered_.slot;
-    const TokenState state = card_.StateOf(slot);
-    if (state == TokenState::kAbsent) unanswered_ = {};
-    const bool counts = state == TokenState::kPresent && IsRecognized(slot);
-    return counts ? std::optional(slot) : std::nullopt;
-  }
-  [[nodiscard]] bool IsRecognized(CK_SLOT_ID slot) const {
-    return !record_.recognized || card_.IsTokenReadable(slot);
   }
 
   /// The commands may use the descriptors that are kept for them.
@@ -153,7 +125,7 @@ class SlotWatch {
   }
 
   void HandleEvent(CK_SLOT_ID slot) {
-    if (slot != kNoSlot && ShowsToken(slot)) {
+    if (slot != kNoSlot && card_.ShowsToken(slot)) {
       HandleToken(slot);
     } else {
       HandleNoToken(slot);
@@ -164,16 +136,12 @@ class SlotWatch {
       runtime::TraceWrite("Watch - Already connected");
       return;
     }
-    if (!IsRecognized(slot)) {
-      unanswered_ = {slot, kMaxQuestions};
-      return;
-    }
+    if (record_.recognized && !card_.IsTokenReadable(slot)) return;
     // In front of the commands, which may not come to their end.
     RunStep([this] { mark_.Set(); });
     // Connected even when a command failed, so that the card is not announced twice.
     OnInsertEvent(record_, slot, platform_);
     connected_ = slot;
-    unanswered_ = {};
     Forgive();  // its turn was before the commands of this card
     connectedSince_ = std::time(nullptr);
     runtime::TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
@@ -188,26 +156,31 @@ class SlotWatch {
   /// one that went meanwhile has nobody else to tell of it.
   void FollowMark() {
     const CK_SLOT_ID slot = card_.FindSlotWithToken();
-    if (slot != kNoSlot) HandleToken(slot);
+    if (slot != kNoSlot && IsFirstOfItsGroup(slot)) HandleToken(slot);
     if (connected_ == kNoSlot) Remove(kNoSlot);
+  }
+  void Remove(CK_SLOT_ID slot) {
+    owedRounds_ = 0;
+    RunRemoval(slot);
   }
   /// What is owed of a removal is so to the next rounds or to the next start: the mark stays, as
   /// that of a card that is forgotten without a removal.
-  void Remove(CK_SLOT_ID slot) {
+  void RunRemoval(CK_SLOT_ID slot) {
     owed_ = OnRemoveEvent(record_, slot, platform_);
     owedSlot_ = slot;
     if (owed_.IsNothing()) Settle();
     runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(slot));
   }
-  void TryOwed() {
+  /// An event may bring the next card, so it is the last time to try.
+  void TryOwed(bool hasEvent) {
     ++owedRounds_;
     if (owed_.isUnread) {
-      if (HasProductConfiguration()) return Remove(owedSlot_);
+      if (HasProductConfiguration()) return RunRemoval(owedSlot_);
       if (owedRounds_ >= kUnreadRounds) Settle();
       return;
     }
-    if (owedRounds_ > kEagerRounds && owedRounds_ % kEagerRounds != 0) return;
-    if (owed_.isWhole) return Remove(owedSlot_);
+    if (!hasEvent && owedRounds_ > kEagerRounds && owedRounds_ % kEagerRounds != 0) return;
+    if (owed_.isWhole) return RunRemoval(owedSlot_);
     RunOwedCommands(record_, owedSlot_, platform_, owed_.commands);
     if (owed_.IsNothing()) Settle();
   }
@@ -220,8 +193,8 @@ class SlotWatch {
     owedRounds_ = 0;
   }
   /// Another slot without a token says nothing while the connected one still shows its own.
-  [[nodiscard]] bool IsRemoval(CK_SLOT_ID slot) {
-    return connected_ == kNoSlot || slot == connected_ || !ShowsToken(connected_);
+  [[nodiscard]] bool IsRemoval(CK_SLOT_ID slot) const {
+    return connected_ == kNoSlot || slot == connected_ || !card_.ShowsToken(connected_);
   }
 
   void CheckProgram() {
@@ -239,7 +212,6 @@ class SlotWatch {
   OwedRemoval owed_;
   CK_SLOT_ID owedSlot_ = kNoSlot;
   std::uint64_t owedRounds_ = 0;  ///< since something is owed
-  Unanswered unanswered_;
   CK_SLOT_ID connected_ = kNoSlot;
   std::time_t connectedSince_ = 0;
   bool firstRound_ = true;

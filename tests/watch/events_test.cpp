@@ -248,48 +248,14 @@ TEST(SlotLoop, EventsConnectAndDisconnect) {
 }
 
 TEST(SlotLoop, UnreadableTokenIsNoInsertWhereItIsToBeRecognized) {
-  for (const CK_SLOT_ID event : {1U, 0U}) {
-    Scripted machine(std::vector<Poll>{{1, {{1}}}, {event, {{1}}}});
-    machine.reader.readable = false;
-    machine.clock.inSleep = [&machine] { machine.reader.readable = true; };
-    watch::CWatchOptions record = Record("kill nothing");
-    record.recognized = true;
-    record.roundLimit = 2;
-    watch::WatchSlots(record, machine.platform);
-    EXPECT_EQ(machine.clock.slept, (std::vector<unsigned>{333, 666}))
-        << "the second round connects, with an event of its own or not";
-  }
-}
-
-TEST(SlotLoop, QuestionThatFailsLosesNoCard) {
-  struct Row {
-    std::vector<Poll> polls;  ///< from the second on no question is answered ...
-    const char* told;
-    unsigned unanswered;  ///< ... until so many were asked
-    bool sync = true;
-  };
-  const Row rows[] = {
-      {{{0, {}}, {1, {{1}}}}, "Connected slot 1;", 1},
-      {{{0, {}}, {1, {{1}}}}, "", 31},
-      {{{0, {}}, {1, {{1}}}, {0, {}}, {0, {{1}}}}, "", 1},
-      {{{0, {}}, {1, {{1}}}},
-       "Disconnected slot 0;Disconnected slot 0;Connected slot 1;",
-       1,
-       false},
-      {{{1, {{1}}}, {1, {{1}}}}, "Connected slot 1;Disconnected slot 1;Connected slot 1;", 9},
-      {{{1, {{1}}}, {4, {{1}}}}, "Connected slot 1;Disconnected slot 1;Connected slot 1;", 2},
-      {{{0, {}}, {1, {{1}}}, {4, {{1}, {4}}}}, "Connected slot 4;", 1},
-  };
-  for (const Row& row : rows) {
-    Scripted machine(row.polls);
-    unsigned left = 0;
-    machine.clock.inSleep = [&] {
-      if (machine.clock.slept.size() == 1) machine.reader.unanswered = row.unanswered;
-      left = machine.reader.unanswered;
-    };
-    EXPECT_EQ(Watch(std::move(machine), "Watch", row.sync, 50), row.told);
-    EXPECT_EQ(left, 0U);
-  }
+  Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {{1}}}});
+  machine.reader.readable = false;
+  machine.clock.inSleep = [&machine] { machine.reader.readable = true; };
+  watch::CWatchOptions record = Record("kill nothing");
+  record.recognized = true;
+  record.roundLimit = 2;
+  watch::WatchSlots(record, machine.platform);
+  EXPECT_EQ(machine.clock.slept, (std::vector<unsigned>{333, 666})) << "the second round connects";
 }
 
 TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
@@ -452,7 +418,9 @@ TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
     SCOPED_TRACE(row.back);
     Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}, {0, {{1}}}});
     desk.clock.inSleep = [&] {
-      if (desk.reader.taken == 1) folder_.Write("system.conf", "");
+      // A file may also be no more than the mark of an encoding.
+      if (desk.reader.taken == 1)
+        folder_.Write("system.conf", row.back == 12 ? "\xEF\xBB\xBF" : "");
       if (desk.reader.taken == 1 && row.isMissing) {
         std::filesystem::remove(folder_.Path("system.conf"));
       }

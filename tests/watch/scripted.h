@@ -57,10 +57,7 @@ class ScriptedReader final : public watch::CardReader {
     return slots;
   }
   bool HasReader() override { return hasReader; }
-  watch::TokenState StateOf(CK_SLOT_ID slot) override {
-    if (unanswered != 0) return --unanswered, watch::TokenState::kUnknown;
-    return Find(slot) != nullptr ? watch::TokenState::kPresent : watch::TokenState::kAbsent;
-  }
+  bool ShowsToken(CK_SLOT_ID slot) override { return Find(slot) != nullptr; }
   bool IsTokenReadable(CK_SLOT_ID slot) override { return Find(slot) != nullptr && readable; }
   std::optional<watch::SlotDescription> Description(CK_SLOT_ID slot) override {
     const Token* const token = Find(slot);
@@ -98,9 +95,8 @@ class ScriptedReader final : public watch::CardReader {
   bool hasReader = true;
   std::optional<std::string> activeLogon;
   std::vector<Token> tokens;
-  std::size_t polled = 0;   ///< as the script says
-  std::size_t taken = 0;    ///< polls in all
-  unsigned unanswered = 0;  ///< questions for a token that will fail
+  std::size_t polled = 0;  ///< as the script says
+  std::size_t taken = 0;   ///< polls in all
   int descriptor = watch::kNoDescriptor;
   std::function<void(watch::PolledEvent&)> inPoll;  ///< may make the poll fail
 
