@@ -91,7 +91,10 @@ class SlotWatch {
     catchUp_ = catchUp_ || initialisedLate || polled.initialisedAgain;
     const bool isLost = FollowFailures(polled.failure);
     if (polled.failure == CKR_OK && std::exchange(isDoubtful_, false)) catchUp_ = true;
-    if (polled.slot) return polled.slot;
+    if (polled.slot) {
+      catchUp_ = catchUp_ || isLost;
+      return polled.slot;
+    }
     if (firstRound_) return card_.FindSlotWithToken();
     if (isLost && connected_ != kNoSlot && !card_.ShowsToken(connected_)) {
       isDoubtful_ = true;
@@ -140,9 +143,9 @@ class SlotWatch {
     // In front of the commands, which may not come to their end.
     RunStep([this] { mark_.Set(); });
     // Connected even when a command failed, so that the card is not announced twice.
-    OnInsertEvent(record_, slot, platform_);
+    const bool counts = OnInsertEvent(record_, slot, platform_);
     connected_ = slot;
-    Forgive();  // its turn was before the commands of this card
+    if (counts) Forgive();  // its turn was before the commands of this card
     connectedSince_ = std::time(nullptr);
     runtime::TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
   }

@@ -62,17 +62,6 @@ TEST_F(Faults, LibraryThatComesUpLateOrIsFinalisedByOthersIsInitialisedLater) {
   EXPECT_EQ(desktop.TraceCount("WrapperPkcs11 - Initialize count 1 at initialize"), 2U);
 }
 
-TEST_F(Faults, SlotThatGivesNoAnswerIsAskedAgain) {
-  Watch("-sync", {Echo("in", "in.txt")});
-  ASSERT_TRUE(desktop.Traced("Watch - Event"));
-  desktop.SetModuleFaults("fail=C_GetSlotInfo:0x30\n");
-  desktop.InsertCard(1);
-  ASSERT_TRUE(desktop.Traced("Watch - Event", 2));
-  EXPECT_EQ(desktop.TraceCount("Watch - Connected slot 1"), 0U);
-  desktop.SetModuleFaults("");
-  EXPECT_TRUE(desktop.Traced("Watch - Connected slot 1"));
-}
-
 TEST_F(Faults, RestartForgetsNoCard) {
   std::filesystem::create_directories(desktop.Path("run"));
   desktop.SetVariable("RUNTIME_DIRECTORY", desktop.Path("run") + ":/nonexistent");

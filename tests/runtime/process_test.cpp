@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -25,7 +24,6 @@ namespace {
 
 void (*beforeFork)() = nullptr;
 void (*behindFork)() = nullptr;  ///< in the parent
-int execsToFail = 0;
 
 void AtFork(void (*before)(), void (*behind)()) {
   beforeFork = before;
@@ -41,17 +39,6 @@ extern "C" pid_t fork() noexcept {
   const pid_t child = next();
   if (child != 0 && behindFork != nullptr) behindFork();
   return child;
-}
-
-/// In place of the C library's, to have the system be short of memory.
-extern "C" int execv(const char* path, char* const* arguments) noexcept {
-  if (execsToFail-- > 0) {
-    errno = ENOMEM;
-    return -1;
-  }
-  const auto next =
-      reinterpret_cast<int (*)(const char*, char* const*)>(::dlsym(RTLD_NEXT, "execv"));
-  return next(path, arguments);
 }
 
 namespace qixx::runtime {
@@ -175,17 +162,6 @@ TEST(LaunchProcess, FirstTraceLockIsNotTakenWhileForking) {
   EXPECT_TRUE(LaunchProcess("/bin/true", "x"));
   EXPECT_TRUE(testing::Eventually([] { return ::waitpid(-1, nullptr, WNOHANG) > 0; }))
       << "the child waits for a thread that it does not have";
-}
-
-TEST(LaunchProcess, ProgramThatCannotStartForAMomentIsTriedAgain) {
-  for (const int failing : {3, 999}) {
-    execsToFail = failing;
-    EXPECT_TRUE(LaunchProcess("/bin/false", ""));
-    int status = -1;
-    EXPECT_GT(::wait(&status), 0);
-    EXPECT_EQ(WEXITSTATUS(status), failing == 3 ? 1 : 0);
-  }
-  execsToFail = 0;
 }
 
 TEST(LaunchProcess, WhatCannotStartEndsQuietly) {

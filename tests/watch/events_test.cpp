@@ -379,16 +379,22 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
     int failing;  ///< tries that find no process
     CK_SLOT_ID nextCard;
     std::size_t tries;
+    const char* nextHolder = "";
   };
-  for (const Row row : {Row{"", 3, 0, 4}, {"", 99, 0, 5}, {"", 99, 1, 2}, {"parallel ", 2, 0, 3}}) {
+  for (const Row row : {Row{"", 3, 0, 4},
+                        {"", 99, 0, 5},
+                        {"", 99, 1, 2},
+                        {"", 99, 1, 5, "cn=somebody else"},
+                        {"parallel ", 2, 0, 3}}) {
     SCOPED_TRACE(row.command + std::to_string(row.failing));
     Configure("", "1=" + std::string(row.command) + "/bin/true x\n2=kill x\n");
     Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}});
-    desk.clock.inSleep = [&desk, row] {
+    watch::CWatchOptions record = Record("config");
+    desk.clock.inSleep = [&desk, &record, row] {
       if (desk.clock.slept.size() == 1) forksToFail = row.failing;
+      if (desk.clock.slept.size() == 2) record.match = row.nextHolder;
     };
     const TraceCapture trace;
-    watch::CWatchOptions record = Record("config");
     record.sync = true;
     record.roundLimit = 6;
     watch::WatchSlots(record, desk.platform);
@@ -462,6 +468,13 @@ TEST(SlotLoop, PollsThatFailLoseNoRemoval) {
     EXPECT_EQ(trace.Count("Watch - Disconnected slot 1"), 1U);
     EXPECT_EQ(trace.Count("Watch - Poll failed 0x00000005"), 1U);
   }
+  Scripted machine(std::vector<Poll>{{1, {{1}}}, {4, {{4}}}});
+  machine.reader.inPoll = [&machine](watch::PolledEvent& polled) {
+    if (machine.reader.taken == 2) polled.failure = CKR_GENERAL_ERROR;
+  };
+  EXPECT_EQ(Watch(std::move(machine), "Watch", true, 6),
+            "Connected slot 1;Already connected;Disconnected slot 1;Connected slot 4;")
+      << "the first poll that works tells of another slot";
 }
 
 TEST(SlotLoop, CardThatAFailingLibraryHidesIsConnectedAgain) {
