@@ -145,7 +145,8 @@ class SlotWatch {
     // Connected even when a command failed, so that the card is not announced twice.
     const bool counts = OnInsertEvent(record_, slot, platform_);
     connected_ = slot;
-    if (counts) Forgive();  // its turn was before the commands of this card
+    // Its turn was before the commands of this card, if there were any.
+    if (counts || owed_.isUnread) Forgive();
     connectedSince_ = std::time(nullptr);
     runtime::TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
   }

@@ -379,20 +379,21 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
     int failing;  ///< tries that find no process
     CK_SLOT_ID nextCard;
     std::size_t tries;
-    const char* nextHolder = "";
+    bool nextCounts = true;
   };
   for (const Row row : {Row{"", 3, 0, 4},
                         {"", 99, 0, 5},
                         {"", 99, 1, 2},
-                        {"", 99, 1, 5, "cn=somebody else"},
+                        {"", 99, 1, 5, false},
                         {"parallel ", 2, 0, 3}}) {
     SCOPED_TRACE(row.command + std::to_string(row.failing));
     Configure("", "1=" + std::string(row.command) + "/bin/true x\n2=kill x\n");
     Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}});
     watch::CWatchOptions record = Record("config");
-    desk.clock.inSleep = [&desk, &record, row] {
+    record.match = "cn=ann lee";
+    desk.clock.inSleep = [&desk, row] {
       if (desk.clock.slept.size() == 1) forksToFail = row.failing;
-      if (desk.clock.slept.size() == 2) record.match = row.nextHolder;
+      if (desk.clock.slept.size() == 2) desk.reader.matches = row.nextCounts;
     };
     const TraceCapture trace;
     record.sync = true;

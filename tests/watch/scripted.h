@@ -78,7 +78,7 @@ class ScriptedReader final : public watch::CardReader {
   }
   bool HasCertificateOf(const std::string& /*subject*/,
                         std::optional<CK_SLOT_ID> /*slot*/) override {
-    return !tokens.empty();
+    return !tokens.empty() && matches;
   }
   bool HoldsCertificate(CK_SLOT_ID slot, der::Bytes certificate) override {
     const Token* const token = Find(slot);
@@ -92,6 +92,7 @@ class ScriptedReader final : public watch::CardReader {
   bool initialised = true;
   bool comesUp = false;  ///< a library that is not initialised can be
   bool readable = true;
+  bool matches = true;  ///< any subject
   bool hasReader = true;
   std::optional<std::string> activeLogon;
   std::vector<Token> tokens;
