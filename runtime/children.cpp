@@ -11,8 +11,8 @@
 namespace qixx::runtime {
 namespace {
 
-/// Set while the thread has a ChildMark.
-constinit thread_local bool marking = false;
+/// The thread's ChildMark while it has one.
+constinit thread_local ChildMark* mark = nullptr;
 
 /// The children in the order in which they were started.
 struct Registry {
@@ -69,14 +69,16 @@ void ChildPlace::Register(pid_t child) noexcept {
   const CriticalScope hold(&registry.lock);
   std::erase_if(registry.children, [child](const Child& other) { return other.id == child; });
   place_.front().id = child;
-  place_.front().marked = marking;
+  place_.front().marked = mark != nullptr;
+  if (mark != nullptr) mark->latest_ = child;
   registry.children.splice(registry.children.end(), place_);
 }
 
 void ReapChildren() {
   Registry& registry = GetRegistry();
   const CriticalScope hold(&registry.lock);
-  std::erase_if(registry.children, [](Child& child) { return !child.ended && Update(child) < 0; });
+  std::erase_if(registry.children,
+                [](Child& child) { return !child.marked && !child.ended && Update(child) < 0; });
   LimitStatuses(registry.children);
 }
 
@@ -100,12 +102,24 @@ ChildState PeekChild(pid_t child) {
   return known->ended ? ChildState{.result = child, .status = known->status} : PeekSystem(child);
 }
 
+ChildState TakeMarkedChild(pid_t child) {
+  Registry& registry = GetRegistry();
+  const CriticalScope hold(&registry.lock);
+  const auto known = std::ranges::find_if(
+      registry.children, [child](const Child& other) { return other.marked && other.id == child; });
+  if (known == registry.children.end()) return {};
+  if (!known->ended && Update(*known) == 0) return {.result = 0};
+  const Child taken = *known;
+  registry.children.erase(known);
+  return taken.ended ? ChildState{.result = child, .status = taken.status} : ChildState{};
+}
+
 ChildMark::ChildMark() {
-  marking = true;
+  mark = this;
 }
 
 ChildMark::~ChildMark() {
-  marking = false;
+  mark = nullptr;
 }
 
 void SignalMarkedChildren(int signal) {

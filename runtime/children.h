@@ -36,7 +36,8 @@ class ChildPlace {
 };
 
 /// Reaps the ended ones among the registered children, without blocking and without a trace line.
-/// The statuses of the latest kMaxKeptStatuses of them are kept.
+/// The statuses of the latest kMaxKeptStatuses of them are kept. Marked ones stay for
+/// TakeMarkedChild: so long the system gives their ids to nobody else.
 void ReapChildren();
 /// What waitpid tells of a child.
 struct ChildState {
@@ -56,7 +57,17 @@ class ChildMark {
   ~ChildMark();
   ChildMark(const ChildMark&) = delete;
   ChildMark& operator=(const ChildMark&) = delete;
+
+  /// The latest of them; 0 when there is none.
+  [[nodiscard]] pid_t Latest() const { return latest_; }
+
+ private:
+  friend class ChildPlace;
+  pid_t latest_ = 0;
 };
+/// Asks for a marked child without blocking; reaps and forgets it when it has ended. -1 also when
+/// somebody else has reaped it.
+[[nodiscard]] ChildState TakeMarkedChild(pid_t child);
 /// Sends the signal to the marked children that are still there. An id that the system may have
 /// given to another process by now is never used.
 void SignalMarkedChildren(int signal);

@@ -17,7 +17,7 @@
 #include "runtime/loader.h"
 #include "runtime/notice.h"
 #include "runtime/product.h"
-#include "runtime/refused_starts.h"
+#include "runtime/scarce_means.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -295,7 +295,7 @@ bool LaunchProcess(const std::string& program, std::string_view arguments, std::
   const pid_t child = ForkChild(plan, passed);
   if (child < 0) {
     TraceWrite("Helper - Failed to fork process");
-    RefusedStarts::Note(-child);
+    ScarceMeans::Note(-child);
     NotifyOnce("'" + plan.Program() + "' not started: " + std::string(ErrorText(-child)));
     return false;
   }

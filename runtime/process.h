@@ -23,7 +23,7 @@ inline constexpr int kPassedDescriptor = 3;
 /// the arguments instead. Each launch takes 99 ms. Wait mode 1 then waits for about a second (10
 /// polls, 99 ms apart), a greater n for about n seconds (n polls, 999 ms apart). A child that has
 /// failed when the wait is over is told of in the trace and on standard error. False when the fork
-/// failed, which RefusedStarts and, once, standard error may tell of; true whatever became of the
+/// failed, which ScarceMeans and, once, standard error may tell of; true whatever became of the
 /// child, even when the program could not be started.
 /// A descriptor that is `passed` stays the caller's; the program gets a copy.
 bool LaunchProcess(const std::string& program, std::string_view arguments,

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "runtime/clock.h"
+#include "runtime/scarce_means.h"
 #include "runtime/trace.h"
 
 namespace qixx::runtime {
@@ -137,9 +138,16 @@ Rights TakeOver(const Descriptor& file, const Descriptor& like) {
   return kept ? Rights::kKept : Rights::kFewer;
 }
 
+/// Of a step on the way to the new content, right behind it: counts a full disk.
+bool Noted(bool done) {
+  if (!done) ScarceMeans::Note(errno);
+  return done;
+}
+
 /// What the system says when it is the folder that does not want a file, or the name that cannot be
 /// given away. A full disk is neither.
 Outcome OutcomeOf(int error) {
+  ScarceMeans::Note(error);
   const bool refused = error == EACCES || error == EPERM || error == EROFS || error == EBUSY;
   return refused ? Outcome::kRefused : Outcome::kFailed;
 }
@@ -153,10 +161,10 @@ Outcome PutNewFile(const FilePlace& place, std::string_view text, const Descript
   RemoveLeftOvers(place);
   Temporary made(folder);
   if (!made.File().IsOpen()) return OutcomeOf(errno);
-  if (!WriteFully(made.File(), text)) return Outcome::kFailed;
+  if (!Noted(WriteFully(made.File(), text))) return Outcome::kFailed;
   const Rights rights = TakeOver(made.File(), like);
   if (rights == Rights::kFewer && likeness == Likeness::kWhole) return Outcome::kForeign;
-  if (rights == Rights::kFailed || ::fsync(made.File().Get()) != 0) return Outcome::kFailed;
+  if (rights == Rights::kFailed || !Noted(::fsync(made.File().Get()) == 0)) return Outcome::kFailed;
   if (!made.Rename(place.Name().c_str())) return OutcomeOf(errno);
   // The content is the new one now. Not every file system can write a folder on demand.
   static_cast<void>(::fsync(folder));
@@ -170,7 +178,7 @@ bool WriteAt(const Descriptor& file, std::string_view text, std::size_t position
     const ssize_t put =
         ::pwrite(file.Get(), text.data(), text.size(), static_cast<off_t>(position));
     if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
+    if (put <= 0) return Noted(false);
     text.remove_prefix(static_cast<std::size_t>(put));
     position += static_cast<std::size_t>(put);
   }
@@ -187,12 +195,12 @@ bool WriteInPlace(const Descriptor& file, std::string_view text) {
   const auto length = static_cast<std::size_t>(StatusOf(file).st_size);
   const std::size_t kept = std::min(length, text.size());
   const std::string_view added = text.substr(kept);
-  if (!WriteAt(file, added, kept) || (!added.empty() && ::fsync(file.Get()) != 0)) {
+  if (!WriteAt(file, added, kept) || (!added.empty() && !Noted(::fsync(file.Get()) == 0))) {
     static_cast<void>(CutFile(file, length));
     return false;
   }
   return WriteAt(file, text.substr(0, kept), 0) &&
-         (length <= text.size() || CutFile(file, text.size())) && ::fsync(file.Get()) == 0;
+         (length <= text.size() || CutFile(file, text.size())) && Noted(::fsync(file.Get()) == 0);
 }
 
 /// Why the old file is to be written in place; null when it is not.

@@ -24,13 +24,15 @@ inline constexpr std::string_view kTemporaryHead = ".qixxwatch-new-";
 /// new. Two cases leave only writing the old one in place, which is traced; it then must have one
 /// name: the folder takes no new file (or gives the name to none, as with a mounted file), or a new
 /// one cannot have the old one's owner, or its group or access list where these decide who may read
-/// or write. False when the content is not the new one, and then traced.
+/// or write. False when the content is not the new one, and then traced; ScarceMeans tells of a
+/// full disk.
 [[nodiscard]] bool ReplaceFile(const FilePlace& place, const Descriptor& old,
                                std::string_view text);
 
 /// Makes a file of this content, with the permissions, and as far as that is allowed the owner and
 /// the group, of the open file `like`; another group gets no more than everybody.
-/// Whatever had the name is replaced, also a link. False, and traced, when there is no such file.
+/// Whatever had the name is replaced, also a link. False, and traced as above, when there is no
+/// such file.
 [[nodiscard]] bool MakeFile(const FilePlace& place, std::string_view text, const Descriptor& like);
 
 /// What both do first: removes the left-overs in the folder.

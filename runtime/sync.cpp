@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "runtime/clock.h"
-#include "runtime/refused_starts.h"
+#include "runtime/scarce_means.h"
 #include "runtime/spare_sync.h"
 #include "runtime/thread_library.h"
 #include "runtime/trace.h"
@@ -159,7 +159,7 @@ ThreadId ThreadCreate(ThreadFunction function, void* argument) {
   }
   pthread_t thread = 0;
   const int error = Threads().create(&thread, nullptr, function, argument);
-  RefusedStarts::Note(error);
+  ScarceMeans::Note(error);
   return error == 0 ? thread : 0;
 }
 

@@ -73,7 +73,7 @@ class CriticalScope {
   CCritical* section_;
 };
 
-/// Starts a thread with default attributes. Returns its id, 0 on failure, which RefusedStarts may
+/// Starts a thread with default attributes. Returns its id, 0 on failure, which ScarceMeans may
 /// tell of.
 ThreadId ThreadCreate(ThreadFunction function, void* argument);
 /// Lets the calling thread free its own resources when it ends. Does nothing without the library.

@@ -5,7 +5,7 @@
 #include "runtime/loader.h"
 #include "runtime/notice.h"
 #include "runtime/process.h"
-#include "runtime/refused_starts.h"
+#include "runtime/scarce_means.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -135,9 +135,9 @@ bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view 
 }
 
 bool RunRemoveCommand(CardReader& card, const WatchEvent& event, std::string_view text) {
-  const runtime::RefusedStarts refused;
+  const runtime::ScarceMeans scarce;
   const bool hadMemory = RunGuarded([&] { return ExecuteCommand(card, event, text), true; });
-  return hadMemory && !refused.Any();
+  return hadMemory && !scarce.Any();
 }
 
 std::optional<std::uint64_t> StartCommandProcess(const std::string& program,

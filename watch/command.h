@@ -60,7 +60,7 @@ struct ApplicationParts {
 bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view text);
 
 /// Runs a command of a removal. False when that is to be done again, at another time: memory ran
-/// out, or the system had no room for the process or thread.
+/// out, or the system had no room for the process, the thread or the new text of a file.
 [[nodiscard]] bool RunRemoveCommand(CardReader& card, const WatchEvent& event,
                                     std::string_view text);
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "runtime/process.h"
+#include "runtime/scarce_means.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/command.h"
@@ -101,6 +102,14 @@ void EndKeywordProcess(CWatchOptions& record) {
   record.processId = 0;
 }
 
+/// False when there was no room for the new text.
+bool RestoreKeywordFile(const CWatchOptions& record) {
+  const runtime::ScarceMeans scarce;
+  // A longer name was refused on insert.
+  if (record.configFile.size() <= kMaxOption) RestoreAndClear(record.configFile);
+  return !scarce.Any();
+}
+
 /// The command's place in the list is made before it runs, so that memory can run out no later.
 void RunOrOwe(const WatchEvent& event, std::string text, const Platform& platform,
               std::list<std::string>& owed) {
@@ -136,8 +145,7 @@ void RunRemoveCommands(config::CConfig& config, const CWatchOptions& record,
       RemoveSection(config, record, event, platform, owed);
       break;
     case CommandForm::kKeyword:
-      // A longer name was refused on insert.
-      if (record.configFile.size() <= kMaxOption) RestoreAndClear(record.configFile);
+      owed.isWhole = !RestoreKeywordFile(record);
       break;
   }
 }
@@ -200,7 +208,7 @@ OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform
   runtime::TraceWrite("Watch - Remove event ...");
   FileScope::BeginEvent();
   OwedRemoval owed;
-  owed.isWhole = !RunGuarded([&] { return RunRemoval(record, slot, platform, owed); });
+  if (!RunGuarded([&] { return RunRemoval(record, slot, platform, owed); })) owed.isWhole = true;
   if (owed.isUnread) RunStep(NotifyWithoutRemoval);
   EventHook(record, EventKind::kRemove);
   // Also behind a wait that said no: what the insert started does not outlive the card.

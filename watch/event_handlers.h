@@ -22,9 +22,11 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
 
 /// What a removal leaves to be done later, so that no screen stays open for want of means.
 struct OwedRemoval {
-  bool isWhole = false;   ///< all of it: memory ran out, or the process is to stop before its end
+  /// All of it: memory ran out, the keyword form's file has no room, or the process is to stop
+  /// before its end.
+  bool isWhole = false;
   bool isUnread = false;  ///< what the configuration says, which was missing, unreadable or empty
-  std::list<std::string> commands = {};  ///< those that found no process, thread or memory
+  std::list<std::string> commands = {};  ///< those that found no process, thread, memory or room
 
   [[nodiscard]] bool IsNothing() const { return !isWhole && !isUnread && commands.empty(); }
 };

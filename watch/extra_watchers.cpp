@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,18 +12,24 @@
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "runtime/children.h"
+#include "runtime/clock.h"
 #include "runtime/descriptor.h"
 #include "runtime/no_destructor.h"
+#include "runtime/notice.h"
 #include "runtime/process.h"
 #include "runtime/product.h"
+#include "runtime/scarce_means.h"
 #include "runtime/secrets.h"
 #include "runtime/sync.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/configuration.h"
+#include "watch/guard.h"
+#include "watch/parallel.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
 
@@ -32,6 +39,9 @@ namespace {
 constexpr std::string_view kDepthVariable = "watchdepth";
 constexpr std::string_view kRoomVariable = "watchroom";
 constexpr std::string_view kLinkVariable = "watchlink";
+
+/// A watcher is started again at most once in this time.
+constexpr std::int64_t kRestartMilliseconds = 60'000;
 
 std::string VariableName(std::string_view name) {
   return std::string(runtime::Product().prefix).append(name);
@@ -134,33 +144,96 @@ std::string ReadExtraCommand(const std::string& name) {
                       kMaxCommandLine - kChildMark.size());
 }
 
-void StartExtraWatcher(const std::string& program, const std::string& name) {
-  std::string command = ReadExtraCommand(name);
-  if (command.empty()) command = UsualExtraCommand(name);
-  runtime::TraceWrite("Watch - Extra '%s'", runtime::MaskedText(name).Text());
+/// One that this watcher started, or could not start yet.
+struct ExtraWatcher {
+  std::string name;
+  std::uint64_t room = 0;    ///< how many it may start together with those below it
+  std::string command = {};  ///< once it was read; a later start takes the same
+  pid_t process = 0;         ///< 0 while there is none that is known to run
+  bool isOwed = true;        ///< it is to be started, at once or later
+  std::optional<std::int64_t> restarted = {};  ///< when, in milliseconds
+};
+
+struct ExtraWatchers {
+  std::string program;
+  std::uint64_t depth = 0;  ///< of all of them
+  std::vector<ExtraWatcher> all;
+};
+
+ExtraWatchers& OwnExtraWatchers() {
+  static runtime::NoDestructor<ExtraWatchers> watchers;
+  return *watchers;
+}
+
+/// It stays owed when memory runs out on the way, or when the system has no room for it.
+void StartExtraWatcher(ExtraWatcher& watcher) {
+  if (watcher.command.empty()) watcher.command = ReadExtraCommand(watcher.name);
+  if (watcher.command.empty()) watcher.command = UsualExtraCommand(watcher.name);
+  runtime::TraceWrite("Watch - Extra '%s'", runtime::MaskedText(watcher.name).Text());
+  OwnLink().Open();
+  const ChildVariable deeper(kDepthVariable, OwnExtraWatchers().depth);
+  const ChildVariable share(kRoomVariable, watcher.room);
+  const ChildVariable link(kLinkVariable, runtime::kPassedDescriptor);
+  const runtime::ScarceMeans scarce;
   const runtime::ChildMark marked;
-  runtime::LaunchProcess(program, std::string(kChildMark) + command, runtime::kWaitNone,
-                         OwnLink().Reading());
+  runtime::LaunchProcess(OwnExtraWatchers().program, std::string(kChildMark) + watcher.command,
+                         runtime::kWaitNone, OwnLink().Reading());
+  watcher.process = marked.Latest();
+  watcher.isOwed = watcher.process == 0 && scarce.Any();
 }
 
 /// As many of the names as there is room for. What is left is split, so that no watcher of the tree
 /// has to know what the others start.
-void StartWithin(std::uint64_t room, std::vector<std::string> names, const std::string& program) {
+std::vector<ExtraWatcher> ShareRoom(std::uint64_t room, std::vector<std::string> names) {
   if (names.size() > room) {
     runtime::TraceWrite("Watch - Extra watchers end at %d in all",
                         static_cast<int>(kMaxExtraWatchers));
     names.resize(room);
   }
   room -= names.size();
-  OwnLink().Open();
-  const ChildVariable link(kLinkVariable, runtime::kPassedDescriptor);
+  std::vector<ExtraWatcher> watchers;
   std::size_t left = names.size();
-  for (const std::string& name : names) {
+  for (std::string& name : names) {
     const std::uint64_t share = room / left--;
     room -= share;
-    const ChildVariable shared(kRoomVariable, share);
-    StartExtraWatcher(program, name);
+    watchers.push_back({.name = std::move(name), .room = share});
   }
+  return watchers;
+}
+
+// --- looking after them -------------------------------------------------------------------------
+
+void Tell(const ExtraWatcher& watcher, const std::string& news) {
+  const std::string name = runtime::MaskSecrets(watcher.name);
+  runtime::TraceWrite("Watch - Extra '%s' %s", name.c_str(), news.c_str());
+  runtime::Notify("extra watcher '" + name + "' " + news);
+}
+
+/// One that ended with an exit code has nothing to watch, has made its rounds or was told to stop.
+/// So has, for all that is known, one whose end a loaded library has taken note of.
+void NoteEnd(ExtraWatcher& watcher) {
+  const runtime::ChildState state = runtime::TakeMarkedChild(watcher.process);
+  if (state.result == 0) return;
+  watcher.process = 0;
+  watcher.isOwed = state.result > 0 && WIFSIGNALED(state.status);
+  if (!watcher.isOwed) return;
+  Tell(watcher, "was ended by signal " + std::to_string(WTERMSIG(state.status)));
+}
+
+/// One that always crashes does not keep the machine busy. No command's thread may read the
+/// environment, nor start a program with it, while it is an extra watcher's.
+bool MayStartAgain(const ExtraWatcher& watcher) {
+  const bool wasJustNow =
+      watcher.restarted &&
+      runtime::MonotonicMilliseconds() - *watcher.restarted < kRestartMilliseconds;
+  return !wasJustNow && WaitForParallelJobs(0);
+}
+
+void StartAgain(ExtraWatcher& watcher) {
+  StartExtraWatcher(watcher);
+  if (watcher.process == 0) return;
+  watcher.restarted = runtime::MonotonicMilliseconds();
+  Tell(watcher, "is started again");
 }
 
 }  // namespace
@@ -192,8 +265,21 @@ void StartExtraWatchers(std::string_view list, const std::string& ownPath) {
   const std::string program = FindOwnProgram(ownPath);
   if (program.empty()) return;
   const std::uint64_t room = ReadVariable(kRoomVariable).value_or(kMaxExtraWatchers);
-  const ChildVariable deeper(kDepthVariable, depth + 1);
-  StartWithin(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list), program);
+  OwnExtraWatchers() = {
+      program, depth + 1,
+      ShareRoom(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list))};
+  for (ExtraWatcher& watcher : OwnExtraWatchers().all) {
+    RunStep([&watcher] { StartExtraWatcher(watcher); });
+  }
+}
+
+void LookAfterExtraWatcher(std::uint64_t round) {
+  std::vector<ExtraWatcher>& all = OwnExtraWatchers().all;
+  const std::uint64_t index = round % kMaxExtraWatchers;
+  if (index >= all.size() || StopRequested()) return;
+  ExtraWatcher& watcher = all[index];
+  if (watcher.process != 0) NoteEnd(watcher);
+  if (watcher.isOwed && MayStartAgain(watcher)) StartAgain(watcher);
 }
 
 void LeaveExtraWatchers() {

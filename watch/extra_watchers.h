@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,6 +34,11 @@ inline constexpr std::string_view kChildMark = "X ";
 /// room for; what room is left is shared out evenly among them. `ownPath` is how this program was
 /// called.
 void StartExtraWatchers(std::string_view list, const std::string& ownPath);
+/// Looks in each round at one of them, so at all in about ten seconds. One that a signal ended, or
+/// that the system had no room for, is started again, each at most once a minute, and standard
+/// error and the trace say so. It has the command of its first start. Allocates nothing while all
+/// run.
+void LookAfterExtraWatcher(std::uint64_t round);
 /// At the end of a watcher: those that it started are told to stop as well when it was, and go on
 /// without it when it ended by itself.
 void LeaveExtraWatchers();

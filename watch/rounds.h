@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "runtime/children.h"
+#include "watch/extra_watchers.h"
 #include "watch/guard.h"
 #include "watch/platform.h"
 #include "watch/stop.h"
@@ -60,6 +61,7 @@ void RunRounds(Watch& watch, std::uint64_t limit, const Platform& platform) {
     const bool told =
         RunGuarded([&] { return watch.Round(InitialiseLater(platform.card, round)); });
     runtime::ReapChildren();
+    RunStep([round] { LookAfterExtraWatcher(round); });
     // A card that came or went shows in the pause.
     const bool hasChanged = std::exchange(pause, watch.Pause()) != pause;
     if (platform.manager.IsThere() && (hasChanged || round % kStatusRounds == 0)) {

@@ -11,6 +11,8 @@
 namespace qixx::testing {
 namespace {
 
+using namespace std::chrono_literals;
+
 class Events : public ServiceTest {
  protected:
   void WatchBoth(const std::string& options) { Watch(options, {in_}, {out_}); }
@@ -156,6 +158,32 @@ TEST_F(Events, ExtraWatchersEndWithAKilledParentAndLeaveTheirCommands) {
   const int command = std::stoi(desktop.Home().Read("id.txt"));
   EXPECT_EQ(::kill(command, 0), 0) << "the command outlives them";
   ::close(::open(desktop.Path("gate").c_str(), O_WRONLY | O_CLOEXEC));
+}
+
+TEST_F(Events, ExtraWatcherThatWasKilledIsStartedAgainAndRunsTheRemovalThatItMissed) {
+  std::filesystem::create_directories(desktop.Path("run"));
+  desktop.SetVariable("RUNTIME_DIRECTORY", desktop.Path("run"));
+  desktop.InsertCard(1);
+  desktop.Configure(
+      "[Command]\nWatch=-sync config Watch|Lock\nWatch Lock=-sync config Lock\n"
+      "[Watch Insert]\n1=kill x\n[Watch Lock Insert]\n1=kill x\n[Watch Lock Remove]\n1=" +
+      out_ + "\n");
+  desktop.Start();
+  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1", 2));
+  const std::vector<std::string> forked = desktop.TraceAfter("Helper - Forked process id ");
+  ASSERT_FALSE(forked.empty());
+  ::kill(std::stoi(forked.front()), SIGKILL);
+  desktop.RemoveCard(1);
+  ASSERT_TRUE(desktop.Traced("Watch - Disconnected slot 1"));
+  EXPECT_FALSE(Exists("out.txt"));
+  // It is looked after in each 32nd round.
+  EXPECT_TRUE(Eventually([this] { return desktop.Home().Read("out.txt") == "out\n"; }, 45s));
+  ASSERT_TRUE(desktop.Traced("Watch - Extra 'Lock' is started again"));
+  EXPECT_EQ(desktop.Home().Read("stderr.txt"),
+            "qixxwatch: extra watcher 'Lock' was ended by signal 9\n"
+            "qixxwatch: extra watcher 'Lock' is started again\n");
+  Stop();
+  EXPECT_TRUE(desktop.Traced("Watch - Stopped", 2));
 }
 
 TEST_F(Events, ExtraWatchersGoOnWhenTheirParentHasNothingToDo) {

@@ -3,17 +3,24 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <new>
+#include <set>
+#include <sstream>
 
+#include "runtime/children.h"
 #include "runtime/process.h"
 #include "runtime/product.h"
 #include "tests/support/environment.h"
+#include "tests/support/eventually.h"
 #include "tests/support/fake_card.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
@@ -24,6 +31,7 @@
 #include "watch/configuration.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
+#include "watch/extra_watchers.h"
 #include "watch/parallel.h"
 #include "watch/simulate.h"
 #include "watch/slot_loop.h"
@@ -407,6 +415,61 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
   }
 }
 
+/// A folder on a small disk of its own, which only this thread and its children see.
+class SmallDisk {
+ public:
+  explicit SmallDisk(const std::string& folder) : folder_(folder) {
+    isThere = ::unshare(CLONE_NEWNS) == 0 &&
+              ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
+              ::mount("none", folder.c_str(), "tmpfs", 0, "size=64k") == 0;
+  }
+  ~SmallDisk() {
+    if (isThere) ::umount2(folder_.c_str(), MNT_DETACH);
+  }
+  void Fill() const { std::ofstream(folder_ + "/filler") << std::string(100'000, 'x'); }
+  void MakeRoom() const { std::filesystem::remove(folder_ + "/filler"); }
+
+  bool isThere;
+
+ private:
+  std::string folder_;
+};
+
+TEST_F(EventTable, RemovalTriesAgainToClearAFileOnAFullDisk) {
+  std::filesystem::create_directories(folder_.Path("disk"));
+  const SmallDisk disk(folder_.Path("disk"));
+  if (!disk.isThere) GTEST_SKIP() << "NOT TESTED: disks of one's own are not allowed";
+  const std::string file = folder_.Path("disk/a.conf");
+  const std::string values = "[S]\nUsername=ann\n";
+  Configure("", "1=set -config " + file + "\n2=kill x\n");
+  watch::CWatchOptions section = Record("config");
+  watch::CWatchOptions keyword = Record("");
+  keyword.program = "/bin/true";
+  keyword.configFile = file;
+  for (watch::CWatchOptions record : {section, keyword}) {
+    SCOPED_TRACE(record.program);
+    std::ofstream(file) << values;
+    Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+    std::string whileFull;
+    desk.clock.inSleep = [&] {
+      if (desk.clock.slept.size() == 1) disk.Fill();
+      if (desk.clock.slept.size() == 4)
+        whileFull = TemporaryFolder::ReadFile(file), disk.MakeRoom();
+    };
+    const TraceCapture trace;
+    record.sync = true;
+    record.roundLimit = 7;
+    watch::WatchSlots(record, desk.platform);
+    EXPECT_EQ(whileFull, values);
+    EXPECT_EQ(TemporaryFolder::ReadFile(file).find("ann"), std::string::npos);
+    EXPECT_EQ(trace.Count("Helper - Failed to write '" + file + "'") +
+                  trace.Count("Helper - Failed to write '" + file + ".org'"),
+              3U)
+        << "once in each round, until there was room";
+  }
+  EXPECT_EQ(::access((file + ".org").c_str(), F_OK), 0);
+}
+
 TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
   struct Row {
     bool isMissing;
@@ -442,6 +505,46 @@ TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
     EXPECT_EQ(trace.Count("Watch - Execute remove command: set -registry x"), row.runs);
     EXPECT_EQ(trace.Count("Watch - Remove event ..."), 1 + row.runs);
   }
+}
+
+TEST_F(EventTable, ExtraWatcherThatDidNotEndByItselfIsStartedAgain) {
+  const std::string program = folder_.Write("program", R"(#!/bin/sh
+echo "$qixwatchdepth $qixwatchroom $qixwatchlink $*" >> $HOME/started
+case "$*" in *Killed) kill -9 $$; esac
+exit 3
+)");
+  std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+  const ScopedVariable home("HOME", folder_.Path().c_str());
+  const ScopedVariable depth("qixwatchdepth", "2");
+  const TraceCapture trace;
+  forksToFail = 1;
+  watch::StartExtraWatchers("Refused|Killed|Done", program);
+  const auto started = [&](const char* name) {
+    return trace.Count("Watch - Extra '" + std::string(name) + "' is started again");
+  };
+  const auto ended = [&] { return trace.Count("Watch - Extra 'Killed' was ended by signal 9"); };
+  std::uint64_t round = 0;
+  const auto look = [&] {
+    for (std::size_t i = 0; i < watch::kMaxExtraWatchers; ++i) {
+      runtime::ReapChildren();
+      watch::LookAfterExtraWatcher(round++);
+    }
+  };
+  EXPECT_TRUE(Eventually([&] { return look(), started("Killed") == 1; }));
+  EXPECT_EQ(ended(), 1U);
+  EXPECT_TRUE(Eventually([&] { return look(), ended() == 2; }));
+  look();
+  EXPECT_EQ(started("Killed"), 1U) << "once a minute";
+  EXPECT_EQ(started("Refused"), 1U);
+  EXPECT_EQ(started("Done"), 0U);
+  std::multiset<std::string> lines;
+  std::istringstream file(folder_.Read("started"));
+  for (std::string line; std::getline(file, line);) lines.insert(line);
+  EXPECT_EQ(lines, (std::multiset<std::string>{"3 10 3 X config Done", "3 10 3 X config Killed",
+                                               "3 10 3 X config Killed", "3 9 3 X config Refused"}))
+      << "each with its own part of the tree, and its link";
+  EXPECT_STREQ(::getenv("qixwatchdepth"), "2");
+  watch::StartExtraWatchers("", program);
 }
 
 TEST(SlotLoop, PollsThatFailLoseNoRemoval) {

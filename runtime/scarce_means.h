@@ -1,4 +1,4 @@
-// Whether the system had no room for a process or a thread.
+// Whether the system was short of what a step needed.
 #pragma once
 
 #include <cerrno>
@@ -6,15 +6,16 @@
 namespace qixx::runtime {
 
 /// Tells of the calling thread, since the object was made: whether a process or a thread could not
-/// be started for want of memory or below a limit. At another time it may be.
-class RefusedStarts {
+/// be started, or a file not be replaced, for want of memory, of room on the disk or below a limit.
+/// At another time it may be.
+class ScarceMeans {
  public:
-  RefusedStarts() : before_(count) {}
+  ScarceMeans() : before_(count) {}
   [[nodiscard]] bool Any() const { return count != before_; }
 
   /// For who tried, with the system's error number; other errors do not count.
   static void Note(int error) {
-    if (error == EAGAIN || error == ENOMEM) ++count;
+    if (error == EAGAIN || error == ENOMEM || error == ENOSPC || error == EDQUOT) ++count;
   }
 
  private:
