@@ -71,7 +71,7 @@ bool PcscConnection::Open() {
 }
 
 void PcscConnection::Close() {
-  if (isOpen_) Pcsc().release(context_);
+  if (isOpen_) Pcsc().release(context_);  // NOLINT: what is open has the functions
   isOpen_ = false;
 }
 
@@ -79,6 +79,7 @@ bool PcscConnection::ReadNames(std::vector<char>& names) {
   names.resize(std::max(names.capacity(), kInitialNames));
   for (;;) {
     PcscWord size = names.size();
+    // NOLINTNEXTLINE: what is open has the functions
     const PcscResult result = ResultOf(Pcsc().list(context_, nullptr, names.data(), &size));
     if (result == PcscResult::kInsufficientBuffer && size > names.size() && size <= kMaxNames) {
       names.resize(size);
@@ -97,11 +98,12 @@ bool PcscConnection::ReadNames(std::vector<char>& names) {
 }
 
 PcscResult PcscConnection::WaitForChange(PcscWord timeout, std::span<PcscReaderState> readers) {
+  // NOLINTNEXTLINE: what is open has the functions
   return ResultOf(Pcsc().wait(context_, timeout, readers.data(), readers.size()));
 }
 
 void PcscConnection::Cancel() {
-  Pcsc().cancel(context_);
+  Pcsc().cancel(context_);  // NOLINT: what is open has the functions
 }
 
 std::string_view CutReaderName(std::string_view name) {

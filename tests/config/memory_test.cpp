@@ -16,12 +16,11 @@ TEST(ConfigMemory, HalfReadOrHalfChangedTextIsNeverWritten) {
   const std::string migrated = "[SoftToken]\n1=a\n[Install Packages]\n";
   const std::string section = "A name that is too long for a string without an allocation";
   const TemporaryFolder folder;
-  bool opened = false;
   bool set = false;
   for (int count = 0; !set; ++count) {
     SCOPED_TRACE(count);
     const std::string path = folder.Write("a.conf", old);
-    opened = false;
+    bool opened = false;
     {
       config::CConfigFile file;
       allocationsLeft = count;
@@ -34,7 +33,8 @@ TEST(ConfigMemory, HalfReadOrHalfChangedTextIsNeverWritten) {
       }
       allocationsLeft = -1;
     }
-    const std::string expected = set ? migrated + "\n[" + section + "]\nE=v\n" : migrated;
+    std::string expected = migrated;
+    if (set) expected.append("\n[").append(section).append("]\nE=v\n");
     ASSERT_EQ(folder.Read("a.conf"), opened ? expected : old);
   }
 }

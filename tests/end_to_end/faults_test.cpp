@@ -20,10 +20,9 @@ TEST_F(Faults, MissingLibraryIsTracedAndTheWatchGoesOn) {
   EXPECT_TRUE(desktop.Traced("Watch - Event"));
   for (const char* folder : {"", "/nonexistent/", "/usr/lib/"}) {
     const std::string library = std::string(folder) + "libqixp11.so";
-    EXPECT_NE(desktop.Home()
-                  .Read("stderr.txt")
-                  .find("qixxwatch: no library " + library + ": " + library + ": cannot open"),
-              std::string::npos);
+    const std::string told =
+        std::string("qixxwatch: no library ").append(library).append(": ").append(library);
+    EXPECT_NE(desktop.Home().Read("stderr.txt").find(told + ": cannot open"), std::string::npos);
   }
 }
 

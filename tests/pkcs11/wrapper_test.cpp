@@ -216,6 +216,7 @@ struct Called {
 };
 
 const Called kCalled[] = {
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define QIXX_ROW(name, parameters, arguments)                    \
   {"C_" #name, [](auto& wrapper) {                               \
      const auto operation = [&wrapper] parameters -> CK_RV {     \
@@ -228,6 +229,7 @@ const Called kCalled[] = {
      };                                                          \
      return Invoke(operation, &decltype(operation)::operator()); \
    }},
+    // NOLINTEND(bugprone-macro-parentheses)
     QIXX_CK_FUNCTIONS(QIXX_ROW) QIXX_CK_EXTENSIONS(QIXX_ROW)
 #undef QIXX_ROW
 };
