@@ -114,6 +114,37 @@ TEST(LaunchProcess, ChildStartsCleanAndIsReapedOnce) {
   EXPECT_EQ(::waitpid(foreign, nullptr, 0), foreign) << "not reaped by us";
 }
 
+pid_t StartEnding(int signal) {
+  ChildPlace place;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::raise(signal);
+    ::_exit(0);
+  }
+  place.Register(child);
+  return child;
+}
+
+TEST(Children, MarkedOneIsKeptUntilItIsTaken) {
+  pid_t marked = 0;
+  {
+    const ChildMark mark;
+    EXPECT_EQ(mark.Latest(), 0);
+    marked = StartEnding(SIGKILL);
+    EXPECT_EQ(mark.Latest(), marked);
+  }
+  pid_t other = 0;
+  for (std::size_t i = 0; i <= kMaxKeptStatuses; ++i) other = StartEnding(SIGCONT);
+  EXPECT_TRUE(testing::Eventually([&] { return ReapChildren(), ::kill(other, 0) != 0; }));
+  EXPECT_EQ(::kill(marked, 0), 0) << "nobody else gets its id";
+  EXPECT_EQ(TakeMarkedChild(other).result, -1);
+  ChildState taken;
+  EXPECT_TRUE(testing::Eventually([&] { return (taken = TakeMarkedChild(marked)).result != 0; }));
+  EXPECT_EQ(taken.result, marked);
+  EXPECT_TRUE(WIFSIGNALED(taken.status));
+  EXPECT_EQ(TakeMarkedChild(marked).result, -1);
+}
+
 /// Ends as soon as a line shows that the launcher has looked whether there is a trace.
 void EndTrace(const char* /*line*/, std::size_t /*length*/) {
   TraceSetCallback(nullptr);
