@@ -1,6 +1,8 @@
 #include "runtime/file_place.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +10,7 @@
 #include <climits>
 #include <utility>
 
+#include "runtime/secrets.h"
 #include "runtime/trace.h"
 
 namespace qixx::runtime {
@@ -16,19 +19,24 @@ namespace {
 /// As many as the system follows in one path.
 constexpr int kMaxLinks = 40;
 
+/// Whether a link stands for something open without a name: "pipe:[4711]" behind "/dev/stderr".
+bool IsToOpenPipe(const Descriptor& link, std::string_view target) {
+  return target.find(":[") != std::string_view::npos && IsInProc(link.Get());
+}
+
 class PathWalk {
  public:
   explicit PathWalk(const std::string& path) : path_(path), rest_(path) {}
 
   FoundFile Find() {
     FoundFile found;
-    if (!EnterFolders()) return found;
+    if (!EnterFolders()) return {{}, {}, refusal_};
     found.named = found.real = Place();
     for (;;) {
       const std::string name = std::exchange(rest_, {});
       const Step step = FollowLink(name);
       if (step == Step::kNoLink) return found;
-      if (step == Step::kRefused || !EnterFolders()) return {found.named, {}};
+      if (step == Step::kRefused || !EnterFolders()) return {found.named, {}, refusal_};
       found.real = Place();
     }
   }
@@ -85,25 +93,29 @@ class PathWalk {
     const struct stat status = StatusOf(link);
     if (!S_ISLNK(status.st_mode)) return Step::kNoLink;
     if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
-      TraceRefusal(path_, "a link of somebody else");
-      return Step::kRefused;
+      return Refuse("a link of somebody else");
     }
     char target[PATH_MAX];
     const ssize_t length = ::readlinkat(link.Get(), "", target, sizeof target);
     if (length <= 0) return Step::kRefused;
-    if (++links_ > kMaxLinks) {
-      TraceRefusal(path_, "a path through too many links");
-      return Step::kRefused;
-    }
+    if (IsToOpenPipe(link, {target, static_cast<std::size_t>(length)})) return Step::kNoLink;
+    if (++links_ > kMaxLinks) return Refuse("a path through too many links");
     if (!rest_.empty()) rest_.insert(0, 1, '/');
     rest_.insert(0, target, static_cast<std::size_t>(length));
     return Step::kFollowed;
+  }
+
+  Step Refuse(const char* reason) {
+    TraceRefusal(MaskSecrets(path_), reason);
+    refusal_ = reason;
+    return Step::kRefused;
   }
 
   const std::string& path_;
   Descriptor folder_;  ///< not open while it is the current one
   std::string rest_;   ///< still to be walked, from there
   int links_ = 0;
+  const char* refusal_ = nullptr;
 };
 
 }  // namespace
@@ -131,6 +143,11 @@ Descriptor FilePlace::Open(int flags, mode_t mode) const {
   Descriptor file(::openat(Folder(), name_.c_str(), flags | kSafe, mode));
   if (!S_ISREG(StatusOf(file).st_mode)) file.Close();
   return file;
+}
+
+bool IsInProc(int file) {
+  struct statfs system {};
+  return ::fstatfs(file, &system) == 0 && system.f_type == PROC_SUPER_MAGIC;
 }
 
 FoundFile FindFile(const std::string& path) {

@@ -1,4 +1,4 @@
-// Where a configuration file is, found so that no other user decides it.
+// Where a configuration file or a command's output is, found so that no other user decides it.
 //
 // A path is walked folder by folder, each opened inside the one before, and what is done to a file
 // is done inside its open folder. So whoever may rename things on the way gains nothing by doing it
@@ -44,14 +44,18 @@ class FilePlace {
 };
 
 struct FoundFile {
-  FilePlace named;  ///< the path's last name itself
-  FilePlace real;   ///< the same, or where it leads when it is a link
+  FilePlace named;                ///< the path's last name itself
+  FilePlace real;                 ///< the same, or where it leads when it is a link
+  const char* refusal = nullptr;  ///< why a link was not followed, null when all were
 };
+/// Whether an open file or folder is in /proc. A link to an open pipe there has no path, so
+/// FindFile ends with the link itself.
+[[nodiscard]] bool IsInProc(int file);
 /// Nowhere when a folder is missing or may not be entered, or the path names none but folders. A
 /// link that does not count is traced, and so is a path through more links than the system follows.
 [[nodiscard]] FoundFile FindFile(const std::string& path);
 
-/// Traces that a file is not touched, and why.
+/// Traces that a file is not touched, and why. Allocates nothing.
 void TraceRefusal(const std::string& path, const char* reason);
 /// False, and traced, for a file with more than one name, since the others could be anywhere, and
 /// for one whose last name was taken away.

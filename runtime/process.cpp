@@ -14,6 +14,7 @@
 
 #include "runtime/children.h"
 #include "runtime/clock.h"
+#include "runtime/file_place.h"
 #include "runtime/loader.h"
 #include "runtime/notice.h"
 #include "runtime/product.h"
@@ -76,6 +77,59 @@ std::vector<std::string> SplitAlike(std::string_view program, std::string_view l
   return entries;
 }
 
+// --- the output -------------------------------------------------------------------------------
+
+/// The file behind ">", found before the fork and opened behind it.
+struct Output {
+  FoundFile found;
+  std::string shown;  ///< as the command names it, secrets masked
+};
+
+bool IsTrusted(uid_t owner) {
+  return owner == 0 || owner == ::geteuid();
+}
+
+/// Why the output may not go to a file; null when it may. Where somebody else may put or move
+/// things, they could have given its name to a file that they cannot write, or to a pipe that keeps
+/// the program waiting for them.
+const char* FaultOfOutput(const struct stat& file, const struct stat& folder) {
+  if (S_ISLNK(file.st_mode)) return "a link";  // put there behind the search
+  if (S_ISFIFO(file.st_mode) && !IsTrusted(file.st_uid)) return "a pipe of somebody else";
+  const bool isOurs = IsTrusted(folder.st_uid) && (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  if (isOurs) return nullptr;
+  if (!S_ISREG(file.st_mode)) return "no regular file";
+  if (file.st_nlink > 1) return "a file with a second name";
+  if (file.st_nlink == 0) return "a file that was removed";
+  const bool isAllowed = file.st_uid == ::geteuid() || file.st_uid == folder.st_uid;
+  return isAllowed ? nullptr : "a file of somebody else";
+}
+
+/// Opens the output in its folder. Negative when that fails, with `fault` when it is refused. Waits
+/// for nothing but the reader of a pipe that nobody else can have put there.
+int OpenOutput(int folder, const char* name, const char*& fault) {
+  // The links of /proc are nobody's, and lead to what the service itself has open.
+  const bool inProc = IsInProc(folder);
+  const int flags = O_WRONLY | O_NOCTTY | (inProc ? 0 : O_NOFOLLOW);
+  struct stat place {};
+  struct stat file {};
+  if (::fstat(folder, &place) != 0) return -1;
+  int output = ::openat(folder, name, flags | O_CREAT | O_NONBLOCK, kOutputMode);
+  const int error = errno;
+  const bool known = output >= 0
+                         ? ::fstat(output, &file) == 0
+                         : ::fstatat(folder, name, &file, inProc ? 0 : AT_SYMLINK_NOFOLLOW) == 0;
+  if (known) fault = FaultOfOutput(file, place);
+  if (output < 0) {
+    const bool waits = error == ENXIO && known && fault == nullptr && S_ISFIFO(file.st_mode);
+    return waits ? ::openat(folder, name, flags) : -1;
+  }
+  const bool usable = known && fault == nullptr && ::fcntl(output, F_SETFL, 0) == 0 &&
+                      (!S_ISREG(file.st_mode) || ::ftruncate(output, 0) == 0);
+  if (usable) return output;
+  ::close(output);
+  return -1;
+}
+
 // --- the child --------------------------------------------------------------------------------
 
 /// All that the child needs, made before the fork: another thread may hold the lock of the heap
@@ -91,7 +145,8 @@ class ChildPlan {
     for (std::string& entry : entries_) vector_.push_back(entry.data());
     // Entry 0 is no redirection.
     if (entries_.size() >= 3 && entries_[entries_.size() - 2] == ">") {
-      output_ = vector_.back();
+      output_ = {FindFile(entries_.back()),
+                 SplitAlike({}, arguments, MaskSecrets(arguments)).back()};
       vector_.resize(entries_.size() - 2);
     }
     vector_.push_back(nullptr);
@@ -102,8 +157,8 @@ class ChildPlan {
   [[nodiscard]] bool IsEmpty() const { return entries_.empty(); }
   /// The entries without a redirection, ended by null.
   [[nodiscard]] char* const* Vector() const { return vector_.data(); }
-  /// The file that the child's output goes to, null for none.
-  [[nodiscard]] const char* Output() const { return output_; }
+  /// Where the child's output goes, nothing without a redirection.
+  [[nodiscard]] const std::optional<Output>& Redirection() const { return output_; }
   /// All entries with secrets masked; empty while the trace is off.
   [[nodiscard]] const std::vector<std::string>& Shown() const { return shown_; }
 
@@ -112,7 +167,7 @@ class ChildPlan {
   std::string program_;
   std::vector<std::string> shown_;
   std::vector<char*> vector_;
-  const char* output_ = nullptr;
+  std::optional<Output> output_;
 };
 
 void TraceArguments(const std::vector<std::string>& shown) {
@@ -120,16 +175,6 @@ void TraceArguments(const std::vector<std::string>& shown) {
   for (const std::string& entry : shown) {
     TraceWrite("Helper - Argument %d: '%s'", number++, entry.c_str());
   }
-}
-
-/// Sends standard output to the file, or nowhere when it cannot be opened: the program is started
-/// all the same. Opened without close-on-exec, because it may be the descriptor 1 itself.
-void RedirectOutput(const char* file) {
-  int output = ::open(file, O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY, kOutputMode);
-  if (output < 0) output = ::open("/dev/null", O_WRONLY);
-  if (output < 0 || output == STDOUT_FILENO) return;
-  ::dup2(output, STDOUT_FILENO);
-  if (output > STDERR_FILENO) ::close(output);
 }
 
 /// Gives the program the signals of a fresh process. What the service's own caller had switched off
@@ -192,6 +237,26 @@ void NotifyParts(std::initializer_list<std::string_view> parts) {
   Notify({notice, length});
 }
 
+/// Sends standard output, where the file's folder is until then, to the file, or nowhere when it
+/// cannot be opened: the program is started all the same.
+void RedirectOutput(const ChildPlan& plan, const Output& to) {
+  const FilePlace& place = to.found.real;
+  const char* fault = nullptr;
+  int output = -1;
+  if (place.Folder() >= 0) output = OpenOutput(STDOUT_FILENO, place.Name().c_str(), fault);
+  if (fault != nullptr) TraceRefusal(to.shown, fault);
+  if (fault == nullptr) fault = to.found.refusal;  // traced when it was found
+  if (fault != nullptr) {
+    ::signal(SIGPIPE, SIG_IGN);  // nor may a reader that is gone keep the program from starting
+    NotifyParts({"'", plan.Program(), "' without its output, '", to.shown, "' is ", fault});
+    ::signal(SIGPIPE, SIG_DFL);
+  }
+  if (output < 0) output = ::open("/dev/null", O_WRONLY);
+  if (output < 0 || output == STDOUT_FILENO) return;
+  ::dup2(output, STDOUT_FILENO);
+  if (output > STDERR_FILENO) ::close(output);
+}
+
 /// Tells that the program could not be started. Standard error comes last: a reader that is gone
 /// ends the child, which no longer ignores SIGPIPE.
 [[noreturn]] void EndWithoutProgram(const ChildPlan& plan, int error) {
@@ -211,8 +276,11 @@ void NotifyParts(std::initializer_list<std::string_view> parts) {
   if (!plan.IsEmpty()) {
     TraceArguments(plan.Shown());
     RestoreSignals();
+    const std::optional<Output>& output = plan.Redirection();
+    // The one descriptor that the output's folder can have while all others are closed.
+    if (output) ::dup2(output->found.real.Folder(), STDOUT_FILENO);
     CloseDescriptorsFrom((PassOn(passed) ? kPassedDescriptor : STDERR_FILENO) + 1);
-    if (plan.Output() != nullptr) RedirectOutput(plan.Output());
+    if (output) RedirectOutput(plan, *output);
     ::execv(plan.Vector()[0], plan.Vector());
     EndWithoutProgram(plan, errno);
   }

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "runtime/children.h"
@@ -143,6 +145,131 @@ TEST(Children, MarkedOneIsKeptUntilItIsTaken) {
   EXPECT_EQ(taken.result, marked);
   EXPECT_TRUE(WIFSIGNALED(taken.status));
   EXPECT_EQ(TakeMarkedChild(marked).result, -1);
+}
+
+constexpr uid_t kNobody = 65534;
+
+/// A folder for the file behind ">", and another one that is closed to strangers.
+class Redirection : public ::testing::Test {
+ protected:
+  /// Returns what was said on standard error until the program had ended.
+  std::string LaunchInto(const std::string& file) {
+    ::testing::internal::CaptureStderr();
+    EXPECT_TRUE(LaunchProcess("/bin/echo", "out > " + file));
+    int status = -1;
+    const bool ended = testing::Eventually([&] { return ::waitpid(-1, &status, WNOHANG) > 0; });
+    EXPECT_TRUE(ended) << "the program waits";
+    EXPECT_EQ(status, 0);
+    return ::testing::internal::GetCapturedStderr();
+  }
+
+  const TemporaryFolder folder_;
+  const TemporaryFolder vault_;
+  const std::string secret_ = vault_.Write("secret", "kept");
+};
+
+TEST_F(Redirection, GoesToWhatTheServicesUserPutThere) {
+  const testing::TraceCapture trace;
+  const std::string longer = folder_.Write("old", "a longer text than the output");
+  ASSERT_EQ(::link(longer.c_str(), folder_.Path("second").c_str()), 0);
+  fs::create_symlink(longer, folder_.Path("link"));
+  fs::create_symlink(folder_.Path(), folder_.Path("round"));
+  fs::create_symlink("missing", folder_.Path("dangling"));
+  const mode_t mask = ::umask(027);
+  for (const char* const name : {"new", "old", "second", "link", "round/other", "dangling"}) {
+    EXPECT_EQ(LaunchInto(folder_.Path(name)), "") << name;
+    EXPECT_EQ(folder_.Read(name), "out\n") << name;
+    folder_.Write("old", "a longer text than the output");
+  }
+  ::umask(mask);
+  EXPECT_EQ(fs::status(folder_.Path("new")).permissions(), fs::perms{0640});
+  EXPECT_TRUE(fs::is_symlink(folder_.Path("dangling")));
+  for (const char* const plain : {"/dev/null", "/missing/out", "/"}) {
+    EXPECT_EQ(LaunchInto(plain), "") << plain;
+  }
+
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  EXPECT_EQ(LaunchInto("/proc/self/fd/" + std::to_string(ends[1])), "");
+  char read[8] = {};
+  ::close(ends[1]);
+  EXPECT_EQ(::read(ends[0], read, sizeof read), 4);
+  ::close(ends[0]);
+
+  // The program waits for the reader of a pipe, and may then wait for it to read.
+  const std::string pipe = folder_.Path("pipe");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  const std::string script = "head -c 200000 /dev/zero";
+  for (const bool isOpen : {false, true}) {
+    const int reader = isOpen ? ::open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+    EXPECT_TRUE(LaunchProcess("/bin/sh", "-c \"" + script + "\" > " + pipe));
+    EXPECT_EQ(TemporaryFolder::ReadFile(pipe).size(), 200000U);
+    EXPECT_GT(::wait(nullptr), 0);
+    ::close(reader);
+  }
+  for (const std::string& line : trace.Lines()) EXPECT_FALSE(line.starts_with("Helper - Refused"));
+}
+
+TEST_F(Redirection, GoesNowhereWhereStrangersLead) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
+  ASSERT_EQ(::chmod(folder_.Path().c_str(), 0777), 0);
+  ASSERT_EQ(::chown(folder_.Path().c_str(), kNobody, kNobody), 0);
+  const std::string file = folder_.Path("-pin 12");
+  const auto own = [&](uid_t owner) { ASSERT_EQ(::lchown(file.c_str(), owner, owner), 0); };
+  struct Row {
+    const char* reason;  ///< empty when the output arrives
+    std::function<void()> put;
+  };
+  const Row rows[] = {
+      {"", [] {}},
+      {"", [&] { folder_.Write("-pin 12", "the service's own"); }},
+      {"", [&] { folder_.Write("-pin 12", "theirs"), own(kNobody); }},
+      {"a file of somebody else", [&] { folder_.Write("-pin 12", "kept"), own(1234); }},
+      {"a link of somebody else", [&] { fs::create_symlink(secret_, file), own(kNobody); }},
+      {"a file with a second name", [&] { fs::create_hard_link(secret_, file); }},
+      {"no regular file", [&] { ::mkfifo(file.c_str(), 0666); }},
+      {"a pipe of somebody else", [&] { ::mkfifo(file.c_str(), 0666), own(kNobody); }}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.reason);
+    fs::remove(file);
+    row.put();
+    const std::string log = vault_.Path("trace.log");
+    TraceSetFile(log);
+    const std::string said = LaunchInto("\"" + file + "\"");
+    TraceSetFile("");
+    const std::string traced = TemporaryFolder::ReadFile(log);
+    fs::remove(log);
+    EXPECT_EQ(TemporaryFolder::ReadFile(secret_), "kept");
+    const std::string masked = folder_.Path("-pin **");
+    const std::string refusal = "Helper - Refused '" + masked + "', " + row.reason + "\n";
+    EXPECT_THAT(traced, ::testing::HasSubstr("Helper - Child process started"));
+    EXPECT_THAT(traced, ::testing::Not(::testing::HasSubstr("pin 12")));
+    if (*row.reason == '\0') {
+      EXPECT_THAT(traced, ::testing::Not(::testing::HasSubstr("Refused")));
+      EXPECT_EQ(folder_.Read("-pin 12"), "out\n");
+      EXPECT_EQ(said, "");
+    } else {
+      EXPECT_NE(traced.find(refusal), traced.npos) << traced;
+      EXPECT_EQ(traced.find(refusal), traced.rfind("Helper - Refused"));
+      EXPECT_EQ(said, "qixxwatch: '/bin/echo' without its output, '" + masked + "' is " +
+                          row.reason + "\n");
+    }
+  }
+
+  // Nor is the program kept back by a reader of standard error that is gone.
+  ::signal(SIGPIPE, SIG_IGN);
+  int ends[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  ::close(ends[1]);
+  const int standardError = ::dup(STDERR_FILENO);
+  ::dup2(ends[0], STDERR_FILENO);
+  EXPECT_TRUE(LaunchProcess("/bin/true", "> \"" + file + "\""));
+  ::dup2(standardError, STDERR_FILENO);
+  ::close(standardError);
+  ::close(ends[0]);
+  int status = -1;
+  EXPECT_GT(::wait(&status), 0);
+  EXPECT_EQ(status, 0);
 }
 
 /// Ends as soon as a line shows that the launcher has looked whether there is a trace.
