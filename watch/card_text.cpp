@@ -100,6 +100,14 @@ void CleanMigrationMarks(std::string& text) {
 
 }  // namespace
 
+std::size_t CountCommandOptions(std::string_view text) {
+  std::size_t count = 0;
+  for (std::size_t i = text.find('-'); i < text.size(); i = text.find('-', i + 1)) {
+    if (IsOption(text, i)) ++count;
+  }
+  return count;
+}
+
 bool Misleads(char32_t character) {
   const bool isControl = character < 0x20 || (character >= 0x7F && character < 0xA0);
   const bool turnsDirection = character == 0x061C || character == 0x200E || character == 0x200F ||

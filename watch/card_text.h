@@ -19,6 +19,9 @@ namespace qixx::watch {
 /// something may stand alone, or at an end, in them.
 [[nodiscard]] std::string CleanCardText(std::string_view text);
 
+/// How many options the text has of those that a command looks for in its own text.
+[[nodiscard]] std::size_t CountCommandOptions(std::string_view text);
+
 /// Whether a character is a control character (C0 or C1) or turns the direction of writing: shown
 /// as it is it would have a reader see another text than there is.
 [[nodiscard]] bool Misleads(char32_t character);

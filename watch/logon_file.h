@@ -25,7 +25,7 @@ inline constexpr std::size_t kMaxSetEntries = 1000;
 /// walks it once and once more for each entry that it sets, each placeholder that is in there once;
 /// see ReplacePlaceholder. A search for a placeholder that finds none is quick and counts nothing;
 /// a text that may have section names of older versions counts 256 times for each key.
-inline constexpr std::size_t kMaxWalked = std::size_t{1} << 30;
+inline constexpr std::size_t kMaxWalked = std::size_t{1} << 28;
 
 /// What an insert makes of the file: its saved state (see BackupOrRestoreConfigFile) with all
 /// values that are not empty.

@@ -178,8 +178,12 @@ std::string ExpandLogonPlaceholders(CardReader& card, std::string_view match, st
 
 std::string ReplaceLogonPlaceholders(const LogonValues& values, std::string text,
                                      std::size_t maxLength) {
-  const auto replace = [&text, maxLength](std::string_view name, std::string_view value) {
-    runtime::ReplaceAllNoCase(text, name, value, maxLength);
+  const std::size_t options = CountCommandOptions(text);
+  const auto replace = [&](std::string_view name, std::string_view value) {
+    std::string filled = text;
+    runtime::ReplaceAllNoCase(filled, name, value, maxLength);
+    // A value may complete an option of what stands around it.
+    if (CountCommandOptions(filled) <= options) text = std::move(filled);
   };
   for (const NamedPlaceholder& placeholder : kNamedPlaceholders) {
     replace(placeholder.name, placeholder.valueOf(values));

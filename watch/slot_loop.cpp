@@ -17,6 +17,7 @@
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
 #include "watch/logon_watch.h"
+#include "watch/parallel.h"
 #include "watch/rounds.h"
 #include "watch/status.h"
 
@@ -72,6 +73,7 @@ class SlotWatch {
       WithReserve([this] { FollowMark(); });
     }
     CheckProgram();
+    ClearMark();
     return polled.slot.has_value();
   }
   [[nodiscard]] std::string Status() const {
@@ -141,6 +143,7 @@ class SlotWatch {
     }
     if (record_.recognized && !card_.IsTokenReadable(slot)) return;
     // In front of the commands, which may not come to their end.
+    isMarkDue_ = false;
     RunStep([this] { mark_.Set(); });
     // Connected even when a command failed, so that the card is not announced twice.
     const bool counts = OnInsertEvent(record_, slot, platform_);
@@ -190,6 +193,14 @@ class SlotWatch {
   }
   void Settle() {
     Forgive();
+    isMarkDue_ = true;
+    ClearMark();
+  }
+  /// Once no command's thread runs: one that is killed on the way shall be run anew at the next
+  /// start.
+  void ClearMark() {
+    if (!isMarkDue_ || !WaitForParallelJobs(0)) return;
+    isMarkDue_ = false;
     mark_.Clear();
   }
   void Forgive() {
@@ -216,6 +227,7 @@ class SlotWatch {
   OwedRemoval owed_;
   CK_SLOT_ID owedSlot_ = kNoSlot;
   std::uint64_t owedRounds_ = 0;  ///< since something is owed
+  bool isMarkDue_ = false;        ///< the mark is to be cleared
   CK_SLOT_ID connected_ = kNoSlot;
   std::time_t connectedSince_ = 0;
   bool firstRound_ = true;

@@ -132,6 +132,12 @@ TEST(Placeholders, AreReplacedInCommandsWithinTheirLimit) {
   for (const auto& [text, limit, expected] : rows) {
     EXPECT_EQ(watch::ReplaceLogonPlaceholders(values, text, limit), expected) << text;
   }
+  const watch::LogonValues joined = {.upn = "x -con@fig /other",
+                                     .subject = "o=Ex.,cn=config /other"};
+  EXPECT_EQ(watch::ReplaceLogonPlaceholders(joined, "%OID.o%-%OID.cn% -config /own", 511),
+            "Ex.-%OID.cn% -config /own")
+      << "no option comes about at the edge of a value";
+  EXPECT_EQ(watch::ReplaceLogonPlaceholders(joined, "%USERNAME%%DOMAIN%", 511), "x -con%DOMAIN%");
 }
 
 TEST(Placeholders, EachAloneHasTheCardRead) {
