@@ -124,7 +124,7 @@ int OpenOutput(int folder, const char* name, const char*& fault) {
     return waits ? ::openat(folder, name, flags) : -1;
   }
   const bool usable = known && fault == nullptr && ::fcntl(output, F_SETFL, 0) == 0 &&
-                      (!S_ISREG(file.st_mode) || ::ftruncate(output, 0) == 0);
+                      (!S_ISREG(file.st_mode) || file.st_size == 0 || ::ftruncate(output, 0) == 0);
   if (usable) return output;
   ::close(output);
   return -1;

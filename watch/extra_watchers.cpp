@@ -173,7 +173,8 @@ void StartExtraWatcher(ExtraWatcher& watcher) {
   OwnLink().Open();
   const ChildVariable deeper(kDepthVariable, OwnExtraWatchers().depth);
   const ChildVariable share(kRoomVariable, watcher.room);
-  const ChildVariable link(kLinkVariable, runtime::kPassedDescriptor);
+  std::optional<ChildVariable> link;
+  if (OwnLink().Reading() >= 0) link.emplace(kLinkVariable, runtime::kPassedDescriptor);
   const runtime::ScarceMeans scarce;
   const runtime::ChildMark marked;
   runtime::LaunchProcess(OwnExtraWatchers().program, std::string(kChildMark) + watcher.command,
@@ -209,13 +210,19 @@ void Tell(const ExtraWatcher& watcher, const std::string& news) {
   runtime::Notify("extra watcher '" + name + "' " + news);
 }
 
+/// One that was told to stop by a signal, maybe a second time or before it had handlers for them.
+bool WasStopped(int signal) {
+  return signal == SIGTERM || signal == SIGINT || signal == SIGHUP;
+}
+
 /// One that ended with an exit code has nothing to watch, has made its rounds or was told to stop.
 /// So has, for all that is known, one whose end a loaded library has taken note of.
 void NoteEnd(ExtraWatcher& watcher) {
   const runtime::ChildState state = runtime::TakeMarkedChild(watcher.process);
   if (state.result == 0) return;
   watcher.process = 0;
-  watcher.isOwed = state.result > 0 && WIFSIGNALED(state.status);
+  watcher.isOwed =
+      state.result > 0 && WIFSIGNALED(state.status) && !WasStopped(WTERMSIG(state.status));
   if (!watcher.isOwed) return;
   Tell(watcher, "was ended by signal " + std::to_string(WTERMSIG(state.status)));
 }

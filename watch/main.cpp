@@ -1,12 +1,14 @@
 // The program: its command line becomes one line for WatchMain.
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <optional>
 
 #include "pkcs11/function_call.h"
 #include "runtime/library_call.h"
 #include "runtime/loader.h"
+#include "runtime/notice.h"
 #include "watch/card_reader.h"
 #include "watch/logon_user.h"
 #include "watch/parallel.h"
@@ -17,6 +19,15 @@
 #include "watch/watch_main.h"
 
 namespace {
+
+/// Whether the runtime of the language had room to set memory aside for what is thrown when there
+/// is none left. Without it the first lack of memory would abort the process.
+bool HasRoomToThrow() {
+  constexpr std::size_t kSetAside = std::size_t{128} << 10;
+  void* const volatile room = std::malloc(kSetAside);  // volatile, so that it is really asked for
+  std::free(room);
+  return room != nullptr;
+}
 
 /// Memory that runs out before the watch begins is as little a failure as memory that runs out
 /// later.
@@ -40,6 +51,10 @@ int Watch(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   using namespace qixx;
+  if (!HasRoomToThrow()) {
+    runtime::Notify("not started: no memory");
+    return EXIT_SUCCESS;
+  }
   int result = EXIT_FAILURE;
   try {
     runtime::ContainTermination();

@@ -97,12 +97,21 @@ class SlotWatch {
       catchUp_ = catchUp_ || isLost;
       return polled.slot;
     }
-    if (firstRound_) return card_.FindSlotWithToken();
+    if (firstRound_) return LookForToken();
+    const bool wasUntold = std::exchange(isUntold_, false);
+    if (wasUntold && connected_ != kNoSlot && !card_.ShowsToken(connected_)) return connected_;
     if (isLost && connected_ != kNoSlot && !card_.ShowsToken(connected_)) {
       isDoubtful_ = true;
       return connected_;
     }
     return catchUp_ ? MissedSlot() : std::nullopt;
+  }
+  /// A card that came behind the poll and goes before the next one is none that the library tells
+  /// of, so the next poll that has no event asks the slot itself.
+  CK_SLOT_ID LookForToken() {
+    const CK_SLOT_ID slot = card_.FindSlotWithToken();
+    isUntold_ = slot != kNoSlot;
+    return slot;
   }
   /// True when a removal may have been lost with polls that failed, so that the connected slot is
   /// to be asked itself: now and then while they fail, and when that is over.
@@ -116,7 +125,7 @@ class SlotWatch {
   std::optional<CK_SLOT_ID> MissedSlot() {
     if (!card_.IsInitialised()) return std::nullopt;  // finalised once more: nothing to ask
     if (connected_ != kNoSlot && !card_.ShowsToken(connected_)) return connected_;
-    const CK_SLOT_ID slot = connected_ == kNoSlot ? card_.FindSlotWithToken() : kNoSlot;
+    const CK_SLOT_ID slot = connected_ == kNoSlot ? LookForToken() : kNoSlot;
     catchUp_ = false;
     return slot == kNoSlot ? std::nullopt : std::optional(slot);
   }
@@ -162,7 +171,7 @@ class SlotWatch {
   /// Of the card that was connected when the watch ended. One that is still in is connected again;
   /// one that went meanwhile has nobody else to tell of it.
   void FollowMark() {
-    const CK_SLOT_ID slot = card_.FindSlotWithToken();
+    const CK_SLOT_ID slot = LookForToken();
     if (slot != kNoSlot && IsFirstOfItsGroup(slot)) HandleToken(slot);
     if (connected_ == kNoSlot) Remove(kNoSlot);
   }
@@ -231,6 +240,7 @@ class SlotWatch {
   CK_SLOT_ID connected_ = kNoSlot;
   std::time_t connectedSince_ = 0;
   bool firstRound_ = true;
+  bool isUntold_ = false;       ///< a card was found without an event of the library
   std::uint64_t failures_ = 0;  ///< polls in a row that failed
   bool isDoubtful_ = false;     ///< a card counts as gone that a failing library may have hidden
   bool catchUp_ = false;  ///< what a library that came up late missed is still to be looked for

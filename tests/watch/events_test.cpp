@@ -581,6 +581,11 @@ TEST(SlotLoop, PollsThatFailLoseNoRemoval) {
       << "the first poll that works tells of another slot";
 }
 
+TEST(SlotLoop, CardThatNoPollToldOfIsMissedWhenItGoes) {
+  Scripted machine(std::vector<Poll>{{0, {{1}}}, {0, {}}});
+  EXPECT_EQ(Watch(std::move(machine), "Watch", true, 3), "Connected slot 1;Disconnected slot 1;");
+}
+
 TEST(SlotLoop, CardThatAFailingLibraryHidesIsConnectedAgain) {
   Scripted machine(std::vector<Poll>{{1, {{1}}}});
   ScriptedReader& reader = machine.reader;
