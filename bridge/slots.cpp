@@ -25,7 +25,7 @@ constexpr int kMaxEventsPerPoll = 16;
 /// Between two comparisons of all slots while the module tells events, in milliseconds.
 constexpr std::int64_t kRefreshInterval = 1000;
 /// The readers are asked for after this time also when nothing was told of them, in milliseconds.
-constexpr std::int64_t kMaxUnaskedReaders = 3000;
+constexpr std::int64_t kMaxUnaskedReaders = 10'000;
 /// How often a module is asked for a reader that PC/SC shows and it does not: it may be slower, or
 /// be set to ignore it.
 constexpr int kMaxSearches = 10;

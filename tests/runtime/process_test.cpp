@@ -199,10 +199,10 @@ TEST_F(Redirection, GoesToWhatTheServicesUserPutThere) {
   // The program waits for the reader of a pipe, and may then wait for it to read.
   const std::string pipe = folder_.Path("pipe");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-  const std::string script = "head -c 200000 /dev/zero";
+  const std::string arguments = "-c \"head -c 200000 /dev/zero\" > " + pipe;
   for (const bool isOpen : {false, true}) {
     const int reader = isOpen ? ::open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
-    EXPECT_TRUE(LaunchProcess("/bin/sh", "-c \"" + script + "\" > " + pipe));
+    EXPECT_TRUE(LaunchProcess("/bin/sh", arguments));
     EXPECT_EQ(TemporaryFolder::ReadFile(pipe).size(), 200000U);
     EXPECT_GT(::wait(nullptr), 0);
     ::close(reader);
