@@ -192,7 +192,12 @@ box_end() {
   if [ -n "$box_group" ]; then
     # shellcheck disable=SC2016 # for the inner shell
     unshare --mount --propagation private sh -c \
-      'mount -t cgroup2 cgroup2 /mnt && find "/mnt/$1" -depth -type d -exec rmdir {} +' sh "$box_group" || true
+      'mount -t cgroup2 cgroup2 /mnt || exit
+      for try in $(seq 50); do # what was killed needs a moment to be gone
+        find "/mnt/$1" -depth -type d -exec rmdir {} + 2>/dev/null
+        [ -d "/mnt/$1" ] || exit 0
+        sleep 0.1
+      done' sh "$box_group" || true
     box_group=
   fi
   [ -z "$box_folder" ] || rm -rf --one-file-system "$box_folder"
