@@ -347,6 +347,13 @@ TEST_F(LogonFile, FolderThatTakesNoNewFileLeavesOnlyWritingInPlace) {
   }
   fs::permissions(folder_.Path(), fs::perms{0555});
   EXPECT_TRUE(AsNobody([this] {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlim_t room = Text().size() + 1;
+    const rlimit tight = {room, room};
+    return ::setrlimit(RLIMIT_FSIZE, &tight) == 0 && !Insert();
+  }));
+  EXPECT_EQ(Text(), kOriginal) << "what found no room is cut off again";
+  EXPECT_TRUE(AsNobody([this] {
     const TraceCapture trace;
     return Insert() &&
            trace.Has("Helper - Write '" + file_ + "' in place, its folder takes no new file");
