@@ -203,12 +203,11 @@ class SlotWatch {
   void Settle() {
     Forgive();
     isMarkDue_ = true;
-    ClearMark();
   }
-  /// Once no command's thread runs: one that is killed on the way shall be run anew at the next
-  /// start.
+  /// At the end of a round, once no command's thread runs: one that is killed on the way shall be
+  /// run anew at the next start. A card that did not count may be in by then; the mark is its own.
   void ClearMark() {
-    if (!isMarkDue_ || !WaitForParallelJobs(0)) return;
+    if (!isMarkDue_ || connected_ != kNoSlot || !WaitForParallelJobs(0)) return;
     isMarkDue_ = false;
     mark_.Clear();
   }

@@ -393,11 +393,13 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
                         {"", 99, 0, 5},
                         {"", 99, 1, 2},
                         {"", 99, 1, 5, false},
+                        {"", 3, 1, 4, false},
                         {"parallel ", 2, 0, 3}}) {
     SCOPED_TRACE(row.command + std::to_string(row.failing));
     Configure("", "1=" + std::string(row.command) + "/bin/true x\n2=kill x\n");
     Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}});
     watch::CWatchOptions record = Record("config");
+    const ScopedVariable marks("RUNTIME_DIRECTORY", folder_.Path().c_str());
     record.match = "cn=ann lee";
     desk.clock.inSleep = [&desk, row] {
       if (desk.clock.slept.size() == 1) forksToFail = row.failing;
@@ -412,6 +414,9 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
     EXPECT_EQ(trace.Count("Watch - Execute remove command: /bin/true x"), row.tries);
     EXPECT_EQ(trace.Count("Watch - Execute remove command: kill x"), 1U);
     EXPECT_EQ(trace.Count("Watch - Disconnected slot 1"), 1U);
+    const bool isMarked = std::filesystem::remove(folder_.Path("card-Watch"));
+    // A job may still run in front of its next try.
+    EXPECT_TRUE(*row.command != 0 || isMarked == (row.nextCard != 0 || row.failing == 99));
   }
 }
 
