@@ -9,6 +9,7 @@
 #include "config/format.h"
 #include "config/migration.h"
 #include "runtime/replace_file.h"
+#include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
@@ -83,7 +84,10 @@ void CConfigFile::Begin(bool writable, const std::string& path, bool quiet) {
   CConfigFile::Close(true);
   path_ = path.size() <= runtime::kMaxText ? path : std::string();
   fileTime_ = ModificationTime(path_);
-  if (!quiet) runtime::TraceWrite("Config - Open '%s' (%s)", path.c_str(), writable ? "w" : "r");
+  if (!quiet) {
+    runtime::TraceWrite("Config - Open '%s' (%s)", runtime::MaskedText(path).Text(),
+                        writable ? "w" : "r");
+  }
   encoded_ = HasEncodedName(path);
   hasText_ = true;
   capacity_ = kGrowthStep;
@@ -120,7 +124,7 @@ bool CConfigFile::OpenFile(bool writable, const std::string& path) {
   // ago.
   file_ = place_.Open(writable ? O_RDWR : O_RDONLY);
   if (!file_.IsOpen()) file_ = place_.Open(writable ? O_RDWR | O_CREAT : O_RDONLY, kAnyone);
-  return file_.IsOpen() && (!writable || runtime::HasOneName(file_, path));
+  return file_.IsOpen() && (!writable || runtime::HasOneName(file_, place_.Path()));
 }
 
 bool CConfigFile::TakeText(std::optional<std::string> content) {
@@ -135,7 +139,7 @@ bool CConfigFile::WriteText() {
   if (!Transcode(true)) return false;
   NormaliseForSave(text_);
   if (fileTime_ != 0 && ModificationTime(path_) != fileTime_) {
-    runtime::TraceWrite("Config - WARNING: File '%s' modified", path_.c_str());
+    runtime::TraceWrite("Config - WARNING: File '%s' modified", runtime::MaskedText(path_).Text());
   }
   return runtime::ReplaceFile(place_, file_, text_);
 }

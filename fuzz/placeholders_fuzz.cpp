@@ -8,6 +8,7 @@
 #include "watch/card_text.h"
 #include "watch/credentials.h"
 #include "watch/event_table.h"
+#include "watch/logon_file.h"
 #include "watch/placeholders.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -28,7 +29,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (watch::ReplaceLogonPlaceholders(values, text, limit).size() > limit) std::abort();
   }
   std::string text = input.Rest();
-  watch::ReplaceAll(text, name, value);
+  watch::WalkBudget budget(watch::kMaxWalked);
+  const std::size_t limit = watch::MaxFilledText(text.size());
+  if (!name.empty() && watch::ReplaceAll(text, name, value, limit, budget) && text.size() > limit)
+    std::abort();
   text = watch::CleanCardText(text);
   if (text.find_first_of("\"\n\r\t") != std::string::npos) std::abort();
   return 0;

@@ -26,7 +26,7 @@ bool IsToOpenPipe(const Descriptor& link, std::string_view target) {
 
 class PathWalk {
  public:
-  explicit PathWalk(const std::string& path) : path_(path), rest_(path) {}
+  explicit PathWalk(const std::string& path) : shown_(MaskSecrets(path)), rest_(path) {}
 
   FoundFile Find() {
     FoundFile found;
@@ -53,7 +53,7 @@ class PathWalk {
       readable = Descriptor(::openat(Folder(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
     }
     if (!readable.IsOpen() || rest_.empty()) return {};
-    return {std::make_shared<const Descriptor>(std::move(readable)), rest_, path_};
+    return {std::make_shared<const Descriptor>(std::move(readable)), rest_, shown_};
   }
 
   /// Leaves the last name in `rest_`.
@@ -106,12 +106,12 @@ class PathWalk {
   }
 
   Step Refuse(const char* reason) {
-    TraceRefusal(MaskSecrets(path_), reason);
+    TraceRefusal(shown_, reason);
     refusal_ = reason;
     return Step::kRefused;
   }
 
-  const std::string& path_;
+  const std::string shown_;
   Descriptor folder_;  ///< not open while it is the current one
   std::string rest_;   ///< still to be walked, from there
   int links_ = 0;

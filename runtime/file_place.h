@@ -27,6 +27,7 @@ class FilePlace {
   /// Opened for reading where that is allowed, else as a mere place (O_PATH); -1 for nowhere.
   [[nodiscard]] int Folder() const;
   [[nodiscard]] const std::string& Name() const { return name_; }
+  /// For the trace: secrets in it are masked.
   [[nodiscard]] const std::string& Path() const { return path_; }
   /// The place in the same folder whose name is longer by `suffix`.
   [[nodiscard]] FilePlace WithSuffix(std::string_view suffix) const;
@@ -55,7 +56,7 @@ struct FoundFile {
 /// link that does not count is traced, and so is a path through more links than the system follows.
 [[nodiscard]] FoundFile FindFile(const std::string& path);
 
-/// Traces that a file is not touched, and why. Allocates nothing.
+/// Traces that a file is not touched, and why. Allocates nothing, so the path is masked already.
 void TraceRefusal(const std::string& path, const char* reason);
 /// False, and traced, for a file with more than one name, since the others could be anywhere, and
 /// for one whose last name was taken away.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -19,7 +20,6 @@ namespace {
 
 constexpr const char* kFolderVariable = "RUNTIME_DIRECTORY";
 constexpr std::string_view kHead = "card-";
-constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 
 /// Names of files have 255 bytes at most. A section of the longest name would take three times as
 /// many.
@@ -35,14 +35,11 @@ std::string FirstFolder() {
 /// Letters, digits, '-' and '_' as they are, each other byte as '%' and two digits.
 std::string Encode(std::string_view section) {
   std::string name(kHead);
-  for (const char c : section) {
-    const bool isPlain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
-                         (c >= 'a' && c <= 'z') || c == '-' || c == '_';
-    if (isPlain) {
-      name.push_back(c);
+  for (const std::uint8_t byte : runtime::AsBytes(section)) {
+    if (std::isalnum(byte) != 0 || byte == '-' || byte == '_') {
+      name.push_back(static_cast<char>(byte));
     } else {
-      const auto byte = static_cast<std::uint8_t>(c);
-      name.append({'%', kHexDigits[byte >> 4], kHexDigits[byte & 15]});
+      name.append(1, '%').append(runtime::HexEncode({&byte, 1}));
     }
   }
   return name;
@@ -51,7 +48,7 @@ std::string Encode(std::string_view section) {
 /// FNV-1a.
 std::uint64_t Hash(std::string_view text) {
   std::uint64_t hash = 0xCBF29CE484222325;
-  for (const char c : text) hash = (hash ^ static_cast<std::uint8_t>(c)) * 0x100000001B3;
+  for (const std::uint8_t byte : runtime::AsBytes(text)) hash = (hash ^ byte) * 0x100000001B3;
   return hash;
 }
 
@@ -63,14 +60,12 @@ std::string NameOf(std::string_view section, std::string_view command) {
   name.resize(std::min(name.size(), kMaxName));
   name.push_back('~');
   const std::string all = std::string(section) + '\n' + std::string(command);
-  for (std::uint64_t hash = Hash(all); hash != 0; hash >>= 4) {
-    name.push_back(kHexDigits[hash & 15]);
-  }
+  for (std::uint64_t hash = Hash(all); hash != 0; hash >>= 4) name += "0123456789ABCDEF"[hash & 15];
   return name;
 }
 
+/// Not open for no folder.
 runtime::Descriptor OpenFolder(const std::string& folder) {
-  if (folder.empty()) return {};
   return runtime::Descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 
 #include "pkcs11/reader.h"
 #include "pkcs11/wrapper.h"
@@ -81,9 +82,7 @@ class Pkcs11CardReader final : public CardReader {
   std::optional<SlotDescription> Description(CK_SLOT_ID slot) override {
     const std::optional<CK_SLOT_INFO> info = SlotInfo(slot);
     if (!info) return std::nullopt;
-    SlotDescription description;
-    std::ranges::copy(info->slotDescription, description.begin());
-    return description;
+    return std::bit_cast<SlotDescription>(info->slotDescription);
   }
 
   std::vector<der::CertificatePtr> CollectCertificates() override {

@@ -6,9 +6,7 @@
 #pragma once
 
 #include <array>
-#include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>

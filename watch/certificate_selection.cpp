@@ -28,18 +28,37 @@ SelectionPass LastPass(const CredentialMatch& match) {
   return match.value.empty() ? SelectionPass::kAny : SelectionPass::kForLogon;
 }
 
+/// Without a value every certificate will do: the name alone has been asked for before the event's
+/// commands.
+bool Accepts(const CredentialMatch& match, const der::CertificateHolder& holder) {
+  if (match.value.empty()) return true;
+  const std::optional<CK_SLOT_ID> slot = match.Slot();
+  if (slot && pkcs11::CHelperPkcs11::NormalizeSlotId(*slot) != holder.slot) return false;
+  return der::MatchNames(holder.certificate, true, match.name);
+}
+
+struct Trial {
+  Verdict verdict = Verdict::kTaken;
+  der::CertificateLogonValues values = {};  ///< of one that can be taken
+};
+/// What a pass makes of one certificate alone.
+Trial TryCertificate(const der::CertificateHolder& holder, const CredentialMatch& match,
+                     SelectionPass pass) {
+  if (holder.superseded) return {Verdict::kSuperseded};
+  if (!Accepts(match, holder)) return {Verdict::kNotMatching};
+  const bool forLogon = pass == SelectionPass::kForLogon;
+  Trial trial = {Verdict::kTaken, der::GetLogonValues(holder, forLogon, !forLogon)};
+  if (!trial.values.upn.empty()) return trial;
+  if (!forLogon) return {Verdict::kWithoutNames};
+  return {der::HasExtendedKeyUsage(holder, der::kSmartCardLogon) ? Verdict::kWithoutName
+                                                                 : Verdict::kNotForLogon};
+}
+
 }  // namespace
 
 std::optional<CK_SLOT_ID> CredentialMatch::Slot() const {
   if (value.empty() || value.front() == kEverySlot) return std::nullopt;
   return value.front();
-}
-
-bool CredentialMatch::Accepts(const der::CertificateHolder& holder) const {
-  if (value.empty()) return true;
-  const std::optional<CK_SLOT_ID> slot = Slot();
-  if (slot && pkcs11::CHelperPkcs11::NormalizeSlotId(*slot) != holder.slot) return false;
-  return der::MatchNames(holder.certificate, true, name);
 }
 
 std::optional<CredentialMatch> ParseMatchText(std::string_view match) {
@@ -53,20 +72,6 @@ std::optional<CredentialMatch> ParseMatchText(std::string_view match) {
 
 CredentialMatch SelectionMatch(std::string_view match) {
   return ParseMatchText(match).value_or(CredentialMatch{});
-}
-
-Trial TryCertificate(const der::CertificateHolder& holder, const CredentialMatch& match,
-                     SelectionPass pass) {
-  if (holder.superseded) return {Verdict::kSuperseded, {}};
-  if (!match.Accepts(holder)) return {Verdict::kNotMatching, {}};
-  const bool forLogon = pass == SelectionPass::kForLogon;
-  Trial trial = {Verdict::kTaken, der::GetLogonValues(holder, forLogon, !forLogon)};
-  if (!trial.values.upn.empty()) return trial;
-  const bool isForLogon = der::HasExtendedKeyUsage(holder, der::kSmartCardLogon);
-  trial.verdict = !forLogon    ? Verdict::kWithoutNames
-                  : isForLogon ? Verdict::kWithoutName
-                               : Verdict::kNotForLogon;
-  return trial;
 }
 
 std::optional<Selection> SelectCertificate(std::span<const der::CertificatePtr> certificates,

@@ -22,9 +22,6 @@ struct CredentialMatch {
 
   /// The slot that the value names, if it is not the one that stands for every slot.
   [[nodiscard]] std::optional<CK_SLOT_ID> Slot() const;
-  /// Without a value every certificate will do: the name alone has been asked for before the
-  /// event's commands.
-  [[nodiscard]] bool Accepts(const der::CertificateHolder& holder) const;
 };
 
 /// Splits "name|hex" at the last bar. Nothing for a name of 256 characters or more, and for four
@@ -49,18 +46,10 @@ enum class Verdict : std::uint8_t {
   kWithoutNames,  ///< has neither a principal name nor an e-mail address
 };
 
-struct Trial {
-  Verdict verdict = Verdict::kTaken;
-  der::CertificateLogonValues values;  ///< as they stand there, of one that can be taken
-};
-/// What a pass makes of one certificate alone.
-[[nodiscard]] Trial TryCertificate(const der::CertificateHolder& holder,
-                                   const CredentialMatch& match, SelectionPass pass);
-
 struct Selection {
   std::size_t index = 0;  ///< of the certificate that is taken
   SelectionPass pass = SelectionPass::kForLogon;
-  der::CertificateLogonValues values;
+  der::CertificateLogonValues values;  ///< as they stand there
 };
 /// The first certificate that yields a name to log on with. A match with a value has the first pass
 /// only. While tracing is on each certificate that is tried is kept beside the trace.

@@ -7,11 +7,9 @@
 #include "runtime/process.h"
 #include "runtime/scarce_means.h"
 #include "runtime/secrets.h"
-#include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/extern_command.h"
 #include "watch/guard.h"
-#include "watch/options.h"
 #include "watch/parallel.h"
 #include "watch/set_command.h"
 #include "watch/terminate_list.h"
@@ -28,8 +26,7 @@ constexpr std::uint64_t kNoProcessId = 0;
 bool StartTracked(const WatchEvent& event, const std::string& program, std::string_view arguments) {
   const std::optional<std::uint64_t> processId =
       StartCommandProcess(program, arguments, event.show);
-  if (processId && *processId != 0 && event.terminate)
-    AddToTerminateList(event.kind, event.slot, *processId);
+  if (processId && event.terminate) AddToTerminateList(event.kind, event.slot, *processId);
   return processId.has_value();
 }
 
@@ -103,12 +100,6 @@ const CommandKeyword& FindKeyword(EventKind kind, std::string_view text) {
   });
 }
 
-/// What fails by intent is no news, and neither is what a simulation has no card for.
-void TellFailure(const CommandKeyword& keyword, const WatchEvent& event, std::string_view text) {
-  if (keyword.kind == CommandKind::kFailure || event.IsSimulated()) return;
-  runtime::NotifyOnce("command '" + runtime::MaskSecrets(text) + "' failed");
-}
-
 }  // namespace
 
 CommandParts SplitCommand(EventKind kind, std::string_view text) {
@@ -130,7 +121,9 @@ bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view 
                       runtime::MaskedText(text).Text());
   const CommandKeyword& keyword = FindKeyword(event.kind, text);
   const bool success = keyword.run(card, event, text.substr(keyword.head.size()));
-  if (!success) RunStep([&] { TellFailure(keyword, event, text); });
+  // What fails by intent is no news, and neither is what a simulation has no card for.
+  if (!success && keyword.kind != CommandKind::kFailure && !event.IsSimulated())
+    RunStep([&] { runtime::NotifyOnce("command '" + runtime::MaskSecrets(text) + "' failed"); });
   return success;
 }
 

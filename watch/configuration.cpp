@@ -4,14 +4,42 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <memory>
 #include <optional>
 #include <utility>
 
 #include "config/file.h"
 #include "runtime/descriptor.h"
 #include "runtime/notice.h"
+#include "runtime/settings.h"
 
 namespace qixx::watch {
+namespace {
+
+class StoreSettings : public runtime::RuntimeSettings {
+ public:
+  /// Whatever could be opened is asked; even without a file an entry may come from the environment.
+  explicit StoreSettings(runtime::SettingsScope scope) {
+    if (scope == runtime::SettingsScope::kSystemOnly) {
+      store_.OpenDefault(false);
+    } else {
+      store_.OpenAll(false);
+    }
+  }
+  std::optional<std::string> GetText(std::string_view section, std::string_view entry) override {
+    std::optional<config::ConfigValue> value = store_.GetString(section, entry);
+    if (!value) return std::nullopt;
+    return std::move(value->text);
+  }
+  std::optional<bool> GetBoolean(std::string_view section, std::string_view entry) override {
+    return store_.GetBoolean(section, entry);
+  }
+
+ private:
+  config::CConfig store_;
+};
+
+}  // namespace
 
 std::string WhyUnreadable(const std::string& path) {
   if (path.empty()) return "it has no name";
@@ -53,6 +81,19 @@ std::string ReadFileText(config::CConfig& config, std::string_view section, std:
   std::optional<config::ConfigValue> value = config.GetString(section, entry, maxLength);
   const bool fromFile = value && value->origin == config::ConfigOrigin::kFile;
   return fromFile ? std::move(value->text) : std::string();
+}
+
+std::string ReadProductText(std::string_view section, std::string_view entry,
+                            std::size_t maxLength) {
+  config::CConfig config;
+  if (config.OpenDefault(false) != config::ConfigResult::kOk) return {};
+  return ReadFileText(config, section, entry, maxLength);
+}
+
+void ConnectRuntimeSettings() {
+  runtime::SetSettingsSource([](runtime::SettingsScope scope) {
+    return std::unique_ptr<runtime::RuntimeSettings>(std::make_unique<StoreSettings>(scope));
+  });
 }
 
 }  // namespace qixx::watch

@@ -31,5 +31,11 @@ inline constexpr std::string_view kBackgroundEntry = "Background";
 /// of the file. Empty when there is none.
 [[nodiscard]] std::string ReadFileText(config::CConfig& config, std::string_view section,
                                        std::string_view entry, std::size_t maxLength);
+/// The same of the product configuration, opened for this one question.
+[[nodiscard]] std::string ReadProductText(std::string_view section, std::string_view entry,
+                                          std::size_t maxLength);
+
+/// Makes the configuration the source of the runtime's settings; called once at start.
+void ConnectRuntimeSettings();
 
 }  // namespace qixx::watch

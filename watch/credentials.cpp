@@ -1,7 +1,5 @@
 #include "watch/credentials.h"
 
-#include "der/certificate.h"
-#include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/card_text.h"
 #include "watch/certificate_selection.h"
@@ -26,12 +24,8 @@ std::string_view FirstCharacters(std::string_view text) {
   return text.substr(0, length);
 }
 
-std::optional<der::CertificateLogonValues> SelectCredential(CardReader& card,
-                                                            std::string_view match) {
-  std::optional<Selection> found =
-      SelectCertificate(card.CollectCertificates(), SelectionMatch(match));
-  if (!found) return std::nullopt;
-  return std::move(found->values);
+std::optional<Selection> SelectCredential(CardReader& card, std::string_view match) {
+  return SelectCertificate(card.CollectCertificates(), SelectionMatch(match));
 }
 
 }  // namespace
@@ -46,12 +40,12 @@ std::optional<LogonValues> FindLogonCredential(CardReader& card, std::string_vie
       return LogonValues{.upn = upn};
     }
   }
-  const std::optional<der::CertificateLogonValues> found = SelectCredential(card, match);
+  const std::optional<Selection> found = SelectCredential(card, match);
   if (!found) return std::nullopt;
   // A subject is cut where the other values are left out: its first components still tell who.
-  return LogonValues{.upn = LogonValue(found->upn),
-                     .subject = LogonValue(FirstCharacters(found->subject)),
-                     .serial = LogonValue(found->serial)};
+  return LogonValues{.upn = LogonValue(found->values.upn),
+                     .subject = LogonValue(FirstCharacters(found->values.subject)),
+                     .serial = LogonValue(found->values.serial)};
 }
 
 bool IsCredentialStillPresent(CardReader& card, std::string_view match) {

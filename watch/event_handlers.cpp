@@ -1,10 +1,9 @@
 #include "watch/event_handlers.h"
 
-#include <list>
 #include <optional>
-#include <string>
 #include <utility>
 
+#include "runtime/notice.h"
 #include "runtime/process.h"
 #include "runtime/scarce_means.h"
 #include "runtime/text.h"
@@ -30,11 +29,33 @@ constexpr char kInsertOnlyMark = '~';
 
 // --- the wait in front of an event --------------------------------------------------------------
 
+/// An insert holds while its card yields a credential for the match, if there is one; a removal
+/// that has nothing but endings to do while there is something to end.
 bool StillHolds(const CWatchOptions& record, const WatchEvent& event, config::CConfig& config,
                 CardReader& card) {
   if (event.IsInsert()) return event.match.empty() || IsCredentialStillPresent(card, event.match);
   return IsOrdinaryCommand(config, record.section, record.rest) ||
          (event.terminate && IsSlotProcessRunning(event.slot));
+}
+
+/// The gate in front of the handlers: true when the handler is to proceed. Waits the seconds that
+/// the event names, asking three times in each whether it still holds; false at once when it does
+/// not, or when the process is asked to stop. Without a wait nothing is asked. Opens a
+/// configuration of its own, which shows in the trace.
+bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
+                     const Platform& platform) {
+  if (event.wait == 0) return true;
+  config::CConfig config;
+  // Without a configuration the remove section counts as having no ordinary command.
+  static_cast<void>(LoadProductConfiguration(config));
+
+  const std::uint64_t rounds = WaitRounds(event.wait);
+  for (std::uint64_t round = 0; round < rounds; ++round) {
+    if (!StillHolds(record, event, config, platform.card)) return false;
+    EventHook(record, event.kind);
+    if (WatchPause(platform, kWaitPause) == WakeUp::kStop) return false;
+  }
+  return true;
 }
 
 // --- insert -------------------------------------------------------------------------------------
@@ -94,11 +115,8 @@ bool RunInsertCommands(CWatchOptions& record, const WatchEvent& event, const Pla
 void EndKeywordProcess(CWatchOptions& record) {
   if (!record.terminate || record.processId == 0) return;
   runtime::TraceWrite("Watch - Terminate process id %d", static_cast<int>(record.processId));
-  if (runtime::EndProcess(record.processId)) {
-    runtime::TraceWrite("Watch - Terminate process SUCCESS");
-  } else {
-    runtime::TraceWrite("Watch - Terminate process FAILED");
-  }
+  const bool ended = runtime::EndProcess(record.processId);
+  runtime::TraceWrite("Watch - Terminate process %s", ended ? "SUCCESS" : "FAILED");
   record.processId = 0;
 }
 
@@ -106,7 +124,7 @@ void EndKeywordProcess(CWatchOptions& record) {
 bool RestoreKeywordFile(const CWatchOptions& record) {
   const runtime::ScarceMeans scarce;
   // A longer name was refused on insert.
-  if (record.configFile.size() <= kMaxOption) RestoreAndClear(record.configFile);
+  if (record.configFile.size() <= kMaxOption) ClearLogonValues(record.configFile, true);
   return !scarce.Any();
 }
 
@@ -134,22 +152,6 @@ void RemoveSection(config::CConfig& config, const CWatchOptions& record, const W
   }
 }
 
-void RunRemoveCommands(config::CConfig& config, const CWatchOptions& record,
-                       const WatchEvent& event, const Platform& platform, OwedRemoval& owed) {
-  switch (FormOf(record)) {
-    case CommandForm::kDirect:
-      if (!record.rest.starts_with(kInsertOnlyMark))
-        RunOrOwe(event, record.rest, platform, owed.commands);
-      break;
-    case CommandForm::kSection:
-      RemoveSection(config, record, event, platform, owed);
-      break;
-    case CommandForm::kKeyword:
-      owed.isWhole = !RestoreKeywordFile(record);
-      break;
-  }
-}
-
 /// False when it was cut short.
 bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
                 OwedRemoval& owed) {
@@ -163,27 +165,22 @@ bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform
   }
   EventHook(record, event.kind);
   EndKeywordProcess(record);
-  RunRemoveCommands(config, record, event, platform, owed);
+  switch (FormOf(record)) {
+    case CommandForm::kDirect:
+      if (!record.rest.starts_with(kInsertOnlyMark))
+        RunOrOwe(event, record.rest, platform, owed.commands);
+      break;
+    case CommandForm::kSection:
+      RemoveSection(config, record, event, platform, owed);
+      break;
+    case CommandForm::kKeyword:
+      owed.isWhole = !RestoreKeywordFile(record);
+      break;
+  }
   return true;
 }
 
 }  // namespace
-
-bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
-                     const Platform& platform) {
-  if (event.wait == 0) return true;
-  config::CConfig config;
-  // Without a configuration the remove section counts as having no ordinary command.
-  static_cast<void>(LoadProductConfiguration(config));
-
-  const std::uint64_t rounds = WaitRounds(event.wait);
-  for (std::uint64_t round = 0; round < rounds; ++round) {
-    if (!StillHolds(record, event, config, platform.card)) return false;
-    EventHook(record, event.kind);
-    if (WatchPause(platform, kWaitPause) == WakeUp::kStop) return false;
-  }
-  return true;
-}
 
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Inserted event ...");
@@ -209,7 +206,9 @@ OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform
   FileScope::BeginEvent();
   OwedRemoval owed;
   if (!RunGuarded([&] { return RunRemoval(record, slot, platform, owed); })) owed.isWhole = true;
-  if (owed.isUnread) RunStep(NotifyWithoutRemoval);
+  if (owed.isUnread) {
+    RunStep([] { runtime::NotifyOnce("a removal ran nothing: " + WhyMissing("text")); });
+  }
   EventHook(record, EventKind::kRemove);
   // Also behind a wait that said no: what the insert started does not outlive the card.
   SweepTerminateList(EventKind::kRemove, slot);
@@ -229,7 +228,5 @@ void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platfor
     });
   });
 }
-
-void EventHook(const CWatchOptions& /*record*/, EventKind /*kind*/) {}
 
 }  // namespace qixx::watch

@@ -9,7 +9,6 @@
 #include <list>
 #include <string>
 
-#include "config/store.h"
 #include "watch/event.h"
 #include "watch/options.h"
 #include "watch/platform.h"
@@ -36,16 +35,7 @@ OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform
 void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
                      std::list<std::string>& commands);
 
-/// The gate in front of the handlers: true when the handler is to proceed. Waits the seconds that
-/// the event names, asking three times in each whether it still holds; false at once when it does
-/// not, or when the process is asked to stop. Without a wait nothing is asked. An insert holds
-/// while its card yields a credential for the match, if there is one; a removal that has nothing
-/// but endings to do while there is something to end. Opens a configuration of its own, which shows
-/// in the trace.
-bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
-                     const Platform& platform);
-
 /// Called before and after the commands of an event; nothing to do on this platform.
-void EventHook(const CWatchOptions& record, EventKind kind);
+inline void EventHook(const CWatchOptions& /*record*/, EventKind /*kind*/) {}
 
 }  // namespace qixx::watch

@@ -10,7 +10,16 @@
 namespace qixx::watch {
 namespace {
 
-constexpr std::size_t kLongestSuffix = std::string_view(" Insert").size();
+/// " Insert" and " Remove" are equally long.
+constexpr std::size_t kMaxWatchSection = kMaxEventSection - std::string_view(" Insert").size();
+
+/// "Watch" itself, else "Watch " and the name; nothing when that is too long, which "Watch" is
+/// measured by too.
+std::optional<std::string> BuildWatchSection(std::string_view name) {
+  constexpr std::string_view kPrefix = "Watch ";
+  if (name.size() + kPrefix.size() > kMaxWatchSection) return std::nullopt;
+  return name == kDefaultSection ? std::string(name) : std::string(kPrefix).append(name);
+}
 
 bool HasFirstEntry(config::CConfig& config, std::string_view name, EventKind kind) {
   const std::optional<std::string> section = BuildEventSection(kind, name);
@@ -27,17 +36,9 @@ CommandForm FormOf(const CWatchOptions& record) {
                                                          : CommandForm::kDirect;
 }
 
-std::optional<std::string> BuildWatchSection(std::string_view name, std::size_t maxLength) {
-  constexpr std::string_view kPrefix = "Watch ";
-  if (name.size() + kPrefix.size() > maxLength) return std::nullopt;
-  if (name == kDefaultSection) return std::string(name);
-  return std::string(kPrefix).append(name);
-}
-
 std::optional<std::string> BuildEventSection(EventKind kind, std::string_view name) {
-  const std::string_view suffix = kind == EventKind::kInsert ? " Insert" : " Remove";
-  std::optional<std::string> section = BuildWatchSection(name, kMaxEventSection - suffix.size());
-  if (section) section->append(suffix);
+  std::optional<std::string> section = BuildWatchSection(name);
+  if (section) section->append(kind == EventKind::kInsert ? " Insert" : " Remove");
   runtime::TraceWrite("Watch - Configuration: '%s'",
                       runtime::MaskedText(section.value_or("")).Text());
   return section;
@@ -65,16 +66,11 @@ void NotifyWithoutCommands(const CWatchOptions& record) {
   if (FormOf(record) != CommandForm::kSection) {
     return runtime::NotifyOnce("nothing to run: no command, and no 'config', behind the options");
   }
-  const std::string name =
-      BuildWatchSection(record.section, kMaxEventSection - kLongestSuffix).value_or("");
-  if (name.empty()) return runtime::NotifyOnce("nothing to run: the watcher's name is too long");
-  const std::string shown = runtime::MaskSecrets(name);
+  const std::optional<std::string> name = BuildWatchSection(record.section);
+  if (!name) return runtime::NotifyOnce("nothing to run: the watcher's name is too long");
+  const std::string shown = runtime::MaskSecrets(*name);
   runtime::NotifyOnce("nothing to run: " + WhyMissing("entry 1 in section '" + shown +
                                                       " Insert' or '" + shown + " Remove'"));
-}
-
-void NotifyWithoutRemoval() {
-  runtime::NotifyOnce("a removal ran nothing: " + WhyMissing("text"));
 }
 
 bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name, EventKind kind) {

@@ -28,12 +28,8 @@ enum class CommandForm {
 };
 [[nodiscard]] CommandForm FormOf(const CWatchOptions& record);
 
-/// "Watch" itself, else "Watch " and the name; nothing when that is longer than `maxLength` (which
-/// "Watch" is measured by too).
-[[nodiscard]] std::optional<std::string> BuildWatchSection(std::string_view name,
-                                                           std::size_t maxLength);
-/// The watcher section name and " Insert" or " Remove"; nothing when that is too long. Always
-/// traces the result.
+/// The watcher section name ("Watch" itself, else "Watch " and the name) and " Insert" or
+/// " Remove"; nothing when that is too long. Always traces the result.
 [[nodiscard]] std::optional<std::string> BuildEventSection(EventKind kind, std::string_view name);
 
 /// Entry `number` (from 1) of an event section, cut to `maxLength`; a present but empty entry is an
@@ -47,9 +43,6 @@ enum class CommandForm {
 
 /// Says on standard error why it has nothing.
 void NotifyWithoutCommands(const CWatchOptions& record);
-
-/// Says on standard error, once, why a removal had no configuration.
-void NotifyWithoutRemoval();
 
 /// Whether the event section of the watcher holds a command that is more than an ending.
 [[nodiscard]] bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name,

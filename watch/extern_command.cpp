@@ -21,20 +21,8 @@ using ReadCommandEntry = int (*)(const char* reader, const char* arguments, char
 /// The size that the library is told; its text is ended at the last byte whatever it wrote.
 constexpr std::size_t kAnswerSize = 256;
 
-/// The description of a slot without its padding, which is how libraries know the reader.
-std::optional<std::string> ReaderName(CardReader& card, CK_SLOT_ID slot) {
-  const std::optional<SlotDescription> description = card.Description(slot);
-  if (!description) return std::nullopt;
-  return std::string(runtime::DropTrailingBlanks(runtime::TextOf(*description)));
-}
-
 std::string AnswerField(std::string_view answer, std::size_t index) {
   return CleanCardText(runtime::GetField(answer, index, ';').value_or(""));
-}
-
-/// "-registry" names a place that this platform does not have.
-std::string FileOption(std::string_view arguments) {
-  return GetCommandOption(arguments, "-config", kWholeOption).value_or("");
 }
 
 /// Nothing without an answer.
@@ -55,19 +43,22 @@ std::optional<std::string> ReadAnswer(const runtime::SharedLibrary& library,
 
 bool AskLibrary(CardReader& card, const WatchEvent& event, std::string_view text) {
   if (event.IsSimulated()) return false;
-  const std::optional<std::string> reader = ReaderName(card, event.slot);
+  const std::optional<SlotDescription> slot = card.Description(event.slot);
   const std::size_t comma = runtime::FindChar(text, ',');
-  if (!reader || comma == std::string_view::npos) return false;
+  if (!slot || comma == std::string_view::npos) return false;
+  // Libraries know a reader by the slot's description without its padding.
+  const std::string reader(runtime::DropTrailingBlanks(runtime::TextOf(*slot)));
   const std::string path(text.substr(0, comma));
   const std::string arguments(text.substr(comma + 1));
-  const std::string file = FileOption(arguments);
+  // "-registry" names a place that this platform does not have.
+  const std::string file = GetCommandOption(arguments, "-config", kWholeOption).value_or("");
   if (file.size() > kMaxOption) return false;
   const runtime::SharedLibrary library = runtime::OpenLibrary(path);
   if (!library.IsOpen()) {
     runtime::TraceWrite("Helper - Failed to load '%s'", runtime::MaskedText(path).Text());
     return false;
   }
-  const std::optional<std::string> answer = ReadAnswer(library, *reader, arguments);
+  const std::optional<std::string> answer = ReadAnswer(library, reader, arguments);
   if (answer) WriteLogonName(file, {AnswerField(*answer, 0), AnswerField(*answer, 1)});
   return answer.has_value();
 }

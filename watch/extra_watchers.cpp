@@ -7,13 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 #include <utility>
-#include <vector>
 
 #include "runtime/children.h"
 #include "runtime/clock.h"
@@ -75,35 +73,7 @@ class ChildVariable {
   std::optional<std::string> before_;
 };
 
-// --- the link -----------------------------------------------------------------------------------
-
-/// A pipe whose writing end this process alone has. So its readers see when the process ends,
-/// whatever ended it.
-class Link {
- public:
-  void Open() {
-    int ends[2];
-    if (reading_.IsOpen() || ::pipe2(ends, O_CLOEXEC) != 0) return;
-    reading_ = runtime::Descriptor(ends[0]);
-    writing_ = runtime::Descriptor(ends[1]);
-  }
-  /// For the watchers to read from; negative when there is none.
-  [[nodiscard]] int Reading() const { return reading_.Get(); }
-  /// Tells them all that the end which follows is in order.
-  void SayGoodbye() {
-    if (writing_.IsOpen()) runtime::WriteFully(writing_, std::string(kMaxExtraWatchers, '.'));
-  }
-
- private:
-  runtime::Descriptor reading_;  ///< kept, so that no write fails
-  runtime::Descriptor writing_;
-};
-
-/// Never destroyed, because its end is that of the process.
-Link& OwnLink() {
-  static runtime::NoDestructor<Link> link;
-  return *link;
-}
+// --- the one that started this watcher ----------------------------------------------------------
 
 /// A thread of its own, since the main one may be inside a command or the card's library.
 void* WaitForParent(void* /*argument*/) {
@@ -119,30 +89,7 @@ void* WaitForParent(void* /*argument*/) {
   return nullptr;
 }
 
-bool IsPipe(int descriptor) {
-  struct stat status {};
-  return ::fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode);
-}
-
-// --- starting -----------------------------------------------------------------------------------
-
-/// The path that starts this program once more: its own when that says where it stands, else, for a
-/// program found through PATH, the real one. Empty when there is none.
-std::string FindOwnProgram(const std::string& ownPath) {
-  if (runtime::FindChar(ownPath, '/') != std::string_view::npos) return ownPath;
-  char path[PATH_MAX];
-  const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path);
-  const bool complete = length > 0 && static_cast<std::size_t>(length) < sizeof path;
-  return complete ? std::string(path, static_cast<std::size_t>(length)) : std::string();
-}
-
-/// The command of an extra watcher, empty when there is none in the file.
-std::string ReadExtraCommand(const std::string& name) {
-  config::CConfig config;
-  if (config.OpenDefault(false) != config::ConfigResult::kOk) return {};
-  return ReadFileText(config, kCommandSection, ExtraWatcherEntry(name),
-                      kMaxCommandLine - kChildMark.size());
-}
+// --- what this watcher has ----------------------------------------------------------------------
 
 /// One that this watcher started, or could not start yet.
 struct ExtraWatcher {
@@ -158,27 +105,52 @@ struct ExtraWatchers {
   std::string program;
   std::uint64_t depth = 0;  ///< of all of them
   std::vector<ExtraWatcher> all;
+  /// A pipe whose writing end this process alone has. So the watchers, which read from it, see when
+  /// the process ends, whatever ended it.
+  runtime::Descriptor reading = {};  ///< kept, so that no write fails
+  runtime::Descriptor writing = {};
+
+  void OpenPipe() {
+    int ends[2];
+    if (reading.IsOpen() || ::pipe2(ends, O_CLOEXEC) != 0) return;
+    reading = runtime::Descriptor(ends[0]);
+    writing = runtime::Descriptor(ends[1]);
+  }
 };
 
-ExtraWatchers& OwnExtraWatchers() {
+/// Never destroyed, because the end of the pipe is that of the process.
+ExtraWatchers& Own() {
   static runtime::NoDestructor<ExtraWatchers> watchers;
   return *watchers;
 }
 
+// --- starting -----------------------------------------------------------------------------------
+
+/// The path that starts this program once more: its own when that says where it stands, else, for a
+/// program found through PATH, the real one. Empty when there is none.
+std::string FindOwnProgram(const std::string& ownPath) {
+  if (runtime::FindChar(ownPath, '/') != std::string_view::npos) return ownPath;
+  std::error_code error;
+  return std::filesystem::read_symlink("/proc/self/exe", error).string();
+}
+
 /// It stays owed when memory runs out on the way, or when the system has no room for it.
 void StartExtraWatcher(ExtraWatcher& watcher) {
-  if (watcher.command.empty()) watcher.command = ReadExtraCommand(watcher.name);
+  if (watcher.command.empty()) {
+    watcher.command = ReadProductText(kCommandSection, ExtraWatcherEntry(watcher.name),
+                                      kMaxCommandLine - kChildMark.size());
+  }
   if (watcher.command.empty()) watcher.command = UsualExtraCommand(watcher.name);
   runtime::TraceWrite("Watch - Extra '%s'", runtime::MaskedText(watcher.name).Text());
-  OwnLink().Open();
-  const ChildVariable deeper(kDepthVariable, OwnExtraWatchers().depth);
+  Own().OpenPipe();
+  const ChildVariable deeper(kDepthVariable, Own().depth);
   const ChildVariable share(kRoomVariable, watcher.room);
   std::optional<ChildVariable> link;
-  if (OwnLink().Reading() >= 0) link.emplace(kLinkVariable, runtime::kPassedDescriptor);
+  if (Own().reading.IsOpen()) link.emplace(kLinkVariable, runtime::kPassedDescriptor);
   const runtime::ScarceMeans scarce;
   const runtime::ChildMark marked;
-  runtime::LaunchProcess(OwnExtraWatchers().program, std::string(kChildMark) + watcher.command,
-                         runtime::kWaitNone, OwnLink().Reading());
+  runtime::LaunchProcess(Own().program, std::string(kChildMark) + watcher.command,
+                         runtime::kWaitNone, Own().reading.Get());
   watcher.process = marked.Latest();
   watcher.isOwed = watcher.process == 0 && scarce.Any();
 }
@@ -272,16 +244,15 @@ void StartExtraWatchers(std::string_view list, const std::string& ownPath) {
   const std::string program = FindOwnProgram(ownPath);
   if (program.empty()) return;
   const std::uint64_t room = ReadVariable(kRoomVariable).value_or(kMaxExtraWatchers);
-  OwnExtraWatchers() = {
-      program, depth + 1,
-      ShareRoom(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list))};
-  for (ExtraWatcher& watcher : OwnExtraWatchers().all) {
+  Own() = {program, depth + 1,
+           ShareRoom(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list))};
+  for (ExtraWatcher& watcher : Own().all) {
     RunStep([&watcher] { StartExtraWatcher(watcher); });
   }
 }
 
 void LookAfterExtraWatcher(std::uint64_t round) {
-  std::vector<ExtraWatcher>& all = OwnExtraWatchers().all;
+  std::vector<ExtraWatcher>& all = Own().all;
   const std::uint64_t index = round % kMaxExtraWatchers;
   if (index >= all.size() || StopRequested()) return;
   ExtraWatcher& watcher = all[index];
@@ -292,14 +263,16 @@ void LookAfterExtraWatcher(std::uint64_t round) {
 void LeaveExtraWatchers() {
   // The watchers live in sessions of their own, so a signal to this one does not reach them.
   if (StopRequested()) runtime::SignalMarkedChildren(SIGTERM);
-  OwnLink().SayGoodbye();
+  // Tells them all that the end which follows is in order.
+  runtime::WriteFully(Own().writing, std::string(kMaxExtraWatchers, '.'));
 }
 
 void FollowParentWatcher() {
   if (!ReadVariable(kLinkVariable)) return;
   // Neither the commands nor the watchers of this one are to take it for theirs.
   ::unsetenv(VariableName(kLinkVariable).c_str());
-  if (!IsPipe(runtime::kPassedDescriptor)) return;
+  struct stat status {};
+  if (::fstat(runtime::kPassedDescriptor, &status) != 0 || !S_ISFIFO(status.st_mode)) return;
   ::fcntl(runtime::kPassedDescriptor, F_SETFD, FD_CLOEXEC);
   runtime::ThreadCreate(&WaitForParent, nullptr);
 }

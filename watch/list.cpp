@@ -11,7 +11,6 @@
 #include "watch/configuration.h"
 #include "watch/list_library.h"
 #include "watch/options.h"
-#include "watch/settings.h"
 #include "watch/watch_main.h"
 
 namespace qixx::watch {

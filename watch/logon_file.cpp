@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <optional>
 #include <set>
 #include <utility>
 
@@ -74,26 +73,23 @@ bool ShowsNoMore(const struct stat& file, const struct stat& copy) {
                                                 : (copy.st_mode & S_IROTH) != 0;
 }
 
-/// Why a saved copy is not to be trusted; null for one that is. `file` is null when it is missing,
-/// `folder` is the copy's own.
-const char* FaultOfCopy(const struct stat& copy, const struct stat* file,
-                        const struct stat& folder) {
-  if (copy.st_nlink != 1) return "a file with a second name";
-  const bool isTheFiles = file != nullptr && copy.st_uid == file->st_uid;
-  if (copy.st_uid != ::geteuid() && !isTheFiles) return "a file of somebody else";
+/// Why a saved copy, opened for reading, is not to be trusted; null for one that is. `file` is not
+/// open when it is missing.
+const char* FaultOfCopy(const runtime::FilePlace& place, const runtime::Descriptor& copy,
+                        const runtime::Descriptor& file) {
+  if (!copy.IsOpen()) return "a link or no readable file";
+  const struct stat saved = runtime::StatusOf(copy);
+  const struct stat original = runtime::StatusOf(file);
+  if (saved.st_nlink != 1) return "a file with a second name";
+  const bool isTheFiles = file.IsOpen() && saved.st_uid == original.st_uid;
+  if (saved.st_uid != ::geteuid() && !isTheFiles) return "a file of somebody else";
   // A missing file is made like its copy, and whoever owns the folder as well could have done all
   // this alone.
-  const bool showsMore = file != nullptr && !ShowsNoMore(*file, copy);
-  if (showsMore && copy.st_uid != folder.st_uid) return "a file that shows too much";
+  const bool showsMore = file.IsOpen() && !ShowsNoMore(original, saved);
+  struct stat folder {};
+  if (::fstat(place.Folder(), &folder) != 0) folder = {};
+  if (showsMore && saved.st_uid != folder.st_uid) return "a file that shows too much";
   return nullptr;
-}
-
-constexpr const char* kNoReadableCopy = "a link or no readable file";
-
-struct stat StatusOfFolder(const runtime::FilePlace& place) {
-  struct stat status {};
-  if (::fstat(place.Folder(), &status) != 0) status = {};
-  return status;
 }
 
 // --- one file -----------------------------------------------------------------------------------
@@ -104,6 +100,7 @@ class EditedFile {
  public:
   explicit EditedFile(const std::string& path)
       : path_(path),
+        shown_(runtime::MaskSecrets(path)),
         scope_(path),
         saved_(scope_.File().named.WithSuffix(kSavedCopySuffix)),
         file_(scope_.File().real.Open(O_RDWR)),
@@ -113,16 +110,7 @@ class EditedFile {
   /// Saves the file or, when that was done before, takes the text that was saved.
   [[nodiscard]] bool SaveOrRestore();
 
-  [[nodiscard]] bool Set(std::string_view name, std::string_view value) {
-    fault_ = "not all of it can be set";
-    if (name.starts_with('%') ? SetPlaceholder(name, value) : SetKey(name, value)) return true;
-    if (budget_.IsSpent()) {
-      runtime::TraceWrite("Watch - '%s' is too large for all that is to be set", path_.c_str());
-    }
-    runtime::TraceWrite("Watch - Failed to set '%s' in '%s'", std::string(name).c_str(),
-                        path_.c_str());
-    return false;
-  }
+  [[nodiscard]] bool Set(std::string_view name, std::string_view value);
   /// An absent value leaves what the text has.
   [[nodiscard]] bool SetIfPresent(std::string_view name, std::string_view value) {
     return value.empty() || Set(name, value);
@@ -139,25 +127,19 @@ class EditedFile {
   }
 
   [[nodiscard]] bool Write();
-
-  /// What became of it all; standard error tells of a failure.
-  [[nodiscard]] bool Told(bool done) const {
-    if (!done) {
-      runtime::NotifyOnce("'" + runtime::MaskSecrets(path_) + "' stays as it is: " + fault_);
-    }
-    return done;
-  }
+  void NotifyFailure() const { runtime::NotifyOnce("'" + shown_ + "' stays as it is: " + fault_); }
 
  private:
   [[nodiscard]] bool Restore();
-  bool RefuseCopy(const char* reason);
-  [[nodiscard]] bool SetPlaceholder(std::string_view name, std::string_view value);
   [[nodiscard]] bool SetKey(std::string_view name, std::string_view value);
   [[nodiscard]] bool TakeWalks(std::size_t count) { return budget_.Take(count * text_.size()); }
-  void Take(std::string text);
-  void WarnOfAnotherWriter() const;
+  void Take(std::string text) {
+    text_ = std::move(text);
+    limit_ = std::min(MaxFilledText(text_.size()), runtime::kMaxFileSize);
+  }
 
   const std::string& path_;
+  const std::string shown_;  ///< the path for the trace and for people
   FileScope scope_;
   runtime::FilePlace saved_;
   runtime::Descriptor file_;  ///< not open when the file is missing or may not be changed
@@ -172,11 +154,12 @@ class EditedFile {
 
 bool EditedFile::Read() {
   fault_ = "it is missing or may not be changed";
-  const bool mayChange = file_.IsOpen() && runtime::HasOneName(file_, path_);
   std::optional<std::string> text;
-  if (mayChange) text = runtime::ReadToEnd(file_, runtime::kMaxFileSize);
+  if (file_.IsOpen() && runtime::HasOneName(file_, shown_)) {
+    text = runtime::ReadToEnd(file_, runtime::kMaxFileSize);
+  }
   if (!text) {
-    runtime::TraceWrite("Config - Open '%s' (%s)", path_.c_str(), "w");
+    runtime::TraceWrite("Config - Open '%s' (%s)", shown_.c_str(), "w");
     runtime::TraceWrite("Config - Failed to open");
     return false;
   }
@@ -195,31 +178,35 @@ bool EditedFile::SaveOrRestore() {
   return runtime::MakeFile(saved_, text_, file_);
 }
 
-bool EditedFile::RefuseCopy(const char* reason) {
-  runtime::TraceRefusal(saved_.Path(), reason);
-  fault_ = std::string("its copy '.org' is ") + reason;
-  return false;
-}
-
 bool EditedFile::Restore() {
   copy_ = saved_.Open(O_RDONLY);
-  if (!copy_.IsOpen()) return RefuseCopy(kNoReadableCopy);
-  const struct stat* const file = file_.IsOpen() ? &status_ : nullptr;
-  const char* fault = FaultOfCopy(runtime::StatusOf(copy_), file, StatusOfFolder(saved_));
+  const char* fault = FaultOfCopy(saved_, copy_, file_);
   std::optional<std::string> text;
-  if (fault == nullptr) text = runtime::ReadToEnd(copy_, runtime::kMaxFileSize);
-  if (!text) return RefuseCopy(fault != nullptr ? fault : "a file that cannot be read");
+  if (fault == nullptr) {
+    text = runtime::ReadToEnd(copy_, runtime::kMaxFileSize);
+    fault = "a file that cannot be read";
+  }
+  if (!text) {
+    runtime::TraceRefusal(saved_.Path(), fault);
+    fault_ = std::string("its copy '.org' is ") + fault;
+    return false;
+  }
   Take(std::move(*text));
   return true;
 }
 
-void EditedFile::Take(std::string text) {
-  text_ = std::move(text);
-  limit_ = std::min(MaxFilledText(text_.size()), runtime::kMaxFileSize);
-}
-
-bool EditedFile::SetPlaceholder(std::string_view name, std::string_view value) {
-  return ReplacePlaceholder(text_, name, value, limit_, budget_);
+bool EditedFile::Set(std::string_view name, std::string_view value) {
+  fault_ = "not all of it can be set";
+  if (name.starts_with('%') ? ReplaceAll(text_, name, value, limit_, budget_)
+                            : SetKey(name, value)) {
+    return true;
+  }
+  if (budget_.IsSpent()) {
+    runtime::TraceWrite("Watch - '%s' is too large for all that is to be set", shown_.c_str());
+  }
+  runtime::TraceWrite("Watch - Failed to set '%s' in '%s'", runtime::MaskedText(name).Text(),
+                      shown_.c_str());
+  return false;
 }
 
 bool EditedFile::SetKey(std::string_view name, std::string_view value) {
@@ -242,81 +229,72 @@ bool EditedFile::Write() {
     runtime::RemoveLeftOvers(scope_.File().real);
     return true;
   }
-  WarnOfAnotherWriter();
+  struct stat now {};
+  if (::stat(path_.c_str(), &now) != 0 || now.st_mtime != status_.st_mtime) {
+    // The last writer wins.
+    runtime::TraceWrite("Config - WARNING: File '%s' modified", shown_.c_str());
+  }
   return runtime::ReplaceFile(scope_.File().real, file_, text_);
 }
 
-/// The last writer wins.
-void EditedFile::WarnOfAnotherWriter() const {
-  struct stat now {};
-  if (::stat(path_.c_str(), &now) == 0 && now.st_mtime == status_.st_mtime) return;
-  runtime::TraceWrite("Config - WARNING: File '%s' modified", path_.c_str());
-}
-
-bool FillNamed(EditedFile& file, const LogonValues& values, InFiles inFiles) {
-  return std::ranges::all_of(kNamedPlaceholders, [&](const NamedPlaceholder& placeholder) {
-    return placeholder.inFiles != inFiles || file.Fill(placeholder, placeholder.valueOf(values));
-  });
-}
-
-bool FillComponents(EditedFile& file, std::string_view subject) {
-  const auto components = SubjectPlaceholders(subject);
-  return std::ranges::all_of(components, [&file](const SubjectPlaceholder& component) {
-    return file.Set(component.name, component.value);
-  });
-}
-
 bool FillAll(EditedFile& file, const LogonValues& values) {
-  return FillNamed(file, values, InFiles::kFilled) &&
-         FillNamed(file, values, InFiles::kFilledLast) && FillComponents(file, values.subject);
+  for (const InFiles turn : {InFiles::kFilled, InFiles::kFilledLast}) {
+    for (const NamedPlaceholder& placeholder : kNamedPlaceholders) {
+      const bool isTurn = placeholder.inFiles == turn;
+      if (isTurn && !file.Fill(placeholder, placeholder.valueOf(values))) return false;
+    }
+  }
+  return std::ranges::all_of(SubjectPlaceholders(values.subject),
+                             [&file](const SubjectPlaceholder& component) {
+                               return file.Set(component.name, component.value);
+                             });
+}
+
+/// What the steps make of the text becomes the file's.
+template <typename Steps>
+bool Edit(const std::string& path, const Steps& steps) {
+  EditedFile file(path);
+  const bool done = steps(file) && file.Write();
+  if (!done) file.NotifyFailure();
+  return done;
 }
 
 }  // namespace
 
 bool WriteLogonValues(const std::string& path, const LogonValues& values) {
-  EditedFile file(path);
-  return file.Told(file.SaveOrRestore() && FillAll(file, values) && file.Write());
+  return Edit(
+      path, [&values](EditedFile& file) { return file.SaveOrRestore() && FillAll(file, values); });
 }
 
 bool WriteLogonName(const std::string& path, const LogonName& name) {
   if (path.empty() || (name.user.empty() && name.domain.empty())) return true;
-  EditedFile file(path);
-  return file.Told(file.Read() && file.SetIfPresent(kUserNameKey, name.user) &&
-                   file.SetIfPresent(kDomainKey, name.domain) && file.Write());
+  return Edit(path, [&name](EditedFile& file) {
+    return file.Read() && file.SetIfPresent(kUserNameKey, name.user) &&
+           file.SetIfPresent(kDomainKey, name.domain);
+  });
 }
 
-bool ClearLogonValues(const std::string& path) {
-  EditedFile file(path);
-  return file.Told(file.Read() && file.Clear() && file.Write());
-}
-
-bool RestoreAndClear(const std::string& path) {
+bool ClearLogonValues(const std::string& path, bool restore) {
   if (path.empty()) return true;
-  EditedFile file(path);
-  return file.Told(file.SaveOrRestore() && file.Clear() && file.Write());
+  return Edit(path, [restore](EditedFile& file) {
+    return (restore ? file.SaveOrRestore() : file.Read()) && file.Clear();
+  });
 }
 
 bool SetConfigValue(const std::string& path, std::string_view name, std::string_view value) {
   if (path.empty() || name.empty()) return true;
-  EditedFile file(path);
-  return file.Told(file.Read() && file.Set(name, value) && file.Write());
+  return Edit(path, [&](EditedFile& file) { return file.Read() && file.Set(name, value); });
 }
 
 bool BackupOrRestoreConfigFile(const std::string& path) {
-  EditedFile file(path);
-  return file.Told(file.SaveOrRestore() && file.Write());
+  return Edit(path, [](EditedFile& file) { return file.SaveOrRestore(); });
 }
 
 std::string FaultOfSavedCopy(const std::string& path) {
   const runtime::FoundFile found = runtime::FindFile(path);
   const runtime::FilePlace saved = found.named.WithSuffix(kSavedCopySuffix);
   if (saved.IsMissing()) return {};
-  const runtime::Descriptor copy = saved.Open(O_RDONLY);
-  if (!copy.IsOpen()) return kNoReadableCopy;
-  const runtime::Descriptor file = found.real.Open(O_RDONLY);
-  const struct stat status = runtime::StatusOf(file);
-  const char* const fault = FaultOfCopy(runtime::StatusOf(copy), file.IsOpen() ? &status : nullptr,
-                                        StatusOfFolder(saved));
+  const char* const fault = FaultOfCopy(saved, saved.Open(O_RDONLY), found.real.Open(O_RDONLY));
   return fault != nullptr ? fault : "";
 }
 

@@ -23,7 +23,7 @@ namespace qixx::watch {
 inline constexpr std::size_t kMaxSetEntries = 1000;
 /// The most bytes of its text that one operation walks, whatever is written in there. Each key
 /// walks it once and once more for each entry that it sets, each placeholder that is in there once;
-/// see ReplacePlaceholder. A search for a placeholder that finds none is quick and counts nothing;
+/// see ReplaceAll. A search for a placeholder that finds none is quick and counts nothing;
 /// a text that may have section names of older versions counts 256 times for each key.
 inline constexpr std::size_t kMaxWalked = std::size_t{1} << 28;
 
@@ -33,11 +33,9 @@ inline constexpr std::size_t kMaxWalked = std::size_t{1} << 28;
 /// Writes the user name and the domain under their keys; an empty one leaves the file's own, and an
 /// empty path names no file.
 bool WriteLogonName(const std::string& path, const LogonName& name);
-/// Empties what a removal clears (see NamedPlaceholder).
-[[nodiscard]] bool ClearLogonValues(const std::string& path);
-/// The same for the file as it was saved; one that was never saved is saved first. An empty path
-/// names no file.
-bool RestoreAndClear(const std::string& path);
+/// Empties what a removal clears (see NamedPlaceholder), with `restore` in the file as it was
+/// saved; one that was never saved is saved first then. An empty path names no file.
+bool ClearLogonValues(const std::string& path, bool restore);
 
 /// Writes one value into an existing configuration file. A name that begins with '%' is a
 /// placeholder in the file's text. Any other is a configuration key: the entry of that name gets

@@ -1,14 +1,12 @@
-#include "watch/logon_watch.h"
-
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <vector>
+// spare: the logon variant of the slot loop follows the card of the user who is logged on. This
+// platform does not tell who that is, so a run ends at once.
+#include <algorithm>
 
 #include "runtime/files.h"
 #include "runtime/trace.h"
 #include "watch/event_handlers.h"
 #include "watch/rounds.h"
+#include "watch/slot_loop.h"
 
 namespace qixx::watch {
 namespace {
@@ -20,6 +18,11 @@ constexpr unsigned kSearchPause = 999;
 /// More pending events than this are left for the next round, so that a library that never runs out
 /// of them cannot hold the loop.
 constexpr int kMaxEventsPerRound = 1024;
+
+struct LogonSlot {
+  CK_SLOT_ID slot = kNoSlot;
+  std::vector<std::uint8_t> certificate;
+};
 
 class LogonWatch {
  public:
@@ -66,11 +69,21 @@ class LogonWatch {
   }
 
   static bool HasNews(const PolledEvent& polled) { return polled.slot || polled.initialisedAgain; }
+  /// The first slot whose description equals the recorded one, kNoSlot when none does. Nothing when
+  /// the question cannot be answered.
+  std::optional<LogonSlot> FindLogonSlot() {
+    std::optional<LogonRecord> record = platform_.logonUser.Record(user_);
+    if (!record) return std::nullopt;
+    const auto found = std::ranges::find_if(slots_, [this, &record](CK_SLOT_ID slot) {
+      return card_.Description(slot) == record->identity;
+    });
+    return LogonSlot{found == slots_.end() ? kNoSlot : *found, std::move(record->certificate)};
+  }
   void SearchSlot(bool initialisedLate) {
     if (initialisedLate || slots_.empty() || HasNews(card_.TakeEvent())) {
       slots_ = card_.SlotsWithToken();
     }
-    std::optional<LogonSlot> found = FindLogonSlot(card_, platform_.logonUser, user_, slots_);
+    std::optional<LogonSlot> found = FindLogonSlot();
     if (!found) return;
     if (found->slot != kNoSlot) {
       runtime::TraceWrite("Watch - Logon slot %d inserted", static_cast<int>(found->slot));
@@ -94,6 +107,15 @@ class LogonWatch {
 };
 
 }  // namespace
+
+std::optional<LogonRecord> LogonUser::Record(const std::string& user) {
+  // The store holds no more than a text for a name, so there is no certificate to go with it.
+  const std::optional<std::string> identity = runtime::GetStoredCredential(user);
+  if (!identity) return std::nullopt;
+  LogonRecord record;
+  identity->copy(record.identity.data(), record.identity.size());
+  return record;
+}
 
 void WatchLogonSlot(CWatchOptions& record, const Platform& platform) {
   std::optional<std::string> user = platform.logonUser.Name();

@@ -10,7 +10,6 @@
 #include "runtime/loader.h"
 #include "runtime/notice.h"
 #include "watch/card_reader.h"
-#include "watch/logon_user.h"
 #include "watch/parallel.h"
 #include "watch/people.h"
 #include "watch/platform.h"
@@ -29,22 +28,16 @@ bool HasRoomToThrow() {
   return room != nullptr;
 }
 
-/// Memory that runs out before the watch begins is as little a failure as memory that runs out
-/// later.
 int Watch(int argc, char** argv) {
   using namespace qixx::watch;
-  try {
-    InstallStopHandlers();
-    // A slow card is a hang to the service manager only when a single call of the library is.
-    ServiceManager& manager = SystemServiceManager();
-    qixx::pkcs11::ListenToCalls([] { SystemServiceManager().Alive(); });
-    StoppableClock clock;
-    PlatformLogonUser logonUser;
-    const Platform platform = {clock, SystemCardReader(), logonUser, manager};
-    return WatchMain(0, 0, JoinArguments(argc, argv), platform);
-  } catch (...) {
-    return EXIT_SUCCESS;
-  }
+  InstallStopHandlers();
+  // A slow card is a hang to the service manager only when a single call of the library is.
+  ServiceManager& manager = SystemServiceManager();
+  qixx::pkcs11::ListenToCalls([] { SystemServiceManager().Alive(); });
+  StoppableClock clock;
+  LogonUser logonUser;
+  const Platform platform = {clock, SystemCardReader(), logonUser, manager};
+  return WatchMain(0, 0, JoinArguments(argc, argv), platform);
 }
 
 }  // namespace
@@ -59,9 +52,11 @@ int main(int argc, char** argv) {
   try {
     runtime::ContainTermination();
     const std::optional<int> code = watch::AnswerPeople(argc, argv, QIXX_VERSION);
-    result = code ? *code : Watch(argc, argv);
+    result = code.value_or(EXIT_SUCCESS);
+    if (!code) result = Watch(argc, argv);
   } catch (...) {
-    // Memory ran out while people were answered.
+    // Memory ran out. That is a failure while people are answered, as little before the watch
+    // begins as later.
   }
   // A command that still runs may be inside a library, whose static objects must not go under it.
   if (!watch::WaitForParallelJobs(0) || runtime::IsLoaderBroken()) ::_exit(result);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 
-#include "runtime/text.h"
 #include "watch/option_table.h"
 
 namespace qixx::watch {
@@ -14,174 +13,33 @@ constexpr char kBar = '|';
 /// Texts that are only read for a number or a name count up to here.
 constexpr std::size_t kMaxScratch = 99;
 
-/// The text still to be parsed, taken piece by piece from its head.
-class OptionText {
- public:
-  explicit OptionText(std::string_view text) : left_(text) {}
+// What is still to be parsed of a text is taken piece by piece from its head.
 
-  [[nodiscard]] std::string_view Left() const { return left_; }
-  void SkipLeadingBlanks() { left_ = runtime::SkipBlanks(left_); }
+/// Consumes `literal` when the text begins with it.
+bool Take(std::string_view& text, std::string_view literal) {
+  if (!runtime::StartsWithNoCase(text, literal)) return false;
+  text.remove_prefix(literal.size());
+  return true;
+}
 
-  /// Consumes `literal` when the text begins with it.
-  bool Take(std::string_view literal) {
-    if (!runtime::StartsWithNoCase(left_, literal)) return false;
-    left_.remove_prefix(literal.size());
-    return true;
-  }
-  /// The text up to the next double-quote character, which is consumed; all of it without one.
-  std::string_view TakeToQuote() {
-    const std::size_t end = std::min(runtime::FindChar(left_, kQuote), left_.size());
-    const std::string_view value = left_.substr(0, end);
-    left_.remove_prefix(std::min(end + 1, left_.size()));
-    return value;
-  }
-  /// The same with the one character that separates a quoted value from the next option.
-  std::string_view TakeQuotedValue() {
-    const std::string_view value = TakeToQuote();
-    if (!left_.empty()) left_.remove_prefix(1);
-    return value;
-  }
+/// The text up to the next double-quote character, which is consumed; all of it without one.
+std::string_view TakeToQuote(std::string_view& text) {
+  const std::size_t end = std::min(runtime::FindChar(text, kQuote), text.size());
+  const std::string_view value = text.substr(0, end);
+  text.remove_prefix(std::min(end + 1, text.size()));
+  return value;
+}
 
- private:
-  std::string_view left_;
-};
+/// The same with the one character that separates a quoted value from the next option.
+std::string_view TakeQuotedValue(std::string_view& text) {
+  const std::string_view value = TakeToQuote(text);
+  if (!text.empty()) text.remove_prefix(1);
+  return value;
+}
 
 /// Stores a value in a field of the record.
 void Store(std::string& field, std::string_view value) {
   field = value.substr(0, kMaxOption);
-}
-
-/// Leaves the field alone when there is no such option.
-bool StoreOption(std::string_view text, std::string_view name, std::string& field,
-                 std::size_t maxLength = kMaxOption) {
-  std::optional<std::string> value = GetOptionValue(text, name, maxLength);
-  if (value) field = std::move(*value);
-  return value.has_value();
-}
-
-void SkipVerb(OptionText& text) {
-  for (const std::string_view verb : {"ServiceMain ", "-start ", "-stop ", "-i ", "-u "}) {
-    if (text.Take(verb)) return;
-  }
-}
-
-/// The last word inside the quotes of a leading "-s" or "-b" names the section.
-void ParseSectionOption(OptionText& text, CWatchOptions& record) {
-  if (!text.Take("-s \"") && !text.Take("-b \"")) return;
-  const std::string_view words = text.TakeToQuote().substr(0, kMaxScratch);
-  const std::size_t blank = runtime::FindCharBack(words, ' ');
-  if (blank != std::string_view::npos) Store(record.section, words.substr(blank + 1));
-}
-
-// --- keyword form -----------------------------------------------------------------------------
-
-/// The program is stored even when the text then turns out to have another form.
-bool TakeKeywordForm(std::string_view text, CWatchOptions& record) {
-  return StoreOption(text, "-p", record.program, kWholeOption) &&
-         (StoreOption(text, "-r", record.registry) ||
-          StoreOption(text, "-c", record.configFile, kWholeOption));
-}
-
-/// The text of an option that is read for its number; empty when it is absent.
-std::string NumberText(std::string_view text, std::string_view name) {
-  return GetOptionValue(text, name, kMaxScratch).value_or("");
-}
-
-void ParseKeywordForm(std::string_view text, CWatchOptions& record) {
-  if (!StoreOption(text, "-match", record.match)) record.match.clear();
-  if (HasOption(text, "-hide")) record.hideInsert = true;
-  if (HasOption(text, "-sync")) record.sync = true;
-  if (HasOption(text, "-term") || HasOption(text, "-t")) record.terminate = true;
-  if (HasOption(text, "-recognized")) record.recognized = true;
-  StoreOption(text, "-a", record.arguments);
-  const std::string rounds = NumberText(text, "-n");
-  record.roundLimit = rounds.empty() ? kEndlessRounds : runtime::ParseDecimal(rounds);
-  // The name ends in a blank, so that only a second blank or the end makes it match.
-  StoreOption(text, "-m ", record.message);
-  const std::string wait = NumberText(text, "-w");
-  if (!wait.empty()) record.insertWait = runtime::ParseDecimal(wait);
-}
-
-// --- positional form --------------------------------------------------------------------------
-
-void ParseWaits(std::string_view quoted, CWatchOptions& record) {
-  const std::string_view waits = quoted.substr(0, kMaxScratch);
-  record.insertWait = runtime::ParseDecimal(waits);
-  const std::size_t bar = runtime::FindChar(waits, kBar);
-  if (bar != std::string_view::npos)
-    record.removeWait = runtime::ParseDecimal(waits.substr(bar + 1));
-}
-
-void ParseMessages(std::string_view quoted, CWatchOptions& record) {
-  const std::size_t bar = runtime::FindChar(quoted, kBar);
-  Store(record.message, quoted.substr(0, bar));
-  if (bar != std::string_view::npos) Store(record.message2, quoted.substr(bar + 1));
-}
-
-void ParseHide(OptionText& text, CWatchOptions& record) {
-  if (text.Take("insert ")) {
-    record.hideInsert = true;
-  } else if (text.Take("remove ")) {
-    record.hideRemove = true;
-  } else {
-    record.hideInsert = true;
-    record.hideRemove = true;
-  }
-}
-
-void ReadOption(PositionalOption option, OptionText& text, CWatchOptions& record) {
-  switch (option) {
-    case PositionalOption::kWaitFlag:
-      record.waitFlag = true;
-      break;
-    case PositionalOption::kMatch:
-      Store(record.match, text.TakeQuotedValue());
-      break;
-    case PositionalOption::kWait:
-      ParseWaits(text.TakeQuotedValue(), record);
-      break;
-    case PositionalOption::kMessage:
-      ParseMessages(text.TakeQuotedValue(), record);
-      break;
-    case PositionalOption::kHide:
-      ParseHide(text, record);
-      break;
-    case PositionalOption::kSync:
-      record.sync = true;
-      break;
-    case PositionalOption::kTerminate:
-      record.terminate = true;
-      break;
-    case PositionalOption::kRecognized:
-      record.recognized = true;
-      break;
-    case PositionalOption::kSimulate:
-      record.simulate = text.TakeQuotedValue().substr(0, kMaxSimulate);
-      break;
-  }
-}
-
-/// Each option is tested once, in the order of the table, at the current place; nothing is skipped
-/// between them.
-void ParsePositionalForm(OptionText& text, CWatchOptions& record) {
-  for (const PositionalRow& row : kPositionalOptions) {
-    if (text.Take(row.head)) ReadOption(row.option, text, record);
-  }
-  if (record.simulate.empty() && !text.Left().empty()) Store(record.rest, text.Left());
-  record.roundLimit = kEndlessRounds;
-}
-
-bool ParseOptions(std::string_view line, CWatchOptions& record) {
-  OptionText text(line);
-  SkipVerb(text);
-  ParseSectionOption(text, record);
-  text.SkipLeadingBlanks();
-  if (TakeKeywordForm(text.Left(), record)) {
-    ParseKeywordForm(text.Left(), record);
-    return false;
-  }
-  ParsePositionalForm(text, record);
-  return !text.Left().empty();
 }
 
 /// Whether a place lies between two double quotes; one that is never closed opens nothing.
@@ -210,8 +68,10 @@ std::optional<std::string_view> BehindOption(std::string_view text, std::string_
   return std::nullopt;
 }
 
-std::optional<std::string> ValueOf(std::string_view text, std::string_view name,
-                                   std::size_t maxLength, Places places) {
+/// The value behind an option, as GetCommandOption gives it.
+std::optional<std::string> GetOptionValue(std::string_view text, std::string_view name,
+                                          std::size_t maxLength = kMaxOption,
+                                          Places places = Places::kAll) {
   const std::optional<std::string_view> behind = BehindOption(text, name, places);
   if (!behind) return std::nullopt;
   std::string_view value = runtime::SkipBlanks(*behind);
@@ -226,21 +86,140 @@ std::optional<std::string> ValueOf(std::string_view text, std::string_view name,
   return std::string(value.substr(0, maxLength));
 }
 
+/// Leaves the field alone when there is no such option.
+bool StoreOption(std::string_view text, std::string_view name, std::string& field,
+                 std::size_t maxLength = kMaxOption) {
+  std::optional<std::string> value = GetOptionValue(text, name, maxLength);
+  if (value) field = std::move(*value);
+  return value.has_value();
+}
+
+void SkipVerb(std::string_view& text) {
+  for (const std::string_view verb : {"ServiceMain ", "-start ", "-stop ", "-i ", "-u "}) {
+    if (Take(text, verb)) return;
+  }
+}
+
+/// The last word inside the quotes of a leading "-s" or "-b" names the section.
+void ParseSectionOption(std::string_view& text, CWatchOptions& record) {
+  if (!Take(text, "-s \"") && !Take(text, "-b \"")) return;
+  const std::string_view words = TakeToQuote(text).substr(0, kMaxScratch);
+  const std::size_t blank = runtime::FindCharBack(words, ' ');
+  if (blank != std::string_view::npos) Store(record.section, words.substr(blank + 1));
+}
+
+// --- keyword form -----------------------------------------------------------------------------
+
+/// The program is stored even when the text then turns out to have another form.
+bool TakeKeywordForm(std::string_view text, CWatchOptions& record) {
+  return StoreOption(text, "-p", record.program, kWholeOption) &&
+         (StoreOption(text, "-r", record.registry) ||
+          StoreOption(text, "-c", record.configFile, kWholeOption));
+}
+
+/// The text of an option that is read for its number; empty when it is absent.
+std::string NumberText(std::string_view text, std::string_view name) {
+  return GetOptionValue(text, name, kMaxScratch).value_or("");
+}
+
+void ParseKeywordForm(std::string_view text, CWatchOptions& record) {
+  if (!StoreOption(text, "-match", record.match)) record.match.clear();
+  if (GetOptionValue(text, "-hide")) record.hideInsert = true;
+  if (GetOptionValue(text, "-sync")) record.sync = true;
+  if (GetOptionValue(text, "-term") || GetOptionValue(text, "-t")) record.terminate = true;
+  if (GetOptionValue(text, "-recognized")) record.recognized = true;
+  StoreOption(text, "-a", record.arguments);
+  const std::string rounds = NumberText(text, "-n");
+  record.roundLimit = rounds.empty() ? kEndlessRounds : runtime::ParseDecimal(rounds);
+  // The name ends in a blank, so that only a second blank or the end makes it match.
+  StoreOption(text, "-m ", record.message);
+  const std::string wait = NumberText(text, "-w");
+  if (!wait.empty()) record.insertWait = runtime::ParseDecimal(wait);
+}
+
+// --- positional form --------------------------------------------------------------------------
+
+void ParseWaits(std::string_view quoted, CWatchOptions& record) {
+  const std::string_view waits = quoted.substr(0, kMaxScratch);
+  record.insertWait = runtime::ParseDecimal(waits);
+  const std::size_t bar = runtime::FindChar(waits, kBar);
+  if (bar != std::string_view::npos)
+    record.removeWait = runtime::ParseDecimal(waits.substr(bar + 1));
+}
+
+void ParseMessages(std::string_view quoted, CWatchOptions& record) {
+  const std::size_t bar = runtime::FindChar(quoted, kBar);
+  Store(record.message, quoted.substr(0, bar));
+  if (bar != std::string_view::npos) Store(record.message2, quoted.substr(bar + 1));
+}
+
+void ParseHide(std::string_view& text, CWatchOptions& record) {
+  const bool insertOnly = Take(text, "insert ");
+  const bool removeOnly = !insertOnly && Take(text, "remove ");
+  if (!removeOnly) record.hideInsert = true;
+  if (!insertOnly) record.hideRemove = true;
+}
+
+void ReadOption(PositionalOption option, std::string_view& text, CWatchOptions& record) {
+  switch (option) {
+    case PositionalOption::kWaitFlag:
+      record.waitFlag = true;
+      break;
+    case PositionalOption::kMatch:
+      Store(record.match, TakeQuotedValue(text));
+      break;
+    case PositionalOption::kWait:
+      ParseWaits(TakeQuotedValue(text), record);
+      break;
+    case PositionalOption::kMessage:
+      ParseMessages(TakeQuotedValue(text), record);
+      break;
+    case PositionalOption::kHide:
+      ParseHide(text, record);
+      break;
+    case PositionalOption::kSync:
+      record.sync = true;
+      break;
+    case PositionalOption::kTerminate:
+      record.terminate = true;
+      break;
+    case PositionalOption::kRecognized:
+      record.recognized = true;
+      break;
+    case PositionalOption::kSimulate:
+      record.simulate = TakeQuotedValue(text).substr(0, kMaxSimulate);
+      break;
+  }
+}
+
+/// Each option is tested once, in the order of the table, at the current place; nothing is skipped
+/// between them.
+void ParsePositionalForm(std::string_view& text, CWatchOptions& record) {
+  for (const PositionalRow& row : kPositionalOptions) {
+    if (Take(text, row.head)) ReadOption(row.option, text, record);
+  }
+  if (record.simulate.empty() && !text.empty()) Store(record.rest, text);
+  record.roundLimit = kEndlessRounds;
+}
+
+bool ParseOptions(std::string_view text, CWatchOptions& record) {
+  SkipVerb(text);
+  ParseSectionOption(text, record);
+  text = runtime::SkipBlanks(text);
+  if (TakeKeywordForm(text, record)) {
+    ParseKeywordForm(text, record);
+    return false;
+  }
+  ParsePositionalForm(text, record);
+  return !text.empty();
+}
+
 }  // namespace
 
 bool ParseWatchOptions(std::string_view text, CWatchOptions& record) {
   const bool textLeft = !text.empty() && ParseOptions(text, record);
   if (record.section.empty()) record.section = kDefaultSection;
   return textLeft;
-}
-
-std::optional<std::string> GetOptionValue(std::string_view text, std::string_view name,
-                                          std::size_t maxLength) {
-  return ValueOf(text, name, maxLength, Places::kAll);
-}
-
-bool HasOption(std::string_view text, std::string_view name) {
-  return BehindOption(text, name, Places::kAll).has_value();
 }
 
 bool IsOptionPlace(std::string_view text, std::size_t place) {
@@ -251,7 +230,7 @@ bool IsOptionPlace(std::string_view text, std::size_t place) {
 
 std::optional<std::string> GetCommandOption(std::string_view text, std::string_view name,
                                             std::size_t maxLength) {
-  return ValueOf(text, name, maxLength, Places::kOfCommands);
+  return GetOptionValue(text, name, maxLength, Places::kOfCommands);
 }
 
 }  // namespace qixx::watch

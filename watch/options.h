@@ -58,23 +58,16 @@ struct CWatchOptions {
 /// Overlays `record` with the options of `text`. Returns true when text is left after the options.
 bool ParseWatchOptions(std::string_view text, CWatchOptions& record);
 
-/// Looks `name` (letter case ignored) up anywhere in `text`; it counts only before a blank or the
-/// end. Gives the value behind it, cut to `maxLength`: a quoted value to its closing quote, nothing
-/// for a value that begins with '-', else the text up to the next blank.
-[[nodiscard]] std::optional<std::string> GetOptionValue(std::string_view text,
-                                                        std::string_view name,
-                                                        std::size_t maxLength = kMaxOption);
-/// The same question for an option without a value.
-[[nodiscard]] bool HasOption(std::string_view text, std::string_view name);
-
 /// The options that are looked up in commands, whose texts may hold values of a card.
 inline constexpr std::array<std::string_view, 4> kCommandOptions = {"-match", "-registry",
                                                                     "-config", "-restore"};
 /// Whether an option could begin at `place` of a command: not within a word, whose dashes are its
 /// own.
 [[nodiscard]] bool IsOptionPlace(std::string_view text, std::size_t place);
-/// The value of one of them (what follows "-restore" is none), as GetOptionValue gives it; but
-/// within a word, or inside double quotes, which hold a value together, no option is looked for.
+/// The value of one of them (what follows "-restore" is none), cut to `maxLength`: a quoted value
+/// to its closing quote, nothing for a value that begins with '-', else the text up to the next
+/// blank. The name (letter case ignored) counts only before a blank or the end; within a word, or
+/// inside double quotes, which hold a value together, no option is looked for.
 [[nodiscard]] std::optional<std::string> GetCommandOption(std::string_view text,
                                                           std::string_view name,
                                                           std::size_t maxLength = kMaxOption);

@@ -30,11 +30,6 @@ constinit std::atomic<unsigned> insertions{0};
 constexpr int kTries = 30;
 constexpr unsigned kTryPause = 333;
 
-/// Counts a job off, also one whose command ended the thread.
-struct JobEnd {
-  ~JobEnd() { runningJobs.fetch_sub(1, std::memory_order_release); }
-};
-
 void RunCommand(const ParallelJob& job) {
   if (job.event.IsInsert()) {
     RunGuarded([&job] { return ExecuteCommand(job.card, job.event, job.text); });
@@ -47,7 +42,8 @@ void RunCommand(const ParallelJob& job) {
 }
 
 void* RunJob(void* argument) {
-  const JobEnd end;
+  // Also of a job whose command ended the thread.
+  const AtExit countOff([] { --runningJobs; });
   runtime::ThreadDetachSelf();
   std::unique_ptr<ParallelJob> job(static_cast<ParallelJob*>(argument));
   runtime::TraceWrite("Watch - Thread execute command ...");
@@ -62,9 +58,9 @@ void* RunJob(void* argument) {
 bool RunParallel(CardReader& card, const WatchEvent& event, std::string_view text) {
   if (text.size() > kMaxParallelCommand) return false;
   std::unique_ptr<ParallelJob> job(new ParallelJob{card, event, std::string(text), insertions});
-  runningJobs.fetch_add(1, std::memory_order_relaxed);
+  ++runningJobs;
   if (runtime::ThreadCreate(&RunJob, job.get()) == 0) {
-    runningJobs.fetch_sub(1, std::memory_order_relaxed);
+    --runningJobs;
     return false;
   }
   // The thread frees it.
@@ -78,11 +74,9 @@ void ForgetOwedParallelJobs() {
 
 bool WaitForParallelJobs(unsigned milliseconds) {
   constexpr unsigned kStepMilliseconds = 10;
-  unsigned waited = 0;
-  while (runningJobs.load(std::memory_order_acquire) != 0) {
+  for (unsigned waited = 0; runningJobs != 0; waited += kStepMilliseconds) {
     if (waited >= milliseconds) return false;
     runtime::SleepMilliseconds(kStepMilliseconds);
-    waited += kStepMilliseconds;
   }
   return true;
 }

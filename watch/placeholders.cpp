@@ -1,7 +1,5 @@
 #include "watch/placeholders.h"
 
-#include <algorithm>
-
 #include "config/scan.h"
 #include "der/names.h"
 #include "runtime/secrets.h"
@@ -26,14 +24,6 @@ std::string FillFromCard(CardReader& card, std::string_view match, std::string t
   runtime::TraceWrite("Watch - Logon subject:    '%s'", values->subject.c_str());
   runtime::TraceWrite("Watch - Logon number:     '%s'", values->serial.c_str());
   return ReplaceLogonPlaceholders(*values, std::move(text), maxLength);
-}
-
-enum class LetterCase { kCounts, kIgnored };
-
-std::size_t FindName(std::string_view text, std::string_view name, LetterCase letterCase,
-                     std::size_t from = 0) {
-  return letterCase == LetterCase::kIgnored ? runtime::FindTextNoCase(text, name, from)
-                                            : runtime::FindText(text, name, from);
 }
 
 /// Whether what comes next may become the first of its line that is no blank: other placeholders in
@@ -77,13 +67,18 @@ class LineStart {
 class OnePassReplacement {
  public:
   /// The name is not empty.
-  OnePassReplacement(std::string_view name, std::string_view value, LetterCase letterCase)
+  OnePassReplacement(std::string_view name, std::string_view value)
       : name_(name),
         value_(value),
         cleanValue_(CleanLineStart(value)),
-        letterCase_(letterCase),
+        ignoresCase_(runtime::StartsWithNoCase(name, kComponentPrefix)),
         again_(value.find(name.front()) == std::string_view::npos || value.size() < name.size()) {}
 
+  /// Where the name begins in the text.
+  [[nodiscard]] std::size_t Find(std::string_view text, std::size_t from = 0) const {
+    return ignoresCase_ ? runtime::FindTextNoCase(text, name_, from)
+                        : runtime::FindText(text, name_, from);
+  }
   /// Nothing once the result is longer than `limit` or the budget is spent.
   std::optional<std::string> Apply(std::string_view text, std::size_t limit, WalkBudget& budget) {
     bool goesOn = budget.Take(text.size());
@@ -105,7 +100,7 @@ class OnePassReplacement {
   /// piece of the text that is as long as what an occurrence has in front of that.
   void CopyUnchanged(std::string_view text) {
     const std::size_t overlap = std::min(read_ - seam_, name_.size() - 1);
-    const std::size_t found = FindName(text, name_, letterCase_, read_ - overlap);
+    const std::size_t found = Find(text, read_ - overlap);
     const std::size_t end =
         found == std::string_view::npos ? text.size() : found + name_.size() - 1;
     Append(text.substr(read_, end - read_));
@@ -135,13 +130,13 @@ class OnePassReplacement {
   [[nodiscard]] bool EndsInName() const {
     if (result_.size() < settled_ + name_.size()) return false;
     const std::string_view tail = std::string_view(result_).substr(result_.size() - name_.size());
-    return letterCase_ == LetterCase::kIgnored ? runtime::EqualsNoCase(tail, name_) : tail == name_;
+    return ignoresCase_ ? runtime::EqualsNoCase(tail, name_) : tail == name_;
   }
 
   std::string_view name_;
   std::string_view value_;
   std::string cleanValue_;  ///< for the start of a line
-  LetterCase letterCase_;
+  bool ignoresCase_;
   /// A value that brings no beginning of the name along, or makes the text shorter, uses the
   /// occurrences up, so those that come about around it count as well.
   bool again_;
@@ -194,19 +189,10 @@ std::string ReplaceLogonPlaceholders(const LogonValues& values, std::string text
   return text;
 }
 
-void ReplaceAll(std::string& text, std::string_view name, std::string_view value) {
-  if (name.empty()) return;
-  WalkBudget endless(std::string::npos);
-  OnePassReplacement replacement(name, value, LetterCase::kCounts);
-  if (auto after = replacement.Apply(text, std::string::npos, endless)) text = std::move(*after);
-}
-
-bool ReplacePlaceholder(std::string& text, std::string_view name, std::string_view value,
-                        std::size_t maxLength, WalkBudget& budget) {
-  const bool isComponent = runtime::StartsWithNoCase(name, kComponentPrefix);
-  const LetterCase letterCase = isComponent ? LetterCase::kIgnored : LetterCase::kCounts;
-  if (FindName(text, name, letterCase) == std::string::npos) return text.size() <= maxLength;
-  OnePassReplacement replacement(name, value, letterCase);
+bool ReplaceAll(std::string& text, std::string_view name, std::string_view value,
+                std::size_t maxLength, WalkBudget& budget) {
+  OnePassReplacement replacement(name, value);
+  if (replacement.Find(text) == std::string::npos) return text.size() <= maxLength;
   std::optional<std::string> after = replacement.Apply(text, maxLength, budget);
   if (after) text = std::move(*after);
   return after.has_value();

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -101,18 +100,16 @@ class WalkBudget {
   bool spent_ = false;
 };
 
-/// Replaces every occurrence of `name`, also those that a replacement brings about, as long as that
-/// must come to an end; else the search goes on behind the replacement.
-void ReplaceAll(std::string& text, std::string_view name, std::string_view value);
-/// The same for a placeholder; the key of a subject's component counts in any letter case, since
-/// certificates and administrators write it in either. At the start of a line, with blanks and
-/// other placeholders in front or not, a value makes no section, block or comment of it. False, and
-/// the text is as it was, when it would be longer than `maxLength` or when the budget is spent: a
-/// text that holds the name is walked once, and what is put in and lies around it counts kStepCost
-/// times, since it is read character by character.
-[[nodiscard]] bool ReplacePlaceholder(std::string& text, std::string_view name,
-                                      std::string_view value, std::size_t maxLength,
-                                      WalkBudget& budget);
+/// Replaces every occurrence of a placeholder, also those that a replacement brings about, as long
+/// as that must come to an end; else the search goes on behind the replacement. The key of a
+/// subject's component counts in any letter case, since certificates and administrators write it in
+/// either. At the start of a line, with blanks and other placeholders in front or not, a value
+/// makes no section, block or comment of it. False, and the text is as it was, when it would be
+/// longer than `maxLength` or when the budget is spent: a text that holds the name, which is not
+/// empty, is walked once, and what is put in and lies around it counts kStepCost times, since it is
+/// read character by character.
+[[nodiscard]] bool ReplaceAll(std::string& text, std::string_view name, std::string_view value,
+                              std::size_t maxLength, WalkBudget& budget);
 inline constexpr std::size_t kStepCost = 8;
 
 }  // namespace qixx::watch

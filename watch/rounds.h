@@ -15,11 +15,6 @@ namespace qixx::watch {
 /// Rounds between two tries to initialise a library that was not there at start.
 inline constexpr std::uint64_t kInitialiseRounds = 30;
 
-/// Tries again now and then while the library is not initialised; true when that has just worked.
-inline bool InitialiseLater(CardReader& card, std::uint64_t round) {
-  return round != 0 && round % kInitialiseRounds == 0 && card.InitialiseAgain();
-}
-
 /// Decides which pauses may end early, by the library's descriptor. One that is readable though a
 /// poll has nothing to tell costs nothing: the pause behind such a poll is whole, and so are those
 /// behind it, until the descriptor is seen unreadable.
@@ -58,8 +53,10 @@ void RunRounds(Watch& watch, std::uint64_t limit, const Platform& platform) {
   unsigned pause = 0;
   platform.manager.Ready();
   for (std::uint64_t round = 0; round < limit && !StopRequested(); ++round) {
-    const bool told =
-        RunGuarded([&] { return watch.Round(InitialiseLater(platform.card, round)); });
+    const bool told = RunGuarded([&] {
+      const bool isTurn = round != 0 && round % kInitialiseRounds == 0;
+      return watch.Round(isTurn && platform.card.InitialiseAgain());
+    });
     runtime::ReapChildren();
     RunStep([round] { LookAfterExtraWatcher(round); });
     // A card that came or went shows in the pause.

@@ -26,7 +26,7 @@ bool SetOnInsert(CardReader& card, const WatchEvent& event, const SetOptions& op
 
 bool SetOnRemove(const SetOptions& options) {
   if (options.config.empty()) return !options.registry.empty();
-  return options.restore ? RestoreAndClear(options.config) : ClearLogonValues(options.config);
+  return ClearLogonValues(options.config, options.restore);
 }
 
 std::string UpToQuote(std::string_view value) {

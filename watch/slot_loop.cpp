@@ -1,22 +1,20 @@
 #include "watch/slot_loop.h"
 
-#include <cstdint>
+#include <fcntl.h>
+
+#include <array>
 #include <ctime>
-#include <optional>
-#include <string>
-#include <utility>
 
 #include "pkcs11/reader.h"
+#include "runtime/descriptor.h"
 #include "runtime/process.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/card_mark.h"
 #include "watch/configuration.h"
-#include "watch/descriptor_reserve.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
-#include "watch/logon_watch.h"
 #include "watch/parallel.h"
 #include "watch/rounds.h"
 #include "watch/status.h"
@@ -38,6 +36,30 @@ constexpr unsigned kUnreadRounds = 9;
 constexpr unsigned kEagerRounds = 30;
 
 constexpr std::string_view kLogonSection = "Logon";
+
+/// A library that leaks descriptors until there are none left must keep no removal from being run:
+/// its configuration has to be opened. So some are held, and given back for the time of an event.
+class DescriptorReserve {
+ public:
+  DescriptorReserve() { Fill(); }
+
+  template <typename Step>
+  void Lend(const Step& step) {
+    for (runtime::Descriptor& held : held_) held.Close();
+    step();
+    Fill();
+  }
+
+ private:
+  /// Takes as many as there are.
+  void Fill() {
+    for (runtime::Descriptor& held : held_) {
+      if (!held.IsOpen()) held = runtime::Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    }
+  }
+
+  std::array<runtime::Descriptor, 8> held_;
+};
 
 // --- the slot loop ------------------------------------------------------------------------------
 
@@ -63,14 +85,14 @@ class SlotWatch {
     const std::optional<CK_SLOT_ID> slot = EventSlot(polled, initialisedLate);
     const bool wasFirst = std::exchange(firstRound_, false);
     if (!owed_.IsNothing()) {
-      WithReserve([&] { RunStep([&] { TryOwed(slot.has_value()); }); });
+      reserve_.Lend([&] { RunStep([&] { TryOwed(slot.has_value()); }); });
     }
     if (slot && IsFirstOfItsGroup(*slot)) {
       runtime::TraceWrite("Watch - Event");
-      WithReserve([this, &slot] { HandleEvent(*slot); });
+      reserve_.Lend([&] { HandleEvent(*slot); });
     }
     if (wasFirst && record_.sync && connected_ == kNoSlot && mark_.IsSet()) {
-      WithReserve([this] { FollowMark(); });
+      reserve_.Lend([&] { FollowMark(); });
     }
     CheckProgram();
     ClearMark();
@@ -98,13 +120,16 @@ class SlotWatch {
       return polled.slot;
     }
     if (firstRound_) return LookForToken();
-    const bool wasUntold = std::exchange(isUntold_, false);
-    if (wasUntold && connected_ != kNoSlot && !card_.ShowsToken(connected_)) return connected_;
-    if (isLost && connected_ != kNoSlot && !card_.ShowsToken(connected_)) {
+    if (std::exchange(isUntold_, false) && HasGone()) return connected_;
+    if (isLost && HasGone()) {
       isDoubtful_ = true;
       return connected_;
     }
     return catchUp_ ? MissedSlot() : std::nullopt;
+  }
+  /// Whether the connected card went without a word of the library.
+  [[nodiscard]] bool HasGone() const {
+    return connected_ != kNoSlot && !card_.ShowsToken(connected_);
   }
   /// A card that came behind the poll and goes before the next one is none that the library tells
   /// of, so the next poll that has no event asks the slot itself.
@@ -124,18 +149,10 @@ class SlotWatch {
   /// gone, which comes first, nor that a card is there.
   std::optional<CK_SLOT_ID> MissedSlot() {
     if (!card_.IsInitialised()) return std::nullopt;  // finalised once more: nothing to ask
-    if (connected_ != kNoSlot && !card_.ShowsToken(connected_)) return connected_;
+    if (HasGone()) return connected_;
     const CK_SLOT_ID slot = connected_ == kNoSlot ? LookForToken() : kNoSlot;
     catchUp_ = false;
     return slot == kNoSlot ? std::nullopt : std::optional(slot);
-  }
-
-  /// The commands may use the descriptors that are kept for them.
-  template <typename Step>
-  void WithReserve(const Step& step) {
-    reserve_.Release();
-    step();
-    reserve_.Fill();
   }
 
   void HandleEvent(CK_SLOT_ID slot) {
@@ -163,9 +180,11 @@ class SlotWatch {
     runtime::TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
   }
 
-  /// The connected slot is forgotten in any case, also when no removal is dispatched.
+  /// The connected slot is forgotten in any case, also when no removal is dispatched. Another slot
+  /// without a token says nothing while the connected one still shows its own.
   void HandleNoToken(CK_SLOT_ID slot) {
-    if ((connected_ != kNoSlot || !record_.sync) && IsRemoval(slot)) Remove(connected_);
+    const bool isRemoval = connected_ == kNoSlot ? !record_.sync : slot == connected_ || HasGone();
+    if (isRemoval) Remove(connected_);
     connected_ = kNoSlot;
   }
   /// Of the card that was connected when the watch ended. One that is still in is connected again;
@@ -215,11 +234,6 @@ class SlotWatch {
     owed_ = {};
     owedRounds_ = 0;
   }
-  /// Another slot without a token says nothing while the connected one still shows its own.
-  [[nodiscard]] bool IsRemoval(CK_SLOT_ID slot) const {
-    return connected_ == kNoSlot || slot == connected_ || !card_.ShowsToken(connected_);
-  }
-
   void CheckProgram() {
     if (record_.processId == 0 || runtime::IsProcessRunning(record_.processId)) return;
     runtime::TraceWrite("Watch - Process %d terminated normally",
@@ -247,36 +261,32 @@ class SlotWatch {
 
 // --- the run ------------------------------------------------------------------------------------
 
-/// Without a background program nothing happens.
-void StartBackground(const std::string& arguments) {
-  if (!arguments.empty()) runtime::StartApplication(arguments, true);
-}
-
-void HideBackground(const std::string& arguments) {
-  if (!arguments.empty()) StartBackground(arguments + " -hide");
-}
-
 /// Memory that runs out in one step keeps none of the others from being taken.
 void RunWithLibrary(CWatchOptions& record, const Platform& platform) {
-  const std::string& section = record.section;
-  RunStep([&] { StartBackground(record.background); });
-  RunStep(
-      [&] { runtime::TraceWrite("Watch - Started '%s'", runtime::MaskedText(section).Text()); });
+  const auto tell = [&record](const char* state) {
+    RunStep([&] {
+      runtime::TraceWrite("Watch - %s '%s'", state, runtime::MaskedText(record.section).Text());
+    });
+  };
+  const auto startBackground = [&record](const char* more) {
+    if (record.background.empty()) return;
+    RunStep([&] { runtime::StartApplication(record.background + more, true); });
+  };
+  startBackground("");
+  tell("Started");
   RunStep([&] { platform.card.Initialise(); });
-  RunStep(
-      [&] { runtime::TraceWrite("Watch - Running '%s'", runtime::MaskedText(section).Text()); });
+  tell("Running");
   RunStep([&] {
-    if (runtime::EqualsNoCase(section, kLogonSection)) {
+    if (runtime::EqualsNoCase(record.section, kLogonSection)) {
       WatchLogonSlot(record, platform);
     } else {
       WatchSlots(record, platform);
     }
   });
   platform.manager.Stopping();
-  RunStep(
-      [&] { runtime::TraceWrite("Watch - Stopping '%s'", runtime::MaskedText(section).Text()); });
+  tell("Stopping");
   RunStep([&] { platform.card.Finalise(); });
-  RunStep([&] { HideBackground(record.background); });
+  startBackground(" -hide");
 }
 
 }  // namespace

@@ -13,5 +13,7 @@ namespace qixx::watch {
 void RunWatch(CWatchOptions& record, const Platform& platform);
 /// The slot loop.
 void WatchSlots(CWatchOptions& record, const Platform& platform);
+/// Its logon variant (watch/logon_watch.cpp).
+void WatchLogonSlot(CWatchOptions& record, const Platform& platform);
 
 }  // namespace qixx::watch

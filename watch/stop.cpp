@@ -6,22 +6,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <csignal>
-#include <cstdint>
 #include <ctime>
 
+#include "runtime/clock.h"
 #include "runtime/trace.h"
+#include "watch/platform.h"
 
 namespace qixx::watch {
 namespace {
-
-using SteadyClock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
 constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
@@ -100,47 +96,9 @@ void UnblockStopSignals() {
   sigprocmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-void PauseFor(milliseconds time) {
-  const timespec pause = {static_cast<time_t>(time.count() / 1000),
-                          static_cast<long>(time.count() % 1000 * 1'000'000)};
+void PauseFor(std::int64_t milliseconds) {
+  const timespec pause = {milliseconds / 1000, milliseconds % 1000 * 1'000'000};
   ::nanosleep(&pause, nullptr);
-}
-
-/// A descriptor that something else closed, or opened anew, must not make a wait a busy loop. So
-/// whatever is no plain news is not waited for any longer.
-class Waited {
- public:
-  Waited(int wake, int event) : entries_{{{wake, POLLIN, 0}, {event, POLLIN, 0}}} {}
-
-  /// False when the system could not even wait.
-  bool Poll(int timeout) {
-    const int woken = ::poll(entries_.data(), entries_.size(), timeout);
-    if (woken < 0) return errno == EINTR;
-    if (woken == 0) return true;
-    if (entries_[0].revents != 0) entries_[0].fd = kNoDescriptor;
-    isReadable_ = entries_[1].revents == POLLIN;
-    if (entries_[1].revents != 0) entries_[1].fd = kNoDescriptor;
-    return true;
-  }
-  [[nodiscard]] bool IsReadable() const { return isReadable_; }
-
- private:
-  std::array<pollfd, 2> entries_;
-  bool isReadable_ = false;
-};
-
-WakeUp WaitUnlessStopped(milliseconds time, int descriptor) {
-  const SteadyClock::time_point end = SteadyClock::now() + time;
-  Waited waited(wakePipe.reading, descriptor);
-  auto left = time;
-  while (!stopRequested) {
-    const auto timeout = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, INT_MAX));
-    if (!waited.Poll(timeout)) PauseFor(left);
-    if (waited.IsReadable() && !stopRequested) return WakeUp::kReadable;
-    left = std::chrono::ceil<milliseconds>(end - SteadyClock::now());
-    if (left.count() <= 0) break;
-  }
-  return stopRequested ? WakeUp::kStop : WakeUp::kTimePassed;
 }
 
 }  // namespace
@@ -163,21 +121,50 @@ bool StopRequested() {
   return stopRequested;
 }
 
-WakeUp StoppableClock::Wait(unsigned time, int descriptor) {
-  return WaitUnlessStopped(milliseconds(time), descriptor);
+WakeUp StoppableClock::Wait(unsigned milliseconds, int descriptor) {
+  const std::int64_t end = runtime::MonotonicMilliseconds() + milliseconds;
+  pollfd waited[] = {{wakePipe.reading, POLLIN, 0}, {descriptor, POLLIN, 0}};
+  for (std::int64_t left = milliseconds; !stopRequested;) {
+    const auto timeout = static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+    const int woken = ::poll(waited, std::size(waited), timeout);
+    // The system could not even wait.
+    if (woken < 0 && errno != EINTR) PauseFor(left);
+    if (woken > 0) {
+      if (waited[1].revents == POLLIN && !stopRequested) return WakeUp::kReadable;
+      // A descriptor that something else closed, or opened anew, must not make a wait a busy loop.
+      // So whatever is no plain news is not waited for any longer.
+      for (pollfd& one : waited) {
+        if (one.revents != 0) one.fd = kNoDescriptor;
+      }
+    }
+    left = end - runtime::MonotonicMilliseconds();
+    if (left <= 0) break;
+  }
+  return stopRequested ? WakeUp::kStop : WakeUp::kTimePassed;
 }
 
-WakeUp WatchWait(Clock& clock, unsigned time, int descriptor) {
+WakeUp WatchWait(Clock& clock, unsigned milliseconds, int descriptor) {
   try {
-    return clock.Wait(time, descriptor);
+    return clock.Wait(milliseconds, descriptor);
   } catch (...) {
     runtime::TraceWrite("Watch - Sleep exception");
     return StopRequested() ? WakeUp::kStop : WakeUp::kTimePassed;
   }
 }
 
-bool WatchSleep(Clock& clock, unsigned time) {
-  return WatchWait(clock, time, kNoDescriptor) != WakeUp::kStop;
+bool WatchSleep(Clock& clock, unsigned milliseconds) {
+  return WatchWait(clock, milliseconds, kNoDescriptor) != WakeUp::kStop;
+}
+
+WakeUp WatchPause(const Platform& platform, unsigned milliseconds, int descriptor) {
+  unsigned left = milliseconds;
+  for (;;) {
+    platform.manager.Alive();
+    const unsigned step = std::min(left, platform.manager.LongestPause());
+    const WakeUp wakeUp = WatchWait(platform.clock, step, descriptor);
+    left -= step;
+    if (left == 0 || wakeUp != WakeUp::kTimePassed) return wakeUp;
+  }
 }
 
 }  // namespace qixx::watch

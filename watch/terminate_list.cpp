@@ -1,5 +1,6 @@
 #include "watch/terminate_list.h"
 
+#include <algorithm>
 #include <array>
 
 #include "runtime/no_destructor.h"
@@ -12,7 +13,6 @@ namespace {
 
 struct TerminateEntry {
   std::uint64_t slot = 0;
-  bool startedOnInsert = false;
   std::uint64_t processId = 0;  ///< 0 marks a free entry
 
   [[nodiscard]] bool IsFree() const { return processId == 0; }
@@ -49,13 +49,11 @@ void AddToTerminateList(EventKind kind, CK_SLOT_ID slot, std::uint64_t processId
   if (kind != EventKind::kInsert || processId == 0) return;
   TerminateList& list = List();
   const runtime::CriticalScope hold(&list.lock);
-  for (TerminateEntry& entry : list.entries) {
-    if (!entry.IsFree()) continue;
-    entry = {slot, true, processId};
-    runtime::TraceWrite("Watch - Insert %d to terminate list (%d)", static_cast<int>(processId),
-                        static_cast<int>(slot));
-    return;
-  }
+  const auto entry = std::ranges::find_if(list.entries, &TerminateEntry::IsFree);
+  if (entry == list.entries.end()) return;
+  *entry = {slot, processId};
+  runtime::TraceWrite("Watch - Insert %d to terminate list (%d)", static_cast<int>(processId),
+                      static_cast<int>(slot));
 }
 
 void SweepTerminateList(EventKind kind, CK_SLOT_ID slot) {
@@ -63,9 +61,9 @@ void SweepTerminateList(EventKind kind, CK_SLOT_ID slot) {
   const runtime::CriticalScope hold(&list.lock);
   for (TerminateEntry& entry : list.entries) {
     DropIfExited(entry);
-    if (entry.IsFree() || entry.slot != slot) continue;
-    // An event ends what its counterpart started.
-    if (entry.startedOnInsert != (kind == EventKind::kInsert)) Terminate(entry);
+    // Only inserts start what is in the list, and only removals end it.
+    const bool isOfSlot = !entry.IsFree() && entry.slot == slot;
+    if (isOfSlot && kind == EventKind::kRemove) Terminate(entry);
   }
 }
 

@@ -1,23 +1,19 @@
 #include "watch/watch_main.h"
 
 #include <algorithm>
-#include <array>
+#include <span>
 
 #include "runtime/files.h"
 #include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/secrets.h"
-#include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/configuration.h"
 #include "watch/extra_watchers.h"
 #include "watch/guard.h"
-#include "watch/options.h"
 #include "watch/parallel.h"
-#include "watch/settings.h"
 #include "watch/simulate.h"
 #include "watch/slot_loop.h"
-#include "watch/spare_service.h"
 
 namespace qixx::watch {
 namespace {
@@ -27,26 +23,16 @@ constexpr std::string_view kConfigHead = "config ";
 constexpr std::string_view kLocalExtension = ".conf";
 
 /// Lines that begin so are not completed by a configured command.
-constexpr std::array<std::string_view, 2> kWithoutConfiguration = {"-uninstall", "ServiceMain"};
+constexpr std::string_view kWithoutConfiguration[] = {"-uninstall", "ServiceMain"};
 /// Lines that begin so are not parsed as options.
-constexpr std::array<std::string_view, 4> kServiceVerbs = {"-install", "-uninstall", "-start",
-                                                           "-stop"};
+constexpr std::string_view kServiceVerbs[] = {"-install", "-uninstall", "-start", "-stop"};
 
 /// How long the end of the process waits for commands on threads of their own, in milliseconds.
 constexpr unsigned kParallelJobWait = 5000;
 
-template <std::size_t kCount>
-bool BeginsWithAny(std::string_view line, const std::array<std::string_view, kCount>& heads) {
+bool BeginsWithAny(std::string_view line, std::span<const std::string_view> heads) {
   return std::ranges::any_of(
       heads, [line](std::string_view head) { return runtime::StartsWithNoCase(line, head); });
-}
-
-// --- start --------------------------------------------------------------------------------------
-
-void PrepareProcess() {
-  runtime::InitProductIdentity();
-  ConnectRuntimeSettings();
-  runtime::TraceInit(kComponent);
 }
 
 /// The program-local file first, then the product's, where a value from the environment counts.
@@ -59,35 +45,17 @@ std::string ReadWatchCommand(config::CConfig& config) {
   return command ? std::move(command->text) : std::string();
 }
 
-void TraceCommands(const std::string& line, const std::string& command) {
-  runtime::TraceWrite("Watch - Command start:  '%s'", runtime::MaskedText(line).Text());
-  runtime::TraceWrite("Watch - Command config: '%s'", runtime::MaskedText(command).Text());
-}
-
-// --- options ------------------------------------------------------------------------------------
-
-std::string ReadBackground(const std::string& section) {
-  config::CConfig config;
-  if (config.OpenDefault(false) != config::ConfigResult::kOk) return {};
-  return ReadFileText(config, section, kBackgroundEntry, kMaxOption);
-}
-
 /// Each text is followed by a look for the background program of the section that holds by then.
 void ApplyOptions(std::string_view text, CWatchOptions& record) {
   ParseWatchOptions(text, record);
-  record.background = ReadBackground(record.section);
-}
-
-CWatchOptions ParseCommands(std::string_view command, std::string_view line) {
-  CWatchOptions record;
-  ApplyOptions(command, record);
-  if (!BeginsWithAny(line, kServiceVerbs)) ApplyOptions(line, record);
-  return record;
+  record.background = ReadProductText(record.section, kBackgroundEntry, kMaxOption);
 }
 
 void RunCommands(std::string_view command, std::string_view line, const std::string& ownPath,
                  const Platform& platform) {
-  CWatchOptions record = ParseCommands(command, line);
+  CWatchOptions record;
+  ApplyOptions(command, record);
+  if (!BeginsWithAny(line, kServiceVerbs)) ApplyOptions(line, record);
   const std::string extraList = SplitConfigRest(record);
   if (!record.simulate.empty()) {
     SimulateEvent(record, platform);
@@ -100,22 +68,24 @@ void RunCommands(std::string_view command, std::string_view line, const std::str
 
 void RunLine(config::CConfig& config, std::string_view line, const Platform& platform) {
   const std::string ownPath = runtime::GetCallingApplication();
-  PrepareProcess();
+  runtime::InitProductIdentity();
+  ConnectRuntimeSettings();
+  runtime::TraceInit(kComponent);
 
   const bool isChild = runtime::StartsWithNoCase(line, kChildMark);
   if (isChild) {
     line.remove_prefix(kChildMark.size());
     FollowParentWatcher();
   }
-  const std::string ownLine(line.substr(0, kMaxCommandLine));
+  line = line.substr(0, kMaxCommandLine);
   std::string command;
-  if (!isChild && !BeginsWithAny(ownLine, kWithoutConfiguration))
-    command = ReadWatchCommand(config);
-  TraceCommands(ownLine, command);
+  if (!isChild && !BeginsWithAny(line, kWithoutConfiguration)) command = ReadWatchCommand(config);
+  runtime::TraceWrite("Watch - Command start:  '%s'", runtime::MaskedText(line).Text());
+  runtime::TraceWrite("Watch - Command config: '%s'", runtime::MaskedText(command).Text());
 
-  const bool hasCommand = !command.empty() || !ownLine.empty();
-  if (hasCommand && !ownLine.starts_with('?')) {
-    RunCommands(command, ownLine, ownPath, platform);
+  const bool hasCommand = !command.empty() || !line.empty();
+  if (hasCommand && !line.starts_with('?')) {
+    RunCommands(command, line, ownPath, platform);
   } else {
     runtime::TraceWrite("Watch - Failed to parse config");
     if (!hasCommand)
@@ -134,7 +104,7 @@ std::string JoinArguments(int argc, const char* const* argv) {
 int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
               const Platform& platform) {
   config::CConfig config;
-  SetServiceHandle(serviceHandle);
+  givenServiceHandle = serviceHandle;
   RunStep([&] { RunLine(config, line, platform); });
   WaitForParallelJobs(kParallelJobWait);
   return 0;

@@ -23,6 +23,9 @@ inline constexpr std::size_t kMaxCommandLine = runtime::kMaxLine;
 /// the end is as orderly as every other.
 int WatchMain(int instance, int serviceHandle, std::string_view line, const Platform& platform);
 
+/// spare: the service handle that WatchMain was given; always 0 on this platform.
+inline constinit int givenServiceHandle = 0;
+
 /// The program-local configuration file: the program's path with another ending. Nothing for a path
 /// without a dot.
 [[nodiscard]] std::optional<std::string> LocalConfigurationPath();

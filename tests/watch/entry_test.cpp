@@ -11,9 +11,8 @@
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 #include "tests/watch/scripted.h"
+#include "watch/configuration.h"
 #include "watch/options.h"
-#include "watch/settings.h"
-#include "watch/spare_service.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
 
@@ -118,7 +117,7 @@ TEST(WatchMain, LineDecidesWhatIsReadAndRun) {
     const TraceCapture trace;
     Scripted machine;
     EXPECT_EQ(watch::WatchMain(0, 7, line, machine.platform), 0);
-    EXPECT_EQ(watch::ServiceHandle(), 7);
+    EXPECT_EQ(watch::givenServiceHandle, 7);
     EXPECT_TRUE(trace.Has(std::string("Watch - ") + traced)) << traced;
   }
 }

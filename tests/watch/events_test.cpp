@@ -663,9 +663,8 @@ TEST(SlotLoop, LogonVariantFollowsTheUsersCard) {
   EXPECT_EQ(Watch("LOGON", false, polls), "") << "nobody is logged on";
   Scripted machine(polls);
   machine.user.name = "ann";
-  machine.user.record = [&reader = machine.reader]() -> std::optional<watch::LogonRecord> {
-    if (reader.polled == 0) return std::nullopt;
-    return watch::LogonRecord{{'a', 'n', 'n'}, {'h', 'e', 'r', 's'}};
+  machine.clock.inSleep = [&machine] {
+    machine.user.record = watch::LogonRecord{{'a', 'n', 'n'}, {'h', 'e', 'r', 's'}};
   };
   EXPECT_EQ(Watch(std::move(machine), "Logon", false, polls.size()),
             "Logon slot not found;Logon slot 4 inserted;Logon slot 4 removed;Logon slot not found;")

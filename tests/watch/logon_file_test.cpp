@@ -246,6 +246,22 @@ TEST_F(LogonFile, WhatCannotBeSavedIsNotChanged) {
   EXPECT_EQ(fs::exists(folder_.Path("none.conf")), false);
 }
 
+TEST_F(LogonFile, SecretsInItsNameReachNoTraceLine) {
+  const std::string file = folder_.Write("-pin 4711.conf", kOriginal + "%-pin 4711%");
+  const std::string other = folder_.Path("other");
+  const TraceCapture trace;
+  EXPECT_TRUE(watch::SetConfigValue(file, "Domain", "x"));
+  EXPECT_FALSE(watch::SetConfigValue(file, "%-pin 4711%", std::string(100'000, 'x')));
+  EXPECT_FALSE(watch::SetConfigValue(folder_.Path("-pin 4711/a.conf"), "Domain", "x"));
+  fs::create_hard_link(file, other);
+  EXPECT_FALSE(watch::SetConfigValue(file, "Domain", "y"));
+  fs::remove(other);
+  fs::create_symlink("nowhere", file + ".org");
+  EXPECT_FALSE(watch::BackupOrRestoreConfigFile(file));
+  EXPECT_EQ(Refusals(trace), 2);
+  for (const std::string& line : trace.Lines()) EXPECT_EQ(line.find("4711"), line.npos) << line;
+}
+
 TEST_F(LogonFile, EndlessWalksThroughAHugeFileAreRefused) {
   constexpr std::size_t kMebibyte = std::size_t{1} << 20;
   const auto sections = [](int count, const std::string& entry) {
@@ -295,19 +311,19 @@ TEST(LogonFiles, PlaceholdersFillHugeTextsWithinTheBudget) {
   const std::string percents(16U << 20, '%');
   const std::string nested = std::string(1000, '%') + "OID.cn" + std::string(1000, '%');
   watch::WalkBudget budget(watch::kMaxWalked);
-  EXPECT_TRUE(watch::ReplacePlaceholder(oneLine, "%USERNAME%", "[x", kMany * 100, budget));
+  EXPECT_TRUE(watch::ReplaceAll(oneLine, "%USERNAME%", "[x", kMany * 100, budget));
   EXPECT_EQ(oneLine.size(), 2 * kMany + 1);
   std::string text = percents;
   for (int i = 0; i < 36; ++i) {
     const std::string name = "%OID.2.5.4." + std::to_string(i) + "%";
-    EXPECT_TRUE(watch::ReplacePlaceholder(text, name, "v", percents.size(), budget));
+    EXPECT_TRUE(watch::ReplaceAll(text, name, "v", percents.size(), budget));
   }
   EXPECT_TRUE(text == percents);
   text = nested;
   watch::WalkBudget small(nested.size() * watch::kStepCost);
-  EXPECT_FALSE(watch::ReplacePlaceholder(text, "%OID.cn%", "OID.cn", nested.size(), small));
+  EXPECT_FALSE(watch::ReplaceAll(text, "%OID.cn%", "OID.cn", nested.size(), small));
   EXPECT_EQ(text, nested);
-  EXPECT_TRUE(watch::ReplacePlaceholder(text, "%OID.cn%", "OID.cn", nested.size(), budget));
+  EXPECT_TRUE(watch::ReplaceAll(text, "%OID.cn%", "OID.cn", nested.size(), budget));
   EXPECT_EQ(text, "OID.cn");
 }
 

@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "runtime/text.h"
 #include "watch/platform.h"
 
 namespace qixx::testing {
@@ -32,11 +34,7 @@ class ScriptedReader final : public watch::CardReader {
   void Initialise() override { initialised = true; }
   void Finalise() override { initialised = false; }
   bool IsInitialised() override { return initialised; }
-  bool InitialiseAgain() override {
-    const bool works = !initialised && comesUp;
-    initialised = initialised || comesUp;
-    return works;
-  }
+  bool InitialiseAgain() override { return comesUp && !std::exchange(initialised, true); }
   watch::PolledEvent TakeEvent() override {
     ++taken;
     watch::PolledEvent told;
@@ -69,9 +67,7 @@ class ScriptedReader final : public watch::CardReader {
   std::vector<der::CertificatePtr> CollectCertificates() override {
     std::vector<der::CertificatePtr> certificates;
     for (const Token& token : tokens) {
-      der::CertificatePtr certificate =
-          der::LoadCertificate({reinterpret_cast<const std::uint8_t*>(token.certificate.data()),
-                                token.certificate.size()});
+      der::CertificatePtr certificate = der::LoadCertificate(runtime::AsBytes(token.certificate));
       if (certificate != nullptr) certificates.push_back(std::move(certificate));
     }
     return certificates;
@@ -82,8 +78,7 @@ class ScriptedReader final : public watch::CardReader {
   }
   bool HoldsCertificate(CK_SLOT_ID slot, der::Bytes certificate) override {
     const Token* const token = Find(slot);
-    return token != nullptr && std::ranges::equal(token->certificate, certificate, {},
-                                                  [](char c) { return std::uint8_t(c); });
+    return token != nullptr && token->certificate == runtime::AsText(certificate);
   }
   std::optional<std::string> TokenVariable(CK_SLOT_ID /*slot*/, std::string_view name) override {
     return name == "ActiveLogonUPN" ? activeLogon : std::nullopt;
@@ -134,11 +129,9 @@ class ScriptedClock final : public watch::Clock {
 class ScriptedUser final : public watch::LogonUser {
  public:
   std::optional<std::string> Name() override { return name; }
-  std::optional<watch::LogonRecord> Record(const std::string& /*user*/) override {
-    return record ? record() : std::nullopt;
-  }
+  std::optional<watch::LogonRecord> Record(const std::string& /*user*/) override { return record; }
   std::optional<std::string> name;
-  std::function<std::optional<watch::LogonRecord>()> record;
+  std::optional<watch::LogonRecord> record;
 };
 
 /// A platform of scripted parts.
