@@ -6,8 +6,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -33,6 +31,7 @@
 namespace {
 
 using namespace qixx;
+using fuzzing::Require;
 
 /// Longer texts only show that long values are left out.
 constexpr std::size_t kMaxInput = 600;
@@ -47,13 +46,6 @@ constexpr std::string_view kFile =
     "%USERNAME% = \n  %DOMAIN%%USERNAME%x\n%OID.none%%OID.cn% y\n# z\n"
     "[Watch Remove]\n1=note \"%OID.cn%\"\n%SUBJECT%%SERIALNUMBER% z\n-[%OID.o%\n%OID.ou%w\n"
     "<Image =\nAA==/>\n";
-
-/// Ends the run, and says which of the requirements is not met.
-void Require(bool holds, int line = __builtin_LINE()) {
-  if (holds) return;
-  std::fprintf(stderr, "line %d: not as required\n", line);
-  std::abort();
-}
 
 /// The kinds of string that a certificate may have (ITU-T X.680).
 constexpr int kStringTags[] = {0x0C, 0x13, 0x14, 0x16, 0x1C, 0x1E};

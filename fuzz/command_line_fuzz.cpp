@@ -1,6 +1,5 @@
 // The command line: options from one text over another, the argument vector, masked secrets; and
 // the second text as a command.
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -20,9 +19,9 @@ void TryCommand(std::string_view text) {
   using namespace qixx;
   for (const watch::EventKind kind : {watch::EventKind::kInsert, watch::EventKind::kRemove}) {
     const watch::CommandParts parts = watch::SplitCommand(kind, text);
-    if (!text.ends_with(parts.text)) std::abort();
-    if (watch::DescribeCommand(kind, text).empty()) std::abort();
-    if (watch::SplitApplication(parts.text).program.size() > parts.text.size()) std::abort();
+    fuzzing::Require(text.ends_with(parts.text));
+    fuzzing::Require(!watch::DescribeCommand(kind, text).empty());
+    fuzzing::Require(watch::SplitApplication(parts.text).program.size() <= parts.text.size());
   }
 }
 
@@ -38,13 +37,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static_cast<void>(watch::ParseWatchOptions(second, record));
   for (const std::string* field :
        {&record.registry, &record.arguments, &record.match, &record.rest, &record.section}) {
-    if (field->size() > watch::kMaxOption) std::abort();
+    fuzzing::Require(field->size() <= watch::kMaxOption);
   }
   const watch::SetOptions options = watch::SetOptionsOf(record);
-  if (options.config.find('"') != std::string::npos) std::abort();
+  fuzzing::Require(options.config.find('"') == std::string::npos);
   const std::vector<std::string> entries = runtime::SplitArguments(first, second);
-  if (!first.empty() && entries.front() != first) std::abort();
+  fuzzing::Require(first.empty() || entries.front() == first);
   TryCommand(std::string_view(second).substr(0, watch::kMaxInsertEntry));
-  if (runtime::MaskSecrets(second).size() != second.size()) std::abort();
+  fuzzing::Require(runtime::MaskSecrets(second).size() == second.size());
   return 0;
 }

@@ -2,10 +2,7 @@
 //
 // The input is a list of operations, one byte and up to three lines each, up to a zero byte; the
 // rest is the file's text.
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -15,37 +12,22 @@
 #include "runtime/product.h"
 #include "runtime/spare_files.h"
 #include "runtime/text.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
 using namespace qixx;
 using config::ConfigResult;
+using fuzzing::Require;
 
 constexpr int kOperations = 32;
 constexpr std::size_t kWalkLimit = 2000;
-
-/// The file that is loaded and saved, one for each process.
-const std::string& FilePath() {
-  static const std::string path = [] {
-    runtime::InitProductIdentity();
-    std::string pattern = "/tmp/qixx-fuzz-XXXXXX";
-    const int descriptor = ::mkstemp(pattern.data());
-    if (descriptor < 0) std::abort();
-    ::close(descriptor);
-    static std::string kept = pattern;
-    std::atexit([] { ::unlink(kept.c_str()); });
-    return pattern;
-  }();
-  return path;
-}
 
 void Walk(config::CConfigFile& file) {
   for (std::size_t index = 0; index < kWalkLimit;) {
     const auto found = file.EnumEntries(index);
     if (!found) break;
-    if (found->section.size() > runtime::kMaxText || found->entry.size() > runtime::kMaxText) {
-      std::abort();
-    }
+    Require(found->section.size() <= runtime::kMaxText && found->entry.size() <= runtime::kMaxText);
     static_cast<void>(file.GetValue(found->section, found->entry));
   }
   for (std::size_t index = 0; index < kWalkLimit;) {
@@ -61,60 +43,45 @@ bool IsPlain(const std::string& text) {
 }
 
 void Change(config::CConfigFile& file, std::uint8_t operation, fuzzing::Input& input) {
-  const std::string first = input.Line();
-  const std::string second = input.Line();
-  const std::string third = input.Line();
+  const std::string first = input.Line(), second = input.Line(), third = input.Line();
   std::size_t index = operation;
-  switch (operation % 11) {
-    case 0:
-      if (file.SetValue(first, second, third) != ConfigResult::kOk) break;
-      if (!IsPlain(first + second + third)) break;
-      if (file.GetValue(first, second).result != ConfigResult::kOk) std::abort();
-      break;
-    case 1:
-      file.AddValue(first, second, third);
-      break;
-    case 2:
-      file.Delete(first, second.empty() ? std::nullopt : std::optional<std::string_view>(second));
-      break;
-    case 3:
-      file.RenameSection(first, second);
-      break;
-    case 4:
-      file.Sort();
-      break;
-    case 5:
-      file.Migrate(true);
-      break;
-    case 6:
-      file.StripComments();
-      break;
-    case 7:
-      file.SetBlock(first, runtime::AsBytes(second));
-      break;
-    case 8:
-      file.DeleteBlock(first);
-      break;
-    case 9:
-      file.EnumSectionEntries(first, index);
-      break;
-    default:
-      file.GetValue(first, second);
-      static_cast<void>(file.SectionExists(first));
-      break;
-  }
+  const std::function<void()> changes[] = {
+      [&] {
+        if (file.SetValue(first, second, third) != ConfigResult::kOk) return;
+        Require(!IsPlain(first + second + third) ||
+                file.GetValue(first, second).result == ConfigResult::kOk);
+      },
+      [&] { file.AddValue(first, second, third); },
+      [&] {
+        file.Delete(first, second.empty() ? std::nullopt : std::optional<std::string_view>(second));
+      },
+      [&] { file.RenameSection(first, second); },
+      [&] { file.Sort(); },
+      [&] { file.Migrate(true); },
+      [&] { file.StripComments(); },
+      [&] { file.SetBlock(first, runtime::AsBytes(second)); },
+      [&] { file.DeleteBlock(first); },
+      [&] { file.EnumSectionEntries(first, index); },
+      [&] {
+        file.GetValue(first, second);
+        static_cast<void>(file.SectionExists(first));
+      },
+  };
+  changes[operation % std::size(changes)]();
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string& path = FilePath();
+  runtime::InitProductIdentity();
+  static const testing::TemporaryFolder folder;
+  const std::string path = folder.Path("f");
   fuzzing::Input input(data, size);
   fuzzing::Input operations = input;
   for (int number = 0; number < kOperations && input.Byte() != 0; ++number) {
     for (int line = 0; line < 3; ++line) static_cast<void>(input.Line());
   }
-  if (!runtime::WriteWholeFile(path, runtime::AsText(input.RestBytes()))) std::abort();
+  Require(runtime::WriteWholeFile(path, runtime::AsText(input.RestBytes())));
 
   {
     config::CConfigFile file;
@@ -137,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (store.OpenItem(false, path) == ConfigResult::kOk) {
     constexpr std::size_t kLimit = 127;
     const auto value = store.GetString("Command", "Watch", kLimit);
-    if (value && value->text.size() > kLimit) std::abort();
+    Require(!value || value->text.size() <= kLimit);
   }
   store.Close(true);
   return 0;

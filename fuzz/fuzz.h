@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <span>
 #include <string>
 #include <string_view>
@@ -11,13 +13,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 namespace qixx::fuzzing {
 
+/// Ends the run, and says which of the requirements is not met.
+inline void Require(bool holds, const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+  if (holds) return;
+  std::fprintf(stderr, "%s:%d: not as required\n", file, line);
+  std::abort();
+}
+
 /// Takes an input apart: bytes that choose, and texts that end at a line end.
 class Input {
  public:
   Input(const std::uint8_t* data, std::size_t size)
       : rest_(reinterpret_cast<const char*>(data), size) {}
 
-  [[nodiscard]] bool IsEmpty() const { return rest_.empty(); }
   /// 0 when nothing is left.
   std::uint8_t Byte() {
     if (rest_.empty()) return 0;

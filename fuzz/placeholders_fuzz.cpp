@@ -1,6 +1,5 @@
 // Placeholders in a command text. The first line has the values of a card, between tabulators; two
 // lines are a name and its value, and the rest is the text.
-#include <cstdlib>
 #include <string>
 
 #include "fuzz/fuzz.h"
@@ -26,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   for (const std::size_t limit : {watch::kMaxInsertEntry, watch::kMaxRemoveEntry, std::size_t{0}}) {
     const std::string text = input.Rest().substr(0, limit);
-    if (watch::ReplaceLogonPlaceholders(values, text, limit).size() > limit) std::abort();
+    fuzzing::Require(watch::ReplaceLogonPlaceholders(values, text, limit).size() <= limit);
   }
   std::string text = input.Rest();
   watch::WalkBudget budget(watch::kMaxWalked);
@@ -34,6 +33,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!name.empty() && watch::ReplaceAll(text, name, value, limit, budget) && text.size() > limit)
     std::abort();
   text = watch::CleanCardText(text);
-  if (text.find_first_of("\"\n\r\t") != std::string::npos) std::abort();
+  fuzzing::Require(text.find_first_of("\"\n\r\t") == std::string::npos);
   return 0;
 }

@@ -1,5 +1,5 @@
 // The variables of a token: a line is the name that is looked for, the rest the object's value.
-#include <cstdlib>
+#include <algorithm>
 #include <string>
 
 #include "fuzz/fuzz.h"
@@ -11,15 +11,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto variables = qixx::pkcs11::ParseTokenVariables(input.RestBytes());
   const auto found = qixx::pkcs11::FindTokenVariable(input.RestBytes(), name);
   // The two agree, and what was parsed once comes back from the store.
-  bool isListed = false;
-  for (const auto& variable : variables) {
-    if (variable.name != name) continue;
-    isListed = true;
-    if (found != variable.value) std::abort();
-    break;
-  }
-  if (found.has_value() != isListed) std::abort();
+  const auto listed = std::ranges::find(variables, name, [](const auto& one) { return one.name; });
+  const bool isListed = listed != variables.end();
+  qixx::fuzzing::Require(isListed ? found == listed->value : !found);
   const auto stored = qixx::pkcs11::BuildTokenVariables(variables);
-  if (qixx::pkcs11::ParseTokenVariables(stored) != variables) std::abort();
+  qixx::fuzzing::Require(qixx::pkcs11::ParseTokenVariables(stored) == variables);
   return 0;
 }

@@ -1,5 +1,5 @@
 // Where the service takes its commands from: files, environment, conditions, command line.
-#include <algorithm>
+#include <set>
 
 #include "tests/end_to_end/service_test.h"
 
@@ -32,13 +32,13 @@ TEST_F(Configuration, UsersFileDecidesTheTraceAndTheSystemsTheCommands) {
   EXPECT_TRUE(desktop.Holds("said", "system\n"));
   Stop();
   EXPECT_FALSE(Exists("trace.log"));
-  EXPECT_NE(desktop.Home().Read("users.log").find("Watch - Stopped"), std::string::npos);
+  EXPECT_NE(Read("users.log").find("Watch - Stopped"), std::string::npos);
 }
 
 TEST_F(Configuration, FileBesideTheProgramComesBeforeTheSystems) {
-  desktop.Configure(
-      "[Command]\nWatch=-sync config Other\n[Watch Insert]\n1=" + Echo("beside", "said") +
-      "\n[Watch Other Insert]\n1=" + Echo("system", "said") + "\n");
+  desktop.Configure("[Command]\nWatch=-sync config Other\n" +
+                    Section("Watch Insert", {Echo("beside", "said")}) +
+                    Section("Watch Other Insert", {Echo("system", "said")}));
   desktop.Home().Write("bin/watch.conf", "[Command]\nWatch=-sync config Watch\n");
   fs::copy_file(QIXX_PROGRAM, desktop.Path("bin/watch.program"));
   desktop.Start({}, desktop.Path("bin/watch.program"));
@@ -56,9 +56,8 @@ TEST_F(Configuration, CommandLineOverlaysIt) {
       {{"-install", "config", "Extra"}, "Watch"},
       {{"-s", "\"watch Extra\"", "config"}, "Extra"},
   };
-  desktop.Configure(
-      "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=kill x\n[Watch Extra Insert]\n1=kill "
-      "x\n");
+  desktop.Configure("[Command]\nWatch=-sync config Watch\n" + Section("Watch Insert", {"kill x"}) +
+                    Section("Watch Extra Insert", {"kill x"}));
   for (const auto& [words, section] : rows) {
     SCOPED_TRACE(::testing::PrintToString(words));
     fs::remove(desktop.Path("trace.log"));
@@ -71,62 +70,54 @@ TEST_F(Configuration, CommandLineOverlaysIt) {
 
 TEST_F(Configuration, WithoutTraceNoFileAppears) {
   desktop.Home().Write("system.conf", "[Install]\nDirectory=" QIXX_SOFTCARD_FOLDER
-                                      "\n[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=" +
-                                          Echo("in", "said") + "\n");
+                                      "\n[Command]\nWatch=-sync config Watch\n" +
+                                          Section("Watch Insert", {Echo("in", "said")}));
   desktop.Start();
   EXPECT_TRUE(desktop.Holds("said", "in\n"));
   Stop();
-  Lines files;
+  std::set<std::string> files;
   for (const auto& file : fs::directory_iterator(desktop.Home().Path())) {
-    files.push_back(file.path().filename().string());
+    files.insert(file.path().filename());
   }
-  std::sort(files.begin(), files.end());
-  EXPECT_EQ(files, (Lines{".qix", "readers", "said", "stderr.txt", "stdout.txt", "system.conf"}));
-  EXPECT_EQ(desktop.Home().Read("stdout.txt") + desktop.Home().Read("stderr.txt"), "");
+  EXPECT_EQ(files, (std::set<std::string>{".qix", "readers", "said", "stderr.txt", "stdout.txt",
+                                          "system.conf"}));
+  EXPECT_EQ(Read("stdout.txt") + Errors(), "");
 }
 
 TEST_F(Configuration, WordsForPeopleAnswerBeforeAnythingElse) {
-  const std::tuple<Lines, int, const char*, const char*> rows[] = {
-      {{"--help"}, 0, "Usage: qixxwatch", ""},
-      {{"-h", "config"}, 0, "Usage: qixxwatch", ""},
-      {{"--version"}, 0, "qixxwatch ", ""},
-      {{"-V"}, 0, "qixxwatch ", ""},
-      {{"--hilfe\x1b[2J"},
-       2,
-       "",
-       "qixxwatch: unknown option '--hilfe?[2J'; see qixxwatch --help\n"},
-      {{"--", "x"}, 2, "", "qixxwatch: unknown option '--'; see qixxwatch --help\n"},
+  const std::string unknown = "qixxwatch: unknown option '";
+  const std::tuple<Lines, const char*, std::string> rows[] = {
+      {{"--help"}, "Usage: qixxwatch", ""},
+      {{"-h", "config"}, "Usage: qixxwatch", ""},
+      {{"--version"}, "qixxwatch ", ""},
+      {{"-V"}, "qixxwatch ", ""},
+      {{"--hilfe\x1b[2J"}, "", unknown + "--hilfe?[2J'; see qixxwatch --help\n"},
+      {{"--", "x"}, "", unknown + "--'; see qixxwatch --help\n"},
   };
   Configure("", {"kill x"});
-  for (const auto& [words, code, output, errors] : rows) {
+  for (const auto& [words, output, errors] : rows) {
     SCOPED_TRACE(::testing::PrintToString(words));
-    desktop.Start(words);
-    EXPECT_EQ(desktop.Stop(0), code);
-    EXPECT_TRUE(desktop.Home().Read("stdout.txt").starts_with(output));
-    EXPECT_EQ(desktop.Home().Read("stderr.txt"), errors);
-    for (const char* file : {"stdout.txt", "stderr.txt"}) fs::remove(desktop.Path(file));
+    EXPECT_EQ(RunToItsEnd(words), errors.empty() ? 0 : 2);
+    EXPECT_TRUE(Read("stdout.txt").starts_with(output));
+    EXPECT_EQ(Errors(), errors);
+    EXPECT_FALSE(Exists("trace.log"));
   }
-  EXPECT_TRUE(desktop.TraceAfter("").empty());
 }
 
 TEST_F(Configuration, CheckTellsByItsExitCodeAndLeavesNoTrace) {
-  const std::tuple<Lines, std::string, int> rows[] = {
-      {{"/bin/true"}, "Watcher 'Watch' (", 0},
-      {{"true"}, ":8: program 'true' has no path, and none is searched; ", 1},
+  const auto check = [this](const Lines& words, const std::string& told) {
+    const int code = RunToItsEnd(words);
+    EXPECT_NE(Read("stdout.txt").find(told), std::string::npos);
+    return code;
   };
-  for (const auto& [insert, told, code] : rows) {
-    Configure("-sync", insert, {Echo("out", "said")});
-    desktop.Start({"--check"});
-    EXPECT_EQ(desktop.Stop(0), code);
-    EXPECT_NE(desktop.Home().Read("stdout.txt").find(told), std::string::npos);
-    fs::remove(desktop.Path("stdout.txt"));
-  }
-  EXPECT_EQ(desktop.Home().Read("stderr.txt"), "");
-  desktop.Start({"--check", desktop.Path("none"), desktop.Path("system.conf")});
-  EXPECT_EQ(desktop.Stop(0), 2);
-  EXPECT_NE(desktop.Home().Read("stdout.txt").find("Watcher 'Watch'"), std::string::npos);
-  EXPECT_EQ(desktop.Home().Read("stderr.txt"),
-            "qixxwatch: " + desktop.Path("none") + " cannot be read: No such file or directory\n");
+  Configure("-sync", {"true"}, {Echo("out", "said")});
+  EXPECT_EQ(check({"--check"}, ":8: program 'true' has no path, and none is searched; "), 1);
+  Configure("-sync", {"/bin/true"}, {Echo("out", "said")});
+  EXPECT_EQ(check({"--check"}, "Watcher 'Watch' ("), 0);
+  EXPECT_EQ(Errors(), "");
+  const std::string none = desktop.Path("none");
+  EXPECT_EQ(check({"--check", none, desktop.Path("system.conf")}, "Watcher 'Watch'"), 2);
+  EXPECT_EQ(Errors(), "qixxwatch: " + none + " cannot be read: No such file or directory\n");
   for (const char* made : {"trace.log", ".qix", "said"}) EXPECT_FALSE(Exists(made)) << made;
 }
 

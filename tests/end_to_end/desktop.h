@@ -80,24 +80,24 @@ class Desktop {
     std::filesystem::remove_all(reader / "card.old");
   }
 
-  /// Starts the service; `program` is another path of it.
-  void Start(const std::vector<std::string>& arguments = {},
-             const std::string& program = QIXX_PROGRAM) {
-    std::vector<std::string> words = {program}, settings;
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    for (const auto& [name, value] : variables_) {
-      settings.emplace_back(name).append("=").append(value);
-    }
-    const std::vector<char*> given = Pointers(words), environment = Pointers(settings);
+  /// Starts the service; `program` is another path of it. What the one before printed is gone.
+  void Start(std::vector<std::string> words = {}, const std::string& program = QIXX_PROGRAM) {
+    words.insert(words.begin(), program);
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
     process_ = ::fork();
     if (process_ != 0) return;
     // The test's own caller may ignore signals; the service starts with none ignored.
     for (int signal = 1; signal < NSIG; ++signal) ::signal(signal, SIG_DFL);
     const bool isHome = ::chdir(home_.Path().c_str()) == 0;
+    constexpr int kFresh = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
     ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
-    ::dup2(::open("stdout.txt", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), 1);
-    ::dup2(::open("stderr.txt", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), 2);
-    if (isHome) ::execve(given[0], given.data(), environment.data());
+    ::dup2(::open("stdout.txt", kFresh, 0600), 1);
+    ::dup2(::open("stderr.txt", kFresh, 0600), 2);
+    ::clearenv();
+    for (const auto& [name, value] : variables_) ::setenv(name.c_str(), value.c_str(), 1);
+    if (isHome) ::execv(arguments.front(), arguments.data());
     ::_exit(127);
   }
   /// Sends `signal` (0: none) and waits for the end. The exit code, or minus the ending signal.
@@ -134,18 +134,8 @@ class Desktop {
   [[nodiscard]] bool Holds(const std::string& file, const std::string& content) const {
     return Eventually([&] { return home_.Read(file) == content; });
   }
-  /// Everything that a test wants to see when it failed.
-  [[nodiscard]] std::string Report() const {
-    return "trace:\n" + home_.Read("trace.log") + "errors:\n" + home_.Read("stderr.txt");
-  }
 
  private:
-  static std::vector<char*> Pointers(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-  }
   [[nodiscard]] std::string Reader(int slot) const {
     return Path("readers/" + std::to_string(slot));
   }

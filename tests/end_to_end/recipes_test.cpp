@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <fstream>
+#include <regex>
+#include <set>
 
 #include "tests/end_to_end/service_test.h"
 #include "tests/support/openssl.h"
@@ -10,56 +12,46 @@
 namespace qixx::testing {
 namespace {
 
+namespace fs = std::filesystem;
+
 /// What stands below one heading of the page.
 struct Recipe {
   std::string title;
-  std::vector<std::string> files = {};    ///< each begins with a comment that is its path
-  std::vector<std::string> started = {};  ///< by the service itself, without a card
-  std::vector<std::string> inserted = {};
-  std::vector<std::string> removed = {};
+  std::vector<std::string> files = {};  ///< each begins with a comment that is its path
+  /// What is done: "start" by the service itself, without a card, "in" and "out".
+  std::map<std::string, std::vector<std::string>> done = {};
 };
 
 void PrintTo(const Recipe& recipe, std::ostream* out) {
   *out << recipe.title;
 }
 
-std::string ReadBlock(std::istream& page) {
-  std::string block;
-  for (std::string line; std::getline(page, line) && line != "```";) block += line + "\n";
-  return block;
-}
-
-void ReadExpected(const std::string& block, Recipe& recipe) {
-  std::istringstream lines(block);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with("start: ")) recipe.started.push_back(line.substr(7));
-    if (line.starts_with("in: ")) recipe.inserted.push_back(line.substr(4));
-    if (line.starts_with("out: ")) recipe.removed.push_back(line.substr(5));
-  }
-}
-
 /// The headings below which files stand.
 std::vector<Recipe> ReadPage(const std::string& path) {
   std::vector<Recipe> recipes;
   std::ifstream page(path);
-  std::string title;
+  std::string title, block;
   for (std::string line; std::getline(page, line);) {
-    if (line.starts_with("## ") || line.starts_with("### ")) title = line;
-    if (line == "```ini") {
+    if (line.starts_with("```")) {
+      block = block.empty() ? line : "";
+      if (block != "```ini") continue;
       if (recipes.empty() || recipes.back().title != title) recipes.push_back({.title = title});
-      recipes.back().files.push_back(ReadBlock(page));
-    } else if (line == "```text" && !recipes.empty()) {
-      ReadExpected(ReadBlock(page), recipes.back());
+      recipes.back().files.emplace_back();
+    } else if (block == "```ini") {
+      recipes.back().files.back() += line + "\n";
+    } else if (const std::size_t colon = line.find(": ");
+               block == "```text" && colon != line.npos) {
+      if (!recipes.empty())
+        recipes.back().done[line.substr(0, colon)].push_back(line.substr(colon + 2));
+    } else if (block.empty() && line.starts_with("##")) {
+      title = line;
     }
   }
   return recipes;
 }
 
-std::string Replace(std::string text, const std::string& from, const std::string& to) {
-  for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
+std::string Replace(const std::string& text, const char* from, const std::string& to) {
+  return std::regex_replace(text, std::regex(from), to);
 }
 
 /// Runs one recipe in a home where all programs of /usr/bin only note how they were started.
@@ -73,86 +65,80 @@ class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Recip
   }
   /// In the first line stands the path behind "; ".
   void WriteFile(const std::string& file) {
-    const std::string path = file.substr(2, file.find('\n') - 2);
+    const fs::path path = file.substr(2, file.find('\n') - 2);
     std::string text = Replace(file, "/home/kiosk/", desktop.Path(""));
     text = Replace(text, "/usr/local/lib/qixxwatch/", QIXX_SOFTCARD_FOLDER);
     WritePrograms(text);
     text = Replace(text, "/usr/bin/", desktop.Path("bin/"));
-    desktop.Home().Write(path == "/etc/qix.conf" ? "system.conf" : path.substr(path.rfind('/') + 1),
-                         text);
-    if (path != "/etc/qix.conf") return;
-    watchers_ += static_cast<std::size_t>(std::ranges::count(WatchLine(text), '|'));
+    const bool isSystems = path == "/etc/qix.conf";
+    desktop.Home().Write(isSystems ? "system.conf" : path.filename().string(), text);
+    std::smatch watch;
+    if (!isSystems || !std::regex_search(text, watch, std::regex("\nWatch=.*"))) return;
+    watchers_ += static_cast<std::size_t>(std::ranges::count(watch.str(), '|'));
   }
   void WritePrograms(const std::string& text) {
-    constexpr std::string_view kFolder = "/usr/bin/";
-    std::filesystem::create_directory(desktop.Path("bin"));
-    for (std::size_t at = 0; (at = text.find(kFolder, at)) != std::string::npos;) {
-      at += kFolder.size();
-      const std::string name = text.substr(at, text.find_first_of(" \n", at) - at);
-      desktop.WriteProgram("echo \"/usr/bin/" + name + " $*\" >> " + desktop.Path("log"),
-                           "bin/" + name);
+    fs::create_directory(desktop.Path("bin"));
+    const std::regex program("/usr/bin/([^ \n]+)");
+    for (std::sregex_iterator at(text.begin(), text.end(), program), end; at != end; ++at) {
+      desktop.WriteProgram("echo \"" + at->str() + " $*\" >> " + desktop.Path("log"),
+                           "bin/" + at->str(1));
     }
-  }
-  static std::string WatchLine(const std::string& text) {
-    const std::size_t at = text.find("\nWatch=") + 1;
-    return text.substr(at, text.find('\n', at) - at);
   }
 
   /// Whether exactly the expected programs ran, and the files hold the expected lines.
-  void ExpectDone(const std::vector<std::string>& expected) {
-    std::vector<std::string> programs;
-    for (const std::string& line : expected) {
+  void ExpectDone(const std::string& stage) {
+    std::multiset<std::string> programs;
+    for (const std::string& line : Expected(stage)) {
       const std::size_t holds = line.find(" holds ");
       if (holds == std::string::npos) {
-        programs.push_back(line);
-      } else {
-        const std::string file = line.substr(0, holds).substr(line.rfind('/', holds) + 1);
-        EXPECT_TRUE(Eventually([&] { return HasLine(file, line.substr(holds + 7)); }))
-            << line << "\n"
-            << desktop.Home().Read(file);
+        programs.insert(line);
+        continue;
       }
+      const std::string file = fs::path(line.substr(0, holds)).filename();
+      EXPECT_TRUE(Eventually([&] { return LinesOf(file).contains(line.substr(holds + 7)); }))
+          << line << "\n"
+          << Read(file);
     }
-    std::ranges::sort(programs);
-    EXPECT_TRUE(Eventually([&] { return Started() == programs; }))
-        << ::testing::PrintToString(Started());
-    std::filesystem::remove(desktop.Path("log"));
+    EXPECT_TRUE(Eventually([&] { return LinesOf("log") == programs; })) << Read("log");
+    fs::remove(desktop.Path("log"));
   }
-  [[nodiscard]] bool HasLine(const std::string& file, const std::string& line) const {
-    return ("\n" + desktop.Home().Read(file)).find("\n" + line + "\n") != std::string::npos;
+  static std::vector<std::string> Expected(const std::string& stage) {
+    const auto found = GetParam().done.find(stage);
+    return found == GetParam().done.end() ? std::vector<std::string>() : found->second;
   }
-  [[nodiscard]] std::vector<std::string> Started() const {
-    std::vector<std::string> lines;
-    std::istringstream log(desktop.Home().Read("log"));
-    for (std::string line; std::getline(log, line);) lines.push_back(line);
-    std::ranges::sort(lines);
+  [[nodiscard]] std::multiset<std::string> LinesOf(const std::string& name) const {
+    std::multiset<std::string> lines;
+    std::istringstream file(Read(name));
+    for (std::string line; std::getline(file, line);) lines.insert(line);
     return lines;
+  }
+  void InsertAnn(std::size_t count) {
+    desktop.InsertCard(1, {desktop.Path("ann.der")});
+    ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1", count * watchers_));
+    ExpectDone("in");
   }
 
   std::size_t watchers_ = 1;
 };
 
 TEST_P(RecipeRun, DoesWhatThePageSays) {
-  ASSERT_FALSE(GetParam().removed.empty()) << "the page says nothing of a removal";
+  ASSERT_FALSE(Expected("out").empty()) << "the page says nothing of a removal";
   desktop.Start();
   ASSERT_TRUE(desktop.Traced("Watch - Event", watchers_));
-  ExpectDone(GetParam().started);
-  desktop.InsertCard(1, {desktop.Path("ann.der")});
-  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1", watchers_));
-  ExpectDone(GetParam().inserted);
+  ExpectDone("start");
+  InsertAnn(1);
   desktop.RemoveCard(1);
   ASSERT_TRUE(desktop.Traced("Watch - Disconnected slot 1", watchers_));
-  ExpectDone(GetParam().removed);
-  if (GetParam().started.empty()) return;
+  ExpectDone("out");
+  if (Expected("start").empty()) return;
   // As after a power cut: nobody saw the card go.
-  desktop.InsertCard(1, {desktop.Path("ann.der")});
-  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1", 2 * watchers_));
-  ExpectDone(GetParam().inserted);
+  InsertAnn(2);
   desktop.Stop(SIGKILL);
   ASSERT_TRUE(desktop.Traced("Watch - Stopped", watchers_ - 1))
       << "an extra watcher is still there";
   desktop.RemoveCard(1);
   desktop.Start();
-  ExpectDone(GetParam().started);
+  ExpectDone("start");
 }
 
 std::string NameOf(const ::testing::TestParamInfo<Recipe>& test) {

@@ -1,10 +1,10 @@
-"""The campaign: shares the time out among the kinds, runs their trials, prints what came of them.
-
-campaign.py BUILD-FOLDER [MINUTES] [--only KIND] [--seed NUMBER] [--trial NUMBER]
-"""
+"""The campaign: shares the time out among the kinds, runs their trials, prints what came of them."""
 
 import argparse
+import collections
 import ctypes
+import importlib
+import itertools
 import os
 import random
 import re
@@ -12,22 +12,16 @@ import shutil
 import signal
 import sys
 import tempfile
+import textwrap
 import threading
 import time
 import traceback
 from pathlib import Path
 
-import certificates
-import configurations
-import kills
-import library
-import limits
-import soak
-import strangers
-from desk import CHILDREN, STOP, Damage, Desk, Interrupted
+from desk import CHILDREN, STOP, Damage, Desk, Interrupted, pause
 
-KINDS = {"soak": soak, "library": library, "kills": kills, "certificates": certificates,
-         "configurations": configurations, "limits": limits, "strangers": strangers}
+KINDS = {name: importlib.import_module(name) for name in (
+    "soak", "library", "kills", "certificates", "configurations", "limits", "strangers")}
 PR_SET_CHILD_SUBREAPER = 36
 WIDTH = 80
 MAX_KEPT = 12  # folders of evidence, of each kind
@@ -41,53 +35,19 @@ class Tools:
         self.softcard = build / "softcard" / "libqixp11.so"
         self.misbehaving = build / "misbehaving" / "libqixp11.so"
         self.called = build / "libend_to_end_called.so"
-        missing = [path for path in vars(self).values() if not path.exists()]
-        if missing:
-            sys.exit(f"torture: {missing[0]} has not been built")
-        cache = (build / "CMakeCache.txt").read_text(encoding="utf-8")
-        self.sanitized = re.search(r"^QIXX_SANITIZE:\w+=.", cache, re.MULTILINE) is not None
-
-
-class Report:
-    """How often what was tried, and what came of it."""
-
-    def __init__(self):
-        self.lock = threading.Lock()
-        self.rows = {}  # (kind, label): [tried, damaged]
-        self.skipped = {}
-        self.remarks = []
-        self.damages = []  # (kind, trial, text)
-
-    def add(self, kind, label, tried=0, damaged=0):
-        with self.lock:
-            row = self.rows.setdefault((kind, label), [0, 0])
-            row[0] += tried
-            row[1] += damaged
-
-    def is_damaged(self):
-        return bool(self.damages)
-
-    def show(self):
-        print(f"\n{'kind':15}{'what was tried':39}{'times':>13}{'damaged':>13}\n" + "-" * WIDTH)
-        last = None
-        order = {name: place for place, name in enumerate(KINDS)}
-        # A label in parentheses adds something to the others of its kind.
-        for (kind, label), (tried, damaged) in sorted(
-                self.rows.items(), key=lambda row: (order[row[0][0]], row[0][1].startswith("("), row[0][1])):
-            print(f"{kind if kind != last else '':15}{label[:38]:39}{tried:>13,}{damaged:>13,}")
-            last = kind
-        for (kind, label), why in self.skipped.items():
-            print(f"{kind:15}{label[:38]:39}  skipped: {why}")
-        print("-" * WIDTH)
-        for remark in self.remarks:
-            print_wrapped(remark)
+        self.sanitized = re.search(rb"\nQIXX_SANITIZE:\w+=.", (build / "CMakeCache.txt").read_bytes()) is not None
 
 
 class Tally:
-    """What a trial tells of itself."""
+    """What a trial tells of itself, and what all of them have told."""
 
-    def __init__(self, report, kind, seed, index, deadline):
-        self.report, self.kind, self.seed, self.index, self.deadline = report, kind, seed, index, deadline
+    lock = threading.Lock()
+    times, damaged = collections.Counter(), collections.Counter()  # by (kind, label)
+    skipped, remarks = {}, []
+    damages = []  # (kind, trial, text)
+
+    def __init__(self, kind, seed, index, deadline):
+        self.kind, self.seed, self.index, self.deadline = kind, seed, index, deadline
         self.label = "setting up"
 
     def tried(self, label):
@@ -96,34 +56,43 @@ class Tally:
         self.counted(label)
 
     def counted(self, label, times=1):
-        self.report.add(self.kind, label, tried=times)
+        with self.lock:
+            self.times[self.kind, label] += times
 
     def damage(self, label, text, times=1):
         """Damage that does not end the trial."""
-        self.report.add(self.kind, label, damaged=times)
-        with self.report.lock:
-            self.report.damages.append((self.kind, self.index, f"{label}: {text}"))
+        with self.lock:
+            self.damaged[self.kind, label] += times
+        self.damages.append((self.kind, self.index, f"{label}: {text}"))
 
     def skip(self, label, why):
-        with self.report.lock:
-            self.report.skipped[(self.kind, label)] = why
+        self.skipped[self.kind, label] = why
+        pause(0.05)
 
     def remark(self, text):
-        with self.report.lock:
-            self.report.remarks.append(f"{self.kind}: {text}")
+        self.remarks.append(f"{self.kind}: {text}")
 
     def is_over(self):
         return STOP.is_set() or time.monotonic() > self.deadline
 
+    @classmethod
+    def show(cls):
+        print(f"\n{'kind':15}{'what was tried':39}{'times':>13}{'damaged':>13}\n" + "-" * WIDTH)
+        for name in KINDS:
+            labels = {label for kind, label in [*cls.times, *cls.damaged] if kind == name}
+            # A label in parentheses adds something to the others of its kind.
+            for number, label in enumerate(sorted(labels, key=lambda label: (label.startswith("("), label))):
+                row = name, label
+                print(f"{'' if number else name:15}{label[:38]:39}{cls.times[row]:>13,}{cls.damaged[row]:>13,}")
+        for (kind, label), why in cls.skipped.items():
+            print(f"{kind:15}{label[:38]:39}  skipped: {why}")
+        print("-" * WIDTH)
+        for remark in cls.remarks:
+            print_wrapped(remark)
+
 
 def print_wrapped(text):
-    words, line = text.split(), ""
-    for word in words:
-        if line and len(line) + 1 + len(word) > WIDTH:
-            print(line)
-            line = "   "
-        line = f"{line} {word}" if line else word
-    print(line)
+    print(textwrap.fill(text, WIDTH, subsequent_indent="    ", break_long_words=False, break_on_hyphens=False))
 
 
 class Kind:
@@ -131,15 +100,9 @@ class Kind:
 
     def __init__(self, campaign, name, deadline):
         self.campaign, self.name, self.module, self.deadline = campaign, name, KINDS[name], deadline
-        self.lock = threading.Lock()
-        self.next = 0
-        self.kept = 0
-        self.threads = []
-
-    def run(self, only=None):
-        indexes = iter([only]) if only is not None else None
-        lanes = 1 if only is not None else self.module.LANES
-        self.threads = [threading.Thread(target=self.lane, args=(indexes,)) for _ in range(lanes)]
+        only = campaign.arguments.trial
+        self.indexes = itertools.count() if only is None else iter([only])
+        self.threads = [threading.Thread(target=self.lane) for _ in range(self.module.LANES)]
         for thread in self.threads:
             thread.start()
 
@@ -149,26 +112,17 @@ class Kind:
                 thread.join(0.5)
                 CHILDREN.reap_orphans()
 
-    def take_index(self, indexes):
-        with self.lock:
-            if indexes is not None:
-                return next(indexes, None)
-            self.next += 1
-            return self.next - 1
-
-    def lane(self, indexes):
+    def lane(self):
         while not STOP.is_set() and time.monotonic() < self.deadline:
-            index = self.take_index(indexes)
+            index = next(self.indexes, None)
             if index is None:
                 return
             self.trial(index)
 
     def trial(self, index):
-        campaign = self.campaign
-        tally = Tally(campaign.report, self.name, campaign.seed, index, self.deadline)
-        folder = campaign.folder / f"{self.name}-{index}"
-        desk = Desk(campaign.tools, folder)
-        before = len(campaign.report.damages)
+        campaign, damages = self.campaign, Tally.damages
+        tally = Tally(self.name, campaign.seed, index, self.deadline)
+        desk = Desk(campaign.tools, campaign.folder / f"{self.name}-{index}")
         try:
             self.module.trial(desk, random.Random(f"{campaign.seed}/{self.name}/{index}"), tally)
         except Interrupted:
@@ -180,61 +134,53 @@ class Kind:
             tally.damage(tally.label, "the campaign itself failed, as said above")
             STOP.set()
         desk.kill()
-        own = [damage for damage in campaign.report.damages[before:] if damage[:2] == (self.name, index)]
-        with self.lock:
-            self.kept += bool(own)
-            keeps = own and self.kept <= MAX_KEPT
-        if keeps:
-            (folder / "damage.txt").write_text("\n".join(text for _, _, text in own) + "\n", encoding="utf-8")
+        damaged = {number for kind, number, _ in damages if kind == self.name}
+        if index in damaged and len(damaged) <= MAX_KEPT:
+            texts = [text for kind, number, text in damages if (kind, number) == (self.name, index)]
+            desk.path("damage.txt").write_text("\n".join(texts) + "\n", encoding="utf-8")
         else:
-            shutil.rmtree(folder, ignore_errors=True)
+            shutil.rmtree(desk.folder, ignore_errors=True)
 
 
 class Campaign:
     def __init__(self, arguments):
         self.tools = Tools(Path(arguments.build).absolute())
-        self.seed = arguments.seed if arguments.seed is not None else int.from_bytes(os.urandom(3), "big")
+        self.seed = arguments.seed
         self.folder = Path(tempfile.mkdtemp(prefix="qixxwatch-torture-"))
         self.folder.chmod(0o755)
-        self.report = Report()
         self.arguments = arguments
 
     def run(self):
-        seconds = self.arguments.minutes * 60
-        end = time.monotonic() + seconds
-        names = [self.arguments.only] if self.arguments.only else list(KINDS)
-        behind = [Kind(self, name, end) for name in names if KINDS[name].WEIGHT is None]
-        for kind in behind:
-            kind.run(self.arguments.trial)
-        turns = [name for name in names if KINDS[name].WEIGHT is not None]
-        weights = sum(KINDS[name].WEIGHT for name in turns)
-        for name in turns:
-            share = (end - time.monotonic()) * KINDS[name].WEIGHT / weights
-            weights -= KINDS[name].WEIGHT
+        end = time.monotonic() + self.arguments.minutes * 60
+        names = [self.arguments.only] if self.arguments.only else KINDS
+        weights = {name: KINDS[name].WEIGHT for name in names}
+        behind = [Kind(self, name, end) for name in names if weights[name] is None]
+        turns = [name for name in names if weights[name] is not None]
+        for place, name in enumerate(turns):
+            left = sum(weights[later] for later in turns[place:])
+            share = (end - time.monotonic()) * weights[name] / left
             print(f"{name}: {max(share, 0):.0f} s", flush=True)
-            kind = Kind(self, name, time.monotonic() + share)
-            kind.run(self.arguments.trial)
-            kind.join()
+            Kind(self, name, time.monotonic() + share).join()
         for kind in behind:
             kind.join()
 
     def conclude(self):
-        report = self.report
-        report.show()
-        build = "sanitizer build" if self.tools.sanitized else "optimised build"
-        print(f"Seed {self.seed}, {build}, {'as root' if os.getuid() == 0 else 'not as root'}.")
-        if not report.is_damaged():
+        sanitized = self.tools.sanitized
+        Tally.show()
+        print(f"Seed {self.seed}, {'sanitizer' if sanitized else 'optimised'} build, "
+              f"{'as root' if os.getuid() == 0 else 'not as root'}.")
+        if not Tally.damages:
             shutil.rmtree(self.folder, ignore_errors=True)
             print("Stopped before its end." if STOP.is_set() else "No damage.")
-            return 1 if STOP.is_set() else 0
-        print(f"\nDAMAGE ({len(report.damages)} times), kept in {self.folder}:")
-        told = {}
-        for kind, index, text in report.damages:
-            told.setdefault((kind, re.sub(r" \(.*", "", text)), []).append((index, text))
+            return int(STOP.is_set())
+        print(f"\nDAMAGE ({len(Tally.damages)} times), kept in {self.folder}:")
+        told = collections.defaultdict(list)
+        for kind, index, text in Tally.damages:
+            told[kind, re.sub(r" \(.*", "", text)].append((index, text))
         for (kind, _), cases in told.items():
-            print_wrapped(f"- {kind} {cases[0][1]}" + (f" - {len(cases)} times" if len(cases) > 1 else ""))
-            print(f"    scripts/torture{' --asan' if self.tools.sanitized else ''} --only {kind} "
-                  f"--seed {self.seed} --trial {cases[0][0]}")
+            index, text = cases[0]
+            print_wrapped(f"- {kind} {text}" + (f" - {len(cases)} times" if len(cases) > 1 else ""))
+            print(f"    scripts/torture{' --asan' * sanitized} --only {kind} --seed {self.seed} --trial {index}")
         return 1
 
 
@@ -243,9 +189,9 @@ def main():
     parser.add_argument("build")
     parser.add_argument("minutes", nargs="?", type=float, default=10)
     parser.add_argument("--only", choices=KINDS)
-    parser.add_argument("--seed", type=int)
+    parser.add_argument("--seed", type=int, default=random.randrange(1 << 24))
     parser.add_argument("--trial", type=int)
-    arguments = parser.parse_args()
+    arguments = parser.parse_intermixed_args()
     if arguments.trial is not None and not arguments.only:
         parser.error("--trial needs --only")
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
@@ -254,8 +200,10 @@ def main():
     campaign = Campaign(arguments)
     try:
         campaign.run()
+    except BaseException:
+        STOP.set()
+        raise
     finally:
-        STOP.set() if sys.exc_info()[0] else None
         CHILDREN.kill_all()
     sys.exit(campaign.conclude())
 

@@ -14,25 +14,23 @@ def der(tag, *content):
 
 
 def identifier(dotted):
-    numbers = [int(part) for part in dotted.split(".")]
+    first, second, *numbers = map(int, dotted.split("."))
     content = b""
-    for number in [numbers[0] * 40 + numbers[1], *numbers[2:]]:
+    for number in (first * 40 + second, *numbers):
         groups = [number & 0x7F]
         while number := number >> 7:
-            groups.append(0x80 | number & 0x7F)
-        content += bytes(reversed(groups))
+            groups.insert(0, 0x80 | number & 0x7F)
+        content += bytes(groups)
     return der(0x06, content)
 
 
-def name(attributes):
-    """Attributes are (class, bytes) or (class, bytes, tag)."""
-    return der(0x30, *(der(0x31, der(0x30, identifier(CLASSES[given[0]]),
-                                     der(given[2] if len(given) > 2 else UTF8, given[1])))
-                       for given in attributes))
+def part(kind, text, tag=UTF8):
+    """A component of a name."""
+    return der(0x31, der(0x30, identifier(CLASSES[kind]), der(tag, text)))
 
 
 def make(subject, principal=b"ann@tessaly.example", serial=b"\x0a\x01", principal_tag=UTF8):
-    """A certificate for smart-card logon; without a principal name it has no alternative name."""
+    """A certificate for smart-card logon; the subject is parts of a name. None: no alternative name."""
     algorithm = der(0x30, identifier("1.2.840.10045.4.3.2"))
     validity = der(0x30, der(0x17, b"200101000000Z"), der(0x17, b"491231235959Z"))
     key = der(0x30, der(0x30, identifier("1.2.840.10045.2.1"), identifier("1.2.840.10045.3.1.7")),
@@ -44,32 +42,25 @@ def make(subject, principal=b"ann@tessaly.example", serial=b"\x0a\x01", principa
     if principal is not None:
         extensions += extension("2.5.29.17", der(0x30, der(
             0xA0, identifier("1.3.6.1.4.1.311.20.2.3"), der(0xA0, der(principal_tag, principal)))))
-    body = der(0x30, der(0xA0, der(0x02, b"\2")), der(0x02, serial), algorithm, name([("CN", b"Card CA")]),
-               validity, name(subject), key, der(0xA3, der(0x30, extensions)))
+    body = der(0x30, der(0xA0, der(0x02, b"\2")), der(0x02, serial), algorithm, der(0x30, part("CN", b"Card CA")),
+               validity, der(0x30, *subject), key, der(0xA3, der(0x30, extensions)))
     return der(0x30, body, algorithm, der(0x03, b"\0" + der(0x30, der(0x02, b"\1"), der(0x02, b"\1"))))
 
 
 def ann():
     """An honest card holder."""
-    return make([("O", b"Example Org"), ("CN", b"Ann Lee")])
+    return make([part("O", b"Example Org"), part("CN", b"Ann Lee")])
 
 
 def mutate(data, random):
     """The same with some bytes changed, cut, doubled or claimed to be longer."""
     data = bytearray(data)
     for _ in range(random.choice((1, 1, 2, 4, 16))):
-        place = random.randrange(len(data)) if data else 0
-        deed = random.randrange(6)
-        if deed == 0 and data:
-            data[place] = random.randrange(256)
-        elif deed == 1 and data:
-            data[place] ^= 1 << random.randrange(8)
-        elif deed == 2:
-            del data[place:place + random.randrange(1, 20)]
-        elif deed == 3:
-            data[place:place] = data[place:place + random.randrange(1, 40)]
-        elif deed == 4:
-            data[place:place + 1] = random.choice((b"\x84\xff\xff\xff\xff", b"\x80", b"\x88" + b"\xff" * 8, b"\0"))
-        else:
-            del data[max(place, 1):]
+        place = random.randrange(len(data) or 1)
+        some = data[place:place + random.randrange(1, 30)]
+        claim = random.choice((b"\x84\xff\xff\xff\xff", b"\x80", b"\x88" + b"\xff" * 8, b"\0"))
+        flipped = bytes(byte ^ 1 << random.randrange(8) for byte in some[:1])
+        length, new = random.choice(((1, random.randbytes(1)), (1, flipped), (len(some), b""), (0, some), (1, claim),
+                                     (len(data), b"")))
+        data[place:place + length] = new
     return bytes(data)

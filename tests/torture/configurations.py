@@ -4,7 +4,7 @@ import signal
 from pathlib import Path
 
 import certificate
-from desk import CHILDREN, Damage, eventually, pause
+from desk import CHILDREN, eventually, pause, read, require
 
 LANES = 8
 WEIGHT = 10
@@ -57,57 +57,51 @@ def fill_in(desk, text):
     return text
 
 
-def noise(random):
-    return random.randbytes(random.choice((0, 1, 7, 100, 5000, 200000)))
+def with_noise(text, random):
+    noise = random.randbytes(random.choice((0, 1, 7, 100, 5000, 200000)))
+    return noise if random.random() < 0.5 else text + noise
 
 
-def rotten(random):
-    """What was done, and the bytes."""
-    text = sample(random)
-    deed = random.choice(("random bytes", "mutations", "mutations", "huge lines", "line ends", "NUL bytes", "UTF-16",
-                          "many entries", "cut short", "byte order mark"))
-    if deed == "random bytes":
-        return deed, noise(random) if random.random() < 0.5 else text + noise(random)
-    if deed == "mutations":
-        for _ in range(random.randrange(1, 5)):
-            text = certificate.mutate(text, random)
-        return deed, text
-    if deed == "huge lines":
-        place = random.randrange(len(text))
-        filling = bytes([random.choice(b"Ax=[|%\" \\")]) * random.choice((255, 1024, 70000, 5000000))
-        return deed, text[:place] + filling + text[place:]
-    if deed == "line ends":
-        ends = (b"\n", b"\r\n", b"\r", b"\n\r", b"\r\r\n")
-        return deed, b"".join(line + random.choice(ends) for line in text.split(b"\n"))
-    if deed == "NUL bytes":
-        return deed, b"".join(line + random.choice((b"\n", b"\0\n", b"\n\0")) for line in text.split(b"\n"))
-    if deed == "UTF-16":
-        code = random.choice(("utf-16-le", "utf-16-be"))
-        return deed, random.choice((b"", b"\xff\xfe", b"\xfe\xff")) + text.decode("latin-1").encode(code)
-    if deed == "many entries":
-        return deed, text + b"".join(b"%d=kill x\n" % number for number in range(20000))
-    if deed == "cut short":
-        return deed, text[:random.randrange(len(text))]
-    return deed, b"\xef\xbb\xbf" + text
+def with_mutations(text, random):
+    for _ in range(random.randrange(1, 5)):
+        text = certificate.mutate(text, random)
+    return text
+
+
+def with_huge_line(text, random):
+    place = random.randrange(len(text))
+    filling = bytes([random.choice(b"Ax=[|%\" \\")]) * random.choice((255, 1024, 70000, 5000000))
+    return text[:place] + filling + text[place:]
+
+
+def with_ends(*ends):
+    return lambda text, random: b"".join(line + random.choice(ends) for line in text.split(b"\n"))
+
+
+def in_utf16(text, random):
+    code = random.choice(("utf-16-le", "utf-16-be"))
+    return random.choice((b"", b"\xff\xfe", b"\xfe\xff")) + text.decode("latin-1").encode(code)
+
+
+DEEDS = (("random bytes", with_noise), ("mutations", with_mutations), ("mutations", with_mutations),
+         ("huge lines", with_huge_line), ("line ends", with_ends(b"\n", b"\r\n", b"\r", b"\n\r", b"\r\r\n")),
+         ("NUL bytes", with_ends(b"\n", b"\0\n", b"\n\0")), ("UTF-16", in_utf16),
+         ("many entries", lambda text, _: text + b"".join(b"%d=kill x\n" % number for number in range(20000))),
+         ("cut short", lambda text, random: text[:random.randrange(len(text))]),
+         ("byte order mark", lambda text, _: b"\xef\xbb\xbf" + text))
 
 
 def stop_with_extra_watchers(desk):
     """No watcher outlives the service that started it."""
     desk.stop()
-    program = str(desk.tools.program)
 
-    def left():
-        found = []
-        for entry in Path("/proc").iterdir():
-            try:
-                if entry.name.isdigit() and str((entry / "exe").readlink()) == program and \
-                        (entry / "cwd").readlink() == desk.folder:
-                    found.append(int(entry.name))
-            except OSError:
-                pass
-        return found
-    if not eventually(lambda: not left(), 5, 0.1):
-        raise Damage(f"{len(left())} extra watchers outlived the service")
+    def is_left(process):
+        try:
+            return (process / "exe").readlink() == desk.tools.program and (process / "cwd").readlink() == desk.folder
+        except OSError:
+            return False
+    require(eventually(lambda: not any(map(is_left, Path("/proc").glob("[1-9]*"))), 5, 0.1),
+            "an extra watcher outlived the service")
     CHILDREN.reap_orphans()
 
 
@@ -115,20 +109,15 @@ def ask_for_people(desk, random):
     """What people ask of the file is answered, whatever stands in it."""
     words = random.choice((["--check"], ["--list"], ["--list", "--json"], ["--check", str(desk.path("system.conf"))]))
     desk.start(*words)
-    code = desk.wait(20)
-    if code is None:
-        desk.kill()
-        raise Damage(f"no answer to {words[0]} within 20 s")
-    desk.check_reports()
-    if code not in (0, 1, 2):
-        raise Damage(f"{words[0]} ended with {code}")
+    code = desk.wait(20, f"no answer to {words[0]}")
+    require(code in (0, 1, 2), f"{words[0]} ended with {code}")
 
 
 def read_as_own(desk, random, tally):
-    deed, text = rotten(random)
-    desk.path("system.conf").write_bytes(fill_in(desk, text))
+    deed, spoil = random.choice(DEEDS)
+    desk.path("system.conf").write_bytes(fill_in(desk, spoil(sample(random), random)))
     desk.path("target.conf").write_text("[Mail]\nUsername=\n", encoding="utf-8")
-    desk.insert(certificates=[certificate.ann()])
+    desk.insert(certificate.ann())
     if random.random() < 0.3:
         tally.tried("as qix.conf: --check and --list")
         ask_for_people(desk, random)
@@ -139,10 +128,8 @@ def read_as_own(desk, random, tally):
     code = desk.process.poll()
     if code is None:
         stop_with_extra_watchers(desk)
-    else:  # there was nothing to do
-        desk.wait(1)
-        if code != -signal.SIGTERM:
-            desk.check_end(code)
+    elif code != -signal.SIGTERM:  # there was nothing to do
+        desk.check_end(code)
 
 
 # --- what a set command fills ----------------------------------------------------------------------
@@ -181,22 +168,15 @@ def lines_of(text):
             if line.strip() and line.partition(b"=")[0].strip().lower() not in (b"username", b"domain")]
 
 
-def is_kept(old, new):
-    rest = iter(new)
-    return all(line in rest for line in old)
-
-
 def check_kept(before, after, is_merged):
     old, new = lines_of(before), lines_of(after)
+    rest = iter(new)
     if is_merged:
-        lost = {line for line in old if not line.startswith(b"[")} - set(new)
-        if lost:
-            raise Damage(f"a line was lost ({lost.pop()!r})")
-        return
-    if not is_kept(old, new):
-        raise Damage("a line was lost")
-    if len(old) != len(new):
-        raise Damage("a line came from nowhere")
+        lost = [line for line in old if line not in new and not line.startswith(b"[")]
+    else:
+        lost = [line for line in old if line not in rest]  # in their order
+    require(not lost, f"a line was lost ({lost[:1]})")
+    require(is_merged or len(old) == len(new), "a line came from nowhere")
 
 
 def fill(desk, random, tally):
@@ -207,18 +187,15 @@ def fill(desk, random, tally):
     target.write_bytes(before)
     desk.path("before").write_bytes(before)
     desk.configure("-sync config Watch", [f"set -config {target}"], [f"set -config {target}"])
-    desk.insert(certificates=[certificate.ann()])
+    desk.insert(certificate.ann())
     desk.start()
-    if not desk.traced("Watch - Connected slot 1"):
-        raise Damage("the set command did not come to its end")
+    require(desk.traced("Watch - Connected slot 1"), "the set command did not come to its end")
     desk.stop()
     after = target.read_bytes()
-    if b"Set command ... OK" not in desk.trace() and after != before:
-        raise Damage("a set command that failed has changed its file")
+    require(b"Set command ... OK" in desk.trace() or after == before, "a set command that failed has changed its file")
     check_kept(before, after, is_merged)
-    saved = desk.path("target.conf.org")
-    if after != before and (not saved.exists() or saved.read_bytes() != before):
-        raise Damage("the saved copy is not the text before")
+    require(after == before or read(desk.path("target.conf.org"), None) == before,
+            "the saved copy is not the text before")
 
 
 def trial(desk, random, tally):

@@ -8,13 +8,12 @@ import time
 from pathlib import Path
 
 import certificate
-from desk import CHILDREN, Damage, eventually, replace
+from desk import CHILDREN, read, replace, require
 
 LANES = 2
 WEIGHT = 20
 ROUNDS = 40
 LABELS = ("first insertion", "restoring insertion", "removal", "restoring removal", "keyword form")
-DONE = b"Watch - Set command ... "
 
 
 def make_target(random):
@@ -35,43 +34,35 @@ class Scene:
         self.folder = desk.path("target")
         self.folder.mkdir()
         self.target, self.saved = self.folder / "a.conf", self.folder / "a.conf.org"
-        self.original = make_target(random)
-        self.card = "removal" not in label
+        self.restores = label.startswith("restoring")
         command = f"set {'-restore ' if label == 'restoring removal' else ''}-config {self.target}"
         if label == "keyword form":
             desk.configure(f"-c {self.target} -p {desk.note('in')[:-3]} -a in")
         else:
             desk.configure("config Watch", [command], [command])
-        if self.card:
-            desk.insert(certificates=[certificate.ann()])
-        self.before = self.original
+        if "removal" not in label:
+            desk.insert(certificate.ann())
+        self.before = self.original = make_target(random)
         self.prepare()
         self.after, self.took = self.run_through()
-        if self.restores():  # the file holds the values of a card that was here before
+        if self.restores:  # the file holds the values of a card that was here before
             self.before = self.original.replace(b"Username=", b"Username=bob")
-
-    def restores(self):
-        return self.label.startswith("restoring")
 
     def prepare(self):
         """The text before, the saved copy that belongs to it, and nothing else."""
-        for stray in self.strays():
-            stray.unlink()
-        if self.restores():
+        for file in self.folder.iterdir():
+            if file != self.target:
+                file.unlink()
+        if self.restores:
             replace(self.saved, self.original)
-        else:
-            self.saved.unlink(missing_ok=True)
         replace(self.target, self.before)
-        self.desk.trace_file.unlink(missing_ok=True)
 
     def run_through(self):
         """The text after one whole set command, and how long that took from the start."""
         self.desk.trace_file.unlink(missing_ok=True)
         begin = time.monotonic()
         self.desk.start()
-        if not eventually(lambda: DONE in self.desk.trace(), 15, 0.002):
-            self.desk.check_alive()
-            raise Damage("the set command did not come to its end")
+        require(self.desk.traced("Watch - Set command ... ", step=0.002), "the set command did not come to its end")
         took = time.monotonic() - begin
         self.desk.stop()
         return self.target.read_bytes(), took
@@ -89,39 +80,30 @@ class Scene:
         time.sleep(self.random.uniform(0, 1.1) * self.took)
         self.desk.process.send_signal(sent)
         code = self.desk.wait(20)
-        if code is None:
-            self.desk.kill()
-            raise Damage("SIGTERM did not end the service within 20 s")
-        self.desk.check_reports()
         # A SIGTERM may come before the service has set itself up to be ended in order.
-        if sent == signal.SIGTERM and code not in (0, -signal.SIGTERM):
-            raise Damage(f"SIGTERM: the service ended with {code}")
+        require(sent == signal.SIGKILL or code in (0, -signal.SIGTERM), f"SIGTERM: the service ended with {code}")
         if sent == signal.SIGKILL:
             self.tally.counted("(killed in the middle of a write)" if self.strays() else "(killed at another moment)")
-        text = self.target.read_bytes() if self.target.exists() else None
+        text, saved = read(self.target, b"(no file)"), read(self.saved, None)
         if text not in (self.before, self.after):
-            self.keep("torn", text)
-            return "the file was left damaged"
-        if self.saved.exists() and self.saved.read_bytes() != self.original:
-            self.keep("torn.org", self.saved.read_bytes())
-            return "the saved copy was left damaged"
-        return self.write_once_more()
-
-    def write_once_more(self):
-        """After the next write the text is the one after, and no stray file is left."""
+            return self.keep("torn", text, "the file was left damaged")
+        if saved not in (None, self.original):
+            return self.keep("torn.org", saved, "the saved copy was left damaged")
+        # After the next write the text is the one after, and no stray file is left.
         text, _ = self.run_through()
         if text != self.after:
-            self.keep("next", text)
-            return "the next write went wrong"
+            return self.keep("next", text, "the next write went wrong")
         strays = self.strays()
         return f"a stray file stayed ({strays[0].name})" if strays else None
 
     def strays(self):
         return [entry for entry in self.folder.iterdir() if entry not in (self.target, self.saved)]
 
-    def keep(self, name, text):
+    def keep(self, name, text, problem):
+        """Keeps the first such text beside the report of the problem."""
         if not self.desk.path(name).exists():
-            self.desk.path(name).write_bytes(text or b"(no file)")
+            self.desk.path(name).write_bytes(text)
+        return problem
 
 
 def trial(desk, random, tally):
@@ -142,7 +124,6 @@ def trial(desk, random, tally):
     finally:
         reader.terminate()
         seen = reader.communicate()[0]
-        CHILDREN.ended(reader)
     seen = json.loads(seen)
     tally.counted("looks at the file", seen["looks"])
     if seen["damaged"]:

@@ -3,7 +3,7 @@
 from random import Random
 
 import certificate
-from desk import Damage, eventually, pause
+from desk import Damage, pause, replace, require
 
 LANES = 20
 WEIGHT = 35
@@ -20,7 +20,7 @@ DEEDS = ([("answers an error", f"answer:{answer:#x}") for answer in ANSWERS] +
          [("throws", f"throw:{kind}") for kind in ("exception", "number", "memory")] * 3 +
          [("lies", f"lie:{kind}") for kind in ("ones", "zero", "huge", "more")] * 3 +
          [("hangs for 1.5 s", "hang:1500")] * 2 + [("ends its thread", "leave:")] * 2)
-CALLS = ((1, 1), (2, 2), (3, 5), (1, 10 ** 9))
+CALLS = ("1 1", "2 2", "3 5", "1 1000000000")  # the first and the last
 # A watch that has lost its library asks for it again every 30 rounds, which may take 20 s.
 HEALING = 32
 
@@ -32,69 +32,56 @@ def plan(seed):
     return every
 
 
-def seen(desk, word, before, limit):
-    def more():
-        desk.check_alive()
-        return desk.notes().count(word) > before
-    return eventually(more, limit, 0.05)
-
-
 def misbehave(desk, stage, order):
-    """Runs up to the stage, gives the order, and goes through the stage."""
-    if stage == "start":
-        desk.order(*order)
+    """Runs up to the stage, gives the order, and goes through the stage. Whether the card was connected."""
+    def order_at(*stages):
+        if stage in stages:
+            replace(desk.path("order"), order.encode())
+    order_at("start")
     desk.start()
     if stage == "start":
         pause(1.2)
         desk.check_alive()
     elif not desk.traced("Watch - Event"):
         raise Damage("the service did not begin")
-    if stage == "insertion":
-        desk.order(*order)
-    desk.insert(certificates=[certificate.ann()])
-    limit = 12 if "hang" in order[-1] else 2.5 if stage in ("start", "insertion") else 15
-    connected = desk.traced("Watch - Connected slot 1", limit=limit)
-    if stage in ("start", "insertion"):
-        return connected
-    if not connected:
-        raise Damage("an insertion was not seen although the library was well")
-    desk.order(*order)
+    order_at("insertion")
+    desk.insert(certificate.ann())
+    is_well = stage in ("removal", "end")
+    connected = desk.traced("Watch - Connected slot 1", 12 if "hang" in order else 15 if is_well else 2.5)
+    require(connected or not is_well, "an insertion was not seen although the library was well")
+    order_at("removal", "end")
     if stage == "removal":
         desk.remove()
         pause(2.5)
-    return True
+    return connected
 
 
 def check_healed(desk):
     """A card that comes is seen, once, and so is that it goes."""
-    ins, outs = desk.notes().count("in"), desk.notes().count("out")
-    desk.insert(certificates=[certificate.ann()])
-    if not seen(desk, "in", ins, HEALING):
-        raise Damage("the library was well again, and a card was not seen")
-    if desk.notes().count("in") != ins + 1:
-        raise Damage("one insertion ran its commands twice")
+    ins, outs = desk.notes("in"), desk.notes("out")
+    desk.insert(certificate.ann())
+    require(desk.noted("in", ins + 1, HEALING), "the library was well again, and a card was not seen")
+    require(desk.notes("in") == ins + 1, "one insertion ran its commands twice")
     desk.remove()
-    if not seen(desk, "out", outs, HEALING):
-        raise Damage("the library was well again, and a removal was not seen")
+    require(desk.noted("out", outs + 1, HEALING), "the library was well again, and a removal was not seen")
 
 
-def go_through(desk, stage, order):
-    deed = order[-1]
-    connected = misbehave(desk, stage, order)
+def go_through(desk, function, calls, deed, stage):
+    connected = misbehave(desk, stage, f"{function} {calls} {deed}")
     # A library that gave a list without functions once is not asked for another.
-    if stage == "end" or order[0] == "C_GetFunctionList" and "lie" in deed:
+    if stage == "end" or function == "C_GetFunctionList" and "lie" in deed:
         desk.stop(30)
         return
-    outs = 0 if stage == "removal" else desk.notes().count("out")
+    outs = 0 if stage == "removal" else desk.notes("out")
     desk.path("order").unlink()
     pause(1)  # what comes and goes between two polls is not seen
     desk.remove()
     # A lie about the very event may hide it for good: the library is believed.
-    if connected and "lie" not in deed and not seen(desk, "out", outs, HEALING):
-        raise Damage("a connected card was pulled and the remove commands never ran")
+    require(not connected or "lie" in deed or desk.noted("out", outs + 1, HEALING),
+            "a connected card was pulled and the remove commands never ran")
     pause(4 if "hang" in deed else 1)
     if "lie" in deed:
-        desk.insert(certificates=[certificate.ann()])
+        desk.insert(certificate.ann())
         pause(2)
         desk.remove()
         pause(2)
@@ -114,9 +101,9 @@ def trial(desk, _, tally):
                     f"parallel extern {desk.tools.called},ann;home -config {desk.path('b.conf')}",
                     f"set -config {desk.path('a.conf')}"], [desk.note("out")])
     try:
-        go_through(desk, stage, (function, *calls, deed))
+        go_through(desk, function, calls, deed, stage)
     except Damage as damage:
-        raise Damage(f"{damage} ({function} calls {calls[0]} to {calls[1]} at the {stage}: {deed})") from damage
+        raise Damage(f"{damage} ({function} calls {calls} at the {stage}: {deed})") from damage
     finally:
         if not desk.path("done").exists():
             tally.counted("(the function was not called so often)")

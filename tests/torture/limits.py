@@ -1,10 +1,12 @@
 """The service with too little of everything: memory, descriptors, processes, file size, disk, rights."""
 
+import contextlib
 import os
+import re
 import signal
 
 import certificate
-from desk import CHILDREN, Damage, eventually, pause
+from desk import CHILDREN, Damage, eventually, read, require
 
 LANES = 6
 WEIGHT = 12
@@ -23,7 +25,6 @@ FILLED = text_of(b"ann", b"ann o=Example Org,cn=Ann Lee", b"Domain=tessaly.examp
 CLEARED = text_of(b"", b"ann o=Example Org,cn=Ann Lee", b"Domain=\n")
 # After an insertion that failed: the original, cleared.
 EMPTIED = text_of(b"", b"%USERNAME% ", b"Domain=\n")
-WHOLE = (TARGET, FILLED, CLEARED, EMPTIED)
 
 
 class Scene:
@@ -48,51 +49,47 @@ class Scene:
         """One insertion, one removal and the end, whatever fails meanwhile. Not `started`: the start may fail too."""
         desk = self.desk
         desk.start(before=before)
-        eventually(lambda: desk.process.poll() is not None or b"Watch - Event" in desk.trace(), 0.7, 0.02)
-        desk.insert(certificates=[certificate.ann()])
-        eventually(lambda: desk.process.poll() is not None or b"Connected slot" in desk.trace(), 2)
+        self.await_trace(b"Watch - Event", 0.7)
+        desk.insert(certificate.ann())
+        self.await_trace(b"Connected slot", 2)
         self.look()
         if self.target.read_bytes() == FILLED:
             self.tally.counted("(enough to fill the file all the same)")
         desk.remove()
-        eventually(lambda: desk.process.poll() is not None or b"Disconnected slot" in desk.trace(), 1.8)
-        code = desk.process.poll()
-        if code is None:
+        self.await_trace(b"Disconnected slot", 1.8)
+        if desk.process.poll() is None:
             desk.stop()
         else:
-            desk.wait(1)
-            self.judge_early_end(code, started)
+            self.judge_early_end(desk.process.returncode, started)
         self.look()
+
+    def await_trace(self, text, limit):
+        eventually(lambda: self.desk.process.poll() is not None or text in self.desk.trace(), limit)
 
     def judge_early_end(self, code, started):
         self.desk.check_reports()
-        errors = self.desk.path("stderr.txt").read_bytes()
+        errors = read(self.desk.path("stderr.txt"))
         # The loader, or prlimit itself, had not enough for the program to begin.
-        if code > 0 and not self.desk.trace() and (b"error while loading" in errors or b"failed to execute" in errors
-                                                   or b"cannot" in errors or code in (126, 127)):
-            self.tally.counted("(the program itself could not start)")
-        elif code == -signal.SIGSEGV and not started and not self.desk.trace():
+        if not self.desk.trace() and (code == -signal.SIGSEGV and not started or code in (126, 127) or code > 0 and
+                                      re.search(b"error while loading|failed to execute|cannot", errors)):
             self.tally.counted("(the program itself could not start)")
         elif code == 0 and errors and not started:
             self.tally.counted("(it ended in order and said why)")
         else:
-            self.desk.check_end(code)
-            raise Damage("the service ended by itself")
+            self.desk.check_alive()
 
     def look(self):
         """The file is whole, and what is said to be done was done."""
-        text = self.target.read_bytes() if self.target.exists() else None
-        if text not in WHOLE:
-            self.desk.path("torn").write_bytes(text or b"(no file)")
+        text, saved = read(self.target), read(self.saved, None)
+        if text not in (TARGET, FILLED, CLEARED, EMPTIED):
+            self.desk.path("torn").write_bytes(text)
             raise Damage("the file was left damaged")
-        if self.saved.exists() and self.saved.read_bytes() != TARGET:
-            raise Damage("the saved copy was left damaged")
-        if text in (FILLED, CLEARED) and not self.saved.exists():
-            raise Damage("a file was filled without a saved copy")
+        require(saved in (None, TARGET), "the saved copy was left damaged")
+        require(text not in (FILLED, CLEARED) or saved is not None, "a file was filled without a saved copy")
         trace = self.desk.trace()
         last = trace.rpartition(b"Watch - Set command ... ")[2]
-        if b"Remove event" not in trace and last.startswith(b"OK") and text != FILLED:
-            raise Damage("a set command said OK and had not filled its file")
+        require(b"Remove event" in trace or not last.startswith(b"OK") or text == FILLED,
+                "a set command said OK and had not filled its file")
 
 
 def memory(scene):
@@ -116,44 +113,38 @@ def unwritable_folder(scene):
 
 
 def full_disk(scene):
-    """The target's folder is a small file system with some pages left, or none."""
-    CHILDREN.run("mount", "-t", "tmpfs", "-o", f"size={16 * PAGE},nr_inodes=20", "torture", str(scene.folder))
+    """The target's folder, a small file system by now, has some pages left, or none."""
     try:
         scene.target.write_bytes(TARGET)
         left = scene.random.randrange(0, 6)
         with open(scene.folder / "filling", "wb", buffering=0) as filling:
-            try:
+            with contextlib.suppress(OSError):
                 while True:
                     filling.write(b"x" * PAGE)
-            except OSError:
-                pass
-            filling.truncate(max(0, os.fstat(filling.fileno()).st_size - left * PAGE))
+            filling.truncate(max(0, filling.tell() - left * PAGE))
         scene.go_through([])
     finally:
         CHILDREN.run("umount", "-l", str(scene.folder))
 
 
-KINDS = [("memory (RLIMIT_AS)", memory, False), ("descriptors (RLIMIT_NOFILE)", descriptors, False),
-         ("file size (RLIMIT_FSIZE)", file_size, False), ("processes (RLIMIT_NPROC)", processes, True),
-         ("a folder that cannot be written", unwritable_folder, True), ("a full disk", full_disk, True)]
+def mount(folder):
+    return CHILDREN.run("mount", "-t", "tmpfs", "-o", f"size={16 * PAGE},nr_inodes=20", "torture", str(folder))
+
+
+KINDS = (("memory (RLIMIT_AS)", memory), ("descriptors (RLIMIT_NOFILE)", descriptors),
+         ("file size (RLIMIT_FSIZE)", file_size), ("processes (RLIMIT_NPROC)", processes),
+         ("a folder that cannot be written", unwritable_folder), ("a full disk", full_disk))
 
 
 def trial(desk, random, tally):
-    label, limit, needs_root = KINDS[tally.index % len(KINDS)]
+    label, limit = KINDS[tally.index % len(KINDS)]
+    scene = Scene(desk, random, tally)
     if limit in (memory, descriptors, processes) and desk.tools.sanitized:
         tally.skip(label, "the sanitizers need them")
-    elif needs_root and os.getuid() != 0:
+    elif limit in (processes, unwritable_folder, full_disk) and os.getuid() != 0:
         tally.skip(label, "only as root")
-    elif limit is full_disk and not can_mount(desk):
+    elif limit is full_disk and not mount(scene.folder):
         tally.skip(label, "nothing can be mounted here")
     else:
         tally.tried(label)
-        limit(Scene(desk, random, tally))
-        return
-    pause(0.05)
-
-
-def can_mount(desk):
-    place = desk.path("place")
-    place.mkdir()
-    return CHILDREN.run("mount", "-t", "tmpfs", "torture", str(place)) and CHILDREN.run("umount", "-l", str(place))
+        limit(scene)

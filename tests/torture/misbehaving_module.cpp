@@ -12,13 +12,12 @@
 //
 // Each deed done adds a line to the file QIXX_TORTURE_DONE.
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <new>
 #include <sstream>
@@ -27,6 +26,7 @@
 #include <string_view>
 #include <thread>
 #include <tuple>
+#include <type_traits>
 
 #include "pkcs11/extended.h"
 
@@ -35,51 +35,25 @@ namespace {
 /// Below this a number that comes out is taken for a length of what the caller has room for.
 constexpr CK_ULONG kHuge = 0x7FFFFFFF;
 
-struct Order {
-  std::string function;
-  unsigned long first = 0;
-  unsigned long last = 0;
-  std::string deed;
-};
-
 std::string Setting(const char* name) {
   const char* const value = std::getenv(name);
   return value == nullptr ? "" : value;
 }
 
-std::string OrderText() {
-  static const std::string file = Setting("QIXX_TORTURE_ORDER");
-  const int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) return {};
-  char text[256];
-  const ssize_t length = ::read(descriptor, text, sizeof text);
-  ::close(descriptor);
-  return {text, length < 0 ? 0U : static_cast<std::size_t>(length)};
-}
-
 /// The deed that this call has to do, empty for none.
-std::string DeedFor(std::string_view function) {
+std::string DeedFor(const std::string& function) {
   static std::mutex guard;
   static std::string seen;
   static unsigned long calls = 0;
-  const std::string text = OrderText();
-  Order order;
-  std::istringstream(text) >> order.function >> order.first >> order.last >> order.deed;
-  if (order.function != function) return {};
+  std::string text, ordered, deed;
+  std::getline(std::ifstream(Setting("QIXX_TORTURE_ORDER")), text);
+  unsigned long first = 0, last = 0;
+  std::istringstream(text) >> ordered >> first >> last >> deed;
+  if (ordered != function) return {};
   const std::lock_guard<std::mutex> lock(guard);
   if (seen != text) seen = text, calls = 0;
   ++calls;
-  return calls >= order.first && calls <= order.last ? order.deed : std::string();
-}
-
-void NoteDone(std::string_view function, const std::string& deed) {
-  static const std::string file = Setting("QIXX_TORTURE_DONE");
-  const int descriptor =
-      ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  if (descriptor < 0) return;
-  const std::string line = std::string(function) + " " + deed + "\n";
-  [[maybe_unused]] const ssize_t written = ::write(descriptor, line.data(), line.size());
-  ::close(descriptor);
+  return calls >= first && calls <= last ? deed : std::string();
 }
 
 // --- lies ----------------------------------------------------------------------------------------
@@ -104,24 +78,16 @@ void Spoil(CK_FUNCTION_LIST** list, std::string_view kind) {
 
 /// Texts without an end, or nothing at all; flags that hold everything.
 template <typename Record>
-void SpoilRecord(Record* record, std::string_view kind) {
+requires std::is_same_v<Record, CK_INFO> || std::is_same_v<Record, CK_SLOT_INFO> ||
+    std::is_same_v<Record, CK_TOKEN_INFO>
+void Spoil(Record* record, std::string_view kind) {
   if (record == nullptr) return;
   if (kind == "zero") *record = {};
   if (kind == "ones") std::memset(record, 0xFF, sizeof *record);
-}
-
-void Spoil(CK_INFO* info, std::string_view kind) {
-  SpoilRecord(info, kind);
-}
-
-void Spoil(CK_SLOT_INFO* info, std::string_view kind) {
-  SpoilRecord(info, kind);
-  if (info != nullptr && (kind == "huge" || kind == "more"))
-    std::memset(info->slotDescription, 'A', sizeof info->slotDescription);
-}
-
-void Spoil(CK_TOKEN_INFO* info, std::string_view kind) {
-  SpoilRecord(info, kind);
+  if constexpr (std::is_same_v<Record, CK_SLOT_INFO>) {
+    if (kind == "huge" || kind == "more")
+      std::memset(record->slotDescription, 'A', sizeof record->slotDescription);
+  }
 }
 
 /// The value as well, within the room that was given: a text without an end.
@@ -144,7 +110,7 @@ template <typename Honest, typename... Given>
 CK_RV Perform(const char* function, const Honest& honest, const std::tuple<Given...>& given) {
   const std::string deed = DeedFor(function);
   if (deed.empty()) return honest();
-  NoteDone(function, deed);
+  std::ofstream(Setting("QIXX_TORTURE_DONE"), std::ios::app) << function << " " << deed << "\n";
   const std::size_t colon = deed.find(':');
   const std::string verb = deed.substr(0, colon), detail = deed.substr(colon + 1);
   const unsigned long number = std::strtoul(detail.c_str(), nullptr, 0);

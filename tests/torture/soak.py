@@ -5,7 +5,7 @@ from pathlib import Path
 from statistics import median
 
 import certificate
-from desk import CHILDREN, Damage, eventually, pause
+from desk import CHILDREN, eventually, pause, require
 
 LANES = 2
 WEIGHT = None  # runs beside the other kinds all the time
@@ -31,42 +31,37 @@ def configure(desk):
 def sample(process):
     """Descriptors, threads, children, and resident KiB, when what runs beside has had its time."""
     root = Path("/proc", str(process))
-    eventually(lambda: len(os.listdir(root / "task")) == 1 and not CHILDREN.of(process), 5, 0.1)
-    pages = int((root / "statm").read_text().split()[1])
-    return (len(os.listdir(root / "fd")), len(os.listdir(root / "task")), len(CHILDREN.of(process)),
-            pages * os.sysconf("SC_PAGE_SIZE") // 1024)
+
+    def counts():
+        return len(os.listdir(root / "fd")), len(os.listdir(root / "task")), len(CHILDREN.of(process))
+    eventually(lambda: counts()[1:] == (1, 0), 5, 0.1)
+    return *counts(), int((root / "statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
 
 
 def judge(desk, samples, tally):
     quarter = max(1, len(samples) // 4)
-    first, last = samples[:quarter], samples[-quarter:]
-    for index, what in enumerate(("descriptors", "threads", "children")):
-        before, after = (max(one[index] for one in part) for part in (first, last))
-        if after > before:
-            raise Damage(f"{what} grew from {before} to {after} in {len(samples)} rounds")
-    before, after = (median(one[3] for one in part) for part in (first, last))
-    tally.remark(f"{first[-1][0]} descriptors, {first[-1][1]} thread, {first[-1][2]} children throughout; "
+    parts = [list(zip(*part)) for part in (samples[:quarter], samples[-quarter:])]
+    for before, after, what in zip(*parts, ("descriptors", "threads", "children")):
+        require(max(after) <= max(before), f"{what} grew from {max(before)} to {max(after)} in {len(samples)} rounds")
+    before, after = (median(part[3]) for part in parts)
+    descriptors, threads, children, _ = samples[quarter - 1]
+    tally.remark(f"{descriptors} descriptors, {threads} thread, {children} children throughout; "
                  f"{before:.0f} KiB at first, {after:.0f} KiB at last")
-    if not desk.tools.sanitized and after - before > MAX_GROWTH:
-        raise Damage(f"memory grew from {before:.0f} to {after:.0f} KiB in {len(samples)} rounds")
+    require(desk.tools.sanitized or after - before <= MAX_GROWTH,
+            f"memory grew from {before:.0f} to {after:.0f} KiB in {len(samples)} rounds")
 
 
 def trial(desk, random, tally):
-    label = "insertions and removals"
     configure(desk)
     desk.start()
     samples = []
     while not tally.is_over():
-        tally.tried(label)
-        desk.insert(certificates=[certificate.ann()])
-        if not eventually(lambda: desk.notes().count("in") > len(samples), 20, 0.1):
-            desk.check_alive()
-            raise Damage("an insertion was not seen")
+        tally.tried("insertions and removals")
+        desk.insert(certificate.ann())
+        require(desk.noted("in", len(samples) + 1), "an insertion was not seen")
         pause(random.choice((0.1, 0.8, 1.5)))
         desk.remove()
-        if not eventually(lambda: desk.notes().count("out") > len(samples), 20, 0.1):
-            desk.check_alive()
-            raise Damage("a removal was not seen")
+        require(desk.noted("out", len(samples) + 1), "a removal was not seen")
         samples.append(sample(desk.process.pid))
     if len(samples) >= MIN_ROUNDS:
         judge(desk, samples, tally)
