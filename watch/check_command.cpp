@@ -8,8 +8,7 @@
 #include "runtime/loader.h"
 #include "runtime/process.h"
 #include "runtime/text.h"
-#include "watch/check_placeholders.h"
-#include "watch/check_target.h"
+#include "watch/check_paths.h"
 #include "watch/command.h"
 #include "watch/parallel.h"
 #include "watch/set_command.h"
@@ -23,8 +22,7 @@ constexpr std::array<std::string_view, 6> kShells = {"sh", "bash", "dash", "zsh"
 
 class CommandCheck {
  public:
-  CommandCheck(const Place& place, const CommandUse& use, Mistakes& mistakes)
-      : place_(place), use_(use), mistakes_(mistakes) {}
+  CommandCheck(const Report& report, const CommandUse& use) : report_(report), use_(use) {}
 
   void Check(std::string_view text) {
     const CommandParts parts = SplitCommand(use_.kind, text);
@@ -53,13 +51,13 @@ class CommandCheck {
   void CheckLine(std::string_view program, std::string_view arguments) {
     const std::vector<std::string> words = runtime::SplitArguments(program, arguments);
     if (words.empty()) return Add("there is no program", "its whole path is meant");
-    CheckProgramPath(place_, words.front(), mistakes_);
+    CheckProgramPath(report_, words.front());
     CheckQuotes(program.empty(), arguments);
     CheckWords(words);
   }
 
  private:
-  void Add(std::string_view wrong, std::string_view meant) { mistakes_.Add(place_, wrong, meant); }
+  void Add(std::string_view wrong, std::string_view meant) { report_.Add(wrong, meant); }
 
   // --- words ------------------------------------------------------------------------------------
 
@@ -107,13 +105,9 @@ class CommandCheck {
       }
     }
     CheckShell(words);
-    if (words.size() >= 3 && words[words.size() - 2] == ">") CheckOutput(words.back());
-  }
-  void CheckOutput(const std::string& file) {
-    if (!HoldsPlaceholder(file)) return CheckOutputPath(place_, file, mistakes_);
-    if (!use_.isFilled) return;
-    Add("the output's path holds a placeholder, so the card decides which file is written",
-        "a file's path is meant");
+    if (words.size() >= 3 && words[words.size() - 2] == ">") {
+      CheckOutputPath(report_, use_.isFilled, words.back());
+    }
   }
   /// What a card says must not become a part of a script.
   void CheckShell(const std::vector<std::string>& words) {
@@ -145,12 +139,7 @@ class CommandCheck {
   }
   void CheckSet(std::string_view text) {
     for (const std::string& word : runtime::SplitArguments("", text)) {
-      if (!word.starts_with('-')) continue;
-      if (std::ranges::any_of(kCommandOptions, [&word](std::string_view option) {
-            return runtime::EqualsNoCase(option, word);
-          })) {
-        continue;
-      }
+      if (!word.starts_with('-') || Contains(kCommandOptions, word)) continue;
       Add("'set' knows no option " + Quoted(word),
           MeantName(word, kCommandOptions, "-config FILE or -match TEXT is meant"));
     }
@@ -159,13 +148,13 @@ class CommandCheck {
       return Add("the file's path has more than 255 characters, so 'set' fails",
                  "a shorter one is meant");
     }
-    if (!options.config.empty()) return CheckValuesPath(place_, options.config, mistakes_);
+    if (!options.config.empty()) return CheckValuesPath(report_, options.config);
     if (options.registry.empty()) Add("'set' has no file and fails", "-config FILE is meant");
   }
   void CheckDocument(std::string_view text) {
-    const std::string document(runtime::DropTrailingBlanks(runtime::SkipBlanks(text)));
-    if (document.empty()) return Add("there is no document", "its path is meant");
-    CheckDocumentPath(place_, document, mistakes_);
+    text = runtime::DropTrailingBlanks(runtime::SkipBlanks(text));
+    if (text.empty()) return Add("there is no document", "its path is meant");
+    CheckDocumentPath(report_, std::string(text));
   }
   void CheckLoad(std::string_view text) {
     const std::optional<runtime::ExternalCall> call = runtime::ParseExternalCall(text);
@@ -173,42 +162,37 @@ class CommandCheck {
       return Add("'load' needs a comma behind the library and a blank behind the function",
                  "load LIBRARY,FUNCTION ARGUMENTS is meant");
     }
-    CheckLibraryPath(place_, call->library, mistakes_);
+    CheckLibraryPath(report_, std::string(call->library));
   }
   void CheckExtern(std::string_view text) {
     const std::size_t comma = text.find(',');
     if (comma == std::string_view::npos) {
       return Add("'extern' needs a comma behind the library", "extern LIBRARY,ARGUMENTS is meant");
     }
-    CheckLibraryPath(place_, text.substr(0, comma), mistakes_);
+    CheckLibraryPath(report_, std::string(text.substr(0, comma)));
     const std::string file =
         GetCommandOption(text.substr(comma + 1), "-config", kWholeOption).value_or("");
-    if (!file.empty()) CheckValuesPath(place_, file, mistakes_);
+    if (!file.empty()) CheckValuesPath(report_, file);
   }
 
-  const Place& place_;
-  const CommandUse& use_;
-  Mistakes& mistakes_;
+  const Report& report_;
+  const CommandUse use_;
 };
 
 }  // namespace
 
-void CheckCommand(const Place& place, const CommandUse& use, std::string_view text,
-                  Mistakes& mistakes) {
-  CheckPlaceholders(place, use.isFilled, text, mistakes);
-  CommandCheck(place, use, mistakes).Check(text);
+void CheckCommand(const Report& report, const CommandUse& use, std::string_view text) {
+  CheckPlaceholders(report, use.isFilled, text);
+  CommandCheck(report, use).Check(text);
 }
 
-void CheckProgramOption(const Place& place, std::string_view program, std::string_view arguments,
-                        Mistakes& mistakes) {
-  const CommandUse use{EventKind::kInsert, false};
-  CheckPlaceholders(place, use.isFilled, arguments, mistakes);
-  CommandCheck(place, use, mistakes).CheckLine(program, arguments);
-}
-
-void CheckTarget(const Place& place, std::string_view file, Mistakes& mistakes) {
-  CheckPlaceholders(place, false, file, mistakes);
-  CheckValuesPath(place, std::string(file), mistakes);
+void CheckKeywordCommand(const Report& report, const CWatchOptions& record) {
+  if (record.program.empty()) return;
+  CheckPlaceholders(report, false, record.arguments);
+  CommandCheck(report, {EventKind::kInsert, false}).CheckLine(record.program, record.arguments);
+  if (record.configFile.empty()) return;
+  CheckPlaceholders(report, false, record.configFile);
+  CheckValuesPath(report, record.configFile);
 }
 
 std::string DescribeCommand(EventKind kind, std::string_view text) {

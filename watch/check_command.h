@@ -17,13 +17,9 @@ struct CommandUse {
 };
 
 /// Looks at programs, libraries, documents, files to fill, quotes and placeholders.
-void CheckCommand(const Place& place, const CommandUse& use, std::string_view text,
-                  Mistakes& mistakes);
-/// A program that is named by its path alone, and its arguments, whose placeholders stay.
-void CheckProgramOption(const Place& place, std::string_view program, std::string_view arguments,
-                        Mistakes& mistakes);
-/// A file that logon values are written to.
-void CheckTarget(const Place& place, std::string_view file, Mistakes& mistakes);
+void CheckCommand(const Report& report, const CommandUse& use, std::string_view text);
+/// The program of the keyword form and its file, where no placeholder is replaced.
+void CheckKeywordCommand(const Report& report, const CWatchOptions& record);
 
 /// What the command does, in a few words.
 [[nodiscard]] std::string DescribeCommand(EventKind kind, std::string_view text);

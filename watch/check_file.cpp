@@ -4,16 +4,17 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <optional>
 #include <span>
+#include <utility>
 
 #include "config/conditions.h"
+#include "config/environment.h"
 #include "config/format.h"
 #include "config/migration.h"
 #include "config/scan.h"
-#include "config/tree.h"
 #include "runtime/files.h"
 #include "runtime/notice.h"
+#include "runtime/product.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "watch/configuration.h"
@@ -21,24 +22,22 @@
 namespace qixx::watch {
 namespace {
 
-constexpr std::string_view kConditionSection = "Condition";
+/// What takes a secret without being the option of a command.
+constexpr std::string_view kSecretNames[] = {"pin", "sopin", "puk", "pwd", "password", "secret"};
 /// More conditions, and more alternatives of one value, are not looked at.
 constexpr std::size_t kMaxConditions = 1000;
 
-/// What takes a secret without being the option of a command.
-bool IsSecretName(std::string_view name) {
-  const auto names = {"pin", "sopin", "puk", "pwd", "password", "secret"};
-  return std::ranges::any_of(
-      names, [name](std::string_view secret) { return runtime::EqualsNoCase(name, secret); });
-}
-
 bool HoldsSecret(const CheckedEntry& entry) {
-  return (IsSecretName(entry.name) && !entry.value.empty()) ||
+  return (Contains(kSecretNames, entry.name) && !entry.value.empty()) ||
          runtime::MaskSecrets(entry.value) != entry.value;
 }
 
 bool IsBlank(char c) {
   return c == ' ' || c == '\t';
+}
+
+std::string MeantLength(std::size_t maxLength) {
+  return "at most " + std::to_string(maxLength) + " are meant";
 }
 
 }  // namespace
@@ -47,21 +46,21 @@ bool LessNoCase::operator()(std::string_view a, std::string_view b) const {
   return runtime::CompareNoCase(a, b) < 0;
 }
 
-// --- reading ------------------------------------------------------------------------------------
+// --- reading a file -----------------------------------------------------------------------------
 
 std::string CheckedFile::Load(const std::string& path) {
-  path_ = path;
   if (path.size() > runtime::kMaxText) return "its path has more than 255 characters";
   if (std::string reason = WhyUnreadable(path); !reason.empty()) return reason;
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return std::string(runtime::ErrorText(errno));
-  othersRead_ = (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
   std::optional<std::string> raw = runtime::ReadWholeFile(path);
   if (!raw) return "reading it fails";
   config::NormaliseLoaded(*raw);
-  looksOld_ = config::LooksOld(*raw);
   if (file_.Open(false, path, true) != config::ConfigResult::kOk) return "reading it fails";
-  if (!raw->empty() && file_.GetText().value_or("").empty()) return "its text cannot be read";
+  if (!raw->empty() && Text().empty()) return "its text cannot be read";
+  path_ = path;
+  looksOld_ = config::LooksOld(*raw);
+  othersRead_ = (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
   Parse();
   return {};
 }
@@ -77,82 +76,63 @@ void CheckedFile::Parse() {
         std::ranges::count(text.substr(counted, next->begin - counted), '\n'));
     counted = next->begin;
     isCut_ = ++read > kMaxCheckedLines;
-    if (isCut_) break;
+    if (isCut_) return;
     Take(*next, line);
   }
-  conditions_ = Find(kConditionSection);
 }
 
 void CheckedFile::Take(const config::TreeLine& next, std::size_t line) {
   const std::string_view text = next.text;
   switch (next.kind) {
     case config::TreeLineKind::kSection:
-      return TakeSection(config::HeaderName(text), line);
+      return TakeNamed("section ", CheckedSection{config::HeaderName(text), line, {}}, sections_);
     case config::TreeLineKind::kEntry:
-      return TakeEntry({config::EntryName(text), config::EntryValue(text), line});
+      return TakeNamed("entry ",
+                       CheckedEntry{config::EntryName(text), config::EntryValue(text), line},
+                       sections_.all.back().entries);
     case config::TreeLineKind::kNameless:
-      return oddLines_.push_back({text, line, "is no section", "[NAME] is meant"});
+      return odd_.Add(At(line), Quoted(text) + " is no section", "[NAME] is meant");
     case config::TreeLineKind::kIndented:
-      return TakeOdd(runtime::SkipBlanks(text), line, "begins with a blank and is not read",
+      return TakeOdd(runtime::SkipBlanks(text), line, " begins with a blank and is not read",
                      "it has to begin at the start of the line");
     case config::TreeLineKind::kPlain:
-      return TakeOdd(text, line, "is no entry", "NAME=VALUE is meant, or a comment behind ';'");
+      return TakeOdd(text, line, " is no entry", "NAME=VALUE is meant, or a comment behind ';'");
     case config::TreeLineKind::kOutside:
-      return TakeOdd(text, line, "stands in front of the first section and is not read",
+      return TakeOdd(text, line, " stands in front of the first section and is not read",
                      "it belongs behind a line [NAME]");
   }
 }
 
-void CheckedFile::TakeSection(std::string_view name, std::size_t line) {
-  const auto [last, isFirst] = lastSections_.emplace(name, sections_.size());
+template <typename Line>
+void CheckedFile::TakeNamed(const char* what, Line next, NamedLines<Line>& lines) {
+  const auto [last, isFirst] = lines.last.emplace(next.name, lines.all.size());
   if (!isFirst) {
-    repeats_.push_back({"section ", name, sections_[last->second].line, line});
-    last->second = sections_.size();
+    repeated_.Add(At(lines.all[last->second].line), what + Quoted(next.name) + " stands once more",
+                  "only the last one counts, in line " + std::to_string(next.line));
+    last->second = lines.all.size();
   }
-  sections_.push_back({name, line, {}, {}});
-}
-
-void CheckedFile::TakeEntry(const CheckedEntry& entry) {
-  CheckedSection& section = sections_.back();
-  const auto [last, isFirst] = section.lastEntries.emplace(entry.name, section.entries.size());
-  if (!isFirst) {
-    const std::size_t earlier = section.entries[last->second].line;
-    repeats_.push_back({"entry ", entry.name, earlier, entry.line});
-    last->second = section.entries.size();
-  }
-  section.entries.push_back(entry);
+  lines.all.push_back(std::move(next));
 }
 
 /// A line that the service passes over, where it is not meant to.
-void CheckedFile::TakeOdd(std::string_view text, std::size_t line, const char* wrong,
-                          const char* meant) {
+void CheckedFile::TakeOdd(std::string_view text, std::size_t line, std::string_view wrong,
+                          std::string_view meant) {
   if (text.empty() || config::IsComment(text) || text.starts_with("//")) return;
-  oddLines_.push_back({config::EntryName(text), line, wrong, meant});
+  odd_.Add(At(line), Quoted(config::EntryName(text)).append(wrong), meant);
 }
 
 const CheckedSection* CheckedFile::Find(std::string_view section) const {
-  const auto last = lastSections_.find(section);
-  return last == lastSections_.end() ? nullptr : &sections_[last->second];
+  return sections_.Find(section);
 }
 
 const CheckedEntry* CheckedFile::Find(std::string_view section, std::string_view entry) const {
   const CheckedSection* const held = Find(section);
-  if (held == nullptr) return nullptr;
-  const auto last = held->lastEntries.find(entry);
-  return last == held->lastEntries.end() ? nullptr : &held->entries[last->second];
+  return held == nullptr ? nullptr : held->entries.Find(entry);
 }
 
-// --- mistakes -----------------------------------------------------------------------------------
+// --- mistakes of a file -------------------------------------------------------------------------
 
 void CheckedFile::CheckLines(Mistakes& mistakes) const {
-  CheckLayout(mistakes);
-  CheckRepeated(mistakes);
-  for (const CheckedSection& section : sections_) {
-    for (const CheckedEntry& entry : section.entries) CheckEntry(entry, mistakes);
-  }
-}
-
-void CheckedFile::CheckLayout(Mistakes& mistakes) const {
   if (looksOld_) {
     mistakes.Add(
         At(1), "it has section names of an older version, which change on each load",
@@ -162,85 +142,130 @@ void CheckedFile::CheckLayout(Mistakes& mistakes) const {
     mistakes.Add(At(1), "it has more lines than are checked",
                  "the first " + std::to_string(kMaxCheckedLines) + " were");
   }
-  for (const OddLine& odd : oddLines_) {
-    mistakes.Add(At(odd.line), Quoted(odd.text) + " " + odd.wrong, odd.meant);
-  }
-}
-
-void CheckedFile::CheckRepeated(Mistakes& mistakes) const {
-  for (const Repeat& repeat : repeats_) {
-    mistakes.Add(At(repeat.line), repeat.what + Quoted(repeat.name) + " stands once more",
-                 "only the last one counts, in line " + std::to_string(repeat.laterLine));
+  mistakes.Add(odd_);
+  mistakes.Add(repeated_);
+  for (const CheckedSection& section : Sections()) {
+    for (const CheckedEntry& entry : section.entries.all) CheckEntry(entry, mistakes);
   }
 }
 
 void CheckedFile::CheckEntry(const CheckedEntry& entry, Mistakes& mistakes) const {
-  const std::string_view name = entry.name;
-  const std::string_view value = entry.value;
+  const auto [name, value, line] = entry;
   if (name.starts_with('#')) return;  // a comment that holds a '='
+  const Report report(At(line), mistakes);
   if (!name.empty() && (IsBlank(name.back()) || IsBlank(name.front()))) {
-    mistakes.Add(At(entry.line), "entry " + Quoted(name) + " is not found for its blanks",
-                 "no blank may stand beside the name");
+    report.Add("entry " + Quoted(name) + " is not found for its blanks",
+               "no blank may stand beside the name");
   }
   if (!value.empty() && (IsBlank(value.front()) || value.back() == '\t')) {
-    mistakes.Add(At(entry.line),
-                 "the blank at the " + std::string(IsBlank(value.front()) ? "begin" : "end") +
-                     " belongs to the value of " + Quoted(name),
-                 "no blank may stand there");
+    report.Add("the blank at the " + std::string(IsBlank(value.front()) ? "begin" : "end") +
+                   " belongs to the value of " + Quoted(name),
+               "no blank may stand there");
   }
   if (othersRead_ && HoldsSecret(entry)) {
-    mistakes.Add(At(entry.line),
-                 "entry " + Quoted(name) + " looks like a secret, and others may read the file",
-                 "take their permission away (chmod go=), or keep the secret elsewhere");
+    report.Add("entry " + Quoted(name) + " looks like a secret, and others may read the file",
+               "take their permission away (chmod go=), or keep the secret elsewhere");
   }
-  CheckConditions(entry, mistakes);
+  if (config::IsConditional(value)) CheckConditions(value, report);
 }
 
-bool CheckedFile::IsNamedCondition(std::string_view name) const {
-  if (conditions_ == nullptr) return false;
-  const std::span entries(conditions_->entries);
-  return std::ranges::any_of(
-      entries.first(std::min(entries.size(), kMaxConditions)),
-      [name](const CheckedEntry& entry) { return entry.value.starts_with(name); });
-}
-
-void CheckedFile::CheckTerm(const Place& place, std::string_view term, Mistakes& mistakes) const {
-  const bool isNumber = !term.empty() && term.front() >= '0' && term.front() <= '9';
-  if (isNumber || runtime::StartsWithNoCase(term, "mode:")) {
-    mistakes.Add(place, "condition " + Quoted(term) + " never holds here",
-                 "'*', the name of a program or a {name} is meant");
-  } else if (term.starts_with('{') && !IsNamedCondition(term)) {
-    mistakes.Add(place, "condition " + Quoted(term) + " is not defined and never holds",
-                 "section 'Condition' has to name it");
-  } else if (!term.empty() && (IsBlank(term.front()) || IsBlank(term.back()))) {
-    mistakes.Add(place, "condition " + Quoted(term) + " never holds for its blanks",
-                 "no blank may stand beside it");
-  }
-}
-
-void CheckedFile::CheckConditions(const CheckedEntry& entry, Mistakes& mistakes) const {
-  if (!config::IsConditional(entry.value)) return;
-  const Place place = At(entry.line);
-  std::string_view rest = entry.value;
+void CheckedFile::CheckConditions(std::string_view rest, const Report& report) const {
   for (std::size_t number = 0; number < kMaxConditions && rest.data() != nullptr; ++number) {
     const config::Alternative alternative = config::TakeAlternative(rest);
     if (!alternative.condition) {
       if (rest.data() == nullptr) return;
-      mistakes.Add(place, "what stands behind " + Quoted(alternative.value) + " is never taken",
-                   "'||' separates alternatives with conditions and is no \"or\" of a shell");
-      return;
+      return report.Add("what stands behind " + Quoted(alternative.value) + " is never taken",
+                        "'||' separates alternatives with conditions and is no \"or\" of a shell");
     }
     bool always = true;
     std::string_view condition = *alternative.condition;
     do {
       const std::string_view term = config::TakeTerm(condition);
-      CheckTerm(place, term, mistakes);
+      CheckTerm(term, report);
       always = always && (term.empty() || term == "*");
     } while (condition.data() != nullptr);
     if (always) return;
   }
-  mistakes.Add(place, "where no condition holds the whole text counts, with its bars",
-               "a last alternative without a condition is meant");
+  report.Add("where no condition holds the whole text counts, with its bars",
+             "a last alternative without a condition is meant");
+}
+
+void CheckedFile::CheckTerm(std::string_view term, const Report& report) const {
+  if (term.empty()) return;
+  const bool isNumber = term.front() >= '0' && term.front() <= '9';
+  if (isNumber || runtime::StartsWithNoCase(term, "mode:")) {
+    report.Add("condition " + Quoted(term) + " never holds here",
+               "'*', the name of a program or a {name} is meant");
+  } else if (term.starts_with('{') && !IsNamedCondition(term)) {
+    report.Add("condition " + Quoted(term) + " is not defined and never holds",
+               "section 'Condition' has to name it");
+  } else if (IsBlank(term.front()) || IsBlank(term.back())) {
+    report.Add("condition " + Quoted(term) + " never holds for its blanks",
+               "no blank may stand beside it");
+  }
+}
+
+bool CheckedFile::IsNamedCondition(std::string_view name) const {
+  const CheckedSection* const conditions = Find("Condition");
+  if (conditions == nullptr) return false;
+  const std::span entries(conditions->entries.all);
+  return std::ranges::any_of(
+      entries.first(std::min(entries.size(), kMaxConditions)),
+      [name](const CheckedEntry& entry) { return entry.value.starts_with(name); });
+}
+
+// --- values -------------------------------------------------------------------------------------
+
+std::string CheckedConfiguration::Load(CheckedRole role, const std::string& path) {
+  CheckedFile& file = files_[static_cast<std::size_t>(role)];
+  std::string fault = file.Load(path);
+  if (fault.empty() && role == CheckedRole::kSystem) {
+    static_cast<void>(store_.OpenItem(false, path));
+    const config::CConfigItem* const item = store_.Item(0);
+    isSameText_ = item != nullptr && !file.IsCut() && item->GetText() == file.Text();
+  }
+  return fault;
+}
+
+/// Lists are read from their first entry to their last, and the store walks over the section for
+/// each of them; so a plain value is taken from its line.
+std::optional<config::ConfigValue> CheckedConfiguration::Find(std::string_view section,
+                                                              std::string_view entry,
+                                                              const CheckedEntry* line) {
+  const bool isPlain = isSameText_ && line != nullptr && !config::IsConditional(line->value) &&
+                       !config::FindProductVariable({":", section, ":", entry});
+  if (isPlain) return config::ConfigValue{std::string(line->value), config::ConfigOrigin::kFile};
+  return store_.GetString(section, entry, std::string::npos);
+}
+
+std::optional<CheckedValue> CheckedConfiguration::Read(std::string_view section,
+                                                       std::string_view entry,
+                                                       std::size_t maxLength, Mistakes& mistakes) {
+  const CheckedEntry* const line = System().Find(section, entry);
+  std::optional<config::ConfigValue> value = Find(section, entry, line);
+  if (!value) return std::nullopt;
+  Place place = System().At(line != nullptr ? line->line : 1);
+  if (value->origin != config::ConfigOrigin::kEnvironment) {
+    CheckLength(place, entry, value->text, maxLength, mistakes);
+    return CheckedValue{std::move(value->text), std::move(place)};
+  }
+  place = {std::string(runtime::Product().prefix)};
+  place.file.append(":").append(section).append(":").append(entry);
+  const std::size_t length = value->text.size();
+  if (length <= maxLength) return CheckedValue{std::move(value->text), std::move(place)};
+  mistakes.Add(place,
+               "the value has " + std::to_string(length) + " characters and counts for nothing",
+               MeantLength(maxLength));
+  return std::nullopt;
+}
+
+void CheckLength(const Place& place, std::string_view entry, std::string_view value,
+                 std::size_t maxLength, Mistakes& mistakes) {
+  if (value.size() <= maxLength) return;
+  mistakes.Add(
+      place,
+      "entry " + Quoted(entry) + " has " + std::to_string(value.size()) + " characters and is cut",
+      MeantLength(maxLength));
 }
 
 }  // namespace qixx::watch

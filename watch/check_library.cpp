@@ -3,11 +3,12 @@
 #include <dirent.h>
 
 #include <memory>
+#include <optional>
 
 #include "runtime/files.h"
 #include "runtime/loader.h"
 #include "runtime/product.h"
-#include "watch/check_target.h"
+#include "watch/check_paths.h"
 #include "watch/options.h"
 
 namespace qixx::watch {
@@ -37,39 +38,27 @@ bool IsBridge(const std::string& library) {
 
 }  // namespace
 
-CardLibraryCheck::CardLibraryCheck(const std::string& devices, Mistakes& mistakes)
-    : devices_(devices), mistakes_(mistakes), directory_(runtime::LibraryDirectory()) {}
-
-void CardLibraryCheck::CheckDirectory(CheckedConfiguration& configuration) {
+std::string CheckLibraryDirectory(CheckedConfiguration& configuration, Mistakes& mistakes) {
   const std::optional<CheckedValue> value =
-      configuration.Read("Install", "Directory", kMaxOption, mistakes_);
-  if (!value || value->text.empty()) return;
-  directory_ = value->text.substr(0, kMaxOption);
-  if (!directory_.ends_with('/')) directory_ += '/';
+      configuration.Read("Install", "Directory", kMaxOption, mistakes);
+  if (!value || value->text.empty()) return runtime::LibraryDirectory();
+  std::string directory = value->text.substr(0, kMaxOption);
+  if (!directory.ends_with('/')) directory += '/';
   const std::string library = LibraryName();
-  if (!IsFolder(directory_)) {
-    mistakes_.Add(value->place, "there is no folder " + Quoted(directory_),
-                  "the folder of '" + library + "' is meant");
-  } else if (!runtime::PathExists(directory_ + library) &&
+  if (!IsFolder(directory)) {
+    mistakes.Add(value->place, "there is no folder " + Quoted(directory),
+                 "the folder of '" + library + "' is meant");
+  } else if (!runtime::PathExists(directory + library) &&
              !runtime::PathExists(runtime::LibraryDirectory() + library)) {
-    mistakes_.Add(value->place, "there is no '" + library + "' in " + Quoted(directory_),
-                  "the folder of that library is meant");
+    mistakes.Add(value->place, "there is no '" + library + "' in " + Quoted(directory),
+                 "the folder of that library is meant");
   }
+  return directory;
 }
 
-void CardLibraryCheck::CheckReaders(const Place& watcher) {
-  if (!confusing_) confusing_ = CountConfusingReaders();
-  if (*confusing_ == 0) return;
-  mistakes_.Add(watcher,
-                "with '-sync' and " + std::to_string(*confusing_) +
-                    " readers an event of an empty one makes the service forget the card",
-                "the bridge is meant, which tells of one card at a time, or no '-sync'");
-}
-
-/// A single reader confuses nobody, nor do those behind the bridge.
-std::size_t CardLibraryCheck::CountConfusingReaders() const {
-  const std::size_t readers = CountReaders(devices_);
-  return readers < 2 || IsBridge(directory_ + LibraryName()) ? 0 : readers;
+std::size_t CountConfusingReaders(const std::string& devices, const std::string& directory) {
+  const std::size_t readers = CountReaders(devices);
+  return readers < 2 || IsBridge(directory + LibraryName()) ? 0 : readers;
 }
 
 }  // namespace qixx::watch

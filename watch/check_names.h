@@ -3,8 +3,7 @@
 
 #include <span>
 
-#include "watch/check_report.h"
-#include "watch/check_values.h"
+#include "watch/check_file.h"
 #include "watch/check_watchers.h"
 
 namespace qixx::watch {

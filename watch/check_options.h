@@ -10,8 +10,7 @@
 namespace qixx::watch {
 
 /// What becomes of a watch command, and what in it was not taken as it was meant.
-[[nodiscard]] CWatchOptions CheckWatchCommand(const Place& place, std::string_view text,
-                                              Mistakes& mistakes);
+[[nodiscard]] CWatchOptions CheckWatchCommand(const Report& report, std::string_view text);
 
 /// The options of a watcher in a few words, empty when there are none.
 [[nodiscard]] std::string DescribeOptions(const CWatchOptions& record);

@@ -1,11 +1,12 @@
 #include "watch/check_report.h"
 
-#include <algorithm>
 #include <numeric>
+#include <optional>
 #include <tuple>
 
 #include "runtime/secrets.h"
 #include "runtime/text.h"
+#include "watch/card_text.h"
 
 namespace qixx::watch {
 namespace {
@@ -14,29 +15,10 @@ constexpr std::size_t kMaxShown = 160;
 /// Longer names are compared up to here.
 constexpr std::size_t kMaxCompared = 64;
 
-/// Of a byte in UTF-8: how many follow it; none for one that follows another or is invalid.
-std::size_t Followers(unsigned char lead) {
-  if (lead >= 0xF0 && lead <= 0xF4) return 3;
-  if (lead >= 0xE0) return lead <= 0xEF ? 2 : 0;
-  return lead >= 0xC2 ? 1 : 0;
-}
-
-bool IsWholeCharacter(std::string_view text, std::size_t followers) {
-  if (text.size() <= followers) return false;
-  return std::ranges::all_of(text.substr(1, followers), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
-  });
-}
-
-/// C1 control characters, and the marks that turn the direction of writing or break lines.
-bool IsHarmful(std::string_view character) {
-  const auto at = [character](std::size_t i) { return static_cast<unsigned char>(character[i]); };
-  if (character.size() == 2) {
-    return (at(0) == 0xC2 && at(1) < 0xA0) || (at(0) == 0xD8 && at(1) == 0x9C);
-  }
-  if (character.size() != 3 || at(0) != 0xE2) return false;
-  if (at(1) == 0x80) return (at(2) >= 0x8B && at(2) <= 0x8F) || (at(2) >= 0xA8 && at(2) <= 0xAE);
-  return at(1) == 0x81 && at(2) >= 0xA0 && at(2) <= 0xAF;
+/// What a terminal does not show, or shows as another text than there is.
+bool IsHarmful(char32_t character) {
+  return Misleads(character) || (character >= 0x200B && character <= 0x200F) ||
+         character == 0x2028 || character == 0x2029 || (character >= 0x2060 && character <= 0x206F);
 }
 
 /// How many characters have to be changed, put in, left out, or swapped with their neighbour. Where
@@ -67,9 +49,9 @@ std::size_t Distance(std::string_view a, std::string_view b, std::size_t limit) 
 void Mistakes::Add(const Place& place, std::string_view wrong, std::string_view meant) {
   ++count_;
   if (told_.size() >= kMaxTold) return;
-  std::size_t file = 0;
-  while (file < files_.size() && files_[file] != place.file) ++file;
-  if (file == files_.size()) files_.push_back(place.file);
+  const auto known = std::ranges::find(files_, place.file);
+  const auto file = static_cast<std::size_t>(known - files_.begin());
+  if (known == files_.end()) files_.push_back(place.file);
   std::string text(wrong);
   if (!meant.empty()) text.append("; ").append(meant);
   told_.push_back({file, place.line, std::move(text)});
@@ -106,19 +88,23 @@ std::string Shown(std::string_view text) {
   std::string shown;
   for (std::string_view left = masked; !left.empty();) {
     if (shown.size() >= kMaxShown) return shown + "...";
-    const auto lead = static_cast<unsigned char>(left.front());
-    const std::size_t followers = Followers(lead);
-    const bool whole = lead < 0x80 || (followers != 0 && IsWholeCharacter(left, followers));
-    const std::string_view character = left.substr(0, whole ? followers + 1 : 1);
-    const bool isControl = lead < ' ' || lead == 0x7F;
-    shown.append(!whole || isControl || IsHarmful(character) ? "?" : character);
-    left.remove_prefix(character.size());
+    const std::optional<char32_t> character = runtime::TakeUtf8(left);
+    if (!character || IsHarmful(*character)) {
+      shown += '?';
+    } else {
+      runtime::AppendUtf8(shown, *character);
+    }
   }
   return shown;
 }
 
 std::string Quoted(std::string_view text) {
   return "'" + Shown(text) + "'";
+}
+
+bool Contains(std::span<const std::string_view> names, std::string_view name) {
+  return std::ranges::any_of(
+      names, [name](std::string_view other) { return runtime::EqualsNoCase(name, other); });
 }
 
 std::string_view NearestName(std::string_view name, std::span<const std::string_view> candidates) {

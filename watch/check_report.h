@@ -1,10 +1,13 @@
 // What a check of the configuration finds, and how it is said.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace qixx::watch {
@@ -41,13 +44,33 @@ class Mistakes {
   std::size_t count_ = 0;
 };
 
+/// Takes the mistakes of one place.
+class Report {
+ public:
+  Report(Place place, Mistakes& mistakes) : place_(std::move(place)), mistakes_(mistakes) {}
+  void Add(std::string_view wrong, std::string_view meant) const {
+    mistakes_.Add(place_, wrong, meant);
+  }
+
+ private:
+  const Place place_;
+  Mistakes& mistakes_;
+};
+
 /// A text for one line of a terminal: masked secrets, nothing that is not printable, not too long.
 [[nodiscard]] std::string Shown(std::string_view text);
 /// The same between single quotes.
 [[nodiscard]] std::string Quoted(std::string_view text);
 
-/// The candidate that `name` was probably meant to be, letter case ignored; empty when none is near
-/// enough.
+/// The names of a table's rows.
+[[nodiscard]] std::vector<std::string_view> NamesOf(const auto& rows, const auto& name) {
+  std::vector<std::string_view> names;
+  std::ranges::transform(rows, std::back_inserter(names), name);
+  return names;
+}
+/// Whether the name is one of them. Letter case is ignored here and below.
+[[nodiscard]] bool Contains(std::span<const std::string_view> names, std::string_view name);
+/// The candidate that `name` was probably meant to be; empty when none is near enough.
 [[nodiscard]] std::string_view NearestName(std::string_view name,
                                            std::span<const std::string_view> candidates);
 /// "'candidate' is meant", or `otherwise` when there is none near.

@@ -1,11 +1,14 @@
 #include "watch/check_watchers.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
 #include <utility>
 
+#include "runtime/text.h"
 #include "watch/check_command.h"
 #include "watch/check_options.h"
+#include "watch/command.h"
 #include "watch/configuration.h"
 #include "watch/event_table.h"
 #include "watch/extra_watchers.h"
@@ -30,11 +33,10 @@ class Collection {
  private:
   /// The file beside the program comes before the system's.
   std::optional<CheckedValue> ReadFirstCommand() {
-    if (const CheckedFile* const beside = configuration_.File(CheckedRole::kBeside)) {
-      const CheckedEntry* const entry = beside->Find(kCommandSection, kWatchEntry);
-      if (entry != nullptr && !entry->value.empty()) {
-        return CheckedValue{std::string(entry->value), beside->At(entry->line)};
-      }
+    const CheckedFile& beside = configuration_.File(CheckedRole::kBeside);
+    const CheckedEntry* const entry = beside.Find(kCommandSection, kWatchEntry);
+    if (entry != nullptr && !entry->value.empty()) {
+      return CheckedValue{std::string(entry->value), beside.At(entry->line)};
     }
     std::optional<CheckedValue> value =
         configuration_.Read(kCommandSection, kWatchEntry, kMaxCommandLine, mistakes_);
@@ -42,9 +44,7 @@ class Collection {
     return value;
   }
   void AddExtra(const std::string& name) {
-    const bool isKnown = std::ranges::any_of(
-        watchers_, [&name](const CheckedWatcher& other) { return other.name == name; });
-    if (isKnown) return;
+    if (std::ranges::find(watchers_, name, &CheckedWatcher::name) != watchers_.end()) return;
     if (watchers_.size() <= kMaxExtraWatchers) return Add(name, ReadExtraCommand(name));
     if (std::exchange(tooMany_, true)) return;
     mistakes_.Add(watchers_.front().place, "extra watcher " + Quoted(name) + " is not started",
@@ -55,14 +55,11 @@ class Collection {
     CheckedValue command{
         ReadFileText(configuration_.Store(), kCommandSection, entry, std::string::npos),
         watchers_.front().place};
-    if (command.text.empty()) {
-      command.text = UsualExtraCommand(name);
-      return command;
-    }
-    const CheckedFile* const file = configuration_.File(CheckedRole::kSystem);
-    const CheckedEntry* const line = file != nullptr ? file->Find(kCommandSection, entry) : nullptr;
+    if (command.text.empty()) return {UsualExtraCommand(name), std::move(command.place)};
+    const CheckedFile& file = configuration_.System();
+    const CheckedEntry* const line = file.Find(kCommandSection, entry);
     if (line == nullptr) return command;
-    command.place = file->At(line->line);
+    command.place = file.At(line->line);
     CheckLength(command.place, entry, command.text, kMaxCommandLine - kChildMark.size(), mistakes_);
     if (command.text.find('"') != std::string::npos) {
       mistakes_.Add(command.place, "double quotes do not reach an extra watcher",
@@ -73,7 +70,7 @@ class Collection {
   void Add(const std::string& name, CheckedValue command) {
     command.text.resize(std::min(command.text.size(), kMaxCommandLine));
     CheckedWatcher watcher{name, std::move(command.place), {}};
-    watcher.record = CheckWatchCommand(watcher.place, command.text, mistakes_);
+    watcher.record = CheckWatchCommand({watcher.place, mistakes_}, command.text);
     std::ranges::move(ExtraWatcherNames(SplitConfigRest(watcher.record)),
                       std::back_inserter(named_));
     watchers_.push_back(std::move(watcher));
@@ -86,6 +83,39 @@ class Collection {
   bool tooMany_ = false;
 };
 
+// --- numbered entries ---------------------------------------------------------------------------
+
+bool IsListNumber(std::string_view name) {
+  const std::uint64_t number = runtime::ParseDecimal(name);
+  return number != 0 && std::to_string(number) == name;
+}
+
+/// Behind the end of a list nothing is reached.
+void CheckEnd(const CheckedFile& file, const CheckedEntry& entry, std::uint64_t missing,
+              Mistakes& mistakes) {
+  if (runtime::ParseDecimal(entry.name) <= missing) return;
+  mistakes.Add(file.At(entry.line), "entry " + Quoted(entry.name) + " is never reached",
+               "the list ends at the missing '" + std::to_string(missing) + "'");
+}
+
+/// What stands behind the end of an event's list, or is no number.
+void CheckNumbers(const CheckedFile& file, const std::string& section, std::size_t missing,
+                  Mistakes& mistakes) {
+  const CheckedSection* const held = file.Find(section);
+  if (held == nullptr) return;
+  for (const CheckedEntry& entry : held->entries.all) {
+    const std::string_view name = entry.name;
+    if (name.starts_with('#')) continue;
+    if (name.starts_with(' ') || name.ends_with(' ')) continue;  // said with the blank
+    if (IsListNumber(name)) {
+      CheckEnd(file, entry, missing, mistakes);
+    } else {
+      mistakes.Add(file.At(entry.line), "entry " + Quoted(name) + " is not read",
+                   "numbers from 1 are meant");
+    }
+  }
+}
+
 // --- what they run ------------------------------------------------------------------------------
 
 bool HasFirst(CheckedConfiguration& configuration, const std::string& section) {
@@ -96,33 +126,19 @@ bool HasFirst(CheckedConfiguration& configuration, const std::string& section) {
 
 void CheckSections(const CheckedWatcher& watcher, CheckedConfiguration& configuration,
                    EventLists& lists, Mistakes& mistakes) {
-  const std::string& name = watcher.record.section;
+  const std::string name = Quoted(watcher.record.section);
   const std::optional<EventSections> sections = EventSectionsOf(watcher.record);
   if (!sections) {
-    return mistakes.Add(watcher.place, "watcher " + Quoted(name) + " has a name that is too long",
+    return mistakes.Add(watcher.place, "watcher " + name + " has a name that is too long",
                         "at most 50 characters are meant");
   }
   const auto& [insert, remove] = *sections;
   if (!HasFirst(configuration, insert) && !HasFirst(configuration, remove)) {
-    mistakes.Add(watcher.place, "watcher " + Quoted(name) + " has nothing to run",
+    mistakes.Add(watcher.place, "watcher " + name + " has nothing to run",
                  "an entry 1 in section " + Quoted(insert) + " or " + Quoted(remove) + " is meant");
   }
   mistakes.Add(lists.Read(EventKind::kInsert, insert).mistakes);
   mistakes.Add(lists.Read(EventKind::kRemove, remove).mistakes);
-}
-
-void CheckDirect(const CheckedWatcher& watcher, Mistakes& mistakes) {
-  const std::optional<DirectCommand> command = DirectCommandOf(watcher.record);
-  if (command) {
-    CheckCommand(watcher.place, {EventKind::kInsert, false}, command->text, mistakes);
-  }
-}
-
-void CheckKeyword(const CheckedWatcher& watcher, Mistakes& mistakes) {
-  const CWatchOptions& record = watcher.record;
-  if (record.program.empty()) return;
-  CheckProgramOption(watcher.place, record.program, record.arguments, mistakes);
-  if (!record.configFile.empty()) CheckTarget(watcher.place, record.configFile, mistakes);
 }
 
 }  // namespace
@@ -132,15 +148,60 @@ std::vector<CheckedWatcher> CollectWatchers(CheckedConfiguration& configuration,
   return Collection(configuration, mistakes).Take();
 }
 
+const EventList& EventLists::Read(EventKind kind, const std::string& section) {
+  const auto [list, isNew] = lists_.try_emplace(section);
+  if (isNew) Fill(kind, section, list->second);
+  return list->second;
+}
+
+void EventLists::Fill(EventKind kind, const std::string& section, EventList& list) {
+  const bool isInsert = kind == EventKind::kInsert;
+  const std::size_t maxLength = isInsert ? kMaxInsertEntry : kMaxRemoveEntry;
+  std::optional<std::size_t> failing;
+  for (std::size_t number = 1; number <= kMaxCheckedList; ++number) {
+    std::optional<CheckedValue> value =
+        configuration_.Read(section, std::to_string(number), maxLength, list.mistakes);
+    if (!value) return CheckNumbers(configuration_.System(), section, number, list.mistakes);
+    list.hasEntries = true;
+    const Report report(std::move(value->place), list.mistakes);
+    std::string command = std::move(value->text);
+    command.resize(std::min(command.size(), maxLength));
+    if (command.empty()) continue;
+    if (isInsert && failing) {
+      report.Add("the command is never run, for entry '" + std::to_string(*failing) +
+                     "' fails and ends the list",
+                 "it belongs in front of that");
+    }
+    CheckCommand(report, {kind, isInsert}, command);
+    if (SplitCommand(kind, command).kind == CommandKind::kFailure && !failing) failing = number;
+    list.commands.push_back({number, std::move(command)});
+  }
+  list.mistakes.Add(configuration_.System().At(1),
+                    "the list " + Quoted(section) + " has more commands than are checked",
+                    "the first " + std::to_string(kMaxCheckedList) + " were");
+}
+
+void CheckNumbered(const CheckedFile& file, const CheckedSection& section, Mistakes& mistakes) {
+  std::uint64_t missing = 1;
+  while (section.entries.Find(std::to_string(missing)) != nullptr) ++missing;
+  for (const CheckedEntry& entry : section.entries.all) {
+    if (IsListNumber(entry.name)) CheckEnd(file, entry, missing, mistakes);
+  }
+}
+
 void CheckWatcher(const CheckedWatcher& watcher, CheckedConfiguration& configuration,
                   EventLists& lists, Mistakes& mistakes) {
+  const Report report(watcher.place, mistakes);
   switch (FormOf(watcher.record)) {
     case CommandForm::kSection:
       return CheckSections(watcher, configuration, lists, mistakes);
     case CommandForm::kDirect:
-      return CheckDirect(watcher, mistakes);
+      if (const std::optional<DirectCommand> command = DirectCommandOf(watcher.record)) {
+        CheckCommand(report, {EventKind::kInsert, false}, command->text);
+      }
+      return;
     case CommandForm::kKeyword:
-      return CheckKeyword(watcher, mistakes);
+      return CheckKeywordCommand(report, watcher.record);
   }
 }
 

@@ -2,14 +2,16 @@
 // each.
 #pragma once
 
+#include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "watch/check_lists.h"
+#include "watch/check_file.h"
 #include "watch/check_report.h"
-#include "watch/check_values.h"
+#include "watch/event.h"
 #include "watch/options.h"
 
 namespace qixx::watch {
@@ -24,6 +26,43 @@ struct CheckedWatcher {
 /// watch commands are checked.
 [[nodiscard]] std::vector<CheckedWatcher> CollectWatchers(CheckedConfiguration& configuration,
                                                           Mistakes& mistakes);
+
+// --- what they run ------------------------------------------------------------------------------
+
+/// More commands of a list are not looked at.
+inline constexpr std::size_t kMaxCheckedList = 2000;
+
+struct NumberedCommand {
+  std::size_t number = 1;
+  std::string text;  ///< cut as the service cuts it, never empty
+};
+
+/// What an event runs.
+struct EventList {
+  std::vector<NumberedCommand> commands;
+  bool hasEntries = false;  ///< also when they are all empty
+  Mistakes mistakes;
+};
+
+/// The lists of a configuration, each of which is read and checked once: many watchers may share
+/// one.
+class EventLists {
+ public:
+  explicit EventLists(CheckedConfiguration& configuration) : configuration_(configuration) {}
+
+  /// The list of an event section, which belongs to this object.
+  [[nodiscard]] const EventList& Read(EventKind kind, const std::string& section);
+
+ private:
+  void Fill(EventKind kind, const std::string& section, EventList& list);
+
+  CheckedConfiguration& configuration_;
+  /// By name, whose letter case counts in the environment.
+  std::map<std::string, EventList> lists_;
+};
+
+/// Entries of a section that no program reads because a number in front of theirs is missing.
+void CheckNumbered(const CheckedFile& file, const CheckedSection& section, Mistakes& mistakes);
 
 /// What a watcher would run.
 void CheckWatcher(const CheckedWatcher& watcher, CheckedConfiguration& configuration,

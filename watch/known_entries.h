@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string_view>
 
+#include "runtime/text.h"
 #include "watch/extra_watchers.h"
 #include "watch/watch_main.h"
 
@@ -20,6 +21,11 @@ struct KnownEntry {
   std::string_view entry;  ///< one that ends in a blank is followed by a name
   std::size_t maxLength;
   bool ofUser;  ///< the user's file is asked before the system's
+
+  [[nodiscard]] bool IsNamed(std::string_view name) const {
+    return entry.ends_with(' ') ? runtime::StartsWithNoCase(name, entry)
+                                : runtime::EqualsNoCase(name, entry);
+  }
 };
 
 /// Without those that are named after a watcher: its event sections, and its own section with the

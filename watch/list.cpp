@@ -16,7 +16,7 @@
 namespace qixx::watch {
 namespace {
 
-FileReason ReasonOf(config::PathOrigin origin) {
+Wording ReasonOf(config::PathOrigin origin) {
   switch (origin) {
     case config::PathOrigin::kEnvironment:
       return FileReason::kEnvironment;
@@ -26,15 +26,13 @@ FileReason ReasonOf(config::PathOrigin origin) {
       return FileReason::kPerUserInstall;
     case config::PathOrigin::kCurrentDirectory:
       return FileReason::kCurrentDirectory;
-    case config::PathOrigin::kSystemDirectory:
-    case config::PathOrigin::kBuiltIn:
-      break;
+    default:
+      return FileReason::kDefault;
   }
-  return FileReason::kDefault;
 }
 
 /// The configuration itself makes an empty text of whatever it cannot read.
-ListedFile LookAtFile(FileRole role, std::string path, FileReason reason) {
+ListedFile LookAtFile(Wording role, std::string path, Wording reason) {
   ListedFile file{role, std::move(path), reason, FileState::kUnreadable, {}};
   file.fault = WhyUnreadable(file.path);
   if (file.fault == runtime::ErrorText(ENOENT)) {

@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,46 +18,61 @@
 
 namespace qixx::watch {
 
+/// One of a few answers: its name for programs, which does not change, and words for people.
+struct Wording {
+  std::string_view name;
+  std::string_view words = {};
+  bool operator==(const Wording&) const = default;
+};
+
 // --- configuration ------------------------------------------------------------------------------
 
-enum class FileRole : std::uint8_t { kSystem, kUser, kProgram };
+struct FileRole {
+  static constexpr Wording kSystem{"system", "the system's"};
+  static constexpr Wording kUser{"user", "the user's"};
+  static constexpr Wording kProgram{"program", "the program's own"};
+};
 /// Why a file is looked for where it is.
-enum class FileReason : std::uint8_t {
-  kEnvironment,
-  kHome,
-  kPerUserInstall,
-  kDefault,
-  kCurrentDirectory,
-  kBesideProgram,
+struct FileReason {
+  static constexpr Wording kEnvironment{"environment", "an environment variable names it"};
+  static constexpr Wording kHome{"home", "its usual place in the home directory"};
+  static constexpr Wording kPerUserInstall{"per-user-installation",
+                                           "a per-user installation: ~/.qix/lib exists"};
+  static constexpr Wording kDefault{"default", "its usual place"};
+  static constexpr Wording kCurrentDirectory{"current-directory",
+                                             "the last resort, in the current directory"};
+  static constexpr Wording kBesideProgram{"beside-program", "beside the program"};
 };
 /// Without a text a file says nothing, as one that is missing.
-enum class FileState : std::uint8_t { kRead, kEmpty, kMissing, kUnreadable };
+struct FileState {
+  static constexpr Wording kRead{"read"};
+  static constexpr Wording kEmpty{"empty"};
+  static constexpr Wording kMissing{"missing"};
+  static constexpr Wording kUnreadable{"unreadable"};
+};
 
 struct ListedFile {
-  FileRole role = FileRole::kSystem;
+  Wording role = FileRole::kSystem;
   std::string path;
-  FileReason reason = FileReason::kDefault;
-  FileState state = FileState::kRead;
+  Wording reason = FileReason::kDefault;
+  Wording state = FileState::kRead;
   std::string fault;  ///< why it cannot be read, in the system's words
 };
 
-enum class CommandSource : std::uint8_t { kProgramFile, kSystemFile, kEnvironment };
+struct CommandSource {
+  static constexpr Wording kProgramFile{"program-file", "the program's own file"};
+  static constexpr Wording kSystemFile{"system-file", "the system's file"};
+  static constexpr Wording kEnvironment{"environment", "the environment"};
+};
 
 /// The configured watch command.
 struct ListedCommand {
   std::string text;  ///< with its secrets masked
-  CommandSource source = CommandSource::kSystemFile;
+  Wording source = CommandSource::kSystemFile;
   std::string match;
 };
 
 // --- library ------------------------------------------------------------------------------------
-
-struct ListedVersion {
-  std::string manufacturer;
-  std::string description;
-  CK_VERSION version = {};
-  CK_VERSION cryptoki = {};
-};
 
 struct ListedLibrary {
   std::string name;                        ///< that is looked for
@@ -67,7 +81,11 @@ struct ListedLibrary {
   std::vector<runtime::FailedOpen> tried;  ///< when nothing could be loaded
   CK_RV result = CKR_GENERAL_ERROR;        ///< of the initialisation
   std::string fault;                       ///< why it has no module, in its own words
-  std::optional<ListedVersion> version;
+  // All empty when it does not tell them:
+  std::string manufacturer;
+  std::string description;
+  std::string version;   ///< "2.40"
+  std::string cryptoki;  ///< the version of PKCS#11
 
   /// Whether it could be asked for anything.
   [[nodiscard]] bool Answers() const { return result == CKR_OK; }
@@ -82,12 +100,14 @@ struct FailedCall {
 
 // --- readers and cards --------------------------------------------------------------------------
 
-/// Whether the service listens to events of a slot.
-enum class Counting : std::uint8_t {
-  kYes,
-  kNoSlot,     ///< 0 stands for no slot
-  kSecondary,  ///< another slot of a reader's group of three
-  kWithheld,   ///< the library tells no events of it
+/// Whether the service listens to events of a slot; the one that it listens to has no name.
+struct Counting {
+  static constexpr Wording kYes{"", "its events count"};
+  static constexpr Wording kNoSlot{"slot-zero", "does not count: 0 stands for no slot"};
+  static constexpr Wording kSecondary{"secondary-slot",
+                                      "does not count: another slot of the same reader"};
+  static constexpr Wording kWithheld{"withheld-by-library",
+                                     "does not count: left out by the library"};
 };
 
 struct ListedReader {
@@ -97,7 +117,7 @@ struct ListedReader {
   std::string manufacturer;
   bool isRemovable = false;
   bool hasCard = false;
-  Counting counting = Counting::kYes;
+  Wording counting = Counting::kYes;
 };
 
 struct ListedCard {
@@ -126,17 +146,21 @@ struct ListedCertificate {
 };
 
 /// Why the service does not see a certificate object.
-enum class Omission : std::uint8_t {
-  kWithheld,       ///< the library does not list the card
-  kUnreadable,     ///< an attribute that it asks for cannot be read, or is too long
-  kNoCertificate,  ///< it is none, or there are too many
-  kSameAsAnother,  ///< a card in another slot holds the same one
+struct Omission {
+  static constexpr Wording kWithheld{"withheld-by-library", "left out by the library"};
+  /// Or too long.
+  static constexpr Wording kUnreadable{"unreadable",
+                                       "not all attributes can be read that the service asks for"};
+  static constexpr Wording kNoCertificate{"no-certificate",
+                                          "it is no certificate, or one too many"};
+  static constexpr Wording kSameAsAnother{"same-as-another",
+                                          "a card in another slot holds the same one"};
 };
 
 struct OmittedObject {
   CK_SLOT_ID slot = 0;
   std::string label;
-  Omission reason = Omission::kUnreadable;
+  Wording reason = Omission::kUnreadable;
 };
 
 // --- all of it ----------------------------------------------------------------------------------
@@ -166,5 +190,14 @@ struct Listing {
 /// fails is noted and passed over. To be called once, before there are other threads: the
 /// environment is changed so that the library, too, makes no directory and no trace.
 [[nodiscard]] Listing CollectListing();
+
+/// For people, in lines of at most 79 characters; longer values go on in the next line, below their
+/// beginning. Bytes that are not UTF-8, and characters that control a terminal or turn the
+/// direction of writing, are shown as "\x9b" and "\u202e".
+[[nodiscard]] std::string TextOf(const Listing& listing);
+/// For programs, as one JSON object (RFC 8259), which qixxwatch(1) describes, with a line end. It
+/// is UTF-8 whatever the texts hold: bytes that are not become U+FFFD. Characters that control a
+/// terminal or turn the direction of writing are escaped.
+[[nodiscard]] std::string JsonOf(const Listing& listing, std::string_view version);
 
 }  // namespace qixx::watch

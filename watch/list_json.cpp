@@ -1,11 +1,11 @@
-#include "watch/list_json.h"
-
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 
 #include "pkcs11/result_names.h"
 #include "runtime/text.h"
 #include "watch/card_text.h"
+#include "watch/list.h"
 #include "watch/list_names.h"
 
 namespace qixx::watch {
@@ -33,15 +33,16 @@ std::string Quoted(std::string_view text) {
 /// Writes values one after the other; in an object each of them has a name.
 class JsonWriter {
  public:
-  template <typename Content>
-  void Object(std::string_view name, const Content& content) {
-    Nest(name, '{', '}', content);
+  void Object(std::string_view name, const auto& writeMembers) { Nest(name, "{}", writeMembers); }
+  void Array(std::string_view name, const auto& elements, const auto& write) {
+    Nest(name, "[]", [&] { std::ranges::for_each(elements, write); });
   }
-  template <typename Elements, typename Content>
-  void Array(std::string_view name, const Elements& elements, const Content& content) {
-    Nest(name, '[', ']', [&elements, &content] {
-      for (const auto& element : elements) content(element);
-    });
+  void Objects(std::string_view name, const auto& elements, const auto& writeMembers) {
+    Array(name, elements,
+          [&](const auto& element) { Object(kUnnamed, [&] { writeMembers(element); }); });
+  }
+  void Texts(std::string_view name, const std::vector<std::string>& texts) {
+    Array(name, texts, [this](std::string_view text) { Text(kUnnamed, text); });
   }
   void Text(std::string_view name, std::string_view text) { Value(name, Quoted(text)); }
   /// An empty text is none.
@@ -55,15 +56,17 @@ class JsonWriter {
   [[nodiscard]] std::string Take() { return std::move(text_) + '\n'; }
 
  private:
-  template <typename Content>
-  void Nest(std::string_view name, char open, char close, const Content& content) {
-    Value(name, std::string(1, open));
+  /// The name of what stands in an array.
+  static constexpr std::string_view kUnnamed{};
+
+  void Nest(std::string_view name, std::string_view brackets, const auto& writeContent) {
+    Value(name, brackets.substr(0, 1));
     ++depth_;
     isFirst_ = true;
-    content();
+    writeContent();
     --depth_;
     if (!isFirst_) BreakLine();
-    text_ += close;
+    text_ += brackets[1];
     isFirst_ = false;
   }
   void Value(std::string_view name, std::string_view value) {
@@ -80,170 +83,121 @@ class JsonWriter {
   bool isFirst_ = true;
 };
 
-/// The name of what stands in an array.
-constexpr std::string_view kUnnamed;
+void WriteConfiguration(JsonWriter& json, const Listing& listing) {
+  json.Objects("files", listing.files, [&](const ListedFile& file) {
+    json.Text("role", file.role.name);
+    json.Text("path", file.path);
+    json.Text("reason", file.reason.name);
+    json.Text("state", file.state.name);
+    json.TextOrNull("fault", file.fault);
+  });
+  if (!listing.command) return json.Null("watch");
+  json.Object("watch", [&] {
+    json.Text("command", listing.command->text);
+    json.Text("source", listing.command->source.name);
+    json.Text("match", listing.command->match);
+  });
+}
 
-class ListingWriter {
- public:
-  explicit ListingWriter(const Listing& listing) : listing_(listing) {}
+void WriteLibrary(JsonWriter& json, const ListedLibrary& library) {
+  json.Object("library", [&] {
+    json.Text("name", library.name);
+    json.TextOrNull("file", library.file);
+    json.Texts("modules", library.modules);
+    json.Bool("answers", library.Answers());
+    json.TextOrNull("result", library.file.empty() ? "" : pkcs11::ResultName(library.result));
+    json.TextOrNull("fault", library.fault);
+    json.TextOrNull("manufacturer", library.manufacturer);
+    json.TextOrNull("description", library.description);
+    json.TextOrNull("version", library.version);
+    json.TextOrNull("cryptoki", library.cryptoki);
+    json.Objects("tried", library.tried, [&](const runtime::FailedOpen& failed) {
+      json.Text("path", failed.path);
+      json.Text("reason", failed.reason);
+    });
+  });
+}
 
-  std::string Write(std::string_view version) {
-    json_.Object(kUnnamed, [this, version] {
-      json_.Text("version", version);
-      WriteFiles();
-      WriteCommand();
-      WriteLibrary();
-      WriteReaders();
-      WriteCards();
-      WriteCertificates();
-      json_.Bool("matchingCard", listing_.hasMatchingCard);
-      WritePlaceholders();
-      WriteFailures();
-    });
-    return json_.Take();
-  }
+void WriteReaders(JsonWriter& json, const Listing& listing) {
+  json.Objects("readers", listing.readers, [&](const ListedReader& reader) {
+    json.Number("slot", reader.slot);
+    json.TextOrNull("description", reader.description);
+    json.TextOrNull("manufacturer", reader.manufacturer);
+    reader.isKnown ? json.Bool("removable", reader.isRemovable) : json.Null("removable");
+    reader.isKnown ? json.Bool("card", reader.hasCard) : json.Null("card");
+    json.Bool("counts", reader.counting == Counting::kYes);
+    json.TextOrNull("reason", reader.counting.name);
+  });
+  json.Objects("cards", listing.cards, [&](const ListedCard& card) {
+    json.Number("slot", card.slot);
+    json.TextOrNull("label", card.label);
+    json.TextOrNull("manufacturer", card.manufacturer);
+    json.TextOrNull("model", card.model);
+    json.TextOrNull("serial", card.serial);
+    json.Number("flags", card.flags);
+    json.Texts("flagNames", TokenFlagNames(card.flags));
+  });
+}
 
- private:
-  void WriteFiles() {
-    json_.Array("files", listing_.files, [this](const ListedFile& file) {
-      json_.Object(kUnnamed, [this, &file] {
-        json_.Text("role", NameOf(file.role));
-        json_.Text("path", file.path);
-        json_.Text("reason", NameOf(file.reason));
-        json_.Text("state", NameOf(file.state));
-        json_.TextOrNull("fault", file.fault);
-      });
+void WriteCertificates(JsonWriter& json, const Listing& listing) {
+  json.Objects("certificates", listing.certificates, [&](const ListedCertificate& certificate) {
+    json.Number("slot", certificate.slot);
+    json.TextOrNull("label", certificate.label);
+    json.Text("subject", certificate.subject);
+    json.Text("issuer", certificate.issuer);
+    json.TextOrNull("principalName", certificate.upn);
+    json.TextOrNull("email", certificate.email);
+    json.Text("serial", certificate.serial);
+    json.Texts("keyUsage", KeyUsageNames(certificate.usages));
+    json.Objects("extendedKeyUsage", certificate.purposes, [&](const std::string& purpose) {
+      json.Text("identifier", purpose);
+      json.TextOrNull("name", PurposeName(purpose));
     });
-  }
-  void WriteCommand() {
-    if (!listing_.command) return json_.Null("watch");
-    json_.Object("watch", [this] {
-      json_.Text("command", listing_.command->text);
-      json_.Text("source", NameOf(listing_.command->source));
-      json_.Text("match", listing_.command->match);
-    });
-  }
-  void WriteLibrary() {
-    json_.Object("library", [this] {
-      const ListedLibrary& library = listing_.library;
-      json_.Text("name", library.name);
-      json_.TextOrNull("file", library.file);
-      WriteTexts("modules", library.modules);
-      json_.Bool("answers", library.Answers());
-      if (library.file.empty()) {
-        json_.Null("result");
-      } else {
-        json_.Text("result", pkcs11::ResultName(library.result));
-      }
-      json_.TextOrNull("fault", library.fault);
-      const ListedVersion version = library.version.value_or(ListedVersion{});
-      json_.TextOrNull("manufacturer", version.manufacturer);
-      json_.TextOrNull("description", version.description);
-      json_.TextOrNull("version", library.version ? VersionText(version.version) : "");
-      json_.TextOrNull("cryptoki", library.version ? VersionText(version.cryptoki) : "");
-      json_.Array("tried", library.tried, [this](const runtime::FailedOpen& failed) {
-        json_.Object(kUnnamed, [this, &failed] {
-          json_.Text("path", failed.path);
-          json_.Text("reason", failed.reason);
-        });
-      });
-    });
-  }
-  void WriteReaders() {
-    json_.Array("readers", listing_.readers, [this](const ListedReader& reader) {
-      json_.Object(kUnnamed, [this, &reader] {
-        json_.Number("slot", reader.slot);
-        json_.TextOrNull("description", reader.description);
-        json_.TextOrNull("manufacturer", reader.manufacturer);
-        WriteKnown("removable", reader.isKnown, reader.isRemovable);
-        WriteKnown("card", reader.isKnown, reader.hasCard);
-        json_.Bool("counts", reader.counting == Counting::kYes);
-        json_.TextOrNull("reason", NameOf(reader.counting));
-      });
-    });
-  }
-  void WriteCards() {
-    json_.Array("cards", listing_.cards, [this](const ListedCard& card) {
-      json_.Object(kUnnamed, [this, &card] {
-        json_.Number("slot", card.slot);
-        json_.TextOrNull("label", card.label);
-        json_.TextOrNull("manufacturer", card.manufacturer);
-        json_.TextOrNull("model", card.model);
-        json_.TextOrNull("serial", card.serial);
-        json_.Number("flags", card.flags);
-        WriteTexts("flagNames", TokenFlagNames(card.flags));
-      });
-    });
-  }
-  void WriteCertificates() {
-    json_.Array("certificates", listing_.certificates, [this](const ListedCertificate& found) {
-      json_.Object(kUnnamed, [this, &found] { WriteCertificate(found); });
-    });
-    json_.Array("omitted", listing_.omitted, [this](const OmittedObject& object) {
-      json_.Object(kUnnamed, [this, &object] {
-        json_.Number("slot", object.slot);
-        json_.TextOrNull("label", object.label);
-        json_.Text("reason", NameOf(object.reason));
-      });
-    });
-  }
-  void WriteCertificate(const ListedCertificate& certificate) {
-    json_.Number("slot", certificate.slot);
-    json_.TextOrNull("label", certificate.label);
-    json_.Text("subject", certificate.subject);
-    json_.Text("issuer", certificate.issuer);
-    json_.TextOrNull("principalName", certificate.upn);
-    json_.TextOrNull("email", certificate.email);
-    json_.Text("serial", certificate.serial);
-    json_.Array("keyUsage", certificate.usages,
-                [this](unsigned bit) { json_.Text(kUnnamed, KeyUsageName(bit)); });
-    json_.Array("extendedKeyUsage", certificate.purposes, [this](const std::string& purpose) {
-      json_.Object(kUnnamed, [this, &purpose] {
-        json_.Text("identifier", purpose);
-        json_.TextOrNull("name", PurposeName(purpose));
-      });
-    });
-    json_.TextOrNull("notBefore", TimeText(certificate.notBefore));
-    json_.TextOrNull("notAfter", TimeText(certificate.notAfter));
-    json_.Bool("expired", certificate.isExpired);
-    json_.Bool("superseded", certificate.verdict == Verdict::kSuperseded);
-    json_.Bool("taken", certificate.verdict == Verdict::kTaken);
-    json_.Text("verdict", NameOf(certificate.verdict));
-  }
-  void WritePlaceholders() {
-    json_.Array("placeholders", listing_.placeholders, [this](const ListedPlaceholder& held) {
-      json_.Object(kUnnamed, [this, &held] {
-        json_.Text("name", held.name);
-        json_.Text("value", held.value);
-        json_.Bool("filled", held.isFilled);
-      });
-    });
-  }
-  void WriteFailures() {
-    json_.Array("failures", listing_.failures, [this](const FailedCall& failed) {
-      json_.Object(kUnnamed, [this, &failed] {
-        json_.Text("call", failed.call);
-        failed.slot ? json_.Number("slot", *failed.slot) : json_.Null("slot");
-        json_.TextOrNull("result", failed.result ? pkcs11::ResultName(*failed.result) : "");
-      });
-    });
-  }
+    json.TextOrNull("notBefore", TimeText(certificate.notBefore));
+    json.TextOrNull("notAfter", TimeText(certificate.notAfter));
+    json.Bool("expired", certificate.isExpired);
+    json.Bool("superseded", certificate.verdict == Verdict::kSuperseded);
+    json.Bool("taken", certificate.verdict == Verdict::kTaken);
+    json.Text("verdict", WordingOf(certificate.verdict).name);
+  });
+  json.Objects("omitted", listing.omitted, [&](const OmittedObject& object) {
+    json.Number("slot", object.slot);
+    json.TextOrNull("label", object.label);
+    json.Text("reason", object.reason.name);
+  });
+}
 
-  void WriteTexts(std::string_view name, const std::vector<std::string>& texts) {
-    json_.Array(name, texts, [this](const std::string& text) { json_.Text(kUnnamed, text); });
-  }
-  void WriteKnown(std::string_view name, bool isKnown, bool value) {
-    isKnown ? json_.Bool(name, value) : json_.Null(name);
-  }
+void WritePlaceholders(JsonWriter& json, const Listing& listing) {
+  json.Bool("matchingCard", listing.hasMatchingCard);
+  json.Objects("placeholders", listing.placeholders, [&](const ListedPlaceholder& held) {
+    json.Text("name", held.name);
+    json.Text("value", held.value);
+    json.Bool("filled", held.isFilled);
+  });
+}
 
-  const Listing& listing_;
-  JsonWriter json_;
-};
+void WriteFailures(JsonWriter& json, const Listing& listing) {
+  json.Objects("failures", listing.failures, [&](const FailedCall& failed) {
+    json.Text("call", failed.call);
+    failed.slot ? json.Number("slot", *failed.slot) : json.Null("slot");
+    json.TextOrNull("result", failed.result ? pkcs11::ResultName(*failed.result) : "");
+  });
+}
 
 }  // namespace
 
 std::string JsonOf(const Listing& listing, std::string_view version) {
-  return ListingWriter(listing).Write(version);
+  JsonWriter json;
+  json.Object("", [&] {
+    json.Text("version", version);
+    WriteConfiguration(json, listing);
+    WriteLibrary(json, listing.library);
+    WriteReaders(json, listing);
+    WriteCertificates(json, listing);
+    WritePlaceholders(json, listing);
+    WriteFailures(json, listing);
+  });
+  return json.Take();
 }
 
 }  // namespace qixx::watch

@@ -36,6 +36,10 @@ std::string PaddedText(const Character (&text)[kSize]) {
   return std::string(runtime::DropTrailingBlanks(runtime::UpToZero(view)));
 }
 
+std::string VersionText(const CK_VERSION& version) {
+  return std::to_string(version.major) + '.' + std::to_string(version.minor);
+}
+
 /// Asks the library, and notes what fails.
 class Asking {
  public:
@@ -87,9 +91,11 @@ class Asking {
   void AskForVersion() {
     CK_INFO info = {};
     if (!Worked("C_GetInfo", std::nullopt, Pkcs11().GetInfo(&info))) return;
-    listing_.library.version =
-        ListedVersion{PaddedText(info.manufacturerID), PaddedText(info.libraryDescription),
-                      info.libraryVersion, info.cryptokiVersion};
+    ListedLibrary& library = listing_.library;
+    library.manufacturer = PaddedText(info.manufacturerID);
+    library.description = PaddedText(info.libraryDescription);
+    library.version = VersionText(info.libraryVersion);
+    library.cryptoki = VersionText(info.cryptokiVersion);
   }
 
   std::vector<CK_SLOT_ID> AskForSlots(CK_BBOOL withToken) {
@@ -218,7 +224,7 @@ class Asking {
     };
     const auto known = std::ranges::find_if(certificates, same);
     if (known == certificates.end()) {
-      const Omission reason = IsListed(slot) ? Omission::kNoCertificate : Omission::kWithheld;
+      const Wording reason = IsListed(slot) ? Omission::kNoCertificate : Omission::kWithheld;
       listing_.omitted.push_back({slot, std::move(label), reason});
     } else if ((*known)->rawSlot != slot) {
       listing_.omitted.push_back({slot, std::move(label), Omission::kSameAsAnother});

@@ -56,106 +56,22 @@ bool AreDigits(std::string_view text) {
 
 }  // namespace
 
-std::string_view NameOf(FileRole role) {
-  switch (role) {
-    case FileRole::kSystem:
-      return "system";
-    case FileRole::kUser:
-      return "user";
-    case FileRole::kProgram:
-      return "program";
-  }
-  return {};
-}
-
-std::string_view NameOf(FileReason reason) {
-  switch (reason) {
-    case FileReason::kEnvironment:
-      return "environment";
-    case FileReason::kHome:
-      return "home";
-    case FileReason::kPerUserInstall:
-      return "per-user-installation";
-    case FileReason::kDefault:
-      return "default";
-    case FileReason::kCurrentDirectory:
-      return "current-directory";
-    case FileReason::kBesideProgram:
-      return "beside-program";
-  }
-  return {};
-}
-
-std::string_view NameOf(FileState state) {
-  switch (state) {
-    case FileState::kRead:
-      return "read";
-    case FileState::kEmpty:
-      return "empty";
-    case FileState::kMissing:
-      return "missing";
-    case FileState::kUnreadable:
-      return "unreadable";
-  }
-  return {};
-}
-
-std::string_view NameOf(CommandSource source) {
-  switch (source) {
-    case CommandSource::kProgramFile:
-      return "program-file";
-    case CommandSource::kSystemFile:
-      return "system-file";
-    case CommandSource::kEnvironment:
-      return "environment";
-  }
-  return {};
-}
-
-std::string_view NameOf(Counting counting) {
-  switch (counting) {
-    case Counting::kYes:
-      return {};
-    case Counting::kNoSlot:
-      return "slot-zero";
-    case Counting::kSecondary:
-      return "secondary-slot";
-    case Counting::kWithheld:
-      return "withheld-by-library";
-  }
-  return {};
-}
-
-std::string_view NameOf(Verdict verdict) {
+Wording WordingOf(Verdict verdict) {
   switch (verdict) {
     case Verdict::kTaken:
-      return "taken";
+      return {"taken", "TAKEN"};
     case Verdict::kBehindTaken:
-      return "behind-taken";
+      return {"behind-taken", "not taken: would do, but another one comes first"};
     case Verdict::kSuperseded:
-      return "superseded";
+      return {"superseded", "not taken: a like one is valid longer"};
     case Verdict::kNotMatching:
-      return "not-matching";
+      return {"not-matching", "not taken: name or slot is not that of the match"};
     case Verdict::kNotForLogon:
-      return "not-for-logon";
+      return {"not-for-logon", "not taken: not made for smart-card logon"};
     case Verdict::kWithoutName:
-      return "without-principal-name";
+      return {"without-principal-name", "not taken: has no principal name"};
     case Verdict::kWithoutNames:
-      return "without-any-name";
-  }
-  return {};
-}
-
-std::string_view NameOf(Omission reason) {
-  switch (reason) {
-    case Omission::kWithheld:
-      return "withheld-by-library";
-    case Omission::kUnreadable:
-      return "unreadable";
-    case Omission::kNoCertificate:
-      return "no-certificate";
-    case Omission::kSameAsAnother:
-      return "same-as-another";
+      return {"without-any-name", "not taken: has neither principal name nor e-mail address"};
   }
   return {};
 }
@@ -168,17 +84,17 @@ std::vector<std::string> TokenFlagNames(CK_FLAGS flags) {
   return names;
 }
 
-std::string KeyUsageName(unsigned bit) {
-  return bit < kKeyUsages.size() ? kKeyUsages[bit] : "bit " + std::to_string(bit);
+std::vector<std::string> KeyUsageNames(const std::vector<unsigned>& bits) {
+  std::vector<std::string> names;
+  std::ranges::transform(bits, std::back_inserter(names), [](unsigned bit) {
+    return bit < kKeyUsages.size() ? kKeyUsages[bit] : "bit " + std::to_string(bit);
+  });
+  return names;
 }
 
 std::string_view PurposeName(std::string_view dotted) {
   const auto* const purpose = std::ranges::find(kPurposes, dotted, &NamedPurpose::identifier);
   return purpose == std::end(kPurposes) ? std::string_view() : purpose->name;
-}
-
-std::string VersionText(const CK_VERSION& version) {
-  return std::to_string(version.major) + '.' + std::to_string(version.minor);
 }
 
 std::string TimeText(std::string_view encoded) {

@@ -10,24 +10,13 @@
 
 namespace qixx::watch {
 
-// Names for programs to tell by; they do not change.
-[[nodiscard]] std::string_view NameOf(FileRole role);
-[[nodiscard]] std::string_view NameOf(FileReason reason);
-[[nodiscard]] std::string_view NameOf(FileState state);
-[[nodiscard]] std::string_view NameOf(CommandSource source);
-/// Why a slot does not count; empty for one that does.
-[[nodiscard]] std::string_view NameOf(Counting counting);
-[[nodiscard]] std::string_view NameOf(Verdict verdict);
-[[nodiscard]] std::string_view NameOf(Omission reason);
-
+[[nodiscard]] Wording WordingOf(Verdict verdict);
 /// The flags of a token, without "CKF_" and in small letters; those without a name are left out.
 [[nodiscard]] std::vector<std::string> TokenFlagNames(CK_FLAGS flags);
-/// Of a key-usage bit (RFC 5280, 4.2.1.3); its number when it has none.
-[[nodiscard]] std::string KeyUsageName(unsigned bit);
+/// Of key-usage bits (RFC 5280, 4.2.1.3); the number of one that has none.
+[[nodiscard]] std::vector<std::string> KeyUsageNames(const std::vector<unsigned>& bits);
 /// What an extended key usage is for; empty when it is not known.
 [[nodiscard]] std::string_view PurposeName(std::string_view dotted);
-/// "2.40"
-[[nodiscard]] std::string VersionText(const CK_VERSION& version);
 /// A validity time in ISO 8601, "2049-12-31T23:59:59Z"; what is no such time as it stands.
 [[nodiscard]] std::string TimeText(std::string_view encoded);
 

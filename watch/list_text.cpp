@@ -1,5 +1,3 @@
-#include "watch/list_text.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <optional>
@@ -7,6 +5,7 @@
 #include "pkcs11/result_names.h"
 #include "runtime/text.h"
 #include "watch/card_text.h"
+#include "watch/list.h"
 #include "watch/list_names.h"
 
 namespace qixx::watch {
@@ -23,17 +22,14 @@ std::vector<std::string> Shown(std::string_view text) {
   while (!text.empty()) {
     const std::string_view before = text;
     const std::optional<char32_t> character = runtime::TakeUtf8(text);
-    char escape[16];
-    if (!character) {
-      std::snprintf(escape, sizeof escape, "\\x%02x", static_cast<unsigned char>(before[0]));
-      shown.emplace_back(escape);
-    } else if (Misleads(*character)) {
-      const char* const format = *character < 0x100 ? "\\x%02x" : "\\u%04x";
-      std::snprintf(escape, sizeof escape, format, static_cast<unsigned>(*character));
-      shown.emplace_back(escape);
-    } else {
+    if (character && !Misleads(*character)) {
       shown.emplace_back(before.substr(0, before.size() - text.size()));
+      continue;
     }
+    const unsigned code = character ? *character : static_cast<unsigned char>(before[0]);
+    char escape[16];
+    std::snprintf(escape, sizeof escape, code < 0x100 ? "\\x%02x" : "\\u%04x", code);
+    shown.emplace_back(escape);
   }
   return shown;
 }
@@ -75,85 +71,7 @@ class TextWriter {
   std::string text_;
 };
 
-// --- sentences ----------------------------------------------------------------------------------
-
-std::string_view SentenceOf(FileRole role) {
-  switch (role) {
-    case FileRole::kSystem:
-      return "the system's";
-    case FileRole::kUser:
-      return "the user's";
-    case FileRole::kProgram:
-      return "the program's own";
-  }
-  return {};
-}
-
-std::string_view SentenceOf(FileReason reason) {
-  switch (reason) {
-    case FileReason::kEnvironment:
-      return "an environment variable names it";
-    case FileReason::kHome:
-      return "its usual place in the home directory";
-    case FileReason::kPerUserInstall:
-      return "a per-user installation: ~/.qix/lib exists";
-    case FileReason::kDefault:
-      return "its usual place";
-    case FileReason::kCurrentDirectory:
-      return "the last resort, in the current directory";
-    case FileReason::kBesideProgram:
-      return "beside the program";
-  }
-  return {};
-}
-
-std::string_view SentenceOf(Counting counting) {
-  switch (counting) {
-    case Counting::kYes:
-      return "its events count";
-    case Counting::kNoSlot:
-      return "does not count: 0 stands for no slot";
-    case Counting::kSecondary:
-      return "does not count: another slot of the same reader";
-    case Counting::kWithheld:
-      return "does not count: left out by the library";
-  }
-  return {};
-}
-
-std::string_view SentenceOf(Verdict verdict) {
-  switch (verdict) {
-    case Verdict::kTaken:
-      return "TAKEN";
-    case Verdict::kBehindTaken:
-      return "not taken: would do, but another one comes first";
-    case Verdict::kSuperseded:
-      return "not taken: a like one is valid longer";
-    case Verdict::kNotMatching:
-      return "not taken: name or slot is not that of the match";
-    case Verdict::kNotForLogon:
-      return "not taken: not made for smart-card logon";
-    case Verdict::kWithoutName:
-      return "not taken: has no principal name";
-    case Verdict::kWithoutNames:
-      return "not taken: has neither principal name nor e-mail address";
-  }
-  return {};
-}
-
-std::string_view SentenceOf(Omission reason) {
-  switch (reason) {
-    case Omission::kWithheld:
-      return "left out by the library";
-    case Omission::kUnreadable:
-      return "not all attributes can be read that the service asks for";
-    case Omission::kNoCertificate:
-      return "it is no certificate, or one too many";
-    case Omission::kSameAsAnother:
-      return "a card in another slot holds the same one";
-  }
-  return {};
-}
+// --- parts --------------------------------------------------------------------------------------
 
 std::string Joined(const std::vector<std::string>& texts) {
   std::string joined;
@@ -162,8 +80,7 @@ std::string Joined(const std::vector<std::string>& texts) {
 }
 
 std::string UsagesOf(const ListedCertificate& certificate) {
-  std::vector<std::string> names;
-  std::ranges::transform(certificate.usages, std::back_inserter(names), KeyUsageName);
+  std::vector<std::string> names = KeyUsageNames(certificate.usages);
   for (const std::string& purpose : certificate.purposes) {
     const std::string_view name = PurposeName(purpose);
     names.emplace_back(name.empty() ? std::string_view(purpose) : name);
@@ -175,15 +92,12 @@ std::string SlotText(CK_SLOT_ID slot) {
   return "slot " + std::to_string(slot);
 }
 
-// --- parts --------------------------------------------------------------------------------------
-
 void WriteConfiguration(TextWriter& out, const Listing& listing) {
   out.Title("Configuration files");
   for (const ListedFile& file : listing.files) {
     out.Head(file.path);
-    out.Line("file",
-             std::string(SentenceOf(file.role)) + ", " + std::string(SentenceOf(file.reason)));
-    out.Line("state", NameOf(file.state));
+    out.Line("file", std::string(file.role.words).append(", ").append(file.reason.words));
+    out.Line("state", file.state.name);
     out.Line("because", file.fault);
   }
   out.Title("Watch command");
@@ -192,17 +106,7 @@ void WriteConfiguration(TextWriter& out, const Listing& listing) {
     return;
   }
   out.Head(listing.command->text);
-  switch (listing.command->source) {
-    case CommandSource::kProgramFile:
-      out.Line("from", "the program's own file");
-      break;
-    case CommandSource::kSystemFile:
-      out.Line("from", "the system's file");
-      break;
-    case CommandSource::kEnvironment:
-      out.Line("from", "the environment");
-      break;
-  }
+  out.Line("from", listing.command->source.words);
   out.Line("match", listing.command->match);
 }
 
@@ -210,18 +114,15 @@ void WriteLibrary(TextWriter& out, const ListedLibrary& library) {
   out.Title("Library");
   out.Head(library.file.empty() ? library.name : library.file);
   for (const std::string& module : library.modules) out.Line("module", module);
-  if (library.file.empty()) {
-    out.Line("state", "not found");
-  } else {
-    out.Line("state", library.Answers() ? "answers" : pkcs11::ResultName(library.result));
-  }
+  out.Line("state", library.file.empty() ? "not found"
+                    : library.Answers()  ? "answers"
+                                         : pkcs11::ResultName(library.result));
   out.Line("because", library.fault);
   for (const runtime::FailedOpen& failed : library.tried) out.Line("tried", failed.path);
-  if (!library.version) return;
-  const ListedVersion& version = *library.version;
-  out.Line("manufacturer", version.manufacturer);
-  out.Line("description", version.description);
-  out.Line("version", VersionText(version.version) + ", PKCS#11 " + VersionText(version.cryptoki));
+  if (library.version.empty()) return;
+  out.Line("manufacturer", library.manufacturer);
+  out.Line("description", library.description);
+  out.Line("version", library.version + ", PKCS#11 " + library.cryptoki);
 }
 
 void WriteReaders(TextWriter& out, const Listing& listing) {
@@ -234,7 +135,7 @@ void WriteReaders(TextWriter& out, const Listing& listing) {
       out.Line("kind", reader.isRemovable ? "removable" : "not removable");
       out.Line("card", reader.hasCard ? "in" : "none");
     }
-    out.Line("polling", SentenceOf(reader.counting));
+    out.Line("polling", reader.counting.words);
   }
   out.Title("Cards");
   if (listing.cards.empty()) out.Head("none");
@@ -249,7 +150,7 @@ void WriteReaders(TextWriter& out, const Listing& listing) {
 
 void WriteCertificate(TextWriter& out, const ListedCertificate& certificate) {
   out.Head(SlotText(certificate.slot) + ": " + certificate.label);
-  out.Line("verdict", SentenceOf(certificate.verdict));
+  out.Line("verdict", WordingOf(certificate.verdict).words);
   out.Line("subject", certificate.subject);
   out.Line("issuer", certificate.issuer);
   out.Line("principal", certificate.upn.empty() ? "none" : certificate.upn);
@@ -270,7 +171,7 @@ void WriteCertificates(TextWriter& out, const Listing& listing) {
   }
   for (const OmittedObject& object : listing.omitted) {
     out.Head(SlotText(object.slot) + ": " + object.label);
-    out.Line("not seen", SentenceOf(object.reason));
+    out.Line("not seen", object.reason.words);
   }
 }
 

@@ -8,8 +8,6 @@
 #include "runtime/text.h"
 #include "watch/check.h"
 #include "watch/list.h"
-#include "watch/list_json.h"
-#include "watch/list_text.h"
 #include "watch/option_table.h"
 
 namespace qixx::watch {

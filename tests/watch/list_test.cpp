@@ -11,9 +11,8 @@
 #include "tests/support/recipes.h"
 #include "watch/card_text.h"
 #include "watch/certificate_selection.h"
-#include "watch/list_json.h"
+#include "watch/list.h"
 #include "watch/list_names.h"
-#include "watch/list_text.h"
 
 namespace qixx::testing {
 namespace {
@@ -84,8 +83,8 @@ watch::Listing ListingOf(const std::string& text) {
   listing.library.modules = {text};
   listing.library.tried = {{text, text}};
   listing.library.result = CKR_OK;
-  listing.library.version.emplace();
-  listing.library.version->manufacturer = listing.library.version->description = text;
+  listing.library.manufacturer = listing.library.description = text;
+  listing.library.version = "1.0";
   listing.readers.resize(1);
   listing.readers[0].isKnown = true;
   listing.readers[0].slot = ~CK_SLOT_ID{0};
