@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "der/matching.h"
-#include "runtime/text.h"
 
 namespace qixx::pkcs11 {
 namespace {
@@ -15,7 +14,7 @@ constexpr std::size_t kMinCertificateBytes = 101;
 
 bool Matches(const der::CDerCert& certificate, bool subjectByDefault,
              const std::optional<std::string>& filter) {
-  return !filter || der::MatchNames(certificate, subjectByDefault, runtime::LocalToUtf8(*filter));
+  return !filter || der::MatchNames(certificate, subjectByDefault, *filter);
 }
 
 bool HoldsValue(std::span<const CertificateEntry> entries, CK_SLOT_ID slot, der::Bytes value) {

@@ -15,7 +15,7 @@ constexpr int kMaxObjectsPerSlot = 4096;
 }  // namespace
 
 std::string_view CertificateObject::Label() const {
-  return runtime::Utf8ToLocal(runtime::TextOf(std::span(label_).first(labelLength_)));
+  return runtime::TextOf(std::span(label_).first(labelLength_));
 }
 
 bool CertificateObject::Read(const Session& session, CK_OBJECT_HANDLE handle, bool withSuiteValue) {

@@ -16,7 +16,7 @@ std::string_view TakePaddedText(std::string_view& rest) {
   const std::size_t end = std::min(rest.find('\0'), rest.size());
   const std::string_view text = rest.substr(0, end);
   rest.remove_prefix(std::min(end + 1, rest.size()));
-  return runtime::Utf8ToLocal(runtime::DropTrailingBlanks(text));
+  return runtime::DropTrailingBlanks(text);
 }
 
 /// The variables of a stored text, one after the other. An empty name ends them.

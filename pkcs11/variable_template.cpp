@@ -4,7 +4,6 @@
 #include <string_view>
 
 #include "runtime/product.h"
-#include "runtime/text.h"
 
 namespace qixx::pkcs11 {
 namespace {
@@ -13,7 +12,7 @@ constexpr std::size_t kMaxApplicationName = 31;
 
 std::string ApplicationName() {
   const std::string_view name = runtime::Product().name;
-  return std::string(runtime::LocalToUtf8(name.substr(0, kMaxApplicationName)));
+  return std::string(name.substr(0, kMaxApplicationName));
 }
 
 }  // namespace

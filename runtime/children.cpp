@@ -11,9 +11,6 @@
 namespace qixx::runtime {
 namespace {
 
-/// The thread's ChildMark while it has one.
-constinit thread_local ChildMark* mark = nullptr;
-
 /// The children in the order in which they were started.
 struct Registry {
   CCritical lock;
@@ -48,6 +45,19 @@ pid_t Update(Child& child) {
   return state.result;
 }
 
+/// The registered child of that id; past the end when there is none.
+auto Find(std::list<Child>& children, pid_t child) {
+  return std::ranges::find(children, child, &Child::id);
+}
+
+/// Asks for a registered child, and forgets it when it has ended.
+ChildState Take(std::list<Child>& children, std::list<Child>::iterator known) {
+  const ChildState state = known->ended ? ChildState{.result = known->id, .status = known->status}
+                                        : AskSystem(known->id);
+  if (state.result != 0) children.erase(known);
+  return state;
+}
+
 /// Drops the statuses of the children that ended longest ago, by order of their start.
 void LimitStatuses(std::list<Child>& children) {
   auto ended = static_cast<std::size_t>(std::ranges::count_if(children, &Child::ended));
@@ -64,13 +74,11 @@ ChildPlace::ChildPlace() : place_(1) {
   GetRegistry();
 }
 
-void ChildPlace::Register(pid_t child) noexcept {
+void ChildPlace::Register(pid_t child, bool marked) noexcept {
   Registry& registry = GetRegistry();
   const CriticalScope hold(&registry.lock);
   std::erase_if(registry.children, [child](const Child& other) { return other.id == child; });
-  place_.front().id = child;
-  place_.front().marked = mark != nullptr;
-  if (mark != nullptr) mark->latest_ = child;
+  place_.front() = {.id = child, .marked = marked};
   registry.children.splice(registry.children.end(), place_);
 }
 
@@ -86,18 +94,14 @@ ChildState CheckChild(pid_t child) {
   if (child <= 0) return {};
   Registry& registry = GetRegistry();
   const CriticalScope hold(&registry.lock);
-  const auto known = std::ranges::find(registry.children, child, &Child::id);
-  if (known == registry.children.end()) return AskSystem(child);
-  const ChildState state =
-      known->ended ? ChildState{.result = child, .status = known->status} : AskSystem(child);
-  if (state.result != 0) registry.children.erase(known);
-  return state;
+  const auto known = Find(registry.children, child);
+  return known == registry.children.end() ? AskSystem(child) : Take(registry.children, known);
 }
 
 ChildState PeekChild(pid_t child) {
   Registry& registry = GetRegistry();
   const CriticalScope hold(&registry.lock);
-  const auto known = std::ranges::find(registry.children, child, &Child::id);
+  const auto known = Find(registry.children, child);
   if (known == registry.children.end()) return {};
   return known->ended ? ChildState{.result = child, .status = known->status} : PeekSystem(child);
 }
@@ -105,21 +109,9 @@ ChildState PeekChild(pid_t child) {
 ChildState TakeMarkedChild(pid_t child) {
   Registry& registry = GetRegistry();
   const CriticalScope hold(&registry.lock);
-  const auto known = std::ranges::find_if(
-      registry.children, [child](const Child& other) { return other.marked && other.id == child; });
-  if (known == registry.children.end()) return {};
-  if (!known->ended && Update(*known) == 0) return {.result = 0};
-  const Child taken = *known;
-  registry.children.erase(known);
-  return taken.ended ? ChildState{.result = child, .status = taken.status} : ChildState{};
-}
-
-ChildMark::ChildMark() {
-  mark = this;
-}
-
-ChildMark::~ChildMark() {
-  mark = nullptr;
+  const auto known = Find(registry.children, child);
+  const bool isMarked = known != registry.children.end() && known->marked;
+  return isMarked ? Take(registry.children, known) : ChildState{};
 }
 
 void SignalMarkedChildren(int signal) {

@@ -19,7 +19,7 @@ inline constexpr std::size_t kMaxKeptStatuses = 256;
 struct Child {
   pid_t id = 0;
   bool ended = false;
-  bool marked = false;  ///< registered by a thread that had a ChildMark
+  bool marked = false;  ///< its starter looks after it
   int status = 0;       ///< of an ended child
 };
 
@@ -29,7 +29,7 @@ class ChildPlace {
   ChildPlace();
   /// Puts the child into the list; once. An older child of the same id is forgotten: it has ended,
   /// and the system has given its id away once more.
-  void Register(pid_t child) noexcept;
+  void Register(pid_t child, bool marked = false) noexcept;
 
  private:
   std::list<Child> place_;
@@ -50,21 +50,6 @@ struct ChildState {
 /// The same for a registered child, which is neither reaped nor forgotten.
 [[nodiscard]] ChildState PeekChild(pid_t child);
 
-/// Marks the children that the calling thread registers while it lives. Not to be nested.
-class ChildMark {
- public:
-  ChildMark();
-  ~ChildMark();
-  ChildMark(const ChildMark&) = delete;
-  ChildMark& operator=(const ChildMark&) = delete;
-
-  /// The latest of them; 0 when there is none.
-  [[nodiscard]] pid_t Latest() const { return latest_; }
-
- private:
-  friend class ChildPlace;
-  pid_t latest_ = 0;
-};
 /// Asks for a marked child without blocking; reaps and forgets it when it has ended. -1 also when
 /// somebody else has reaped it.
 [[nodiscard]] ChildState TakeMarkedChild(pid_t child);

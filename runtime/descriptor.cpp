@@ -1,10 +1,6 @@
 #include "runtime/descriptor.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <utility>
 
 namespace qixx::runtime {
 namespace {
@@ -29,24 +25,8 @@ ssize_t ReadFully(const Descriptor& file, char* buffer, std::size_t size) {
 
 }  // namespace
 
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-  if (this != &other) {
-    Close();
-    number_ = other.Release();
-  }
-  return *this;
-}
-
-bool Descriptor::Close() {
-  return IsOpen() && ::close(Release()) == 0;
-}
-
-int Descriptor::Release() {
-  return std::exchange(number_, -1);
-}
-
-Descriptor OpenRegular(const std::string& path, int flags, mode_t mode) {
-  Descriptor file(::open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode));
+Descriptor OpenRegular(const std::string& path, int flags, mode_t mode, int folder) {
+  Descriptor file(::openat(folder, path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode));
   if (!S_ISREG(StatusOf(file).st_mode)) file.Close();
   return file;
 }
@@ -55,6 +35,11 @@ struct stat StatusOf(const Descriptor& file) {
   struct stat status {};
   if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) status = {};
   return status;
+}
+
+bool IsStill(const struct stat& known, int descriptor) {
+  struct stat now {};
+  return ::fstat(descriptor, &now) == 0 && now.st_dev == known.st_dev && now.st_ino == known.st_ino;
 }
 
 std::optional<std::string> ReadToEnd(const Descriptor& file, std::size_t maxLength) {

@@ -4,13 +4,16 @@
 // one at a time. Only std::bad_alloc is thrown.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace qixx::runtime {
 
@@ -21,26 +24,35 @@ class Descriptor {
   explicit Descriptor(int number) : number_(number) {}
   ~Descriptor() { Close(); }
   Descriptor(Descriptor&& other) noexcept : number_(other.Release()) {}
-  Descriptor& operator=(Descriptor&& other) noexcept;
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    const Descriptor old(std::exchange(number_, other.Release()));
+    return *this;
+  }
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
 
   [[nodiscard]] bool IsOpen() const { return number_ >= 0; }
   [[nodiscard]] int Get() const { return number_; }
   /// False when the system reports a write that failed late, and when none is open.
-  bool Close();
+  bool Close() { return IsOpen() && ::close(Release()) == 0; }
   /// Hands the descriptor over to the caller, who closes it from now on.
-  [[nodiscard]] int Release();
+  [[nodiscard]] int Release() { return std::exchange(number_, -1); }
 
  private:
   int number_ = -1;
 };
 
 /// Opens a regular file and nothing else, close-on-exec. A pipe or a device is not waited for, nor
-/// touched further. `mode` is for a file that O_CREAT makes. Not open on any failure.
-[[nodiscard]] Descriptor OpenRegular(const std::string& path, int flags, mode_t mode = 0);
+/// touched further. `mode` is for a file that O_CREAT makes; a relative path begins at `folder`.
+/// Not open on any failure.
+[[nodiscard]] Descriptor OpenRegular(const std::string& path, int flags, mode_t mode = 0,
+                                     int folder = AT_FDCWD);
 /// What the system knows of an open file; all zero when there is none.
 [[nodiscard]] struct stat StatusOf(const Descriptor& file);
+/// Whether what has this number now is still what `known` was told of: somebody may have closed a
+/// descriptor that is not theirs, and opened another file in its place. May be called by a signal
+/// handler.
+[[nodiscard]] bool IsStill(const struct stat& known, int descriptor);
 
 /// All that can be read from here to the end of the file. Nothing after an error, and when there is
 /// more than `maxLength`.

@@ -19,11 +19,6 @@ namespace {
 /// As many as the system follows in one path.
 constexpr int kMaxLinks = 40;
 
-/// Whether a link stands for something open without a name: "pipe:[4711]" behind "/dev/stderr".
-bool IsToOpenPipe(const Descriptor& link, std::string_view target) {
-  return target.find(":[") != std::string_view::npos && IsInProc(link.Get());
-}
-
 class PathWalk {
  public:
   explicit PathWalk(const std::string& path) : shown_(MaskSecrets(path)), rest_(path) {}
@@ -95,13 +90,15 @@ class PathWalk {
     if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
       return Refuse("a link of somebody else");
     }
-    char target[PATH_MAX];
-    const ssize_t length = ::readlinkat(link.Get(), "", target, sizeof target);
+    char buffer[PATH_MAX];
+    const ssize_t length = ::readlinkat(link.Get(), "", buffer, sizeof buffer);
     if (length <= 0) return Step::kRefused;
-    if (IsToOpenPipe(link, {target, static_cast<std::size_t>(length)})) return Step::kNoLink;
+    const std::string_view target(buffer, static_cast<std::size_t>(length));
+    // It stands for something open without a name: "pipe:[4711]" behind "/dev/stderr".
+    if (target.find(":[") != target.npos && IsInProc(link.Get())) return Step::kNoLink;
     if (++links_ > kMaxLinks) return Refuse("a path through too many links");
     if (!rest_.empty()) rest_.insert(0, 1, '/');
-    rest_.insert(0, target, static_cast<std::size_t>(length));
+    rest_.insert(0, target);
     return Step::kFollowed;
   }
 
@@ -138,11 +135,7 @@ bool FilePlace::IsMissing() const {
 }
 
 Descriptor FilePlace::Open(int flags, mode_t mode) const {
-  constexpr int kSafe = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-  if (folder_ == nullptr) return {};
-  Descriptor file(::openat(Folder(), name_.c_str(), flags | kSafe, mode));
-  if (!S_ISREG(StatusOf(file).st_mode)) file.Close();
-  return file;
+  return OpenRegular(name_, flags | O_NOFOLLOW, mode, Folder());
 }
 
 bool IsInProc(int file) {

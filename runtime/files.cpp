@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdlib>
-#include <memory>
+#include <filesystem>
+#include <system_error>
 
 #include "runtime/descriptor.h"
 #include "runtime/no_destructor.h"
@@ -15,26 +15,16 @@
 namespace qixx::runtime {
 namespace {
 
-constexpr mode_t kOwnDirectory = S_IRWXU;
 constexpr const char* kLastResort = "/tmp/";
-
-bool IsDirectory(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-std::string LinkTarget(const std::string& link) {
-  char target[PATH_MAX];
-  const ssize_t length = ::readlink(link.c_str(), target, sizeof target);
-  return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : std::string();
-}
 
 /// The first entry of this process's argument list, or the link to its program where the system
 /// keeps one instead.
 std::string ReadProgramPath() {
   const std::string process = "/proc/" + std::to_string(::getpid());
   const std::string arguments = ReadWholeFile(process + "/cmdline").value_or("");
-  return arguments.empty() ? LinkTarget(process + "/path/a.out") : std::string(UpToZero(arguments));
+  if (!arguments.empty()) return std::string(UpToZero(arguments));
+  std::error_code missing;
+  return std::filesystem::read_symlink(process + "/path/a.out", missing).string();
 }
 
 }  // namespace
@@ -56,7 +46,10 @@ bool CreatePath(const std::string& path) {
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
     const std::string directory = path.substr(0, slash);
-    if (::mkdir(directory.c_str(), kOwnDirectory) != 0 && !IsDirectory(directory)) return false;
+    std::error_code unknown;
+    const bool isThere = ::mkdir(directory.c_str(), S_IRWXU) == 0 ||
+                         std::filesystem::is_directory(directory, unknown);
+    if (!isThere) return false;
   }
   return true;
 }

@@ -1,5 +1,6 @@
 #include "runtime/journal.h"
 
+#include <endian.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <sys/un.h>
@@ -27,17 +28,6 @@ bool TellsOfFailure(std::string_view message) {
   });
 }
 
-/// Eight bytes, the lowest first.
-std::array<char, 8> LengthOf(std::string_view message) {
-  std::array<char, 8> bytes{};
-  std::uint64_t left = message.size();
-  for (char& byte : bytes) {
-    byte = static_cast<char>(left & 0xFF);
-    left >>= 8;
-  }
-  return bytes;
-}
-
 iovec Part(std::string_view text) {
   return {.iov_base = const_cast<char*>(text.data()), .iov_len = text.size()};
 }
@@ -50,9 +40,11 @@ void SendToJournal(std::string_view message) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   std::string_view(kJournalSocket).copy(address.sun_path, sizeof address.sun_path - 1);
-  const std::array<char, 8> length = LengthOf(message);
+  std::uint64_t length = htole64(message.size());
   iovec parts[] = {Part(TellsOfFailure(message) ? kWarning : kInformation),
-                   Part({length.data(), length.size()}), Part(message), Part("\n")};
+                   {.iov_base = &length, .iov_len = sizeof length},
+                   Part(message),
+                   Part("\n")};
   msghdr datagram = {};
   datagram.msg_name = &address;
   datagram.msg_namelen = sizeof address;

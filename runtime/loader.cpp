@@ -25,17 +25,17 @@ constinit std::atomic<bool> loaderBroken{false};
 
 /// Has the platform's loader run code of the library: its constructors or destructors.
 template <typename Operation>
-void UseLoader(const char* path, const Operation& operation) {
+void UseLoader(std::string_view path, const Operation& operation) {
   if (loaderBroken || CallLibrary(operation)) return;
   loaderBroken = true;
   TraceWrite("Helper - Exception in the loader at '%s'", MaskedText(path).Text());
 }
 
-/// The directories of the search; empty while not known.
+/// The directories of the search.
 struct Directories {
   CCritical lock;
-  std::string install;
-  std::string library;
+  std::string install;  ///< empty while not known
+  std::string library = kDefaultDirectory;
 };
 
 /// Filled on first use, by whichever thread asks first. Never destroyed, because a command on a
@@ -45,18 +45,12 @@ Directories& KnownDirectories() {
   return *directories;
 }
 
-/// The directory with a '/' at its end, where that is not too long.
-std::string WithSlash(std::string directory) {
-  if (!directory.ends_with('/') && directory.size() < kMaxText) directory.push_back('/');
-  return directory;
-}
-
-std::string ReadInstallDirectory() {
-  std::string directory;
-  if (const auto settings = OpenSettings(SettingsScope::kSystemOnly)) {
-    directory = settings->GetText("Install", "Directory").value_or("");
-  }
-  return directory.empty() ? kDefaultDirectory : WithSlash(std::move(directory));
+/// The directory with a '/' at its end, where that is not too long; the usual one for an empty
+/// text.
+std::string AsDirectory(std::string text) {
+  if (text.empty()) return kDefaultDirectory;
+  if (!text.ends_with('/') && text.size() < kMaxText) text.push_back('/');
+  return text;
 }
 
 /// To be called right behind the open.
@@ -66,15 +60,15 @@ void NoteFailedOpen(const std::string& path, std::vector<FailedOpen>* failed) {
   failed->push_back({path, reason == nullptr ? "" : reason});
 }
 
-int AddName(dl_phdr_info* info, std::size_t /*size*/, void* names) {
-  if (info->dlpi_name == nullptr || *info->dlpi_name == '\0') return 0;  // the program itself
-  static_cast<std::vector<std::string>*>(names)->emplace_back(info->dlpi_name);
-  return 0;
-}
-
+/// Without the program itself, which has no name there.
 std::vector<std::string> LoadedFiles() {
+  const auto addName = [](dl_phdr_info* info, std::size_t /*size*/, void* names) {
+    const std::string_view name = ViewOf(info->dlpi_name);
+    if (!name.empty()) static_cast<std::vector<std::string>*>(names)->emplace_back(name);
+    return 0;
+  };
   std::vector<std::string> names;
-  ::dl_iterate_phdr(&AddName, &names);
+  ::dl_iterate_phdr(addName, &names);
   return names;
 }
 
@@ -112,26 +106,13 @@ bool SplitAndCall(std::string_view text) {
 
 }  // namespace
 
-SharedLibrary& SharedLibrary::operator=(SharedLibrary&& other) noexcept {
-  if (this != &other) {
-    Close();
-    handle_ = other.Release();
-  }
-  return *this;
-}
-
-void SharedLibrary::Close() {
-  LibraryHandle const handle = Release();
-  if (handle != nullptr) UseLoader("dlclose", [handle] { ::dlclose(handle); });
-}
-
-LibraryHandle SharedLibrary::Release() {
-  return std::exchange(handle_, nullptr);
+void CloseLibrary::operator()(LibraryHandle handle) const {
+  UseLoader("dlclose", [handle] { ::dlclose(handle); });
 }
 
 void* SharedLibrary::FindAddress(const std::string& name) const {
   // A null handle would search the program itself.
-  return IsOpen() && !name.empty() ? ::dlsym(handle_, name.c_str()) : nullptr;
+  return IsOpen() && !name.empty() ? ::dlsym(Get(), name.c_str()) : nullptr;
 }
 
 void* SharedLibrary::FindOwnAddress(const std::string& name) const {
@@ -140,7 +121,7 @@ void* SharedLibrary::FindOwnAddress(const std::string& name) const {
   Dl_info ignored;
   link_map* asked = nullptr;
   void* owner = nullptr;
-  const bool known = ::dlinfo(handle_, RTLD_DI_LINKMAP, &asked) == 0 &&
+  const bool known = ::dlinfo(Get(), RTLD_DI_LINKMAP, &asked) == 0 &&
                      ::dladdr1(address, &ignored, &owner, RTLD_DL_LINKMAP) != 0;
   return known && owner == asked ? address : nullptr;
 }
@@ -149,7 +130,7 @@ SharedLibrary OpenLibrary(const std::string& path, SymbolScope scope) {
   LibraryHandle handle = nullptr;
   const int flags = RTLD_NOW | (scope == SymbolScope::kGlobal ? RTLD_GLOBAL : RTLD_LOCAL);
   if (!path.empty()) {
-    UseLoader(path.c_str(), [&] { handle = ::dlopen(path.c_str(), flags); });
+    UseLoader(path, [&] { handle = ::dlopen(path.c_str(), flags); });
   }
   return SharedLibrary(handle);
 }
@@ -189,8 +170,10 @@ std::string InstallDirectory() {
   Directories& known = KnownDirectories();
   const CriticalScope hold(&known.lock);
   if (known.install.empty()) {
-    if (!HasSettingsSource() || Product().prefix.empty()) return kDefaultDirectory;
-    known.install = ReadInstallDirectory();
+    const auto settings =
+        Product().prefix.empty() ? nullptr : OpenSettings(SettingsScope::kSystemOnly);
+    if (settings == nullptr) return kDefaultDirectory;
+    known.install = AsDirectory(settings->GetText("Install", "Directory").value_or(""));
   }
   return known.install;
 }
@@ -198,7 +181,6 @@ std::string InstallDirectory() {
 std::string LibraryDirectory() {
   Directories& known = KnownDirectories();
   const CriticalScope hold(&known.lock);
-  if (known.library.empty()) known.library = kDefaultDirectory;
   return known.library;
 }
 
@@ -206,7 +188,7 @@ void SetLibraryDirectory(std::string_view directory) {
   if (directory.size() > kMaxText) return;
   Directories& known = KnownDirectories();
   const CriticalScope hold(&known.lock);
-  known.library = directory.empty() ? kDefaultDirectory : WithSlash(std::string(directory));
+  known.library = AsDirectory(std::string(directory));
 }
 
 std::optional<ExternalCall> ParseExternalCall(std::string_view text) {

@@ -6,6 +6,7 @@
 // opened or closed throws.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -22,20 +23,19 @@ using LibraryHandle = void*;
 /// Entry point of a library called by a command or for administration.
 using ExternalEntry = int (*)(int zero, LibraryHandle library, char* arguments, int reserved);
 
+struct CloseLibrary {
+  void operator()(LibraryHandle handle) const;
+};
+
 /// An open library that closes itself; it may be none.
 class SharedLibrary {
  public:
   SharedLibrary() = default;
   /// Takes the handle over.
   explicit SharedLibrary(LibraryHandle handle) : handle_(handle) {}
-  ~SharedLibrary() { Close(); }
-  SharedLibrary(SharedLibrary&& other) noexcept : handle_(other.Release()) {}
-  SharedLibrary& operator=(SharedLibrary&& other) noexcept;
-  SharedLibrary(const SharedLibrary&) = delete;
-  SharedLibrary& operator=(const SharedLibrary&) = delete;
 
   [[nodiscard]] bool IsOpen() const { return handle_ != nullptr; }
-  [[nodiscard]] LibraryHandle Get() const { return handle_; }
+  [[nodiscard]] LibraryHandle Get() const { return handle_.get(); }
   /// The library's function (or object) of that name, as a pointer of the wanted type; null when
   /// there is none.
   template <typename Pointer>
@@ -47,15 +47,15 @@ class SharedLibrary {
   [[nodiscard]] Pointer FindOwnSymbol(const std::string& name) const {
     return reinterpret_cast<Pointer>(FindOwnAddress(name));
   }
-  void Close();
+  void Close() { handle_.reset(); }
   /// Hands the open library over to the caller, who closes it or keeps it for good.
-  [[nodiscard]] LibraryHandle Release();
+  [[nodiscard]] LibraryHandle Release() { return handle_.release(); }
 
  private:
   [[nodiscard]] void* FindAddress(const std::string& name) const;
   [[nodiscard]] void* FindOwnAddress(const std::string& name) const;
 
-  LibraryHandle handle_ = nullptr;
+  std::unique_ptr<void, CloseLibrary> handle_;
 };
 
 /// Who sees the symbols of a library: all libraries, or who asks it for one.

@@ -60,12 +60,15 @@ char* CopyPrintable(std::string_view text, char* to) {
 
 }  // namespace
 
-void Notify(std::string_view text) {
+void Notify(std::initializer_list<std::string_view> parts) {
   const int kept = errno;
+  char text[kMaxNotice - kHead.size() - 1];
+  std::size_t length = 0;
+  for (const std::string_view part : parts) {
+    length += part.copy(text + length, sizeof text - length);
+  }
   char line[kMaxNotice];
-  char* end = std::ranges::copy(kHead, line).out;
-  const std::size_t length = std::min(text.size(), kMaxNotice - kHead.size() - 1);
-  end = CopyPrintable(text.substr(0, length), end);
+  char* end = CopyPrintable({text, length}, std::ranges::copy(kHead, line).out);
   *end++ = '\n';
   if (HasRoom()) {
     static_cast<void>(::write(STDERR_FILENO, line, static_cast<std::size_t>(end - line)) > 0);
@@ -74,7 +77,7 @@ void Notify(std::string_view text) {
 }
 
 void NotifyOnce(std::string_view text) {
-  if (IsNew(text)) Notify(text);
+  if (IsNew(text)) Notify({text});
 }
 
 const char* ErrorText(int number) {

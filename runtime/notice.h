@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <initializer_list>
 #include <string_view>
 
 namespace qixx::runtime {
@@ -13,9 +14,9 @@ namespace qixx::runtime {
 /// Longest line with the program's name and its line end; a longer one is cut.
 inline constexpr std::size_t kMaxNotice = 1024;
 
-/// Writes "qixxwatch: " and the text, in which what is not printable becomes '?'. Allocates nothing
-/// and takes no lock, so it may be called behind a fork.
-void Notify(std::string_view text);
+/// Writes "qixxwatch: " and the parts of a text, in which what is not printable becomes '?'.
+/// Allocates nothing and takes no lock, so it may be called behind a fork.
+void Notify(std::initializer_list<std::string_view> parts);
 /// The same for a text that has not been written yet; of too many different ones none is new.
 void NotifyOnce(std::string_view text);
 

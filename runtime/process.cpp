@@ -1,25 +1,26 @@
 #include "runtime/process.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <initializer_list>
 #include <optional>
+#include <utility>
 
 #include "runtime/children.h"
 #include "runtime/clock.h"
+#include "runtime/descriptor.h"
 #include "runtime/file_place.h"
 #include "runtime/loader.h"
 #include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/scarce_means.h"
 #include "runtime/secrets.h"
+#include "runtime/sync.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 
@@ -38,30 +39,21 @@ constexpr std::int64_t kStartPause = 99;  // milliseconds
 constexpr int kEndTests = 10;
 constexpr std::int64_t kEndPause = 333;  // milliseconds
 
-constexpr mode_t kOutputMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
-
 // --- splitting --------------------------------------------------------------------------------
 
-/// Where a token stands in its line, the quotes that it loses left out.
-struct Token {
-  std::size_t begin = 0;
-  std::size_t length = 0;
-};
-
-/// The token at or behind `at`, which moves behind it; nothing when only blanks are left.
-std::optional<Token> NextToken(std::string_view line, std::size_t& at) {
-  const std::size_t begin = line.find_first_not_of(' ', at);
-  if (begin == std::string_view::npos) return std::nullopt;
-  const bool quoted = line[begin] == '"';
-  const std::size_t stop = line.find(quoted ? '"' : ' ', begin + 1);
-  const bool closed = stop != std::string_view::npos;
-  at = closed ? stop + (quoted ? 1 : 0) : line.size();
-
-  const std::string_view whole = line.substr(begin, at - begin);
+/// Takes the first token off a line, without the quotes that it loses; nothing when only blanks are
+/// left.
+std::optional<std::string_view> TakeToken(std::string_view& line) {
+  line = SkipBlanks(line);
+  if (line.empty()) return std::nullopt;
+  const bool quoted = line.front() == '"';
+  const std::size_t stop = std::min(line.find(quoted ? '"' : ' ', 1), line.size());
+  const std::string_view token = line.substr(0, stop + (quoted ? 1 : 0));
+  line.remove_prefix(token.size());
   // A quoted option keeps its quotes, as intended: the programs of the suite look for them.
   const bool unquote =
-      quoted && whole.size() >= kShortestUnquoted && whole.back() == '"' && whole[1] != '-';
-  return unquote ? Token{begin + 1, whole.size() - 2} : Token{begin, whole.size()};
+      quoted && token.size() >= kShortestUnquoted && token.back() == '"' && token[1] != '-';
+  return unquote ? token.substr(1, token.size() - 2) : token;
 }
 
 /// The program and what stands in `content` at the places of the tokens of `line`, a text of the
@@ -70,9 +62,10 @@ std::vector<std::string> SplitAlike(std::string_view program, std::string_view l
                                     std::string_view content) {
   std::vector<std::string> entries;
   if (!program.empty()) entries.emplace_back(program);
-  std::size_t at = 0;
-  while (const std::optional<Token> token = NextToken(line, at)) {
-    entries.emplace_back(content.substr(token->begin, token->length));
+  const char* const begin = line.data();
+  while (const auto token = TakeToken(line)) {
+    const auto place = static_cast<std::size_t>(token->data() - begin);
+    entries.emplace_back(content.substr(place, token->size()));
   }
   return entries;
 }
@@ -104,78 +97,81 @@ const char* FaultOfOutput(const struct stat& file, const struct stat& folder) {
   return isAllowed ? nullptr : "a file of somebody else";
 }
 
-/// Opens the output in its folder. Negative when that fails, with `fault` when it is refused. Waits
+/// Opens the output in its folder. Not open when that fails, with `fault` when it is refused. Waits
 /// for nothing but the reader of a pipe that nobody else can have put there.
-int OpenOutput(int folder, const char* name, const char*& fault) {
+Descriptor OpenOutput(int folder, const char* name, const char*& fault) {
   // The links of /proc are nobody's, and lead to what the service itself has open.
   const bool inProc = IsInProc(folder);
   const int flags = O_WRONLY | O_NOCTTY | (inProc ? 0 : O_NOFOLLOW);
   struct stat place {};
   struct stat file {};
-  if (::fstat(folder, &place) != 0) return -1;
-  int output = ::openat(folder, name, flags | O_CREAT | O_NONBLOCK, kOutputMode);
+  if (::fstat(folder, &place) != 0) return {};
+  Descriptor output(::openat(folder, name, flags | O_CREAT | O_NONBLOCK, DEFFILEMODE));
   const int error = errno;
-  const bool known = output >= 0
-                         ? ::fstat(output, &file) == 0
+  const bool known = output.IsOpen()
+                         ? ::fstat(output.Get(), &file) == 0
                          : ::fstatat(folder, name, &file, inProc ? 0 : AT_SYMLINK_NOFOLLOW) == 0;
   if (known) fault = FaultOfOutput(file, place);
-  if (output < 0) {
-    const bool waits = error == ENXIO && known && fault == nullptr && S_ISFIFO(file.st_mode);
-    return waits ? ::openat(folder, name, flags) : -1;
-  }
-  const bool usable = known && fault == nullptr && ::fcntl(output, F_SETFL, 0) == 0 &&
-                      (!S_ISREG(file.st_mode) || file.st_size == 0 || ::ftruncate(output, 0) == 0);
-  if (usable) return output;
-  ::close(output);
-  return -1;
+  if (!known || fault != nullptr) return {};
+  const bool waits = !output.IsOpen() && error == ENXIO && S_ISFIFO(file.st_mode);
+  if (waits) return Descriptor(::openat(folder, name, flags));
+  const bool usable =
+      ::fcntl(output.Get(), F_SETFL, 0) == 0 &&
+      (!S_ISREG(file.st_mode) || file.st_size == 0 || ::ftruncate(output.Get(), 0) == 0);
+  return usable ? std::move(output) : Descriptor();
 }
 
 // --- the child --------------------------------------------------------------------------------
 
+/// The service's environment with the variables ("NAME=value"), each in the place of its namesake,
+/// ended by null.
+std::vector<const char*> EnvironmentWith(const std::vector<std::string>& variables) {
+  std::vector<const char*> all;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    all.push_back(*entry);
+  }
+  for (const std::string& variable : variables) {
+    const std::string head = variable.substr(0, variable.find('=') + 1);
+    const auto namesake = std::ranges::find_if(
+        all, [&head](std::string_view entry) { return entry.starts_with(head); });
+    if (namesake == all.end()) {
+      all.push_back(variable.c_str());
+    } else {
+      *namesake = variable.c_str();
+    }
+  }
+  all.push_back(nullptr);
+  return all;
+}
+
 /// All that the child needs, made before the fork: another thread may hold the lock of the heap
 /// while the process is copied.
-class ChildPlan {
- public:
-  ChildPlan(std::string_view program, std::string_view arguments)
-      : entries_(SplitArguments(program, arguments)) {
-    if (TraceIsOn()) {
-      shown_ = SplitAlike(MaskSecrets(program), arguments, MaskSecrets(arguments));
-    }
-    if (!entries_.empty()) program_ = MaskSecrets(entries_.front());
-    for (std::string& entry : entries_) vector_.push_back(entry.data());
+struct ChildPlan {
+  ChildPlan(std::string_view programPath, std::string_view arguments, const KeptChild* kept)
+      : entries(SplitArguments(programPath, arguments)),
+        shown(SplitAlike(MaskSecrets(programPath), arguments, MaskSecrets(arguments))),
+        passed(kept != nullptr ? kept->passed : -1) {
+    if (kept != nullptr) environment = EnvironmentWith(kept->variables);
+    if (!entries.empty()) program = MaskSecrets(entries.front());
+    for (std::string& entry : entries) vector.push_back(entry.data());
     // Entry 0 is no redirection.
-    if (entries_.size() >= 3 && entries_[entries_.size() - 2] == ">") {
-      output_ = {FindFile(entries_.back()),
-                 SplitAlike({}, arguments, MaskSecrets(arguments)).back()};
-      vector_.resize(entries_.size() - 2);
+    if (entries.size() >= 3 && entries[entries.size() - 2] == ">") {
+      output = {FindFile(entries.back()), shown.back()};
+      vector.resize(entries.size() - 2);
     }
-    vector_.push_back(nullptr);
+    vector.push_back(nullptr);
   }
+  ChildPlan(const ChildPlan&) = delete;
+  ChildPlan& operator=(const ChildPlan&) = delete;
 
-  /// Entry 0 with secrets masked.
-  [[nodiscard]] const std::string& Program() const { return program_; }
-  [[nodiscard]] bool IsEmpty() const { return entries_.empty(); }
-  /// The entries without a redirection, ended by null.
-  [[nodiscard]] char* const* Vector() const { return vector_.data(); }
-  /// Where the child's output goes, nothing without a redirection.
-  [[nodiscard]] const std::optional<Output>& Redirection() const { return output_; }
-  /// All entries with secrets masked; empty while the trace is off.
-  [[nodiscard]] const std::vector<std::string>& Shown() const { return shown_; }
-
- private:
-  std::vector<std::string> entries_;
-  std::string program_;
-  std::vector<std::string> shown_;
-  std::vector<char*> vector_;
-  std::optional<Output> output_;
+  std::vector<std::string> entries;
+  std::vector<std::string> shown;        ///< the entries with secrets masked
+  std::string program;                   ///< entry 0 with secrets masked
+  std::vector<char*> vector;             ///< the entries without a redirection, ended by null
+  std::optional<Output> output;          ///< nothing without a redirection
+  int passed;                            ///< negative for none
+  std::vector<const char*> environment;  ///< empty for the service's own
 };
-
-void TraceArguments(const std::vector<std::string>& shown) {
-  int number = 0;
-  for (const std::string& entry : shown) {
-    TraceWrite("Helper - Argument %d: '%s'", number++, entry.c_str());
-  }
-}
 
 /// Gives the program the signals of a fresh process. What the service's own caller had switched off
 /// (SIGHUP below nohup) stays so; SIGPIPE, SIGXFSZ and SIGCHLD may be the service's own doing.
@@ -201,87 +197,56 @@ bool PassOn(int descriptor) {
   return descriptor >= 0 && ::dup2(descriptor, kPassedDescriptor) == kPassedDescriptor;
 }
 
-/// For kernels without close_range (before Linux 5.9). The first descriptor is closed right away,
-/// so that there is one for the list. opendir would allocate.
-void CloseListedDescriptors(int first) {
-  ::close(first);
-  const int list = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  alignas(dirent64) char entries[1024];
-  ssize_t length = 0;
-  while ((length = ::getdents64(list, entries, sizeof entries)) > 0) {
-    for (ssize_t at = 0; at < length;) {
-      const auto* const entry = reinterpret_cast<const dirent64*>(entries + at);
-      const auto number = static_cast<int>(ParseDecimal(entry->d_name));
-      if (number >= first && number != list) ::close(number);
-      at += entry->d_reclen;
-    }
-  }
-  ::close(list);
-}
-
-/// Closes what a loaded library may have left open without close-on-exec.
-void CloseDescriptorsFrom(unsigned first) {
-#ifdef SYS_close_range
-  if (::syscall(SYS_close_range, first, UINT_MAX, 0U) == 0) return;
-#endif
-  CloseListedDescriptors(static_cast<int>(first));
-}
-
-/// Says the parts as one line on standard error, without an allocation.
-void NotifyParts(std::initializer_list<std::string_view> parts) {
-  char notice[kMaxNotice];
-  std::size_t length = 0;
-  for (const std::string_view part : parts) {
-    length += part.copy(notice + length, sizeof notice - length);
-  }
-  Notify({notice, length});
-}
-
 /// Sends standard output, where the file's folder is until then, to the file, or nowhere when it
 /// cannot be opened: the program is started all the same.
 void RedirectOutput(const ChildPlan& plan, const Output& to) {
   const FilePlace& place = to.found.real;
   const char* fault = nullptr;
-  int output = -1;
+  Descriptor output;
   if (place.Folder() >= 0) output = OpenOutput(STDOUT_FILENO, place.Name().c_str(), fault);
   if (fault != nullptr) TraceRefusal(to.shown, fault);
   if (fault == nullptr) fault = to.found.refusal;  // traced when it was found
   if (fault != nullptr) {
     ::signal(SIGPIPE, SIG_IGN);  // nor may a reader that is gone keep the program from starting
-    NotifyParts({"'", plan.Program(), "' without its output, '", to.shown, "' is ", fault});
+    Notify({"'", plan.program, "' without its output, '", to.shown, "' is ", fault});
     ::signal(SIGPIPE, SIG_DFL);
   }
-  if (output < 0) output = ::open("/dev/null", O_WRONLY);
-  if (output < 0 || output == STDOUT_FILENO) return;
-  ::dup2(output, STDOUT_FILENO);
-  if (output > STDERR_FILENO) ::close(output);
+  if (!output.IsOpen()) output = Descriptor(::open("/dev/null", O_WRONLY));
+  ::dup2(output.Get(), STDOUT_FILENO);
+  // One that was closed before may stay: it is a standard one.
+  if (output.Get() <= STDERR_FILENO) static_cast<void>(output.Release());
 }
 
 /// Tells that the program could not be started. Standard error comes last: a reader that is gone
 /// ends the child, which no longer ignores SIGPIPE.
 [[noreturn]] void EndWithoutProgram(const ChildPlan& plan, int error) {
   const char* const reason = ErrorText(error);
-  TraceWrite("Helper - Failed to start '%s': %s", plan.Program().c_str(), reason);
+  TraceWrite("Helper - Failed to start '%s': %s", plan.program.c_str(), reason);
   TraceWrite("Helper - Child process done");
-  NotifyParts({"'", plan.Program(), "' not started: ", reason});
+  Notify({"'", plan.program, "' not started: ", reason});
   ::_exit(0);
 }
 
 /// Turns the child into the program. Nothing here waits for another thread or allocates. The
 /// redirection comes last: opening a pipe waits for its reader, and a child that waits must obey
 /// signals and hold nothing of the service open.
-[[noreturn]] void RunChild(const ChildPlan& plan, int passed) {
+[[noreturn]] void RunChild(const ChildPlan& plan) {
   TraceWrite("Helper - Child process started");
   ::setsid();
-  if (!plan.IsEmpty()) {
-    TraceArguments(plan.Shown());
+  if (!plan.entries.empty()) {
+    int number = 0;
+    for (const std::string& entry : plan.shown) {
+      TraceWrite("Helper - Argument %d: '%s'", number++, entry.c_str());
+    }
     RestoreSignals();
-    const std::optional<Output>& output = plan.Redirection();
     // The one descriptor that the output's folder can have while all others are closed.
-    if (output) ::dup2(output->found.real.Folder(), STDOUT_FILENO);
-    CloseDescriptorsFrom((PassOn(passed) ? kPassedDescriptor : STDERR_FILENO) + 1);
-    if (output) RedirectOutput(plan, *output);
-    ::execv(plan.Vector()[0], plan.Vector());
+    if (plan.output) ::dup2(plan.output->found.real.Folder(), STDOUT_FILENO);
+    // A loaded library may have left some open without close-on-exec.
+    ::closefrom((PassOn(plan.passed) ? kPassedDescriptor : STDERR_FILENO) + 1);
+    if (plan.output) RedirectOutput(plan, *plan.output);
+    ::execve(
+        plan.vector[0], plan.vector.data(),
+        plan.environment.empty() ? environ : const_cast<char* const*>(plan.environment.data()));
     EndWithoutProgram(plan, errno);
   }
   TraceWrite("Helper - Child process done");
@@ -290,33 +255,22 @@ void RedirectOutput(const ChildPlan& plan, const Output& to) {
 
 // --- the parent -------------------------------------------------------------------------------
 
-/// Holds all signals back for a scope, so that no handler of the service runs in the child. On
-/// Linux sigprocmask acts on the calling thread.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    ::sigfillset(&all);
-    ::sigprocmask(SIG_SETMASK, &all, &before_);
-  }
-  ~SignalsBlocked() { ::sigprocmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t before_;
-};
-
-/// Returns in the parent only; without a child the negative error number.
-pid_t ForkChild(const ChildPlan& plan, int passed) {
-  const SignalsBlocked blocked;
+/// Returns in the parent only; without a child the negative error number. No handler of the
+/// service's runs in the child: signals are held back. On Linux sigprocmask acts on the calling
+/// thread.
+pid_t ForkChild(const ChildPlan& plan) {
+  sigset_t all;
+  sigset_t before;
+  ::sigfillset(&all);
   pid_t child = -1;
   {
-    const TraceForkLock held;
+    const CriticalScope held(&TraceLock());
+    ::sigprocmask(SIG_SETMASK, &all, &before);
     child = ::fork();
     if (child < 0) child = -errno;
   }
-  if (child == 0) RunChild(plan, passed);
+  if (child == 0) RunChild(plan);
+  ::sigprocmask(SIG_SETMASK, &before, nullptr);
   return child;
 }
 
@@ -344,7 +298,7 @@ void TellFailure(const ChildPlan& plan, const ChildState& state) {
   const int number = bySignal ? WTERMSIG(state.status) : WEXITSTATUS(state.status);
   const char* const how = bySignal ? "was ended by signal" : "ended with exit code";
   TraceWrite("Helper - Process %d %s %d", static_cast<int>(state.result), how, number);
-  NotifyParts({"'", plan.Program(), "' ", how, " ", std::to_string(number)});  // a short text
+  Notify({"'", plan.program, "' ", how, " ", std::to_string(number)});  // a short text
 }
 
 /// 0 and negative ids would reach whole groups of processes.
@@ -355,19 +309,20 @@ bool IsProcessId(std::uint64_t processId) {
 }  // namespace
 
 bool LaunchProcess(const std::string& program, std::string_view arguments, std::int64_t waitMode,
-                   int passed) {
+                   KeptChild* kept) {
   TraceWrite("Helper - Start application: '%s' '%s'", MaskedText(program).Text(),
              MaskedText(arguments).Text());
-  const ChildPlan plan(program, arguments);
+  const ChildPlan plan(program, arguments, kept);
   ChildPlace place;
-  const pid_t child = ForkChild(plan, passed);
+  const pid_t child = ForkChild(plan);
   if (child < 0) {
     TraceWrite("Helper - Failed to fork process");
     ScarceMeans::Note(-child);
-    NotifyOnce("'" + plan.Program() + "' not started: " + std::string(ErrorText(-child)));
+    NotifyOnce("'" + plan.program + "' not started: " + std::string(ErrorText(-child)));
     return false;
   }
-  place.Register(child);
+  place.Register(child, kept != nullptr);
+  if (kept != nullptr) kept->id = child;
   TraceWrite("Helper - Forked process id %d", static_cast<int>(child));
   SleepMilliseconds(kStartPause);
   TellFailure(plan, PollChild(child, waitMode));

@@ -5,6 +5,8 @@
 // never behind a fork.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -19,15 +21,22 @@ inline constexpr std::int64_t kWaitNone = 0;
 /// standard ones.
 inline constexpr int kPassedDescriptor = 3;
 
+/// A child that its starter looks after: it is marked (see runtime/children.h), and gets more than
+/// others.
+struct KeptChild {
+  int passed = -1;                          ///< the starter's; the program gets a copy
+  std::vector<std::string> variables = {};  ///< "NAME=value", in the service's environment
+  pid_t id = 0;                             ///< once it was started
+};
+
 /// Forks and runs `program` with the split `arguments`; an empty program takes the first token of
 /// the arguments instead. Each launch takes 99 ms. Wait mode 1 then waits for about a second (10
 /// polls, 99 ms apart), a greater n for about n seconds (n polls, 999 ms apart). A child that has
 /// failed when the wait is over is told of in the trace and on standard error. False when the fork
 /// failed, which ScarceMeans and, once, standard error may tell of; true whatever became of the
 /// child, even when the program could not be started.
-/// A descriptor that is `passed` stays the caller's; the program gets a copy.
 bool LaunchProcess(const std::string& program, std::string_view arguments,
-                   std::int64_t waitMode = kWaitNone, int passed = -1);
+                   std::int64_t waitMode = kWaitNone, KeptChild* kept = nullptr);
 
 /// Splits at blanks; double quotes hold a token together and are dropped from tokens of four
 /// characters and more that do not begin with a quoted '-'. Entry 0 is the program, or the first

@@ -3,23 +3,21 @@
 namespace qixx::runtime {
 namespace {
 
-constexpr ProductIdentity kNoIdentity;
-constexpr ProductIdentity kIdentity{.prefix = "qix",
-                                    .name = "Tessaly",
-                                    .mainLibrary = "libqix.so",
-                                    .pkcs11Library = "libqixp11.so",
-                                    .mainProgram = "qix",
-                                    .configFile = "qix.conf"};
-constinit const ProductIdentity* identity = &kNoIdentity;
+constinit ProductIdentity identity;
 
 }  // namespace
 
 void InitProductIdentity() {
-  identity = &kIdentity;
+  identity = {.prefix = "qix",
+              .name = "Tessaly",
+              .mainLibrary = "libqix.so",
+              .pkcs11Library = "libqixp11.so",
+              .mainProgram = "qix",
+              .configFile = "qix.conf"};
 }
 
 const ProductIdentity& Product() {
-  return *identity;
+  return identity;
 }
 
 }  // namespace qixx::runtime

@@ -22,7 +22,6 @@ namespace qixx::runtime {
 namespace {
 
 constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
-constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
 
 enum class Outcome {
   kDone,
@@ -131,7 +130,7 @@ Rights TakeOver(const Descriptor& file, const Descriptor& like) {
   const struct stat got = StatusOf(file);
   const bool sameGroup = given || got.st_gid == wanted.st_gid;
   const bool sameList = TakeAccessList(file, like);
-  mode_t mode = wanted.st_mode & kPermissions;
+  mode_t mode = wanted.st_mode & ACCESSPERMS;
   if (!sameGroup || !sameList) mode &= ~kGroup | (mode & S_IRWXO) << 3;
   if (::fchmod(file.Get(), mode) != 0) return Rights::kFailed;
   const bool kept = got.st_uid == wanted.st_uid && sameList && (sameGroup || !GroupCounts(like));
@@ -174,15 +173,8 @@ Outcome PutNewFile(const FilePlace& place, std::string_view text, const Descript
 // --- in place -----------------------------------------------------------------------------------
 
 bool WriteAt(const Descriptor& file, std::string_view text, std::size_t position) {
-  while (!text.empty()) {
-    const ssize_t put =
-        ::pwrite(file.Get(), text.data(), text.size(), static_cast<off_t>(position));
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return Noted(false);
-    text.remove_prefix(static_cast<std::size_t>(put));
-    position += static_cast<std::size_t>(put);
-  }
-  return true;
+  const auto place = static_cast<off_t>(position);
+  return Noted(::lseek(file.Get(), place, SEEK_SET) == place && WriteFully(file, text));
 }
 
 bool CutFile(const Descriptor& file, std::size_t length) {

@@ -19,11 +19,6 @@ bool IsBlank(char c) {
   return c == ' ' || c == '\t';
 }
 
-void Mask(std::string& masked, std::size_t begin, std::size_t end) {
-  std::fill(masked.begin() + static_cast<std::ptrdiff_t>(begin),
-            masked.begin() + static_cast<std::ptrdiff_t>(end), '*');
-}
-
 /// Whether a place is inside an argument in quotes, which begins behind a blank, or with the line.
 bool IsQuoted(std::string_view line, std::size_t place) {
   for (std::size_t at = 0; at < place;) {
@@ -54,7 +49,8 @@ void MaskValue(std::string_view line, std::size_t at, bool quotedOption, std::st
     quoted = true;
     ++begin;
   }
-  Mask(masked, begin, std::min(line.find(quoted ? kQuote : ' ', begin), line.size()));
+  const std::size_t length = std::min(line.find(quoted ? kQuote : ' ', begin), line.size()) - begin;
+  masked.replace(begin, length, length, '*');
 }
 
 void MaskKey(std::string_view line, std::string_view key, std::string& masked) {
@@ -78,7 +74,5 @@ std::string MaskSecrets(std::string_view text) {
 MaskedText::MaskedText(std::string_view text) {
   if (TraceIsOn()) copy_ = MaskSecrets(text);
 }
-
-MaskedText::MaskedText(const char* text) : MaskedText(ViewOf(text)) {}
 
 }  // namespace qixx::runtime

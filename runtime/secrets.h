@@ -16,7 +16,6 @@ namespace qixx::runtime {
 class MaskedText {
  public:
   explicit MaskedText(std::string_view text);
-  explicit MaskedText(const char* text);
   [[nodiscard]] const char* Text() const { return copy_.c_str(); }
 
  private:

@@ -13,10 +13,6 @@ void SetSettingsSource(SettingsSource source) {
   installedSource.store(source);
 }
 
-bool HasSettingsSource() {
-  return installedSource.load() != nullptr;
-}
-
 std::unique_ptr<RuntimeSettings> OpenSettings(SettingsScope scope) {
   const SettingsSource source = installedSource.load();
   return source != nullptr ? source(scope) : nullptr;

@@ -33,7 +33,6 @@ using SettingsSource = std::unique_ptr<RuntimeSettings> (*)(SettingsScope scope)
 
 /// Installs the source, or removes it with null.
 void SetSettingsSource(SettingsSource source);
-[[nodiscard]] bool HasSettingsSource();
 /// Null without a source, and when the source has nothing to ask.
 [[nodiscard]] std::unique_ptr<RuntimeSettings> OpenSettings(SettingsScope scope);
 

@@ -20,25 +20,13 @@ namespace {
 
 /// A value that names its own variable would be expanded for ever.
 constexpr int kMaxReplacements = 256;
-constexpr mode_t kNewFile = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
 constexpr const char* kSystemNameFile = "/etc/issue.net";
 
-/// A placeholder of configured paths; these two spellings are all that is recognised.
-struct Placeholder {
-  std::string_view mixed;
-  std::string_view capitals;
-};
-constexpr Placeholder kCurrent{"%Current%", "%CURRENT%"};
-constexpr Placeholder kInstallLocation{"%InstallLocation%", "%INSTALLLOCATION%"};
-
-bool Holds(std::string_view text, const Placeholder& placeholder) {
-  return text.find(placeholder.mixed) != std::string_view::npos ||
-         text.find(placeholder.capitals) != std::string_view::npos;
-}
-
-void Replace(std::string& text, const Placeholder& placeholder, std::string_view value) {
-  ReplaceAll(text, placeholder.mixed, value, kMaxText);
-  ReplaceAll(text, placeholder.capitals, value, kMaxText);
+/// Replaces a placeholder of configured paths. The value is asked for only where it is needed,
+/// because the configuration may be read for it.
+void Replace(std::string& text, std::string_view placeholder, std::string (*value)()) {
+  if (text.find(placeholder) == std::string::npos) return;
+  ReplaceAll(text, placeholder, value(), kMaxText);
 }
 
 /// Makes one of every run of the character.
@@ -65,20 +53,15 @@ bool ExpandFirstVariable(std::string& text) {
   return true;
 }
 
-/// "Debian GNU/Linux 12.4.1" becomes "Debian GNU/Linux 12.4".
-std::string_view CutAtSecondDot(std::string_view text) {
-  const std::size_t first = text.find('.');
-  if (first == std::string_view::npos) return text;
-  return text.substr(0, text.find('.', first + 1));
-}
-
 /// The name that the distribution shows before a remote login; a line end is no part of it. A text
 /// that is too long as a whole is no name, even if it would not be once it is cut.
 std::string ReadDistributionName() {
   const std::string content = ReadWholeFile(std::string(kSystemNameFile)).value_or("");
   const std::string_view text = UpToZero(content);
   const std::string_view name = text.substr(0, text.find_last_not_of("\n\r ") + 1);
-  return name.size() <= kMaxText ? std::string(CutAtSecondDot(name)) : std::string();
+  if (name.size() > kMaxText) return {};
+  // "Debian GNU/Linux 12.4.1" becomes "Debian GNU/Linux 12.4".
+  return std::string(name.substr(0, name.find('.', name.find('.') + 1)));
 }
 
 std::string ReadKernelName() {
@@ -108,17 +91,14 @@ bool DeleteFile(const std::string& path) {
 }
 
 std::uint64_t GetFileSize(const std::string& path) {
-  const Descriptor file = OpenRegular(path, O_RDONLY);
-  if (!file.IsOpen()) return 0;
-  const off_t end = ::lseek(file.Get(), 0, SEEK_END);
-  return end > 0 ? static_cast<std::uint64_t>(end) : 0;
+  return static_cast<std::uint64_t>(StatusOf(OpenRegular(path, O_RDONLY)).st_size);
 }
 
 bool CopyFile(const std::string& source, const std::string& destination) {
   const Descriptor from = OpenRegular(source, O_RDONLY);
   if (!from.IsOpen()) return false;
   // A new copy of a private file must not be open to more eyes than the file.
-  const mode_t mode = (StatusOf(from).st_mode & kNewFile) | S_IRUSR | S_IWUSR;
+  const mode_t mode = (StatusOf(from).st_mode & DEFFILEMODE) | S_IRUSR | S_IWUSR;
   const Descriptor to = OpenRegular(destination, O_WRONLY | O_CREAT, mode);
   if (!to.IsOpen()) return false;
   CopyContent(from, to);
@@ -126,7 +106,7 @@ bool CopyFile(const std::string& source, const std::string& destination) {
 }
 
 bool WriteWholeFile(const std::string& path, std::string_view data) {
-  const Descriptor file = OpenRegular(path, O_WRONLY | O_CREAT | O_TRUNC, kNewFile);
+  const Descriptor file = OpenRegular(path, O_WRONLY | O_CREAT | O_TRUNC, DEFFILEMODE);
   if (!file.IsOpen()) return false;
   WriteFully(file, data);
   return true;
@@ -140,10 +120,10 @@ std::string GetCurrentDirectory() {
 std::string ExpandPath(std::string_view text, bool prefixInstall) {
   std::string path(text);
   if (path.find("://") != std::string::npos) return path;
-  // Both values are asked for only where they are needed, because the configuration may be read for
-  // the second one.
-  if (Holds(path, kCurrent)) Replace(path, kCurrent, GetCurrentDirectory());
-  if (Holds(path, kInstallLocation)) Replace(path, kInstallLocation, InstallDirectory());
+  Replace(path, "%Current%", GetCurrentDirectory);
+  Replace(path, "%CURRENT%", GetCurrentDirectory);
+  Replace(path, "%InstallLocation%", InstallDirectory);
+  Replace(path, "%INSTALLLOCATION%", InstallDirectory);
   if (prefixInstall && path.find('/') == std::string::npos) {
     const std::string directory(InstallDirectory());
     if (directory.size() + path.size() <= kMaxText) path.insert(0, directory);

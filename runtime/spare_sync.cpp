@@ -9,9 +9,6 @@
 namespace qixx::runtime {
 namespace {
 
-/// This platform brings mutexes of its own, so a caller need not hand any in.
-constexpr bool kInternalLockingPossible = true;
-
 constinit ExternalMutexHooks mutexHooks;
 constinit std::atomic<std::uint32_t> lockTimeoutSeconds{0};
 
@@ -56,10 +53,6 @@ std::uint32_t SetExternalMutexHooks(const ExternalMutexHooks* hooks) {
   }
   const int present = (hooks->create != nullptr) + (hooks->destroy != nullptr) +
                       (hooks->lock != nullptr) + (hooks->unlock != nullptr);
-  if (present != 4 && !kInternalLockingPossible) {
-    TraceWrite("Critical - Internal locking not supported");
-    return kSyncCantLock;
-  }
   if (present == 4) {
     mutexHooks = *hooks;
     TraceWrite("Critical - External mutexes enabled");

@@ -14,7 +14,7 @@ using TraceLineCallback = void (*)(const char* line, std::size_t length);
 /// Lines go to the callback, without header, as well as to a target; null removes it. The callback
 /// runs with the lock held; it may trace, which reuses the buffer of the line that it was given.
 void TraceSetCallback(TraceLineCallback callback);
-/// Sleeps that long after each line, with the lock held, until the target is cleared.
+/// Sleeps that long after each line, with the lock held; 0, as at start, not at all.
 void TraceSetDelay(std::int32_t milliseconds);
 /// Waits for the end of queued writing; lines are written directly here, so there is none.
 void TraceStop();

@@ -1,6 +1,5 @@
 #include "runtime/sync.h"
 
-#include <algorithm>
 #include <memory>
 
 #include "runtime/clock.h"
@@ -14,10 +13,7 @@ namespace {
 
 // --- mutexes ----------------------------------------------------------------------------------
 
-/// Room for a platform mutex; never less than the 40 bytes of the common 64-bit layout.
-struct MutexRoom {
-  alignas(pthread_mutex_t) unsigned char bytes[std::max<std::size_t>(40, sizeof(pthread_mutex_t))];
-};
+static_assert(sizeof(pthread_mutex_t) >= 40, "as much as the suite gives a mutex");
 
 pthread_mutex_t* PlatformMutex(void* mutex) {
   return static_cast<pthread_mutex_t*>(mutex);
@@ -29,46 +25,35 @@ constexpr std::uint64_t kLockTriesPerSecond = 10;
 // Sections are made before the static constructors have run and used after the static destructors.
 constinit std::atomic<std::uint64_t> liveSections{0};
 
-std::uint32_t PlatformResult(int error) {
-  return error == 0 ? kSyncOk : kSyncSystemFailure;
+/// Calls a function of the platform's that may be missing.
+template <typename Function, typename... Arguments>
+std::uint32_t Call(Function* function, Arguments... arguments) {
+  return function != nullptr && function(arguments...) == 0 ? kSyncOk : kSyncSystemFailure;
 }
 
 std::uint32_t CreatePlatformMutex(void*& mutex) {
-  if (Threads().mutexInit == nullptr) return kSyncSystemFailure;
-  auto room = std::make_unique<MutexRoom>();
-  if (Threads().mutexInit(PlatformMutex(room.get()), nullptr) != 0) return kSyncSystemFailure;
-  mutex = room.release();
-  return kSyncOk;
+  auto room = std::make_unique<pthread_mutex_t>();
+  const std::uint32_t result = Call(Threads().mutexInit, room.get(), nullptr);
+  if (result == kSyncOk) mutex = room.release();
+  return result;
 }
 
 std::uint32_t DestroyPlatformMutex(void* mutex) {
-  if (Threads().mutexDestroy == nullptr) return kSyncSystemFailure;
-  if (Threads().mutexDestroy(PlatformMutex(mutex)) != 0) return kSyncSystemFailure;
-  delete static_cast<MutexRoom*>(mutex);
-  return kSyncOk;
-}
-
-std::uint32_t TryLockFor(std::uint32_t seconds, decltype(&::pthread_mutex_trylock) tryLock,
-                         pthread_mutex_t* mutex) {
-  for (std::uint64_t tries = seconds * kLockTriesPerSecond; tries != 0; --tries) {
-    if (tryLock(mutex) == 0) return kSyncOk;
-    SleepMilliseconds(kLockPause);
-  }
-  return kSyncSystemFailure;
+  const std::uint32_t result = Call(Threads().mutexDestroy, PlatformMutex(mutex));
+  if (result == kSyncOk) delete PlatformMutex(mutex);
+  return result;
 }
 
 std::uint32_t LockPlatformMutex(void* mutex) {
-  const std::uint32_t seconds = LockTimeout();
-  if (const auto tryLock = Threads().mutexTryLock; seconds != 0 && tryLock != nullptr) {
-    return TryLockFor(seconds, tryLock, PlatformMutex(mutex));
+  std::uint64_t tries = LockTimeout() * kLockTriesPerSecond;
+  if (tries == 0 || Threads().mutexTryLock == nullptr) {
+    return Call(Threads().mutexLock, PlatformMutex(mutex));
   }
-  if (Threads().mutexLock == nullptr) return kSyncSystemFailure;
-  return PlatformResult(Threads().mutexLock(PlatformMutex(mutex)));
-}
-
-std::uint32_t UnlockPlatformMutex(void* mutex) {
-  if (Threads().mutexUnlock == nullptr) return kSyncSystemFailure;
-  return PlatformResult(Threads().mutexUnlock(PlatformMutex(mutex)));
+  for (; tries != 0; --tries) {
+    if (Threads().mutexTryLock(PlatformMutex(mutex)) == 0) return kSyncOk;
+    SleepMilliseconds(kLockPause);
+  }
+  return kSyncSystemFailure;
 }
 
 }  // namespace
@@ -89,7 +74,6 @@ std::uint32_t CCritical::Initialise() {
   owner_.store(0, std::memory_order_relaxed);
   count_.store(0, std::memory_order_relaxed);
   liveSections.fetch_add(1, std::memory_order_relaxed);
-  if (mutex_ != nullptr) return kSyncGeneralError;
   return MutexHooks().create != nullptr ? MutexHooks().create(&mutex_)
                                         : CreatePlatformMutex(mutex_);
 }
@@ -107,10 +91,6 @@ std::uint32_t CCritical::Destroy() {
   return result;
 }
 
-std::uint32_t CCritical::Lock() {
-  return MutexHooks().lock != nullptr ? MutexHooks().lock(mutex_) : LockPlatformMutex(mutex_);
-}
-
 std::uint32_t CCritical::Enter() {
   const ThreadId caller = ThreadSelf();
   if (mutex_ == nullptr) return kSyncGeneralError;
@@ -119,7 +99,8 @@ std::uint32_t CCritical::Enter() {
     count_.store(count + 1, std::memory_order_relaxed);
     return kSyncOk;
   }
-  const std::uint32_t result = Lock();
+  const std::uint32_t result =
+      MutexHooks().lock != nullptr ? MutexHooks().lock(mutex_) : LockPlatformMutex(mutex_);
   // Recorded after a failed lock too: callers ignore the result, and their Leave has to match.
   owner_.store(caller, std::memory_order_relaxed);
   count_.store(1, std::memory_order_relaxed);
@@ -138,7 +119,8 @@ std::uint32_t CCritical::Leave() {
   }
   owner_.store(0, std::memory_order_relaxed);
   count_.store(0, std::memory_order_relaxed);
-  return MutexHooks().unlock != nullptr ? MutexHooks().unlock(mutex_) : UnlockPlatformMutex(mutex_);
+  return MutexHooks().unlock != nullptr ? MutexHooks().unlock(mutex_)
+                                        : Call(Threads().mutexUnlock, PlatformMutex(mutex_));
 }
 
 bool CCritical::IsHeldByOtherThread() const {

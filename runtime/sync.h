@@ -16,8 +16,6 @@ inline constexpr std::uint32_t kSyncOk = 0;
 inline constexpr std::uint32_t kSyncGeneralError = 5;
 /// Bad arguments (CKR_ARGUMENTS_BAD).
 inline constexpr std::uint32_t kSyncBadArguments = 7;
-/// Locking is not supported (CKR_CANT_LOCK).
-inline constexpr std::uint32_t kSyncCantLock = 10;
 /// The threads library failed (CKR_DEVICE_ERROR).
 inline constexpr std::uint32_t kSyncSystemFailure = 48;
 
@@ -48,8 +46,6 @@ class CCritical {
   [[nodiscard]] static std::uint64_t LiveCount();
 
  private:
-  std::uint32_t Lock();
-
   [[maybe_unused]] unsigned char reserved_[64] = {};  ///< part of the object's layout in the suite
   void* mutex_ = nullptr;
   bool initialised_ = false;
@@ -57,15 +53,11 @@ class CCritical {
   std::atomic<std::uint64_t> count_{0};
 };
 
-/// Holds a critical section for a scope; a null section is no section.
+/// Holds a critical section for a scope.
 class CriticalScope {
  public:
-  explicit CriticalScope(CCritical* section) : section_(section) {
-    if (section_ != nullptr) section_->Enter();
-  }
-  ~CriticalScope() {
-    if (section_ != nullptr) section_->Leave();
-  }
+  explicit CriticalScope(CCritical* section) : section_(section) { section_->Enter(); }
+  ~CriticalScope() { section_->Leave(); }
   CriticalScope(const CriticalScope&) = delete;
   CriticalScope& operator=(const CriticalScope&) = delete;
 

@@ -10,62 +10,36 @@ namespace {
 
 constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 
-constexpr std::array<std::int8_t, 128> InvertBase64Alphabet() {
-  std::array<std::int8_t, 128> values{};
-  values.fill(-1);
-  for (std::size_t i = 0; i < kBase64Alphabet.size(); ++i) {
-    values[static_cast<unsigned char>(kBase64Alphabet[i])] = static_cast<std::int8_t>(i);
-  }
-  return values;
-}
-constexpr std::array<std::int8_t, 128> kBase64Values = InvertBase64Alphabet();
-
 std::uint8_t FoldedByte(char c) {
   return static_cast<std::uint8_t>(FoldCase(c));
 }
 
-/// The six bits that a character stands for, -1 outside the alphabet.
-int Base64Value(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte < kBase64Values.size() ? kBase64Values[byte] : -1;
-}
-
-// Tables, because the digits of a codec's input are as good as random and a branch on each would be
-// guessed wrong every other time.
-constexpr std::array<std::int8_t, 256> InvertHexDigits() {
-  std::array<std::int8_t, 256> values{};
+/// What each byte stands for among the digits, as they are or folded; -1 when it is none. A table,
+/// because the digits of a codec's input are as good as random and a branch on each would be
+/// guessed wrong every other time.
+using DigitValues = std::array<std::int8_t, 256>;
+constexpr DigitValues ValuesOf(std::string_view digits, char (*fold)(char)) {
+  DigitValues values{};
   values.fill(-1);
-  for (std::size_t i = 0; i < kHexDigits.size(); ++i) {
-    values[static_cast<unsigned char>(kHexDigits[i])] = static_cast<std::int8_t>(i);
-    values[static_cast<unsigned char>(FoldCase(kHexDigits[i]))] = static_cast<std::int8_t>(i);
+  std::int8_t value = 0;
+  for (const char digit : digits) {
+    values[static_cast<unsigned char>(digit)] = value;
+    values[static_cast<unsigned char>(fold(digit))] = value++;
   }
   return values;
 }
-constexpr std::array<std::int8_t, 256> kHexValues = InvertHexDigits();
+constexpr DigitValues kHexValues = ValuesOf(kHexDigits, FoldCase);
+constexpr DigitValues kBase64Values = ValuesOf(kBase64Alphabet, [](char c) { return c; });
 
-constexpr std::array<std::array<char, 2>, 256> PairHexDigits() {
-  std::array<std::array<char, 2>, 256> pairs{};
-  for (std::size_t byte = 0; byte < pairs.size(); ++byte) {
-    pairs[byte] = {kHexDigits[byte >> 4], kHexDigits[byte & 0x0F]};
-  }
-  return pairs;
-}
-constexpr std::array<std::array<char, 2>, 256> kHexPairs = PairHexDigits();
-
-/// The value of a digit in either case, -1 when it is none.
-int HexValue(char c) {
-  return kHexValues[static_cast<unsigned char>(c)];
-}
-
-std::string_view FirstBytes(std::string_view text, std::size_t limit) {
-  return text.substr(0, limit);
+int ValueOf(char c, const DigitValues& values) {
+  return values[static_cast<unsigned char>(c)];
 }
 
 /// Reads digits of `base` up to the first other character; saturates at `limit`.
 std::uint64_t ParseDigits(std::string_view text, unsigned base, std::uint64_t limit) {
   std::uint64_t number = 0;
   for (const char c : text) {
-    const int digit = HexValue(c);
+    const int digit = ValueOf(c, kHexValues);
     if (digit < 0 || static_cast<unsigned>(digit) >= base) break;
     const auto value = static_cast<std::uint64_t>(digit);
     if (number > (limit - value) / base) return limit;
@@ -74,11 +48,32 @@ std::uint64_t ParseDigits(std::string_view text, unsigned base, std::uint64_t li
   return number;
 }
 
+/// Makes bytes of digits that stand for `width` bits each. What is no digit is dropped, and so are
+/// bits left over.
+std::vector<std::uint8_t> JoinDigits(std::string_view text, const DigitValues& values,
+                                     unsigned width) {
+  std::vector<std::uint8_t> data(text.size() * width / 8);
+  std::uint8_t* to = data.data();
+  std::uint32_t bits = 0;
+  unsigned pending = 0;  // bits read and not yet written
+  for (const char c : text) {
+    const int value = ValueOf(c, values);
+    if (value < 0) continue;
+    bits = bits << width | static_cast<std::uint32_t>(value);
+    pending += width;
+    if (pending < 8) continue;
+    pending -= 8;
+    *to++ = static_cast<std::uint8_t>(bits >> pending);
+  }
+  data.resize(static_cast<std::size_t>(to - data.data()));
+  return data;
+}
+
 /// What an armoured text holds between its first line and the next '-'; other texts are returned
 /// whole.
 std::string_view Base64Body(std::string_view text) {
   text = UpToZero(text);
-  if (text.empty() || text.front() != '-') return text;
+  if (!text.starts_with('-')) return text;
   const std::size_t lineEnd = text.find('\n');
   if (lineEnd == std::string_view::npos) return {};
   text.remove_prefix(lineEnd + 1);
@@ -119,30 +114,16 @@ bool IsCharacter(char32_t code) {
   return code <= kLastCharacter && !IsHighSurrogate(code) && !IsLowSurrogate(code);
 }
 
-/// The forms of UTF-8 by their length.
-struct Utf8Form {
-  unsigned char head;  ///< of the first byte, above the bits of the character
-  unsigned char headMask;
-  char32_t first;  ///< a smaller character has a shorter form
-};
-constexpr std::array<Utf8Form, 4> kUtf8Forms = {
-    {{0x00, 0x80, 0}, {0xC0, 0xE0, 0x80}, {0xE0, 0xF0, 0x800}, {0xF0, 0xF8, 0x10000}}};
-
 }  // namespace
 
 // --- comparison and search --------------------------------------------------------------------
 
 int CompareNoCase(std::string_view a, std::string_view b, std::size_t limit) {
-  a = FirstBytes(a, limit);
-  b = FirstBytes(b, limit);
-  const std::size_t shorter = std::min(a.size(), b.size());
-  for (std::size_t i = 0; i < shorter; ++i) {
-    const auto left = static_cast<unsigned char>(FoldCase(a[i]));
-    const auto right = static_cast<unsigned char>(FoldCase(b[i]));
-    if (left != right) return left - right;
-  }
-  if (a.size() == b.size()) return 0;
-  return a.size() > b.size() ? 1 : -1;
+  a = a.substr(0, limit);
+  b = b.substr(0, limit);
+  const auto [left, right] = std::ranges::mismatch(a, b, {}, FoldedByte, FoldedByte);
+  if (left != a.end() && right != b.end()) return FoldedByte(*left) - FoldedByte(*right);
+  return (a.size() > b.size()) - (a.size() < b.size());
 }
 
 bool EqualsNoCase(std::string_view a, std::string_view b) {
@@ -150,16 +131,12 @@ bool EqualsNoCase(std::string_view a, std::string_view b) {
 }
 
 bool StartsWithNoCase(std::string_view text, std::string_view head) {
-  return CompareNoCase(FirstBytes(text, head.size()), head) == 0;
+  return CompareNoCase(text.substr(0, head.size()), head) == 0;
 }
 
 std::size_t FindChar(std::string_view text, char c) {
   const std::size_t position = text.find(c);
   return position == std::string_view::npos && c == '\0' ? text.size() : position;
-}
-
-std::size_t FindCharBack(std::string_view text, char c) {
-  return text.rfind(c);
 }
 
 std::size_t FindText(std::string_view text, std::string_view pattern, std::size_t from) {
@@ -242,47 +219,21 @@ bool ReplaceAllNoCase(std::string& text, std::string_view from, std::string_view
 std::string HexEncode(std::span<const std::uint8_t> data) {
   std::string text(2 * data.size(), '\0');
   char* to = text.data();
-  for (const std::uint8_t byte : data) to = std::copy_n(kHexPairs[byte].data(), 2, to);
+  for (const std::uint8_t byte : data) {
+    *to++ = kHexDigits[byte >> 4];
+    *to++ = kHexDigits[byte & 0x0F];
+  }
   return text;
 }
 
 std::vector<std::uint8_t> HexDecode(std::string_view text) {
   if (text.size() >= 3 && text.starts_with("0x")) text.remove_prefix(2);
-  std::vector<std::uint8_t> data(text.size() / 2);
-  std::uint8_t* to = data.data();
-  int high = -1;
-  for (const char c : text) {
-    const int digit = HexValue(c);
-    if (digit < 0) continue;
-    if (high < 0) {
-      high = digit;
-    } else {
-      *to++ = static_cast<std::uint8_t>(high << 4 | digit);
-      high = -1;
-    }
-  }
-  data.resize(static_cast<std::size_t>(to - data.data()));
-  return data;
+  return JoinDigits(text, kHexValues, 4);
 }
 
 std::vector<std::uint8_t> Base64Decode(std::string_view text) {
   text = Base64Body(text);
-  std::vector<std::uint8_t> data(text.size() / 4 * 3 + 3);
-  std::uint8_t* to = data.data();
-  std::uint32_t bits = 0;
-  unsigned pending = 0;  // bits read and not yet written
-  for (const char c : text) {
-    if (c == '=') break;
-    const int value = Base64Value(c);
-    if (value < 0) continue;
-    bits = bits << 6 | static_cast<std::uint32_t>(value);
-    pending += 6;
-    if (pending < 8) continue;
-    pending -= 8;
-    *to++ = static_cast<std::uint8_t>(bits >> pending);
-  }
-  data.resize(static_cast<std::size_t>(to - data.data()));
-  return data;
+  return JoinDigits(text.substr(0, text.find('=')), kBase64Values, 6);
 }
 
 // --- conversions ------------------------------------------------------------------------------
@@ -290,37 +241,29 @@ std::vector<std::uint8_t> Base64Decode(std::string_view text) {
 void AppendUtf8(std::string& text, char32_t character) {
   const char32_t code = IsCharacter(character) ? character : kReplacementCharacter;
   const auto put = [&text](char32_t byte) { text.push_back(static_cast<char>(byte)); };
-  const auto putTail = [&put, code](unsigned shift) { put(0x80 | (code >> shift & 0x3F)); };
-  if (code < 0x80) {
-    put(code);
-  } else if (code < 0x800) {
-    put(0xC0 | code >> 6), putTail(0);
-  } else if (code < 0x10000) {
-    put(0xE0 | code >> 12), putTail(6), putTail(0);
-  } else {
-    put(0xF0 | code >> 18), putTail(12), putTail(6), putTail(0);
-  }
+  if (code < 0x80) return put(code);
+  unsigned tails = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
+  put(0xFFU << (7 - tails) | code >> 6 * tails);
+  while (tails-- > 0) put(0x80 | (code >> 6 * tails & 0x3F));
 }
 
 std::optional<char32_t> TakeUtf8(std::string_view& text) {
-  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const std::size_t available = text.size();
-  const unsigned char head = byte(0);
+  // The ones that a first byte begins with tell the length; a smaller character has a shorter form.
+  constexpr char32_t kFirstOfForm[] = {0, 0, 0x80, 0x800, 0x10000};
+  const auto head = static_cast<unsigned char>(text.front());
+  const auto ones = static_cast<std::size_t>(std::countl_one(head));
   text.remove_prefix(1);
-  for (std::size_t tails = 0; tails < kUtf8Forms.size(); ++tails) {
-    const Utf8Form& form = kUtf8Forms[tails];
-    if ((head & form.headMask) != form.head) continue;
-    char32_t code = head & ~form.headMask & 0xFF;
-    if (available <= tails) return std::nullopt;
-    for (std::size_t i = 1; i <= tails; ++i) {
-      if ((byte(i) & 0xC0) != 0x80) return std::nullopt;
-      code = code << 6 | (byte(i) & 0x3F);
-    }
-    if (code < form.first || !IsCharacter(code)) return std::nullopt;
-    text.remove_prefix(tails);
-    return code;
+  const std::size_t tails = ones == 0 ? 0 : ones - 1;
+  if (ones == 1 || ones > 4 || tails > text.size()) return std::nullopt;
+  char32_t code = head & 0x7FU >> ones;
+  for (const char c : text.substr(0, tails)) {
+    const auto byte = static_cast<unsigned char>(c);
+    if ((byte & 0xC0) != 0x80) return std::nullopt;
+    code = code << 6 | (byte & 0x3F);
   }
-  return std::nullopt;
+  if (code < kFirstOfForm[ones] || !IsCharacter(code)) return std::nullopt;
+  text.remove_prefix(tails);
+  return code;
 }
 
 std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes, std::endian order) {

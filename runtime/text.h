@@ -1,8 +1,8 @@
 // Byte-string primitives and codecs.
 //
-// Everything here works on bytes and folds ASCII letters only; no locale is consulted. Limits and
-// lengths never count a terminator. All operations may be called from any thread; only
-// std::bad_alloc is thrown.
+// Everything here works on bytes and folds ASCII letters only; no locale is consulted, since text
+// is UTF-8 throughout. Limits and lengths never count a terminator. All operations may be called
+// from any thread; only std::bad_alloc is thrown.
 #pragma once
 
 #include <bit>
@@ -45,9 +45,6 @@ inline constexpr std::size_t kMaxLine = 1023;
 [[nodiscard]] inline std::string_view ViewOf(const char* text) {
   return text == nullptr ? std::string_view{} : std::string_view{text};
 }
-[[nodiscard]] inline std::string_view ViewOf(std::string_view text) {
-  return text;
-}
 
 // --- comparison and search --------------------------------------------------------------------
 
@@ -68,8 +65,6 @@ inline constexpr std::size_t kMaxLine = 1023;
 /// Position of the first `c`, npos when there is none. A zero byte that is searched for stands at
 /// the end of the text at the latest.
 [[nodiscard]] std::size_t FindChar(std::string_view text, char c);
-/// Position of the last `c`, npos when there is none.
-[[nodiscard]] std::size_t FindCharBack(std::string_view text, char c);
 /// Position of the first `pattern` that begins at `from` or behind it, npos when there is none. An
 /// empty pattern is found at `from`.
 [[nodiscard]] std::size_t FindText(std::string_view text, std::string_view pattern,
@@ -139,14 +134,5 @@ void AppendUtf8(std::string& text, char32_t character);
 /// dropped. Zero characters are kept as zero bytes.
 [[nodiscard]] std::string Utf16ToUtf8(std::span<const std::uint8_t> bytes,
                                       std::endian order = std::endian::little);
-
-/// Text is UTF-8 throughout, so the conversions between the local character set and UTF-8 are
-/// copies. They stand at the places where another character set would be converted.
-[[nodiscard]] inline std::string_view LocalToUtf8(std::string_view text) {
-  return text;
-}
-[[nodiscard]] inline std::string_view Utf8ToLocal(std::string_view text) {
-  return text;
-}
 
 }  // namespace qixx::runtime

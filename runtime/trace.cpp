@@ -1,9 +1,7 @@
 #include "runtime/trace.h"
 
 #include <fcntl.h>
-#if __has_include(<linux/openat2.h>)
 #include <linux/openat2.h>
-#endif
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -11,11 +9,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <memory>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "runtime/clock.h"
@@ -23,6 +21,7 @@
 #include "runtime/file_place.h"
 #include "runtime/files.h"
 #include "runtime/journal.h"
+#include "runtime/no_destructor.h"
 #include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/settings.h"
@@ -56,13 +55,7 @@ class CutText {
     length_ += length;
     buffer_[length_] = '\0';
   }
-  [[gnu::format(printf, 2, 3)]] void AppendFormat(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    AppendList(format, arguments);
-    va_end(arguments);
-  }
-  void AppendList(const char* format, va_list arguments) {
+  void AppendFormat(const char* format, va_list arguments) {
     const std::size_t room = kCapacity - length_;
     const int length = std::vsnprintf(buffer_ + length_, room + 1, format, arguments);
     if (length > 0) length_ += std::min(static_cast<std::size_t>(length), room);
@@ -109,57 +102,55 @@ SlotCount CountSlots(std::string_view format) {
   return slots;
 }
 
-/// A format in which each bare "%s" whose argument is null says "[null]" instead.
-class GuardedFormat {
- public:
-  /// Texts are guarded before `end` only. The arguments are looked at, and are the caller's still.
-  GuardedFormat(std::string_view format, std::size_t end, va_list arguments) {
-    va_list words;
-    va_copy(words, arguments);
-    std::size_t copied = 0;
-    std::size_t percent = format.find('%');
-    while (percent != std::string_view::npos) {
-      const std::size_t conversion = format.find_first_not_of("-+ #0123456789.*hljzt", percent + 1);
-      if (conversion == std::string_view::npos) {
-        // The cut has left a part of a directive; it is written as it stands.
-        text_.Append(format.substr(copied, percent - copied));
-        text_.Append("%");
-        copied = percent;
-        break;
-      }
-      const std::string_view directive = format.substr(percent, conversion + 1 - percent);
-      if (IsNull(directive, words) && directive == "%s" && percent < end) {
-        text_.Append(format.substr(copied, percent - copied));
-        text_.Append("%.0s[null]");  // takes the argument and prints nothing of it
-        copied = conversion + 1;
-      }
-      percent = format.find('%', conversion + 1);
+static_assert(sizeof(void*) == sizeof(std::int64_t), "an argument takes one 64-bit word");
+
+/// Takes the arguments of a directive, one word each; whether the last word was null.
+bool IsNull(std::string_view directive, va_list& words) {
+  if (directive.back() == '%') return false;
+  // NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the list is the caller's copy.
+  for (auto stars = std::ranges::count(directive, '*'); stars > 0; --stars)
+    (void)va_arg(words, void*);
+  return va_arg(words, void*) == nullptr;
+  // NOLINTEND(clang-analyzer-valist.Uninitialized)
+}
+
+constexpr std::string_view kNullText = "%.0s[null]";  // takes the argument, prints nothing of it
+using FormatText = CutText<kMaxTraceFormat + kMaxSlots * kNullText.size() + 1>;
+
+/// The format in which each bare "%s" before `end` whose argument is null says "[null]" instead.
+/// The arguments are looked at, and are the caller's still.
+FormatText GuardNullTexts(std::string_view format, std::size_t end, va_list arguments) {
+  FormatText guarded;
+  va_list words;
+  va_copy(words, arguments);
+  std::size_t copied = 0;
+  std::size_t percent = format.find('%');
+  while (percent != std::string_view::npos) {
+    const std::size_t conversion = format.find_first_not_of("-+ #0123456789.*hljzt", percent + 1);
+    if (conversion == std::string_view::npos) {
+      // The cut has left a part of a directive; it is written as it stands.
+      guarded.Append(format.substr(copied, percent - copied));
+      guarded.Append("%");
+      copied = percent;
+      break;
     }
-    text_.Append(format.substr(copied));
-    va_end(words);
+    const std::string_view directive = format.substr(percent, conversion + 1 - percent);
+    if (IsNull(directive, words) && directive == "%s" && percent < end) {
+      guarded.Append(format.substr(copied, percent - copied));
+      guarded.Append(kNullText);
+      copied = conversion + 1;
+    }
+    percent = format.find('%', conversion + 1);
   }
-  [[nodiscard]] const char* Text() const { return text_.Text(); }
-
- private:
-  static constexpr std::size_t kMaxGrowth = kMaxSlots * (sizeof "%.0s[null]" - sizeof "%s") + 1;
-  static_assert(sizeof(void*) == sizeof(std::int64_t), "an argument takes one 64-bit word");
-
-  /// Takes the arguments of a directive, one word each; whether the last word was null.
-  static bool IsNull(std::string_view directive, va_list& words) {
-    if (directive.back() == '%') return false;
-    // NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the list is the caller's copy.
-    for (auto stars = std::ranges::count(directive, '*'); stars > 0; --stars)
-      (void)va_arg(words, void*);
-    return va_arg(words, void*) == nullptr;
-    // NOLINTEND(clang-analyzer-valist.Uninitialized)
-  }
-
-  CutText<kMaxTraceFormat + kMaxGrowth> text_;
-};
+  guarded.Append(format.substr(copied));
+  va_end(words);
+  return guarded;
+}
 
 // --- the state --------------------------------------------------------------------------------
 
-/// What a target or a callback needs while it is installed.
+/// What a target or a callback needs; made with the first one, and never destroyed, since lines are
+/// written behind the static destructors.
 struct TraceState {
   CCritical lock;
   std::string target;
@@ -168,7 +159,6 @@ struct TraceState {
   std::int32_t release = kReleaseAll;  ///< negative: all lines pass; else so many more
   bool callMode = false;
   TraceLineCallback callback = nullptr;
-  unsigned callbackDepth = 0;  ///< callbacks running, that is lines still being handed out
   std::int32_t delayMilliseconds = 0;
   bool refusalTold = false;  ///< once for a target
   int openError = 0;         ///< why the last line was lost, when nothing was refused
@@ -183,7 +173,7 @@ struct TraceState {
   }
 };
 
-/// Null while tracing is off. No static destructor ends it, since lines are written behind those.
+/// Null while tracing is off.
 constinit std::atomic<TraceState*> installed{nullptr};
 
 /// Of the process, whatever the target; guarded by the lock of the installed state.
@@ -195,10 +185,9 @@ TraceState* Installed() {
 }
 
 TraceState& Install() {
-  if (TraceState* const present = Installed(); present != nullptr) return *present;
-  auto made = std::make_unique<TraceState>();
-  TraceState* present = nullptr;
-  return installed.compare_exchange_strong(present, made.get()) ? *made.release() : *present;
+  static NoDestructor<TraceState> state;
+  installed.store(&*state, std::memory_order_release);
+  return *state;
 }
 
 /// Tracing leaves the caller's error number alone.
@@ -219,14 +208,10 @@ bool IsServerTarget(std::string_view name) {
   return StartsWithNoCase(name, kServerHead);
 }
 
-bool IsJournalTarget(std::string_view name) {
-  return name == kJournalTarget;
-}
-
 /// A server target is judged by the stored name, not by its own. Intended: the suite's set-ups rely
 /// on a first server name being taken as it is.
 bool IsAcceptedTarget(std::string_view name, std::string_view stored) {
-  if (!IsServerTarget(name)) return IsJournalTarget(name) || IsTraceFileName(name);
+  if (!IsServerTarget(name)) return name == kJournalTarget || IsTraceFileName(name);
   const std::size_t comma = stored.find(',', 1);
   return comma == std::string_view::npos || IsTraceFileName(stored.substr(comma + 1));
 }
@@ -244,46 +229,46 @@ std::string_view DirectoryOf(std::string_view target) {
 
 // --- writing a line ---------------------------------------------------------------------------
 
+/// Milliseconds within the UTC day since `base`, with one wrap at midnight.
+std::uint32_t ElapsedMilliseconds(std::uint32_t base) {
+  timeval time = {};
+  ::gettimeofday(&time, nullptr);
+  const auto now = static_cast<std::uint32_t>(time.tv_sec % 86'400 * 1'000 + time.tv_usec / 1'000);
+  return now < base ? now - base + kDayMilliseconds : now - base;
+}
+
 /// Process, thread, and the time since the first stamped line of the process.
 void AppendHeader(LineText& line) {
   if (clockBase == 0) clockBase = ElapsedMilliseconds(0);
   const std::uint32_t elapsed = ElapsedMilliseconds(clockBase);
-  line.AppendFormat("[%.4u:%.8x] %.2u.%.2u.%.2u.%.3u ", static_cast<unsigned>(::getpid()),
-                    static_cast<unsigned>(ThreadSelf() & 0xFFFFFFFF), elapsed / 3'600'000 % 100,
-                    elapsed / 60'000 % 60, elapsed / 1'000 % 60, elapsed % 1'000);
-}
-
-/// Whether a file is this user's and has no other name. In a folder of somebody else's any other
-/// may be put where the trace is expected: to be written by a service that may write more than
-/// they, or to be read by them.
-bool IsOwn(const Descriptor& file) {
-  const struct stat status = StatusOf(file);
-  return status.st_uid == ::geteuid() && status.st_nlink <= 1;
+  char header[64];
+  std::snprintf(header, sizeof header, "[%.4u:%.8x] %.2u.%.2u.%.2u.%.3u ",
+                static_cast<unsigned>(::getpid()), static_cast<unsigned>(ThreadSelf() & 0xFFFFFFFF),
+                elapsed / 3'600'000 % 100, elapsed / 60'000 % 60, elapsed / 1'000 % 60,
+                elapsed % 1'000);
+  line.Append(header);
 }
 
 /// A path with the links of its folders followed, as far as they are this user's or root's; as it
 /// stands while there is no such folder.
 std::string FollowFolders(const std::string& path) {
   const FilePlace place = FindFile(path).named;
-  const std::string opened = "/proc/self/fd/" + std::to_string(place.Folder());
-  char folder[PATH_MAX];
-  const ssize_t length = ::readlink(opened.c_str(), folder, sizeof folder);
-  if (length <= 0) return path;
-  return std::string(folder, static_cast<std::size_t>(length)).append("/").append(place.Name());
+  std::error_code failed;
+  const auto folder =
+      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(place.Folder()), failed);
+  return failed ? path : (folder / place.Name()).string();
 }
 
 /// Follows no link, not even of a folder: whoever owns one could put it there between two lines. A
 /// system that is too old to be asked for that follows those of folders.
 int OpenWithoutLinks(const char* path, int flags) {
   const mode_t mode = (flags & O_CREAT) != 0 ? kOwnerOnly : 0;
-#if defined(SYS_openat2) && defined(RESOLVE_NO_SYMLINKS)
   open_how how = {};
   how.flags = static_cast<unsigned>(flags);
   how.mode = mode;
   how.resolve = RESOLVE_NO_SYMLINKS;
   const auto opened = static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how));
   if (opened >= 0 || (errno != ENOSYS && errno != EPERM)) return opened;
-#endif
   return ::open(path, flags, mode);
 }
 
@@ -295,21 +280,21 @@ bool IsStranger(const std::string& path, int error) {
   return ::lstat(path.c_str(), &status) == 0 && status.st_uid != ::geteuid();
 }
 
-/// Opens a regular file of this user's with one name, without following a link. Not open, and
-/// `refused`, when that name leads to anything else; otherwise errno tells why.
+/// Opens a regular file of this user's with one name, without following a link. In a folder of
+/// somebody else's any other may be put there: to be written by a service that may write more than
+/// they, or to be read by them. Not open, and `refused`, when the name leads to anything else;
+/// otherwise errno tells why.
 Descriptor OpenOwn(const std::string& path, int flags, bool& refused) {
   constexpr int kSafe = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
   Descriptor file(OpenWithoutLinks(path.c_str(), flags | kSafe));
   const int error = errno;
-  refused =
-      file.IsOpen() ? !S_ISREG(StatusOf(file).st_mode) || !IsOwn(file) : IsStranger(path, error);
+  const struct stat status = StatusOf(file);
+  const bool isOwn =
+      S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink <= 1;
+  refused = file.IsOpen() ? !isOwn : IsStranger(path, error);
   if (refused) file.Close();
   errno = error;
   return file;
-}
-Descriptor OpenOwn(const std::string& path, int flags) {
-  bool refused = false;
-  return OpenOwn(path, flags, refused);
 }
 
 bool Empty(const Descriptor& file) {
@@ -321,19 +306,11 @@ bool Empty(const Descriptor& file) {
 void CheckTargetSize(const TraceState& state) {
   const time_t now = ::time(nullptr);
   const bool early = now <= nextSizeCheck && nextSizeCheck - now <= kSizeCheckSeconds;
-  if (early || IsServerTarget(state.target) || IsJournalTarget(state.target)) return;
+  if (early || IsServerTarget(state.target) || state.target == kJournalTarget) return;
   nextSizeCheck = now + kSizeCheckSeconds;
-  const Descriptor file = OpenOwn(state.file, O_WRONLY);
+  bool refused = false;
+  const Descriptor file = OpenOwn(state.file, O_WRONLY, refused);
   if (StatusOf(file).st_size > kMaxTraceFile) Empty(file);
-}
-
-/// There is no trace to say it in. Nothing of the C library's that another thread may hold is used,
-/// since the line may be one of a forked child.
-void TellRefusal(const std::string& target) {
-  CutText<2 * kMaxText> text;
-  text.AppendFormat("trace '%s' is refused: no regular file of this user with one name",
-                    target.c_str());
-  Notify(text.View());
 }
 
 /// Opened anew for each line: others write the same file, and a deleted one comes back.
@@ -342,7 +319,7 @@ void AppendToTarget(TraceState& state, std::string_view line) {
     state.target[0] = 's';  // Intended: server targets are stored so; nothing else depends on it.
     return;
   }
-  if (IsJournalTarget(state.target)) {
+  if (state.target == kJournalTarget) {
     SendToJournal(line.substr(0, line.find_last_not_of('\n') + 1));
     return;
   }
@@ -350,16 +327,15 @@ void AppendToTarget(TraceState& state, std::string_view line) {
   const Descriptor file = OpenOwn(state.file, O_WRONLY | O_APPEND | O_CREAT, refused);
   state.openError = file.IsOpen() || refused ? 0 : errno;
   WriteFully(file, line);
-  if (refused && !std::exchange(state.refusalTold, true)) TellRefusal(state.target);
+  if (refused && !std::exchange(state.refusalTold, true)) {
+    // There is no trace to say it in.
+    Notify({"trace '", state.target, "' is refused: no regular file of this user with one name"});
+  }
 }
 
 void HandOut(TraceState& state, std::string_view line) {
   if (state.HasTarget()) AppendToTarget(state, line);
-  if (state.callback != nullptr) {
-    ++state.callbackDepth;
-    state.callback(line.data(), line.size());
-    --state.callbackDepth;
-  }
+  if (state.callback != nullptr) state.callback(line.data(), line.size());
   SleepMilliseconds(state.delayMilliseconds);
 }
 
@@ -367,10 +343,9 @@ void WriteDateLine(const TraceState& state) {
   const time_t now = ::time(nullptr);
   tm local = {};
   ::localtime_r(&now, &local);
-  CutText<80> date;
-  date.AppendFormat("%.4d-%.2d-%.2d %.2d:%.2d:%.2d", local.tm_year + 1900, local.tm_mon + 1,
-                    local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-  TraceWrite("Trace - Date %s, '%s'", date.Text(), state.target.c_str());
+  char date[80] = "";
+  std::strftime(date, sizeof date, "%F %T", &local);
+  TraceWrite("Trace - Date %s, '%s'", date, state.target.c_str());
 }
 
 void SetTarget(TraceState& state, std::string_view name) {
@@ -387,28 +362,10 @@ void TellUnusable(const std::string& path) {
   if (state == nullptr) return;
   const CriticalScope hold(&state->lock);
   if (state->target != path) {
-    Notify("no trace: '" + path + "' ends neither in .log nor in .txt");
+    Notify({"no trace: '", path, "' ends neither in .log nor in .txt"});
   } else if (state->openError != 0) {
-    Notify("no trace: '" + path +
-           "' cannot be opened: " + std::string(ErrorText(state->openError)));
+    Notify({"no trace: '", path, "' cannot be opened: ", ErrorText(state->openError)});
   }
-}
-
-/// Ends every mode. The state stays where a callback still needs it.
-void ClearTarget() {
-  TraceState* const state = Installed();
-  if (state == nullptr) return;
-  bool unused = false;
-  {
-    const CriticalScope hold(&state->lock);
-    TraceStop();
-    state->target.clear();
-    state->callMode = false;
-    state->release = kReleaseAll;
-    unused = state->callback == nullptr && state->callbackDepth == 0;
-    if (unused) installed.store(nullptr, std::memory_order_release);
-  }
-  if (unused) delete state;
 }
 
 }  // namespace
@@ -429,7 +386,7 @@ void TraceWrite(const char* format, ...) {
   } else {
     va_list arguments;
     va_start(arguments, format);
-    line.AppendList(GuardedFormat(shown, slots.end, arguments).Text(), arguments);
+    line.AppendFormat(GuardNullTexts(shown, slots.end, arguments).Text(), arguments);
     va_end(arguments);
     line.EndLine();
   }
@@ -472,16 +429,11 @@ bool IsTraceFileName(std::string_view name) {
 }
 
 void TraceSetFile(std::string_view name) {
-  if (name.empty()) {
-    ClearTarget();
-    return;
-  }
+  if (name.empty()) return TraceSetCallTarget(std::nullopt, 0);
   if (name.size() > kMaxText) return;
   TraceState& state = Install();
   const CriticalScope hold(&state.lock);
-  if (IsAcceptedTarget(name, state.target)) {
-    SetTarget(state, name);
-  }
+  if (IsAcceptedTarget(name, state.target)) SetTarget(state, name);
   if (state.HasTarget()) WriteDateLine(state);
 }
 
@@ -492,6 +444,7 @@ void TraceSetCallTarget(std::optional<std::string_view> name, std::int32_t count
   state.callMode = name.has_value();
   state.release = name ? counter : kReleaseAll;
   SetTarget(state, name.value_or(""));
+  if (!state.HasReceiver()) installed.store(nullptr, std::memory_order_release);
 }
 
 void TraceReleaseOneLine() {
@@ -514,22 +467,18 @@ void TraceDump(std::string_view name, std::span<const std::uint8_t> data) {
   const KeepErrorNumber keep;
   const CriticalScope hold(&state->lock);
   // The journal has no side files.
-  if (!state->HasTarget() || IsJournalTarget(state->target) || !state->PassesRelease()) return;
+  if (!state->HasTarget() || state->target == kJournalTarget || !state->PassesRelease()) return;
   std::string path(DirectoryOf(state->target));
   if (path.empty()) path = GetTempDirectory().value_or("");
   if (path.empty()) return;
   path.append("~").append(Product().prefix).append(name);
-  const Descriptor file = OpenOwn(FollowFolders(path), O_WRONLY | O_CREAT);
+  bool refused = false;
+  const Descriptor file = OpenOwn(FollowFolders(path), O_WRONLY | O_CREAT, refused);
   if (file.IsOpen() && Empty(file)) WriteFully(file, AsText(data));
 }
 
-TraceForkLock::TraceForkLock() : hold_(&Install().lock) {}
-
-std::uint32_t ElapsedMilliseconds(std::uint32_t base) {
-  timeval time = {};
-  ::gettimeofday(&time, nullptr);
-  const auto now = static_cast<std::uint32_t>(time.tv_sec % 86'400 * 1'000 + time.tv_usec / 1'000);
-  return now < base ? now - base + kDayMilliseconds : now - base;
+CCritical& TraceLock() {
+  return Install().lock;
 }
 
 // --- spare ------------------------------------------------------------------------------------

@@ -2,9 +2,8 @@
 //
 // Tracing is off unless the configuration names a trace file for the running component. A line that
 // cannot be written is lost, and writing one allocates nothing. Every operation may be called from
-// any thread; one recursive lock is held for the whole build and write of a line. Clearing the
-// target frees that lock, so nothing else may trace at that moment. The state outlives every static
-// destructor. Writing a line or a side file leaves errno alone.
+// any thread; one recursive lock is held for the whole build and write of a line. The state
+// outlives every static destructor. Writing a line or a side file leaves errno alone.
 #pragma once
 
 #include <cstddef>
@@ -66,18 +65,9 @@ void TraceReleaseOneLine();
 /// owner only, under the rules for the target. In call mode it takes the place of a released line.
 void TraceDump(std::string_view name, std::span<const std::uint8_t> data);
 
-/// Holds the trace lock while the process forks, so that the child of a threaded program may trace.
-/// Both sides give it back. The lock is made when there is none yet: another thread may be about to
-/// make it and to write a line.
-class TraceForkLock {
- public:
-  TraceForkLock();
-
- private:
-  CriticalScope hold_;
-};
-
-/// Milliseconds within the UTC day since `base`, with one wrap at midnight.
-[[nodiscard]] std::uint32_t ElapsedMilliseconds(std::uint32_t base);
+/// The trace's lock, to be held while the process forks, so that the child of a threaded program
+/// may trace; both sides give it back. It is made when there is none yet: another thread may be
+/// about to make it and to write a line.
+[[nodiscard]] CCritical& TraceLock();
 
 }  // namespace qixx::runtime

@@ -62,7 +62,7 @@ std::optional<CK_SLOT_ID> CredentialMatch::Slot() const {
 }
 
 std::optional<CredentialMatch> ParseMatchText(std::string_view match) {
-  const std::size_t bar = runtime::FindCharBack(match, '|');
+  const std::size_t bar = match.rfind('|');
   const std::string_view name = match.substr(0, bar);
   const std::string_view digits =
       bar == std::string_view::npos ? std::string_view{} : match.substr(bar + 1);

@@ -27,7 +27,6 @@
 #include "runtime/trace.h"
 #include "watch/configuration.h"
 #include "watch/guard.h"
-#include "watch/parallel.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
 
@@ -51,27 +50,10 @@ std::optional<std::uint64_t> ReadVariable(std::string_view name) {
   return runtime::ParseDecimal(value);
 }
 
-/// An environment variable for what is started while it lives; then the old value is back.
-class ChildVariable {
- public:
-  ChildVariable(std::string_view name, std::uint64_t value) : name_(VariableName(name)) {
-    if (const char* const before = ::getenv(name_.c_str()); before != nullptr) before_ = before;
-    ::setenv(name_.c_str(), std::to_string(value).c_str(), 1);
-  }
-  ~ChildVariable() {
-    if (before_) {
-      ::setenv(name_.c_str(), before_->c_str(), 1);
-    } else {
-      ::unsetenv(name_.c_str());
-    }
-  }
-  ChildVariable(const ChildVariable&) = delete;
-  ChildVariable& operator=(const ChildVariable&) = delete;
-
- private:
-  std::string name_;
-  std::optional<std::string> before_;
-};
+/// For the environment of an extra watcher.
+std::string Variable(std::string_view name, std::uint64_t value) {
+  return VariableName(name) + "=" + std::to_string(value);
+}
 
 // --- the one that started this watcher ----------------------------------------------------------
 
@@ -109,12 +91,14 @@ struct ExtraWatchers {
   /// the process ends, whatever ended it.
   runtime::Descriptor reading = {};  ///< kept, so that no write fails
   runtime::Descriptor writing = {};
+  struct stat made = {};  ///< what both ends are
 
   void OpenPipe() {
     int ends[2];
     if (reading.IsOpen() || ::pipe2(ends, O_CLOEXEC) != 0) return;
     reading = runtime::Descriptor(ends[0]);
     writing = runtime::Descriptor(ends[1]);
+    made = runtime::StatusOf(writing);
   }
 };
 
@@ -143,15 +127,16 @@ void StartExtraWatcher(ExtraWatcher& watcher) {
   if (watcher.command.empty()) watcher.command = UsualExtraCommand(watcher.name);
   runtime::TraceWrite("Watch - Extra '%s'", runtime::MaskedText(watcher.name).Text());
   Own().OpenPipe();
-  const ChildVariable deeper(kDepthVariable, Own().depth);
-  const ChildVariable share(kRoomVariable, watcher.room);
-  std::optional<ChildVariable> link;
-  if (Own().reading.IsOpen()) link.emplace(kLinkVariable, runtime::kPassedDescriptor);
+  runtime::KeptChild child = {
+      .passed = Own().reading.Get(),
+      .variables = {Variable(kDepthVariable, Own().depth), Variable(kRoomVariable, watcher.room)}};
+  if (child.passed >= 0) {
+    child.variables.push_back(Variable(kLinkVariable, runtime::kPassedDescriptor));
+  }
   const runtime::ScarceMeans scarce;
-  const runtime::ChildMark marked;
   runtime::LaunchProcess(Own().program, std::string(kChildMark) + watcher.command,
-                         runtime::kWaitNone, Own().reading.Get());
-  watcher.process = marked.Latest();
+                         runtime::kWaitNone, &child);
+  watcher.process = child.id;
   watcher.isOwed = watcher.process == 0 && scarce.Any();
 }
 
@@ -179,7 +164,7 @@ std::vector<ExtraWatcher> ShareRoom(std::uint64_t room, std::vector<std::string>
 void Tell(const ExtraWatcher& watcher, const std::string& news) {
   const std::string name = runtime::MaskSecrets(watcher.name);
   runtime::TraceWrite("Watch - Extra '%s' %s", name.c_str(), news.c_str());
-  runtime::Notify("extra watcher '" + name + "' " + news);
+  runtime::Notify({"extra watcher '", name, "' ", news});
 }
 
 /// One that was told to stop by a signal, maybe a second time or before it had handlers for them.
@@ -199,13 +184,10 @@ void NoteEnd(ExtraWatcher& watcher) {
   Tell(watcher, "was ended by signal " + std::to_string(WTERMSIG(state.status)));
 }
 
-/// One that always crashes does not keep the machine busy. No command's thread may read the
-/// environment, nor start a program with it, while it is an extra watcher's.
+/// One that always crashes does not keep the machine busy.
 bool MayStartAgain(const ExtraWatcher& watcher) {
-  const bool wasJustNow =
-      watcher.restarted &&
-      runtime::MonotonicMilliseconds() - *watcher.restarted < kRestartMilliseconds;
-  return !wasJustNow && WaitForParallelJobs(0);
+  return !watcher.restarted ||
+         runtime::MonotonicMilliseconds() - *watcher.restarted >= kRestartMilliseconds;
 }
 
 void StartAgain(ExtraWatcher& watcher) {
@@ -264,6 +246,7 @@ void LeaveExtraWatchers() {
   // The watchers live in sessions of their own, so a signal to this one does not reach them.
   if (StopRequested()) runtime::SignalMarkedChildren(SIGTERM);
   // Tells them all that the end which follows is in order.
+  if (!runtime::IsStill(Own().made, Own().writing.Get())) return;
   runtime::WriteFully(Own().writing, std::string(kMaxExtraWatchers, '.'));
 }
 

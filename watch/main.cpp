@@ -45,7 +45,7 @@ int Watch(int argc, char** argv) {
 int main(int argc, char** argv) {
   using namespace qixx;
   if (!HasRoomToThrow()) {
-    runtime::Notify("not started: no memory");
+    runtime::Notify({"not started: no memory"});
     return EXIT_SUCCESS;
   }
   int result = EXIT_FAILURE;

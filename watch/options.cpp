@@ -104,7 +104,7 @@ void SkipVerb(std::string_view& text) {
 void ParseSectionOption(std::string_view& text, CWatchOptions& record) {
   if (!Take(text, "-s \"") && !Take(text, "-b \"")) return;
   const std::string_view words = TakeToQuote(text).substr(0, kMaxScratch);
-  const std::size_t blank = runtime::FindCharBack(words, ' ');
+  const std::size_t blank = words.rfind(' ');
   if (blank != std::string_view::npos) Store(record.section, words.substr(blank + 1));
 }
 

@@ -13,6 +13,7 @@
 #include <ctime>
 
 #include "runtime/clock.h"
+#include "runtime/descriptor.h"
 #include "runtime/trace.h"
 #include "watch/platform.h"
 
@@ -27,27 +28,17 @@ std::atomic<bool> stopRequested{false};
 struct WakePipe {
   std::atomic<int> reading{kNoDescriptor};
   std::atomic<int> writing{kNoDescriptor};
-  dev_t device = 0;
-  ino_t number = 0;
+  struct stat made {};
 };
 constinit WakePipe wakePipe;
 
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
               "the handler must not wait for a lock");
 
-bool IsWakePipe(int descriptor) {
-  struct stat found = {};
-  return ::fstat(descriptor, &found) == 0 && found.st_dev == wakePipe.device &&
-         found.st_ino == wakePipe.number;
-}
-
 void OpenWakePipe() {
   int ends[2];
-  struct stat made = {};
   if (wakePipe.reading != kNoDescriptor || ::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
-  if (::fstat(ends[1], &made) != 0) return;
-  wakePipe.device = made.st_dev;
-  wakePipe.number = made.st_ino;
+  if (::fstat(ends[1], &wakePipe.made) != 0) return;
   wakePipe.reading = ends[0];
   wakePipe.writing = ends[1];
 }
@@ -73,7 +64,7 @@ void NoteStop(int /*signal*/) {
   }
   stopRequested = true;
   // Without a write the stop is noted, and seen at the next look.
-  if (IsWakePipe(wakePipe.writing)) {
+  if (runtime::IsStill(wakePipe.made, wakePipe.writing)) {
     [[maybe_unused]] const ssize_t written = ::write(wakePipe.writing, "", 1);
   }
   errno = callerError;

@@ -112,7 +112,7 @@ int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
 
 std::optional<std::string> LocalConfigurationPath() {
   std::string path = runtime::GetCallingApplication();
-  const std::size_t dot = runtime::FindCharBack(path, '.');
+  const std::size_t dot = path.rfind('.');
   if (dot == std::string::npos) return std::nullopt;
   path.replace(dot, std::string::npos, kLocalExtension);
   if (path.size() > runtime::kMaxText) return std::nullopt;

@@ -48,14 +48,11 @@ class ErrorPipe {
 
 TEST(Notice, IsOneCleanLineThatFits) {
   const ErrorPipe pipe;
-  runtime::Notify("caf\xC3\xA9\n\x1b[2J\x7F");
+  runtime::Notify({"caf\xC3\xA9\n\x1b[2J\x7F"});
   EXPECT_EQ(pipe.Read(), "qixxwatch: caf\xC3\xA9?\?[2J?\n");
-  runtime::Notify(
-      "\xC2\x9B"
-      "2J \x9B"
-      "2J \xC2\xA0\xE2\x82\xAC \xC2");
+  runtime::Notify({"\xC2\x9B", "2J \x9B", "2J \xC2\xA0\xE2\x82\xAC \xC2"});
   EXPECT_EQ(pipe.Read(), "qixxwatch: ?2J ?2J \xC2\xA0\xE2\x82\xAC ?\n");
-  runtime::Notify(std::string(5000, 'x'));
+  runtime::Notify({std::string(5000, 'x')});
   const std::string cut = pipe.Read();
   EXPECT_EQ(cut.size(), runtime::kMaxNotice);
   EXPECT_TRUE(cut.ends_with("x\n"));
@@ -77,11 +74,11 @@ TEST(Notice, IsNeverWaitedFor) {
   ErrorPipe pipe;
   pipe.Fill();
   errno = EDOM;
-  runtime::Notify("lost in a full pipe");
+  runtime::Notify({"lost in a full pipe"});
   pipe.CloseReader();
-  runtime::Notify("lost in a broken pipe");
+  runtime::Notify({"lost in a broken pipe"});
   ::close(STDERR_FILENO);
-  runtime::Notify("lost without standard error");
+  runtime::Notify({"lost without standard error"});
   EXPECT_EQ(errno, EDOM);
   ::signal(SIGPIPE, SIG_DFL);
 }

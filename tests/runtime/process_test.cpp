@@ -18,6 +18,7 @@
 #include "runtime/children.h"
 #include "runtime/spare_library.h"
 #include "runtime/spare_trace.h"
+#include "tests/support/environment.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
@@ -47,6 +48,7 @@ namespace qixx::runtime {
 namespace {
 
 using testing::TemporaryFolder;
+using namespace std::string_literals;
 namespace fs = std::filesystem;
 
 TEST(SplitArguments, Tokens) {
@@ -116,25 +118,19 @@ TEST(LaunchProcess, ChildStartsCleanAndIsReapedOnce) {
   EXPECT_EQ(::waitpid(foreign, nullptr, 0), foreign) << "not reaped by us";
 }
 
-pid_t StartEnding(int signal) {
+pid_t StartEnding(int signal, bool marked = false) {
   ChildPlace place;
   const pid_t child = ::fork();
   if (child == 0) {
     ::raise(signal);
     ::_exit(0);
   }
-  place.Register(child);
+  place.Register(child, marked);
   return child;
 }
 
 TEST(Children, MarkedOneIsKeptUntilItIsTaken) {
-  pid_t marked = 0;
-  {
-    const ChildMark mark;
-    EXPECT_EQ(mark.Latest(), 0);
-    marked = StartEnding(SIGKILL);
-    EXPECT_EQ(mark.Latest(), marked);
-  }
+  const pid_t marked = StartEnding(SIGKILL, true);
   pid_t other = 0;
   for (std::size_t i = 0; i <= kMaxKeptStatuses; ++i) other = StartEnding(SIGCONT);
   EXPECT_TRUE(testing::Eventually([&] { return ReapChildren(), ::kill(other, 0) != 0; }));
@@ -145,6 +141,20 @@ TEST(Children, MarkedOneIsKeptUntilItIsTaken) {
   EXPECT_EQ(taken.result, marked);
   EXPECT_TRUE(WIFSIGNALED(taken.status));
   EXPECT_EQ(TakeMarkedChild(marked).result, -1);
+}
+
+TEST(Children, KeptOneHasVariablesOfItsOwn) {
+  const TemporaryFolder folder;
+  const testing::ScopedVariable replaced("QIXX_REPLACED", "old"), longer("QIXX_REPLACED_NOT", "x");
+  std::string expected;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    expected += *entry == "QIXX_REPLACED=old"s ? "QIXX_REPLACED=new" : *entry;
+    expected += '\n';
+  }
+  KeptChild child{.variables = {"QIXX_REPLACED=new", "QIXX_NEW=1"}};
+  EXPECT_TRUE(LaunchProcess("/usr/bin/env", "> " + folder.Path("env"), kWaitNone, &child));
+  EXPECT_TRUE(testing::Eventually([&] { return TakeMarkedChild(child.id).result == child.id; }));
+  EXPECT_EQ(folder.Read("env"), expected + "QIXX_NEW=1\n");
 }
 
 constexpr uid_t kNobody = 65534;

@@ -59,6 +59,7 @@ class TraceTest : public ::testing::Test {
  protected:
   ~TraceTest() override {
     TraceSetCallback(nullptr);
+    TraceSetDelay(0);
     TraceSetFile("");
     // Whole days on, so that the next case finds the size check due and the stamp at zero.
     clockShift = (clockShift / kDay + 2) * kDay;

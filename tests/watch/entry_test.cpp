@@ -12,6 +12,7 @@
 #include "tests/support/trace_capture.h"
 #include "tests/watch/scripted.h"
 #include "watch/configuration.h"
+#include "watch/extra_watchers.h"
 #include "watch/options.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
@@ -169,15 +170,17 @@ TEST(Stop, FirstSignalEndsASleepOnAnotherThreadAndTheSecondTheProcess) {
 /// Every number below a thousand is one of `file` by then, those of the pipe too.
 [[noreturn]] void StopWhileDescriptorsAreOthers(const std::string& file) {
   watch::InstallStopHandlers();
+  watch::StartExtraWatchers("One", "/bin/true");
   for (int descriptor = 3; descriptor < 1000; ++descriptor) ::close(descriptor);
   while (::open(file.c_str(), O_RDWR | O_CLOEXEC) < 999) continue;
   watch::StoppableClock clock;
   if (!watch::WatchSleep(clock, 1)) ::_exit(1);
   ::raise(SIGTERM);
+  watch::LeaveExtraWatchers();
   ::_exit(watch::StopRequested() && !watch::WatchSleep(clock, 600'000) ? 0 : 2);
 }
 
-TEST(Stop, WritesIntoNoFileThatTookThePlaceOfItsDescriptor) {
+TEST(Stop, WritesIntoNoFileThatTookThePlaceOfADescriptor) {
   const TemporaryFolder folder;
   const std::string file = folder.Write("file", "text");
   EXPECT_EXIT(StopWhileDescriptorsAreOthers(file), ::testing::ExitedWithCode(0), "");
