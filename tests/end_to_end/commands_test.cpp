@@ -19,12 +19,12 @@ class Commands : public ServiceTest {
     desktop.Start();
     ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1"));
   }
-  const std::string never = Echo("never", "never.txt");
+  const std::string never_ = Echo("never", "never.txt");
 };
 
 TEST_F(Commands, ListEndsAtAGapAndAnEmptyEntryIsSkipped) {
   desktop.Configure("[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=\n2=" +
-                    Echo("two", "two.txt") + "\n4=" + never + "\n[Watch Remove]\n1=kill x\n");
+                    Echo("two", "two.txt") + "\n4=" + never_ + "\n[Watch Remove]\n1=kill x\n");
   RunConfigured();
   EXPECT_TRUE(desktop.Holds("two.txt", "two\n"));
   Stop();
@@ -36,7 +36,7 @@ TEST_F(Commands, InsertStopsAtAFailureAndRemoveDoesNotAndClearsAFileInPlace) {
       desktop.Home().Write("logon.conf", "[User]\nUsername=ann\nCard=%SUBJECT%\n");
   const fs::perms mode = fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read;
   fs::permissions(file, mode);
-  Run({"kill x", "-r HKLM", "close x", never},
+  Run({"kill x", "-r HKLM", "close x", never_},
       {"kill x", "-r HKLM", "close x", "set -config " + file, Echo("out", "out.txt")});
   RemoveCard();
   EXPECT_TRUE(desktop.Holds("out.txt", "out\n"));
@@ -57,7 +57,7 @@ TEST_F(Commands, ApplicationTakesAQuotedProgramAndArguments) {
 TEST_F(Commands, ParallelCommandsRunBesideTheListAndEndBeforeTheService) {
   Lines insert;
   for (int n = 1; n <= 20; ++n) insert.push_back("parallel " + Echo("p", std::to_string(n)));
-  insert.insert(insert.end(), {"parallel kill x", "parallel " + std::string(256, 'x'), never});
+  insert.insert(insert.end(), {"parallel kill x", "parallel " + std::string(256, 'x'), never_});
   Run(insert);
   Stop();
   EXPECT_EQ(desktop.TraceCount("Watch - Thread execute command ... done"), 21U);
@@ -67,7 +67,7 @@ TEST_F(Commands, ParallelCommandsRunBesideTheListAndEndBeforeTheService) {
 
 TEST_F(Commands, LoadCallsAFunctionOfALibrary) {
   Run({"load " QIXX_CALLED_LIBRARY ",Called " + desktop.Path("called.txt"),
-       "load /nonexistent.so,Called x", never});
+       "load /nonexistent.so,Called x", never_});
   EXPECT_TRUE(desktop.Holds("called.txt", "called\n"));
   Stop();
   EXPECT_EQ(desktop.TraceCount("Helper - Call external ... OK"), 1U);
@@ -95,7 +95,7 @@ TEST_F(Commands, ExternWritesTheLibrarysAnswerIntoAFile) {
 TEST_F(Commands, DirectFormRunsOneCommandForBothEventsUnlessMarked) {
   const std::string touched = desktop.Path("touched.txt");
   for (const std::string mark : {"~", ""}) {
-    desktop.Configure("[Command]\nWatch=-sync " + mark + "/bin/touch " + touched + "\n");
+    desktop.Configure(("[Command]\nWatch=-sync " + mark + "/bin/touch ").append(touched));
     fs::remove(desktop.Path("trace.log"));
     RunConfigured();
     EXPECT_TRUE(Eventually([&] { return fs::remove(touched); }));
