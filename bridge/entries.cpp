@@ -1,9 +1,14 @@
-#include "bridge/entries.h"
-
+// The bridge's PKCS#11 functions: the standard's, and the suite's extension.
+//
+// All may be called from any thread, as far as the module beneath allows; the bridge has one lock
+// of its own, which is held for the numbers of the slots and for events, not while a call goes on
+// into the module with a session. In a forked child nothing is initialised. Nothing is thrown
+// across.
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -66,6 +71,16 @@ Bridge& TheBridge() {
   return *bridge;
 }
 
+/// Calls `operation` with the bridge, whose lock it holds.
+template <typename Operation>
+CK_RV AnswerLocked(const Operation& operation) {
+  return pkcs11::AnswerOf([&operation]() -> CK_RV {
+    Bridge& bridge = TheBridge();
+    const runtime::CriticalScope hold(&bridge.guard);
+    return operation(bridge);
+  });
+}
+
 /// An entry that goes on into the module. Not even the lock is touched before it runs: in a forked
 /// child another thread, which is not there, may hold it.
 template <typename Operation>
@@ -79,12 +94,11 @@ CK_RV AnswerWithModule(const Operation& operation) {
 /// An entry that uses the slots, one at a time.
 template <typename Operation>
 CK_RV AnswerWithSlots(const Operation& operation) {
-  return AnswerWithModule([&operation](const CK_FUNCTION_LIST& module) -> CK_RV {
-    Bridge& bridge = TheBridge();
-    const runtime::CriticalScope hold(&bridge.guard);
-    // It may have ended while the lock was waited for.
-    if (Running() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    return operation(module, bridge.slots);
+  return AnswerWithModule([&operation](const CK_FUNCTION_LIST&) {
+    return AnswerLocked([&operation](Bridge& bridge) -> CK_RV {
+      // It may have ended while the lock was waited for.
+      return Running() == nullptr ? CKR_CRYPTOKI_NOT_INITIALIZED : operation(bridge.slots);
+    });
   });
 }
 
@@ -92,7 +106,7 @@ CK_RV AnswerWithSlots(const Operation& operation) {
 template <typename Operation>
 CK_RV AnswerForSlot(CK_SLOT_ID number, const Operation& operation) {
   CK_SLOT_ID id = 0;
-  const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+  const CK_RV result = AnswerWithSlots([&](Slots& slots) -> CK_RV {
     const std::optional<CK_SLOT_ID> known = slots.ToModule(number);
     id = known.value_or(0);
     return known ? CKR_OK : CKR_SLOT_ID_INVALID;
@@ -160,25 +174,21 @@ CK_RV End(Bridge& bridge) {
 
 // --- slots and events ---------------------------------------------------------------------------
 
-CK_RV HandOutList(std::span<const CK_SLOT_ID> numbers, CK_SLOT_ID_PTR list, CK_ULONG& count) {
-  const CK_ULONG room = count;
-  count = numbers.size();
-  if (list == nullptr) return CKR_OK;
-  if (room < numbers.size()) return CKR_BUFFER_TOO_SMALL;
-  std::copy(numbers.begin(), numbers.end(), list);
-  return CKR_OK;
-}
-
+/// The descriptor is lowered for the time of a poll: what comes after its begin raises it again. So
+/// does the poll, unless it went well and left nothing.
 std::optional<CK_SLOT_ID> PollForEvent(Bridge& bridge) {
-  EventPoll poll(bridge.watch.get());
-  const std::optional<CK_SLOT_ID> event = bridge.slots.TakeEvent(poll.MayHaveNews());
-  poll.Done(bridge.slots.HasEvent());
+  EventWatch* const watch = bridge.watch.get();
+  if (watch == nullptr) return bridge.slots.TakeEvent(true);
+  const bool wasRaised = watch->Event().Lower();
+  const auto raise = [](EventWatch* raised) { raised->Event().Raise(); };
+  std::unique_ptr<EventWatch, decltype(raise)> hasMore(watch, raise);
+  const std::optional<CK_SLOT_ID> event = bridge.slots.TakeEvent(wasRaised || !watch->TellsAll());
+  if (!bridge.slots.HasEvent()) (void)hasMore.release();
   return event;
 }
 
-CK_RV AwaitSlotEvent(bool block, CK_SLOT_ID& number) {
-  Bridge& bridge = TheBridge();
-  const runtime::CriticalScope hold(&bridge.guard);
+/// `bridge.guard` is held once when this is called, and is given back between two polls.
+CK_RV AwaitSlotEvent(Bridge& bridge, bool block, CK_SLOT_ID& number) {
   for (;;) {
     if (Running() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (const std::optional<CK_SLOT_ID> event = PollForEvent(bridge)) {
@@ -226,11 +236,11 @@ CK_RV GetAttributes(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session,
   const auto isSuite = [](const CK_ATTRIBUTE& attribute) {
     return attribute.type == pkcs11::kSuiteAttribute;
   };
-  if (std::none_of(attributes.begin(), attributes.end(), isSuite)) {
+  if (std::ranges::none_of(attributes, isSuite)) {
     return module.C_GetAttributeValue(session, object, attributes.data(), attributes.size());
   }
   std::vector<CK_ATTRIBUTE> others;
-  std::remove_copy_if(attributes.begin(), attributes.end(), std::back_inserter(others), isSuite);
+  std::ranges::remove_copy_if(attributes, std::back_inserter(others), isSuite);
   CK_RV result = CKR_OK;
   if (!others.empty()) {
     result = module.C_GetAttributeValue(session, object, others.data(), others.size());
@@ -249,6 +259,14 @@ CK_RV GetAttributes(const CK_FUNCTION_LIST& module, CK_SESSION_HANDLE session,
 
 // --- the standard's functions -------------------------------------------------------------------
 
+/// A function whose first argument is a slot.
+template <auto kFunction, typename... Arguments>
+CK_RV PassOnForSlot(CK_SLOT_ID number, Arguments... arguments) {
+  return AnswerForSlot(number, [&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) {
+    return (module.*kFunction)(slot, arguments...);
+  });
+}
+
 /// As the list has them. They are not exported under their own names: in a program with two modules
 /// the first one's would be called, by the other module too.
 struct PlainEntries {
@@ -264,18 +282,11 @@ struct PlainEntries {
 /// Those in which the bridge has a part.
 struct Entries : PlainEntries {
   static CK_RV Initialize(CK_VOID_PTR initArgs) {
-    return pkcs11::AnswerOf([&] {
-      Bridge& bridge = TheBridge();
-      const runtime::CriticalScope hold(&bridge.guard);
-      return Begin(bridge, initArgs);
-    });
+    return AnswerLocked([&](Bridge& bridge) { return Begin(bridge, initArgs); });
   }
   static CK_RV Finalize(CK_VOID_PTR reserved) {
     return AnswerWithModule([&](const CK_FUNCTION_LIST&) -> CK_RV {
-      if (reserved != nullptr) return CKR_ARGUMENTS_BAD;
-      Bridge& bridge = TheBridge();
-      const runtime::CriticalScope hold(&bridge.guard);
-      return End(bridge);
+      return reserved != nullptr ? CKR_ARGUMENTS_BAD : AnswerLocked(&End);
     });
   }
   static CK_RV GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) { return C_GetFunctionList(list); }
@@ -289,60 +300,46 @@ struct Entries : PlainEntries {
   }
 
   static CK_RV GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULONG_PTR count) {
-    return AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+    return AnswerWithSlots([&](Slots& slots) -> CK_RV {
       if (count == nullptr) return CKR_ARGUMENTS_BAD;
       const auto [result, numbers] = slots.List(tokenPresent != CK_FALSE, list == nullptr);
-      return result == CKR_OK ? HandOutList(numbers, list, *count) : result;
+      return result == CKR_OK ? pkcs11::HandOut(numbers, list, count) : result;
     });
   }
   static CK_RV GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) {
     std::optional<CK_SLOT_INFO> known;
-    const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+    const CK_RV result = AnswerWithSlots([&](Slots& slots) -> CK_RV {
       if (info == nullptr) return CKR_ARGUMENTS_BAD;
       known = slots.Info(slot);
       if (known) *info = *known;
       return CKR_OK;
     });
     if (result != CKR_OK || known) return result;
-    return AnswerForSlot(slot, [&](const CK_FUNCTION_LIST& module, CK_SLOT_ID id) {
-      return module.C_GetSlotInfo(id, info);
-    });
+    return PassOnForSlot<&CK_FUNCTION_LIST::C_GetSlotInfo>(slot, info);
   }
   static CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserved) {
     return AnswerWithModule([&](const CK_FUNCTION_LIST&) -> CK_RV {
       if (slot == nullptr || reserved != nullptr) return CKR_ARGUMENTS_BAD;
-      return AwaitSlotEvent((flags & CKF_DONT_BLOCK) == 0, *slot);
+      return AnswerLocked([&](Bridge& bridge) {
+        return AwaitSlotEvent(bridge, (flags & CKF_DONT_BLOCK) == 0, *slot);
+      });
     });
   }
 
-#define BRIDGE_SLOT_ENTRY(name, parameters, arguments)                                  \
-  static CK_RV name parameters {                                                        \
-    return AnswerForSlot(number, [&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) { \
-      return module.C_##name arguments;                                                 \
-    });                                                                                 \
-  }
-  BRIDGE_SLOT_ENTRY(GetTokenInfo, (CK_SLOT_ID number, CK_TOKEN_INFO_PTR info), (slot, info))
-  BRIDGE_SLOT_ENTRY(GetMechanismList,
-                    (CK_SLOT_ID number, CK_MECHANISM_TYPE_PTR mechanisms, CK_ULONG_PTR count),
-                    (slot, mechanisms, count))
-  BRIDGE_SLOT_ENTRY(GetMechanismInfo,
-                    (CK_SLOT_ID number, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR info),
-                    (slot, type, info))
-  BRIDGE_SLOT_ENTRY(InitToken,
-                    (CK_SLOT_ID number, CK_UTF8CHAR_PTR pin, CK_ULONG pinLength,
-                     CK_UTF8CHAR_PTR label),
-                    (slot, pin, pinLength, label))
-  BRIDGE_SLOT_ENTRY(OpenSession,
-                    (CK_SLOT_ID number, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify,
-                     CK_SESSION_HANDLE_PTR session),
-                    (slot, flags, application, notify, session))
-  BRIDGE_SLOT_ENTRY(CloseAllSessions, (CK_SLOT_ID number), (slot))
+#define BRIDGE_SLOT_ENTRY(name) \
+  static constexpr CK_C_##name name = &PassOnForSlot<&CK_FUNCTION_LIST::C_##name>;
+  BRIDGE_SLOT_ENTRY(GetTokenInfo)
+  BRIDGE_SLOT_ENTRY(GetMechanismList)
+  BRIDGE_SLOT_ENTRY(GetMechanismInfo)
+  BRIDGE_SLOT_ENTRY(InitToken)
+  BRIDGE_SLOT_ENTRY(OpenSession)
+  BRIDGE_SLOT_ENTRY(CloseAllSessions)
 #undef BRIDGE_SLOT_ENTRY
 
   static CK_RV GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) {
     const CK_RV result = PlainEntries::GetSessionInfo(session, info);
     if (result != CKR_OK || info == nullptr) return result;
-    return AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+    return AnswerWithSlots([&](Slots& slots) -> CK_RV {
       info->slotID = slots.FromModule(info->slotID).value_or(0);
       return CKR_OK;
     });
@@ -364,7 +361,7 @@ struct Entries : PlainEntries {
 template <typename Operation>
 CK_RV AnswerForFirstToken(const Operation& operation) {
   CK_SLOT_ID first = 0;
-  const CK_RV result = AnswerWithSlots([&](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
+  const CK_RV result = AnswerWithSlots([&](Slots& slots) -> CK_RV {
     const auto [listed, numbers] = slots.List(true, true);
     if (listed == CKR_OK && !numbers.empty()) first = numbers.front();
     return listed == CKR_OK && first == 0 ? CKR_TOKEN_NOT_PRESENT : listed;
@@ -372,56 +369,91 @@ CK_RV AnswerForFirstToken(const Operation& operation) {
   return result == CKR_OK ? AnswerForSlot(first, operation) : result;
 }
 
+/// Functions that no standard module could serve.
+struct RefusedExtension {
+#define BRIDGE_REFUSE(name, parameters, arguments) \
+  [[maybe_unused]] static constexpr pkcs11::name##Function name = &pkcs11::Refuse;
+  QIXX_CK_EXTENSIONS(BRIDGE_REFUSE)
+#undef BRIDGE_REFUSE
+};
+
+/// Those that the bridge serves.
+struct Extension : RefusedExtension {
+  /// Ends all sessions and begins again.
+  static CK_RV Reinitialize(CK_VOID_PTR initArgs) {
+    return AnswerLocked([&](Bridge& bridge) {
+      (void)End(bridge);
+      return Begin(bridge, initArgs);
+    });
+  }
+  /// C_GetSlotList under another name.
+  static CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) {
+    return Entries::GetSlotList(tokenPresent, static_cast<CK_SLOT_ID_PTR>(slots),
+                                static_cast<CK_ULONG_PTR>(count));
+  }
+  /// Writes a token variable to the first token; a null or empty value takes it away. The token
+  /// decides whether that takes a login, which is the caller's business.
+  static CK_RV SetVariable(CK_ULONG name, CK_ULONG value) {
+    return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) {
+      return WriteVariable(module, slot, runtime::ViewOf(std::bit_cast<const char*>(name)),
+                           runtime::ViewOf(std::bit_cast<const char*>(value)));
+    });
+  }
+  /// Copies a token variable of the first token into the buffer, whose size goes in and whose
+  /// length comes out by `size`, as with an attribute's value: a null buffer asks for the length.
+  /// CKR_DATA_INVALID when there is no such variable.
+  static CK_RV GetVariable(CK_ULONG name, CK_ULONG buffer, CK_ULONG size) {
+    return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
+      auto* const length = std::bit_cast<CK_ULONG_PTR>(size);
+      if (name == 0 || length == nullptr) return CKR_ARGUMENTS_BAD;
+      const auto [result, text] = ReadVariable(module, slot, std::bit_cast<const char*>(name));
+      if (result != CKR_OK) return result;
+      const CK_ULONG room = *length;
+      *length = text.size() + 1;  // the terminator counts
+      if (buffer == 0) return CKR_OK;
+      if (room < *length) return CKR_BUFFER_TOO_SMALL;
+      std::copy_n(text.c_str(), *length, std::bit_cast<char*>(buffer));
+      return CKR_OK;
+    });
+  }
+};
+
 }  // namespace
 
-CK_FUNCTION_LIST StandardFunctions() {
-  return {kVersion,
-#define BRIDGE_MEMBER(name, parameters, arguments) &Entries::name,
-          QIXX_CK_FUNCTIONS(BRIDGE_MEMBER)
-#undef BRIDGE_MEMBER
-  };
+// --- what leaves the library --------------------------------------------------------------------
+
+#define BRIDGE_EXPORT(name, parameters, arguments) \
+  QIXX_CK_EXPORT CK_RV C_##name parameters {       \
+    return Extension::name arguments;              \
+  }
+QIXX_CK_EXTENSIONS(BRIDGE_EXPORT)
+#undef BRIDGE_EXPORT
+
+QIXX_CK_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
+#define BRIDGE_STANDARD(name, parameters, arguments) Entries::name,
+#define BRIDGE_EXTENSION(name, parameters, arguments) &C_##name,
+  // Not constant: who loads the library writes what it finds by name into the extension's slots.
+  static pkcs11::ExtendedFunctionList functions = {
+      {kVersion, QIXX_CK_FUNCTIONS(BRIDGE_STANDARD)},
+      {QIXX_CK_SLOTS_1_TO_6(BRIDGE_EXTENSION) nullptr,
+       QIXX_CK_SLOTS_8_TO_9(BRIDGE_EXTENSION) QIXX_CK_SLOTS_10_TO_11(BRIDGE_EXTENSION)}};
+#undef BRIDGE_STANDARD
+#undef BRIDGE_EXTENSION
+  if (list == nullptr) return CKR_ARGUMENTS_BAD;
+  *list = &functions.standard;
+  return CKR_OK;
 }
 
-CK_RV Reinitialize(CK_VOID_PTR initArgs) {
-  return pkcs11::AnswerOf([&] {
-    Bridge& bridge = TheBridge();
-    const runtime::CriticalScope hold(&bridge.guard);
-    (void)End(bridge);
-    return Begin(bridge, initArgs);
-  });
-}
-
-CK_RV ListCards(CK_BYTE tokenPresent, CK_VOID_PTR slots, CK_VOID_PTR count) {
-  return Entries::GetSlotList(tokenPresent, static_cast<CK_SLOT_ID_PTR>(slots),
-                              static_cast<CK_ULONG_PTR>(count));
-}
-
-CK_RV GetVariable(const char* name, char* value, CK_ULONG_PTR length) {
-  return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
-    if (name == nullptr || length == nullptr) return CKR_ARGUMENTS_BAD;
-    const auto [result, text] = ReadVariable(module, slot, name);
-    if (result != CKR_OK) return result;
-    const CK_ULONG room = *length;
-    *length = text.size() + 1;  // the terminator counts
-    if (value == nullptr) return CKR_OK;
-    if (room < *length) return CKR_BUFFER_TOO_SMALL;
-    std::copy_n(text.c_str(), *length, value);
-    return CKR_OK;
-  });
-}
-
-CK_RV SetVariable(const char* name, const char* value) {
-  return AnswerForFirstToken([&](const CK_FUNCTION_LIST& module, CK_SLOT_ID slot) -> CK_RV {
-    return WriteVariable(module, slot, runtime::ViewOf(name), runtime::ViewOf(value));
-  });
-}
-
-int DescribeEvents() {
+/// A descriptor that is readable when a poll for slot events would have something to tell, as far
+/// as PC/SC knows; a poll that leaves nothing makes it unreadable. The same for the life of the
+/// process, close-on-exec, and not the caller's to read or close; without PC/SC, and in a forked
+/// child before its C_Initialize, -1. The first call starts a thread of the bridge's own, which
+/// runs between C_Initialize and C_Finalize.
+QIXX_CK_EXPORT int QixEventDescriptor() {
   int descriptor = -1;
-  (void)pkcs11::AnswerOf([&descriptor]() -> CK_RV {
-    if (!HasPcsc() || IsForked()) return CKR_FUNCTION_NOT_SUPPORTED;
-    Bridge& bridge = TheBridge();
-    const runtime::CriticalScope hold(&bridge.guard);
+  if (IsForked()) return descriptor;
+  (void)AnswerLocked([&descriptor](Bridge& bridge) -> CK_RV {
+    if (!HasPcsc()) return CKR_FUNCTION_NOT_SUPPORTED;
     if (WatchOf(bridge) == nullptr) {
       bridge.watch = std::make_unique<EventWatch>();
       if (Running() != nullptr) bridge.watch->Start(bridge.module.filter);
@@ -432,21 +464,21 @@ int DescribeEvents() {
   return descriptor;
 }
 
-int SlotCounts(CK_SLOT_ID number) {
+/// Whether events of the slot are told, 1 or 0; -1 for an unknown slot and without a module.
+QIXX_CK_EXPORT int QixSlotCounts(CK_SLOT_ID slot) {
   std::optional<bool> counts;
-  (void)AnswerWithSlots([&counts, number](const CK_FUNCTION_LIST&, Slots& slots) -> CK_RV {
-    counts = slots.Counts(number);
+  (void)AnswerWithSlots([&counts, slot](Slots& slots) -> CK_RV {
+    counts = slots.Counts(slot);
     return CKR_OK;
   });
   return counts ? static_cast<int>(*counts) : -1;
 }
 
-const char* ModuleFault() {
+/// Why the last C_Initialize found no module, empty when it found one. Holds up to the next one.
+QIXX_CK_EXPORT const char* QixModuleFault() {
   const char* fault = "";
-  (void)pkcs11::AnswerOf([&fault]() -> CK_RV {
-    if (IsForked()) return CKR_FUNCTION_NOT_SUPPORTED;
-    Bridge& bridge = TheBridge();
-    const runtime::CriticalScope hold(&bridge.guard);
+  if (IsForked()) return fault;
+  (void)AnswerLocked([&fault](Bridge& bridge) {
     fault = bridge.module.fault.c_str();
     return CKR_OK;
   });

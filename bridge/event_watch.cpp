@@ -1,7 +1,6 @@
 #include "bridge/event_watch.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,25 +41,18 @@ void BlockSignals() {
 
 // --- the descriptor -----------------------------------------------------------------------------
 
-EventDescriptor::EventDescriptor() : descriptor_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
 void EventDescriptor::Raise() {
   const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = ::write(descriptor_, &one, sizeof one);
+  [[maybe_unused]] const ssize_t written = ::write(Get(), &one, sizeof one);
 }
 
 bool EventDescriptor::Lower() {
   std::uint64_t count = 0;
-  return ::read(descriptor_, &count, sizeof count) == sizeof count || errno != EAGAIN;
-}
-
-void EventDescriptor::Close() {
-  if (descriptor_ >= 0) ::close(descriptor_);
-  descriptor_ = -1;
+  return ::read(Get(), &count, sizeof count) == sizeof count || errno != EAGAIN;
 }
 
 void EventDescriptor::Wait(int timeout) const {
-  pollfd waited = {descriptor_, POLLIN, 0};
+  pollfd waited = {Get(), POLLIN, 0};
   ::poll(&waited, 1, timeout);
 }
 
@@ -148,8 +140,9 @@ bool EventWatch::WaitForChange() {
     states[readers++] = {.name = name, .knownState = KnownState(whole)};
     name += whole.size() + 1;
   }
-  const bool knowsAll = std::all_of(states.begin(), states.begin() + readers,
-                                    [](const auto& reader) { return reader.knownState != 0; });
+  const bool knowsAll =
+      std::ranges::all_of(std::span(states).first(readers),
+                          [](const PcscReaderState& reader) { return reader.knownState != 0; });
   std::size_t waited = readers;
   if (waited < states.size()) {
     states[waited++] = {.name = kPcscReaderNotifier, .knownState = readers << kPcscCountShift};
@@ -180,8 +173,7 @@ bool EventWatch::TakeStates(std::span<const PcscReaderState> states) {
 }
 
 PcscWord EventWatch::KnownState(std::string_view name) const {
-  const auto known = std::find_if(known_.begin(), known_.end(),
-                                  [name](const Known& reader) { return reader.name == name; });
+  const auto known = std::ranges::find(known_, name, &Known::name);
   return known == known_.end() ? 0 : known->state;
 }
 

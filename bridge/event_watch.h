@@ -7,6 +7,7 @@
 // of itself that it can wait for events in one thread while it serves another.
 #pragma once
 
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +19,7 @@
 
 #include "bridge/pcsc.h"
 #include "bridge/reader_filter.h"
+#include "runtime/descriptor.h"
 #include "runtime/sync.h"
 
 namespace qixx::bridge {
@@ -26,22 +28,17 @@ namespace qixx::bridge {
 /// not block.
 class EventDescriptor {
  public:
-  EventDescriptor();
-  ~EventDescriptor() { Close(); }
-  EventDescriptor(const EventDescriptor&) = delete;
-  EventDescriptor& operator=(const EventDescriptor&) = delete;
-
   void Raise();
   /// Whether it was readable until now, as far as the system can tell.
   bool Lower();
-  void Close();
+  void Close() { descriptor_.Close(); }
   /// Returns as soon as it is readable, at the latest after so many milliseconds.
   void Wait(int timeout) const;
   /// Negative when the system had none left.
-  [[nodiscard]] int Get() const { return descriptor_; }
+  [[nodiscard]] int Get() const { return descriptor_.Get(); }
 
  private:
-  int descriptor_;
+  runtime::Descriptor descriptor_{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 };
 
 /// Start, Stop and Abandon are for one thread at a time.
@@ -95,30 +92,6 @@ class EventWatch {
   std::vector<char> names_;
   std::vector<char> current_;  ///< the names of the last round
   std::vector<Known> known_;
-};
-
-/// Lowers the descriptor for the time of a poll: what comes after its begin raises it again.
-class EventPoll {
- public:
-  /// `watch` may be null.
-  explicit EventPoll(EventWatch* watch) : watch_(watch) {
-    if (watch_ != nullptr) isRaised_ = watch_->Event().Lower();
-  }
-  /// Raises it unless the poll went well and left nothing.
-  ~EventPoll() {
-    if (watch_ != nullptr && hasMore_) watch_->Event().Raise();
-  }
-  EventPoll(const EventPoll&) = delete;
-  EventPoll& operator=(const EventPoll&) = delete;
-
-  /// Whether the readers may have changed since the last poll.
-  [[nodiscard]] bool MayHaveNews() const { return isRaised_ || !watch_->TellsAll(); }
-  void Done(bool hasMore) { hasMore_ = hasMore; }
-
- private:
-  EventWatch* watch_;
-  bool isRaised_ = true;
-  bool hasMore_ = true;
 };
 
 }  // namespace qixx::bridge

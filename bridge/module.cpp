@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "config/store.h"
+#include "pkcs11/entry.h"
 #include "runtime/files.h"
 #include "runtime/loader.h"
 #include "runtime/product.h"
@@ -89,22 +90,6 @@ runtime::SharedLibrary Find(const std::string& name, std::string& path, std::str
   return {};
 }
 
-/// The answer of the functions that a module leaves out.
-struct Missing {
-#define BRIDGE_MISSING(name, parameters, arguments) \
-  static CK_RV name parameters {                    \
-    return Refuse arguments;                        \
-  }
-  QIXX_CK_FUNCTIONS(BRIDGE_MISSING)
-#undef BRIDGE_MISSING
-
- private:
-  template <typename... Arguments>
-  static CK_RV Refuse(const Arguments&... /*unused*/) {
-    return CKR_FUNCTION_NOT_SUPPORTED;
-  }
-};
-
 void Fill(const CK_FUNCTION_LIST& module, CK_FUNCTION_LIST& functions) {
   // Before the release 2.01 of the standard the list ended in front of its last function.
   const bool isWhole = module.version.major > 2 || module.version.minor >= 1;
@@ -112,7 +97,7 @@ void Fill(const CK_FUNCTION_LIST& module, CK_FUNCTION_LIST& functions) {
       isWhole ? sizeof(CK_FUNCTION_LIST) : offsetof(CK_FUNCTION_LIST, C_WaitForSlotEvent);
   functions.version = module.version;
 #define BRIDGE_FILL(name, parameters, arguments)                                   \
-  functions.C_##name = &Missing::name;                                             \
+  functions.C_##name = &pkcs11::Refuse;                                            \
   if (offsetof(CK_FUNCTION_LIST, C_##name) < size && module.C_##name != nullptr) { \
     functions.C_##name = module.C_##name;                                          \
   }

@@ -8,6 +8,7 @@
 
 #include "pkcs11/cryptoki.h"
 #include "runtime/loader.h"
+#include "runtime/text.h"
 
 namespace qixx::bridge {
 namespace {
@@ -24,27 +25,23 @@ struct PcscLibrary {
   PcscNumber (*list)(long context, const char* groups, char* names, PcscWord* size) = nullptr;
   PcscNumber (*wait)(long context, PcscWord timeout, PcscReaderState*, PcscWord count) = nullptr;
   PcscNumber (*cancel)(long context) = nullptr;
-
-  [[nodiscard]] bool IsComplete() const {
-    return establish != nullptr && release != nullptr && list != nullptr && wait != nullptr &&
-           cancel != nullptr;
-  }
 };
 
+/// All functions, or none.
 PcscLibrary LoadPcsc() {
   runtime::SharedLibrary library(::dlopen("libpcsclite.so.1", RTLD_NOW | RTLD_LOCAL));
   if (!library.IsOpen()) return {};
   PcscLibrary functions;
   const auto find = [&library](auto& function, const char* name) {
     function = library.FindSymbol<std::remove_reference_t<decltype(function)>>(name);
+    return function != nullptr;
   };
-  find(functions.establish, "SCardEstablishContext");
-  find(functions.release, "SCardReleaseContext");
-  find(functions.list, "SCardListReaders");
-  find(functions.wait, "SCardGetStatusChange");
-  find(functions.cancel, "SCardCancel");
+  const bool isComplete =
+      find(functions.establish, "SCardEstablishContext") &&
+      find(functions.release, "SCardReleaseContext") && find(functions.list, "SCardListReaders") &&
+      find(functions.wait, "SCardGetStatusChange") && find(functions.cancel, "SCardCancel");
   static_cast<void>(library.Release());  // for the life of the process
-  return functions;
+  return isComplete ? functions : PcscLibrary();
 }
 
 const PcscLibrary& Pcsc() {
@@ -60,7 +57,7 @@ PcscResult ResultOf(PcscNumber number) {
 }  // namespace
 
 bool HasPcsc() {
-  return Pcsc().IsComplete();
+  return Pcsc().establish != nullptr;
 }
 
 bool PcscConnection::Open() {
@@ -107,8 +104,7 @@ void PcscConnection::Cancel() {
 }
 
 std::string_view CutReaderName(std::string_view name) {
-  name = name.substr(0, sizeof CK_SLOT_INFO::slotDescription);
-  return name.substr(0, name.find_last_not_of(' ') + 1);
+  return runtime::DropTrailingBlanks(name.substr(0, sizeof CK_SLOT_INFO::slotDescription));
 }
 
 }  // namespace qixx::bridge

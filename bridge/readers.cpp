@@ -4,6 +4,7 @@
 #include <array>
 
 #include "runtime/clock.h"
+#include "runtime/text.h"
 
 namespace qixx::bridge {
 namespace {
@@ -15,9 +16,7 @@ constexpr std::int64_t kConnectPause = 3000;
 }  // namespace
 
 std::string_view DescriptionText(const CK_SLOT_INFO& info) {
-  const std::string_view text(reinterpret_cast<const char*>(info.slotDescription),
-                              sizeof info.slotDescription);
-  return CutReaderName(text.substr(0, std::min(text.find('\0'), text.size())));
+  return CutReaderName(runtime::UpToZero(runtime::AsText(info.slotDescription)));
 }
 
 bool Readers::Poll() {
@@ -92,15 +91,12 @@ bool Readers::ReadStates() {
 }
 
 std::size_t Readers::Count(std::string_view name) const {
-  return static_cast<std::size_t>(
-      std::count_if(readers_.begin(), readers_.end(),
-                    [name](const Reader& reader) { return reader.name == name; }));
+  return static_cast<std::size_t>(std::ranges::count(readers_, name, &Reader::name));
 }
 
 const Readers::Reader* Readers::Find(std::string_view name) const {
   if (Count(name) != 1) return nullptr;
-  return &*std::find_if(readers_.begin(), readers_.end(),
-                        [name](const Reader& reader) { return reader.name == name; });
+  return &*std::ranges::find(readers_, name, &Reader::name);
 }
 
 }  // namespace qixx::bridge

@@ -64,9 +64,7 @@ SlotList Slots::List(bool withToken, bool refresh) {
   if (isStale_ || (refresh && !withToken)) Refresh();
   const auto [result, ids] = ListModule(withToken, refresh && withToken);
   if (result != CKR_OK) return {result, {}};
-  if (!std::all_of(ids.begin(), ids.end(), [this](CK_SLOT_ID id) { return ById(id) != nullptr; })) {
-    Refresh();
-  }
+  if (std::ranges::any_of(ids, [this](CK_SLOT_ID id) { return ById(id) == nullptr; })) Refresh();
   if (withToken) PollReaders();
   std::vector<CK_SLOT_ID> numbers;
   for (const CK_SLOT_ID id : ids) {
@@ -88,10 +86,9 @@ bool Slots::IsShownWithToken(const Slot& slot) const {
 /// A module may leave out a card that it cannot read. The commands of its insertion run as well.
 void Slots::AddPcscCards(std::vector<CK_SLOT_ID>& numbers) const {
   for (const Slot& slot : slots_) {
-    if (!slot.byPcsc || !slot.isListed || !slot.counts || !StateOf(slot).present) continue;
-    if (std::find(numbers.begin(), numbers.end(), slot.number) == numbers.end()) {
-      numbers.push_back(slot.number);
-    }
+    if (!slot.byPcsc || !slot.isListed || !IsShownWithToken(slot)) continue;
+    const bool isListed = std::ranges::find(numbers, slot.number) != numbers.end();
+    if (!isListed) numbers.push_back(slot.number);
   }
 }
 
@@ -100,7 +97,7 @@ void Slots::AddPcscCards(std::vector<CK_SLOT_ID>& numbers) const {
 void Slots::PutFirst(std::vector<CK_SLOT_ID>& numbers) {
   const Slot* const next = told_ == 0 ? NextCard() : ByNumber(told_);
   if (next != nullptr) {
-    const auto place = std::find(numbers.begin(), numbers.end(), next->number);
+    const auto place = std::ranges::find(numbers, next->number);
     if (place != numbers.end()) std::rotate(numbers.begin(), place, place + 1);
   }
   if (told_ != 0 || numbers.empty() || ByNumber(numbers.front())->isSecondary) return;
@@ -114,8 +111,8 @@ std::optional<CK_SLOT_INFO> Slots::Info(CK_SLOT_ID number) {
   if (slot == nullptr || !slot->byPcsc) return {};
   CK_SLOT_INFO info = slot->info;
   info.flags &= ~CKF_TOKEN_PRESENT;
-  if (runtime::MonotonicMilliseconds() >= slot->emptyUntil && StateOf(*slot).present)
-    info.flags |= CKF_TOKEN_PRESENT;
+  const bool isShown = runtime::MonotonicMilliseconds() >= slot->emptyUntil;
+  if (isShown && StateOf(*slot).present) info.flags |= CKF_TOKEN_PRESENT;
   return info;
 }
 
@@ -136,7 +133,7 @@ std::optional<CK_SLOT_ID> Slots::FromModule(CK_SLOT_ID id) {
 
 // --- events -------------------------------------------------------------------------------------
 
-std::optional<bool> Slots::Counts(CK_SLOT_ID number) const {
+std::optional<bool> Slots::Counts(CK_SLOT_ID number) {
   const Slot* const slot = ByNumber(number);
   if (slot == nullptr) return std::nullopt;
   return slot->counts && !slot->isSecondary;
@@ -146,26 +143,21 @@ std::optional<CK_SLOT_ID> Slots::TakeEvent(bool readersMayHaveNews) {
   for (Slot& slot : slots_) slot.emptyUntil = 0;
   Poll(readersMayHaveNews);
   CompareStates();
-  const Slot* const next = NextEvent();
-  if (next != nullptr) return Tell(slots_[static_cast<std::size_t>(next - slots_.data())]);
+  if (Slot* const next = NextEvent()) return Tell(*next);
   if (releaseDue_) ReleasePulledCard();
   return {};
 }
 
-bool Slots::HasEvent() const {
-  return NextEvent() != nullptr;
-}
-
 /// The slot of the next event by the states of the last poll, null for none. Who was offered a card
 /// may hold it for told of, so it is told of next, also when it has gone.
-const Slots::Slot* Slots::NextEvent() const {
+Slots::Slot* Slots::NextEvent() {
   if (told_ != 0) return isPulled_ ? ByNumber(told_) : nullptr;
   return offered_ != 0 ? ByNumber(offered_) : NextCard();
 }
 
-const Slots::Slot* Slots::NextCard() const {
+Slots::Slot* Slots::NextCard() {
   for (std::size_t i = 0; i < slots_.size(); ++i) {
-    const Slot& slot = slots_[(turn_ + i) % slots_.size()];
+    Slot& slot = slots_[(turn_ + i) % slots_.size()];
     if (slot.counts && !slot.isSecondary && slot.state.present) return &slot;
   }
   return nullptr;
@@ -252,24 +244,22 @@ void Slots::AdoptReaders() {
 }
 
 bool Slots::HasTwin(const Slot& slot) const {
-  return std::any_of(slots_.begin(), slots_.end(), [&slot](const Slot& other) {
+  return std::ranges::any_of(slots_, [&slot](const Slot& other) {
     return &other != &slot && !other.isSecondary && other.Description() == slot.Description();
   });
 }
 
 bool Slots::KnowsAllReaders() const {
-  const auto isKnown = [this](const Readers::Reader& reader) {
-    return std::any_of(slots_.begin(), slots_.end(), [&reader](const Slot& slot) {
+  return std::ranges::all_of(readers_.All(), [this](const Readers::Reader& reader) {
+    return std::ranges::any_of(slots_, [&reader](const Slot& slot) {
       return slot.isListed && slot.Description() == reader.name;
     });
-  };
-  return std::all_of(readers_.All().begin(), readers_.All().end(), isKnown);
+  });
 }
 
 bool Slots::NeedsModule() const {
-  return slots_.empty() || !std::all_of(slots_.begin(), slots_.end(), [](const Slot& slot) {
-           return slot.byPcsc || slot.isSecondary;
-         });
+  const auto needsIt = [](const Slot& slot) { return !slot.byPcsc && !slot.isSecondary; };
+  return slots_.empty() || std::ranges::any_of(slots_, needsIt);
 }
 
 // --- the module ---------------------------------------------------------------------------------
@@ -310,10 +300,10 @@ void Slots::Refresh() {
   refreshed_ = runtime::MonotonicMilliseconds();
   const auto [result, ids] = ListModule(false, true);
   if (result != CKR_OK) return;
-  std::vector<SlotSnapshot> snapshots;
+  std::vector<Slot> snapshots;
   snapshots.reserve(ids.size());
   for (const CK_SLOT_ID id : ids) {
-    SlotSnapshot snapshot = {.id = id};
+    Slot snapshot = {.id = id};
     if (module_->C_GetSlotInfo(id, &snapshot.info) != CKR_OK) {
       const Slot* const known = ById(id);
       if (known == nullptr) continue;
@@ -321,6 +311,7 @@ void Slots::Refresh() {
       snapshot.info.flags &= ~CKF_TOKEN_PRESENT;
     }
     if ((snapshot.info.flags & CKF_TOKEN_PRESENT) != 0) isUsed_ = true;
+    snapshot.counts = filter_.Counts(snapshot.info);
     snapshots.push_back(snapshot);
   }
   Place(snapshots);
@@ -332,45 +323,41 @@ void Slots::Refresh() {
 
 /// Finds each slot among those seen before: unchanged, else by its description, else where it was,
 /// unless it is a reader's name that the module now shows there.
-void Slots::Place(std::vector<SlotSnapshot>& snapshots) {
+void Slots::Place(std::vector<Slot>& snapshots) {
   for (Slot& slot : slots_) slot.isPlaced = false;
   const auto claim = [this, &snapshots](const auto& isSame) {
-    for (SlotSnapshot& snapshot : snapshots) {
-      const std::string_view description = DescriptionText(snapshot.info);
-      const auto slot = std::find_if(slots_.begin(), slots_.end(), [&](const Slot& known) {
-        return !snapshot.isPlaced && !known.isPlaced && isSame(known, snapshot.id, description);
+    for (Slot& snapshot : snapshots) {
+      const auto slot = std::ranges::find_if(slots_, [&](const Slot& known) {
+        return !snapshot.isPlaced && !known.isPlaced && isSame(known, snapshot);
       });
       if (slot == slots_.end()) continue;
       slot->id = snapshot.id;
       slot->info = snapshot.info;
-      slot->counts = filter_.Counts(slot->info);
+      slot->counts = snapshot.counts;
       slot->isPlaced = snapshot.isPlaced = true;
     }
   };
-  claim([](const Slot& slot, CK_SLOT_ID id, std::string_view description) {
-    return slot.id == id && slot.Description() == description;
+  claim([](const Slot& slot, const Slot& snapshot) {
+    return slot.id == snapshot.id && slot.Description() == snapshot.Description();
   });
-  claim([](const Slot& slot, CK_SLOT_ID, std::string_view description) {
-    return !description.empty() && slot.Description() == description;
+  claim([](const Slot& slot, const Slot& snapshot) {
+    return !snapshot.Description().empty() && slot.Description() == snapshot.Description();
   });
-  claim([this](const Slot& slot, CK_SLOT_ID id, std::string_view description) {
-    return slot.isListed && slot.id == id && !slot.isSecondary && !slot.byPcsc &&
-           readers_.Count(description) == 0;
+  claim([this](const Slot& slot, const Slot& snapshot) {
+    return slot.isListed && slot.id == snapshot.id && !slot.isSecondary && !slot.byPcsc &&
+           readers_.Count(snapshot.Description()) == 0;
   });
   for (Slot& slot : slots_) slot.isListed = slot.isPlaced;
-  for (const SlotSnapshot& snapshot : snapshots) {
+  for (const Slot& snapshot : snapshots) {
     if (!snapshot.isPlaced && slots_.size() < kMaxSlots) Add(snapshot);
   }
 }
 
-void Slots::Add(const SlotSnapshot& snapshot) {
-  Slot slot;
-  slot.id = snapshot.id;
-  slot.info = snapshot.info;
+/// `slot` is a snapshot that was not placed.
+void Slots::Add(Slot slot) {
   slot.isListed = true;
-  slot.counts = filter_.Counts(slot.info);
   // Two slots of this name are two of one reader when PC/SC knows just one of it.
-  const auto first = std::find_if(slots_.begin(), slots_.end(), [&slot](const Slot& other) {
+  const auto first = std::ranges::find_if(slots_, [&slot](const Slot& other) {
     return !other.isSecondary && other.Description() == slot.Description();
   });
   slot.isSecondary = first != slots_.end() && readers_.Find(slot.Description()) != nullptr;
@@ -378,7 +365,7 @@ void Slots::Add(const SlotSnapshot& snapshot) {
   slots_.push_back(slot);
   std::string name(slot.Description());
   const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
-  std::replace_if(name.begin(), name.end(), isControl, '_');  // it comes from a device
+  std::ranges::replace_if(name, isControl, '_');  // it comes from a device
   runtime::TraceWrite("Bridge - Slot %d is slot 0x%lx of the module, '%s'",
                       static_cast<int>(slot.number), slot.id, name.c_str());
 }
@@ -397,18 +384,15 @@ CK_SLOT_ID Slots::NewNumber(const Slot* first) {
   return number;
 }
 
-const Slots::Slot* Slots::ByNumber(CK_SLOT_ID number) const {
-  const auto slot = std::find_if(slots_.begin(), slots_.end(), [number](const Slot& candidate) {
-    return candidate.number == number;
-  });
+Slots::Slot* Slots::ByNumber(CK_SLOT_ID number) {
+  const auto slot = std::ranges::find(slots_, number, &Slot::number);
   return slot == slots_.end() ? nullptr : &*slot;
 }
 
 /// Of those that the module lists.
 Slots::Slot* Slots::ById(CK_SLOT_ID id) {
-  const auto slot = std::find_if(slots_.begin(), slots_.end(), [id](const Slot& candidate) {
-    return candidate.isListed && candidate.id == id;
-  });
+  const auto slot = std::ranges::find_if(
+      slots_, [id](const Slot& known) { return known.isListed && known.id == id; });
   return slot == slots_.end() ? nullptr : &*slot;
 }
 

@@ -30,15 +30,12 @@
 
 #include "bridge/reader_filter.h"
 #include "bridge/readers.h"
-#include "pkcs11/cryptoki.h"
+#include "pkcs11/session.h"
 
 namespace qixx::bridge {
 
 /// Slots, by their numbers or by the module's ids.
-struct SlotList {
-  CK_RV result;
-  std::vector<CK_SLOT_ID> slots;  ///< for CKR_OK
-};
+using pkcs11::SlotList;
 
 class Slots {
  public:
@@ -61,7 +58,7 @@ class Slots {
   [[nodiscard]] std::optional<CK_SLOT_ID> FromModule(CK_SLOT_ID id);
 
   /// Whether events of the slot are told; nothing for an unknown one.
-  [[nodiscard]] std::optional<bool> Counts(CK_SLOT_ID number) const;
+  [[nodiscard]] std::optional<bool> Counts(CK_SLOT_ID number);
 
   /// Polls, and takes the next event; none when there is none. A card that was changed for another
   /// one between two polls gives two, pulled and inserted. After the first Info shows the slot
@@ -70,7 +67,7 @@ class Slots {
   /// Without `readersMayHaveNews` PC/SC is asked only now and then.
   [[nodiscard]] std::optional<CK_SLOT_ID> TakeEvent(bool readersMayHaveNews);
   /// Whether the poll of the last TakeEvent found another event behind the one taken.
-  [[nodiscard]] bool HasEvent() const;
+  [[nodiscard]] bool HasEvent() { return NextEvent() != nullptr; }
 
  private:
   struct Slot {
@@ -82,18 +79,11 @@ class Slots {
     bool isSecondary = false;     ///< another slot of a reader that has one already
     bool counts = false;          ///< its events may be told
     bool byPcsc = false;          ///< watched by PC/SC
-    Readers::State state;         ///< at the last poll
+    Readers::State state{};       ///< at the last poll
     std::int64_t emptyUntil = 0;  ///< shown empty so long, or until the next event is taken
 
     [[nodiscard]] std::string_view Description() const { return DescriptionText(info); }
   };
-  /// A slot as the module lists it.
-  struct SlotSnapshot {
-    CK_SLOT_ID id = 0;
-    CK_SLOT_INFO info{};
-    bool isPlaced = false;
-  };
-
   void Poll(bool readersMayHaveNews);
   void PollReaders();
   void AdoptReaders();
@@ -109,15 +99,15 @@ class Slots {
   [[nodiscard]] bool HasTwin(const Slot& slot) const;
   [[nodiscard]] SlotList ListModule(bool withToken, bool refresh) const;
 
-  void Place(std::vector<SlotSnapshot>& snapshots);
-  void Add(const SlotSnapshot& snapshot);
+  void Place(std::vector<Slot>& snapshots);
+  void Add(Slot slot);
   CK_SLOT_ID NewNumber(const Slot* first);
-  [[nodiscard]] const Slot* ByNumber(CK_SLOT_ID number) const;
+  [[nodiscard]] Slot* ByNumber(CK_SLOT_ID number);
   [[nodiscard]] Slot* ById(CK_SLOT_ID id);
 
   [[nodiscard]] Readers::State StateOf(const Slot& slot) const;
-  [[nodiscard]] const Slot* NextCard() const;
-  [[nodiscard]] const Slot* NextEvent() const;
+  [[nodiscard]] Slot* NextCard();
+  [[nodiscard]] Slot* NextEvent();
   CK_SLOT_ID Tell(Slot& slot);
 
   const CK_FUNCTION_LIST* module_ = nullptr;

@@ -16,63 +16,45 @@ namespace qixx::pkcs11 {
 /// An attribute of the suite's certificate objects, eight bytes. Nothing here interprets it.
 inline constexpr CK_ATTRIBUTE_TYPE kSuiteAttribute = 0xFFFF0008;
 
+/// Card readers have slots up to here; the suite's own lie above.
+inline constexpr CK_SLOT_ID kLastReaderSlot = 99;
 /// Slots are numbered in groups of so many up to this one, from then on each stands alone. The
 /// first of a group stands for all of it.
 inline constexpr CK_SLOT_ID kSlotGroupSize = 3;
 inline constexpr CK_SLOT_ID kLastGroupedSlot = 96;
 
-/// An argument that is only passed on: a number or a pointer, one machine word.
-using ExtensionWord = std::uintptr_t;
-
 }  // namespace qixx::pkcs11
 
 // The extension functions, as X(name, parameters, arguments) like QIXX_CK_FUNCTIONS: callers,
 // pointer types and exports are all made from this one list. Its parts follow the slots; slot 7
-// belongs to the library alone.
+// belongs to the library alone. A CK_ULONG is a number or a pointer that is only passed on.
 
-#define QIXX_CK_SLOTS_1_TO_6(X)                                                \
-  X(Reinitialize, (CK_VOID_PTR initArgs), (initArgs))                          \
-  X(ResetToken,                                                                \
-    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,    \
-     qixx::pkcs11::ExtensionWord third),                                       \
-    (first, second, third))                                                    \
-  X(UnlockPIN,                                                                 \
-    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,    \
-     qixx::pkcs11::ExtensionWord third, qixx::pkcs11::ExtensionWord fourth,    \
-     qixx::pkcs11::ExtensionWord fifth),                                       \
-    (first, second, third, fourth, fifth))                                     \
-  X(SetPINEx,                                                                  \
-    (CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR oldPin, CK_ULONG oldPinLength, \
-     CK_UTF8CHAR_PTR newPin, CK_ULONG newPinLength, std::uint64_t extra),      \
-    (session, oldPin, oldPinLength, newPin, newPinLength, extra))              \
-  X(SetTraceFile, (qixx::pkcs11::ExtensionWord first), (first))                \
-  X(SetTraceCallback, (qixx::pkcs11::ExtensionWord first), (first))
+#define QIXX_CK_SLOTS_1_TO_6(X)                                                                    \
+  X(Reinitialize, (CK_VOID_PTR initArgs), (initArgs))                                              \
+  X(ResetToken, (CK_ULONG first, CK_ULONG second, CK_ULONG third), (first, second, third))         \
+  X(UnlockPIN, (CK_ULONG first, CK_ULONG second, CK_ULONG third, CK_ULONG fourth, CK_ULONG fifth), \
+    (first, second, third, fourth, fifth))                                                         \
+  X(SetPINEx,                                                                                      \
+    (CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR oldPin, CK_ULONG oldPinLength,                     \
+     CK_UTF8CHAR_PTR newPin, CK_ULONG newPinLength, std::uint64_t extra),                          \
+    (session, oldPin, oldPinLength, newPin, newPinLength, extra))                                  \
+  X(SetTraceFile, (CK_ULONG first), (first))                                                       \
+  X(SetTraceCallback, (CK_ULONG first), (first))
 
-#define QIXX_CK_SLOTS_8_TO_9(X)                                                               \
-  X(GenerateChallenge,                                                                        \
-    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,                   \
-     qixx::pkcs11::ExtensionWord third),                                                      \
-    (first, second, third))                                                                   \
-  X(SetTokenTimeout, (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second), \
-    (first, second))
+#define QIXX_CK_SLOTS_8_TO_9(X)                                                                   \
+  X(GenerateChallenge, (CK_ULONG first, CK_ULONG second, CK_ULONG third), (first, second, third)) \
+  X(SetTokenTimeout, (CK_ULONG first, CK_ULONG second), (first, second))
 
 /// The token variables.
-#define QIXX_CK_SLOTS_10_TO_11(X)                                                         \
-  X(SetVariable, (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second), \
-    (first, second))                                                                      \
-  X(GetVariable,                                                                          \
-    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,               \
-     qixx::pkcs11::ExtensionWord third),                                                  \
-    (first, second, third))
+#define QIXX_CK_SLOTS_10_TO_11(X)                                    \
+  X(SetVariable, (CK_ULONG first, CK_ULONG second), (first, second)) \
+  X(GetVariable, (CK_ULONG first, CK_ULONG second, CK_ULONG third), (first, second, third))
 
 /// Exported, but without a slot: found by name only.
-#define QIXX_CK_WITHOUT_SLOT(X)                                                              \
-  X(ListCards, (CK_BYTE flag, CK_VOID_PTR first, CK_VOID_PTR second), (flag, first, second)) \
-  X(AddExternalSlot,                                                                         \
-    (qixx::pkcs11::ExtensionWord first, qixx::pkcs11::ExtensionWord second,                  \
-     qixx::pkcs11::ExtensionWord third),                                                     \
-    (first, second, third))                                                                  \
-  X(RemoveExternalSlot, (qixx::pkcs11::ExtensionWord first), (first))
+#define QIXX_CK_WITHOUT_SLOT(X)                                                                 \
+  X(ListCards, (CK_BYTE flag, CK_VOID_PTR first, CK_VOID_PTR second), (flag, first, second))    \
+  X(AddExternalSlot, (CK_ULONG first, CK_ULONG second, CK_ULONG third), (first, second, third)) \
+  X(RemoveExternalSlot, (CK_ULONG first), (first))
 
 #define QIXX_CK_EXTENSIONS(X) \
   QIXX_CK_SLOTS_1_TO_6(X)     \

@@ -23,8 +23,9 @@ template <typename Operation>
   return false;
 }
 
-/// A function of the library, ready to be called. The call gives what the function answers, or
-/// CKR_GENERAL_ERROR and a trace line when it does not come back but throws or ends its thread.
+/// A function of the library, ready to be called. The call gives what the function answers,
+/// CKR_FUNCTION_NOT_SUPPORTED for a null one, or CKR_GENERAL_ERROR and a trace line when it does
+/// not come back but throws or ends its thread.
 template <typename Function>
 class FunctionOf {
  public:
@@ -32,6 +33,7 @@ class FunctionOf {
 
   template <typename... Arguments>
   CK_RV operator()(Arguments... arguments) const {
+    if (function_ == nullptr) return CKR_FUNCTION_NOT_SUPPORTED;
     CK_RV result = CKR_GENERAL_ERROR;
     const bool returned = CallFunction(name_, [&] { result = function_(arguments...); });
     NoteCall();

@@ -2,14 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <iterator>
 #include <utility>
 
 #include "der/matching.h"
-#include "pkcs11/certificate_objects.h"
 #include "pkcs11/extended.h"
 #include "pkcs11/token_variables.h"
-#include "pkcs11/variable_object.h"
 #include "pkcs11/wrapper.h"
 #include "runtime/trace.h"
 
@@ -23,14 +20,30 @@ bool ReadSlot(CK_SLOT_ID slot, const CertificateFilter& filter,
               std::span<CertificateEntry> entries) {
   const std::optional<Session> session = Session::Open(slot);
   if (!session) return false;
-  // The suite's own attribute is there on the slots of card readers only.
-  CertificateReading reading(*session, slot <= kLastReaderSlot);
-  CertificateObject object;
   bool changed = false;
-  while (reading.Next(object)) {
-    if (AddEntry(entries, object, slot, session->Handle(), filter)) changed = true;
-  }
+  ForEachCertificate(*session, [&](CK_OBJECT_HANDLE object) {
+    std::optional<CertificateEntry> read = ReadCertificate(*session, slot, object);
+    if (read && AddEntry(entries, std::move(*read), filter)) changed = true;
+  });
   return changed;
+}
+
+/// The stored text of the token's variables; nothing when the library does not give it, or claims
+/// more than 1 MiB.
+std::optional<std::vector<CK_BYTE>> ReadVariables(CK_SLOT_ID slot, bool isPrivate) {
+  if (slot == 0) return std::nullopt;
+  VariableTemplate wanted(isPrivate);
+  const std::optional<SessionObject> found = FindObjectOnSlot(slot, wanted.ToFind());
+  CK_ATTRIBUTE attribute = {CKA_VALUE, nullptr, 0};
+  const auto read = [&found, &attribute] {
+    return Pkcs11().GetAttributeValue(found->session.Handle(), found->object, &attribute, 1);
+  };
+  if (!found || read() != CKR_OK || attribute.ulValueLen > kMaxStoredBytes) return std::nullopt;
+  std::vector<CK_BYTE> stored(attribute.ulValueLen);
+  attribute.pValue = stored.data();
+  if (read() != CKR_OK || attribute.ulValueLen > stored.size()) return std::nullopt;
+  stored.resize(attribute.ulValueLen);
+  return stored;
 }
 
 }  // namespace
@@ -40,8 +53,7 @@ bool ReadSlot(CK_SLOT_ID slot, const CertificateFilter& filter,
 bool CHelperPkcs11::IsVirtualSlot(std::span<const CK_UTF8CHAR> description, CK_FLAGS flags) {
   if (static_cast<std::int32_t>(flags) < 0) return true;
   if ((flags & CKF_HW_SLOT) != 0) return false;
-  return description.size() >= kVirtualDescription.size() &&
-         std::equal(kVirtualDescription.begin(), kVirtualDescription.end(), description.begin());
+  return runtime::AsText(description).starts_with(kVirtualDescription);
 }
 
 CK_SLOT_ID CHelperPkcs11::FindWatchSlot(bool readersOnly) {
@@ -63,24 +75,20 @@ CK_SLOT_ID CHelperPkcs11::NormalizeSlotId(CK_SLOT_ID slot) {
 
 // --- one certificate ---------------------------------------------------------------------------
 
-std::optional<FoundCertificate> CHelperPkcs11::FindCertificateOnSlot(der::Bytes value,
-                                                                     CK_SLOT_ID slot) {
-  std::optional<Session> session = Session::Open(slot);
-  if (!session) return std::nullopt;
+std::optional<SessionObject> CHelperPkcs11::FindCertificateOnSlot(der::Bytes value,
+                                                                  CK_SLOT_ID slot) {
   CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
   CK_BBOOL onToken = CK_TRUE;
   std::array<CK_ATTRIBUTE, 3> wanted = {{AttributeOf(CKA_CLASS, objectClass),
                                          AttributeOf(CKA_VALUE, value.data(), value.size()),
                                          AttributeOf(CKA_TOKEN, onToken)}};
-  const FoundObject found = FindFirstObject(*session, wanted);
-  if (found.result != SearchResult::kObject) return std::nullopt;
-  return FoundCertificate{slot, std::move(*session), found.object};
+  return FindObjectOnSlot(slot, wanted);
 }
 
-std::optional<FoundCertificate> CHelperPkcs11::FindCertificateOnAnySlot(
+std::optional<SessionObject> CHelperPkcs11::FindCertificateOnAnySlot(
     der::Bytes value, std::optional<CK_SLOT_ID> preferredSlot) {
   std::vector<CK_SLOT_ID> slots = ListTokenSlots();
-  const auto preferred = std::find(slots.begin(), slots.end(), preferredSlot);
+  const auto preferred = std::ranges::find(slots, preferredSlot);
   if (preferred != slots.end()) std::iter_swap(slots.begin(), preferred);
   for (const CK_SLOT_ID slot : slots) {
     if (auto found = FindCertificateOnSlot(value, slot)) return found;
@@ -99,8 +107,7 @@ bool CHelperPkcs11::IsCertificatePresent(CK_SLOT_ID slot, der::Bytes value) {
 std::optional<std::string> CHelperPkcs11::GetTokenVariable(CK_SLOT_ID slot, bool isPrivate,
                                                            std::string_view name,
                                                            std::size_t maxLength) {
-  std::optional<std::vector<CK_BYTE>> stored;
-  if (const auto object = FindVariableObject(slot, isPrivate)) stored = ReadVariables(*object);
+  const std::optional<std::vector<CK_BYTE>> stored = ReadVariables(slot, isPrivate);
   if (!stored) return std::nullopt;
   const auto value = FindTokenVariable(*stored, name);
   if (!value || value->size() > maxLength) return std::nullopt;

@@ -23,19 +23,10 @@
 
 namespace qixx::pkcs11 {
 
-/// Card readers have slots up to here; the suite's own lie above.
-inline constexpr CK_SLOT_ID kLastReaderSlot = 99;
 /// A collection holds no more certificates.
 inline constexpr std::size_t kMaxCertificates = 128;
 /// The longest value of a token variable unless the caller takes more, in bytes.
 inline constexpr std::size_t kMaxVariable = runtime::kMaxText;
-
-/// A certificate object, and the session in which it can be used.
-struct FoundCertificate {
-  CK_SLOT_ID slot;
-  Session session;
-  CK_OBJECT_HANDLE object;
-};
 
 /// Operations on tokens, always over the process-wide wrapper.
 class CHelperPkcs11 {
@@ -59,12 +50,12 @@ class CHelperPkcs11 {
   // --- one certificate -------------------------------------------------------------------------
 
   /// Looks for the certificate object with this value.
-  [[nodiscard]] static std::optional<FoundCertificate> FindCertificateOnSlot(der::Bytes value,
-                                                                             CK_SLOT_ID slot);
+  [[nodiscard]] static std::optional<SessionObject> FindCertificateOnSlot(der::Bytes value,
+                                                                          CK_SLOT_ID slot);
 
   /// The same on every slot with a token until one has it. A preferred slot is exchanged with the
   /// first of the list.
-  [[nodiscard]] static std::optional<FoundCertificate> FindCertificateOnAnySlot(
+  [[nodiscard]] static std::optional<SessionObject> FindCertificateOnAnySlot(
       der::Bytes value, std::optional<CK_SLOT_ID> preferredSlot = std::nullopt);
 
   /// Whether the certificate is on the token in `slot`, or on any token for slot 0. Initialises the

@@ -67,4 +67,12 @@ FoundObject FindFirstObject(const Session& session, std::span<CK_ATTRIBUTE> attr
   return search.Next();
 }
 
+std::optional<SessionObject> FindObjectOnSlot(CK_SLOT_ID slot, std::span<CK_ATTRIBUTE> attributes) {
+  std::optional<Session> session = Session::Open(slot);
+  if (!session) return std::nullopt;
+  const FoundObject found = FindFirstObject(*session, attributes);
+  if (found.result != SearchResult::kObject) return std::nullopt;
+  return SessionObject{slot, std::move(*session), found.object};
+}
+
 }  // namespace qixx::pkcs11

@@ -74,6 +74,16 @@ class ObjectSearch {
 [[nodiscard]] FoundObject FindFirstObject(const Session& session,
                                           std::span<CK_ATTRIBUTE> attributes);
 
+/// An object with the session in which it can be used.
+struct SessionObject {
+  CK_SLOT_ID slot;
+  Session session;
+  CK_OBJECT_HANDLE object;
+};
+/// Opens a session on the slot and finds the first object with these attributes.
+[[nodiscard]] std::optional<SessionObject> FindObjectOnSlot(CK_SLOT_ID slot,
+                                                            std::span<CK_ATTRIBUTE> attributes);
+
 /// An attribute whose value is all of `value`, to be read or written.
 template <typename Value>
 CK_ATTRIBUTE AttributeOf(CK_ATTRIBUTE_TYPE type, Value& value) {

@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "pkcs11/token_variables.h"
-#include "pkcs11/variable_template.h"
 #include "pkcs11/wrapper.h"
 
 namespace qixx::pkcs11 {
@@ -24,7 +23,7 @@ std::optional<SessionObject> FindOrCreateVariableObject(CK_SLOT_ID slot, bool is
       return std::nullopt;
     }
   }
-  return SessionObject{std::move(*session), found.object};
+  return SessionObject{slot, std::move(*session), found.object};
 }
 
 }  // namespace qixx::pkcs11

@@ -4,11 +4,12 @@
 
 #include <optional>
 
-#include "pkcs11/variable_object.h"
+#include "pkcs11/session.h"
 
 namespace qixx::pkcs11 {
 
-/// FindVariableObject, making an object without variables where the token has none.
+/// The object with a token's variables (pkcs11/token_variables.h), there is one of each privacy;
+/// makes one without variables where the token has none. Slot 0 has none.
 [[nodiscard]] std::optional<SessionObject> FindOrCreateVariableObject(CK_SLOT_ID slot,
                                                                       bool isPrivate);
 

@@ -59,35 +59,27 @@ bool CWrapperPkcs11::HasNewEvent(std::uint64_t& lastSeen) {
 
 // --- extension functions with a slot -----------------------------------------------------------
 
-/// CKR_OK when the function in the slot can be called.
-template <typename Function>
-CK_RV CForwarderPkcs11::PrepareExtension(Function ExtensionSlots::*slot) {
-  if (functions_ == nullptr) EnsureLoaded();
-  if (functions_ == nullptr) return CKR_GENERAL_ERROR;
-  const bool isThere = extension_ != nullptr && extension_->*slot != nullptr;
-  return isThere ? CKR_OK : CKR_FUNCTION_NOT_SUPPORTED;
-}
-
-#define QIXX_CALL_EXTENSION(name, parameters, arguments)              \
-  CK_RV CForwarderPkcs11::name parameters {                           \
-    const CK_RV result = PrepareExtension(&ExtensionSlots::C_##name); \
-    if (result != CKR_OK) return result;                              \
-    const FunctionOf call("C_" #name, extension_->C_##name);          \
-    return call arguments;                                            \
+/// Null also where there are no slots.
+#define QIXX_IN_SLOT(function) (extension_ == nullptr ? nullptr : extension_->function)
+#define QIXX_CALL_EXTENSION(name, parameters, arguments)       \
+  CK_RV CForwarderPkcs11::name parameters {                    \
+    if (!HasFunctions()) return CKR_GENERAL_ERROR;             \
+    const FunctionOf call("C_" #name, QIXX_IN_SLOT(C_##name)); \
+    return call arguments;                                     \
   }
-#define QIXX_CALL_AFTER_LOAD(name, parameters, arguments)             \
-  CK_RV CForwarderPkcs11::name parameters {                           \
-    if (!extended_) return CKR_FUNCTION_NOT_SUPPORTED;                \
-    const CK_RV result = PrepareExtension(&ExtensionSlots::C_##name); \
-    if (result != CKR_OK) return result;                              \
-    const FunctionOf call("C_" #name, extension_->C_##name);          \
-    return call arguments;                                            \
+#define QIXX_CALL_AFTER_LOAD(name, parameters, arguments)      \
+  CK_RV CForwarderPkcs11::name parameters {                    \
+    if (!extended_) return CKR_FUNCTION_NOT_SUPPORTED;         \
+    if (!HasFunctions()) return CKR_GENERAL_ERROR;             \
+    const FunctionOf call("C_" #name, QIXX_IN_SLOT(C_##name)); \
+    return call arguments;                                     \
   }
 QIXX_CK_SLOTS_1_TO_6(QIXX_CALL_AFTER_LOAD)
 QIXX_CK_SLOTS_8_TO_9(QIXX_CALL_AFTER_LOAD)
 QIXX_CK_SLOTS_10_TO_11(QIXX_CALL_EXTENSION)
 #undef QIXX_CALL_AFTER_LOAD
 #undef QIXX_CALL_EXTENSION
+#undef QIXX_IN_SLOT
 
 // --- extension functions without a slot --------------------------------------------------------
 
@@ -107,13 +99,12 @@ CK_RV CWrapperPkcs11::ListCards(CK_ULONG flag, CK_VOID_PTR first, CK_VOID_PTR se
   return FunctionOf("C_ListCards", listCards)(static_cast<CK_BYTE>(flag), first, second);
 }
 
-CK_RV CWrapperPkcs11::AddExternalSlot(ExtensionWord first, ExtensionWord second,
-                                      ExtensionWord third) {
+CK_RV CWrapperPkcs11::AddExternalSlot(CK_ULONG first, CK_ULONG second, CK_ULONG third) {
   if (!FindOnce(addExternalSlot, "C_AddExternalSlot")) return CKR_GENERAL_ERROR;
   return FunctionOf("C_AddExternalSlot", addExternalSlot)(first, second, third);
 }
 
-CK_RV CWrapperPkcs11::RemoveExternalSlot(ExtensionWord first) {
+CK_RV CWrapperPkcs11::RemoveExternalSlot(CK_ULONG first) {
   if (!extended_) return CKR_FUNCTION_NOT_SUPPORTED;
   if (!FindOnce(removeExternalSlot, "C_RemoveExternalSlot")) return CKR_GENERAL_ERROR;
   return FunctionOf("C_RemoveExternalSlot", removeExternalSlot)(first);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "runtime/product.h"
 #include "runtime/text.h"
 
 namespace qixx::pkcs11 {
@@ -10,6 +11,7 @@ namespace {
 /// A store of this length, or a rest of one more, holds no variable.
 constexpr std::size_t kEmptyStore = 2;
 constexpr std::size_t kEmptyRest = kEmptyStore + 1;
+constexpr std::size_t kMaxApplicationName = 31;
 
 /// Takes a text and its terminator off the front; without terminator it is all that is left.
 std::string_view TakePaddedText(std::string_view& rest) {
@@ -19,41 +21,16 @@ std::string_view TakePaddedText(std::string_view& rest) {
   return runtime::DropTrailingBlanks(text);
 }
 
-/// The variables of a stored text, one after the other. An empty name ends them.
-class StoredVariables {
- public:
-  struct Variable {
-    std::string_view name;
-    std::string_view value;
-  };
-
-  explicit StoredVariables(std::span<const std::uint8_t> stored) {
-    if (stored.size() <= kEmptyStore || stored[0] != 0) return;
-    rest_ = {reinterpret_cast<const char*>(stored.data()) + 1, stored.size() - 1};
-  }
-
-  std::optional<Variable> Next() {
-    if (rest_.size() <= kEmptyRest || rest_[0] == '\0') return std::nullopt;
-    const std::string_view name = TakePaddedText(rest_);
-    if (name.empty()) {  // blanks only
-      rest_ = {};
-      return std::nullopt;
-    }
-    const std::string_view value = TakePaddedText(rest_);
-    return Variable{name, value};
-  }
-
- private:
-  std::string_view rest_;
-};
-
 }  // namespace
 
 std::vector<TokenVariable> ParseTokenVariables(std::span<const std::uint8_t> stored) {
   std::vector<TokenVariable> variables;
-  StoredVariables parsed(stored);
-  while (const auto variable = parsed.Next()) {
-    variables.push_back({std::string(variable->name), std::string(variable->value)});
+  if (stored.size() <= kEmptyStore || stored[0] != 0) return variables;
+  std::string_view rest = runtime::AsText(stored.subspan(1));
+  while (rest.size() > kEmptyRest && rest[0] != '\0') {
+    const std::string_view name = TakePaddedText(rest);
+    if (name.empty()) break;  // blanks only
+    variables.push_back({name, TakePaddedText(rest)});
   }
   return variables;
 }
@@ -61,8 +38,8 @@ std::vector<TokenVariable> ParseTokenVariables(std::span<const std::uint8_t> sto
 std::vector<std::uint8_t> BuildTokenVariables(std::span<const TokenVariable> variables) {
   std::vector<std::uint8_t> stored(1, 0);
   for (const auto& [name, value] : variables) {
-    for (const std::string* text : {&name, &value}) {
-      stored.insert(stored.end(), text->begin(), text->end());
+    for (const std::string_view text : {name, value}) {
+      stored.insert(stored.end(), text.begin(), text.end());
       stored.insert(stored.end(), {' ', '\0'});
     }
   }
@@ -75,11 +52,24 @@ bool IsStorable(std::string_view text) {
 
 std::optional<std::string_view> FindTokenVariable(std::span<const std::uint8_t> stored,
                                                   std::string_view name) {
-  StoredVariables parsed(stored);
-  while (const auto variable = parsed.Next()) {
-    if (variable->name == name) return variable->value;
-  }
-  return std::nullopt;
+  const std::vector<TokenVariable> variables = ParseTokenVariables(stored);
+  const auto found = std::ranges::find(variables, name, &TokenVariable::name);
+  return found == variables.end() ? std::nullopt : std::optional(found->value);
+}
+
+VariableTemplate::VariableTemplate(bool isPrivate)
+    : isPrivate_(isPrivate ? CK_TRUE : CK_FALSE),
+      application_(runtime::Product().name.substr(0, kMaxApplicationName)),
+      attributes_{{{CKA_CLASS, &class_, sizeof class_},
+                   {CKA_TOKEN, &onToken_, sizeof onToken_},
+                   {CKA_PRIVATE, &isPrivate_, sizeof isPrivate_},
+                   {CKA_APPLICATION, application_.data(), application_.size()},
+                   {CKA_LABEL, application_.data(), 0},
+                   {CKA_VALUE, nullptr, 0}}} {}
+
+std::span<CK_ATTRIBUTE> VariableTemplate::ToCreate(std::span<const CK_BYTE> value) {
+  attributes_[5] = {CKA_VALUE, const_cast<CK_BYTE*>(value.data()), value.size()};
+  return attributes_;
 }
 
 }  // namespace qixx::pkcs11

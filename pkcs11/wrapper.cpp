@@ -38,6 +38,17 @@ constexpr ExtensionLookup kExtensionLookups[] = {
     {"C_GetVariable", offsetof(ExtensionSlots, C_GetVariable)},
 };
 
+constexpr const char* kEventDescriptor = "QixEventDescriptor";
+
+/// What a function that no library needs to have answers; `otherwise` when there is none, or it
+/// does not come back.
+template <typename Answer, typename Function, typename... Arguments>
+Answer AnswerOr(Answer otherwise, const char* name, Function function, Arguments... arguments) {
+  Answer answer = otherwise;
+  if (function != nullptr) (void)CallFunction(name, [&] { answer = function(arguments...); });
+  return answer;
+}
+
 constinit std::atomic<CallListener> callListener{nullptr};
 
 /// Constant-initialised, so that no other static object can come before it.
@@ -65,13 +76,16 @@ CWrapperPkcs11::~CWrapperPkcs11() {
 
 // --- the standard's functions ------------------------------------------------------------------
 
-#define QIXX_FORWARD(name, parameters, arguments)                           \
-  CK_RV CForwarderPkcs11::name parameters {                                 \
-    if (functions_ == nullptr) EnsureLoaded();                              \
-    if (functions_ == nullptr) return CKR_GENERAL_ERROR;                    \
-    if (functions_->C_##name == nullptr) return CKR_FUNCTION_NOT_SUPPORTED; \
-    const FunctionOf call("C_" #name, functions_->C_##name);                \
-    return call arguments;                                                  \
+bool CForwarderPkcs11::HasFunctions() {
+  if (functions_ == nullptr) EnsureLoaded();
+  return functions_ != nullptr;
+}
+
+#define QIXX_FORWARD(name, parameters, arguments)            \
+  CK_RV CForwarderPkcs11::name parameters {                  \
+    if (!HasFunctions()) return CKR_GENERAL_ERROR;           \
+    const FunctionOf call("C_" #name, functions_->C_##name); \
+    return call arguments;                                   \
   }
 QIXX_CK_FUNCTIONS(QIXX_FORWARD)
 #undef QIXX_FORWARD
@@ -104,8 +118,7 @@ CK_RV CWrapperPkcs11::WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_V
 
 CK_RV CWrapperPkcs11::WaitForLibrarySlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot,
                                               CK_VOID_PTR reserved) {
-  if (functions_ == nullptr) EnsureLoaded();
-  if (functions_ == nullptr || functions_->C_WaitForSlotEvent == nullptr) return CKR_GENERAL_ERROR;
+  if (!HasFunctions() || functions_->C_WaitForSlotEvent == nullptr) return CKR_GENERAL_ERROR;
   return FunctionOf("C_WaitForSlotEvent", functions_->C_WaitForSlotEvent)(flags, slot, reserved);
 }
 
@@ -156,18 +169,17 @@ bool CWrapperPkcs11::ObtainFunctionList(const runtime::SharedLibrary& library) {
 }
 
 void CWrapperPkcs11::ResolveExtensions() {
-  describeEvents_ = library_.FindOwnSymbol<EventDescriptorFunction>("QixEventDescriptor");
+  describeEvents_ = library_.FindOwnSymbol<EventDescriptorFunction>(kEventDescriptor);
   void* found[std::size(kExtensionLookups)];
-  bool any = false;
-  for (std::size_t i = 0; i < std::size(kExtensionLookups); ++i) {
-    found[i] = library_.FindOwnSymbol<void*>(kExtensionLookups[i].name);
-    any = any || found[i] != nullptr;
-    if (found[i] != nullptr) continue;
-    runtime::TraceWrite("WrapperPkcs11 - Function %s missing", kExtensionLookups[i].name);
+  for (std::size_t i = 0; i < std::size(found); ++i) {
+    const char* const name = kExtensionLookups[i].name;
+    found[i] = library_.FindOwnSymbol<void*>(name);
+    if (found[i] == nullptr) runtime::TraceWrite("WrapperPkcs11 - Function %s missing", name);
   }
-  if (!any) return;  // a plain standard module: what lies behind its list is not ours
+  // A plain standard module: what lies behind its list is not ours.
+  if (std::ranges::count(found, nullptr) == std::ssize(found)) return;
   extension_ = &reinterpret_cast<ExtendedFunctionList*>(functions_)->extension;
-  for (std::size_t i = 0; i < std::size(kExtensionLookups); ++i) {
+  for (std::size_t i = 0; i < std::size(found); ++i) {
     std::memcpy(reinterpret_cast<std::byte*>(extension_) + kExtensionLookups[i].offset, &found[i],
                 sizeof(found[i]));
   }
@@ -201,28 +213,20 @@ bool CWrapperPkcs11::SetLibraryPath(std::string_view path) {
 }
 
 int CWrapperPkcs11::EventDescriptor() const {
-  int descriptor = -1;
-  if (describeEvents_ == nullptr ||
-      !CallFunction("QixEventDescriptor", [&] { descriptor = describeEvents_(); })) {
-    return -1;
-  }
-  return std::max(descriptor, -1);
+  return std::max(AnswerOr(-1, kEventDescriptor, describeEvents_), -1);
 }
 
 std::optional<bool> CWrapperPkcs11::SlotCounts(CK_SLOT_ID slot) const {
   constexpr const char* kName = "QixSlotCounts";
   const auto ask = library_.FindOwnSymbol<SlotCountsFunction>(kName);
-  int answer = -1;
-  if (ask == nullptr || !CallFunction(kName, [&] { answer = ask(slot); })) return std::nullopt;
+  const int answer = AnswerOr(-1, kName, ask, slot);
   return answer < 0 ? std::nullopt : std::optional(answer != 0);
 }
 
 std::string CWrapperPkcs11::ModuleFault() const {
   constexpr const char* kName = "QixModuleFault";
   const auto ask = library_.FindOwnSymbol<ModuleFaultFunction>(kName);
-  const char* fault = nullptr;
-  if (ask == nullptr || !CallFunction(kName, [&] { fault = ask(); })) return {};
-  return std::string(runtime::ViewOf(fault));
+  return std::string(runtime::ViewOf(AnswerOr<const char*>(nullptr, kName, ask)));
 }
 
 // --- initialisation ----------------------------------------------------------------------------
@@ -237,11 +241,10 @@ void CWrapperPkcs11::NotifyNotStarted(const std::string& reason) const {
 }
 
 void CWrapperPkcs11::NotifyNotStarted(CK_RV result) const {
+  char reason[64];
+  std::snprintf(reason, sizeof reason, "C_Initialize gives 0x%.8lX", result);
   const std::string fault = ModuleFault();
-  char number[2 * sizeof result + 1];
-  std::snprintf(number, sizeof number, "%.8lX", result);
-  NotifyNotStarted(std::string("C_Initialize gives 0x") + number + (fault.empty() ? "" : ": ") +
-                   fault);
+  NotifyNotStarted(fault.empty() ? reason : reason + (": " + fault));
 }
 
 CK_RV CWrapperPkcs11::Initialize(CK_VOID_PTR initArgs) {
@@ -278,8 +281,7 @@ CK_RV CWrapperPkcs11::Finalize(CK_VOID_PTR reserved) {
     result = CKR_CRYPTOKI_NOT_INITIALIZED;
   } else if (--initializeCount_ == 0 && initializedByUs_) {
     if (!IsStatic()) {
-      if (functions_ == nullptr) EnsureLoaded();
-      if (functions_ == nullptr || functions_->C_Finalize == nullptr) return CKR_GENERAL_ERROR;
+      if (!HasFunctions() || functions_->C_Finalize == nullptr) return CKR_GENERAL_ERROR;
       result = FunctionOf("C_Finalize", functions_->C_Finalize)(reserved);
     }
     initializedByUs_ = false;

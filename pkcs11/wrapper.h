@@ -47,19 +47,18 @@ class CForwarderPkcs11 {
   ~CForwarderPkcs11() = default;
   /// Sets the function list when it can be had.
   virtual bool EnsureLoaded() = 0;
+  /// Whether there is a function list, after a load where none is held.
+  bool HasFunctions();
 
   CK_FUNCTION_LIST_PTR functions_ = nullptr;  ///< owned by the library
   /// The slots behind the list, null for a library that has none.
   ExtensionSlots* extension_ = nullptr;
   bool extended_ = false;  ///< a list was obtained once
-
- private:
-  template <typename Function>
-  CK_RV PrepareExtension(Function ExtensionSlots::*slot);
 };
 
-/// The forwarder with everything that does not simply go through.
-class CWrapperPkcs11 final : private CForwarderPkcs11 {
+/// The forwarder with everything that does not simply go through: an operation here stands in the
+/// place of the forwarder's.
+class CWrapperPkcs11 final : public CForwarderPkcs11 {
  public:
   constexpr CWrapperPkcs11() = default;
   /// spare: static mode, in which these functions of the program itself are the library. No file is
@@ -140,26 +139,13 @@ class CWrapperPkcs11 final : private CForwarderPkcs11 {
   // Looked up outside the list on first use, for all wrappers of the process; CKR_GENERAL_ERROR
   // when the library does not have them.
   CK_RV ListCards(CK_ULONG flag, CK_VOID_PTR first, CK_VOID_PTR second);
-  CK_RV AddExternalSlot(ExtensionWord first, ExtensionWord second, ExtensionWord third);
+  CK_RV AddExternalSlot(CK_ULONG first, CK_ULONG second, CK_ULONG third);
   /// CKR_FUNCTION_NOT_SUPPORTED while nothing was ever loaded.
-  CK_RV RemoveExternalSlot(ExtensionWord first);
-
-  // --- all other operations: the forwarder's, where nothing above has the same name -------------
-
-#define QIXX_OPERATION(name, parameters, arguments) using CForwarderPkcs11::name;
-  QIXX_CK_FUNCTIONS(QIXX_OPERATION)
-  QIXX_CK_SLOTS_1_TO_6(QIXX_OPERATION)
-  QIXX_CK_SLOTS_8_TO_9(QIXX_OPERATION)
-  QIXX_CK_SLOTS_10_TO_11(QIXX_OPERATION)
-#undef QIXX_OPERATION
+  CK_RV RemoveExternalSlot(CK_ULONG first);
 
  private:
-  [[nodiscard]] bool IsStatic() const {
-    return ofProgram_ != nullptr;
-  }
-  [[nodiscard]] bool IsLoaded() const {
-    return library_.IsOpen() || usesProgram_;
-  }
+  [[nodiscard]] bool IsStatic() const { return ofProgram_ != nullptr; }
+  [[nodiscard]] bool IsLoaded() const { return library_.IsOpen() || usesProgram_; }
   std::optional<std::string> LoadNow(const std::string& path);
   std::optional<std::string> LoadFile(const std::string& path);
   bool ObtainFunctionList(const runtime::SharedLibrary& library);

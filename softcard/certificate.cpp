@@ -48,23 +48,17 @@ Element TakeTagged(std::string_view& input, unsigned char tag) {
   return element && element->tag == tag ? *element : Element{};
 }
 
-int Base64Digit(char digit) {
-  if (digit >= 'A' && digit <= 'Z') return digit - 'A';
-  if (digit >= 'a' && digit <= 'z') return digit - 'a' + 26;
-  if (digit >= '0' && digit <= '9') return digit - '0' + 52;
-  if (digit == '+') return 62;
-  return digit == '/' ? 63 : -1;
-}
-
 std::optional<std::string> DecodeBase64(std::string_view text) {
+  constexpr std::string_view kDigits =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string bytes;
   std::uint32_t bits = 0;
   int held = 0;
   for (const char character : text) {
     if (character == ' ' || character == '\t' || character == '\r' || character == '\n') continue;
     if (character == '=') break;
-    const int digit = Base64Digit(character);
-    if (digit < 0) return {};
+    const std::size_t digit = kDigits.find(character);
+    if (digit == std::string_view::npos) return {};
     bits = bits << 6 | static_cast<std::uint32_t>(digit);
     held += 6;
     if (held >= 8) {

@@ -14,18 +14,20 @@ QIXX_CK_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
 
 namespace {
 
-struct RefusingEntries {
-#define SOFTCARD_REFUSE(name, parameters, arguments)    \
-  static CK_RV name parameters {                        \
-    LeaveUnused arguments;                              \
-    return qixx::softcard::RefuseExtension("C_" #name); \
+struct Refusal {
+  const char* function;
+
+  template <typename... Arguments>
+  CK_RV operator()(const Arguments&... /*unused*/) const {
+    return qixx::softcard::RefuseExtension(function);
   }
+};
+
+struct RefusingEntries {
+#define SOFTCARD_REFUSE(name, parameters, arguments) \
+  [[maybe_unused]] static constexpr Refusal name{"C_" #name};
   QIXX_CK_EXTENSIONS(SOFTCARD_REFUSE)
 #undef SOFTCARD_REFUSE
-
- private:
-  template <typename... Arguments>
-  static void LeaveUnused(const Arguments&... /*unused*/) {}
 };
 
 /// Those that the module serves.

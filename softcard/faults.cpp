@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <string>
@@ -19,13 +20,15 @@ namespace {
 /// Between two looks whether a function is to come back.
 constexpr std::chrono::milliseconds kHangPause(20);
 
-std::vector<Setting> ReadOrders(const Descriptor& folder) {
+std::vector<Setting> ReadOrders() {
+  const Descriptor folder(OpenFolder(SoftcardFolder()));
   if (!folder.IsOpen()) return {};
   return ReadSettings(ReadSmallFile(folder.Get(), "module").value_or(""));
 }
 
 /// One write, so that the lines of two processes do not mix. A log that cannot be written is lost.
-void LogCall(const Descriptor& folder, std::string_view function) {
+void LogCall(std::string_view function) {
+  const Descriptor folder(OpenFolder(SoftcardFolder()));
   const Descriptor log(::openat(folder.Get(), "calls",
                                 O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                                 0666));
@@ -43,10 +46,9 @@ std::optional<CK_RV> PrescribedFor(std::string_view function, std::string_view o
 }  // namespace
 
 std::optional<CK_RV> FaultOf(std::string_view function) {
-  const Descriptor folder(OpenFolder(SoftcardFolder()));
   std::optional<CK_RV> fault;
-  for (const Setting& order : ReadOrders(folder)) {
-    if (order.name == "log" && order.value == "1") LogCall(folder, function);
+  for (const Setting& order : ReadOrders()) {
+    if (order == Setting{"log", "1"}) LogCall(function);
     if (order.name == "fail" && !fault) fault = PrescribedFor(function, order.value);
   }
   return fault;
@@ -55,8 +57,7 @@ std::optional<CK_RV> FaultOf(std::string_view function) {
 void Misbehave(std::string_view function) {
   for (;;) {
     bool hangs = false;
-    const Descriptor folder(OpenFolder(SoftcardFolder()));
-    for (const Setting& order : ReadOrders(folder)) {
+    for (const Setting& order : ReadOrders()) {
       if (order.value != function) continue;
       if (order.name == "throw") throw std::runtime_error(std::string(function));
       if (order.name == "exit") ::pthread_exit(nullptr);
@@ -68,11 +69,8 @@ void Misbehave(std::string_view function) {
 }
 
 bool IsOmitted(std::string_view function) {
-  const Descriptor folder(OpenFolder(SoftcardFolder()));
-  for (const Setting& order : ReadOrders(folder)) {
-    if (order.name == "omit" && order.value == function) return true;
-  }
-  return false;
+  const std::vector<Setting> orders = ReadOrders();
+  return std::ranges::find(orders, Setting{"omit", std::string(function)}) != orders.end();
 }
 
 }  // namespace qixx::softcard

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <charconv>
 #include <memory>
+#include <sstream>
 
 namespace qixx::softcard {
 namespace {
@@ -91,14 +92,12 @@ std::vector<std::string> ListNames(int folder) {
 
 std::vector<Setting> ReadSettings(std::string_view text) {
   std::vector<Setting> settings;
-  while (!text.empty()) {
-    const std::size_t end = std::min(text.find('\n'), text.size());
-    std::string_view line = text.substr(0, end);
-    text.remove_prefix(std::min(end + 1, text.size()));
-    if (line.ends_with('\r')) line.remove_suffix(1);
+  std::istringstream lines{std::string(text)};
+  for (std::string line; std::getline(lines, line);) {
+    if (line.ends_with('\r')) line.pop_back();
     const std::size_t equals = line.find('=');
-    if (equals == 0 || equals == std::string_view::npos || line.front() == '#') continue;
-    settings.push_back({std::string(line.substr(0, equals)), std::string(line.substr(equals + 1))});
+    if (equals == 0 || equals == std::string::npos || line.front() == '#') continue;
+    settings.push_back({line.substr(0, equals), line.substr(equals + 1)});
   }
   return settings;
 }

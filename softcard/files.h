@@ -45,6 +45,8 @@ class Descriptor {
 struct Setting {
   std::string name;
   std::string value;
+
+  bool operator==(const Setting&) const = default;
 };
 /// The lines "name=value" in their order, nothing trimmed but a carriage return at the end. Lines
 /// that begin with "#" and lines without a name are passed over.

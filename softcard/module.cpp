@@ -18,20 +18,8 @@ constexpr CK_VERSION kOwnVersion = {0, 1};
 
 /// The standard's texts fill their field with blanks and have no terminator.
 void Pad(std::span<CK_UTF8CHAR> field, std::string_view text) {
-  std::fill(field.begin(), field.end(), CK_UTF8CHAR{' '});
+  std::ranges::fill(field, CK_UTF8CHAR{' '});
   std::copy_n(text.begin(), std::min(text.size(), field.size()), field.begin());
-}
-
-/// The convention of every call that hands out a list: its length for a null list, and with
-/// CKR_BUFFER_TOO_SMALL.
-CK_RV HandOut(const std::vector<CK_ULONG>& list, CK_ULONG_PTR buffer, CK_ULONG_PTR count) {
-  if (count == nullptr) return CKR_ARGUMENTS_BAD;
-  const CK_ULONG room = *count;
-  *count = list.size();
-  if (buffer == nullptr) return CKR_OK;
-  if (room < list.size()) return CKR_BUFFER_TOO_SMALL;
-  std::copy(list.begin(), list.end(), buffer);
-  return CKR_OK;
 }
 
 std::map<CK_SLOT_ID, CardIdentity> CardsNow() {
@@ -50,9 +38,7 @@ std::string SerialNumberOf(const CardIdentity& card) {
 }
 
 const CK_ATTRIBUTE* Find(const Template& attributes, CK_ATTRIBUTE_TYPE type) {
-  const auto found =
-      std::find_if(attributes.begin(), attributes.end(),
-                   [type](const CK_ATTRIBUTE& attribute) { return attribute.type == type; });
+  auto* const found = std::ranges::find(attributes, type, &CK_ATTRIBUTE::type);
   return found == attributes.end() ? nullptr : found;
 }
 
@@ -90,7 +76,7 @@ CK_RV Module::GetInfo(CK_INFO_PTR info) {
 CK_RV Module::GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR slots, CK_ULONG_PTR count) {
   std::vector<CK_SLOT_ID> list = ListSlots();
   if (tokenPresent != CK_FALSE) std::erase_if(list, [](CK_SLOT_ID slot) { return !CardIn(slot); });
-  return HandOut(list, slots, count);
+  return pkcs11::HandOut(list, slots, count);
 }
 
 CK_RV Module::GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) {
@@ -135,12 +121,7 @@ CK_RV Module::GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR mechanisms
                                CK_ULONG_PTR count) {
   if (!IsSlot(slot)) return CKR_SLOT_ID_INVALID;
   if (!CardIn(slot)) return CKR_TOKEN_NOT_PRESENT;
-  return HandOut({}, mechanisms, count);
-}
-
-CK_RV Module::GetMechanismInfo(CK_SLOT_ID /*slot*/, CK_MECHANISM_TYPE /*type*/,
-                               CK_MECHANISM_INFO_PTR /*info*/) {
-  return CKR_MECHANISM_INVALID;
+  return pkcs11::HandOut({}, mechanisms, count);
 }
 
 CK_RV Module::TakeSlotEvent(CK_SLOT_ID& slot) {
@@ -195,7 +176,7 @@ CK_RV Module::GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info
 
 /// A session ends with its card. The first call that notices is told so; for the later ones, and
 /// for the other sessions on that card, the handle is simply gone.
-Module::Access Module::Enter(CK_SESSION_HANDLE session) {
+Module::Access Module::Enter(CK_SESSION_HANDLE session, CK_FLAGS flags) {
   const auto found = sessions_.find(session);
   if (found == sessions_.end()) return {CKR_SESSION_HANDLE_INVALID};
   const CK_SLOT_ID slot = found->second.slot;
@@ -205,24 +186,19 @@ Module::Access Module::Enter(CK_SESSION_HANDLE session) {
     std::erase_if(sessions_, [&card](const auto& entry) { return entry.second.card == card; });
     return {CKR_DEVICE_REMOVED};
   }
+  if ((found->second.flags & flags) != flags) return {CKR_SESSION_READ_ONLY};
   return {CKR_OK, &found->second, &tokens_[slot]};
 }
 
-Module::Access Module::EnterForWriting(CK_SESSION_HANDLE session) {
-  const Access access = Enter(session);
+Module::Access Module::EnterWithObject(CK_SESSION_HANDLE session, CK_FLAGS flags,
+                                       CK_OBJECT_HANDLE object, const Template& wanted) {
+  Access access = Enter(session, flags);
   if (access.result != CKR_OK) return access;
-  if ((access.session->flags & CKF_RW_SESSION) == 0) return {CKR_SESSION_READ_ONLY};
-  return access;
-}
-
-CK_RV Module::FindObject(const Access& access, CK_OBJECT_HANDLE object, const Template& wanted,
-                         const Object*& found) {
-  if (access.result != CKR_OK) return access.result;
-  if (!wanted.IsValid()) return CKR_ARGUMENTS_BAD;
+  if (!wanted.IsValid()) return {CKR_ARGUMENTS_BAD};
   const auto held = access.token->objects.find(object);
-  if (held == access.token->objects.end()) return CKR_OBJECT_HANDLE_INVALID;
-  found = &held->second;
-  return CKR_OK;
+  if (held == access.token->objects.end()) return {CKR_OBJECT_HANDLE_INVALID};
+  access.object = &held->second;
+  return access;
 }
 
 CK_ULONG Module::CountSessions(const CardIdentity& card, CK_FLAGS flags) const {
@@ -290,14 +266,13 @@ CK_RV Module::FindObjectsFinal(CK_SESSION_HANDLE session) {
 CK_RV Module::GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                                 CK_ATTRIBUTE_PTR attributes, CK_ULONG count) {
   const Template wanted{attributes, count};
-  const Object* held = nullptr;
-  const CK_RV result = FindObject(Enter(session), object, wanted, held);
-  return result == CKR_OK ? ReadAttributes(*held, wanted) : result;
+  const Access access = EnterWithObject(session, 0, object, wanted);
+  return access.result == CKR_OK ? ReadAttributes(*access.object, wanted) : access.result;
 }
 
 CK_RV Module::CreateObject(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attributes, CK_ULONG count,
                            CK_OBJECT_HANDLE_PTR object) {
-  const Access access = EnterForWriting(session);
+  const Access access = Enter(session, CKF_RW_SESSION);
   if (access.result != CKR_OK) return access.result;
   const Template wanted{attributes, count};
   if (!wanted.IsValid() || object == nullptr) return CKR_ARGUMENTS_BAD;
@@ -320,18 +295,15 @@ CK_RV Module::CreateObject(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attribute
 
 CK_RV Module::SetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                                 CK_ATTRIBUTE_PTR attributes, CK_ULONG count) {
-  const Access access = EnterForWriting(session);
   const Template wanted{attributes, count};
-  const Object* held = nullptr;
-  const CK_RV result = FindObject(access, object, wanted, held);
-  if (result != CKR_OK) return result;
-
+  const Access access = EnterWithObject(session, CKF_RW_SESSION, object, wanted);
+  if (access.result != CKR_OK) return access.result;
   CK_ATTRIBUTE modifiable{CKA_MODIFIABLE, const_cast<CK_BBOOL*>(&CK_TRUE), sizeof CK_TRUE};
-  if (!Matches(*held, {&modifiable, 1})) return CKR_ATTRIBUTE_READ_ONLY;
+  if (!Matches(*access.object, {&modifiable, 1})) return CKR_ATTRIBUTE_READ_ONLY;
   for (const CK_ATTRIBUTE& attribute : wanted) {
     if (attribute.type == CKA_VALUE) continue;
-    return held->attributes.contains(attribute.type) ? CKR_ATTRIBUTE_READ_ONLY
-                                                     : CKR_ATTRIBUTE_TYPE_INVALID;
+    const bool isHeld = access.object->attributes.contains(attribute.type);
+    return isHeld ? CKR_ATTRIBUTE_READ_ONLY : CKR_ATTRIBUTE_TYPE_INVALID;
   }
   const CK_ATTRIBUTE* const value = Find(wanted, CKA_VALUE);
   return value == nullptr ? CKR_OK : WriteVariables(access.session->slot, value);
@@ -350,14 +322,6 @@ CK_RV Module::WriteVariables(CK_SLOT_ID slot, const CK_ATTRIBUTE* value) {
   const CK_RV result = WriteCardFile(slot, kVariablesFile, *lines);
   if (result != CKR_OK) return result;
   return ReadToken(slot) ? CKR_OK : CKR_DEVICE_REMOVED;
-}
-
-CK_RV Module::GetFunctionStatus(CK_SESSION_HANDLE /*session*/) {
-  return CKR_FUNCTION_NOT_PARALLEL;
-}
-
-CK_RV Module::CancelFunction(CK_SESSION_HANDLE /*session*/) {
-  return CKR_FUNCTION_NOT_PARALLEL;
 }
 
 }  // namespace qixx::softcard

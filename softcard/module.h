@@ -8,27 +8,18 @@
 #include <utility>
 #include <vector>
 
-#include "pkcs11/cryptoki.h"
+#include "pkcs11/entry.h"
 #include "softcard/objects.h"
 #include "softcard/readers.h"
 
 namespace qixx::softcard {
 
 /// The answer to every function that the module does not serve.
-class Unserved {
- public:
+struct Unserved {
 #define SOFTCARD_REFUSE(name, parameters, arguments) \
-  static CK_RV name parameters {                     \
-    return Refuse arguments;                         \
-  }
+  static constexpr CK_C_##name name = &pkcs11::Refuse;
   QIXX_CK_FUNCTIONS(SOFTCARD_REFUSE)
 #undef SOFTCARD_REFUSE
-
- private:
-  template <typename... Arguments>
-  static CK_RV Refuse(const Arguments&... /*unused*/) {
-    return CKR_FUNCTION_NOT_SUPPORTED;
-  }
 };
 
 /// Serves the functions of the same names under the rules of PKCS#11 2.40. Not locked: whoever owns
@@ -45,8 +36,6 @@ class Module : public Unserved {
   CK_RV GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) const;
   static CK_RV GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR mechanisms,
                                 CK_ULONG_PTR count);
-  static CK_RV GetMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type,
-                                CK_MECHANISM_INFO_PTR info);
 
   /// Reads the card anew, so that a session sees it as it is when the session begins.
   CK_RV OpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify,
@@ -68,8 +57,11 @@ class Module : public Unserved {
   CK_RV SetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                           CK_ATTRIBUTE_PTR attributes, CK_ULONG count);
 
-  static CK_RV GetFunctionStatus(CK_SESSION_HANDLE session);
-  static CK_RV CancelFunction(CK_SESSION_HANDLE session);
+#define SOFTCARD_ALWAYS(name, answer) static constexpr CK_C_##name name = &pkcs11::Refuse<(answer)>;
+  SOFTCARD_ALWAYS(GetMechanismInfo, CKR_MECHANISM_INVALID)
+  SOFTCARD_ALWAYS(GetFunctionStatus, CKR_FUNCTION_NOT_PARALLEL)
+  SOFTCARD_ALWAYS(CancelFunction, CKR_FUNCTION_NOT_PARALLEL)
+#undef SOFTCARD_ALWAYS
 
   /// One slot whose card came, went or was changed for another since this was last asked about it:
   /// CKR_OK with the slot, the lowest one first; CKR_NO_EVENT otherwise.
@@ -93,13 +85,14 @@ class Module : public Unserved {
     CK_RV result = CKR_OK;
     Session* session = nullptr;
     Token* token = nullptr;
+    const Object* object = nullptr;
   };
 
-  Access Enter(CK_SESSION_HANDLE session);
-  Access EnterForWriting(CK_SESSION_HANDLE session);
-  /// The object, for a call that names one and gives a template.
-  static CK_RV FindObject(const Access& access, CK_OBJECT_HANDLE object, const Template& wanted,
-                          const Object*& found);
+  /// The session, which must have been opened with `flags`.
+  Access Enter(CK_SESSION_HANDLE session, CK_FLAGS flags = 0);
+  /// The same for a call that names an object and gives a template.
+  Access EnterWithObject(CK_SESSION_HANDLE session, CK_FLAGS flags, CK_OBJECT_HANDLE object,
+                         const Template& wanted);
   [[nodiscard]] CK_ULONG CountSessions(const CardIdentity& card, CK_FLAGS flags) const;
   /// Nothing without a card; handles of objects that are still there stay.
   std::optional<CardIdentity> ReadToken(CK_SLOT_ID slot);

@@ -1,13 +1,11 @@
 #include "watch/list_library.h"
 
 #include <algorithm>
-#include <array>
 #include <span>
 #include <utility>
 
 #include "der/logon_values.h"
 #include "der/matching.h"
-#include "pkcs11/certificate_objects.h"
 #include "pkcs11/reader.h"
 #include "pkcs11/session.h"
 #include "pkcs11/wrapper.h"
@@ -25,9 +23,6 @@ namespace {
 
 using pkcs11::CHelperPkcs11;
 using pkcs11::Pkcs11;
-
-/// More objects of a card are not looked at, whatever a library says.
-constexpr std::size_t kMostObjects = 4096;
 
 /// A fixed text of the library's, padded with blanks.
 template <typename Character, std::size_t kSize>
@@ -182,9 +177,8 @@ class Asking {
     const std::optional<pkcs11::Session> session = pkcs11::Session::Open(slot, &refusal);
     if (!Worked("C_OpenSession", slot, refusal) || !session) return;
     for (const CK_OBJECT_HANDLE handle : FindCertificates(*session, slot)) {
-      pkcs11::CertificateObject object;
-      if (object.Read(*session, handle, slot <= pkcs11::kLastReaderSlot)) {
-        MatchObject(slot, object, certificates);
+      if (auto object = pkcs11::ReadCertificate(*session, slot, handle)) {
+        MatchObject(std::move(*object), certificates);
       } else {
         listing_.omitted.push_back({slot, {}, Omission::kUnreadable});
       }
@@ -192,33 +186,18 @@ class Asking {
   }
 
   std::vector<CK_OBJECT_HANDLE> FindCertificates(const pkcs11::Session& session, CK_SLOT_ID slot) {
-    CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
-    CK_CERTIFICATE_TYPE type = CKC_X_509;
-    CK_BBOOL onToken = CK_TRUE;
-    std::array<CK_ATTRIBUTE, 3> wanted = {{pkcs11::AttributeOf(CKA_CLASS, objectClass),
-                                           pkcs11::AttributeOf(CKA_CERTIFICATE_TYPE, type),
-                                           pkcs11::AttributeOf(CKA_TOKEN, onToken)}};
     std::vector<CK_OBJECT_HANDLE> handles;
-    pkcs11::ObjectSearch search(session, wanted);
-    while (handles.size() < kMostObjects) {
-      const pkcs11::FoundObject found = search.Next();
-      if (found.result == pkcs11::SearchResult::kObject) {
-        handles.push_back(found.object);
-        continue;
-      }
-      if (found.result == pkcs11::SearchResult::kFailure) {
-        Worked("C_FindObjects", slot, std::nullopt);
-        search.Abandon();
-      }
-      break;
-    }
+    const auto result = pkcs11::ForEachCertificate(
+        session, [&handles](CK_OBJECT_HANDLE handle) { handles.push_back(handle); });
+    if (result == pkcs11::SearchResult::kFailure) Worked("C_FindObjects", slot, std::nullopt);
     return handles;
   }
 
-  void MatchObject(CK_SLOT_ID slot, const pkcs11::CertificateObject& object,
+  void MatchObject(pkcs11::CertificateEntry object,
                    std::span<const der::CertificatePtr> certificates) {
-    std::string label(object.Label());
-    const der::CertificatePtr loaded = der::LoadCertificate(object.Value());
+    const CK_SLOT_ID slot = object.slot;
+    std::string& label = object.label;
+    const der::CertificatePtr loaded = der::LoadCertificate(object.value);
     const auto same = [&loaded](const der::CertificatePtr& other) {
       return loaded != nullptr && der::IsSameCertificate(*loaded, *other);
     };

@@ -141,7 +141,6 @@ TEST_F(ReaderTest, MakesTheObjectOfVariables) {
     FakeCard::current->slots[0].objects.push_back(FakeCard::ObjectOf(attributes, count));
     return *object = 1, CKR_OK;
   };
-  EXPECT_FALSE(pkcs11::FindVariableObject(1, true));
   EXPECT_FALSE(pkcs11::FindOrCreateVariableObject(0, true)) << "no slot";
   EXPECT_TRUE(pkcs11::FindOrCreateVariableObject(1, true));
   EXPECT_EQ(card_.slots[0].objects, std::vector{VariableObject("\0"s)});
