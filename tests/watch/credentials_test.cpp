@@ -157,44 +157,44 @@ TEST(Placeholders, EachAloneHasTheCardRead) {
   }
 }
 
-TEST(SetOptions, OfTheKeywordFormEndAtAQuoteAsThoseOfACommandDo) {
+std::string Describe(const watch::SetOptions& options) {
+  return options.match + "|" + options.registry + "|" + options.config + "|" +
+         (options.restore ? "restore" : "");
+}
+
+TEST(SetOptions, AreNotLookedForInQuotesAndEndAtThem) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"-match \"a -config F -registry G\" -registry-config H -config \"/x -match y\" -match z",
+       "a -config F -registry G||/x -match y|"},
+      {"-match \"a -config F", "a -config F||F|"},
+      {"-config F -RESTORE", "||F|restore"},
+  };
+  for (const auto& [text, options] : rows) {
+    EXPECT_EQ(Describe(watch::ParseSetOptions(text)), options);
+  }
   watch::CWatchOptions record;
   watch::ParseWatchOptions("-p x -r a\"b -match \" cn=x -y \" ", record);
-  const watch::SetOptions options = watch::SetOptionsOf(record);
-  EXPECT_EQ(options.match, " cn=x -y ");
-  EXPECT_EQ(options.registry, "a");
-  EXPECT_EQ(options.config, "");
+  const watch::SetOptions keyword = watch::SetOptionsOf(record);
+  EXPECT_EQ(Describe(keyword), " cn=x -y |a||restore");
   ScriptedReader card;
   const watch::WatchEvent removal = {.kind = EventKind::kRemove, .slot = 1};
-  EXPECT_TRUE(watch::RunSetCommand(card, removal, options));
+  EXPECT_TRUE(watch::RunSetCommand(card, removal, keyword));
   const TraceCapture trace;
   EXPECT_FALSE(watch::RunSetCommand(card, removal, {}));
   EXPECT_TRUE(trace.Lines().empty());
 }
 
-TEST(SetOptions, OfACommandAreNotLookedForInQuotes) {
-  const watch::SetOptions options = watch::ParseSetOptions(
-      "-match \"a -config F -registry G\" -registry-config H -config \"/x -match y\" -match z");
-  EXPECT_EQ(options.match, "a -config F -registry G");
-  EXPECT_EQ(options.registry, "");
-  EXPECT_EQ(options.config, "/x -match y") << "a dash within a word is its own";
-  EXPECT_EQ(watch::ParseSetOptions("-match \"a -config F").config, "F") << "never closed";
-}
-
 TEST(SetCommand, RefusesANameThatIsTooLongForAFile) {
   const TemporaryFolder folder;
-  const std::string name = folder.Path(std::string(255 - folder.Path().size(), '/'));
   folder.Write("abc", "[A]\nUsername=kept\n");
   ScriptedReader card;
-  const watch::WatchEvent removal = {.kind = EventKind::kRemove, .slot = 1};
   // Cut to its place, the longer one would be the name of the file.
-  const std::string fits = name.substr(0, 252) + "abc";
-  for (const std::string& longer : {fits + "d", fits}) {
-    const TraceCapture trace;
-    const bool refused = longer.size() > fits.size();
-    EXPECT_EQ(watch::ExecuteCommand(card, removal, "set -config " + longer), !refused);
-    EXPECT_TRUE(trace.Has(std::string("Watch - Set command ... ") + (refused ? "FAILED" : "OK")));
-    EXPECT_EQ(folder.Read("abc"), refused ? "[A]\nUsername=kept\n" : "[A]\nUsername=\nDomain=\n");
+  const std::string fits = folder.Path(std::string(251 - folder.Path().size(), '/') + "abc");
+  EXPECT_EQ(fits.size(), 255U);
+  for (const bool isFitting : {false, true}) {
+    const std::string set = "set -config " + fits + (isFitting ? "" : "d");
+    EXPECT_EQ(watch::ExecuteCommand(card, {EventKind::kRemove, 1}, set), isFitting);
+    EXPECT_EQ(folder.Read("abc"), isFitting ? "[A]\nUsername=\nDomain=\n" : "[A]\nUsername=kept\n");
   }
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <thread>
 
@@ -40,7 +41,7 @@ std::string Describe(const watch::CWatchOptions& record) {
          Shown("n", record.roundLimit, watch::kEndlessRounds) + Shown("section", record.section);
 }
 
-TEST(Options, OneTextFillsTheRecord) {
+TEST(Options, TextsFillTheRecordOneAfterTheOther) {
   const std::tuple<const char*, const char*, const char*> rows[] = {
       {"keyword form does not read -c beside -r",
        "-p prog -r reg -c file -a \"a b\" -n 3 -w 5 -hide -sync -t -recognized ",
@@ -65,22 +66,18 @@ TEST(Options, OneTextFillsTheRecord) {
       {"one verb is skipped", "-start -i c ", "rest=-i c ;"},
       {"one word in quotes names no section", "-s \"Extra\" c", "rest=c;"},
       {"empty text", "", "n=0;"},
+      {"a later text overlays", "-match \"old\" -sync config\n-w -hide x",
+       "match=old;rest=x;hidein=1;hideout=1;sync=1;w=1;"},
+      {"keyword form clears a match", "-match \"old\" -sync config\n-p x -c y -n 3 \n",
+       "p=x;c=y;rest=config;sync=1;n=3;"},
   };
-  for (const auto& [name, text, expected] : rows) {
+  for (const auto& [name, texts, expected] : rows) {
     watch::CWatchOptions record;
-    watch::ParseWatchOptions(text, record);
+    for (std::size_t i = 0; const auto text = runtime::GetField(texts, i, '\n'); ++i) {
+      watch::ParseWatchOptions(*text, record);
+    }
     EXPECT_EQ(Describe(record), expected + std::string("section=Watch;")) << name;
   }
-}
-
-TEST(Options, LaterTextsOverlayAndHardlyEverClear) {
-  watch::CWatchOptions record;
-  watch::ParseWatchOptions("-match \"old\" -sync config", record);
-  watch::ParseWatchOptions("-w -hide x", record);
-  EXPECT_EQ(Describe(record), "match=old;rest=x;hidein=1;hideout=1;sync=1;w=1;section=Watch;");
-  watch::ParseWatchOptions("-p x -c y -n 3 ", record);
-  watch::ParseWatchOptions("", record);
-  EXPECT_EQ(Describe(record), "p=x;c=y;rest=x;hidein=1;hideout=1;sync=1;w=1;n=3;section=Watch;");
 }
 
 TEST(Options, ValuesAreCutAtTheirLimits) {
@@ -92,9 +89,9 @@ TEST(Options, ValuesAreCutAtTheirLimits) {
   watch::ParseWatchOptions("-p " + text + " -c y -n " + std::string(98, '0') + "123 ", record);
   EXPECT_EQ(record.program.size(), 300U) << "a piece of a name would be another file's";
   EXPECT_EQ(record.roundLimit, 1U) << "a number counts up to its 99th character";
-  const std::vector<const char*> arguments = {"x",          "-a",         text.c_str(),
-                                              text.c_str(), text.c_str(), text.c_str()};
-  const std::string line = watch::JoinArguments(6, arguments.data());
+  const char* const one = text.c_str();
+  const std::string line =
+      watch::JoinArguments(6, std::array{"x", "-a", one, one, one, one}.data());
   EXPECT_EQ(line.size(), 1023U);
   EXPECT_TRUE(line.starts_with("-a xx"));
 }

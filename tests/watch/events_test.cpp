@@ -3,15 +3,12 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <new>
 #include <set>
 #include <sstream>
@@ -39,34 +36,67 @@
 
 namespace {
 
+/// So many processes the system has no room for, and so many new files no disk.
 std::atomic<int> forksToFail{0};
+std::atomic<int> syncsToFail{0};
 /// Whether a thread of a library could have read meanwhile what is another watcher's.
 std::atomic<bool> environmentChanged{false};
 
 }  // namespace
 
-/// In place of the C library's, to have the system be out of processes.
+// In place of the C library's.
 extern "C" pid_t fork() noexcept {
   const char* const depth = ::getenv("qixwatchdepth");
   if (depth != nullptr && *depth != '2') environmentChanged = true;
-  if (forksToFail > 0) {
-    --forksToFail;
-    errno = EAGAIN;
-    return -1;
-  }
-  return reinterpret_cast<pid_t (*)()>(::dlsym(RTLD_NEXT, "fork"))();
+  if (forksToFail <= 0) return reinterpret_cast<pid_t (*)()>(::dlsym(RTLD_NEXT, "fork"))();
+  --forksToFail;
+  errno = EAGAIN;
+  return -1;
+}
+extern "C" int fsync(int /*file*/) {
+  if (syncsToFail <= 0) return 0;
+  --syncsToFail;
+  errno = ENOSPC;
+  return -1;
 }
 
 namespace qixx::testing {
 namespace {
 
+namespace fs = std::filesystem;
 using watch::EventKind;
 
-watch::CWatchOptions Record(const std::string& rest) {
+watch::CWatchOptions Record(const std::string& rest, std::uint64_t rounds = 1, bool sync = true) {
   watch::CWatchOptions record;
   record.rest = rest;
   record.section = "Watch";
+  record.roundLimit = rounds;
+  record.sync = sync;
   return record;
+}
+
+/// One run of the loop, and what it traced.
+struct LoopRun : TraceCapture {
+  LoopRun(const Scripted& machine, watch::CWatchOptions record) {
+    watch::RunWatch(record, machine.platform);
+  }
+  /// About slots.
+  [[nodiscard]] std::string Slots() const {
+    std::string told;
+    for (const std::string& line : Lines()) {
+      EXPECT_EQ(line.find("4711"), line.npos) << line;
+      const bool counts = line.find("onnected") != line.npos || line.find("Logon s") != line.npos;
+      if (counts) told += line.substr(std::string_view("Watch - ").size()) + ";";
+    }
+    return told;
+  }
+};
+
+/// A run of one round for each poll.
+std::string Watch(bool sync, const std::vector<Poll>& polls, const char* section = "Watch") {
+  watch::CWatchOptions record = Record("kill nothing", polls.size(), sync);
+  record.section = section;
+  return LoopRun(Scripted(polls), record).Slots();
 }
 
 class EventTable : public ::testing::Test {
@@ -90,8 +120,8 @@ TEST_F(EventTable, NamesAndCommandsAreCutAtTheirLimits) {
   watch::CWatchOptions record = Record("Config");
   const TraceCapture trace;
   EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine_.platform));
-  EXPECT_TRUE(trace.Has("Watch - Execute insert command: " + text.substr(0, 511)));
   watch::OnRemoveEvent(record, 1, machine_.platform);
+  EXPECT_TRUE(trace.Has("Watch - Execute insert command: " + text.substr(0, 511)));
   EXPECT_TRUE(trace.Has("Watch - Execute remove command: " + text.substr(0, 255)));
 }
 
@@ -114,43 +144,49 @@ TEST_F(EventTable, QuestionsAboutTheSectionsAlwaysEnd) {
   }
 }
 
-TEST_F(EventTable, GatesAskThreeTimesASecond) {
-  Configure("", "1=/bin/true\n");
-  watch::CWatchOptions record = Record("kill x");
-  record.match = "cn=ann lee";
-  record.insertWait = 2;
-  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine_.platform));
-  EXPECT_EQ(machine_.clock.slept, std::vector<unsigned>(6, 333));
-
-  machine_.clock.slept.clear();
-  machine_.clock.inSleep = [this] {
-    if (machine_.clock.slept.size() == 2) machine_.reader.tokens.clear();
+TEST_F(EventTable, GateOfAnInsertAsksForTheCardThreeTimesASecond) {
+  struct Row {
+    const char* why;
+    const char* match;
+    std::size_t pulled;  ///< in that sleep
+    bool stops;
+    bool success;
+    std::size_t sleeps;
   };
-  const TraceCapture trace;
-  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine_.platform)) << "pulled meanwhile";
-  EXPECT_EQ(machine_.clock.slept.size(), 2U);
-  EXPECT_TRUE(trace.Has("Watch - Inserted event ... FAILED"));
-  EXPECT_FALSE(trace.Has("Watch - Execute insert command: kill x"));
-  record.match = "";
-  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine_.platform)) << "without a match nobody asks";
+  for (const Row row : {Row{"the card stays", "cn=ann lee", 0, false, true, 6},
+                        {"pulled meanwhile", "cn=ann lee", 2, false, false, 2},
+                        {"without a match nobody asks", "", 2, false, true, 6},
+                        {"the process is to stop", "", 0, true, false, 1}}) {
+    SCOPED_TRACE(row.why);
+    Scripted machine(std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}});
+    machine.clock.stop = row.stops;
+    machine.clock.inSleep = [&machine, row] {
+      if (machine.clock.slept.size() == row.pulled) machine.reader.tokens.clear();
+    };
+    watch::CWatchOptions record = Record("kill x");
+    record.match = row.match;
+    record.insertWait = 2;
+    const TraceCapture trace;
+    EXPECT_EQ(watch::OnInsertEvent(record, 1, machine.platform), row.success);
+    EXPECT_EQ(machine.clock.slept, std::vector<unsigned>(row.sleeps, 333));
+    EXPECT_EQ(trace.Has("Watch - Execute insert command: kill x"), row.success);
+    EXPECT_EQ(trace.Has("Watch - Inserted event ... FAILED"), !row.success);
+  }
+}
 
-  machine_.clock.stop = true;
-  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine_.platform)) << "the process is to stop";
-  machine_.clock.stop = false;
+TEST_F(EventTable, GateOfARemovalWaitsForMoreThanEndings) {
+  Configure("", "1=/bin/true\n");
   machine_.clock.inSleep = [] { throw std::bad_alloc(); };
-  EXPECT_TRUE(watch::OnInsertEvent(record, 1, machine_.platform));
-  EXPECT_EQ(trace.Count("Watch - Sleep exception"), 6U);
-
-  record.removeWait = 1;
-  machine_.clock = {};
-  watch::OnRemoveEvent(record, 1, machine_.platform);
-  EXPECT_EQ(machine_.clock.slept.size(), 0U) << "only endings, and nothing to end";
-  record.rest = "config";
-  const std::size_t opened = trace.Count("Config - Open '" + folder_.Path("system.conf") + "' (r)");
-  watch::OnRemoveEvent(record, 1, machine_.platform);
-  EXPECT_EQ(machine_.clock.slept.size(), 3U);
-  EXPECT_EQ(trace.Count("Config - Open '" + folder_.Path("system.conf") + "' (r)"), opened + 2)
-      << "the handler and its gate";
+  const TraceCapture trace;
+  for (const char* const rest : {"kill x", "config"}) {
+    watch::CWatchOptions record = Record(rest);
+    record.removeWait = 1;
+    watch::OnRemoveEvent(record, 1, machine_.platform);
+    EXPECT_EQ(machine_.clock.slept.size(), *rest == 'k' ? 0U : 3U);
+  }
+  EXPECT_EQ(trace.Count("Watch - Sleep exception"), 3U);
+  EXPECT_EQ(trace.Count("Config - Open '" + folder_.Path("system.conf") + "' (r)"), 4U)
+      << "the handler and its gate, each time";
 }
 
 TEST_F(EventTable, SimulationWaitsForEitherKindAsAnInsertDoes) {
@@ -180,10 +216,8 @@ TEST(Command, KeywordsDecideTheResult) {
   };
   ScriptedReader card;
   for (const auto& [text, on_insert, on_remove] : rows) {
-    EXPECT_EQ(watch::ExecuteCommand(card, {.kind = EventKind::kInsert, .slot = 1}, text), on_insert)
-        << text;
-    EXPECT_EQ(watch::ExecuteCommand(card, {.kind = EventKind::kRemove, .slot = 1}, text), on_remove)
-        << text;
+    EXPECT_EQ(watch::ExecuteCommand(card, {EventKind::kInsert, 1}, text), on_insert) << text;
+    EXPECT_EQ(watch::ExecuteCommand(card, {EventKind::kRemove, 1}, text), on_remove) << text;
   }
   EXPECT_TRUE(watch::WaitForParallelJobs(15000));
 }
@@ -217,67 +251,49 @@ TEST(TerminateList, RemovalEndsWhatTheInsertStartedForItsSlot) {
   EXPECT_FALSE(watch::IsSlotProcessRunning(1));
 }
 
-/// What the trace tells about slots.
-std::string Slots(const TraceCapture& trace) {
-  std::string told;
-  for (const std::string& line : trace.Lines()) {
-    EXPECT_EQ(line.find("4711"), line.npos) << line;
-    const bool counts = line.find("onnected") != line.npos || line.find("Logon s") != line.npos;
-    if (counts) told += line.substr(std::string_view("Watch - ").size()) + ";";
-  }
-  return told;
-}
-
-/// What a run of one round for each poll tells about slots.
-std::string Watch(Scripted&& machine, const char* section, bool sync, std::uint64_t rounds) {
-  const TraceCapture trace;
-  watch::CWatchOptions record = Record("kill nothing");
-  record.section = section;
-  record.sync = sync;
-  record.roundLimit = rounds;
-  watch::RunWatch(record, machine.platform);
-  return Slots(trace);
-}
-std::string Watch(const char* section, bool sync, const std::vector<Poll>& polls) {
-  return Watch(Scripted(polls), section, sync, polls.size());
-}
-
 TEST(SlotLoop, EventsConnectAndDisconnect) {
-  EXPECT_EQ(Watch("Watch", false, {{0, {{2}}}}), "") << "inside a group at start";
-  EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}, {1, {{1}}}}), "Connected slot 1;Already connected;");
-  EXPECT_EQ(Watch("x -pin 4711", true, {{0, {{1}}}, {4, {}}}),
-            "Connected slot 1;Disconnected slot 1;")
-      << "the connected token is gone when another slot tells of its own";
-  EXPECT_EQ(Watch("Watch", false, {{0, {{1}}}, {4, {{1}, {4}}}, {4, {{1}}}, {1, {}}}),
-            "Connected slot 1;Already connected;Disconnected slot 0;")
-      << "the other slot's removal forgets the connected one";
-  EXPECT_EQ(Watch("Watch", true, {{0, {{1}}}, {4, {{1}, {4}}}, {1, {{4}}}, {4, {}}}),
-            "Connected slot 1;Already connected;Disconnected slot 1;")
-      << "the card that stayed is not connected by itself";
-  EXPECT_EQ(Watch("Watch", false, {{0, {}}, {97, {{97}}}, {95, {}}, {97, {}}}),
-            "Disconnected slot 0;Connected slot 97;Disconnected slot 97;")
-      << "up to 96 the first slots of groups count";
+  const std::tuple<const char*, bool, std::vector<Poll>, const char*> rows[] = {
+      {"inside a group at start", false, {{0, {{2}}}}, ""},
+      {"told of twice", true, {{1, {{1}}}, {1, {{1}}}}, "Connected slot 1;Already connected;"},
+      {"no poll told of it", true, {{0, {{1}}}, {0, {}}}, "Connected slot 1;Disconnected slot 1;"},
+      {"gone when another slot tells of its own token",
+       true,
+       {{0, {{1}}}, {4, {}}},
+       "Connected slot 1;Disconnected slot 1;"},
+      {"another slot's removal forgets the connected one",
+       false,
+       {{0, {{1}}}, {4, {{1}, {4}}}, {4, {{1}}}, {1, {}}},
+       "Connected slot 1;Already connected;Disconnected slot 0;"},
+      {"the card that stayed is not connected by itself",
+       true,
+       {{0, {{1}}}, {4, {{1}, {4}}}, {1, {{4}}}, {4, {}}},
+       "Connected slot 1;Already connected;Disconnected slot 1;"},
+      {"up to 96 the first slots of groups count",
+       false,
+       {{0, {}}, {97, {{97}}}, {95, {}}, {97, {}}},
+       "Disconnected slot 0;Connected slot 97;Disconnected slot 97;"},
+  };
+  for (const auto& [why, sync, polls, told] : rows) {
+    EXPECT_EQ(Watch(sync, polls, "x -pin 4711"), told) << why;
+  }
 }
 
 TEST(SlotLoop, UnreadableTokenIsNoInsertWhereItIsToBeRecognized) {
   Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {{1}}}});
   machine.reader.readable = false;
   machine.clock.inSleep = [&machine] { machine.reader.readable = true; };
-  watch::CWatchOptions record = Record("kill nothing");
+  watch::CWatchOptions record = Record("kill nothing", 2);
   record.recognized = true;
-  record.roundLimit = 2;
   watch::WatchSlots(record, machine.platform);
   EXPECT_EQ(machine.clock.slept, (std::vector<unsigned>{333, 666})) << "the second round connects";
 }
 
 TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
   // The library goes away and comes back with another card in it; nobody tells of either.
-  const std::pair<std::uint64_t, const char*> rows[] = {
-      {30, "Connected slot 1;"},
-      {31, "Connected slot 1;Disconnected slot 1;"},
-      {32, "Connected slot 1;Disconnected slot 1;Connected slot 4;"},
-  };
-  for (const auto& [rounds, told] : rows) {
+  for (const auto& [rounds, told] :
+       {std::pair(30U, "Connected slot 1;"),
+        {31U, "Connected slot 1;Disconnected slot 1;"},
+        {32U, "Connected slot 1;Disconnected slot 1;Connected slot 4;"}}) {
     Scripted machine(std::vector<Poll>{{1, {{1}}}});
     machine.clock.inSleep = [&machine] {
       if (machine.clock.slept.size() != 5) return;
@@ -285,7 +301,7 @@ TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
       machine.reader.comesUp = true;
       machine.reader.tokens = {{4}};
     };
-    EXPECT_EQ(Watch(std::move(machine), "Watch", true, rounds), told);
+    EXPECT_EQ(LoopRun(machine, Record("kill nothing", rounds)).Slots(), told);
   }
 }
 
@@ -301,15 +317,11 @@ TEST(SlotLoop, FinalisedLibraryIsInitialisedAndPolledOnceMore) {
     };
     const FakeModule module(QIXX_FAKE_PLAIN, CKR_OK, &card.List());
     EXPECT_TRUE(pkcs11::Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN));
-    ScriptedClock clock;
-    ScriptedUser user;
-    watch::ServiceManager manager;
-    const watch::Platform platform = {clock, watch::SystemCardReader(), user, manager};
+    Scripted desk;
+    watch::CWatchOptions record = Record("kill nothing", 1, false);
     const TraceCapture trace;
-    watch::CWatchOptions record = Record("kill nothing");
-    record.roundLimit = 1;
-    watch::RunWatch(record, platform);
-    EXPECT_EQ(Slots(trace), comesUp ? "Connected slot 1;" : "Disconnected slot 0;");
+    watch::RunWatch(record, {desk.clock, watch::SystemCardReader(), desk.user, desk.manager});
+    EXPECT_TRUE(trace.Has(comesUp ? "Watch - Connected slot 1" : "Watch - Disconnected slot 0"));
     EXPECT_EQ(trace.Count("WrapperPkcs11 - Initialize count 1 at initialize"), 2U);
     EXPECT_EQ(trace.Count("Watch - Poll failed 0x00000190"), comesUp ? 0U : 1U);
     pkcs11::Pkcs11().Release();
@@ -319,164 +331,113 @@ TEST(SlotLoop, FinalisedLibraryIsInitialisedAndPolledOnceMore) {
 TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   const TemporaryFolder folder;
   const ScopedVariable directory("RUNTIME_DIRECTORY", (folder.Path() + ":/nonexistent").c_str());
-  const auto files = [&folder] {
-    std::string names;
-    for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
-      const std::string name = file.path().filename();
-      names += name.substr(0, name.find('~')) + ";";
-    }
-    return names;
-  };
-  EXPECT_EQ(Watch("Watch", true, {{0, {}}}), "");
-  EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}}), "Connected slot 1;");
-  EXPECT_EQ(files(), "card-Watch;") << "kept at the end";
-  EXPECT_EQ(Watch("Watch", true, {{4, {{1}}}}), "Connected slot 1;") << "still in";
-  EXPECT_EQ(files(), "card-Watch;");
-  EXPECT_EQ(Watch("Other", true, {{0, {}}}), "") << "each section has its own";
-  EXPECT_EQ(Watch("Watch", true, {{0, {}}, {0, {}}}), "Disconnected slot 0;");
-  EXPECT_EQ(files(), "");
-  EXPECT_EQ(Watch("Watch", true, {{0, {{1}}}, {1, {}}}), "Connected slot 1;Disconnected slot 1;");
-  EXPECT_EQ(files(), "");
-  EXPECT_EQ(Watch("Watch", true, {{0, {{1}}}, {4, {{1}}}}), "Connected slot 1;");
-  EXPECT_EQ(Watch("Watch", false, {{0, {}}}), "Disconnected slot 0;") << "once";
-  EXPECT_EQ(files(), "");
-
-  const std::string odd = "../a b\"%/~";
   const std::string longest(255, '/');
-  for (const std::string& section : {odd, longest, longest.substr(1)}) {
-    EXPECT_EQ(Watch(section.c_str(), true, {{1, {{1}}}}), "Connected slot 1;");
-    EXPECT_EQ(std::ranges::count(files(), ';'), 1);
-    EXPECT_EQ(Watch(section.c_str(), true, {{0, {}}}), "Disconnected slot 0;");
+  const std::tuple<const char*, bool, std::vector<Poll>, const char*, int> runs[] = {
+      {"Watch", true, {{0, {}}}, "", 0},
+      {"Watch", true, {{1, {{1}}}}, "Connected slot 1;", 1},
+      {"Watch", true, {{4, {{1}}}}, "Connected slot 1;", 1},
+      {"Other", true, {{0, {}}}, "", 1},
+      {"Watch", true, {{0, {}}, {0, {}}}, "Disconnected slot 0;", 0},
+      {"Watch", true, {{0, {{1}}}, {1, {}}}, "Connected slot 1;Disconnected slot 1;", 0},
+      {"Watch", true, {{0, {{1}}}, {4, {{1}}}}, "Connected slot 1;", 1},
+      {"Watch", false, {{0, {}}}, "Disconnected slot 0;", 0},
+      {"../a b\"%/~", true, {{1, {{1}}}}, "Connected slot 1;", 1},
+      {longest.c_str(), true, {{1, {{1}}}}, "Connected slot 1;", 2},
+      {longest.c_str() + 1, true, {{0, {}}}, "", 2},
+      {longest.c_str(), true, {{0, {}}}, "Disconnected slot 0;", 1},
+      {"../a b\"%/~", true, {{0, {}}}, "Disconnected slot 0;", 0},
+  };
+  for (const auto& [section, sync, polls, told, marks] : runs) {
+    EXPECT_EQ(Watch(sync, polls, section), told) << section;
+    const fs::directory_iterator files(folder.Path());
+    EXPECT_EQ(std::distance(begin(files), end(files)), marks) << section;
   }
-  EXPECT_EQ(files(), "");
-  EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}}), "Connected slot 1;");
-  const std::filesystem::path mark = std::filesystem::directory_iterator(folder.Path())->path();
-  std::filesystem::remove(mark);
-  std::filesystem::create_symlink("/etc/passwd", mark);
-  EXPECT_EQ(Watch("Watch", true, {{0, {}}}), "") << "no file of ours";
-  EXPECT_EQ(Watch("Watch", true, {{1, {{1}}}}), "Connected slot 1;") << "nor made one";
+  fs::create_symlink("/etc/passwd", folder.Path("card-Watch"));
+  EXPECT_EQ(Watch(true, {{0, {}}}), "") << "no file of ours";
+  EXPECT_EQ(Watch(true, {{1, {{1}}}}), "Connected slot 1;") << "nor made one";
   watch::CardMark("Watch", "one command").Set();
   EXPECT_FALSE(watch::CardMark("Watch", "another").IsSet());
   EXPECT_TRUE(watch::CardMark("Watch", "one command").IsSet());
-
-  const ScopedVariable missing("RUNTIME_DIRECTORY", "/nonexistent");
-  const TraceCapture trace;
-  watch::CardMark("Watch", "").Set();
-  EXPECT_TRUE(trace.Has("Watch - Failed to keep 'card-Watch' in '/nonexistent' (2)"));
 }
 
 /// In a process of its own, which has no descriptors left in the end.
-[[noreturn]] void RemoveWithoutDescriptors(watch::CWatchOptions& record) {
+[[noreturn]] void RemoveWithoutDescriptors() {
   const rlimit few = {64, 64};
   ::setrlimit(RLIMIT_NOFILE, &few);
   Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {}}});
   machine.clock.inSleep = [] {
     while (::open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) continue;
   };
-  record.roundLimit = 2;
+  const LoopRun run(machine, Record("config", 2));
+  ::_exit(run.Has("Watch - Execute remove command: kill y") ? 0 : 1);
+}
+
+TEST(CardMark, SaysThatItCannotBeKept) {
+  const ScopedVariable missing("RUNTIME_DIRECTORY", "/nonexistent");
   const TraceCapture trace;
-  watch::WatchSlots(record, machine.platform);
-  ::_exit(trace.Has("Watch - Execute remove command: kill y") ? 0 : 1);
+  watch::CardMark("Watch", "").Set();
+  EXPECT_TRUE(trace.Has("Watch - Failed to keep 'card-Watch' in '/nonexistent' (2)"));
 }
 
 TEST_F(EventTable, LibraryThatLeaksDescriptorsKeepsNoRemovalFromBeingRun) {
   Configure("", "1=kill y\n");
-  watch::CWatchOptions record = Record("config");
-  EXPECT_EXIT(RemoveWithoutDescriptors(record), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(RemoveWithoutDescriptors(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
   struct Row {
-    const char* command;
-    int failing;  ///< tries that find no process
+    std::string command;
+    int failing;  ///< tries that find no process, or no room on the disk
     CK_SLOT_ID nextCard;
     std::size_t tries;
     bool nextCounts = true;
   };
-  for (const Row row : {Row{"", 3, 0, 4},
-                        {"", 99, 0, 5},
-                        {"", 99, 1, 2},
-                        {"", 99, 1, 5, false},
-                        {"", 3, 1, 4, false},
-                        {"parallel ", 2, 0, 3}}) {
+  const ScopedVariable marks("RUNTIME_DIRECTORY", folder_.Path().c_str());
+  const std::string set = "set -config " + folder_.Path("a.conf");
+  for (const Row& row : {Row{"/bin/true x", 3, 0, 4},
+                         {"/bin/true x", 99, 0, 5},
+                         {"/bin/true x", 99, 1, 2},
+                         {"/bin/true x", 99, 1, 5, false},
+                         {"/bin/true x", 3, 1, 4, false},
+                         {"parallel /bin/true x", 2, 0, 3},
+                         {set, 3, 0, 4}}) {
     SCOPED_TRACE(row.command + std::to_string(row.failing));
-    Configure("", "1=" + std::string(row.command) + "/bin/true x\n2=kill x\n");
+    Configure("", "1=" + row.command + "\n2=kill x\n");
+    folder_.Write("a.conf", "[S]\nUsername=ann\n");
     Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}});
-    watch::CWatchOptions record = Record("config");
-    const ScopedVariable marks("RUNTIME_DIRECTORY", folder_.Path().c_str());
-    record.match = "cn=ann lee";
-    desk.clock.inSleep = [&desk, row] {
-      if (desk.clock.slept.size() == 1) forksToFail = row.failing;
+    desk.clock.inSleep = [&desk, &row] {
+      if (desk.clock.slept.size() == 1) forksToFail = syncsToFail = row.failing;
       if (desk.clock.slept.size() == 2) desk.reader.matches = row.nextCounts;
     };
-    const TraceCapture trace;
-    record.sync = true;
-    record.roundLimit = 6;
-    watch::WatchSlots(record, desk.platform);
+    watch::CWatchOptions record = Record("config", 6);
+    record.match = "cn=ann lee";
+    const LoopRun run(desk, record);
     EXPECT_TRUE(watch::WaitForParallelJobs(15000));
-    forksToFail = 0;
-    EXPECT_EQ(trace.Count("Watch - Execute remove command: /bin/true x"), row.tries);
-    EXPECT_EQ(trace.Count("Watch - Execute remove command: kill x"), 1U);
-    EXPECT_EQ(trace.Count("Watch - Disconnected slot 1"), 1U);
-    const bool isMarked = std::filesystem::remove(folder_.Path("card-Watch"));
+    forksToFail = syncsToFail = 0;
+    const bool isParallel = row.command.starts_with("parallel ");
+    const std::string command = row.command.substr(isParallel ? 9 : 0);
+    EXPECT_EQ(run.Count("Watch - Execute remove command: " + command), row.tries);
+    EXPECT_EQ(run.Count("Watch - Execute remove command: kill x"), 1U);
+    EXPECT_EQ(run.Count("Watch - Disconnected slot 1"), 1U);
+    EXPECT_EQ(folder_.Read("a.conf") == "[S]\nUsername=\nDomain=\n", row.command == set);
+    const bool isMarked = fs::remove(folder_.Path("card-Watch"));
     // A job may still run in front of its next try.
-    EXPECT_TRUE(*row.command != 0 || isMarked == (row.nextCard != 0 || row.failing == 99));
+    EXPECT_TRUE(isParallel || isMarked == (row.nextCard != 0 || row.failing == 99));
   }
 }
 
-/// A folder on a small disk of its own, which only this thread and its children see.
-class SmallDisk {
- public:
-  explicit SmallDisk(const std::string& folder) : folder_(folder) {
-    isThere = ::unshare(CLONE_NEWNS) == 0 &&
-              ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
-              ::mount("none", folder.c_str(), "tmpfs", 0, "size=64k") == 0;
-  }
-  ~SmallDisk() {
-    if (isThere) ::umount2(folder_.c_str(), MNT_DETACH);
-  }
-  void Fill() const { std::ofstream(folder_ + "/filler") << std::string(100'000, 'x'); }
-  void MakeRoom() const { std::filesystem::remove(folder_ + "/filler"); }
-
-  bool isThere;
-
- private:
-  std::string folder_;
-};
-
-TEST_F(EventTable, RemovalTriesAgainToClearAFileOnAFullDisk) {
-  std::filesystem::create_directories(folder_.Path("disk"));
-  const SmallDisk disk(folder_.Path("disk"));
-  if (!disk.isThere) GTEST_SKIP() << "NOT TESTED: disks of one's own are not allowed";
-  const std::string file = folder_.Path("disk/a.conf");
-  const std::string values = "[S]\nUsername=ann\n";
-  Configure("", "1=set -config " + file + "\n2=kill x\n");
-  watch::CWatchOptions section = Record("config");
-  watch::CWatchOptions keyword = Record("");
-  keyword.program = "/bin/true";
-  keyword.configFile = file;
-  for (watch::CWatchOptions record : {section, keyword}) {
-    SCOPED_TRACE(record.program);
-    std::ofstream(file) << values;
-    Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}});
-    std::string whileFull;
-    desk.clock.inSleep = [&] {
-      if (desk.clock.slept.size() == 1) disk.Fill();
-      if (desk.clock.slept.size() == 4)
-        whileFull = TemporaryFolder::ReadFile(file), disk.MakeRoom();
-    };
-    const TraceCapture trace;
-    record.sync = true;
-    record.roundLimit = 7;
-    watch::WatchSlots(record, desk.platform);
-    EXPECT_EQ(whileFull, values);
-    EXPECT_EQ(TemporaryFolder::ReadFile(file).find("ann"), std::string::npos);
-    EXPECT_EQ(trace.Count("Helper - Failed to write '" + file + "'") +
-                  trace.Count("Helper - Failed to write '" + file + ".org'"),
-              3U)
-        << "once in each round, until there was room";
-  }
-  EXPECT_EQ(::access((file + ".org").c_str(), F_OK), 0);
+TEST_F(EventTable, RemovalOfTheKeywordFormIsTriedAgainAsAWhole) {
+  watch::CWatchOptions record = Record("", 7);
+  record.program = "/bin/true";
+  record.configFile = folder_.Write("a.conf", "[S]\nUsername=ann\n");
+  Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+  desk.clock.inSleep = [&desk] {
+    if (desk.clock.slept.size() == 1) syncsToFail = 3;
+  };
+  const LoopRun run(desk, record);
+  EXPECT_EQ(run.Count("Watch - Remove event ..."), 4U);
+  EXPECT_EQ(folder_.Read("a.conf"), "[S]\nUsername=\nDomain=\n");
+  EXPECT_EQ(folder_.Read("a.conf.org"), "[S]\nUsername=ann\n");
 }
 
 TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
@@ -495,24 +456,21 @@ TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
                         {false, 4, 1, 0, 0},
                         {false, 3, 0, 1, 1}}) {
     SCOPED_TRACE(row.back);
+    Configure("", "1=kill x\n");
     Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}, {0, {{1}}}});
     desk.clock.inSleep = [&] {
-      // A file may also be no more than the mark of an encoding.
-      if (desk.reader.taken == 1)
+      if (desk.reader.taken == 1) {
+        // A file may also be no more than the mark of an encoding.
         folder_.Write("system.conf", row.back == 12 ? "\xEF\xBB\xBF" : "");
-      if (desk.reader.taken == 1 && row.isMissing) {
-        std::filesystem::remove(folder_.Path("system.conf"));
+        if (row.isMissing) fs::remove(folder_.Path("system.conf"));
       }
       if (desk.reader.taken + 1 == row.back) Configure("", "1=set -registry x\n");
     };
-    const TraceCapture trace;
-    watch::CWatchOptions record = Record("config");
-    record.sync = true;
+    watch::CWatchOptions record = Record("config", 20);
     record.removeWait = row.wait;
-    record.roundLimit = 20;
-    watch::WatchSlots(record, desk.platform);
-    EXPECT_EQ(trace.Count("Watch - Execute remove command: set -registry x"), row.runs);
-    EXPECT_EQ(trace.Count("Watch - Remove event ..."), 1 + row.runs);
+    const LoopRun run(desk, record);
+    EXPECT_EQ(run.Count("Watch - Execute remove command: set -registry x"), row.runs);
+    EXPECT_EQ(run.Count("Watch - Remove event ..."), 1 + row.runs);
   }
 }
 
@@ -522,16 +480,13 @@ echo "$qixwatchdepth $qixwatchroom $qixwatchlink $*" >> $HOME/started
 case "$*" in *Killed) kill -9 $$; esac
 exit 3
 )");
-  std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+  fs::permissions(program, fs::perms::owner_all);
   const ScopedVariable home("HOME", folder_.Path().c_str());
   const ScopedVariable depth("qixwatchdepth", "2");
   const TraceCapture trace;
   forksToFail = 1;
   watch::StartExtraWatchers("Refused|Killed|Done", program);
-  const auto started = [&](const char* name) {
-    return trace.Count("Watch - Extra '" + std::string(name) + "' is started again");
-  };
-  const auto ended = [&] { return trace.Count("Watch - Extra 'Killed' was ended by signal 9"); };
+  const auto told = [&](const std::string& news) { return trace.Count("Watch - Extra " + news); };
   std::uint64_t round = 0;
   const auto look = [&] {
     for (std::size_t i = 0; i < watch::kMaxExtraWatchers; ++i) {
@@ -539,13 +494,11 @@ exit 3
       watch::LookAfterExtraWatcher(round++);
     }
   };
-  EXPECT_TRUE(Eventually([&] { return look(), started("Killed") == 1; }));
-  EXPECT_EQ(ended(), 1U);
-  EXPECT_TRUE(Eventually([&] { return look(), ended() == 2; }));
+  EXPECT_TRUE(Eventually([&] { return look(), told("'Killed' was ended by signal 9") == 2; }));
   look();
-  EXPECT_EQ(started("Killed"), 1U) << "once a minute";
-  EXPECT_EQ(started("Refused"), 1U);
-  EXPECT_EQ(started("Done"), 0U);
+  EXPECT_EQ(told("'Killed' is started again"), 1U) << "once a minute";
+  EXPECT_EQ(told("'Refused' is started again"), 1U);
+  EXPECT_EQ(told("'Done' is started again"), 0U);
   std::multiset<std::string> lines;
   std::istringstream file(folder_.Read("started"));
   for (std::string line; std::getline(file, line);) lines.insert(line);
@@ -569,108 +522,78 @@ TEST(SlotLoop, PollsThatFailLoseNoRemoval) {
       if (reader.taken >= row.gone) reader.tokens.clear();
       if (reader.taken > 1 && reader.taken < row.heals) polled.failure = CKR_GENERAL_ERROR;
     };
-    std::size_t seen = 0;
-    machine.clock.inSleep = [&] {
-      if (seen == 0 && machine.clock.slept.back() == 333) seen = reader.taken;
-    };
-    const TraceCapture trace;
-    watch::CWatchOptions record = Record("kill nothing");
-    record.roundLimit = 9;
-    watch::WatchSlots(record, machine.platform);
-    EXPECT_EQ(seen, row.seen) << row.gone << " " << row.heals;
-    EXPECT_EQ(trace.Count("Watch - Disconnected slot 1"), 1U);
-    EXPECT_EQ(trace.Count("Watch - Poll failed 0x00000005"), 1U);
+    const LoopRun run(machine, Record("kill nothing", 9));
+    const auto gone = std::ranges::find(machine.clock.slept, 333U);
+    EXPECT_EQ(1U + static_cast<std::size_t>(gone - machine.clock.slept.begin()), row.seen)
+        << row.gone << " " << row.heals;
+    EXPECT_EQ(run.Count("Watch - Disconnected slot 1"), 1U);
+    EXPECT_EQ(run.Count("Watch - Poll failed 0x00000005"), 1U);
   }
-  Scripted machine(std::vector<Poll>{{1, {{1}}}, {4, {{4}}}});
-  machine.reader.inPoll = [&machine](watch::PolledEvent& polled) {
-    if (machine.reader.taken == 2) polled.failure = CKR_GENERAL_ERROR;
+}
+
+TEST(SlotLoop, PollsThatFailHideCardsForAWhileOnly) {
+  Scripted other(std::vector<Poll>{{1, {{1}}}, {4, {{4}}}});
+  other.reader.inPoll = [&other](watch::PolledEvent& polled) {
+    if (other.reader.taken == 2) polled.failure = CKR_GENERAL_ERROR;
   };
-  EXPECT_EQ(Watch(std::move(machine), "Watch", true, 6),
+  EXPECT_EQ(LoopRun(other, Record("kill nothing", 6)).Slots(),
             "Connected slot 1;Already connected;Disconnected slot 1;Connected slot 4;")
       << "the first poll that works tells of another slot";
-}
 
-TEST(SlotLoop, CardThatNoPollToldOfIsMissedWhenItGoes) {
-  Scripted machine(std::vector<Poll>{{0, {{1}}}, {0, {}}});
-  EXPECT_EQ(Watch(std::move(machine), "Watch", true, 3), "Connected slot 1;Disconnected slot 1;");
-}
-
-TEST(SlotLoop, CardThatAFailingLibraryHidesIsConnectedAgain) {
-  Scripted machine(std::vector<Poll>{{1, {{1}}}});
-  ScriptedReader& reader = machine.reader;
-  reader.inPoll = [&reader](watch::PolledEvent& polled) {
+  Scripted same(std::vector<Poll>{{1, {{1}}}});
+  same.reader.inPoll = [&reader = same.reader](watch::PolledEvent& polled) {
     const bool fails = reader.taken > 1 && reader.taken < 6;
     if (fails) polled.failure = CKR_DEVICE_ERROR;
     reader.tokens.clear();
     if (!fails) reader.tokens = {{1}};
   };
-  const TraceCapture trace;
-  watch::CWatchOptions record = Record("kill nothing");
-  record.roundLimit = 8;
-  watch::WatchSlots(record, machine.platform);
-  EXPECT_EQ(Slots(trace), "Connected slot 1;Disconnected slot 1;Connected slot 1;");
+  EXPECT_EQ(LoopRun(same, Record("kill nothing", 8)).Slots(),
+            "Connected slot 1;Disconnected slot 1;Connected slot 1;");
 }
 
-TEST(SlotLoop, DescriptorOfTheLibraryEndsPausesEarly) {
-  Scripted machine(std::vector<Poll>{{0, {}}, {1, {{1}}}, {0, {{1}}}});
-  machine.reader.descriptor = 3;
-  machine.clock.inSleep = [&machine] { machine.clock.readable = machine.reader.taken < 3; };
-  watch::CWatchOptions record = Record("kill nothing");
-  record.roundLimit = 4;
-  watch::WatchSlots(record, machine.platform);
-  EXPECT_EQ(machine.clock.endedEarly, 2U);
-  EXPECT_EQ(machine.clock.slept, (std::vector<unsigned>{333, 666, 666, 666}));
-}
-
-TEST(SlotLoop, DescriptorThatStaysReadableCostsNothing) {
+TEST(SlotLoop, DescriptorOfTheLibraryEndsPausesEarlyUnlessItStaysReadable) {
   constexpr std::size_t kRounds = 340;
   struct Row {
-    std::function<void(Scripted&)> script;
-    std::size_t early;
     const char* why;
+    CK_RV failure;           ///< of each poll
+    CK_SLOT_ID event;        ///< of each poll, or none
+    std::size_t unreadable;  ///< so often it is seen unreadable
+    std::size_t early;
   };
-  const Row rows[] = {
-      {[](Scripted&) {}, 1, "nothing to tell"},
-      {[](Scripted& machine) {
-         machine.reader.inPoll = [](auto& polled) { polled.failure = CKR_DEVICE_ERROR; };
-       },
-       1, "no poll works"},
-      {[](Scripted& machine) { machine.reader.inPoll = [](auto& polled) { polled.slot = 4; }; },
-       kRounds / 17 * 16, "events without end: one pause in 17 is whole"},
-      {[](Scripted& machine) {
-         machine.clock.inSleep = [&machine] {
-           machine.clock.readable = machine.clock.slept.size() % 20 != 0;
-         };
-       },
-       kRounds / 20, "it is trusted again once it was not readable"},
-  };
-  for (const auto& [script, early, why] : rows) {
+  for (const Row row : {Row{"nothing to tell", CKR_OK, 0, 0, 1},
+                        {"no poll works", CKR_DEVICE_ERROR, 0, 0, 1},
+                        {"of events without end one pause in 17 is whole", CKR_OK, 4, 0, 320},
+                        {"it is trusted again", CKR_OK, 0, 17, 17}}) {
     Scripted machine;
     machine.reader.descriptor = 3;
-    machine.clock.readable = true;
-    script(machine);
-    watch::CWatchOptions record = Record("kill nothing");
-    record.sync = true;
-    record.roundLimit = kRounds;
-    watch::WatchSlots(record, machine.platform);
+    machine.reader.inPoll = [row](watch::PolledEvent& polled) {
+      polled.failure = row.failure;
+      if (row.event != 0) polled.slot = row.event;
+    };
+    machine.clock.inSleep = [&machine, row] {
+      machine.clock.readable =
+          row.unreadable == 0 || machine.clock.slept.size() % (kRounds / row.unreadable) != 0;
+    };
+    const LoopRun run(machine, Record("kill nothing", kRounds));
     EXPECT_EQ(machine.clock.slept.size(), kRounds);
-    EXPECT_EQ(machine.clock.endedEarly, early) << why;
+    EXPECT_EQ(machine.clock.endedEarly, row.early) << row.why;
   }
 }
 
 TEST(SlotLoop, LogonVariantFollowsTheUsersCard) {
-  const Token hers = {4, "ann", "hers"};
   // The fourth round takes an event of another slot, one of a card that stayed and one of a card
   // that was swapped.
-  const std::vector<Poll> polls = {
-      {0, {{1}}}, {4, {{1}, hers}}, {1, {{1}, hers}}, {4, {{1}, hers}}, {4, {{1}, {4}}}};
-  EXPECT_EQ(Watch("LOGON", false, polls), "") << "nobody is logged on";
-  Scripted machine(polls);
+  const Token hers = {4, "ann", "hers"};
+  Scripted machine(std::vector<Poll>{
+      {0, {{1}}}, {4, {{1}, hers}}, {1, {{1}, hers}}, {4, {{1}, hers}}, {4, {{1}, {4}}}});
+  watch::CWatchOptions record = Record("kill nothing", 5);
+  record.section = "LOGON";
+  EXPECT_EQ(LoopRun(machine, record).Slots(), "") << "nobody is logged on";
   machine.user.name = "ann";
   machine.clock.inSleep = [&machine] {
     machine.user.record = watch::LogonRecord{{'a', 'n', 'n'}, {'h', 'e', 'r', 's'}};
   };
-  EXPECT_EQ(Watch(std::move(machine), "Logon", false, polls.size()),
+  EXPECT_EQ(LoopRun(machine, record).Slots(),
             "Logon slot not found;Logon slot 4 inserted;Logon slot 4 removed;Logon slot not found;")
       << "the first round has no answer";
 }

@@ -16,7 +16,6 @@ namespace qixx::testing {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 class ServiceManagerTest : public ::testing::Test {
@@ -105,20 +104,6 @@ TEST_F(ServiceManagerTest, MayBeThereInManyWays) {
   NotifyListener listener(unnamed);
   Manager(unnamed).Ready();
   EXPECT_THAT(listener.Take(), ElementsAre("READY=1"));
-}
-
-TEST_F(ServiceManagerTest, IsNeverWaitedFor) {
-  NotifyListener listener(path_);
-  watch::ServiceManager manager = Manager(path_, "1000000");
-  // The system's queue takes a few thousand at most.
-  for (int sent = 0; sent < 10'000; ++sent) manager.Ready();
-  manager.Status("No card");
-  listener.Take();
-  manager.Alive();
-  EXPECT_THAT(listener.Take(), ElementsAre("READY=1", "STATUS=No card"));
-  manager.Alive();
-  manager.Status("No card");
-  EXPECT_THAT(listener.Take(), IsEmpty());
 }
 
 TEST_F(ServiceManagerTest, BelievesTheWatchsThreadAlone) {
