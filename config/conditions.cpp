@@ -9,7 +9,6 @@ namespace {
 
 constexpr std::size_t kNone = std::string_view::npos;
 constexpr std::string_view kAlternativeSeparator = "||";
-constexpr std::string_view kModePrefix = "mode:";
 
 /// Takes the part in front of the next separator off `rest`. With the last part `rest` gets no
 /// data.
@@ -20,30 +19,22 @@ std::string_view TakePart(std::string_view& rest, std::string_view separator) {
   return part;
 }
 
-std::string_view FileName(std::string_view path) {
-  return path.substr(path.rfind('/') + 1);
-}
-
 bool IsCallingApplication(std::string_view names, std::string_view application) {
+  const std::string_view file = application.substr(application.rfind('/') + 1);
   do {
     const std::string_view name = TakePart(names, ";");
-    const bool isPath = runtime::FindChar(name, '/') != kNone;
-    if (!name.empty() &&
-        runtime::EqualsNoCase(name, isPath ? application : FileName(application))) {
-      return true;
-    }
+    const bool isPath = name.find('/') != kNone;
+    if (!name.empty() && runtime::EqualsNoCase(name, isPath ? application : file)) return true;
   } while (names.data() != nullptr);
   return false;
 }
 
 bool TermHolds(std::string_view term, const ConditionContext& context) {
   if (term.empty() || term == "*") return true;
-  // Numeric conditions are reserved and hold nowhere.
+  // Numbers and modes are reserved and hold nowhere.
   if (term.front() >= '0' && term.front() <= '9') return false;
+  if (runtime::StartsWithNoCase(term, "mode:")) return false;
   if (term.front() == '{') return context.isNamedConditionActive(term);
-  if (runtime::StartsWithNoCase(term, kModePrefix)) {
-    return context.isModeActive(term.substr(kModePrefix.size()));
-  }
   return IsCallingApplication(term, context.application);
 }
 

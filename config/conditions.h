@@ -6,10 +6,10 @@
 //   Color=blue|viewer;editor||green|{Office},*||grey
 //
 // A condition is a list of terms, separated by commas, that must all hold: "" and "*" always do,
-// "{name}" asks for a named condition, "mode:name" for a mode, what begins with a digit is reserved
-// and never holds, and anything else is a list of application names, separated by semicolons. A
-// name with a '/' is compared with the whole path of the calling application. Blanks are not
-// trimmed; letter case is ignored except in braces.
+// "{name}" asks for a named condition, what begins with a digit or "mode:" is reserved and never
+// holds, and anything else is a list of application names, separated by semicolons. A name with a
+// '/' is compared with the whole path of the calling application. Blanks are not trimmed; letter
+// case is ignored except in braces.
 #pragma once
 
 #include <functional>
@@ -23,7 +23,6 @@ struct ConditionContext {
   std::string_view application;  ///< path of the calling application, empty when unknown
   /// Asked with the whole term, braces included.
   std::function<bool(std::string_view name)> isNamedConditionActive;
-  std::function<bool(std::string_view mode)> isModeActive;
 };
 
 struct Alternative {

@@ -8,21 +8,18 @@
 namespace qixx::config {
 
 std::optional<std::string> JoinText(std::initializer_list<std::string_view> parts) {
-  std::size_t length = 0;
-  for (const std::string_view part : parts) length += part.size();
-  if (length > runtime::kMaxText) return std::nullopt;
   std::string joined;
-  joined.reserve(length);
   for (const std::string_view part : parts) joined += part;
+  if (joined.size() > runtime::kMaxText) return std::nullopt;
   return joined;
 }
 
 std::optional<std::string_view> FindProductVariable(std::initializer_list<std::string_view> parts) {
-  std::string name(runtime::Product().prefix);
-  if (name.empty()) return std::nullopt;
-  const std::optional<std::string> rest = JoinText(parts);
-  if (!rest || name.size() + rest->size() > runtime::kMaxText) return std::nullopt;
-  const char* const value = std::getenv(name.append(*rest).c_str());
+  const std::string_view prefix = runtime::Product().prefix;
+  std::string name(prefix);
+  for (const std::string_view part : parts) name += part;
+  const bool isName = !prefix.empty() && name.size() <= runtime::kMaxText;
+  const char* const value = isName ? std::getenv(name.c_str()) : nullptr;
   if (value == nullptr) return std::nullopt;
   return value;
 }

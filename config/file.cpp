@@ -43,13 +43,10 @@ CConfigFile::~CConfigFile() {
 
 ConfigResult CConfigFile::LoadText(std::string_view data) {
   if (data.data() == nullptr || data.size() > kMaxLoadedText) return ConfigResult::kFailed;
-  std::string text(data);
-  tree_.reset();
-  ForgetCursors();
-  text_ = std::move(text);
+  text_ = std::string(data);
   capacity_ = data.size() + kLoadedTextReserve;
   hasText_ = true;
-  return data.empty() ? ConfigResult::kOk : Normalise();
+  return Normalise();
 }
 
 ConfigResult CConfigFile::Open(bool writable, const std::string& path, bool quiet) {
@@ -132,7 +129,7 @@ bool CConfigFile::TakeText(std::optional<std::string> content) {
   text_ = std::move(*content);
   capacity_ = WholeSteps(text_.size() + 1) * kGrowthStep;
   if (!Transcode(false)) text_.clear();
-  return text_.empty() || Normalise() == ConfigResult::kOk;
+  return Normalise() == ConfigResult::kOk;
 }
 
 bool CConfigFile::WriteText() {
@@ -160,14 +157,6 @@ bool CConfigFile::Transcode(bool /*encode*/) {
 
 // --- state ------------------------------------------------------------------------------------
 
-ConfigKind CConfigFile::GetKind() const {
-  return ConfigKind::kFile;
-}
-
-bool CConfigFile::IsOpen() const {
-  return file_.IsOpen();
-}
-
 std::optional<std::string_view> CConfigFile::GetText() const {
   if (!hasText_) return std::nullopt;
   return text_;
@@ -177,8 +166,7 @@ void CConfigFile::ForgetCursors() {
   position_ = 0;
   entryCursor_.reset();
   sectionCursor_ = {};
-  nextBlock_ = 0;
-  blockPosition_ = 0;
+  blockCursor_ = {};
 }
 
 /// After every change: the tree and what was remembered about the text are out of date.
@@ -201,23 +189,16 @@ FoundValue CConfigFile::FindValue(std::string_view section, std::optional<std::s
 FoundValue CConfigFile::FindValueInText(std::string_view section,
                                         std::optional<std::string_view> entry) {
   if (!hasText_) return {};
-  if (entry) {
-    const EntrySearch found = FindEntry(text_, section, *entry);
-    position_ = found.end;
-    return {found.result, found.value};
-  }
-  const std::optional<SectionSpan> found = FindSection(text_, section);
-  position_ = found ? found->insertion : text_.size();
-  return {found ? ConfigResult::kOk : ConfigResult::kNoSection, {}};
+  const EntrySearch found = FindEntry(text_, section, entry);
+  position_ = found.end;
+  return {found.result, found.value};
 }
 
 FoundValue CConfigFile::FindValueInTree(std::string_view section,
                                         std::optional<std::string_view> entry) {
-  if (tree_ == nullptr) return {};
-  if (!entry) return {tree_->HasSection(section) ? ConfigResult::kOk : ConfigResult::kFailed, {}};
-  const std::optional<std::string_view> value = tree_->FindValue(section, *entry);
-  if (!value) return {};
-  return {ConfigResult::kOk, *value};
+  std::optional<std::string_view> value;
+  if (tree_ != nullptr) value = tree_->FindValue(section, entry);
+  return value ? FoundValue{ConfigResult::kOk, *value} : FoundValue{};
 }
 
 bool CConfigFile::SectionExists(std::string_view section) {
@@ -238,10 +219,6 @@ std::optional<ConfigEntry> CConfigFile::EnumEntries(std::size_t& index) {
 
 // --- changes ----------------------------------------------------------------------------------
 
-bool CConfigFile::FitsLimit(std::size_t bytes) const {
-  return bytes <= kMaxConfigSize - std::min(text_.size(), kMaxConfigSize);
-}
-
 ConfigResult CConfigFile::Grow(std::size_t bytes) {
   if (!FitsLimit(bytes)) return ConfigResult::kFailed;
   const std::size_t free = capacity_ - text_.size();
@@ -254,37 +231,31 @@ ConfigResult CConfigFile::Grow(std::size_t bytes) {
 
 /// Grows when `bytes` more would not fit. Comes before anything is cut, so that a failure leaves
 /// the text as it was.
-ConfigResult CConfigFile::MakeRoom(std::size_t bytes, Change change) {
+ConfigResult CConfigFile::MakeRoom(std::size_t bytes, const char* change) {
   if (bytes <= capacity_ - text_.size()) {
     return FitsLimit(bytes) ? ConfigResult::kOk : ConfigResult::kFailed;
   }
-  const int needed = static_cast<int>(std::min(bytes, kMaxConfigSize));
-  switch (change) {
-    case Change::kAdd:
-      runtime::TraceWrite("Config - Increase for add (%d)", needed);
-      break;
-    case Change::kSet:
-      runtime::TraceWrite("Config - Increase for set (%d)", needed);
-      break;
-    case Change::kRename:
-      runtime::TraceWrite("Config - Increase for rename (%d)", needed);
-      break;
-    case Change::kWhole:
-      break;
+  if (change != nullptr) {
+    runtime::TraceWrite("Config - Increase for %s (%d)", change,
+                        static_cast<int>(std::min(bytes, kMaxConfigSize)));
   }
   return Grow(bytes);
 }
 
-ConfigResult CConfigFile::Splice(TextRange range, std::string_view replacement, Change change) {
-  const ConfigResult result = MakeRoom(replacement.size(), change);
+/// Puts the entry's line, behind `head`, in the place of what is there.
+ConfigResult CConfigFile::PutEntry(TextRange place, std::string_view head, std::string_view entry,
+                                   std::string_view value, const char* change) {
+  const std::optional<std::string> text = EntryText(head, entry, value);
+  if (!text) return ConfigResult::kFailed;
+  const ConfigResult result = MakeRoom(text->size(), change);
   if (result != ConfigResult::kOk) return result;
-  text_.replace(range.begin, range.end - range.begin, replacement);
+  text_.replace(place.begin, place.end - place.begin, *text);
   Touch();
   return ConfigResult::kOk;
 }
 
 /// Takes a text that was made from the present one.
-ConfigResult CConfigFile::Adopt(std::string text, Change change) {
+ConfigResult CConfigFile::Adopt(std::string text, const char* change) {
   if (text.size() > text_.size()) {
     const ConfigResult result = MakeRoom(text.size() - text_.size(), change);
     if (result != ConfigResult::kOk) return result;
@@ -303,9 +274,7 @@ ConfigResult CConfigFile::SetValue(std::string_view section, std::string_view en
   const std::string head = found.result == ConfigResult::kNoSection
                                ? SectionHead(sectionName)
                                : std::string(MissingLineEnd(text_, found.begin));
-  const std::optional<std::string> text = EntryText(head, entryName, value);
-  if (!text) return ConfigResult::kFailed;
-  return Splice({found.begin, found.end}, *text, Change::kSet);
+  return PutEntry({found.begin, found.end}, head, entryName, value, "set");
 }
 
 ConfigResult CConfigFile::RenameSection(std::string_view oldName, std::string_view newName) {
@@ -314,7 +283,7 @@ ConfigResult CConfigFile::RenameSection(std::string_view oldName, std::string_vi
   const std::string name = OneLine(newName);
   if (name.empty()) return ConfigResult::kFailed;
   const std::optional<std::string> merged = MergeBeforeRename(text_, oldName, name);
-  return Adopt(RewriteHeaders(merged ? *merged : text_, oldName, name), Change::kRename);
+  return Adopt(RewriteHeaders(merged ? *merged : text_, oldName, name), "rename");
 }
 
 // --- migration --------------------------------------------------------------------------------
@@ -322,18 +291,18 @@ ConfigResult CConfigFile::RenameSection(std::string_view oldName, std::string_vi
 void CConfigFile::Migrate(bool force) {
   if (!hasText_ || (!force && !LooksOld(text_))) return;
   tree_.reset();
-  for (const SectionAlias& alias : SectionAliases()) {
+  for (const SectionAlias& alias : kSectionAliases) {
     if (RenameSection(alias.oldName, alias.newName) != ConfigResult::kOk) break;
   }
   RenameProfiles();
   if (std::optional<std::string> moved = MoveImages(text_)) {
-    (void)Adopt(std::move(*moved), Change::kSet);
+    (void)Adopt(std::move(*moved), "set");
   }
 }
 
 void CConfigFile::RenameProfiles() {
   for (char digit = '1'; digit <= '9'; ++digit) {
-    const EntrySearch profile = FindEntry(text_, kProfileSection, {&digit, 1});
+    const EntrySearch profile = FindEntry(text_, kProfileSection, std::string_view(&digit, 1));
     if (profile.result != ConfigResult::kOk) return;
     const std::string name(profile.value);
     const std::string newName = std::string(kProfileSection) + ' ' + name;

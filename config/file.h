@@ -42,7 +42,7 @@ class CConfigFile : public CConfigItem {
   ConfigResult LoadText(std::string_view data) override;
   ConfigResult Open(bool writable, const std::string& path, bool quiet) override;
   ConfigResult Close(bool release) override;
-  [[nodiscard]] ConfigKind GetKind() const override;
+  [[nodiscard]] ConfigKind GetKind() const override { return ConfigKind::kFile; }
   [[nodiscard]] bool IsProductFile() const override;
   std::optional<ConfigEntry> EnumEntries(std::size_t& index) override;
   std::optional<std::string> EnumSectionEntries(std::string_view section,
@@ -64,7 +64,7 @@ class CConfigFile : public CConfigItem {
   void Migrate(bool force) override;
 
   /// True while the file itself is open: from a writable open to the close.
-  [[nodiscard]] virtual bool IsOpen() const;
+  [[nodiscard]] virtual bool IsOpen() const { return file_.IsOpen(); }
   /// As a writable Open, but of a text that the caller has read from that file. Nothing is written
   /// by the close; see ChangedText. kFailed for a text that may not be changed.
   ConfigResult OpenText(const std::string& path, std::string text);
@@ -94,11 +94,8 @@ class CConfigFile : public CConfigItem {
   virtual bool Transcode(bool encode);
 
  private:
-  /// What a growth is for, as the trace says it; a rewrite of the whole text says nothing.
-  enum class Change { kAdd, kSet, kRename, kWhole };
-
-  /// Where a walk over the entries of one section stands.
-  struct SectionCursor {
+  /// Where a walk over the entries of one section, or over the blocks, stands.
+  struct Cursor {
     std::string section;
     std::size_t next = 0;
     std::size_t position = 0;
@@ -111,10 +108,14 @@ class CConfigFile : public CConfigItem {
   bool WriteText();
   void ForgetCursors();
   void Touch();
-  [[nodiscard]] bool FitsLimit(std::size_t bytes) const;
-  ConfigResult MakeRoom(std::size_t bytes, Change change);
-  ConfigResult Splice(TextRange range, std::string_view replacement, Change change);
-  ConfigResult Adopt(std::string text, Change change);
+  [[nodiscard]] bool FitsLimit(std::size_t bytes) const {
+    return bytes <= kMaxConfigSize - text_.size();
+  }
+  // `change` is what the text grows for, as the trace says it; null says nothing.
+  ConfigResult MakeRoom(std::size_t bytes, const char* change);
+  ConfigResult PutEntry(TextRange place, std::string_view head, std::string_view entry,
+                        std::string_view value, const char* change);
+  ConfigResult Adopt(std::string text, const char* change = nullptr);
   void RenameProfiles();
 
   std::string text_;
@@ -132,9 +133,8 @@ class CConfigFile : public CConfigItem {
   // Enumerations ask for one index after the other; these make such a walk linear.
   std::optional<EntryReader> entryCursor_;
   std::size_t nextEntry_ = 0;
-  SectionCursor sectionCursor_;
-  std::size_t nextBlock_ = 0;
-  std::size_t blockPosition_ = 0;
+  Cursor sectionCursor_;
+  Cursor blockCursor_;
 };
 
 }  // namespace qixx::config

@@ -17,25 +17,22 @@ std::size_t ShortenedRun(std::size_t length) {
 }
 
 void ShortenEmptyLines(std::string& text) {
-  std::size_t read = text.find("\n\n\n");
-  if (read == std::string::npos) return;
-  std::size_t written = read;
-  while (read < text.size()) {
-    if (text[read] != '\n') {
-      text[written++] = text[read++];
-      continue;
-    }
-    const std::size_t end = std::min(text.find_first_not_of('\n', read), text.size());
-    for (std::size_t feeds = ShortenedRun(end - read); feeds > 0; --feeds) text[written++] = '\n';
+  auto written = text.begin();
+  for (auto read = text.begin(); read != text.end();) {
+    const bool isFeed = *read == '\n';
+    const auto end =
+        std::find_if(read, text.end(), [isFeed](char c) { return (c == '\n') != isFeed; });
+    const auto length = static_cast<std::size_t>(end - read);
+    written = std::copy_n(read, isFeed ? ShortenedRun(length) : length, written);
     read = end;
   }
-  text.resize(written);
+  text.erase(written, text.end());
 }
 
 /// Where CR is the only line end, taking the CRs out on save would join all lines.
 void UseLineFeeds(std::string& text) {
   if (text.find('\n') != std::string::npos) return;
-  std::replace(text.begin(), text.end(), '\r', '\n');
+  std::ranges::replace(text, '\r', '\n');
 }
 
 }  // namespace
@@ -57,17 +54,17 @@ void NormaliseLoaded(std::string& text) {
 
 void NormaliseForSave(std::string& text) {
   UseLineFeeds(text);
-  text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+  std::erase(text, '\r');
   ShortenEmptyLines(text);
 }
 
 void ReplaceZeroBytes(std::string& text) {
-  std::replace(text.begin(), text.end(), '\0', '.');
+  std::ranges::replace(text, '\0', '.');
 }
 
 std::string OneLine(std::string_view text) {
   std::string line(runtime::UpToZero(text));
-  std::replace_if(line.begin(), line.end(), IsLineBreak, ' ');
+  std::ranges::replace_if(line, IsLineBreak, ' ');
   return line;
 }
 
@@ -92,7 +89,7 @@ std::string_view MissingLineEnd(std::string_view text, std::size_t position) {
 
 std::string Folded(std::string_view text) {
   std::string folded(text);
-  std::transform(folded.begin(), folded.end(), folded.begin(), runtime::FoldCase);
+  std::ranges::transform(folded, folded.begin(), runtime::FoldCase);
   return folded;
 }
 

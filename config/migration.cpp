@@ -12,32 +12,6 @@
 namespace qixx::config {
 namespace {
 
-constexpr SectionAlias kSectionAliases[] = {
-    {"Soft Tokens", "SoftToken"},
-    {"Admin Utility", "General"},
-    {"CallTrace", "Trace Call"},
-    {"CardBitmap", "Dialog Image"},
-    {"Compress", "SmartCard Compress"},
-    {"Custom Links", "Links Custom"},
-    {"Dynamic Strings", "DynamicStrings"},
-    {"Default Certificate", "DefaultCertificate"},
-    {"File Extensions", "Encryption FileExtension"},
-    {"InstallOptions", "Install Option"},
-    {"PCSC", "SmartCardReader PCSC"},
-    {"Credential Provider", "CredentialProvider"},
-    {"Certificate Provider", "CredentialProvider Certificate"},
-    {"Enroll Provider", "CredentialProvider Enroll"},
-    {"PIN Provider", "CredentialProvider Pin"},
-    {"Unlock Provider", "CredentialProvider Unlock"},
-    {"Password Provider", "CredentialProvider Password"},
-    {"Change Credential Provider", "CredentialProvider Change"},
-    {"Packages", "Install Packages"},
-    {"Shortcuts", "Install Shortcuts"},
-    {"Smart Card", "SmartCard"},
-    {"Smart Card Reader", "SmartCardReader"},
-    {"InitProfiles", "SmartCardProfile"},
-};
-
 constexpr std::string_view kImageSource = "CredentialProvider";
 constexpr std::string_view kImageTarget = "Dialog Presentation";
 
@@ -54,11 +28,6 @@ struct Entry {
 /// Unlike a written value this one was read from a line, so it is neither cut nor cleaned.
 std::string LineOf(std::string_view name, std::string_view value) {
   return std::string(name).append(1, '=').append(value).append(1, '\n');
-}
-
-/// The lines of a section, without its header.
-LineReader LinesOf(std::string_view text, const SectionSpan& section) {
-  return LineReader(text.substr(0, section.end), section.header.end);
 }
 
 /// The entries of a section, of equal names the first one that has a value.
@@ -117,25 +86,18 @@ bool IsImage(std::string_view line) {
          (runtime::StartsWithNoCase(line, "BMP") || runtime::StartsWithNoCase(line, "IMAGE"));
 }
 
-using ValuesByName = std::unordered_map<std::string, std::string>;
-
-ValuesByName CollectImageTargets(std::string_view text) {
-  ValuesByName values;
-  const std::optional<SectionSpan> section = FindSection(text, kImageTarget);
-  if (!section) return values;
-  for (const Entry& entry : CollectEntries(text, *section)) {
-    if (entry.assigned) values.emplace(Folded(entry.name), entry.value);
-  }
-  return values;
-}
-
 struct TakenImages {
   std::string rest;    ///< the text without the images that may leave their sections
   std::string images;  ///< the lines of those that are new to the other section
 };
 
 TakenImages TakeImages(std::string_view text) {
-  ValuesByName targets = CollectImageTargets(text);
+  std::unordered_map<std::string, std::string> targets;
+  if (const std::optional<SectionSpan> section = FindSection(text, kImageTarget)) {
+    for (const Entry& entry : CollectEntries(text, *section)) {
+      if (entry.assigned) targets.emplace(Folded(entry.name), entry.value);
+    }
+  }
   TakenImages taken;
   std::size_t copied = 0;
   MarkReader marks(text);
@@ -159,10 +121,6 @@ TakenImages TakeImages(std::string_view text) {
 
 }  // namespace
 
-std::span<const SectionAlias> SectionAliases() {
-  return kSectionAliases;
-}
-
 bool LooksOld(std::string_view text) {
   return (Contains(text, kOldSoftToken) && !Contains(text, "SoftToken")) ||
          (Contains(text, kOldGeneral) && !Contains(text, "General"));
@@ -179,7 +137,7 @@ std::optional<std::string> MergeBeforeRename(std::string_view text, std::string_
   const std::vector<Entry> entries = CollectEntries(text, source);
   if (entries.empty()) return std::nullopt;
 
-  const TextRange cut = FindCutOfSection(text, newName).value_or(TextRange{});
+  const TextRange cut = FindCutOfSection(text, newName);
   std::string merged(text, 0, cut.begin);
   merged.append(text, cut.end);
   const std::optional<SectionSpan> target = FindSection(merged, oldName);
@@ -208,12 +166,8 @@ std::optional<std::string> MoveImages(std::string_view text) {
   if (moved.size() == text.size()) return std::nullopt;
   if (images.empty()) return std::move(moved);
   const std::optional<SectionSpan> section = FindSection(moved, kImageTarget);
-  if (!section) {
-    moved += SectionHead(kImageTarget) + images;
-    return std::move(moved);
-  }
-  const std::size_t at = section->insertion;
-  images.insert(0, MissingLineEnd(moved, at));
+  const std::size_t at = section ? section->insertion : moved.size();
+  images.insert(0, section ? std::string(MissingLineEnd(moved, at)) : SectionHead(kImageTarget));
   moved.insert(at, images);
   return std::move(moved);
 }

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -16,7 +15,31 @@ struct SectionAlias {
   std::string_view newName;
 };
 /// All renamed sections in the order of their renaming.
-[[nodiscard]] std::span<const SectionAlias> SectionAliases();
+inline constexpr SectionAlias kSectionAliases[] = {
+    {"Soft Tokens", "SoftToken"},
+    {"Admin Utility", "General"},
+    {"CallTrace", "Trace Call"},
+    {"CardBitmap", "Dialog Image"},
+    {"Compress", "SmartCard Compress"},
+    {"Custom Links", "Links Custom"},
+    {"Dynamic Strings", "DynamicStrings"},
+    {"Default Certificate", "DefaultCertificate"},
+    {"File Extensions", "Encryption FileExtension"},
+    {"InstallOptions", "Install Option"},
+    {"PCSC", "SmartCardReader PCSC"},
+    {"Credential Provider", "CredentialProvider"},
+    {"Certificate Provider", "CredentialProvider Certificate"},
+    {"Enroll Provider", "CredentialProvider Enroll"},
+    {"PIN Provider", "CredentialProvider Pin"},
+    {"Unlock Provider", "CredentialProvider Unlock"},
+    {"Password Provider", "CredentialProvider Password"},
+    {"Change Credential Provider", "CredentialProvider Change"},
+    {"Packages", "Install Packages"},
+    {"Shortcuts", "Install Shortcuts"},
+    {"Smart Card", "SmartCard"},
+    {"Smart Card Reader", "SmartCardReader"},
+    {"InitProfiles", "SmartCardProfile"},
+};
 
 inline constexpr std::string_view kProfileSection = "SmartCardProfile";
 

@@ -27,16 +27,6 @@ std::size_t InsertionPoint(std::string_view text, std::size_t end) {
   return BehindLineEnd(text, end);
 }
 
-/// What goes with a section: its lines with the LF in front of its header, but not the line end in
-/// front of the next header or block.
-TextRange CutOfSection(std::string_view text, const SectionSpan& section) {
-  const std::size_t begin = section.header.begin;
-  const bool behindFeed = begin > 0 && text[begin - 1] == '\n';
-  const std::size_t end =
-      section.end == text.size() ? section.end : BeforeBlanks(text, section.end) - 1;
-  return {behindFeed ? begin - 1 : begin, end};
-}
-
 }  // namespace
 
 std::size_t FindLineEnd(std::string_view text, std::size_t from) {
@@ -154,16 +144,22 @@ SectionSpan SpanOfSection(std::string_view text, const TextLine& header) {
   return section;
 }
 
-std::optional<TextRange> FindCutOfSection(std::string_view text, std::string_view name) {
-  std::optional<TextRange> found;
+LineReader LinesOf(std::string_view text, const SectionSpan& section) {
+  return LineReader(text.substr(0, section.end), section.header.end);
+}
+
+TextRange FindCutOfSection(std::string_view text, std::string_view name) {
+  TextRange cut;
   MarkReader marks(text);
   while (const std::optional<TextLine> header = marks.NextHeader()) {
     const bool behindFeed = header->begin > 0 && text[header->begin - 1] == '\n';
-    if ((found && !behindFeed) || !IsHeaderOf(header->text, name)) continue;
-    found = CutOfSection(text, SpanOfSection(text, *header));
+    if ((cut.end != 0 && !behindFeed) || !IsHeaderOf(header->text, name)) continue;
+    const std::size_t end = SpanOfSection(text, *header).end;
+    cut = {header->begin - (behindFeed ? 1 : 0),
+           end == text.size() ? end : BeforeBlanks(text, end) - 1};
     if (behindFeed) break;
   }
-  return found;
+  return cut;
 }
 
 std::optional<TextLine> FindHeader(std::string_view text, std::string_view section,
@@ -181,23 +177,19 @@ std::optional<SectionSpan> FindSection(std::string_view text, std::string_view n
   return SpanOfSection(text, *header);
 }
 
-EntrySearch FindEntry(std::string_view text, std::string_view section, std::string_view entry) {
-  const std::optional<TextLine> header = FindHeader(text, section, IsHeaderOf);
-  if (!header) return {ConfigResult::kNoSection, {}, text.size(), text.size()};
-  std::size_t end = text.size();
-  LineReader lines(text, header->end);
+EntrySearch FindEntry(std::string_view text, std::string_view section,
+                      std::optional<std::string_view> entry) {
+  const std::optional<SectionSpan> span = FindSection(text, section);
+  if (!span) return {ConfigResult::kNoSection, {}, text.size(), text.size()};
+  if (!entry) return {ConfigResult::kOk, {}, span->insertion, span->insertion};
+  LineReader lines = LinesOf(text, *span);
   while (const std::optional<TextLine> line = lines.Next()) {
-    if (EndsSection(line->text)) {
-      end = line->begin;
-      break;
-    }
-    if (IsEntryOf(line->text, entry)) {
-      return {ConfigResult::kOk, EntryValue(line->text.substr(entry.size())),
+    if (IsEntryOf(line->text, *entry)) {
+      return {ConfigResult::kOk, EntryValue(line->text.substr(entry->size())),
               BeforeBlanks(text, line->begin), BehindLineEnd(text, line->end)};
     }
   }
-  const std::size_t insertion = InsertionPoint(text, end);
-  return {ConfigResult::kNoEntry, {}, insertion, insertion};
+  return {ConfigResult::kNoEntry, {}, span->insertion, span->insertion};
 }
 
 std::optional<EntryReader::Names> EntryReader::Next() {

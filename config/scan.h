@@ -121,12 +121,14 @@ struct SectionSpan {
   std::size_t insertion = 0;  ///< behind the section's last line that is not empty
 };
 [[nodiscard]] SectionSpan SpanOfSection(std::string_view text, const TextLine& header);
+/// The lines of a section, without its header.
+[[nodiscard]] LineReader LinesOf(std::string_view text, const SectionSpan& section);
 /// The first section of that name.
 [[nodiscard]] std::optional<SectionSpan> FindSection(std::string_view text, std::string_view name);
-/// What goes when a section of that name is deleted: preferably the first whose header stands
-/// directly behind an LF, and that LF goes with it.
-[[nodiscard]] std::optional<TextRange> FindCutOfSection(std::string_view text,
-                                                        std::string_view name);
+/// What goes when a section of that name is deleted, but not the line end in front of the next
+/// header or block: preferably of the first whose header stands directly behind an LF, and that LF
+/// goes with it. Empty when there is none.
+[[nodiscard]] TextRange FindCutOfSection(std::string_view text, std::string_view name);
 
 /// Where an entry is, or where it would be put.
 struct EntrySearch {
@@ -135,9 +137,10 @@ struct EntrySearch {
   std::size_t begin = 0;  ///< the whole line with blanks in front; the insertion point of a miss
   std::size_t end = 0;    ///< behind its line end; equal to `begin` for a miss
 };
-/// The first matching entry of the first section of that name.
+/// The first matching entry of the first section of that name. Without an entry that section alone
+/// is asked for: where an entry would be put in it.
 [[nodiscard]] EntrySearch FindEntry(std::string_view text, std::string_view section,
-                                    std::string_view entry);
+                                    std::optional<std::string_view> entry);
 
 /// Reads the entries of all sections; what stands in blocks or in front of the first header is
 /// none. A line without '=' counts.

@@ -11,12 +11,6 @@
 namespace qixx::config {
 namespace {
 
-std::string_view FileName(std::string_view path) {
-  std::size_t slash = path.rfind('/');
-  if (slash == kNoPosition) slash = path.rfind('\\');
-  return slash == kNoPosition ? path : path.substr(slash + 1);
-}
-
 void Erase(std::string& text, TextRange range) {
   text.erase(range.begin, range.end - range.begin);
 }
@@ -25,7 +19,9 @@ void Erase(std::string& text, TextRange range) {
 
 bool CConfigFile::IsProductFile() const {
   const std::string_view prefix = runtime::Product().prefix;
-  return !prefix.empty() && FileName(path_).starts_with(prefix);
+  std::size_t slash = path_.rfind('/');
+  if (slash == kNoPosition) slash = path_.rfind('\\');
+  return !prefix.empty() && std::string_view(path_).substr(slash + 1).starts_with(prefix);
 }
 
 // --- reading ----------------------------------------------------------------------------------
@@ -38,7 +34,6 @@ std::optional<std::string_view> CConfigFile::ReadLine() {
 }
 
 std::optional<std::vector<std::uint8_t>> CConfigFile::GetBlock(std::string_view name) {
-  if (name.empty()) return std::nullopt;
   const std::optional<BlockSpan> block = FindBlock(text_, name);
   if (!block) return std::nullopt;
   std::vector<std::uint8_t> data = runtime::Base64Decode(block->body);
@@ -49,7 +44,7 @@ std::optional<std::vector<std::uint8_t>> CConfigFile::GetBlock(std::string_view 
 std::optional<std::string> CConfigFile::EnumSectionEntries(std::string_view section,
                                                            std::size_t& index) {
   const std::size_t wanted = index++;
-  SectionCursor& cursor = sectionCursor_;
+  Cursor& cursor = sectionCursor_;
   if (cursor.position == 0 || cursor.next != wanted ||
       !runtime::EqualsNoCase(cursor.section, section)) {
     const std::optional<TextLine> header = FindHeader(text_, section, IsExactHeaderOf);
@@ -68,17 +63,15 @@ std::optional<std::string> CConfigFile::EnumSectionEntries(std::string_view sect
 
 std::optional<std::string> CConfigFile::EnumBlocks(std::size_t& index) {
   const std::size_t wanted = index++;
-  if (nextBlock_ != wanted) {
-    nextBlock_ = 0;
-    blockPosition_ = 0;
-  }
+  Cursor& cursor = blockCursor_;
+  if (cursor.next != wanted) cursor = {};
   for (;;) {
-    const std::size_t begin = text_.find("\n<", blockPosition_);
+    const std::size_t begin = text_.find("\n<", cursor.position);
     if (begin == std::string::npos) return std::nullopt;
-    blockPosition_ = begin + 2;
-    if (nextBlock_++ != wanted) continue;
+    cursor.position = begin + 2;
+    if (cursor.next++ != wanted) continue;
     const std::string_view found =
-        runtime::SkipBlanks(std::string_view(text_).substr(blockPosition_));
+        runtime::SkipBlanks(std::string_view(text_).substr(cursor.position));
     return CutName(found.substr(0, found.find_first_of("= \r\n")));
   }
 }
@@ -95,16 +88,14 @@ ConfigResult CConfigFile::AddValue(std::string_view section, std::string_view en
   const std::size_t position = found ? found->insertion : 0;
   const std::string head =
       found ? std::string(MissingLineEnd(text_, position)) + '\n' : SectionHead(sectionName);
-  const std::optional<std::string> text = EntryText(head, entryName, value);
-  if (!text) return ConfigResult::kFailed;
-  return Splice({position, position}, *text, Change::kAdd);
+  return PutEntry({position, position}, head, entryName, value, "add");
 }
 
 ConfigResult CConfigFile::Delete(std::string_view section, std::optional<std::string_view> entry) {
   if (!hasText_) return ConfigResult::kFailed;
   TextRange cut;
   if (!entry) {
-    cut = FindCutOfSection(text_, section).value_or(TextRange{});
+    cut = FindCutOfSection(text_, section);
   } else if (const EntrySearch found = FindEntry(text_, section, *entry);
              found.result == ConfigResult::kOk) {
     cut = {found.begin, found.end};
@@ -120,10 +111,9 @@ ConfigResult CConfigFile::SetBlock(std::optional<std::string_view> name,
   if (!name) {
     std::string text(data.begin(), data.end());
     ReplaceZeroBytes(text);
-    return Adopt(std::move(text), Change::kWhole);
+    return Adopt(std::move(text));
   }
   const std::string blockName = OneLine(*name);
-  if (blockName.empty()) return ConfigResult::kFailed;
   std::string text = text_;
   if (const std::optional<BlockSpan> old = FindBlock(text, blockName)) Erase(text, old->range);
   const std::size_t position = text.size();
@@ -133,11 +123,10 @@ ConfigResult CConfigFile::SetBlock(std::optional<std::string_view> name,
   if (!made || made->range.end != text.size() || !IsBlock(text, made->range)) {
     return ConfigResult::kFailed;
   }
-  return Adopt(std::move(text), Change::kWhole);
+  return Adopt(std::move(text));
 }
 
 ConfigResult CConfigFile::DeleteBlock(std::string_view name) {
-  if (name.empty()) return ConfigResult::kFailed;
   const std::optional<BlockSpan> block = FindBlock(text_, name);
   if (!block) return ConfigResult::kFailed;
   Erase(text_, block->range);
@@ -147,12 +136,12 @@ ConfigResult CConfigFile::DeleteBlock(std::string_view name) {
 
 void CConfigFile::Sort() {
   std::string sorted = SortSections(text_);
-  if (runtime::CompareNoCase(sorted, text_) != 0) (void)Adopt(std::move(sorted), Change::kWhole);
+  if (runtime::CompareNoCase(sorted, text_) != 0) (void)Adopt(std::move(sorted));
 }
 
 void CConfigFile::StripComments() {
   std::string kept = StripCommentLines(text_);
-  if (kept.size() != text_.size()) (void)Adopt(std::move(kept), Change::kWhole);
+  if (kept.size() != text_.size()) (void)Adopt(std::move(kept));
 }
 
 }  // namespace qixx::config

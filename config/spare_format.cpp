@@ -53,16 +53,6 @@ bool IsDroppedLine(std::string_view line) {
   return IsLineBreak(line.front()) || line.starts_with(';') || line.starts_with("//");
 }
 
-/// Where the body of a block begins that begins at `begin`; nothing for a block of another name.
-std::optional<std::size_t> FindBody(std::string_view text, std::size_t begin,
-                                    std::string_view name) {
-  const std::string_view named = runtime::SkipBlanks(text.substr(begin + 1));
-  if (!runtime::StartsWithNoCase(named, name)) return std::nullopt;
-  const std::string_view body = runtime::SkipBlanks(named.substr(name.size()));
-  if (!body.starts_with('=')) return std::nullopt;
-  return text.size() - body.size() + 1;
-}
-
 }  // namespace
 
 std::string SortSections(std::string_view text) {
@@ -99,13 +89,18 @@ std::string StripCommentLines(std::string_view text) {
 }
 
 std::optional<BlockSpan> FindBlock(std::string_view text, std::string_view name, std::size_t from) {
+  if (name.empty()) return std::nullopt;
   while ((from = text.find('<', from)) != kNoPosition) {
     const std::size_t begin = from++;
-    const std::optional<std::size_t> body = FindBody(text, begin, name);
-    if (!body) continue;
-    const std::size_t end = text.find(kBlockEnd, *body);
-    if (end == kNoPosition) return std::nullopt;
-    return BlockSpan{{begin, end + kBlockEnd.size()}, text.substr(*body, end - *body)};
+    std::string_view body = runtime::SkipBlanks(text.substr(from));
+    if (!runtime::StartsWithNoCase(body, name)) continue;
+    body = runtime::SkipBlanks(body.substr(name.size()));
+    if (!body.starts_with('=')) continue;
+    body.remove_prefix(1);
+    const std::size_t length = body.find(kBlockEnd);
+    if (length == kNoPosition) return std::nullopt;
+    const std::size_t end = text.size() - body.size() + length + kBlockEnd.size();
+    return BlockSpan{{begin, end}, body.substr(0, length)};
   }
   return std::nullopt;
 }

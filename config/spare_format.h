@@ -26,7 +26,8 @@ struct BlockSpan {
   TextRange range;  ///< from '<' to "/>"
   std::string_view body;
 };
-/// The first block of that name that begins at `from` or behind it, wherever its '<' stands.
+/// The first block of that name that begins at `from` or behind it, wherever its '<' stands. An
+/// empty name is none.
 [[nodiscard]] std::optional<BlockSpan> FindBlock(std::string_view text, std::string_view name,
                                                  std::size_t from = 0);
 /// Whether that piece of the text is a block to the readers of sections too.

@@ -54,28 +54,26 @@ std::optional<ConfigValue> CConfig::GetQualified(std::string_view section, std::
 }
 
 bool CConfig::SectionExists(std::string_view section) {
-  return std::any_of(std::begin(items_), std::end(items_), [section](const auto& item) {
-    return item != nullptr && item->SectionExists(section);
+  return FirstAnswer([section](CConfigItem& item) { return item.SectionExists(section); });
+}
+
+std::optional<ConfigEntry> CConfig::EnumEntries(std::size_t& index) {
+  return FirstAnswer([wanted = index++](CConfigItem& item) {
+    std::size_t asked = wanted;
+    return item.EnumEntries(asked);
   });
 }
 
 std::optional<std::string> CConfig::EnumSectionEntries(std::string_view section,
                                                        std::size_t& index) {
-  const std::size_t wanted = index++;
-  for (const std::unique_ptr<CConfigItem>& item : items_) {
+  return FirstAnswer([section, wanted = index++](CConfigItem& item) {
     std::size_t asked = wanted;
-    if (item == nullptr) continue;
-    if (auto entry = item->EnumSectionEntries(section, asked)) return entry;
-  }
-  return std::nullopt;
+    return item.EnumSectionEntries(section, asked);
+  });
 }
 
 std::optional<std::vector<std::uint8_t>> CConfig::GetBlock(std::string_view name) {
-  for (const std::unique_ptr<CConfigItem>& item : items_) {
-    if (item == nullptr) continue;
-    if (auto data = item->GetBlock(name)) return data;
-  }
-  return std::nullopt;
+  return FirstAnswer([name](CConfigItem& item) { return item.GetBlock(name); });
 }
 
 // --- changing ---------------------------------------------------------------------------------

@@ -38,6 +38,11 @@ std::optional<std::string> GetUserDirectory() {
   return JoinText({home, home.ends_with('/') ? "." : "/.", prefix, "/"});
 }
 
+void MakeUserDirectory() {
+  const std::optional<std::string> directory = GetUserDirectory();
+  if (directory && !runtime::PathExists(*directory)) runtime::CreatePath(*directory);
+}
+
 /// A per-user installation is known by its library directory.
 bool HoldsLibraries(std::string_view directory) {
   const std::optional<std::string> path = JoinText({directory, "lib"});
@@ -46,8 +51,6 @@ bool HoldsLibraries(std::string_view directory) {
 }
 
 }  // namespace
-
-CConfig::CConfig() = default;
 
 CConfig::~CConfig() {
   CConfig::Close(true);
@@ -69,26 +72,27 @@ ConfigResult CConfig::Close(bool release) {
 ConfigResult CConfig::OpenAll(bool writable) {
   Close(true);
   ConfigResult result = ConfigResult::kNoPath;
-  const std::optional<std::string> local = FindLocalPath();
+  const auto open = [&](const std::string& path, const char* which) {
+    result = OpenItem(writable, path);
+    if (result != ConfigResult::kOk) runtime::TraceWrite("Config - Open %s failed", which);
+  };
+  const std::optional<ConfigPath> local = LocateLocal();
   if (local) {
-    result = OpenItem(writable, *local);
-    if (result != ConfigResult::kOk) runtime::TraceWrite("Config - Open %s failed", "local");
+    if (local->origin == PathOrigin::kHome) MakeUserDirectory();
+    open(local->path, "local");
   }
-  const std::optional<std::string> global = FindGlobalPath();
-  if (global && global != local) {
-    result = OpenItem(writable, *global);
-    if (result != ConfigResult::kOk) runtime::TraceWrite("Config - Open %s failed", "global");
-  }
+  const std::optional<ConfigPath> global = LocateGlobal();
+  if (global && (!local || global->path != local->path)) open(global->path, "global");
   return result;
 }
 
 ConfigResult CConfig::OpenDefault(bool writable) {
-  const std::optional<std::string> path = FindGlobalPath();
-  if (!path) {
+  const std::optional<ConfigPath> found = LocateGlobal();
+  if (!found) {
     runtime::TraceWrite("Config - Failed to find config file");
     return ConfigResult::kNoPath;
   }
-  return OpenItem(writable, *path);
+  return OpenItem(writable, found->path);
 }
 
 ConfigResult CConfig::OpenItem(bool writable, const std::string& path) {
@@ -103,22 +107,6 @@ ConfigResult CConfig::OpenItem(bool writable, const std::string& path) {
       path == kStaticPath ? item->LoadText("") : item->Open(writable && isFirst, path, false);
   if (result == ConfigResult::kOk) *free = std::move(item);
   return result;
-}
-
-std::optional<std::string> CConfig::FindLocalPath() {
-  std::optional<ConfigPath> found = LocateLocal();
-  if (!found) return std::nullopt;
-  if (found->origin == PathOrigin::kHome) {
-    const std::optional<std::string> directory = GetUserDirectory();
-    if (directory && !runtime::PathExists(*directory)) runtime::CreatePath(*directory);
-  }
-  return std::move(found->path);
-}
-
-std::optional<std::string> CConfig::FindGlobalPath() {
-  std::optional<ConfigPath> found = LocateGlobal();
-  if (!found) return std::nullopt;
-  return std::move(found->path);
 }
 
 std::optional<ConfigPath> CConfig::LocateLocal() {
@@ -179,25 +167,15 @@ std::optional<ConfigValue> CConfig::GetItemString(std::size_t item, std::string_
       value = {std::string(*text), ConfigOrigin::kEnvironment};
     }
   } else if (CConfigItem* const held = Item(item); held != nullptr) {
-    value = ReadItem(*held, section, entry, maxLength, raw);
+    const auto [result, stored] = held->GetValue(section, entry);
+    if (result == ConfigResult::kOk) {
+      // The whole value is resolved, and then cut.
+      const std::string_view chosen = !raw && IsConditional(stored) ? Resolve(stored) : stored;
+      value = {std::string(chosen.substr(0, maxLength)), ConfigOrigin::kFile};
+    }
   }
   RecordReference(section, entry);
   return value;
-}
-
-/// The whole value is resolved, and then cut.
-std::optional<ConfigValue> CConfig::ReadItem(CConfigItem& item, std::string_view section,
-                                             std::string_view entry, std::size_t maxLength,
-                                             bool raw) {
-  const auto [result, text] = item.GetValue(section, entry);
-  if (result != ConfigResult::kOk) return std::nullopt;
-  const std::string_view chosen = !raw && IsConditional(text) ? Resolve(text) : text;
-  return ConfigValue{std::string(chosen.substr(0, maxLength)), ConfigOrigin::kFile};
-}
-
-std::optional<ConfigValue> ReadNumberedEntry(CConfig& config, std::string_view section,
-                                             unsigned number, std::size_t maxLength) {
-  return config.GetString(section, std::to_string(number), maxLength);
 }
 
 std::optional<std::uint64_t> CConfig::GetUnsigned(std::string_view section,
@@ -213,20 +191,8 @@ std::optional<bool> CConfig::GetBoolean(std::string_view section, std::string_vi
   return *number != 0;
 }
 
-std::optional<ConfigEntry> CConfig::EnumEntries(std::size_t& index) {
-  const std::size_t wanted = index++;
-  for (const std::unique_ptr<CConfigItem>& item : items_) {
-    std::size_t asked = wanted;
-    if (item == nullptr) continue;
-    if (auto entry = item->EnumEntries(asked)) return entry;
-  }
-  return std::nullopt;
-}
-
 bool CConfig::HasText() const {
-  return std::any_of(std::begin(items_), std::end(items_), [](const auto& item) {
-    return item != nullptr && !item->GetText().value_or("").empty();
-  });
+  return FirstAnswer([](const CConfigItem& item) { return !item.GetText().value_or("").empty(); });
 }
 
 CConfigItem* CConfig::Item(std::size_t index) const {
@@ -243,15 +209,10 @@ ConfigResult CConfig::SetString(std::string_view section, std::string_view entry
 
 // --- conditions -------------------------------------------------------------------------------
 
-bool CConfig::IsModeActive(std::string_view /*mode*/) const {
-  return false;
-}
-
 std::string_view CConfig::Resolve(std::string_view value) {
   const std::string application = runtime::GetCallingApplication();
   return ResolveConditional(
-      value, {application, [this](std::string_view name) { return IsNamedConditionActive(name); },
-              [this](std::string_view mode) { return IsModeActive(mode); }});
+      value, {application, [this](std::string_view name) { return IsNamedConditionActive(name); }});
 }
 
 bool CConfig::IsNamedConditionActive(std::string_view name) {
@@ -267,10 +228,10 @@ std::string CConfig::CollectNamedConditions() {
   std::string active;
   const std::string application = runtime::GetCallingApplication();
   // The list that is being made is asked, so a condition may build on those in front of it.
-  const ConditionContext context{
-      application,
-      [&active](std::string_view name) { return active.find(name) != std::string::npos; },
-      [this](std::string_view mode) { return IsModeActive(mode); }};
+  const auto isActive = [&active](std::string_view name) {
+    return active.find(name) != std::string::npos;
+  };
+  const ConditionContext context{application, isActive};
 
   for (unsigned number = 1; number <= kMaxConditions; ++number) {
     const auto found = GetLayered(kConditionSection, std::to_string(number), kNoLimit, true);
@@ -287,9 +248,8 @@ std::string CConfig::CollectNamedConditions() {
 
 /// Notes which settings the program asks for, where an item of the kind that wants it is held.
 void CConfig::RecordReference(std::string_view section, std::string_view entry) const {
-  const bool wanted = std::any_of(std::begin(items_), std::end(items_), [](const auto& item) {
-    return item != nullptr && item->GetKind() == ConfigKind::kRecorded;
-  });
+  const bool wanted =
+      FirstAnswer([](const CConfigItem& item) { return item.GetKind() == ConfigKind::kRecorded; });
   if (wanted) AddReference(section, entry);
 }
 

@@ -50,7 +50,7 @@ inline constexpr std::size_t kMaxNumber = 16;
 /// changes are made to.
 class CConfig {
  public:
-  CConfig();
+  CConfig() = default;
   /// As Close(true); a failure to write back is lost there, so whoever changes something closes.
   virtual ~CConfig();
   CConfig(const CConfig&) = delete;
@@ -84,10 +84,6 @@ class CConfig {
                                                    std::string_view entry);
   /// Such a number, compared with 0.
   virtual std::optional<bool> GetBoolean(std::string_view section, std::string_view entry);
-  /// spare: the entry of this index in the first item or, when that has none, in the second. Each
-  /// counts its own from 0, so the second tells only what it has more. `index` grows with every
-  /// call.
-  virtual std::optional<ConfigEntry> EnumEntries(std::size_t& index);
 
   /// True when at least one open item holds a text that is not empty: a configuration that
   /// "loaded".
@@ -95,10 +91,8 @@ class CConfig {
   /// The held item (0 or 1), or null.
   [[nodiscard]] CConfigItem* Item(std::size_t index) const;
 
-  /// The paths that OpenAll and OpenDefault use. The user's directory is made when it is missing.
-  [[nodiscard]] static std::optional<std::string> FindLocalPath();
-  [[nodiscard]] static std::optional<std::string> FindGlobalPath();
-  /// The same with the reason. Nothing is made.
+  /// Where OpenAll finds the user's file, and both it and OpenDefault the system's. OpenAll makes
+  /// the user's directory when it is missing; here nothing is made.
   [[nodiscard]] static std::optional<ConfigPath> LocateLocal();
   [[nodiscard]] static std::optional<ConfigPath> LocateGlobal();
   /// spare: process-wide, the built-in configuration takes the place of the system's file.
@@ -117,7 +111,10 @@ class CConfig {
                                                   std::string_view qualifier,
                                                   std::size_t maxLength = runtime::kMaxText);
   virtual bool SectionExists(std::string_view section);
-  /// Layered like EnumEntries.
+  /// The entry of this index in the first item or, when that has none, in the second. Each counts
+  /// its own from 0, so the second tells only what it has more. `index` grows with every call.
+  virtual std::optional<ConfigEntry> EnumEntries(std::size_t& index);
+  /// The same within a section.
   virtual std::optional<std::string> EnumSectionEntries(std::string_view section,
                                                         std::size_t& index);
   virtual std::optional<std::vector<std::uint8_t>> GetBlock(std::string_view name);
@@ -130,17 +127,20 @@ class CConfig {
   virtual ConfigResult SetBlock(std::optional<std::string_view> name,
                                 std::span<const std::uint8_t> data);
 
- protected:
-  /// Whether a "mode:" condition holds. A store that knows modes answers itself.
-  [[nodiscard]] virtual bool IsModeActive(std::string_view mode) const;
-
  private:
+  /// The first answer that an open item gives, else none (false).
+  template <typename Ask>
+  auto FirstAnswer(const Ask& ask) const -> decltype(ask(*Item(0))) {
+    for (const std::unique_ptr<CConfigItem>& item : items_) {
+      if (item == nullptr) continue;
+      if (auto answer = ask(*item)) return answer;
+    }
+    return {};
+  }
   std::optional<ConfigValue> GetLayered(std::string_view section, std::string_view entry,
                                         std::size_t maxLength, bool raw);
   std::optional<ConfigValue> GetItemString(std::size_t item, std::string_view section,
                                            std::string_view entry, std::size_t maxLength, bool raw);
-  std::optional<ConfigValue> ReadItem(CConfigItem& item, std::string_view section,
-                                      std::string_view entry, std::size_t maxLength, bool raw);
   void RecordReference(std::string_view section, std::string_view entry) const;
   [[nodiscard]] std::string_view Resolve(std::string_view value);
   [[nodiscard]] bool IsNamedConditionActive(std::string_view name);
@@ -152,10 +152,5 @@ class CConfig {
   bool conditionsReported_ = false;
   bool raw_ = false;
 };
-
-/// Entry "1", "2", "3" and so on of a section that is a list. An empty entry is no end of it.
-[[nodiscard]] std::optional<ConfigValue> ReadNumberedEntry(
-    CConfig& config, std::string_view section, unsigned number,
-    std::size_t maxLength = runtime::kMaxText);
 
 }  // namespace qixx::config

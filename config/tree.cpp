@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <ranges>
 
 #include "config/scan.h"
 #include "runtime/no_destructor.h"
@@ -12,17 +13,7 @@ namespace qixx::config {
 namespace {
 
 /// Keeps a text of nothing but tiny lines from taking many times its size.
-constexpr std::size_t kMaxNodes = 1'000'000;
-/// Roughly; only saves growing the array of nodes while the text is read.
-constexpr std::size_t kUsualLineLength = 32;
-
-/// FNV-1a over the folded bytes.
-std::uint32_t HashFolded(std::string_view name) {
-  std::uint32_t hash = 2166136261U;
-  for (const char c : name)
-    hash = (hash ^ static_cast<unsigned char>(runtime::FoldCase(c))) * 16777619U;
-  return hash;
-}
+constexpr std::size_t kMaxNodes = 999'999;
 
 /// Deliberately other rules than those of the text scan: "#" is an ordinary character here, "//" is
 /// not, and an indented line is ignored.
@@ -63,60 +54,41 @@ TreeLineKind TreeReader::KindOf(std::string_view line) {
   return hasSection_ ? TreeLineKind::kEntry : TreeLineKind::kOutside;
 }
 
-LookupTree::LookupTree(std::string_view text) : text_(text) {
-  nodes_.reserve(std::min(text.size() / kUsualLineLength + 2, kMaxNodes));
-  nodes_.push_back({{}, text_, kRoot, kRoot, 0, NodeKind::kRoot});
-}
-
 std::unique_ptr<const LookupTree> LookupTree::Build(std::string_view text) {
   std::unique_ptr<LookupTree> tree(new LookupTree(text));
-  if (!tree->Parse()) return nullptr;
+  TreeReader lines(tree->text_);
+  while (const std::optional<TreeLine> line = lines.Next()) {
+    if (tree->sections_.size() + tree->entries_.size() >= kMaxNodes) return nullptr;
+    if (line->kind == TreeLineKind::kSection) {
+      tree->sections_.push_back({HeaderName(line->text), tree->entries_.size()});
+    } else if (line->kind == TreeLineKind::kEntry) {
+      tree->entries_.push_back({EntryName(line->text), EntryValue(line->text)});
+    }
+  }
   return tree;
 }
 
-bool LookupTree::Parse() {
-  NodeIndex section = kRoot;
-  TreeReader lines(text_);
-  while (const std::optional<TreeLine> line = lines.Next()) {
-    if (nodes_.size() >= kMaxNodes) return false;
-    if (line->kind == TreeLineKind::kSection) {
-      section = Prepend(kRoot, NodeKind::kSection, HeaderName(line->text), {});
-    } else if (line->kind == TreeLineKind::kEntry) {
-      (void)Prepend(section, NodeKind::kEntry, EntryName(line->text), EntryValue(line->text));
+std::optional<std::span<const LookupTree::Entry>> LookupTree::FindSection(
+    std::string_view name) const {
+  std::size_t end = entries_.size();
+  for (const Section& section : sections_ | std::views::reverse) {
+    if (runtime::EqualsNoCase(section.name, name)) {
+      return std::span(entries_).subspan(section.begin, end - section.begin);
     }
+    end = section.begin;
   }
-  return true;
-}
-
-LookupTree::NodeIndex LookupTree::Prepend(NodeIndex parent, NodeKind kind, std::string_view name,
-                                          std::string_view value) {
-  const auto index = static_cast<NodeIndex>(nodes_.size());
-  nodes_.push_back({name, value, kRoot, nodes_[parent].firstChild, HashFolded(name), kind});
-  nodes_[parent].firstChild = index;
-  return index;
-}
-
-LookupTree::NodeIndex LookupTree::FindChild(NodeIndex parent, std::string_view name) const {
-  const std::uint32_t hash = HashFolded(name);
-  NodeIndex child = nodes_[parent].firstChild;
-  while (child != kRoot &&
-         (nodes_[child].nameHash != hash || !runtime::EqualsNoCase(nodes_[child].name, name))) {
-    child = nodes_[child].nextSibling;
-  }
-  return child;
-}
-
-bool LookupTree::HasSection(std::string_view section) const {
-  return FindChild(kRoot, section) != kRoot;
+  return std::nullopt;
 }
 
 std::optional<std::string_view> LookupTree::FindValue(std::string_view section,
-                                                      std::string_view entry) const {
-  const NodeIndex parent = FindChild(kRoot, section);
-  if (parent == kRoot) return std::nullopt;
-  const NodeIndex child = FindChild(parent, entry);
-  if (child == kRoot) return std::nullopt;
-  return nodes_[child].value;
+                                                      std::optional<std::string_view> entry) const {
+  const auto entries = FindSection(section);
+  if (!entries) return std::nullopt;
+  if (!entry) return "";
+  for (const Entry& known : *entries | std::views::reverse) {
+    if (runtime::EqualsNoCase(known.name, *entry)) return known.value;
+  }
+  return std::nullopt;
 }
 
 CConfigTree::~CConfigTree() {
@@ -147,11 +119,8 @@ std::shared_ptr<const LookupTree> CConfigTree::Attach(std::string_view path,
 }
 
 CConfigTree::Slot& CConfigTree::ChooseSlot(std::string_view path) {
-  const auto samePath = [path](const Slot& slot) { return slot.path == path; };
-  const auto found = std::find_if(std::begin(slots_), std::end(slots_), samePath);
-  if (found != std::end(slots_)) return *found;
-  return *std::min_element(std::begin(slots_), std::end(slots_),
-                           [](const Slot& a, const Slot& b) { return a.lastUse < b.lastUse; });
+  auto* const found = std::ranges::find(slots_, path, &Slot::path);
+  return found != std::end(slots_) ? *found : *std::ranges::min_element(slots_, {}, &Slot::lastUse);
 }
 
 }  // namespace qixx::config

@@ -1,13 +1,13 @@
 // Parsed, read-only lookup trees, and the process-wide cache that shares them.
 //
-// A tree is built from the text of a file and never changes. It answers a lookup as a walk along
-// the lists of its nodes; as these are built by prepending, the last of equal names wins.
+// A tree is built from the text of a file and never changes. The last of equal names wins in it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -56,35 +56,27 @@ class LookupTree {
   LookupTree& operator=(const LookupTree&) = delete;
 
   [[nodiscard]] std::string_view Text() const { return text_; }
-  /// Letter case is ignored.
-  [[nodiscard]] bool HasSection(std::string_view section) const;
-  [[nodiscard]] std::optional<std::string_view> FindValue(std::string_view section,
-                                                          std::string_view entry) const;
+  /// Letter case is ignored. Without an entry the section alone is asked for; its value is empty.
+  [[nodiscard]] std::optional<std::string_view> FindValue(
+      std::string_view section, std::optional<std::string_view> entry) const;
 
  private:
-  using NodeIndex = std::uint32_t;
-  static constexpr NodeIndex kRoot = 0;
-
-  enum class NodeKind : std::uint8_t { kRoot, kSection, kEntry };
-  /// Nodes stand in one array and name each other by index; no node has the root as its relative,
-  /// so its index doubles as the end of a list.
-  struct Node {
+  struct Entry {
     std::string_view name;
-    std::string_view value;  ///< of the root: the whole text
-    NodeIndex firstChild = kRoot;
-    NodeIndex nextSibling = kRoot;
-    std::uint32_t nameHash = 0;  ///< of the folded name; spares most comparisons
-    NodeKind kind = NodeKind::kRoot;
+    std::string_view value;
+  };
+  /// Its entries go on to those of the next section.
+  struct Section {
+    std::string_view name;
+    std::size_t begin;  ///< index of its first entry
   };
 
-  explicit LookupTree(std::string_view text);
-  [[nodiscard]] bool Parse();
-  [[nodiscard]] NodeIndex Prepend(NodeIndex parent, NodeKind kind, std::string_view name,
-                                  std::string_view value);
-  [[nodiscard]] NodeIndex FindChild(NodeIndex parent, std::string_view name) const;
+  explicit LookupTree(std::string_view text) : text_(text) {}
+  [[nodiscard]] std::optional<std::span<const Entry>> FindSection(std::string_view name) const;
 
   std::string text_;
-  std::vector<Node> nodes_;
+  std::vector<Section> sections_;
+  std::vector<Entry> entries_;
 };
 
 /// The cache: three trees, each with the path it came from. Attach and destruction may be called

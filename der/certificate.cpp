@@ -16,9 +16,6 @@ constexpr std::size_t kShortestCertificate = 4;
 constexpr std::uint8_t kTagVersion = 0xA0;
 constexpr std::uint8_t kTagExtensions = 0xA3;
 
-constexpr std::string_view kSubjectSelector = "subject|";
-constexpr std::string_view kIssuerSelector = "issuer|";
-
 DerResult ExpectTag(Bytes element, std::uint8_t tag) {
   return element[0] == tag ? DerResult::kOk : DerResult::kWrongTag;
 }
@@ -54,17 +51,36 @@ class FieldReader {
   DerResult result_ = DerResult::kOk;
 };
 
-/// Shows each purpose of the extended key usage until the visitor says true; its last answer.
-template <typename Visitor>
-bool VisitExtendedKeyUsages(const CertificateHolder& holder, const Visitor& visitor) {
-  const std::optional<Bytes> extension = GetExtension(holder, kExtendedKeyUsage);
-  if (!extension) return false;
-  Bytes rest = ContentOf(ContentOf(*extension));
+/// The list of purposes of the extended key usage.
+Bytes PurposesOf(const CertificateHolder& holder) {
+  return ContentOf(ContentOf(holder.certificate.GetExtension(kExtendedKeyUsage)));
+}
+
+/// Takes the next purpose off the list; what is no identifier is passed over.
+std::optional<std::string> TakePurpose(Bytes& rest) {
   while (const std::optional<DerElement> element = TakeElement(rest)) {
-    std::optional<OidRecord> identifier = ReadOid(element->whole);
-    if (identifier && visitor(*identifier)) return true;
+    if (std::optional<OidRecord> purpose = ReadOid(element->whole)) return std::move(purpose->text);
   }
-  return false;
+  return std::nullopt;
+}
+
+std::string UtcNow() {
+  const std::time_t seconds = std::time(nullptr);
+  std::tm utc{};
+  if (::gmtime_r(&seconds, &utc) == nullptr) return {};
+  std::array<char, 16> text;
+  return {text.data(), std::strftime(text.data(), text.size(), "%Y%m%d%H%M%S", &utc)};
+}
+
+/// Whether an element of the validity lies in the past.
+bool HasPassed(Bytes time) {
+  // UTCTime as RFC 5280 has it: two header bytes, YYMMDDhhmmss, 'Z'. The century of the present is
+  // left out; a GeneralizedTime is longer and so never passes.
+  constexpr std::size_t kHeader = 2;
+  constexpr std::size_t kDigits = 12;
+  const std::string now = UtcNow();
+  return !now.empty() && time.size() == kHeader + kDigits + 1 && time[kHeader + kDigits] == 'Z' &&
+         runtime::AsText(time.subspan(kHeader, kDigits)) < std::string_view(now).substr(2);
 }
 
 CertificatePtr LoadDer(Bytes bytes) {
@@ -75,14 +91,12 @@ CertificatePtr LoadDer(Bytes bytes) {
 
 }  // namespace
 
-CDerCert::~CDerCert() = default;
-
 void CDerCert::Clear() {
   notBefore_ = notAfter_ = issuer_ = subject_ = serialNumber_ = {};
   extensions_.clear();
   issuerText_ = {};
   subjectText_ = {};
-  decoded_ = selfSigned_ = expired_ = timeTaken_ = false;
+  expired_ = false;
   CDer::Clear();
 }
 
@@ -96,10 +110,9 @@ DerResult CDerCert::SetData(Bytes bytes) {
     // Counts as a certificate without content: readers of such a value get empty answers.
     runtime::TraceWrite("DerCertificate - Bad certificate value");
   }
-  decoded_ = true;
-  selfSigned_ = SameBytes(issuer_, subject_);
-  FormatNames(bytes.size());
-  TakeTime();
+  const std::size_t maxLength = bytes.empty() ? 0 : bytes.size() - 1;
+  issuerText_ = FormatName(issuer_, maxLength);
+  subjectText_ = FormatName(subject_, maxLength);
   expired_ = HasPassed(notAfter_);
   return DerResult::kOk;
 }
@@ -159,19 +172,18 @@ DerResult CDerCert::DecodeInfo(Bytes element) {
   serialNumber_ = fields.Take(kTagInteger);
   fields.Take(kTagSequence);  // signature algorithm
   issuer_ = fields.Take(kTagSequence);
-  const Bytes validity = fields.Take(kTagSequence);
+  FieldReader validity(ContentOf(fields.Take(kTagSequence)));
   subject_ = fields.Take(kTagSequence);
   if (fields.Result() != DerResult::kOk) return fields.Result();
 
-  DerResult result = DecodeValidity(ContentOf(validity));
+  notBefore_ = validity.TakeAny().whole;
+  notAfter_ = validity.TakeAny().whole;
+  DerResult result = validity.Result();
   while (result == DerResult::kOk && !fields.IsAtEnd()) {
     const DerElement field = fields.TakeAny();
-    result = fields.Result();
-    if (result == DerResult::kOk && field.Tag() == kTagExtensions) {
-      result = DecodeExtensions(field.content);
-    }
+    if (field.Tag() == kTagExtensions) result = DecodeExtensions(field.content);
   }
-  return result;
+  return result == DerResult::kOk ? fields.Result() : result;
 }
 
 DerResult CDerCert::DecodeSignatureAlgorithm(Bytes element) {
@@ -180,13 +192,6 @@ DerResult CDerCert::DecodeSignatureAlgorithm(Bytes element) {
 
 DerResult CDerCert::DecodeSignature(Bytes element) {
   return ExpectTag(element, kTagBitString);
-}
-
-DerResult CDerCert::DecodeValidity(Bytes content) {
-  FieldReader times(content);
-  notBefore_ = times.TakeAny().whole;
-  notAfter_ = times.TakeAny().whole;
-  return times.Result();
 }
 
 DerResult CDerCert::DecodeExtensions(Bytes wrapped) {
@@ -209,52 +214,11 @@ void CDerCert::AddExtension(Bytes content) {
   extension.identifier = std::move(identifier->text);
   Bytes rest = content.subspan(identifier->element.size());
   while (const std::optional<DerElement> part = TakeElement(rest)) {
-    if (part->Tag() != kTagOctetString) continue;
-    extension.value = part->whole;
-    break;
+    if (part->Tag() == kTagOctetString) {
+      extension.value = part->whole;
+      return;
+    }
   }
-}
-
-void CDerCert::FormatNames(std::size_t size) {
-  if (size == 0) return;
-  issuerText_ = FormatNameText(issuer_, size - 1);
-  subjectText_ = FormatNameText(subject_, size - 1);
-}
-
-std::string CDerCert::FormatNameText(Bytes name, std::size_t maxLength) const {
-  return FormatName(name, maxLength);
-}
-
-void CDerCert::TakeTime() {
-  const std::time_t seconds = std::time(nullptr);
-  std::tm utc{};
-  if (::gmtime_r(&seconds, &utc) == nullptr) return;
-  std::array<char, 16> text;
-  now_.assign(text.data(), std::strftime(text.data(), text.size(), "%Y%m%d%H%M%S", &utc));
-  timeTaken_ = !now_.empty();
-}
-
-bool CDerCert::HasPassed(Bytes time) const {
-  // UTCTime as RFC 5280 has it: two header bytes, YYMMDDhhmmss, 'Z'. The century of `now_` is left
-  // out; a GeneralizedTime is longer and so never passes.
-  constexpr std::size_t kHeader = 2;
-  constexpr std::size_t kDigits = 12;
-  if (!timeTaken_ || time.size() != kHeader + kDigits + 1 || time[kHeader + kDigits] != 'Z') {
-    return false;
-  }
-  return runtime::AsText(time.subspan(kHeader, kDigits)) < std::string_view(now_).substr(2);
-}
-
-bool CDerCert::IsSame(const CDerCert& other) const {
-  return SameBytes(GetData(), other.GetData());
-}
-
-bool CDerCert::HasSameIssuer(const CDerCert& other) const {
-  return SameBytes(issuer_, other.issuer_);
-}
-
-bool CDerCert::HasSameSubject(const CDerCert& other) const {
-  return SameBytes(subject_, other.subject_);
 }
 
 Validity CDerCert::GetValidity() const {
@@ -266,24 +230,17 @@ Validity CDerCert::GetValidity() const {
   return {std::string(runtime::AsText(notBefore)), std::string(runtime::AsText(notAfter))};
 }
 
-Bytes CDerCert::FindExtension(std::string_view identifier) const {
-  for (const Extension& extension : extensions_) {
-    if (extension.identifier == identifier) return extension.value;
-  }
-  return {};
+Bytes CDerCert::GetExtension(std::string_view identifier) const {
+  const auto found = std::ranges::find(extensions_, identifier, &Extension::identifier);
+  return found != extensions_.end() ? found->value : Bytes{};
 }
 
 bool CDerCert::MatchNames(bool subjectByDefault, std::string_view filter) const {
-  bool ofSubject = subjectByDefault;
-  if (runtime::StartsWithNoCase(filter, kSubjectSelector)) {
-    ofSubject = true;
-    filter.remove_prefix(kSubjectSelector.size());
-  } else if (runtime::StartsWithNoCase(filter, kIssuerSelector)) {
-    ofSubject = false;
-    filter.remove_prefix(kIssuerSelector.size());
-  }
-  return ofSubject ? MatchName(subject_, SubjectText(), filter)
-                   : MatchName(issuer_, IssuerText(), filter);
+  const bool bySubject = runtime::StartsWithNoCase(filter, "subject|");
+  const bool byIssuer = runtime::StartsWithNoCase(filter, "issuer|");
+  if (bySubject || byIssuer) filter.remove_prefix(filter.find('|') + 1);
+  return bySubject || (subjectByDefault && !byIssuer) ? MatchName(subject_, subjectText_, filter)
+                                                      : MatchName(issuer_, issuerText_, filter);
 }
 
 void CertificateHolder::SetKeyIdentifier(Bytes identifier) {
@@ -297,31 +254,24 @@ CertificatePtr LoadCertificate(Bytes bytes) {
   return LoadDer(runtime::Base64Decode(runtime::AsText(bytes)));
 }
 
-std::string_view GetSubjectText(const CertificateHolder& holder) {
-  return holder.certificate.SubjectText();
-}
-
 Bytes GetSerialNumber(const CertificateHolder& holder) {
   return ContentOf(holder.certificate.SerialNumber());
 }
 
-std::optional<Bytes> GetExtension(const CertificateHolder& holder, std::string_view identifier) {
-  const Bytes value = holder.certificate.FindExtension(identifier);
-  if (value.empty()) return std::nullopt;
-  return value;
-}
-
 bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpose) {
-  return VisitExtendedKeyUsages(
-      holder, [purpose](const OidRecord& identifier) { return identifier.text == purpose; });
+  Bytes rest = PurposesOf(holder);
+  while (const std::optional<std::string> found = TakePurpose(rest)) {
+    if (*found == purpose) return true;
+  }
+  return false;
 }
 
 std::vector<std::string> GetExtendedKeyUsages(const CertificateHolder& holder) {
   std::vector<std::string> purposes;
-  VisitExtendedKeyUsages(holder, [&purposes](OidRecord& identifier) {
-    if (!identifier.text.empty()) purposes.push_back(std::move(identifier.text));
-    return false;
-  });
+  Bytes rest = PurposesOf(holder);
+  while (std::optional<std::string> purpose = TakePurpose(rest)) {
+    if (!purpose->empty()) purposes.push_back(*std::move(purpose));
+  }
   return purposes;
 }
 

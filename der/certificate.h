@@ -39,7 +39,6 @@ struct Validity {
 class CDerCert : public CDer {
  public:
   CDerCert() = default;
-  ~CDerCert() override;
 
   void Clear() override;
   /// Parses a certificate. Intended, for readers of cards that count such an object: a value
@@ -48,14 +47,20 @@ class CDerCert : public CDer {
   [[nodiscard]] DerResult SetData(Bytes bytes) override;
 
   /// Whether both have the same encoding.
-  [[nodiscard]] virtual bool IsSame(const CDerCert& other) const;
-  [[nodiscard]] virtual bool HasSameIssuer(const CDerCert& other) const;
-  [[nodiscard]] virtual bool HasSameSubject(const CDerCert& other) const;
+  [[nodiscard]] virtual bool IsSame(const CDerCert& other) const {
+    return SameBytes(GetData(), other.GetData());
+  }
+  [[nodiscard]] virtual bool HasSameIssuer(const CDerCert& other) const {
+    return SameBytes(issuer_, other.issuer_);
+  }
+  [[nodiscard]] virtual bool HasSameSubject(const CDerCert& other) const {
+    return SameBytes(subject_, other.subject_);
+  }
   /// Both empty when either is missing or longer than kMaxValidityTime.
   [[nodiscard]] virtual Validity GetValidity() const;
   /// The value of the first extension with this identifier: the octet string with tag and length.
   /// Empty when there is none.
-  [[nodiscard]] virtual Bytes FindExtension(std::string_view identifier) const;
+  [[nodiscard]] virtual Bytes GetExtension(std::string_view identifier) const;
   /// A filter that begins with "subject|" or "issuer|" (in any letter case, blanks may follow)
   /// looks at that name; any other at the subject or the issuer as `subjectByDefault` says. The
   /// filter itself is that of MatchName in der/names.h; an empty one matches.
@@ -67,14 +72,13 @@ class CDerCert : public CDer {
   [[nodiscard]] Bytes Subject() const { return subject_; }
   [[nodiscard]] Bytes NotBefore() const { return notBefore_; }
   [[nodiscard]] Bytes NotAfter() const { return notAfter_; }
-  [[nodiscard]] Bytes KeyUsage() const { return FindExtension(kKeyUsage); }
+  [[nodiscard]] Bytes KeyUsage() const { return GetExtension(kKeyUsage); }
 
   /// The names as text (der/names.h), each shorter than the value that was set.
-  [[nodiscard]] std::string_view IssuerText() const { return issuerText_; }
-  [[nodiscard]] std::string_view SubjectText() const { return subjectText_; }
+  [[nodiscard]] std::string_view GetIssuerText() const { return issuerText_; }
+  [[nodiscard]] std::string_view GetSubjectText() const { return subjectText_; }
 
-  [[nodiscard]] bool IsDecoded() const { return decoded_; }
-  [[nodiscard]] bool IsSelfSigned() const { return selfSigned_; }
+  [[nodiscard]] bool IsSelfSigned() const { return SameBytes(issuer_, subject_); }
   /// As of the parse. Two oddities are intended, since lists of cards are ordered by them: a
   /// not-after in GeneralizedTime never counts as expired, and one in UTCTime is compared without
   /// its century.
@@ -86,9 +90,6 @@ class CDerCert : public CDer {
   [[nodiscard]] virtual DerResult DecodeSignatureAlgorithm(Bytes element);
   [[nodiscard]] virtual DerResult DecodeSignature(Bytes element);
 
-  /// A name element as text of at most `maxLength` characters.
-  [[nodiscard]] virtual std::string FormatNameText(Bytes name, std::size_t maxLength) const;
-
  private:
   struct Extension {
     std::string identifier;  ///< dotted
@@ -97,12 +98,8 @@ class CDerCert : public CDer {
 
   [[nodiscard]] DerResult DecodeCertificate(Bytes bytes);
   [[nodiscard]] DerResult DecodeParts(const ParsedElement& outer);
-  [[nodiscard]] DerResult DecodeValidity(Bytes content);
   [[nodiscard]] DerResult DecodeExtensions(Bytes wrapped);
   void AddExtension(Bytes content);
-  void FormatNames(std::size_t size);
-  void TakeTime();
-  [[nodiscard]] bool HasPassed(Bytes time) const;
 
   Bytes notBefore_;
   Bytes notAfter_;
@@ -112,11 +109,7 @@ class CDerCert : public CDer {
   std::vector<Extension> extensions_;  // at most kMaxExtensions
   std::string issuerText_;
   std::string subjectText_;
-  bool decoded_ = false;
-  bool selfSigned_ = false;
   bool expired_ = false;
-  bool timeTaken_ = false;
-  std::string now_;  // UTC, YYYYMMDDhhmmss
 };
 
 /// A certificate with what a reader of cards notes about it.
@@ -141,15 +134,9 @@ using CertificatePtr = std::unique_ptr<CertificateHolder>;
 
 // --- questions about a certificate ------------------------------------------------------------
 
-/// The subject as text.
-[[nodiscard]] std::string_view GetSubjectText(const CertificateHolder& holder);
-
 /// The content bytes of the serial number, a leading zero byte included; empty when there are none.
 [[nodiscard]] Bytes GetSerialNumber(const CertificateHolder& holder);
 
-/// The octet string, with tag and length, of the extension with this dotted identifier.
-[[nodiscard]] std::optional<Bytes> GetExtension(const CertificateHolder& holder,
-                                                std::string_view identifier);
 [[nodiscard]] bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpose);
 /// The purposes of the extended key usage, dotted, in their order; what is no identifier is left
 /// out.

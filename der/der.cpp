@@ -79,26 +79,20 @@ char* WritePiece(char* at, std::uint64_t value, bool first) {
   return std::to_chars(at + 1, at + kMaxPiece - 1, number).ptr;
 }
 
-OidText ContentToText(Bytes content, std::size_t maxLength) {
+OidRecord ContentToText(const DerElement& oid, std::size_t maxLength) {
   // Written here and made a string once, since every certificate has dozens of identifiers.
   std::array<char, kMaxOidText + kMaxPiece> text;
   const char* const limit = text.data() + std::min(maxLength, kMaxOidText);
   char* end = text.data();
-  while (!content.empty()) {
-    const std::optional<Subidentifier> next = DecodeSubidentifier(content);
-    if (!next) return {DerResult::kBadLength, {}};
-    content = content.subspan(next->length);
+  for (Bytes rest = oid.content; !rest.empty();) {
+    const std::optional<Subidentifier> next = DecodeSubidentifier(rest);
+    if (!next) return {DerResult::kBadLength};
+    rest = rest.subspan(next->length);
     char* const behind = WritePiece(end, next->value, end == text.data());
-    if (behind > limit) return {DerResult::kTooSmall, std::string(text.data(), end)};
+    if (behind > limit) return {DerResult::kTooSmall, std::string(text.data(), end), oid.whole};
     end = behind;
   }
-  return {DerResult::kOk, std::string(text.data(), end)};
-}
-
-/// Why there is no identifier to read; kOk when there is one.
-DerResult CheckOid(Bytes bytes) {
-  if (bytes.size() < kShortHeader) return DerResult::kBadLength;
-  return bytes[0] == kTagOid ? DerResult::kOk : DerResult::kWrongTag;
+  return {DerResult::kOk, std::string(text.data(), end), oid.whole};
 }
 
 }  // namespace
@@ -118,12 +112,9 @@ std::optional<ParsedElement> ParseElement(Bytes bytes) {
 }
 
 std::optional<DerElement> ReadElement(Bytes bytes) {
-  std::optional<DerElement> element;
   const std::optional<DerLength> length = DecodeLength(bytes);
-  if (length && length->content <= bytes.size() - length->header) {
-    element.emplace(bytes.first(std::size_t{length->header} + length->content), length->header);
-  }
-  return element;
+  if (!length || length->content > bytes.size() - length->header) return std::nullopt;
+  return DerElement(bytes.first(std::size_t{length->header} + length->content), length->header);
 }
 
 std::optional<DerElement> TakeElement(Bytes& rest) {
@@ -151,24 +142,18 @@ std::optional<Subidentifier> DecodeSubidentifier(Bytes bytes) {
   return std::nullopt;
 }
 
-OidText OidToText(Bytes bytes, std::size_t maxLength) {
-  const DerResult result = CheckOid(bytes);
-  if (result != DerResult::kOk) return {result, {}};
+OidRecord OidToText(Bytes bytes, std::size_t maxLength) {
+  if (bytes.size() < kShortHeader) return {DerResult::kBadLength};
+  if (bytes[0] != kTagOid) return {DerResult::kWrongTag};
   const std::optional<DerElement> element = ReadElement(bytes);
-  if (!element) return {DerResult::kBadLength, {}};
-  return ContentToText(element->content, maxLength);
+  return element ? ContentToText(*element, maxLength) : OidRecord{DerResult::kBadLength};
 }
 
 std::optional<OidRecord> ReadOid(Bytes bytes) {
-  if (CheckOid(bytes) != DerResult::kOk) return std::nullopt;
-  const std::optional<DerElement> element = ReadElement(bytes);
-  if (!element) return std::nullopt;
-  OidText oid = ContentToText(element->content, kMaxOidText);
+  OidRecord oid = OidToText(bytes);
   if (oid.result != DerResult::kOk) return std::nullopt;
-  return OidRecord{element->whole, std::move(oid.text)};
+  return oid;
 }
-
-CDer::~CDer() = default;
 
 void CDer::Clear() {
   data_ = {};
@@ -179,14 +164,6 @@ DerResult CDer::SetData(Bytes bytes) {
   data_.assign(bytes.begin(), bytes.end());
   dataLength_ = bytes.size();
   return DerResult::kOk;
-}
-
-DerResult CDer::Decode() {
-  return DerResult::kNotSupported;
-}
-
-Bytes CDer::GetData() const {
-  return Bytes(data_).first(dataLength_);
 }
 
 void CDer::ShortenData(std::size_t length) {

@@ -107,21 +107,17 @@ struct Subidentifier {
 /// when `bytes` end before the number does.
 [[nodiscard]] std::optional<Subidentifier> DecodeSubidentifier(Bytes bytes);
 
-struct OidText {
+struct OidRecord {
   DerResult result;
-  std::string text;
+  std::string text = {};
+  Bytes element = {};  ///< the encoded identifier with tag and length
 };
 
 /// The object identifier at the start of `bytes` as dotted text. Subidentifiers are printed as
 /// signed 32-bit numbers. kTooSmall when the text would be longer than `maxLength` (which is at
 /// most kMaxOidText): the text then ends with the last number that fits. It is empty for kWrongTag
 /// and kBadLength. An identifier without content is an empty text and kOk, as intended.
-[[nodiscard]] OidText OidToText(Bytes bytes, std::size_t maxLength = kMaxOidText);
-
-struct OidRecord {
-  Bytes element;  ///< the encoded identifier with tag and length
-  std::string text;
-};
+[[nodiscard]] OidRecord OidToText(Bytes bytes, std::size_t maxLength = kMaxOidText);
 
 /// The identifier at the start of `bytes`; nothing when OidToText fails for whatever cause.
 [[nodiscard]] std::optional<OidRecord> ReadOid(Bytes bytes);
@@ -132,7 +128,7 @@ struct OidRecord {
 class CDer {
  public:
   CDer() = default;
-  virtual ~CDer();
+  virtual ~CDer() = default;
   CDer(const CDer&) = delete;
   CDer& operator=(const CDer&) = delete;
 
@@ -141,10 +137,10 @@ class CDer {
   /// Takes a copy of `bytes`, which are not the object's own.
   [[nodiscard]] virtual DerResult SetData(Bytes bytes);
   /// The parse of a kind of object; kNotSupported where a class has none.
-  [[nodiscard]] virtual DerResult Decode();
+  [[nodiscard]] virtual DerResult Decode() { return DerResult::kNotSupported; }
   /// The object without what stands behind it, until it is cleared or set again; empty when there
   /// is none.
-  [[nodiscard]] virtual Bytes GetData() const;
+  [[nodiscard]] virtual Bytes GetData() const { return Bytes(data_).first(dataLength_); }
 
  protected:
   /// All that was set, and what the references of derived classes point into.

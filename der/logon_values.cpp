@@ -15,7 +15,7 @@ constexpr std::uint8_t kTagRfc822Name = 0x81;
 
 /// The content of the first alternative name of a kind, empty when there is none.
 Bytes FindAlternativeName(const CertificateHolder& holder, std::uint8_t tag) {
-  Bytes rest = ContentOf(ContentOf(holder.certificate.FindExtension(kSubjectAlternativeName)));
+  Bytes rest = ContentOf(ContentOf(holder.certificate.GetExtension(kSubjectAlternativeName)));
   while (const std::optional<DerElement> name = TakeElement(rest)) {
     if (name->Tag() == tag) return name->content;
   }
@@ -33,7 +33,8 @@ std::string_view FindUserPrincipalName(const CertificateHolder& holder) {
 
 /// A subject with an e-mail attribute decides, even by an empty one.
 std::string FindEmail(const CertificateHolder& holder) {
-  const std::optional<std::string> email = FindNameValue(GetSubjectText(holder), kEmailAttribute);
+  const std::optional<std::string> email =
+      FindNameValue(holder.certificate.GetSubjectText(), kEmailAttribute);
   if (email) return email->substr(0, email->find(','));
   return std::string(runtime::AsText(FindAlternativeName(holder, kTagRfc822Name)));
 }
@@ -57,7 +58,7 @@ CertificateLogonValues GetLogonValues(const CertificateHolder& holder, bool smar
                                       bool emailAllowed) {
   if (smartCardLogonRequired && !HasExtendedKeyUsage(holder, kSmartCardLogon)) return {};
   return {.upn = GetLogonName(holder, false, emailAllowed).value_or(std::string()),
-          .subject = std::string(GetSubjectText(holder)),
+          .subject = std::string(holder.certificate.GetSubjectText()),
           .serial = runtime::HexEncode(GetSerialNumber(holder))};
 }
 

@@ -22,14 +22,6 @@ std::uint64_t MomentOf(Bytes time) {
 
 }  // namespace
 
-bool MatchNames(const CDerCert& certificate, bool subjectByDefault, std::string_view filter) {
-  return certificate.MatchNames(subjectByDefault, filter);
-}
-
-bool IsSameCertificate(const CertificateHolder& a, const CertificateHolder& b) {
-  return a.certificate.IsSame(b.certificate);
-}
-
 bool AreDuplicates(const CertificateHolder& a, const CertificateHolder& b) {
   if (a.superseded || b.superseded || a.slot != b.slot) return false;
   if (!a.certificate.HasSameIssuer(b.certificate)) return false;

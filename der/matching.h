@@ -1,19 +1,9 @@
-// Asking whether a certificate is the wanted one, and which of two duplicates counts. All functions
-// may be called from any thread.
+// Which of two certificates counts. All functions may be called from any thread.
 #pragma once
-
-#include <string_view>
 
 #include "der/certificate.h"
 
 namespace qixx::der {
-
-/// CDerCert::MatchNames.
-[[nodiscard]] bool MatchNames(const CDerCert& certificate, bool subjectByDefault,
-                              std::string_view filter);
-
-/// Byte for byte the same certificate.
-[[nodiscard]] bool IsSameCertificate(const CertificateHolder& a, const CertificateHolder& b);
 
 /// Two certificates of one slot group, neither superseded, that agree in issuer, subject and key
 /// usage. Traces a duplicate.

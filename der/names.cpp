@@ -4,7 +4,7 @@
 #include <array>
 #include <bit>
 #include <cstdint>
-#include <utility>
+#include <ranges>
 
 #include "runtime/text.h"
 
@@ -47,35 +47,12 @@ bool NeedsEscape(char c) {
 
 // --- values as UTF-8 ---------------------------------------------------------------------------
 
-/// Takes a character off bytes that should be UTF-8. A broken sequence costs its first byte only
-/// and reads as U+FFFD.
-char32_t TakeUtf8(Bytes& rest) {
-  const std::uint8_t lead = rest[0];
-  rest = rest.subspan(1);
-  if (lead < 0x80) return lead;
-  const std::size_t tails = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
-  if (lead < 0xC2 || lead > 0xF4 || rest.size() < tails) return kReplacement;
-  char32_t character = lead & (0x3Fu >> tails);
-  for (const std::uint8_t tail : rest.first(tails)) {
-    if ((tail & 0xC0) != 0x80) return kReplacement;
-    character = character << 6 | (tail & 0x3F);
-  }
-  const bool isOverlong = (tails == 2 && character < 0x800) || (tails == 3 && character < 0x10000);
-  const bool isSurrogate = character >= 0xD800 && character <= 0xDFFF;
-  if (isOverlong || isSurrogate || character > 0x10FFFF) return kReplacement;
-  rest = rest.subspan(tails);
-  return character;
-}
-
-std::string MendedUtf8(Bytes bytes) {
+/// Each byte that begins no character reads as U+FFFD.
+std::string MendedUtf8(std::string_view bytes) {
   std::string text;
   text.reserve(bytes.size());
   while (!bytes.empty()) {
-    const auto end = std::ranges::find_if(bytes, [](std::uint8_t byte) { return byte >= 0x80; });
-    const auto ascii = static_cast<std::size_t>(end - bytes.begin());
-    text.append(runtime::AsText(bytes.first(ascii)));
-    bytes = bytes.subspan(ascii);
-    if (!bytes.empty()) runtime::AppendUtf8(text, TakeUtf8(bytes));
+    runtime::AppendUtf8(text, runtime::TakeUtf8(bytes).value_or(kReplacement));
   }
   return text;
 }
@@ -101,7 +78,7 @@ std::string ValueText(const DerElement& value) {
     case kTagPrintableString:
     case kTagIa5String:
     case kTagVisibleString:
-      return MendedUtf8(value.content);
+      return MendedUtf8(runtime::AsText(value.content));
     case kTagT61String:
       return FixedWidthToUtf8(value.content, 1);
     case kTagBmpString:
@@ -133,22 +110,14 @@ void VisitAttributes(Bytes name, const Visitor& visit) {
   }
 }
 
-void AppendEscaped(std::string& text, std::string_view value) {
-  if (std::ranges::none_of(value, NeedsEscape)) {
-    text.append(value);
-    return;
-  }
-  for (const char c : value) {
-    if (NeedsEscape(c)) text.push_back(kEscape);
-    text.push_back(c);
-  }
-}
-
 void AppendComponent(std::string& text, std::string_view type, const DerElement& value) {
   const std::string_view shortName = ShortAttributeName(type);
   if (!text.empty()) text.push_back(',');
   text.append(shortName.empty() ? type : shortName).push_back('=');
-  AppendEscaped(text, ValueText(value));
+  for (const char c : ValueText(value)) {
+    if (NeedsEscape(c)) text.push_back(kEscape);
+    text.push_back(c);
+  }
 }
 
 bool IsType(std::string_view wanted, std::string_view dotted) {
@@ -156,21 +125,18 @@ bool IsType(std::string_view wanted, std::string_view dotted) {
          (!wanted.empty() && runtime::EqualsNoCase(wanted, ShortAttributeName(dotted)));
 }
 
-bool HasAttribute(Bytes name, std::string_view wantedType, std::string_view wantedValue) {
-  bool found = false;
-  VisitAttributes(name, [&](std::string_view type, const DerElement& value) {
-    found = IsType(wantedType, type) && runtime::EqualsNoCase(ValueText(value), wantedValue);
-    return !found;
-  });
-  return found;
-}
-
 bool MatchItem(Bytes name, std::string_view text, std::string_view item) {
   const std::size_t equals = item.find('=');
   if (equals == std::string_view::npos) {
     return runtime::FindTextNoCase(text, item) != std::string_view::npos;
   }
-  return HasAttribute(name, item.substr(0, equals), item.substr(equals + 1));
+  bool found = false;
+  VisitAttributes(name, [&](std::string_view type, const DerElement& value) {
+    found = IsType(item.substr(0, equals), type) &&
+            runtime::EqualsNoCase(ValueText(value), item.substr(equals + 1));
+    return !found;
+  });
+  return found;
 }
 
 // --- formatted names ---------------------------------------------------------------------------
@@ -182,21 +148,16 @@ std::size_t ValueLength(std::string_view text) {
   return at < text.size() ? at : text.size();
 }
 
-/// A component as it stands in a formatted name, escapes included.
-struct RawComponent {
-  std::string_view key;
-  std::string_view value;
-};
-
-std::optional<RawComponent> TakeComponent(std::string_view& rest) {
+/// The next component as it stands in the text, escapes included.
+std::optional<NameComponent> TakeComponent(std::string_view& rest) {
   while (!rest.empty() && (rest[0] == ' ' || IsSeparator(rest[0]))) rest.remove_prefix(1);
   const std::size_t equals = rest.find_first_of("=,+");
   if (equals == std::string_view::npos || rest[equals] != '=') return std::nullopt;
-  RawComponent component{rest.substr(0, equals), {}};
+  const std::string_view key = rest.substr(0, equals);
   rest.remove_prefix(equals + 1);
-  component.value = rest.substr(0, ValueLength(rest));
-  rest.remove_prefix(component.value.size());
-  return component;
+  const std::string_view value = rest.substr(0, ValueLength(rest));
+  rest.remove_prefix(value.size());
+  return NameComponent{std::string(key), std::string(value)};
 }
 
 std::string WithoutEscapes(std::string_view text) {
@@ -213,10 +174,8 @@ std::string WithoutEscapes(std::string_view text) {
 }  // namespace
 
 std::string_view ShortAttributeName(std::string_view dotted) {
-  for (const AttributeName& name : kAttributeNames) {
-    if (name.dotted == dotted) return name.shortName;
-  }
-  return {};
+  const auto name = std::ranges::find(kAttributeNames, dotted, &AttributeName::dotted);
+  return name != kAttributeNames.end() ? name->shortName : std::string_view{};
 }
 
 std::string_view DottedAttributeName(std::string_view shortName) {
@@ -240,14 +199,15 @@ std::string FormatName(Bytes name, std::size_t maxLength) {
 }
 
 std::optional<NameComponent> NextNameComponent(std::string_view& rest) {
-  std::optional<RawComponent> component = TakeComponent(rest);
+  std::optional<NameComponent> component = TakeComponent(rest);
   if (!component) return std::nullopt;
-  if (!rest.empty() && component->value.ends_with(' ')) component->value.remove_suffix(1);
-  return NameComponent{std::string(component->key), WithoutEscapes(component->value)};
+  if (!rest.empty() && component->value.ends_with(' ')) component->value.pop_back();
+  component->value = WithoutEscapes(component->value);
+  return component;
 }
 
 std::optional<std::string> FindNameValue(std::string_view text, std::string_view key) {
-  while (const std::optional<RawComponent> component = TakeComponent(text)) {
+  while (const std::optional<NameComponent> component = TakeComponent(text)) {
     if (component->key == key) return WithoutEscapes(component->value);
   }
   return std::nullopt;
@@ -255,11 +215,9 @@ std::optional<std::string> FindNameValue(std::string_view text, std::string_view
 
 bool MatchName(Bytes name, std::string_view text, std::string_view filter) {
   bool asked = false;
-  while (!filter.empty()) {
-    const std::size_t end = std::min(filter.find(';'), filter.size());
+  for (const auto part : filter | std::views::split(';')) {
     const std::string_view item =
-        runtime::DropTrailingBlanks(runtime::SkipBlanks(filter.substr(0, end)));
-    filter.remove_prefix(std::min(end + 1, filter.size()));
+        runtime::DropTrailingBlanks(runtime::SkipBlanks({part.begin(), part.end()}));
     if (item.empty()) continue;
     if (MatchItem(name, text, item)) return true;
     asked = true;

@@ -2,10 +2,6 @@
 
 namespace qixx::der {
 
-std::string_view GetIssuerText(const CertificateHolder& holder) {
-  return holder.certificate.IssuerText();
-}
-
 std::optional<CertificateLogonValues> GetLogonValues(Bytes certificate, bool smartCardLogonRequired,
                                                      bool emailAllowed) {
   const CertificatePtr holder = LoadCertificate(certificate);

@@ -12,8 +12,6 @@
 
 namespace qixx::der {
 
-[[nodiscard]] std::string_view GetIssuerText(const CertificateHolder& holder);
-
 /// Loads a certificate and takes its logon values; nothing when it does not load.
 [[nodiscard]] std::optional<CertificateLogonValues> GetLogonValues(Bytes certificate,
                                                                    bool smartCardLogonRequired,

@@ -4,7 +4,6 @@
 #include <array>
 #include <utility>
 
-#include "der/matching.h"
 #include "pkcs11/extended.h"
 #include "pkcs11/wrapper.h"
 #include "runtime/text.h"
@@ -20,7 +19,7 @@ constexpr std::size_t kMinCertificateBytes = 101;
 
 bool Matches(const der::CDerCert& certificate, bool subjectByDefault,
              const std::optional<std::string>& filter) {
-  return !filter || der::MatchNames(certificate, subjectByDefault, *filter);
+  return !filter || certificate.MatchNames(subjectByDefault, *filter);
 }
 
 }  // namespace

@@ -159,7 +159,7 @@ bool CHelperPkcs11::AddCertificate(std::vector<der::CertificatePtr>& list,
   added->rawSlot = entry.slot;
 
   for (const der::CertificatePtr& known : list) {
-    if (der::IsSameCertificate(*known, *added)) {
+    if (known->certificate.IsSame(added->certificate)) {
       if (known->slot == 0) {
         known->slot = added->slot;
         known->rawSlot = added->rawSlot;

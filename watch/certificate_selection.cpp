@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <utility>
 
-#include "der/matching.h"
 #include "pkcs11/reader.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -34,7 +33,7 @@ bool Accepts(const CredentialMatch& match, const der::CertificateHolder& holder)
   if (match.value.empty()) return true;
   const std::optional<CK_SLOT_ID> slot = match.Slot();
   if (slot && pkcs11::CHelperPkcs11::NormalizeSlotId(*slot) != holder.slot) return false;
-  return der::MatchNames(holder.certificate, true, match.name);
+  return holder.certificate.MatchNames(true, match.name);
 }
 
 struct Trial {

@@ -26,7 +26,7 @@ bool LooksLikeEventSection(std::string_view name) {
 bool IsSuiteSection(std::string_view name) {
   if (runtime::EqualsNoCase(name, "Dialog Presentation")) return true;
   if (runtime::StartsWithNoCase(name, "SmartCardProfile ")) return true;
-  return std::ranges::any_of(config::SectionAliases(), [name](const config::SectionAlias& alias) {
+  return std::ranges::any_of(config::kSectionAliases, [name](const config::SectionAlias& alias) {
     return runtime::EqualsNoCase(name, alias.newName) || runtime::EqualsNoCase(name, alias.oldName);
   });
 }

@@ -47,7 +47,7 @@ std::optional<std::string> BuildEventSection(EventKind kind, std::string_view na
 std::optional<std::string> ReadEventEntry(config::CConfig& config, const std::string& section,
                                           unsigned number, std::size_t maxLength) {
   std::optional<config::ConfigValue> entry =
-      config::ReadNumberedEntry(config, section, number, maxLength);
+      config.GetString(section, std::to_string(number), maxLength);
   if (!entry) return std::nullopt;
   return std::move(entry->text);
 }

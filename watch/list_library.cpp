@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "der/logon_values.h"
-#include "der/matching.h"
 #include "pkcs11/reader.h"
 #include "pkcs11/session.h"
 #include "pkcs11/wrapper.h"
@@ -157,8 +156,8 @@ class Asking {
     der::Validity validity = certificate.GetValidity();
     listing_.certificates.push_back({.slot = holder.rawSlot,
                                      .label = {},
-                                     .subject = std::string(certificate.SubjectText()),
-                                     .issuer = std::string(certificate.IssuerText()),
+                                     .subject = std::string(certificate.GetSubjectText()),
+                                     .issuer = std::string(certificate.GetIssuerText()),
                                      .upn = der::GetPrincipalName(holder, false).value_or(""),
                                      .email = der::GetPrincipalName(holder, true).value_or(""),
                                      .serial = runtime::HexEncode(der::GetSerialNumber(holder)),
@@ -199,7 +198,7 @@ class Asking {
     std::string& label = object.label;
     const der::CertificatePtr loaded = der::LoadCertificate(object.value);
     const auto same = [&loaded](const der::CertificatePtr& other) {
-      return loaded != nullptr && der::IsSameCertificate(*loaded, *other);
+      return loaded != nullptr && loaded->certificate.IsSame(other->certificate);
     };
     const auto known = std::ranges::find_if(certificates, same);
     if (known == certificates.end()) {

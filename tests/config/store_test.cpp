@@ -68,7 +68,7 @@ TEST_F(ConfigStore, FindsItsFiles) {
   const ScopedVariable slash("HOME", folder_.Path("home/").c_str());
   // The library directory makes a per-user installation, even while its file is missing.
   folder_.Write("home/.qix/lib/any", "");
-  EXPECT_EQ(config::CConfig::FindGlobalPath(), "qix.conf");
+  EXPECT_EQ(config::CConfig::LocateGlobal()->path, "qix.conf");
   EXPECT_EQ(config::CConfig::LocateGlobal()->origin, config::PathOrigin::kCurrentDirectory);
   EXPECT_EQ(config::CConfig::LocateLocal()->origin, config::PathOrigin::kHome);
   // Opening the user's file for writing makes it, so that both are one file.
@@ -80,7 +80,7 @@ TEST_F(ConfigStore, FindsItsFiles) {
   EXPECT_EQ(config::CConfig::LocateLocal()->path, folder_.Path("new/.qix/qix.conf"));
   EXPECT_FALSE(std::filesystem::exists(folder_.Path("new"))) << "looking makes nothing";
   const ScopedVariable none("HOME", "");
-  EXPECT_EQ(config::CConfig::FindLocalPath(), std::nullopt);
+  EXPECT_FALSE(config::CConfig::LocateLocal());
 }
 
 TEST_F(ConfigStore, EnvironmentOverridesValues) {
@@ -125,14 +125,6 @@ TEST_F(ConfigStore, ConditionsChooseTheFirstThatHolds) {
   EXPECT_EQ(trace_.Count("Config - Active named conditions: {Any}{Both}" + last), 1U);
   config_.SetRaw(true);
   EXPECT_EQ(Read("S", "2"), cases[2].first);
-}
-
-TEST_F(ConfigStore, ListsAreReadByNumber) {
-  Load("[L]\n1=one\n2=\n3=a|other||b\n");
-  EXPECT_EQ(config::ReadNumberedEntry(config_, "L", 1, 2)->text, "on");
-  EXPECT_EQ(config::ReadNumberedEntry(config_, "L", 2)->text, "");
-  EXPECT_EQ(config::ReadNumberedEntry(config_, "L", 3)->text, "b");
-  EXPECT_EQ(config::ReadNumberedEntry(config_, "L", 4), std::nullopt);
 }
 
 TEST_F(ConfigStore, SpareOperationsAskBothItemsAndChangeTheFirst) {

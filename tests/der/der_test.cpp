@@ -47,7 +47,7 @@ TEST(OidToText, WritesDottedText) {
       {"other tag", "0403550403", 63, Result::kWrongTag, ""},
   };
   for (const auto& [name, bytes, maxLength, result, expected] : rows) {
-    const der::OidText oid = der::OidToText(BytesOf(FromHex(bytes)), maxLength);
+    const der::OidRecord oid = der::OidToText(BytesOf(FromHex(bytes)), maxLength);
     EXPECT_EQ(oid.result, result) << name;
     EXPECT_EQ(oid.text, expected) << name;
   }

@@ -29,7 +29,7 @@ const Row kRows[] = {
 
 /// What we read, in the words of openssl.
 std::string Ours(const der::CertificateHolder& holder) {
-  std::string_view subject = der::GetSubjectText(holder);
+  std::string_view subject = holder.certificate.GetSubjectText();
   std::string text = "subject=\n";
   while (const std::optional<der::NameComponent> next = der::NextNameComponent(subject)) {
     const std::string_view dotted = der::DottedAttributeName(next->key);

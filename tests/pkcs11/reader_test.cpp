@@ -47,7 +47,7 @@ class ReaderTest : public ::testing::Test {
   static std::string Collect(const pkcs11::CertificateFilter& filter = {}, std::size_t most = 9) {
     std::string names;
     for (const auto& holder : Helper::CollectCertificates(filter, true, most)) {
-      const std::string_view text = der::GetSubjectText(*holder);
+      const std::string_view text = holder->certificate.GetSubjectText();
       const std::string name(text.substr(text.rfind('=') + 1));
       names += (holder->superseded ? "[" + name + "]" : name) + " ";
     }
