@@ -69,8 +69,9 @@ bool ShowsNoMore(const struct stat& file, const struct stat& copy) {
   // shares with them.
   const bool isOwners =
       file.st_uid == copy.st_uid || (::geteuid() != 0 && (copy.st_mode & S_IRGRP) != 0);
-  return isOwners && file.st_gid == copy.st_gid ? (file.st_mode & kOthers & ~copy.st_mode) == 0
-                                                : (copy.st_mode & S_IROTH) != 0;
+  const bool isGroups = file.st_gid == copy.st_gid || (file.st_mode & S_IRGRP) == 0;
+  return isOwners && isGroups ? (file.st_mode & kOthers & ~copy.st_mode) == 0
+                              : (copy.st_mode & S_IROTH) != 0;
 }
 
 /// Why a saved copy, opened for reading, is not to be trusted; null for one that is. `file` is not
@@ -175,7 +176,8 @@ bool EditedFile::SaveOrRestore() {
   if (!Read()) return false;
   if (!saved_.IsMissing()) return Restore();
   fault_ = "no copy '.org' can be made";
-  return runtime::MakeFile(saved_, text_, file_);
+  // A copy that no later event could take is none now either.
+  return runtime::MakeFile(saved_, text_, file_) && Restore();
 }
 
 bool EditedFile::Restore() {

@@ -1,5 +1,6 @@
 #include "watch/placeholders.h"
 
+#include "config/migration.h"
 #include "config/scan.h"
 #include "der/names.h"
 #include "runtime/secrets.h"
@@ -194,8 +195,10 @@ bool ReplaceAll(std::string& text, std::string_view name, std::string_view value
   OnePassReplacement replacement(name, value);
   if (replacement.Find(text) == std::string::npos) return text.size() <= maxLength;
   std::optional<std::string> after = replacement.Apply(text, maxLength, budget);
-  if (after) text = std::move(*after);
-  return after.has_value();
+  if (!after) return false;
+  if (!value.empty() && config::LooksOld(*after) && !config::LooksOld(text)) return false;
+  text = std::move(*after);
+  return true;
 }
 
 }  // namespace qixx::watch

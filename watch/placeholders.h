@@ -105,9 +105,10 @@ class WalkBudget {
 /// subject's component counts in any letter case, since certificates and administrators write it in
 /// either. At the start of a line, with blanks and other placeholders in front or not, a value
 /// makes no section, block or comment of it. False, and the text is as it was, when it would be
-/// longer than `maxLength` or when the budget is spent: a text that holds the name, which is not
-/// empty, is walked once, and what is put in and lies around it counts kStepCost times, since it is
-/// read character by character.
+/// longer than `maxLength`, when a value with what stands around it would make it pass for one of
+/// an older version, or when the budget is spent: a text that holds the name, which is not empty,
+/// is walked once, and what is put in and lies around it counts kStepCost times, since it is read
+/// character by character.
 [[nodiscard]] bool ReplaceAll(std::string& text, std::string_view name, std::string_view value,
                               std::size_t maxLength, WalkBudget& budget);
 inline constexpr std::size_t kStepCost = 8;

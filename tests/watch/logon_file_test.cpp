@@ -345,6 +345,28 @@ TEST_F(LogonFile, MissingOneIsMadeFromTheServicesOwnCopyOnly) {
   EXPECT_EQ(Text(), kFilled);
 }
 
+TEST_F(LogonFile, CopyThatWouldBeRefusedLaterIsRefusedAtOnce) {
+  if (::geteuid() != 0) GTEST_SKIP() << "NOT TESTED: only root can give files away";
+  constexpr uid_t kOwner = 1234;
+  fs::permissions(folder_.Path(), fs::perms{0777});
+  ASSERT_EQ(::chown(file_.c_str(), kOwner, kNobody), 0);
+  fs::permissions(file_, fs::perms{0060});  // a copy of nobody's cannot be read by nobody then
+  for (int event = 0; event < 2; ++event) EXPECT_TRUE(AsNobody([this] { return !Insert(); }));
+  EXPECT_EQ(Text(), kOriginal);
+}
+
+TEST_F(LogonFile, MissingOneThatWasMadeFromItsCopyIsSetAgain) {
+  if (::geteuid() != 0) GTEST_SKIP() << "NOT TESTED: only root can give files away";
+  const std::string copy = folder_.Write("a.conf.org", kOriginal);
+  fs::remove(file_);
+  fs::permissions(folder_.Path(), fs::perms{0777});
+  ASSERT_EQ(::chown(copy.c_str(), kNobody, 1234),
+            0);  // a group that nobody cannot give to the file
+  fs::permissions(copy, fs::perms{0640});
+  EXPECT_TRUE(AsNobody([this] { return Insert() && Insert() && Restore(); }));
+  EXPECT_EQ(Text(), kCleared);
+}
+
 TEST_F(LogonFile, WhoHoldsTheFolderDelaysAWholeEventByTwoSeconds) {
   runtime::InitProductIdentity();
   const std::string set = "=set -config " + file_ + "\n";
@@ -436,6 +458,11 @@ TEST(LogonFiles, GetsWhatANameMeansThroughALinkThatStays) {
       {"%X%%X%", "%X%", "<", "_<"},
       {"%A%X%%%X%%X% %X%", "%X%", "#", "%A#%_# #"},
       {"[A]\nk=1\nK=2\n[a]\nk=3\n", "k", "v", "[A]\nk=v\nK=2\n[a]\nk=3\n"},
+      // No value makes a file old, but one that is stays one.
+      {"[%X% Tokens]\n", "%X%", "Soft", "[%X% Tokens]\n"},
+      {"[PCSC]\nk=Admin %X%\n", "%X%", "Utility", "[PCSC]\nk=Admin %X%\n"},
+      {"; Soft Tokens %X%\n", "%X%", "v", "; Soft Tokens v\n"},
+      {"Soft%X% Tokens", "%X%", "", "Soft Tokens"},
   };
   for (const auto& [before, name, value, after] : rows) {
     const TemporaryFolder folder;
