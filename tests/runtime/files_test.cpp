@@ -3,14 +3,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 
@@ -66,21 +64,14 @@ TEST(WholeFiles, AreReadWhenRegularAndNotTooLarge) {
   }
 }
 
-TEST(WholeFiles, NothingIsLostWithoutRoom) {
+TEST(WholeFiles, AreCopiedWhole) {
   const TemporaryFolder folder;
-  const std::string source = folder.Write("source", "something longer");
-  const std::string target = folder.Write("target", "old");
-  rlimit before = {};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
-  ::signal(SIGXFSZ, SIG_IGN);
-  const rlimit tight = {2, before.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &tight), 0);
-  const FilePlace place = FindFile(target).real;
-  EXPECT_FALSE(ReplaceFile(place, place.Open(O_RDWR), "new"));
-  EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
-  EXPECT_TRUE(CopyFile(target, source));
-  EXPECT_FALSE(CopyFile(folder.Path("none"), source));
-  EXPECT_EQ(folder.Read("source"), "old") << "cut, and kept for a missing source";
+  const std::string source = folder.Write("source", std::string(300, 's'));
+  const std::string target = folder.Write("target", std::string(400, 't'));
+  EXPECT_TRUE(CopyFile(source, target));
+  EXPECT_TRUE(CopyFile(target, target));
+  EXPECT_FALSE(CopyFile(folder.Path("none"), target));
+  EXPECT_EQ(folder.Read("target"), folder.Read("source")) << "cut, and kept for a missing source";
 }
 
 TEST(WholeFiles, WhatCannotBeLikeTheOldOneIsWrittenInPlace) {
@@ -123,15 +114,6 @@ TEST(WholeFiles, WhatCannotBeLikeTheOldOneIsWrittenInPlace) {
     const mode_t everybody = row.mode & (0707U | (row.mode & 7U) << 3);
     EXPECT_EQ(copy, fs::perms{row.group == ownGroup ? row.mode : everybody});
   }
-}
-
-TEST(WholeFiles, OneWithoutANameIsNotWritten) {
-  const TemporaryFolder folder;
-  const std::string path = folder.Write("file", "old");
-  const Descriptor file = OpenRegular(path, O_RDWR);
-  EXPECT_TRUE(HasOneName(file, path));
-  fs::remove(path);
-  EXPECT_FALSE(HasOneName(file, path));
 }
 
 TEST(WholeFiles, AccessListStaysAndItsMaskIsNotTheGroups) {
@@ -184,6 +166,10 @@ TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {
     EXPECT_EQ(FindFile(nowhere).real.Folder(), -1);
     EXPECT_FALSE(FindFile(nowhere).named.IsMissing());
   }
+  const Descriptor file = OpenRegular(folder.Path("a/b/file"), O_RDONLY);
+  EXPECT_TRUE(HasOneName(file, ""));
+  fs::remove(folder.Path("a/b/file"));
+  EXPECT_FALSE(HasOneName(file, "")) << "nor any name";
   const testing::TraceCapture trace;
   static_cast<void>(FindFile(folder.Path("round/file")));
   EXPECT_TRUE(trace.Has("Helper - Refused '" + folder.Path("round/file") +

@@ -9,41 +9,30 @@
 #include <csignal>
 #include <string>
 
+#include "runtime/descriptor.h"
+
 namespace qixx::testing {
 namespace {
 
 /// A pipe in the place of standard error, for a scope.
-class ErrorPipe {
- public:
-  ErrorPipe() : kept_(::dup(STDERR_FILENO)) {
-    EXPECT_EQ(::pipe2(ends_, O_CLOEXEC | O_NONBLOCK), 0);
-    ::fcntl(ends_[1], F_SETFL, 0);  // the one to write to blocks, as everybody's does
-    ::dup2(ends_[1], STDERR_FILENO);
-    ::close(ends_[1]);
+struct ErrorPipe {
+  ErrorPipe() {
+    int ends[2];
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    ::dup2(ends[1], STDERR_FILENO);
+    ::close(ends[1]);
+    reader = runtime::Descriptor(ends[0]);
   }
-  ~ErrorPipe() {
-    ::dup2(kept_, STDERR_FILENO);
-    ::close(kept_);
-    CloseReader();
-  }
-  void CloseReader() {
-    if (ends_[0] >= 0) ::close(ends_[0]);
-    ends_[0] = -1;
-  }
-  void Fill() {
-    ::fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK);
-    while (::write(STDERR_FILENO, "x", 1) == 1) continue;
-    ::fcntl(STDERR_FILENO, F_SETFL, 0);
-  }
+  ~ErrorPipe() { ::dup2(kept.Get(), STDERR_FILENO); }
   [[nodiscard]] std::string Read() const {
     char text[4096];
-    const ssize_t length = ::read(ends_[0], text, sizeof text);
+    const ssize_t length = ::read(reader.Get(), text, sizeof text);
     return length > 0 ? std::string(text, static_cast<std::size_t>(length)) : std::string();
   }
 
- private:
-  int kept_;
-  int ends_[2] = {-1, -1};
+  const runtime::Descriptor kept{::dup(STDERR_FILENO)};
+  runtime::Descriptor reader;
 };
 
 TEST(Notice, IsOneCleanLineThatFits) {
@@ -72,10 +61,12 @@ TEST(Notice, IsSaidOnce) {
 TEST(Notice, IsNeverWaitedFor) {
   ::signal(SIGPIPE, SIG_IGN);
   ErrorPipe pipe;
-  pipe.Fill();
+  ::fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK);
+  while (::write(STDERR_FILENO, "x", 1) == 1) continue;
+  ::fcntl(STDERR_FILENO, F_SETFL, 0);  // it blocks, as everybody's does
   errno = EDOM;
   runtime::Notify({"lost in a full pipe"});
-  pipe.CloseReader();
+  pipe.reader.Close();
   runtime::Notify({"lost in a broken pipe"});
   ::close(STDERR_FILENO);
   runtime::Notify({"lost without standard error"});

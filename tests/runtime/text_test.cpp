@@ -13,7 +13,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-TEST(TextTest, ComparesFindsAndReadsNumbers) {
+TEST(TextTest, ComparesFindsAndTakesApart) {
   EXPECT_EQ(CompareNoCase("abc", "ABCD", 4), -1);
   EXPECT_EQ(CompareNoCase("@", "`"), -32) << "letters only";
   EXPECT_EQ(CompareNoCase("\xFF", "a"), 0x9E) << "unsigned bytes";
@@ -21,14 +21,7 @@ TEST(TextTest, ComparesFindsAndReadsNumbers) {
   EXPECT_EQ(ParseDecimal("18446744073709551616"), UINT64_MAX);
   EXPECT_EQ(ParseSigned("-99999999999999999999"), INT64_MIN);
   EXPECT_EQ(ParseSigned("9223372036854775808"), INT64_MAX);
-}
-
-TEST(TextTest, CopiesOfNothingAreNone) {
-  EXPECT_EQ(Duplicate("a"), "a");
   EXPECT_EQ(Duplicate(nullptr), std::nullopt);
-}
-
-TEST(TextTest, FieldsAreCountedFromNought) {
   EXPECT_EQ(GetField("a,,c", 1, ','), "");
   EXPECT_EQ(GetField("a,,c", 2, ','), "c");
   EXPECT_EQ(GetField("a,,c", 3, ','), std::nullopt);

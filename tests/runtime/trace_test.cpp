@@ -3,16 +3,15 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
+#include <span>
 
 #include "runtime/clock.h"
-#include "runtime/descriptor.h"
 #include "runtime/journal.h"
 #include "runtime/product.h"
 #include "runtime/text.h"
@@ -32,25 +31,26 @@ extern "C" int gettimeofday(timeval* __restrict now, void* __restrict /*zone*/) 
   return 0;
 }
 
-// The journal of this program is a socket of its own.
-static std::string journalSocket;
-extern "C" ssize_t sendmsg(int socket, const msghdr* message, int flags) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  journalSocket.copy(address.sun_path, sizeof address.sun_path - 1);
-  if (std::string_view(static_cast<const sockaddr_un*>(message->msg_name)->sun_path) !=
-      qixx::runtime::kJournalSocket) {
-    return -1;
+// What the journal of this program was sent; it takes nothing while it is not there.
+static std::vector<std::string> journal;
+static bool isJournalThere = true;
+extern "C" ssize_t sendmsg(int /*socket*/, const msghdr* message, int flags) {
+  const auto* const address = static_cast<const sockaddr_un*>(message->msg_name);
+  EXPECT_STREQ(address->sun_path, qixx::runtime::kJournalSocket);
+  EXPECT_EQ(flags, MSG_DONTWAIT | MSG_NOSIGNAL) << "it is not waited for";
+  if (!isJournalThere) return -1;
+  std::string& datagram = journal.emplace_back();
+  for (const iovec& part : std::span(message->msg_iov, message->msg_iovlen)) {
+    datagram.append(static_cast<const char*>(part.iov_base), part.iov_len);
   }
-  msghdr sent = *message;
-  sent.msg_name = &address;
-  return ::syscall(SYS_sendmsg, socket, &sent, flags);
+  return static_cast<ssize_t>(datagram.size());
 }
 
 namespace qixx::runtime {
 namespace {
 
 using ::testing::MatchesRegex;
+using namespace std::literals;
 namespace fs = std::filesystem;
 
 constexpr time_t kDay = 86'400;
@@ -68,58 +68,31 @@ class TraceTest : public ::testing::Test {
   testing::TemporaryFolder folder_;
 };
 
-class JournalTest : public TraceTest {
- protected:
-  JournalTest() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    journalSocket = folder_.Path("socket");
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    journalSocket.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(::bind(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  }
-  /// The next message, empty when there is none.
-  [[nodiscard]] std::string Receive() const {
-    char data[kMaxTraceLine + 100];
-    const ssize_t length = ::recv(socket_.Get(), data, sizeof data, 0);
-    return length > 0 ? std::string(data, static_cast<std::size_t>(length)) : std::string();
-  }
-  Descriptor socket_;
-};
-
-TEST_F(JournalTest, TakesOneDatagramForALine) {
+TEST_F(TraceTest, JournalTakesOneDatagramForALine) {
   TraceSetFile(kJournalTarget);
-  EXPECT_THAT(Receive(), ::testing::HasSubstr(" Trace - Date "));
-  const auto expected = [](char priority, std::size_t length, const std::string& text) {
-    return std::string("PRIORITY=") + priority + "\nSYSLOG_IDENTIFIER=qixxwatch\nMESSAGE\n" +
-           static_cast<char>(length & 0xFF) + static_cast<char>(length >> 8) +
-           std::string(6, '\0') + "[" + text + "\n";
-  };
-  const auto withoutStamp = [](std::string message) {
-    const std::size_t stamp = message.find('[');
-    if (stamp != std::string::npos) message.erase(stamp + 1, message.find("] ") - stamp + 14);
-    return message;
-  };
   TraceWrite("a\nPRIORITY=0\n%s", "b");
-  const std::string first = Receive();
-  const std::size_t stamp = first.find("a\nPRIORITY") - first.find('[');
-  EXPECT_EQ(withoutStamp(first), expected('6', stamp + 14, "a\nPRIORITY=0\nb"));
   TraceWrite("Watch - Inserted event ... %s", "FAILED");
-  EXPECT_EQ(withoutStamp(Receive()),
-            expected('4', stamp + 33, "Watch - Inserted event ... FAILED"));
   TraceWrite("%s", std::string(20'000, 'x').c_str());
-  EXPECT_THAT(Receive(), ::testing::EndsWith("xxx\n"));
   TraceDump("cert.cer", AsBytes("x"));
   EXPECT_FALSE(fs::exists("journal"));
-}
-
-TEST_F(JournalTest, IsNeverWaitedForAndMayBeMissing) {
-  TraceSetFile(kJournalTarget);
-  for (int i = 0; i < 5000; ++i) TraceWrite("more than the socket holds");
-  fs::remove(journalSocket);
+  isJournalThere = false;
   TraceWrite("nobody takes it");
-  socket_.Close();
-  TraceWrite("nobody takes it");
-  EXPECT_TRUE(TraceIsOn());
+  isJournalThere = true;
+  ASSERT_EQ(journal.size(), 4U);
+  EXPECT_THAT(journal[0], ::testing::HasSubstr(" Trace - Date "));
+  const std::pair<char, std::string> rows[] = {{'6', "a\nPRIORITY=0\nb"},
+                                               {'4', "Watch - Inserted event ... FAILED"}};
+  std::size_t at = 1;
+  for (const auto& [priority, text] : rows) {
+    const std::string& datagram = journal[at++];
+    const std::string head = "PRIORITY="s + priority + "\nSYSLOG_IDENTIFIER=qixxwatch\nMESSAGE\n";
+    ASSERT_TRUE(datagram.starts_with(head)) << datagram;
+    const std::string message = datagram.substr(head.size() + 8);
+    EXPECT_THAT(message, ::testing::EndsWith(" " + text + "\n"));
+    const auto length = static_cast<char>(message.size() - 1);
+    EXPECT_EQ(datagram.substr(head.size(), 8), length + std::string(7, '\0'));
+  }
+  EXPECT_THAT(journal[3], ::testing::EndsWith("xxx\n"));
 }
 
 TEST_F(TraceTest, WritesDateLineAndStampedLines) {
@@ -170,10 +143,6 @@ TEST_F(TraceTest, FormatsArgumentsAndCutsWhatIsTooLong) {
   EXPECT_EQ(last.substr(last.size() - 5), "23%-\n") << "the format is cut inside a directive";
   TraceWrite("%s", std::string(20'000, 'x').c_str());
   EXPECT_EQ(last, std::string(kMaxTraceLine - 1, 'x') + '\n');
-}
-
-TEST_F(TraceTest, DelayFollowsEachLine) {
-  TraceSetCallback([](const char* /*line*/, std::size_t /*length*/) {});
   TraceSetDelay(30);
   const std::int64_t before = MonotonicMilliseconds();
   TraceWrite("one");
@@ -194,56 +163,65 @@ TEST_F(TraceTest, EmptiesALargeTargetOnceAnHour) {
 }
 
 TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
-  ASSERT_EQ(::mkfifo(folder_.Path("pipe.log").c_str(), 0600), 0);
   InitProductIdentity();
-  SetFile("pipe.log");  // must not block
+  const std::string kept = folder_.Write("kept", "kept");
+  const auto dump = [this](const char* name) {
+    TraceDump(name, AsBytes("d\0a"sv));
+    return folder_.Read("~qix"s + name);
+  };
+  SetFile("a.log");
   folder_.Write("~qixdata.cer", "older and longer");
-  fs::create_symlink(folder_.Write("kept", "kept"), folder_.Path("~qixlink"));
-  fs::create_hard_link(folder_.Write("second name", "kept"), folder_.Path("~qixhard"));
-  const std::uint8_t data[] = {'d', 0, 'a'};
-  for (const char* const name : {"data.cer", "link", "hard"}) TraceDump(name, data);
-  EXPECT_EQ(folder_.Read("~qixdata.cer"), std::string("d\0a", 3));
-  EXPECT_EQ(folder_.Read("kept"), "kept");
-  EXPECT_EQ(folder_.Read("second name"), "kept");
+  EXPECT_EQ(dump("data.cer"), "d\0a"s);
+  fs::create_symlink(kept, folder_.Path("~qixlink"));
+  EXPECT_EQ(dump("link"), "kept");
+  fs::create_hard_link(kept, folder_.Path("~qixhard"));
+  EXPECT_EQ(dump("hard"), "kept");
+
   fs::create_symlink(folder_.Path("made by the trace"), folder_.Path("link.log"));
-  fs::create_hard_link(folder_.Path("second name"), folder_.Path("hard.log"));
-  fs::create_symlink(folder_.Path(), folder_.Path("folder"));
-  SetFile("folder/a.log");
-  EXPECT_NE(folder_.Read("a.log"), "") << "a link on the way is followed";
-  for (const char* const name : {"link.log", "hard.log", "pipe.log"}) {
+  fs::create_hard_link(kept, folder_.Path("hard.log"));
+  ASSERT_EQ(::mkfifo(folder_.Path("pipe.log").c_str(), 0600), 0);
+  const auto refusals = [this](const std::string& name) {
     ::testing::internal::CaptureStderr();
-    SetFile(name);
+    SetFile(name);  // must not block
     for (int i = 0; i < 2; ++i) TraceWrite("lost");
-    EXPECT_THAT(
-        ::testing::internal::GetCapturedStderr(),
-        MatchesRegex("qixxwatch: trace '[^\n]*" + std::string(name) + "' is refused: [^\n]*\n"));
+    return ::testing::internal::GetCapturedStderr();
+  };
+  for (const std::string name : {"link.log", "hard.log", "pipe.log"}) {
+    EXPECT_THAT(refusals(name),
+                MatchesRegex("qixxwatch: trace '[^\n]*" + name + "' is refused: [^\n]*\n"));
   }
   EXPECT_FALSE(fs::exists(folder_.Path("made by the trace")));
+  fs::create_symlink(folder_.Path(), folder_.Path("folder"));
+  fs::remove(folder_.Path("a.log"));
+  SetFile("folder/a.log");
+  const std::string above = folder_.Read("a.log");
+  EXPECT_NE(above, "") << "a link on the way is followed";
   folder_.Write("before/a.log", "");
   SetFile("before/a.log");
   fs::rename(folder_.Path("before"), folder_.Path("behind"));
   fs::create_directory_symlink(folder_.Path(), folder_.Path("before"));
-  const std::string above = folder_.Read("a.log");
   TraceWrite("lost");
   EXPECT_EQ(folder_.Read("a.log"), above) << "a folder became a link between two lines";
-  EXPECT_EQ(folder_.Read("second name"), "kept");
+  EXPECT_EQ(folder_.Read("kept"), "kept");
+
   // Only a privileged run can give a file away.
-  if (::chown(folder_.Write("~qixtheirs", "kept").c_str(), 1, 1) != 0) return;
-  ASSERT_EQ(::chown(folder_.Write("theirs.log", "kept").c_str(), 1, 1), 0);
-  ASSERT_EQ(::lchown(folder_.Path("folder").c_str(), 1, 1), 0);
+  const auto give = [this](const std::string& name) {
+    return ::lchown(folder_.Path(name).c_str(), 1, 1) == 0;
+  };
+  folder_.Write("~qixtheirs", "kept");
+  folder_.Write("theirs.log", "kept");
+  if (!give("~qixtheirs") || !give("theirs.log") || !give("folder")) return;
   SetFile("folder/b.log");
-  TraceDump("b", data);
-  EXPECT_FALSE(fs::exists(folder_.Path("b.log")) || fs::exists(folder_.Path("~qixb")));
+  EXPECT_EQ(dump("b"), "");
+  EXPECT_FALSE(fs::exists(folder_.Path("b.log")));
   SetFile("a.log");
-  TraceDump("theirs", data);
-  SetFile("theirs.log");
-  EXPECT_EQ(folder_.Read("~qixtheirs"), "kept");
-  EXPECT_EQ(folder_.Read("theirs.log"), "kept");
+  EXPECT_EQ(dump("theirs"), "kept");
   // In a folder like /tmp the system itself may open no such file.
-  fs::permissions(folder_.Path(), fs::perms{01777});
-  ::testing::internal::CaptureStderr();
-  SetFile("theirs.log");
-  EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr("' is refused: "));
+  for (const auto rights : {fs::perms::owner_all, fs::perms{01777}}) {
+    fs::permissions(folder_.Path(), rights);
+    EXPECT_THAT(refusals("theirs.log"), ::testing::HasSubstr("' is refused: "));
+    EXPECT_EQ(folder_.Read("theirs.log"), "kept");
+  }
 }
 
 }  // namespace

@@ -35,39 +35,30 @@ class JsonReader {
 
   void Value(const std::string& path) {
     Skip();
-    if (Take('{')) return Members(path);
-    if (Take('[')) return Elements(path);
+    if (Take('{')) return Inside('}', path);
+    if (Take('[')) return Inside(']', path);
     if (rest_.starts_with('"')) {
       values_[path] = Text();
       return;
     }
-    const std::size_t length = std::min(rest_.find_first_of(",]} \n"), rest_.size());
-    const std::string word(rest_.substr(0, length));
+    const std::string word(rest_.substr(0, rest_.find_first_of(",]} \n")));
     const bool isNumber = !word.empty() && word.find_first_not_of("0123456789") == word.npos;
     EXPECT_TRUE(isNumber || word == "true" || word == "false" || word == "null") << word;
-    rest_.remove_prefix(std::max(length, std::min<std::size_t>(1, rest_.size())));
+    rest_.remove_prefix(word.size());
     values_[path] = word;
   }
-  void Members(const std::string& path) {
-    if (Take('}')) return;
-    do {
+  void Inside(char end, const std::string& path) {
+    std::size_t index = 0;
+    for (; !Take(end); ++index) {
+      ASSERT_TRUE(!rest_.empty() && (index == 0 || Take(','))) << path;
       Skip();
-      const std::string name = Text();
-      EXPECT_TRUE(Take(':')) << name;
+      const std::string name = end == '}' ? Text() : std::to_string(index);
+      EXPECT_TRUE(end == ']' || Take(':')) << name;
       const std::string inner = path.empty() ? name : path + "." + name;
       EXPECT_FALSE(values_.contains(inner)) << "twice: " << inner;
       Value(inner);
-    } while (Take(','));
-    EXPECT_TRUE(Take('}')) << path;
-  }
-  void Elements(const std::string& path) {
-    std::size_t index = 0;
-    if (!Take(']')) {
-      do Value(path + "." + std::to_string(index++));
-      while (Take(','));
-      EXPECT_TRUE(Take(']')) << path;
     }
-    values_[path + ".count"] = std::to_string(index);
+    if (end == ']') values_[path + ".count"] = std::to_string(index);
   }
   std::string Text() {
     std::string text;

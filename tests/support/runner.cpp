@@ -2,15 +2,13 @@
 // temporary folder of its own. This process stays behind to end what a case left over: when a case
 // hangs, or the program is stopped, every process that came from it is killed and the traces that
 // it wrote are printed.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -26,10 +24,7 @@ namespace qixx::testing {
 namespace {
 
 /// Below the limit of the test runner, which would kill without a word. For one case.
-constexpr std::chrono::seconds kCaseLimit{110};
-constexpr int kLookMilliseconds = 100;
-
-volatile std::sig_atomic_t stopped = 0;
+constexpr unsigned kCaseSeconds = 110;
 
 /// Nothing was tested when a filter meets no case, which would pass for success.
 int RunAllTests() {
@@ -39,19 +34,12 @@ int RunAllTests() {
   return 1;
 }
 
-/// Tells the process that stayed behind of each case that begins.
-class CaseTeller : public ::testing::EmptyTestEventListener {
+class CaseLimit : public ::testing::EmptyTestEventListener {
  public:
-  explicit CaseTeller(int pipe) : pipe_(pipe) {}
-  void OnTestStart(const ::testing::TestInfo& /*info*/) override {
-    static_cast<void>(::write(pipe_, "", 1) == 1);
-  }
-
- private:
-  const int pipe_;
+  void OnTestStart(const ::testing::TestInfo& /*info*/) override { ::alarm(kCaseSeconds); }
 };
 
-int RunCases(int pipe, const std::string& home) {
+int RunCases(const std::string& home) {
   ::setpgid(0, 0);
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   ::setenv("HOME", home.c_str(), 1);
@@ -60,7 +48,7 @@ int RunCases(int pipe, const std::string& home) {
   for (const char* name : {"QIXX_SOFTCARD", "qixconfiglocal", "qixconfigglobal", "qixconfigref"}) {
     ::unsetenv(name);
   }
-  ::testing::UnitTest::GetInstance()->listeners().Append(new CaseTeller(pipe));
+  ::testing::UnitTest::GetInstance()->listeners().Append(new CaseLimit);
   return RunAllTests();
 }
 
@@ -74,9 +62,7 @@ void KillDescendants(pid_t group) {
   ::kill(-group, SIGKILL);
   const auto parentOf = [](const std::filesystem::path& process) {
     const std::string stat = TemporaryFolder::ReadFile(process / "stat");
-    const std::size_t name = stat.rfind(')');
-    return name == std::string::npos || stat.size() < name + 4 ? 0
-                                                               : NumberIn(stat.substr(name + 4));
+    return NumberIn(stat.substr(std::min(stat.rfind(')') + 4, stat.size())));  // behind the name
   };
   for (bool found = true; found;) {
     found = false;
@@ -102,46 +88,35 @@ void PrintTraces(const std::string& home) {
 }
 
 /// The exit code of the cases; of those that had to be killed it is 1.
-int AwaitCases(pid_t cases, int pipe, const std::string& home) {
-  using Clock = std::chrono::steady_clock;
-  Clock::time_point end = Clock::now() + kCaseLimit;
-  for (int status = 0;;) {
-    if (::waitpid(cases, &status, WNOHANG) == cases) {
-      KillDescendants(cases);
-      if (WIFEXITED(status)) return WEXITSTATUS(status);
-      std::cout << "\nThe case was ended by signal " << WTERMSIG(status) << ".\n";
-      PrintTraces(home);
-      return 1;
-    }
-    if (stopped != 0 || Clock::now() > end) {
-      std::cout << (stopped != 0 ? "\nStopped from outside.\n" : "\nThe case takes too long.\n");
-      PrintTraces(home);
-      KillDescendants(cases);
-      return 1;
-    }
-    pollfd begun = {pipe, POLLIN, 0};
-    char ignored[64];
-    if (::poll(&begun, 1, kLookMilliseconds) == 1 && ::read(pipe, ignored, sizeof ignored) > 0) {
-      end = Clock::now() + kCaseLimit;
-    }
+int AwaitCases(pid_t cases, const std::string& home) {
+  int status = 0;
+  const bool ended = ::waitpid(cases, &status, 0) == cases;
+  const bool exited = ended && WIFEXITED(status);
+  if (!ended) {
+    std::cout << "\nStopped from outside.\n";
+  } else if (!exited && WTERMSIG(status) == SIGALRM) {
+    std::cout << "\nThe case takes too long.\n";
+  } else if (!exited) {
+    std::cout << "\nThe case was ended by signal " << WTERMSIG(status) << ".\n";
   }
+  if (!exited) PrintTraces(home);
+  KillDescendants(cases);
+  return exited ? WEXITSTATUS(status) : 1;
 }
 
 int Run() {
   const TemporaryFolder home;
-  int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) != 0) return 1;
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    ::signal(signal, [](int) { stopped = 1; });
-  }
+  struct sigaction stop = {};
+  stop.sa_handler = [](int /*signal*/) {};  // ends the wait for the cases
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &stop, nullptr);
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   const pid_t cases = ::fork();
   if (cases < 0) return 1;
-  if (cases > 0) return AwaitCases(cases, ends[0], home.Path());
+  if (cases > 0) return AwaitCases(cases, home.Path());
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::signal(signal, SIG_DFL);
   ::prctl(PR_SET_CHILD_SUBREAPER, 0);
   // Without the destructors of this frame: the home belongs to the process that stays behind.
-  const int code = RunCases(ends[1], home.Path());
+  const int code = RunCases(home.Path());
   ::exit(code);
 }
 
