@@ -400,6 +400,7 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
                          {"/bin/true x", 99, 1, 5, false},
                          {"/bin/true x", 3, 1, 4, false},
                          {"parallel /bin/true x", 2, 0, 3},
+                         {"parallel /bin/true x", 99, 1, 1},
                          {set, 3, 0, 4}}) {
     SCOPED_TRACE(row.command + std::to_string(row.failing));
     Configure("", "1=" + row.command + "\n2=kill x\n");
