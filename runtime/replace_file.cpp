@@ -12,9 +12,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "runtime/clock.h"
+#include "runtime/files.h"
 #include "runtime/scarce_means.h"
 #include "runtime/trace.h"
 
@@ -172,27 +175,28 @@ Outcome PutNewFile(const FilePlace& place, std::string_view text, const Descript
 
 // --- in place -----------------------------------------------------------------------------------
 
-bool WriteAt(const Descriptor& file, std::string_view text, std::size_t position) {
-  const auto place = static_cast<off_t>(position);
-  return Noted(::lseek(file.Get(), place, SEEK_SET) == place && WriteFully(file, text));
+/// Takes room for what the text grows by, so that a full disk is found before anything is changed.
+/// Where the file system cannot tell, there is room.
+bool TakeRoom(const Descriptor& file, std::size_t length) {
+  return ::fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length)) == 0 ||
+         (errno != ENOSPC && errno != EDQUOT && errno != EFBIG);
 }
 
-bool CutFile(const Descriptor& file, std::size_t length) {
-  return ::ftruncate(file.Get(), static_cast<off_t>(length)) == 0;
+bool Overwrite(const Descriptor& file, std::string_view text) {
+  return Noted(::lseek(file.Get(), 0, SEEK_SET) == 0 && WriteFully(file, text) &&
+               ::ftruncate(file.Get(), static_cast<off_t>(text.size())) == 0 &&
+               ::fsync(file.Get()) == 0);
 }
 
-/// What goes behind the old end is written first: when the disk is full the file is cut back and
-/// still holds all that it held. What stays as long as it was is one write.
+/// The text is one write; when that fails the old text is put back.
 bool WriteInPlace(const Descriptor& file, std::string_view text) {
-  const auto length = static_cast<std::size_t>(StatusOf(file).st_size);
-  const std::size_t kept = std::min(length, text.size());
-  const std::string_view added = text.substr(kept);
-  if (!WriteAt(file, added, kept) || (!added.empty() && !Noted(::fsync(file.Get()) == 0))) {
-    static_cast<void>(CutFile(file, length));
-    return false;
-  }
-  return WriteAt(file, text.substr(0, kept), 0) &&
-         (length <= text.size() || CutFile(file, text.size())) && Noted(::fsync(file.Get()) == 0);
+  if (!Noted(::lseek(file.Get(), 0, SEEK_SET) == 0)) return false;
+  const std::optional<std::string> before = ReadToEnd(file, kMaxFileSize);
+  if (!before) return false;
+  if (text.size() > before->size() && !Noted(TakeRoom(file, text.size()))) return false;
+  if (Overwrite(file, text)) return true;
+  Overwrite(file, *before);
+  return false;
 }
 
 /// Why the old file is to be written in place; null when it is not.

@@ -113,7 +113,8 @@ bool Misleads(char32_t character) {
   const bool turnsDirection = character == 0x061C || character == 0x200E || character == 0x200F ||
                               (character >= 0x202A && character <= 0x202E) ||
                               (character >= 0x2066 && character <= 0x2069);
-  return isControl || turnsDirection;
+  const bool endsLine = character == 0x2028 || character == 0x2029;
+  return isControl || turnsDirection || endsLine;
 }
 
 std::string CleanCardText(std::string_view text) {
@@ -126,9 +127,11 @@ std::string CleanCardText(std::string_view text) {
 
 std::string CleanLineStart(std::string_view cleaned) {
   std::string value(cleaned);
-  const std::size_t first = value.find_first_not_of(' ');
-  if (first != std::string::npos && kLineStarts.find(value[first]) != std::string_view::npos) {
-    value[first] = kHarmless;
+  // A configuration that is read drops other bytes than those of ASCII in front of its first line.
+  const auto first = std::ranges::find_if(
+      value, [](char c) { return c != ' ' && static_cast<unsigned char>(c) < 0x80; });
+  if (first != value.end() && kLineStarts.find(*first) != std::string_view::npos) {
+    *first = kHarmless;
   }
   return value;
 }

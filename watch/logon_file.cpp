@@ -85,12 +85,13 @@ const char* FaultOfCopy(const runtime::FilePlace& place, const runtime::Descript
   const bool isTheFiles = file.IsOpen() && saved.st_uid == original.st_uid;
   if (saved.st_uid != ::geteuid() && !isTheFiles) return "a file of somebody else";
   // A missing file is made like its copy, and whoever owns the folder as well could have done all
-  // this alone.
+  // this alone, unless others may move files of theirs into it.
   const bool showsMore = file.IsOpen() && !ShowsNoMore(original, saved);
   struct stat folder {};
   if (::fstat(place.Folder(), &folder) != 0) folder = {};
-  if (showsMore && saved.st_uid != folder.st_uid) return "a file that shows too much";
-  return nullptr;
+  const bool isOwners =
+      saved.st_uid == folder.st_uid && (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  return showsMore && !isOwners ? "a file that shows too much" : nullptr;
 }
 
 // --- one file -----------------------------------------------------------------------------------
@@ -231,12 +232,14 @@ bool EditedFile::Write() {
     runtime::RemoveLeftOvers(scope_.File().real);
     return true;
   }
+  const runtime::FilePlace& place = scope_.File().real;
   struct stat now {};
-  if (::stat(path_.c_str(), &now) != 0 || now.st_mtime != status_.st_mtime) {
+  if (::fstatat(place.Folder(), place.Name().c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0 ||
+      now.st_mtime != status_.st_mtime) {
     // The last writer wins.
     runtime::TraceWrite("Config - WARNING: File '%s' modified", shown_.c_str());
   }
-  return runtime::ReplaceFile(scope_.File().real, file_, text_);
+  return runtime::ReplaceFile(place, file_, text_);
 }
 
 bool FillAll(EditedFile& file, const LogonValues& values) {

@@ -28,8 +28,8 @@ TEST(CardText, IsOnlyEverText) {
       {"> a >b b> >", "_ a >b b> _"},
       {"a >%x% /etc/x", "a _%x% /etc/x"},
       // nothing that a reader of the trace sees otherwise than it stands
-      {"\xc2\x9b\xc2\xa0\u061c\u200d\u200e\u200f\u202a\u202e\u202f\u2066\u2069\u206a",
-       "_\xc2\xa0_\u200d____\u202f__\u206a"},
+      {"\xc2\x9b\xc2\xa0\u061c\u200d\u200e\u200f\u202a\u202e\u2028\u2029\u202f\u2066\u2069\u206a",
+       "_\xc2\xa0_\u200d______\u202f__\u206a"},
       {"M\uFFFDller", "M_ller"},
       // é, a bare tail, an overlong form, a surrogate, beyond the last character, cut short
       {">>\xc3\xa9\xff \x80 \xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80 \xf0\x9f\x98\x80 \xe2\x82",
@@ -53,6 +53,9 @@ TEST(CardText, IsOnlyEverText) {
     EXPECT_EQ(watch::CleanCardText(text), cleaned);
     EXPECT_EQ(watch::CleanCardText(cleaned), cleaned) << "settled";
   }
+  // The reader of a configuration drops what is not ASCII in front of its first line.
+  EXPECT_EQ(watch::CleanLineStart(" \xc3\xa9[Evil] x"), " \xc3\xa9_Evil] x");
+  EXPECT_EQ(watch::CleanLineStart("a [b]"), "a [b]");
   EXPECT_EQ(watch::SplitPrincipalName(">@b@c").user, "_");
   EXPECT_EQ(watch::SplitPrincipalName("a@>").domain, "_");
   std::string all;

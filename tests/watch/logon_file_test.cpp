@@ -410,6 +410,11 @@ TEST_F(LogonFile, StrangersGainNothingFromRoot) {
       {"folder is a link", folder_.Path("d/a.conf"), [&] { link(own.Path(), "d"); }},
       {"root's file, nobody's copy", file_,
        [&] { Give(file_, 0, 0), Give(folder_.Write("a.conf.org", "[Mine]\n")); }},
+      {"root's secret renamed into its folder for a group", file_,
+       [&] {
+         Give(file_, 0, 0), Give(folder_.Path(), 0, kNobody), fs::copy(secret, copy);
+         fs::permissions(folder_.Path(), fs::perms{0775});
+       }},
       {"root's file for all, root's copy for itself", file_,
        [&] { Give(file_, 0, 0), fs::copy(secret, copy); }},
   };
