@@ -1,20 +1,80 @@
+// Certificates: what they say, by recipe and beside the openssl program, and what nobody should
+// send.
 #include "der/certificate.h"
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "der/matching.h"
 #include "der/names.h"
 #include "der/spare_certificate.h"
+#include "fuzz/fuzz.h"
 #include "runtime/spare_text.h"
+#include "tests/support/openssl.h"
 #include "tests/support/recipes.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 
 namespace qixx::testing {
 namespace {
 
+using namespace std::string_literals;
+
 der::CertificatePtr Load(const Recipe& recipe) {
   return der::LoadCertificate(BytesOf(recipe.Build()));
 }
+
+// --- names --------------------------------------------------------------------------------------
+
+TEST(FormatName, WritesEveryKindOfValue) {
+  const std::string badType = Der(0x31, Der(0x30, FromHex("0601FF0C0141")));
+  const std::string bmp = FromHex("002C D83DDE00 D83D 0041DE00 00"), bad3 = "\uFFFD\uFFFD\uFFFD";
+  const std::tuple<const char*, std::string, std::string> rows[] = {
+      {"short names", Part("S", "Lee") + Part("t", "Dr") + Part("g", "Ann"), "s=Lee,t=Dr,g=Ann"},
+      {"broken UTF-8", Part("o", "a\xFF\xC0\xAFz\xE2\x82"), "o=a\uFFFD\uFFFD\uFFFDz\uFFFD\uFFFD"},
+      {"surrogate, overlong", Part("o", "\xED\xA0\x80 \xE0\x9F\xBF"), "o=" + bad3 + " " + bad3},
+      {"overlong by one", Part("o", "\xF0\x8F\xBF\xBF,"), "o=" + bad3 + "\uFFFD\\,"},
+      {"surrogates in BMPString", Part("o", bmp, 0x1E), "o=\\,\U0001F600\uFFFDA\uFFFD"},
+      {"past Unicode", Part("o", FromHex("0001F600 00110000"), 0x1C), "o=\U0001F600\uFFFD"},
+      {"no text", Part("o", FromHex("00FF2C"), 0x03), "o=#030300FF2C"},
+      {"zero byte", Part("o", std::string("a\0b", 3)), std::string("o=a\0b", 5)},
+      {"unreadable type", badType + Part("o", "") + Part("cn", "B"), "o=,cn=B"},
+  };
+  const auto format = [](const std::string& parts, std::size_t maxLength) {
+    return der::FormatName(BytesOf(Der(0x30, parts)), maxLength);
+  };
+  for (const auto& [name, parts, text] : rows) EXPECT_EQ(format(parts, 4096), text) << name;
+  const std::string parts = Part("o", "Org") + Part("cn", "a,b");
+  EXPECT_EQ(format(parts, 13), "o=Org,cn=a\\,b");
+  EXPECT_EQ(format(parts, 12), "o=Org") << "a component is left out whole";
+}
+
+TEST(NextNameComponent, WalksFormattedNames) {
+  std::string_view rest = " ,+CN=Ann  , o=A\\, B\\+C\\\\\\,cn=root\\\\ + c=D\\=E\\,e= ,junk,cn=c";
+  std::string components;
+  while (const std::optional<der::NameComponent> next = der::NextNameComponent(rest)) {
+    components.append(next->key + ":").append(next->value + ";");
+  }
+  EXPECT_EQ(components, "CN:Ann ;o:A, B+C\\,cn=root\\;c:D\\=E,e=;");
+}
+
+TEST(MatchNames, AsksSubjectOrIssuer) {
+  Recipe recipe;
+  recipe.subject += Part("ou", FromHex("00E4 0041"), 0x1E);
+  const der::CertificatePtr holder = Load(recipe);
+  for (const char* filter : {"", "subject|", " ; ", "2.5.4.3=ann LEE", "ou=\u00e4a", "ann lee",
+                             "SUBJECT|  ann", "Issuer| cn=Card CA", "nobody; ;cn=x; example "}) {
+    EXPECT_TRUE(holder->certificate.MatchNames(true, filter)) << filter;
+  }
+  for (const char* filter :
+       {"cn=Ann", "cn=Ann Lee Jr", "=Ann Lee", "issuer|ann", "nobody; ;cn=x"}) {
+    EXPECT_FALSE(holder->certificate.MatchNames(true, filter)) << filter;
+  }
+  EXPECT_TRUE(holder->certificate.MatchNames(false, "card ca"));
+}
+
+// --- logon values and usages --------------------------------------------------------------------
 
 TEST(GetLogonValues, FollowsTheNames) {
   const std::string upn = OtherName(der::kUserPrincipalName, "u"), other = OtherName("1.2.3", "x");
@@ -58,7 +118,6 @@ TEST(Usages, AreListedByBitAndByIdentifier) {
       {"030307FF80", "3000", {0, 1, 2, 3, 4, 5, 6, 7, 8}, {}},
       {"0305000180FFFF", "06012A", {7, 8}, {}},  // more bits than have a name
       {"030100", "", {}, {}},
-      {"0300", "30", {}, {}},
       {"03", "3003060301", {}, {}},
   };
   for (const auto& [bits, purposes, usages, identifiers] : rows) {
@@ -70,6 +129,8 @@ TEST(Usages, AreListedByBitAndByIdentifier) {
   }
 }
 
+// --- loading ------------------------------------------------------------------------------------
+
 TEST(LoadCertificate, TakesDerAndBase64) {
   const std::string der = Recipe().Build();
   const std::string base64 = runtime::Base64Encode(BytesOf(der));
@@ -77,8 +138,7 @@ TEST(LoadCertificate, TakesDerAndBase64) {
   for (const std::string& form : {base64, armoured, der + "behind"}) {
     const der::CertificatePtr holder = der::LoadCertificate(BytesOf(form));
     ASSERT_NE(holder, nullptr) << form;
-    EXPECT_TRUE(holder->certificate.IsSame(der::LoadCertificate(BytesOf(der))->certificate))
-        << form;
+    EXPECT_TRUE(holder->certificate.IsSame(Load({})->certificate)) << form;
   }
 }
 
@@ -86,18 +146,15 @@ TEST(LoadCertificate, TellsWhatIsWrong) {
   const std::string good = Recipe().Build(), info = Recipe().Info(), ours = "DerCertificate - ";
   const std::string length = "Der - Invalid length encoding", get = ours + "Failed to get ";
   const std::string badTag = Der(0x30, info + Der(0x30, "") + Der(0x04, ""));
-  const std::tuple<const char*, std::string, bool, std::vector<std::string>> rows[] = {
+  using Lines = std::vector<std::string>;
+  const std::tuple<const char*, std::string, bool, Lines> rows[] = {
       {"other first byte", "\x31\x03\x02\x01\x01", false, {}},
       {"0x30 alone", "\x30", true, {ours + "Bad certificate value"}},
-      {"too short",
-       FromHex("30050000"),
-       false,
-       {length, length, ours + "Failed to decode top sequence (4 bytes)"}},
+      {"too short", FromHex("30050000"), false,
+       Lines{length, length, ours + "Failed to decode top sequence (4 bytes)"}},
       {"a fourth part", Recipe().Build("\x05\x01z"), false, {ours + "3 bytes ignored at end"}},
-      {"info alone",
-       Der(0x30, info),
-       false,
-       {length, get + "signature algorithm", length, get + "signature"}},
+      {"info alone", Der(0x30, info), false,
+       Lines{length, get + "signature algorithm", length, get + "signature"}},
       {"half a validity", Recipe{.notAfter = ""}.Build(), false, {}},
       {"signature of another tag", badTag, false, {}},
       {"last bytes missing", good.substr(0, good.size() - 2), true, {}},
@@ -117,26 +174,23 @@ TEST(CDerCert, Keeps32Extensions) {
   EXPECT_EQ(LogonName(holder, false, true), "") << "the 33rd";
 }
 
-TEST(CDerCert, ExpiresByUtcTimeOnly) {
+TEST(CDerCert, HasBothTimesOrNoneAndExpiresByUtcTimeOnly) {
+  const std::string longest(31, '1');
   // The century is not looked at, so 1999 is to come.
-  for (const auto& [time, tag, expired] : {std::tuple("250101000000Z", 0x17, true),
-                                           {"991231235959Z", 0x17, false},
-                                           {"20150101000000Z", 0x18, false},
-                                           {"1501010000+00", 0x17, false}}) {
+  const std::tuple<std::string, int, std::string, bool> rows[] = {
+      {"250101000000Z", 0x17, "200101000000Z 250101000000Z", true},
+      {"991231235959Z", 0x17, "200101000000Z 991231235959Z", false},
+      {"20150101000000Z", 0x18, "200101000000Z 20150101000000Z", false},
+      {"1501010000+00", 0x17, "200101000000Z 1501010000+00", false},
+      {longest, 0x18, "200101000000Z " + longest, false},
+      {longest + "1", 0x18, " ", false},
+      {"", 0x17, " ", false}};
+  for (const auto& [time, tag, both, expired] : rows) {
     const der::CertificatePtr holder = Load({.notAfter = Der(tag, time)});
+    const der::Validity validity = holder->certificate.GetValidity();
+    EXPECT_EQ(validity.notBefore + " " + validity.notAfter, both);
     EXPECT_EQ(holder->certificate.IsExpired(), expired) << time;
   }
-}
-
-TEST(CDerCert, GivesBothTimesOrNone) {
-  const std::string longest(31, '1');
-  for (const auto& [time, expected] :
-       {std::pair("991231235959Z", "200101000000Z 991231235959Z"), {"", " "}}) {
-    const der::Validity validity = Load({.notAfter = Der(0x17, time)})->certificate.GetValidity();
-    EXPECT_EQ(validity.notBefore + " " + validity.notAfter, expected);
-  }
-  EXPECT_EQ(Load({.notAfter = Der(0x18, longest)})->certificate.GetValidity().notAfter, longest);
-  EXPECT_EQ(Load({.notAfter = Der(0x18, longest + "1")})->certificate.GetValidity().notBefore, "");
 }
 
 TEST(CertificateHolder, KeepsIdentifiersOfUpTo64Bytes) {
@@ -165,6 +219,100 @@ TEST(CertificateHolder, RanksDuplicates) {
   EXPECT_FALSE(der::AreDuplicates(*newer, *Load({.issuer = Part("o", "Other")})));
   EXPECT_FALSE(der::AreDuplicates(*newer, *Load({.subject = Part("cn", "Ann")})));
   EXPECT_FALSE(der::AreDuplicates(*newer, *Load({.extensions = ""})));
+}
+
+// --- beside openssl -----------------------------------------------------------------------------
+
+/// What we read, in the words of openssl.
+std::string Ours(const der::CertificateHolder& holder) {
+  std::string_view subject = holder.certificate.GetSubjectText();
+  std::string text = "subject=\n";
+  while (const std::optional<der::NameComponent> next = der::NextNameComponent(subject)) {
+    const std::string_view dotted = der::DottedAttributeName(next->key);
+    text.append("    ")
+        .append(dotted.empty() ? next->key : dotted)
+        .append("=" + next->value + "\n");
+  }
+  const auto [notBefore, notAfter] = holder.certificate.GetValidity();
+  return text + "serial=" + runtime::HexEncode(der::GetSerialNumber(holder)) + "\nnotBefore=20" +
+         notBefore + "\nnotAfter=20" + notAfter + "\n";
+}
+
+TEST(Openssl, AgreesOnWhatACertificateSays) {
+  if (OutputOf("openssl version").empty()) GTEST_SKIP() << "there is no openssl program";
+  const TemporaryFolder folder;
+  const std::string in = "cd " + folder.Path() + " && openssl ";
+  // UTF8String, T61String and BMPString; a serial number of 20 bytes and a zero.
+  const std::string longest = "0x80" + std::string(38, '1');
+  for (const auto& [strings, name, serial] :
+       {std::tuple("utf8only", "\u20ac \u65e5\u672c", "0x2A"s),
+        {"MASK:0x0004", "\u00c4,", longest},
+        {"MASK:0x0800", "\u20ac", "0x2A"s}}) {
+    SCOPED_TRACE(strings);
+    folder.Write("request",
+                 "[req]\nprompt=no\nutf8=yes\ndistinguished_name=dn\nx509_extensions=ext\n"
+                 "string_mask=" +
+                     std::string(strings) +
+                     "\n[dn]\nemailAddress=a+b@x\nC=DE\n"
+                     "CN=J\u00fcrgen\n+SN=Lee\n+OU=a+b=c\nO=Example, Inc.\nL=K\u00f6ln " +
+                     name +
+                     "\nGN=\"\\\\,+;<> \"\n"
+                     "[ext]\nextendedKeyUsage=critical,clientAuth,1.3.6.1.4.1.311.20.2.2\n");
+    OutputOf(in + "req -x509 -config request -days 9 -multivalue-rdn -outform DER -nodes -newkey " +
+             "ed25519 -keyout key -set_serial " + serial + " -out certificate 2>&1");
+    const der::CertificatePtr holder = der::LoadCertificate(BytesOf(folder.Read("certificate")));
+    ASSERT_NE(holder, nullptr);
+    // Several values of one part stand on one line there, dates have separators, and a number has
+    // no zero in front of its sign bit.
+    const std::string theirs =
+        OutputOf(in +
+                 "x509 -in certificate -inform DER -noout -subject -serial -dates -dateopt "
+                 "iso_8601 -nameopt oid,sep_multiline,utf8 "
+                 "| sed -e 's/ + /\\n    /g' -e '/^not/s/[-: ]//g' -e 's/^serial=8/serial=008/'");
+    EXPECT_EQ(Ours(*holder), theirs);
+    EXPECT_TRUE(holder->certificate.IsSelfSigned() && !holder->certificate.IsExpired());
+    EXPECT_TRUE(der::HasExtendedKeyUsage(*holder, der::kSmartCardLogon)) << "the second purpose";
+  }
+}
+
+// --- what nobody should send --------------------------------------------------------------------
+
+TEST(Hostile, TruncationsAndMutationsAreReadToTheirEndOnly) {
+  // What the fuzz target asks, of an array of that very size: sanitizers and valgrind see a byte
+  // read behind it.
+  const auto askEverything = [](const std::string& text) {
+    const std::vector<std::uint8_t> value(text.begin(), text.end());
+    LLVMFuzzerTestOneInput(value.data(), value.size());
+  };
+  const std::string cn = Open(0x31, Open(0x30, Oid("cn") + Der(0x1E, FromHex("00410042D83D"))));
+  const std::string upn = Open(0xA0, Oid(der::kUserPrincipalName) + Open(0xA0, Der(0x0C, "ann")));
+  const Recipe open{.subject = cn, .alternativeNames = upn, .sequence = Open};
+  EXPECT_EQ(LogonName(Load(open), true, false), "ann") << "by indefinite lengths";
+  std::mt19937 random(20240229);
+  for (const std::string& seed : {Recipe().Build(), open.Build()}) {
+    for (std::size_t size = 0; size <= seed.size(); ++size) askEverything(seed.substr(0, size));
+    for (int i = 0; i < 50'000; ++i) {
+      std::string value = seed;
+      for (auto changes = 1 + random() % 4; changes > 0 && !value.empty(); --changes) {
+        const std::size_t at = random() % value.size();
+        value[at] = random() % 2 == 0 ? static_cast<char>(random()) : seed[random() % seed.size()];
+        if (random() % 2 == 0) value.replace(at, random() % 8, value.substr(at / 2, random() % 8));
+      }
+      askEverything(value);
+    }
+  }
+}
+
+TEST(Hostile, DeepNestingIsRefusedAndLongWalksEnd) {
+  std::string nested;
+  for (int depth = 0; depth < der::kMaxNesting; ++depth) nested = Open(0x30, nested);
+  EXPECT_EQ(der::DecodeLength(BytesOf(nested))->content, 4U * der::kMaxNesting - 2);
+  EXPECT_FALSE(der::DecodeLength(BytesOf(Open(0x30, nested))));
+  for (const char* unit : {"3080", "30800401410000", "30", "06018830020101"}) {
+    std::string value = "\x30\x80";
+    while (value.size() < 4'000'000) value += FromHex(unit);
+    EXPECT_EQ(der::LoadCertificate(BytesOf(value)), nullptr) << unit;
+  }
 }
 
 }  // namespace
