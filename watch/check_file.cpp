@@ -42,10 +42,6 @@ std::string MeantLength(std::size_t maxLength) {
 
 }  // namespace
 
-bool LessNoCase::operator()(std::string_view a, std::string_view b) const {
-  return runtime::CompareNoCase(a, b) < 0;
-}
-
 // --- reading a file -----------------------------------------------------------------------------
 
 std::string CheckedFile::Load(const std::string& path) {
@@ -119,10 +115,6 @@ void CheckedFile::TakeOdd(std::string_view text, std::size_t line, std::string_v
                           std::string_view meant) {
   if (text.empty() || config::IsComment(text) || text.starts_with("//")) return;
   odd_.Add(At(line), Quoted(config::EntryName(text)).append(wrong), meant);
-}
-
-const CheckedSection* CheckedFile::Find(std::string_view section) const {
-  return sections_.Find(section);
 }
 
 const CheckedEntry* CheckedFile::Find(std::string_view section, std::string_view entry) const {

@@ -13,6 +13,7 @@
 #include "config/file.h"
 #include "config/store.h"
 #include "config/tree.h"
+#include "runtime/text.h"
 #include "watch/check_report.h"
 
 namespace qixx::watch {
@@ -22,7 +23,9 @@ inline constexpr std::size_t kMaxCheckedLines = 100'000;
 
 /// In any letter case.
 struct LessNoCase {
-  bool operator()(std::string_view a, std::string_view b) const;
+  bool operator()(std::string_view a, std::string_view b) const {
+    return runtime::CompareNoCase(a, b) < 0;
+  }
 };
 
 /// Sections or entries as they stand in a file; the last one of a name counts.
@@ -65,7 +68,9 @@ class CheckedFile {
   [[nodiscard]] const std::vector<CheckedSection>& Sections() const { return sections_.all; }
   [[nodiscard]] Place At(std::size_t line) const { return {path_, line}; }
   /// The section and the entry that count; null when there is none.
-  [[nodiscard]] const CheckedSection* Find(std::string_view section) const;
+  [[nodiscard]] const CheckedSection* Find(std::string_view section) const {
+    return sections_.Find(section);
+  }
   [[nodiscard]] const CheckedEntry* Find(std::string_view section, std::string_view entry) const;
 
   /// Lines that are no entries, blanks at "=", names that stand twice, conditions that never hold,
