@@ -57,6 +57,7 @@ class CutText {
   }
   void AppendFormat(const char* format, va_list arguments) {
     const std::size_t room = kCapacity - length_;
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the list is the caller's.
     const int length = std::vsnprintf(buffer_ + length_, room + 1, format, arguments);
     if (length > 0) length_ += std::min(static_cast<std::size_t>(length), room);
   }
