@@ -1,5 +1,6 @@
 #include "runtime/spare_text.h"
 
+#include <algorithm>
 #include <cstddef>
 
 #include "runtime/text.h"
@@ -9,6 +10,21 @@ namespace {
 
 constexpr std::size_t kBase64LineLength = 64;
 
+std::size_t Base64Length(std::size_t length) {
+  return (length + 2) / 3 * 4;
+}
+
+/// Writes the characters of one group of up to three bytes.
+void EncodeGroup(std::span<const std::uint8_t> group, char* out) {
+  const std::uint32_t bits = static_cast<std::uint32_t>(group[0]) << 16 |
+                             static_cast<std::uint32_t>(group.size() > 1 ? group[1] : 0) << 8 |
+                             static_cast<std::uint32_t>(group.size() > 2 ? group[2] : 0);
+  out[0] = kBase64Alphabet[bits >> 18];
+  out[1] = kBase64Alphabet[bits >> 12 & 0x3F];
+  out[2] = group.size() > 1 ? kBase64Alphabet[bits >> 6 & 0x3F] : '=';
+  out[3] = group.size() > 2 ? kBase64Alphabet[bits & 0x3F] : '=';
+}
+
 }  // namespace
 
 std::optional<std::string> Duplicate(const char* text) {
@@ -17,17 +33,11 @@ std::optional<std::string> Duplicate(const char* text) {
 }
 
 std::string Base64Encode(std::span<const std::uint8_t> data) {
-  std::string text((data.size() + 2) / 3 * 4, '=');
-  char* to = text.data();
-  std::uint32_t bits = 0;
-  unsigned pending = 0;  // bits taken and not yet written
-  for (const std::uint8_t byte : data) {
-    bits = bits << 8 | byte;
-    for (pending += 8; pending >= 6; pending -= 6) {
-      *to++ = kBase64Alphabet[bits >> (pending - 6) & 0x3F];
-    }
+  std::string text(Base64Length(data.size()), '\0');
+  char* group = text.data();
+  for (std::size_t at = 0; at < data.size(); at += 3, group += 4) {
+    EncodeGroup(data.subspan(at, std::min<std::size_t>(3, data.size() - at)), group);
   }
-  if (pending != 0) *to = kBase64Alphabet[bits << (6 - pending) & 0x3F];
   return text;
 }
 

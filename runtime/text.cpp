@@ -31,6 +31,15 @@ constexpr DigitValues ValuesOf(std::string_view digits, char (*fold)(char)) {
 constexpr DigitValues kHexValues = ValuesOf(kHexDigits, FoldCase);
 constexpr DigitValues kBase64Values = ValuesOf(kBase64Alphabet, [](char c) { return c; });
 
+constexpr std::array<std::array<char, 2>, 256> PairHexDigits() {
+  std::array<std::array<char, 2>, 256> pairs{};
+  for (std::size_t byte = 0; byte < pairs.size(); ++byte) {
+    pairs[byte] = {kHexDigits[byte >> 4], kHexDigits[byte & 0x0F]};
+  }
+  return pairs;
+}
+constexpr std::array<std::array<char, 2>, 256> kHexPairs = PairHexDigits();
+
 int ValueOf(char c, const DigitValues& values) {
   return values[static_cast<unsigned char>(c)];
 }
@@ -46,27 +55,6 @@ std::uint64_t ParseDigits(std::string_view text, unsigned base, std::uint64_t li
     number = number * base + value;
   }
   return number;
-}
-
-/// Makes bytes of digits that stand for `width` bits each. What is no digit is dropped, and so are
-/// bits left over.
-std::vector<std::uint8_t> JoinDigits(std::string_view text, const DigitValues& values,
-                                     unsigned width) {
-  std::vector<std::uint8_t> data(text.size() * width / 8);
-  std::uint8_t* to = data.data();
-  std::uint32_t bits = 0;
-  unsigned pending = 0;  // bits read and not yet written
-  for (const char c : text) {
-    const int value = ValueOf(c, values);
-    if (value < 0) continue;
-    bits = bits << width | static_cast<std::uint32_t>(value);
-    pending += width;
-    if (pending < 8) continue;
-    pending -= 8;
-    *to++ = static_cast<std::uint8_t>(bits >> pending);
-  }
-  data.resize(static_cast<std::size_t>(to - data.data()));
-  return data;
 }
 
 /// What an armoured text holds between its first line and the next '-'; other texts are returned
@@ -219,21 +207,43 @@ bool ReplaceAllNoCase(std::string& text, std::string_view from, std::string_view
 std::string HexEncode(std::span<const std::uint8_t> data) {
   std::string text(2 * data.size(), '\0');
   char* to = text.data();
-  for (const std::uint8_t byte : data) {
-    *to++ = kHexDigits[byte >> 4];
-    *to++ = kHexDigits[byte & 0x0F];
-  }
+  for (const std::uint8_t byte : data) to = std::copy_n(kHexPairs[byte].data(), 2, to);
   return text;
 }
 
 std::vector<std::uint8_t> HexDecode(std::string_view text) {
   if (text.size() >= 3 && text.starts_with("0x")) text.remove_prefix(2);
-  return JoinDigits(text, kHexValues, 4);
+  std::vector<std::uint8_t> data(text.size() / 2);
+  std::uint8_t* to = data.data();
+  int high = -1;
+  for (const char c : text) {
+    const int digit = ValueOf(c, kHexValues);
+    if (digit < 0) continue;
+    if (high >= 0) *to++ = static_cast<std::uint8_t>(high << 4 | digit);
+    high = high < 0 ? digit : -1;
+  }
+  data.resize(static_cast<std::size_t>(to - data.data()));
+  return data;
 }
 
 std::vector<std::uint8_t> Base64Decode(std::string_view text) {
   text = Base64Body(text);
-  return JoinDigits(text.substr(0, text.find('=')), kBase64Values, 6);
+  text = text.substr(0, text.find('='));
+  std::vector<std::uint8_t> data(text.size() * 6 / 8);
+  std::uint8_t* to = data.data();
+  std::uint32_t bits = 0;
+  unsigned pending = 0;  // bits read and not yet written
+  for (const char c : text) {
+    const int value = ValueOf(c, kBase64Values);
+    if (value < 0) continue;
+    bits = bits << 6 | static_cast<std::uint32_t>(value);
+    pending += 6;
+    if (pending < 8) continue;
+    pending -= 8;
+    *to++ = static_cast<std::uint8_t>(bits >> pending);
+  }
+  data.resize(static_cast<std::size_t>(to - data.data()));
+  return data;
 }
 
 // --- conversions ------------------------------------------------------------------------------
