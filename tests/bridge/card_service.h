@@ -24,6 +24,33 @@
 
 namespace qixx::testing {
 
+using namespace std::string_literals;
+
+/// A program that ends with the test at the latest, also with one that is killed.
+class Companion {
+ public:
+  ~Companion() {
+    if (process_ != 0) Stop(SIGKILL);
+  }
+  void Start(const std::string& command) {
+    process_ = ::fork();
+    if (process_ != 0) return;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int quiet = ::open("/dev/null", O_RDWR);
+    for (const int descriptor : {0, 1, 2}) ::dup2(quiet, descriptor);
+    ::execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+    ::_exit(127);
+  }
+  void Stop(int signal) {
+    ::kill(process_, signal);
+    ::waitpid(process_, nullptr, 0);
+    process_ = 0;
+  }
+
+ private:
+  pid_t process_ = 0;
+};
+
 class CardService {
  public:
   /// Moves this process, and what it starts, into a world of its own; once for each process.
@@ -33,32 +60,17 @@ class CardService {
     return fault;
   }
 
-  ~CardService() {
-    if (process_ != 0) Stop();
-  }
-
   /// What the package of the virtual readers tells the service about them.
   [[nodiscard]] static std::string Readers() { return TemporaryFolder::ReadFile(kReaders); }
 
   /// An empty text: no readers.
   void Start(const std::string& readers = Readers()) {
     folder_.Write("readers/vpcd", readers);
-    process_ = ::fork();
-    if (process_ != 0) return;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is killed leaves none behind
-    const int quiet = ::open("/dev/null", O_RDWR);
-    for (const int descriptor : {0, 1, 2}) ::dup2(quiet, descriptor);
     // One that knows the option asks polkit about every client, and there is none in this world.
-    ::execl("/bin/sh", "sh", "-c",
-            "exec \"$0\" $(\"$0\" --help | grep -o -e --disable-polkit) --foreground -c \"$1\"",
-            kProgram, folder_.Path("readers").c_str(), nullptr);
-    ::_exit(127);
+    program_.Start(kProgram + " $("s + kProgram + " --help | grep -o -e --disable-polkit)" +
+                   " --foreground -c " + folder_.Path("readers"));
   }
-  void Stop(int signal = SIGTERM) {
-    ::kill(process_, signal);
-    ::waitpid(process_, nullptr, 0);
-    process_ = 0;
-  }
+  void Stop(int signal = SIGTERM) { program_.Stop(signal); }
 
  private:
   static constexpr const char* kProgram = "/usr/sbin/pcscd";
@@ -99,7 +111,7 @@ class CardService {
   }
 
   const TemporaryFolder folder_;
-  pid_t process_ = 0;
+  Companion program_;
 };
 
 }  // namespace qixx::testing

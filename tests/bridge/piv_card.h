@@ -12,9 +12,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
+
+#include "tests/support/eventually.h"
 
 namespace qixx::testing {
 
@@ -26,8 +29,7 @@ inline constexpr int kFirstReaderPort = 35963;
 
 /// What was asked of a card since it was made.
 struct CardCounters {
-  std::atomic<int> pins = 0;    ///< commands that carry a PIN or a PUK
-  std::atomic<int> writes = 0;  ///< commands that would change the card or use a key
+  std::atomic<int> secrets = 0;  ///< commands with a PIN or a PUK, or that use or change the card
   std::atomic<int> certificateReads = 0;
 };
 
@@ -135,13 +137,10 @@ class InsertedCard {
         [[fallthrough]];
       case 0x24:  // change reference data
       case 0x2C:  // reset retry counter
-        ++counters_.pins;
-        break;
       case 0xDB:  // put data
       case 0x47:  // generate a key pair
       case 0x87:  // general authenticate
-        ++counters_.writes;
-        break;
+        ++counters_.secrets;
     }
     return "\x6D\x00"s;
   }
@@ -166,5 +165,18 @@ class InsertedCard {
   int socket_;
   std::thread thread_;
 };
+
+/// A card in the reader of that number, from 0, as soon as the reader listens; null when it never
+/// does.
+inline std::unique_ptr<InsertedCard> CardIn(int reader, const std::string& certificate = "",
+                                            CardHabits habits = {}) {
+  std::unique_ptr<InsertedCard> card;
+  const bool isIn = Eventually([&] {
+    card.reset();  // the one that found no reader
+    card = std::make_unique<InsertedCard>(kFirstReaderPort + reader, certificate, habits);
+    return card->IsIn();
+  });
+  return isIn ? std::move(card) : nullptr;
+}
 
 }  // namespace qixx::testing

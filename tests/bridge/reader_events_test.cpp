@@ -36,9 +36,6 @@ class ReaderEvents : public LoadedModule {
     path_ = folder_.Path("bridge.so");  // a copy of its own: the bridge is never unloaded
     std::filesystem::copy_file(BRIDGE, path_);
   }
-  void TearDown() override {
-    if (list_ != nullptr) list_->C_Finalize(nullptr);
-  }
   int Descriptor() { return Function<int (*)()>("QixEventDescriptor")(); }
   /// Starts with both readers there and no card in, and with nothing left to tell.
   void StartWatched() {
@@ -51,13 +48,9 @@ class ReaderEvents : public LoadedModule {
   }
   /// Waits until a card has been seen to come and to go, and nothing is left to tell.
   [[nodiscard]] bool Settle() {
-    std::unique_ptr<InsertedCard> card;
     const auto isTold = [this] { return Poll() == 1; };
-    const bool isIn = Eventually([&card] {
-      card = std::make_unique<InsertedCard>(kFirstReaderPort, "");
-      return card->IsIn();
-    });
-    if (!isIn || !Eventually(isTold)) return false;
+    auto card = CardIn(0);
+    if (card == nullptr || !Eventually(isTold)) return false;
     card.reset();
     return Eventually(isTold) && Eventually([this] { return Poll() == -1 && !IsReadable(1000); });
   }
@@ -90,11 +83,10 @@ class ReaderEvents : public LoadedModule {
 
 TEST_F(ReaderEvents, DescriptorIsReadableWhileThereIsSomethingToTell) {
   StartWatched();
-  auto first = std::make_unique<InsertedCard>(kFirstReaderPort, "");
-  ASSERT_TRUE(first->IsIn());
+  auto first = CardIn(0);
   EXPECT_TRUE(NextIs(1));
   EXPECT_TRUE(IsQuiet());
-  auto second = std::make_unique<InsertedCard>(kFirstReaderPort + 1, "");
+  auto second = CardIn(1);
   EXPECT_TRUE(Eventually([this] {
     CK_ULONG cards = 0;
     return list_->C_GetSlotList(CK_TRUE, nullptr, &cards) == CKR_OK && cards == 2;
@@ -109,12 +101,53 @@ TEST_F(ReaderEvents, DescriptorIsReadableWhileThereIsSomethingToTell) {
   EXPECT_TRUE(NextIs(4));
 }
 
+TEST_F(ReaderEvents, CardThatIsChangedBetweenTwoPollsIsTwoEvents) {
+  StartWatched();
+  auto card = CardIn(0);
+  EXPECT_TRUE(NextIs(1));
+  EXPECT_TRUE(IsQuiet());
+  card.reset();
+  EXPECT_TRUE(IsReadable(15'000));
+  card = CardIn(0);
+  CK_SLOT_INFO info = {};
+  const auto isShown = [&] {
+    return list_->C_GetSlotInfo(1, &info) == CKR_OK && (info.flags & CKF_TOKEN_PRESENT) != 0;
+  };
+  EXPECT_TRUE(Eventually(isShown));
+  EXPECT_EQ(Poll(), 1);
+  EXPECT_FALSE(isShown()) << "up to the next poll";
+  EXPECT_EQ(Poll(), 1);
+  EXPECT_TRUE(isShown());
+}
+
+/// Readers whose names are one and the same in the 64 bytes of a slot description: PC/SC cannot
+/// tell the slots apart, the module can.
+TEST_F(ReaderEvents, ReadersWithOneNameAreTheModules) {
+  service_.Stop();
+  std::string readers = CardService::Readers();
+  const std::string longName(80, 'x');
+  ASSERT_NE(readers.find("Virtual PCD"), std::string::npos) << readers;
+  service_.Start(readers.replace(readers.find("Virtual PCD"), 11, longName));
+  for (const char* const slot : {"1", "4"}) {
+    folder_.Write("readers/"s + slot + "/slot", "description=" + longName + "\n");
+  }
+  Start(path_);
+  ASSERT_NE(CardIn(0), nullptr);
+  ASSERT_TRUE(Eventually([this] { return Poll() == -1; }));
+  for (const long slot : {1, 4}) {
+    folder_.Write("readers/" + std::to_string(slot) + "/card/x", "");
+    EXPECT_TRUE(Eventually([&] { return Poll() == slot; })) << slot;
+    std::filesystem::remove_all(folder_.Path("readers/" + std::to_string(slot) + "/card"));
+    EXPECT_TRUE(Eventually([&] { return Poll() == slot; })) << slot;
+  }
+}
+
 TEST_F(ReaderEvents, NoWakeUpIsLostBetweenPolls) {
   StartWatched();
   std::atomic<bool> done = false;
   std::thread cards([&done] {
     for (int i = 0; i < 4; ++i) {
-      const InsertedCard card(kFirstReaderPort, "");
+      const auto card = CardIn(0);
       std::this_thread::sleep_for(std::chrono::milliseconds(600));
     }
     done = true;
@@ -129,18 +162,13 @@ TEST_F(ReaderEvents, NoWakeUpIsLostBetweenPolls) {
 
 TEST_F(ReaderEvents, ServiceThatDiesAndComesBack) {
   StartWatched();
-  auto card = std::make_unique<InsertedCard>(kFirstReaderPort, "");
+  auto card = CardIn(0);
   EXPECT_TRUE(NextIs(1));
   service_.Stop(SIGKILL);
   EXPECT_TRUE(NextIs(1)) << "gone with the service";
-  card.reset();
   service_.Start();
   EXPECT_TRUE(IsReadable(15'000));
-  ASSERT_TRUE(Eventually([&card] {
-    card.reset();
-    card = std::make_unique<InsertedCard>(kFirstReaderPort, "");
-    return card->IsIn();
-  }));
+  card = CardIn(0);
   EXPECT_TRUE(Eventually([this] { return Poll() == 1; }));
   EXPECT_TRUE(IsQuiet());
   card.reset();
@@ -160,7 +188,7 @@ TEST_F(ReaderEvents, ManyRoundsLeaveNothing) {
   EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
   EXPECT_TRUE(Eventually([] { return EntriesOf("/proc/self/task") == 1; }));
   ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
-  const InsertedCard card(kFirstReaderPort, "");
+  const auto card = CardIn(0);
   EXPECT_TRUE(NextIs(1));
 }
 
@@ -180,7 +208,7 @@ TEST_F(ReaderEvents, ForkedChildHasADescriptorOfItsOwn) {
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   ASSERT_TRUE(IsQuiet());
-  const InsertedCard card(kFirstReaderPort, "");
+  const auto card = CardIn(0);
   EXPECT_TRUE(NextIs(1)) << "the parent's goes on";
 }
 
