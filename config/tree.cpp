@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <ranges>
 
 #include "config/scan.h"
 #include "runtime/no_destructor.h"
@@ -71,11 +70,11 @@ std::unique_ptr<const LookupTree> LookupTree::Build(std::string_view text) {
 std::optional<std::span<const LookupTree::Entry>> LookupTree::FindSection(
     std::string_view name) const {
   std::size_t end = entries_.size();
-  for (const Section& section : sections_ | std::views::reverse) {
-    if (runtime::EqualsNoCase(section.name, name)) {
-      return std::span(entries_).subspan(section.begin, end - section.begin);
+  for (auto section = sections_.rbegin(); section != sections_.rend(); ++section) {
+    if (runtime::EqualsNoCase(section->name, name)) {
+      return std::span(entries_).subspan(section->begin, end - section->begin);
     }
-    end = section.begin;
+    end = section->begin;
   }
   return std::nullopt;
 }
@@ -85,8 +84,8 @@ std::optional<std::string_view> LookupTree::FindValue(std::string_view section,
   const auto entries = FindSection(section);
   if (!entries) return std::nullopt;
   if (!entry) return "";
-  for (const Entry& known : *entries | std::views::reverse) {
-    if (runtime::EqualsNoCase(known.name, *entry)) return known.value;
+  for (auto known = entries->rbegin(); known != entries->rend(); ++known) {
+    if (runtime::EqualsNoCase(known->name, *entry)) return known->value;
   }
   return std::nullopt;
 }

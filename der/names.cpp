@@ -4,7 +4,6 @@
 #include <array>
 #include <bit>
 #include <cstdint>
-#include <ranges>
 
 #include "runtime/text.h"
 
@@ -215,9 +214,11 @@ std::optional<std::string> FindNameValue(std::string_view text, std::string_view
 
 bool MatchName(Bytes name, std::string_view text, std::string_view filter) {
   bool asked = false;
-  for (const auto part : filter | std::views::split(';')) {
+  while (!filter.empty()) {
+    const std::size_t end = std::min(filter.find(';'), filter.size());
     const std::string_view item =
-        runtime::DropTrailingBlanks(runtime::SkipBlanks({part.begin(), part.end()}));
+        runtime::DropTrailingBlanks(runtime::SkipBlanks(filter.substr(0, end)));
+    filter.remove_prefix(std::min(end + 1, filter.size()));
     if (item.empty()) continue;
     if (MatchItem(name, text, item)) return true;
     asked = true;
