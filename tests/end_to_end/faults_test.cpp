@@ -82,11 +82,15 @@ TEST_F(Faults, HangingLibraryIsSeenByTheServiceManager) {
   EXPECT_TRUE(isTold("STOPPING=1"));
 }
 
-TEST_F(Faults, ClosedStandardDescriptorsHarmNoFile) {
+TEST_F(Faults, ClosedStandardDescriptorsAreNoFiles) {
   Configure("-sync", {Echo("in", "in.txt")});
   desktop.InsertCard(1);
   desktop.Start({"-c", "exec " QIXX_PROGRAM " <&- >&- 2>&-"}, "/bin/sh");
   EXPECT_TRUE(desktop.Holds("in.txt", "in\n"));
+  const std::string open = "/proc/" + std::to_string(desktop.Process()) + "/fd/";
+  for (const char* const standard : {"0", "1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink(open + standard), "/dev/null");
+  }
 }
 
 class FailingFunction : public Faults, public ::testing::WithParamInterface<const char*> {
