@@ -174,13 +174,15 @@ struct ChildPlan {
 };
 
 /// Gives the program the signals of a fresh process. What the service's own caller had switched off
-/// (SIGHUP below nohup) stays so; SIGPIPE, SIGXFSZ and SIGCHLD may be the service's own doing.
+/// (SIGHUP below nohup) stays so; SIGPIPE, SIGXFSZ, SIGTTOU and SIGCHLD may be the service's own
+/// doing.
 void RestoreSignals() {
   for (int number = 1; number < NSIG; ++number) {
     struct sigaction action {};
     if (::sigaction(number, nullptr, &action) != 0) continue;
     const bool ignored = action.sa_handler == SIG_IGN;
-    const bool ours = number == SIGPIPE || number == SIGXFSZ || number == SIGCHLD;
+    const bool ours =
+        number == SIGPIPE || number == SIGXFSZ || number == SIGTTOU || number == SIGCHLD;
     if (ignored && !ours) continue;
     action = {};
     action.sa_handler = SIG_DFL;

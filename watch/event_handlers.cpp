@@ -73,6 +73,7 @@ bool InsertSection(const CWatchOptions& record, const WatchEvent& event, const P
   if (!section || !IsMatchingCardPresent(card, event.match)) return false;
   config::CConfig config;
   if (!LoadProductConfiguration(config)) return false;
+  ForgetOwedParallelJobs();
   for (unsigned number = 1;; ++number) {
     platform.manager.Alive();
     std::optional<std::string> text = ReadEventEntry(config, *section, number, kMaxInsertEntry);
@@ -101,10 +102,12 @@ bool InsertKeyword(CWatchOptions& record, const WatchEvent& event, CardReader& c
 bool RunInsertCommands(CWatchOptions& record, const WatchEvent& event, const Platform& platform) {
   switch (FormOf(record)) {
     case CommandForm::kDirect:
+      ForgetOwedParallelJobs();
       return InsertDirect(record, event, platform.card);
     case CommandForm::kSection:
       return InsertSection(record, event, platform);
     case CommandForm::kKeyword:
+      ForgetOwedParallelJobs();
       return InsertKeyword(record, event, platform.card);
   }
   return false;
@@ -184,7 +187,6 @@ bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform
 
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Inserted event ...");
-  ForgetOwedParallelJobs();
   FileScope::BeginEvent();
   WatchEvent event;
   bool success = RunGuarded([&] {

@@ -66,8 +66,7 @@ void* WaitForParent(void* /*argument*/) {
   do {
     got = ::read(link.Get(), &goodbye, sizeof goodbye);
   } while (got < 0 && errno == EINTR);
-  // A second request would not wait for the commands that the first one waits for.
-  if (got == 0 && !StopRequested()) ::kill(::getpid(), SIGTERM);
+  if (got == 0) ::kill(::getpid(), SIGTERM);
   return nullptr;
 }
 
@@ -257,6 +256,7 @@ void FollowParentWatcher() {
   struct stat status {};
   if (::fstat(runtime::kPassedDescriptor, &status) != 0 || !S_ISFIFO(status.st_mode)) return;
   ::fcntl(runtime::kPassedDescriptor, F_SETFD, FD_CLOEXEC);
+  TakeSignalsPassedOnBy(::getppid());
   runtime::ThreadCreate(&WaitForParent, nullptr);
 }
 

@@ -15,8 +15,8 @@ inline constexpr std::size_t kMaxParallelCommand = 255;
 /// Runs the command on a thread of its own. Returns whether that was started.
 bool RunParallel(CardReader& card, const WatchEvent& event, std::string_view text);
 
-/// To be called before the commands of an insert: what a removal's commands had no means for is not
-/// tried again.
+/// To be called before the commands of a card that counts: what a removal's commands had no means
+/// for is not tried again.
 void ForgetOwedParallelJobs();
 
 /// Waits up to `milliseconds` for all such commands to end; false when some still run.

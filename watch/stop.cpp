@@ -23,6 +23,9 @@ namespace {
 constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
 std::atomic<bool> stopRequested{false};
+/// By somebody other than the watcher that started this one.
+std::atomic<bool> signalled{false};
+std::atomic<pid_t> startingWatcher{-1};
 
 /// A pipe whose reading end is readable from the first stop signal on, for good.
 struct WakePipe {
@@ -43,24 +46,26 @@ void OpenWakePipe() {
   wakePipe.writing = ends[1];
 }
 
-void SetAction(int signal, void (*handler)(int)) {
-  struct sigaction action = {};
-  action.sa_handler = handler;
-  action.sa_flags = SA_RESTART;
-  sigemptyset(&action.sa_mask);
-  sigaction(signal, &action, nullptr);
-}
-
 bool IsIgnored(int signal) {
   struct sigaction action = {};
   return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
+/// Whether this is no request of its own. The starting watcher passes on the signal that it got,
+/// which may have been sent to this one too, and the end of that watcher is told of by this process
+/// itself.
+bool IsPassedOn(const siginfo_t& signal) {
+  return signal.si_code == SI_USER &&
+         (signal.si_pid == startingWatcher || signal.si_pid == ::getpid());
+}
+
 /// Runs as a signal handler: async-signal-safe calls only.
-void NoteStop(int /*signal*/) {
+void NoteStop(int signal, siginfo_t* details, void* /*context*/) {
   const int callerError = errno;
-  for (const int other : kStopSignals) {
-    if (!IsIgnored(other)) SetAction(other, SIG_DFL);
+  if (!IsPassedOn(*details) && signalled.exchange(true)) {
+    // It waits until this handler has returned.
+    ::signal(signal, SIG_DFL);
+    ::raise(signal);
   }
   stopRequested = true;
   // Without a write the stop is noted, and seen at the next look.
@@ -68,6 +73,14 @@ void NoteStop(int /*signal*/) {
     [[maybe_unused]] const ssize_t written = ::write(wakePipe.writing, "", 1);
   }
   errno = callerError;
+}
+
+void NoteStopAt(int signal) {
+  struct sigaction action = {};
+  action.sa_sigaction = NoteStop;
+  action.sa_flags = SA_RESTART | SA_SIGINFO;
+  sigemptyset(&action.sa_mask);
+  sigaction(signal, &action, nullptr);
 }
 
 /// A file opened later must not become standard input or output of a command.
@@ -97,15 +110,21 @@ void PauseFor(std::int64_t milliseconds) {
 void InstallStopHandlers() {
   FillStandardDescriptors();
   OpenWakePipe();
-  SetAction(SIGPIPE, SIG_IGN);
+  ::signal(SIGPIPE, SIG_IGN);
   // A file at its size limit is then a failed write, which is handled, and not the end.
-  SetAction(SIGXFSZ, SIG_IGN);
-  SetAction(SIGCHLD, SIG_DFL);
+  ::signal(SIGXFSZ, SIG_IGN);
+  // A notice to the terminal of a shell that is working on something else does not stop the watch.
+  ::signal(SIGTTOU, SIG_IGN);
+  ::signal(SIGCHLD, SIG_DFL);
   // Whoever started the service with a signal ignored, as nohup does, wants it to survive that one.
   for (const int signal : kStopSignals) {
-    if (!IsIgnored(signal)) SetAction(signal, NoteStop);
+    if (!IsIgnored(signal)) NoteStopAt(signal);
   }
   UnblockStopSignals();
+}
+
+void TakeSignalsPassedOnBy(pid_t watcher) {
+  startingWatcher = watcher;
 }
 
 bool StopRequested() {

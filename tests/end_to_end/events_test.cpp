@@ -102,6 +102,22 @@ TEST_F(Events, ExtraWatchersEndWithAKilledParentAndLeaveTheirCommands) {
   ::close(::open(gate.c_str(), O_WRONLY | O_CLOEXEC));
 }
 
+TEST_F(Events, SignalToAllWatchersLetsEachFinishItsList) {
+  Lines remove(20, "/bin/true");
+  remove.push_back(out_);
+  desktop.Configure("[Command]\nWatch=-sync config Watch|One\nWatch One=-sync config One\n" +
+                    Section("Watch Insert", {"kill x"}) + Section("Watch One Remove", remove));
+  desktop.Start();
+  ASSERT_TRUE(desktop.Traced("Watch - Running 'One'"));
+  desktop.InsertCard(1);
+  ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1", 2));
+  desktop.RemoveCard(1);
+  ASSERT_TRUE(desktop.Traced("Watch - Execute remove command: /bin/true"));
+  ::kill(FirstForked(), SIGTERM);
+  Stop();
+  EXPECT_TRUE(desktop.Holds("out.txt", "out\n")) << "the other one passes its signal on";
+}
+
 TEST_F(Events, ExtraWatcherThatWasKilledIsStartedAgain) {
   desktop.Configure("[Command]\nWatch=-sync config Watch|Lock\nWatch Lock=-sync config Lock\n" +
                     Section("Watch Insert", {"kill x"}) + Section("Watch Lock Remove", {out_}));

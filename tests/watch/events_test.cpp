@@ -401,6 +401,7 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
                          {"/bin/true x", 3, 1, 4, false},
                          {"parallel /bin/true x", 2, 0, 3},
                          {"parallel /bin/true x", 99, 1, 1},
+                         {"parallel /bin/true x", 2, 1, 3, false},
                          {set, 3, 0, 4}}) {
     SCOPED_TRACE(row.command + std::to_string(row.failing));
     Configure("", "1=" + row.command + "\n2=kill x\n");
@@ -454,7 +455,7 @@ TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
                         {false, 3, 1, 0, 1},
                         {false, 11, 0, 0, 1},
                         {false, 12, 0, 0, 0},
-                        {false, 4, 1, 0, 0},
+                        {false, 4, 1, 0, 1},
                         {false, 3, 0, 1, 1}}) {
     SCOPED_TRACE(row.back);
     Configure("", "1=kill x\n");
