@@ -258,8 +258,9 @@ TEST(Openssl, AgreesOnWhatACertificateSays) {
                      name +
                      "\nGN=\"\\\\,+;<> \"\n"
                      "[ext]\nextendedKeyUsage=critical,clientAuth,1.3.6.1.4.1.311.20.2.2\n");
-    OutputOf(in + "req -x509 -config request -days 9 -multivalue-rdn -outform DER -nodes -newkey " +
-             "ed25519 -keyout key -set_serial " + serial + " -out certificate 2>&1");
+    std::string make = in + "req -x509 -config request -days 9 -multivalue-rdn -outform DER ";
+    make.append("-nodes -newkey ed25519 -keyout key -out certificate -set_serial ").append(serial);
+    OutputOf(make + " 2>&1");
     const der::CertificatePtr holder = der::LoadCertificate(BytesOf(folder.Read("certificate")));
     ASSERT_NE(holder, nullptr);
     // Several values of one part stand on one line there, dates have separators, and a number has
