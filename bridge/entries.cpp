@@ -117,10 +117,11 @@ CK_RV AnswerForSlot(CK_SLOT_ID number, const Operation& operation) {
 
 // --- life ---------------------------------------------------------------------------------------
 
-/// Leaves a module alone that somebody else initialised. One that fails here stays ours.
+/// Leaves a module alone that somebody else initialised. One that fails here stays ours, unless
+/// somebody else has finalised it.
 CK_RV FinalizeModule(Bridge* bridge) {
   const CK_RV result = bridge->ours ? bridge->module.functions->C_Finalize(nullptr) : CKR_OK;
-  if (result == CKR_OK) bridge->ours = false;
+  if (result == CKR_OK || result == CKR_CRYPTOKI_NOT_INITIALIZED) bridge->ours = false;
   return result;
 }
 
@@ -176,26 +177,23 @@ CK_RV End(Bridge& bridge) {
 
 /// The descriptor is lowered for the time of a poll: what comes after its begin raises it again. So
 /// does the poll, unless it went well and left nothing.
-std::optional<CK_SLOT_ID> PollForEvent(Bridge& bridge) {
+CK_RV PollForEvent(Bridge& bridge, CK_SLOT_ID& number) {
   EventWatch* const watch = bridge.watch.get();
-  if (watch == nullptr) return bridge.slots.TakeEvent(true);
+  if (watch == nullptr) return bridge.slots.TakeEvent(true, number);
   const bool wasRaised = watch->Event().Lower();
   const auto raise = [](EventWatch* raised) { raised->Event().Raise(); };
   std::unique_ptr<EventWatch, decltype(raise)> hasMore(watch, raise);
-  const std::optional<CK_SLOT_ID> event = bridge.slots.TakeEvent(wasRaised || !watch->TellsAll());
+  const CK_RV result = bridge.slots.TakeEvent(wasRaised || !watch->TellsAll(), number);
   if (!bridge.slots.HasEvent()) (void)hasMore.release();
-  return event;
+  return result;
 }
 
 /// `bridge.guard` is held once when this is called, and is given back between two polls.
 CK_RV AwaitSlotEvent(Bridge& bridge, bool block, CK_SLOT_ID& number) {
   for (;;) {
     if (Running() == nullptr) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    if (const std::optional<CK_SLOT_ID> event = PollForEvent(bridge)) {
-      number = *event;
-      return CKR_OK;
-    }
-    if (!block) return CKR_NO_EVENT;
+    const CK_RV result = PollForEvent(bridge, number);
+    if (result != CKR_NO_EVENT || !block) return result;
     ++bridge.waiting;
     bridge.guard.Leave();
     ::nanosleep(&kWaitPause, nullptr);

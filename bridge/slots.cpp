@@ -42,7 +42,8 @@ void Slots::Begin(const CK_FUNCTION_LIST& module, ReaderFilter filter) {
   isEventless_ = isUsed_ = releaseDue_ = false;
   readers_.Poll();
   searches_ = kMaxSearches;
-  Refresh();
+  refreshed_ = 0;
+  Refresh();  // one that fails is due at the first poll
   for (Slot& slot : slots_) {
     slot.emptyUntil = 0;
     slot.state = StateOf(slot);
@@ -139,13 +140,24 @@ std::optional<bool> Slots::Counts(CK_SLOT_ID number) {
   return slot->counts && !slot->isSecondary;
 }
 
-std::optional<CK_SLOT_ID> Slots::TakeEvent(bool readersMayHaveNews) {
+CK_RV Slots::TakeEvent(bool readersMayHaveNews, CK_SLOT_ID& number) {
   for (Slot& slot : slots_) slot.emptyUntil = 0;
-  Poll(readersMayHaveNews);
+  const bool isReadersDue = runtime::MonotonicMilliseconds() - readersPolled_ >= kMaxUnaskedReaders;
+  if (readersMayHaveNews || isReadersDue || !readers_.IsComplete()) PollReaders();
   CompareStates();
-  if (Slot* const next = NextEvent()) return Tell(*next);
-  if (releaseDue_) ReleasePulledCard();
-  return {};
+  // What PC/SC knows does not wait for the module, which may be slow or fail.
+  Slot* next = NextEvent();
+  if (next == nullptr || !next->byPcsc) {
+    if (const CK_RV result = PollModule(); result != CKR_OK) return result;
+    CompareStates();
+    next = NextEvent();
+  }
+  if (next != nullptr) {
+    number = Tell(*next);
+    return CKR_OK;
+  }
+  const CK_RV released = releaseDue_ ? ReleasePulledCard() : CKR_OK;
+  return released == CKR_OK ? CKR_NO_EVENT : released;
 }
 
 /// The slot of the next event by the states of the last poll, null for none. Who was offered a card
@@ -199,9 +211,9 @@ void Slots::CompareStates() {
 
 /// The module has not seen that a card it used was pulled. It holds on to it, which may keep others
 /// from the next card, until it is made to look; there is time for that now.
-void Slots::ReleasePulledCard() {
+CK_RV Slots::ReleasePulledCard() {
   releaseDue_ = isUsed_ = false;
-  Refresh();
+  return Refresh();
 }
 
 /// The module is told of other readers when it is next needed.
@@ -214,16 +226,17 @@ void Slots::PollReaders() {
   AdoptReaders();
 }
 
-void Slots::Poll(bool readersMayHaveNews) {
-  const bool isReadersDue = runtime::MonotonicMilliseconds() - readersPolled_ >= kMaxUnaskedReaders;
-  if (readersMayHaveNews || isReadersDue || !readers_.IsComplete()) PollReaders();
+/// CKR_OK also when the module was not needed.
+CK_RV Slots::PollModule() {
   if (searches_ > 0 && KnowsAllReaders()) searches_ = 0;
   const bool comparing = NeedsModule();
   if (comparing && !isEventless_) DrainModuleEvents();
   const bool isDue = runtime::MonotonicMilliseconds() - refreshed_ >= kRefreshInterval;
   const bool searching = searches_ > 0 && (isStale_ || isDue);
-  if (searching) --searches_;
-  if (searching || (comparing && (isEventless_ || isDue))) Refresh();
+  if (!searching && !(comparing && (isEventless_ || isDue))) return CKR_OK;
+  const CK_RV result = Refresh();
+  if (searching && result == CKR_OK) --searches_;
+  return result;
 }
 
 /// A slot is watched by PC/SC when it alone has the name of one reader. Once others have that name
@@ -264,14 +277,16 @@ bool Slots::NeedsModule() const {
 
 // --- the module ---------------------------------------------------------------------------------
 
-/// An event of the module only makes the states of its slots be read: they decide what is told.
+/// An event of the module only makes the states of its slots be read: they decide what is told. So
+/// does a failure: the list of slots shows whether it is one of the module's events alone.
 void Slots::DrainModuleEvents() {
   for (int taken = 0; taken < kMaxEventsPerPoll; ++taken) {
     CK_SLOT_ID id = 0;
     const CK_RV result = module_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &id, nullptr);
+    if (result == CKR_NO_EVENT) return;
+    refreshed_ = 0;
     if (result == CKR_FUNCTION_NOT_SUPPORTED) isEventless_ = true;
     if (result != CKR_OK) return;
-    refreshed_ = 0;
   }
 }
 
@@ -294,12 +309,12 @@ SlotList Slots::ListModule(bool withToken, bool refresh) const {
   return {result == CKR_OK ? CKR_BUFFER_TOO_SMALL : result, {}};
 }
 
-/// Brings everything up to what the module lists now. A list that fails says nothing. A slot of
-/// which nothing can be read shows no token, and gets no number before something can.
-void Slots::Refresh() {
-  refreshed_ = runtime::MonotonicMilliseconds();
+/// Brings everything up to what the module lists now. A list that fails changes nothing, and is due
+/// again at the next poll. A slot of which nothing can be read shows no token, and gets no number
+/// before something can.
+CK_RV Slots::Refresh() {
   const auto [result, ids] = ListModule(false, true);
-  if (result != CKR_OK) return;
+  if (result != CKR_OK) return result;
   std::vector<Slot> snapshots;
   snapshots.reserve(ids.size());
   for (const CK_SLOT_ID id : ids) {
@@ -315,8 +330,10 @@ void Slots::Refresh() {
     snapshots.push_back(snapshot);
   }
   Place(snapshots);
+  refreshed_ = runtime::MonotonicMilliseconds();
   AdoptReaders();
   isStale_ = false;
+  return CKR_OK;
 }
 
 // --- numbers ------------------------------------------------------------------------------------

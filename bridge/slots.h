@@ -60,12 +60,14 @@ class Slots {
   /// Whether events of the slot are told; nothing for an unknown one.
   [[nodiscard]] std::optional<bool> Counts(CK_SLOT_ID number);
 
-  /// Polls, and takes the next event; none when there is none. A card that was changed for another
-  /// one between two polls gives two, pulled and inserted. After the first Info shows the slot
+  /// Polls, and takes the next event: CKR_OK, CKR_NO_EVENT, or what the module answered when it
+  /// failed. From its first failure on each poll that needs the module fails, until it has listed
+  /// its slots again; what PC/SC tells is told meanwhile. A card that was changed for another one
+  /// between two polls gives two events, pulled and inserted. After the first Info shows the slot
   /// empty until the next call, at most for ten seconds: a caller that uses Info alone is to see
   /// the new card, too.
   /// Without `readersMayHaveNews` PC/SC is asked only now and then.
-  [[nodiscard]] std::optional<CK_SLOT_ID> TakeEvent(bool readersMayHaveNews);
+  [[nodiscard]] CK_RV TakeEvent(bool readersMayHaveNews, CK_SLOT_ID& number);
   /// Whether the poll of the last TakeEvent found another event behind the one taken.
   [[nodiscard]] bool HasEvent() { return NextEvent() != nullptr; }
 
@@ -84,16 +86,16 @@ class Slots {
 
     [[nodiscard]] std::string_view Description() const { return DescriptionText(info); }
   };
-  void Poll(bool readersMayHaveNews);
+  [[nodiscard]] CK_RV PollModule();
   void PollReaders();
   void AdoptReaders();
   void CompareStates();
-  void ReleasePulledCard();
+  [[nodiscard]] CK_RV ReleasePulledCard();
   [[nodiscard]] bool IsShownWithToken(const Slot& slot) const;
   void AddPcscCards(std::vector<CK_SLOT_ID>& numbers) const;
   void PutFirst(std::vector<CK_SLOT_ID>& numbers);
   void DrainModuleEvents();
-  void Refresh();
+  CK_RV Refresh();
   [[nodiscard]] bool NeedsModule() const;
   [[nodiscard]] bool KnowsAllReaders() const;
   [[nodiscard]] bool HasTwin(const Slot& slot) const;
@@ -125,7 +127,7 @@ class Slots {
   bool isEventless_ = false;    ///< the module knows no events
   bool isUsed_ = false;         ///< the module may hold on to a card
   bool releaseDue_ = false;     ///< the module may hold on to a card that was pulled
-  std::int64_t refreshed_ = 0;  ///< time of the last Refresh, in milliseconds
+  std::int64_t refreshed_ = 0;  ///< time of the last Refresh that succeeded, in milliseconds
   std::int64_t readersPolled_ = 0;  ///< time of the last PollReaders, in milliseconds
 };
 

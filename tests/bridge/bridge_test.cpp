@@ -56,6 +56,12 @@ class Bridge : public LoadedModule {
     }
   }
 
+  /// Of one poll.
+  CK_RV Answer() {
+    CK_SLOT_ID slot = 0;
+    return list_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
+  }
+
   const Desktop desktop_;  ///< reader 1 is there
   const ScopedVariable home_{"HOME", folder_.Path().c_str()};
   const ScopedVariable module_{"qix:Pkcs11:Module", nullptr};
@@ -339,13 +345,38 @@ TEST_F(Bridge, ModuleThatAnswersBadly) {
   desktop_.InsertCard(1);
   Start(SOFTCARD_PLAIN);
   const std::string eventless = "fail=C_WaitForSlotEvent:0x54\n";
-  desktop_.SetModuleFaults(eventless + "fail=C_GetSlotList:0x30");
-  EXPECT_EQ(Poll(), -1) << "a list that fails says nothing";
   desktop_.SetModuleFaults(eventless + "fail=C_GetSlotInfo:0x30");
   EXPECT_EQ(Poll(), 1) << "of which nothing can be read, that holds no token";
   desktop_.SetModuleFaults("");
   EXPECT_EQ(Poll(), 1) << "it can be read again";
   EXPECT_EQ(Slots(), (Numbers{1}));
+
+  for (const auto& [faults, failure] :
+       {std::pair<const char*, CK_RV>{"fail=C_GetSlotList:0x30", CKR_DEVICE_ERROR},
+        {"throw=C_GetSlotList", CKR_GENERAL_ERROR},
+        {"throw=C_GetSlotInfo", CKR_GENERAL_ERROR}}) {
+    desktop_.RemoveCard(1);
+    desktop_.SetModuleFaults(faults);
+    for (int poll = 0; poll < 3; ++poll) EXPECT_EQ(Answer(), failure) << faults;
+    desktop_.SetModuleFaults("");
+    Play(".=1 +1=1");
+  }
+}
+
+TEST_F(Bridge, ModuleThatSomebodyElseFinalises) {
+  Start(SOFTCARD_PLAIN);
+  CK_FUNCTION_LIST* module = nullptr;
+  const auto obtain = reinterpret_cast<CK_C_GetFunctionList>(
+      ::dlsym(::dlopen(SOFTCARD_PLAIN, RTLD_NOW | RTLD_LOCAL), "C_GetFunctionList"));
+  ASSERT_EQ(obtain(&module), CKR_OK);
+  EXPECT_EQ(module->C_Finalize(nullptr), CKR_OK);
+  EXPECT_EQ(Answer(), CKR_CRYPTOKI_NOT_INITIALIZED);
+  list_->C_Finalize(nullptr);
+  EXPECT_EQ(module->C_Initialize(nullptr), CKR_OK);
+  EXPECT_EQ(list_->C_Initialize(nullptr), CKR_OK);
+  Play("+1=1");
+  list_->C_Finalize(nullptr);
+  EXPECT_EQ(module->C_Finalize(nullptr), CKR_OK) << "it is not the bridge's any more";
 }
 
 }  // namespace

@@ -142,6 +142,18 @@ TEST_F(ReaderEvents, ReadersWithOneNameAreTheModules) {
   }
 }
 
+TEST_F(ReaderEvents, RemovalDoesNotWaitForTheModule) {
+  folder_.Write("readers/7/slot", "description=No reader of PC/SC\n");
+  StartWatched();
+  auto card = CardIn(0);
+  EXPECT_TRUE(NextIs(1));
+  EXPECT_TRUE(IsQuiet());
+  folder_.Write("readers/module", "throw=C_WaitForSlotEvent\n");
+  card.reset();
+  EXPECT_TRUE(NextIs(1));
+  folder_.Write("readers/module", "");
+}
+
 TEST_F(ReaderEvents, NoWakeUpIsLostBetweenPolls) {
   StartWatched();
   std::atomic<bool> done = false;
