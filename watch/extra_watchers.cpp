@@ -86,6 +86,7 @@ struct ExtraWatchers {
   std::string program;
   std::uint64_t depth = 0;  ///< of all of them
   std::vector<ExtraWatcher> all;
+  bool hadConfiguration = false;  ///< when they were started
   /// A pipe whose writing end this process alone has. So the watchers, which read from it, see when
   /// the process ends, whatever ended it.
   runtime::Descriptor reading = {};  ///< kept, so that no write fails
@@ -183,10 +184,12 @@ void NoteEnd(ExtraWatcher& watcher) {
   Tell(watcher, "was ended by signal " + std::to_string(WTERMSIG(state.status)));
 }
 
-/// One that always crashes does not keep the machine busy.
+/// One that always crashes does not keep the machine busy. While the configuration is away a
+/// watcher would find no commands and end for good.
 bool MayStartAgain(const ExtraWatcher& watcher) {
-  return !watcher.restarted ||
-         runtime::MonotonicMilliseconds() - *watcher.restarted >= kRestartMilliseconds;
+  const bool isTime = !watcher.restarted ||
+                      runtime::MonotonicMilliseconds() - *watcher.restarted >= kRestartMilliseconds;
+  return isTime && (!Own().hadConfiguration || HasProductConfiguration());
 }
 
 void StartAgain(ExtraWatcher& watcher) {
@@ -226,7 +229,8 @@ void StartExtraWatchers(std::string_view list, const std::string& ownPath) {
   if (program.empty()) return;
   const std::uint64_t room = ReadVariable(kRoomVariable).value_or(kMaxExtraWatchers);
   Own() = {program, depth + 1,
-           ShareRoom(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list))};
+           ShareRoom(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list)),
+           HasProductConfiguration()};
   for (ExtraWatcher& watcher : Own().all) {
     RunStep([&watcher] { StartExtraWatcher(watcher); });
   }

@@ -35,9 +35,9 @@ inline constexpr std::string_view kChildMark = "X ";
 /// called.
 void StartExtraWatchers(std::string_view list, const std::string& ownPath);
 /// Looks in each round at one of them, so at all in about ten seconds. One that a signal ended, or
-/// that the system had no room for, is started again, each at most once a minute, and standard
-/// error and the trace say so. It has the command of its first start. Allocates nothing while all
-/// run.
+/// that the system had no room for, is started again, each at most once a minute and once the
+/// configuration that was there at the start is there again; standard error and the trace say so.
+/// It has the command of its first start. Allocates nothing while all run.
 void LookAfterExtraWatcher(std::uint64_t round);
 /// At the end of a watcher: those that it started are told to stop as well when it was, and go on
 /// without it when it ended by itself.

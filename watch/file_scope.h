@@ -4,15 +4,17 @@
 #include <string>
 
 #include "runtime/file_place.h"
-#include "runtime/sync.h"
 
 namespace qixx::watch {
 
-/// Holds a file for a scope, against other threads of the process (one lock for all files) and
-/// against other services: extra watchers answer the same event, often with the same file. Those
-/// are held off by a lock on the file's folder, because the file itself is replaced. Anybody may
-/// hold that lock, so it is not waited for without end (see BeginEvent), and a file system may have
-/// none: losing a value of two writers is the worst that comes of going on without it.
+struct FolderQueue;
+
+/// Holds a file for a scope, against other threads of the process and against other services: extra
+/// watchers answer the same event, often with the same file. What is locked is the file's folder,
+/// because the file itself is replaced, so a file system that gives no answer holds up no other.
+/// Threads wait for each other without end. Anybody may hold the lock against other services, so
+/// that one is not waited for without end (see BeginEvent), and a file system may have none: losing
+/// a value of two writers is the worst that comes of going on without it.
 class FileScope {
  public:
   explicit FileScope(const std::string& path);
@@ -26,8 +28,8 @@ class FileScope {
   static void BeginEvent();
 
  private:
-  runtime::CriticalScope hold_;
   runtime::FoundFile file_;
+  FolderQueue& queue_;
 };
 
 }  // namespace qixx::watch

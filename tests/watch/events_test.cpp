@@ -487,6 +487,7 @@ exit 3
   const ScopedVariable depth("qixwatchdepth", "2");
   const TraceCapture trace;
   forksToFail = 1;
+  Configure("", "");
   watch::StartExtraWatchers("Refused|Killed|Done", program);
   const auto told = [&](const std::string& news) { return trace.Count("Watch - Extra " + news); };
   std::uint64_t round = 0;
@@ -496,6 +497,10 @@ exit 3
       watch::LookAfterExtraWatcher(round++);
     }
   };
+  fs::remove(folder_.Path("system.conf"));
+  EXPECT_TRUE(Eventually([&] { return look(), told("'Killed' was ended by signal 9") == 1; }));
+  EXPECT_EQ(told("'Refused' is started again"), 0U) << "it would have nothing to watch";
+  Configure("", "");
   EXPECT_TRUE(Eventually([&] { return look(), told("'Killed' was ended by signal 9") == 2; }));
   look();
   EXPECT_EQ(told("'Killed' is started again"), 1U) << "once a minute";

@@ -12,17 +12,21 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <random>
 #include <set>
+#include <thread>
 
 #include "runtime/clock.h"
 #include "runtime/descriptor.h"
 #include "runtime/product.h"
 #include "tests/support/environment.h"
+#include "tests/support/eventually.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
@@ -387,6 +391,17 @@ TEST_F(LogonFile, WhoHoldsTheFolderDelaysAWholeEventByTwoSeconds) {
     EXPECT_TRUE(passed >= 1900 && passed <= 3900) << passed;
   }
   EXPECT_EQ(trace.Count("Watch - Set command ... OK"), 6U) << "without the lock then";
+}
+
+TEST_F(LogonFile, WhoIsHeldUpInOneFolderHoldsNoOtherUp) {
+  const TemporaryFolder elsewhere;
+  const std::string other = elsewhere.Write("b.conf", kFilled);
+  std::optional<watch::FileScope> held(std::in_place, file_);
+  std::atomic<bool> done = false;
+  std::thread thread([&] { done = watch::SetConfigValue(other, "Username", ""); });
+  EXPECT_TRUE(Eventually([&] { return done.load(); }));
+  held.reset();
+  thread.join();
 }
 
 TEST_F(LogonFile, StrangersGainNothingFromRoot) {
