@@ -472,6 +472,15 @@ QIXX_CK_EXPORT int QixSlotCounts(CK_SLOT_ID slot) {
   return counts ? static_cast<int>(*counts) : -1;
 }
 
+/// The caller takes no notice of the card in the slot. When it is the card that was told of, it
+/// keeps nothing back any more, and nothing more is told of it.
+QIXX_CK_EXPORT void QixPassOver(CK_SLOT_ID slot) {
+  (void)AnswerWithSlots([slot](Slots& slots) -> CK_RV {
+    slots.PassOver(slot);
+    return CKR_OK;
+  });
+}
+
 /// Why the last C_Initialize found no module, empty when it found one. Holds up to the next one.
 QIXX_CK_EXPORT const char* QixModuleFault() {
   const char* fault = "";

@@ -46,6 +46,7 @@ void Slots::Begin(const CK_FUNCTION_LIST& module, ReaderFilter filter) {
   Refresh();  // one that fails is due at the first poll
   for (Slot& slot : slots_) {
     slot.emptyUntil = 0;
+    slot.isPassedOver = false;
     slot.state = StateOf(slot);
   }
   offered_ = turn_ = 0;
@@ -160,6 +161,14 @@ CK_RV Slots::TakeEvent(bool readersMayHaveNews, CK_SLOT_ID& number) {
   return released == CKR_OK ? CKR_NO_EVENT : released;
 }
 
+void Slots::PassOver(CK_SLOT_ID number) {
+  Slot* const slot = ByNumber(number);
+  if (slot == nullptr || number != told_) return;
+  slot->isPassedOver = true;
+  isPulled_ = false;
+  told_ = 0;
+}
+
 /// The slot of the next event by the states of the last poll, null for none. Who was offered a card
 /// may hold it for told of, so it is told of next, also when it has gone.
 Slots::Slot* Slots::NextEvent() {
@@ -170,7 +179,8 @@ Slots::Slot* Slots::NextEvent() {
 Slots::Slot* Slots::NextCard() {
   for (std::size_t i = 0; i < slots_.size(); ++i) {
     Slot& slot = slots_[(turn_ + i) % slots_.size()];
-    if (slot.counts && !slot.isSecondary && slot.state.present) return &slot;
+    const bool isTold = slot.counts && !slot.isSecondary && !slot.isPassedOver;
+    if (isTold && slot.state.present) return &slot;
   }
   return nullptr;
 }
@@ -205,6 +215,7 @@ void Slots::CompareStates() {
       if (slot.number == watched) isPulled_ = true;
       if (slot.byPcsc) releaseDue_ = isUsed_;
     }
+    slot.isPassedOver = slot.isPassedOver && state == slot.state;
     slot.state = state;
   }
 }

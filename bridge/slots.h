@@ -60,6 +60,10 @@ class Slots {
   /// Whether events of the slot are told; nothing for an unknown one.
   [[nodiscard]] std::optional<bool> Counts(CK_SLOT_ID number);
 
+  /// The card that was told of counts as one that is not in, until it goes. For another slot
+  /// nothing happens.
+  void PassOver(CK_SLOT_ID number);
+
   /// Polls, and takes the next event: CKR_OK, CKR_NO_EVENT, or what the module answered when it
   /// failed. From its first failure on each poll that needs the module fails, until it has listed
   /// its slots again; what PC/SC tells is told meanwhile. A card that was changed for another one
@@ -81,6 +85,7 @@ class Slots {
     bool isSecondary = false;     ///< another slot of a reader that has one already
     bool counts = false;          ///< its events may be told
     bool byPcsc = false;          ///< watched by PC/SC
+    bool isPassedOver = false;    ///< its card is one that the caller takes no notice of
     Readers::State state{};       ///< at the last poll
     std::int64_t emptyUntil = 0;  ///< shown empty so long, or until the next event is taken
 

@@ -76,6 +76,9 @@ using EventDescriptorFunction = int (*)();
 /// "QixSlotCounts", which any library may export: whether it tells events of a slot, 1 or 0, or -1
 /// when it does not know the slot.
 using SlotCountsFunction = int (*)(CK_SLOT_ID slot);
+/// "QixPassOver", which any library may export: the caller takes no notice of the card that is in
+/// the slot.
+using PassOverFunction = void (*)(CK_SLOT_ID slot);
 /// "QixModuleFault", which any library may export: why the last C_Initialize found no module for it
 /// to stand on, null or empty when it did. The text is the library's, up to the next C_Initialize.
 using ModuleFaultFunction = const char* (*)();

@@ -223,6 +223,12 @@ std::optional<bool> CWrapperPkcs11::SlotCounts(CK_SLOT_ID slot) const {
   return answer < 0 ? std::nullopt : std::optional(answer != 0);
 }
 
+bool CWrapperPkcs11::PassOver(CK_SLOT_ID slot) const {
+  constexpr const char* kName = "QixPassOver";
+  const auto tell = library_.FindOwnSymbol<PassOverFunction>(kName);
+  return tell != nullptr && CallFunction(kName, [&] { tell(slot); });
+}
+
 std::string CWrapperPkcs11::ModuleFault() const {
   constexpr const char* kName = "QixModuleFault";
   const auto ask = library_.FindOwnSymbol<ModuleFaultFunction>(kName);

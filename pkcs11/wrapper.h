@@ -87,6 +87,9 @@ class CWrapperPkcs11 final : public CForwarderPkcs11 {
   [[nodiscard]] int EventDescriptor() const;
   /// Whether the library tells events of a slot; nothing when it does not say.
   [[nodiscard]] std::optional<bool> SlotCounts(CK_SLOT_ID slot) const;
+  /// Tells the library that its caller takes no notice of the card that is in the slot. False when
+  /// the library does not listen.
+  bool PassOver(CK_SLOT_ID slot) const;
   /// Why the last initialisation found no module for the library to stand on, in its own words;
   /// empty when it found one, and when the library does not say.
   [[nodiscard]] std::string ModuleFault() const;

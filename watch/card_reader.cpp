@@ -77,7 +77,9 @@ class Pkcs11CardReader final : public CardReader {
   bool IsTokenReadable(CK_SLOT_ID slot) override {
     CK_TOKEN_INFO info = {};
     const runtime::CriticalScope hold(&lock_);
-    return Pkcs11().GetTokenInfo(slot, &info) == CKR_OK;
+    if (Pkcs11().GetTokenInfo(slot, &info) == CKR_OK) return true;
+    Pkcs11().PassOver(slot);
+    return false;
   }
   std::optional<SlotDescription> Description(CK_SLOT_ID slot) override {
     const std::optional<CK_SLOT_INFO> info = SlotInfo(slot);

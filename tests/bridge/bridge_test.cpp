@@ -165,6 +165,18 @@ TEST_F(Bridge, BeginsWithTheCardThatIsListedFirst) {
   Play("-5=4 .");  // who saw it listed has to hear that it has gone
 }
 
+TEST_F(Bridge, CardThatIsPassedOverKeepsNothingBack) {
+  desktop_.AddReader(5);
+  Start(SOFTCARD_PLAIN);
+  const auto passOver = Function<void (*)(CK_SLOT_ID)>("QixPassOver");
+  ASSERT_NE(passOver, nullptr);
+  Play("+5=4 +1 .");
+  for (const CK_SLOT_ID slot : {0, 1, 4}) passOver(slot);
+  Play(".=1 . -5 +5 -1=1 .=4");  // another card in its place counts
+  passOver(4);
+  Play(". -5 .");
+}
+
 TEST_F(Bridge, TellsOfTheReadersThatCount) {
   desktop_.Home().Write("readers/2/slot", "description=Token in software\nflags=0\n");
   struct Row {

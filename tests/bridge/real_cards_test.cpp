@@ -78,6 +78,18 @@ TEST_F(RealCards, OneThatIsInAtStartAndAnother) {
   EXPECT_EQ(desktop.TraceCount("Watch - Event"), 3U) << "of one card at a time";
 }
 
+TEST_F(RealCards, UnreadableOneKeepsNoneBackThatIsReadable) {
+  service_.Start();
+  ServiceTest::Watch("-sync -recognized", {Echo("%UPN%", "said.txt")},
+                     {Echo("removed", "said.txt")});
+  Insert(0, "");
+  ASSERT_TRUE(desktop.Traced("Watch - Event", 2));
+  Insert(1);
+  ExpectRead(1);
+  Remove(1);
+  EXPECT_TRUE(Has("Disconnected", 1));
+}
+
 TEST_F(RealCards, PulledWhileItIsRead) {
   service_.Start();
   Watch();

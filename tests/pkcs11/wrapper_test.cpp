@@ -221,6 +221,7 @@ TEST_F(WrapperTest, SurvivesFunctionsThatThrowOrEndTheThread) {
        [](Wrapper& wrapper) { return wrapper.EventDescriptor() == 7 ? CKR_OK : kFailed; }},
       {"QixSlotCounts",
        [](Wrapper& wrapper) { return wrapper.SlotCounts(1) == true ? CKR_OK : kFailed; }},
+      {"QixPassOver", [](Wrapper& wrapper) { return wrapper.PassOver(1) ? CKR_OK : kFailed; }},
       {"QixModuleFault",
        [](Wrapper& wrapper) { return wrapper.ModuleFault() == "no module" ? CKR_OK : kFailed; }},
       {"C_Finalize",

@@ -45,6 +45,9 @@ QIXX_CK_EXPORT int QixSlotCounts(CK_SLOT_ID /*slot*/) {
   Answer("QixSlotCounts");
   return 1;
 }
+QIXX_CK_EXPORT void QixPassOver(CK_SLOT_ID /*slot*/) {
+  Answer("QixPassOver");
+}
 QIXX_CK_EXPORT const char* QixModuleFault() {
   Answer("QixModuleFault");
   return "no module";
