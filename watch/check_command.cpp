@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <optional>
 #include <vector>
 
@@ -18,7 +19,13 @@ namespace {
 
 constexpr std::array<std::string_view, 10> kShellWords = {"|",  "||", "&",  "&&",   ";",
                                                           ">>", "<",  "2>", "2>&1", "&>"};
-constexpr std::array<std::string_view, 6> kShells = {"sh", "bash", "dash", "zsh", "ksh", "ash"};
+
+/// "-c", "-ec" and their like: what stands behind them is a script to shells, su, python and many
+/// others, also when another program starts them.
+bool TakesScript(std::string_view word) {
+  return word.size() >= 2 && word.front() == '-' && word.back() == 'c' &&
+         std::ranges::all_of(word.substr(1), [](unsigned char c) { return std::isalpha(c) != 0; });
+}
 
 class CommandCheck {
  public:
@@ -104,20 +111,25 @@ class CommandCheck {
         Add("'>' is an argument like any other", "only a last '> FILE' takes the output");
       }
     }
-    CheckShell(words);
+    CheckScript(words);
     if (words.size() >= 3 && words[words.size() - 2] == ">") {
       CheckOutputPath(report_, use_.isFilled, words.back());
     }
   }
   /// What a card says must not become a part of a script.
-  void CheckShell(const std::vector<std::string>& words) {
-    const std::string_view program = words.front();
-    const std::string_view name = program.substr(program.rfind('/') + 1);
-    if (!use_.isFilled || std::ranges::find(kShells, name) == kShells.end()) return;
-    const auto option = std::ranges::find(words, "-c");
-    if (option == words.end() || option + 1 == words.end() || !HoldsPlaceholder(option[1])) return;
-    Add("a placeholder stands in the script of a shell, which runs what the card says",
-        "give it as an argument behind the script, as in \"echo $1\" x \"%UPN%\"");
+  void CheckScript(const std::vector<std::string>& words) {
+    if (!use_.isFilled) return;
+    for (auto option = words.begin() + 1; option != words.end(); ++option) {
+      if (!TakesScript(*option)) continue;
+      // It may stand behind further options.
+      const auto script = std::find_if(option + 1, words.end(), [](const std::string& word) {
+        return !word.starts_with('-') && !word.starts_with('+');
+      });
+      if (script == words.end() || !HoldsPlaceholder(*script)) continue;
+      return Add("a placeholder stands behind " + Quoted(*option) +
+                     ", where a shell and its like take a script and run what the card says",
+                 "give it as an argument behind the script, as in \"echo $1\" x \"%UPN%\"");
+    }
   }
 
   // --- keywords ---------------------------------------------------------------------------------
@@ -148,7 +160,7 @@ class CommandCheck {
       return Add("the file's path has more than 255 characters, so 'set' fails",
                  "a shorter one is meant");
     }
-    if (!options.config.empty()) return CheckValuesPath(report_, options.config);
+    if (!options.config.empty()) return CheckValuesPath(report_, use_.isFilled, options.config);
     if (options.registry.empty()) Add("'set' has no file and fails", "-config FILE is meant");
   }
   void CheckDocument(std::string_view text) {
@@ -172,7 +184,7 @@ class CommandCheck {
     CheckLibraryPath(report_, std::string(text.substr(0, comma)));
     const std::string file =
         GetCommandOption(text.substr(comma + 1), "-config", kWholeOption).value_or("");
-    if (!file.empty()) CheckValuesPath(report_, file);
+    if (!file.empty()) CheckValuesPath(report_, use_.isFilled, file);
   }
 
   const Report& report_;
@@ -192,7 +204,7 @@ void CheckKeywordCommand(const Report& report, const CWatchOptions& record) {
   CommandCheck(report, {EventKind::kInsert, false}).CheckLine(record.program, record.arguments);
   if (record.configFile.empty()) return;
   CheckPlaceholders(report, false, record.configFile);
-  CheckValuesPath(report, record.configFile);
+  CheckValuesPath(report, false, record.configFile);
 }
 
 std::string DescribeCommand(EventKind kind, std::string_view text) {

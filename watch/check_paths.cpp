@@ -125,6 +125,14 @@ class PathCheck {
   const std::string named_;
 };
 
+/// Of a path that holds a placeholder; where that is not filled it was told of already.
+void CheckFilledPath(const Report& report, bool isFilled, const std::string& whose) {
+  if (!isFilled) return;
+  report.Add(
+      "the " + whose + " path holds a placeholder, so the card decides which file is written",
+      "a file's path is meant");
+}
+
 // --- trace files --------------------------------------------------------------------------------
 
 struct TraceEntry {
@@ -232,8 +240,8 @@ void CheckDocumentPath(const Report& report, std::string document) {
   static_cast<void>(PathCheck(report, "document", document).IsThere());
 }
 
-void CheckValuesPath(const Report& report, const std::string& file) {
-  if (HoldsPlaceholder(file)) return;
+void CheckValuesPath(const Report& report, bool isFilled, const std::string& file) {
+  if (HoldsPlaceholder(file)) return CheckFilledPath(report, isFilled, "file's");
   PathCheck path(report, "file", file);
   if (!path.IsThere()) return;
   if (!May(file, W_OK)) return path.Add(" may not be written", kOtherUser);
@@ -250,12 +258,7 @@ void CheckValuesPath(const Report& report, const std::string& file) {
 }
 
 void CheckOutputPath(const Report& report, bool isFilled, const std::string& file) {
-  if (HoldsPlaceholder(file)) {
-    if (!isFilled) return;
-    return report.Add(
-        "the output's path holds a placeholder, so the card decides which file is written",
-        "a file's path is meant");
-  }
+  if (HoldsPlaceholder(file)) return CheckFilledPath(report, isFilled, "output's");
   if (file == "/dev/null") return;
   PathCheck path(report, "file", file);
   if (path.IsWhole() && !MayWrite(file)) path.Add(" may not be written", kOtherUser);

@@ -24,8 +24,9 @@ void CheckProgramPath(const Report& report, const std::string& program);
 void CheckLibraryPath(const Report& report, const std::string& library);
 /// A document, if it is no address, and the program that shows it.
 void CheckDocumentPath(const Report& report, std::string document);
-/// A file that logon values are written to: it has to be there, in a folder that takes its copy.
-void CheckValuesPath(const Report& report, const std::string& file);
+/// A file that logon values are written to: it has to be there, in a folder that takes its copy. No
+/// card may name it.
+void CheckValuesPath(const Report& report, bool isFilled, const std::string& file);
 /// A file that takes a program's output; it is made when it is missing. No card may name it.
 void CheckOutputPath(const Report& report, bool isFilled, const std::string& file);
 

@@ -222,10 +222,15 @@ application "/bin/true => a double quote is not closed
 @/program %OID.ou% => placeholder in '%OID.ou%' is not quoted, and a value may hold blanks
 @/program "%USERNAM%" => there is no placeholder '%USERNAM%'; '%USERNAME%' is meant
 @/program "%OID.cn" => placeholder '%OID.cn"' has no end; '%OID.cn%' is meant
-/bin/sh -c "echo %UPN%" => a placeholder stands in the script of a shell
+/bin/sh -c "echo %UPN%" => a placeholder stands behind '-c', where a shell and its like take a script
+/usr/bin/env bash -ec +x "echo %UPN%" => a placeholder stands behind '-ec', where
+/usr/bin/env -c x sh -c -e "%UPN%" => a placeholder stands behind '-c', where
+application "/bin/sh" -c "echo %UPN%" => a placeholder stands behind '-c', where
 @/program > "@/%UPN%" => the output's path holds a placeholder, so the card decides which file
 set -confg @/mail.conf -config @/mail.conf => 'set' knows no option '-confg'; '-config' is meant
 set -match x => 'set' has no file and fails
+set -config "@/%UPN%.conf" => the file's path holds a placeholder, so the card decides which file
+extern @/lib/libqixp11.so,x -config "@/%UPN%" => the file's path holds a placeholder, so the card
 set -config @/none.conf => there is no file '@/none.conf'
 set -config @/saved.conf => saved copy '@/saved.conf.org' is a link or no readable file
 load @/lib/libqixp11.so,Function => 'load' needs a comma behind the library and a blank
@@ -276,7 +281,7 @@ Watch Door=-recognized config Door
 Watch Hall=~@/program x
 Watch Gate=-p @/program -c @/mail.conf -a x
 [Watch Insert]
-1=@/program --title "%USERNAME% of %OID.o%" > /dev/null
+1=@/program -c x "%USERNAME% of %OID.o%" > /dev/null
 2=
 3=parallel set -config @/mail.conf
 4=close x
@@ -297,7 +302,7 @@ Anything=x
 
 Watcher 'Watch' (@/x.conf:7), insertions only of cards that match 'cn=Ann|FF', insertions wait 5 s, removals wait 2 s, no removal before an insertion
   On insertion, in this order, up to a set, load, extern or close that fails:
-    1. start @/program --title "%USERNAME% of %OID.o%" > /dev/null
+    1. start @/program -c x "%USERNAME% of %OID.o%" > /dev/null
     3. at the same time: write the logon values into @/mail.conf
     4. nothing, without success (close x)
   On removal, in this order, all of them:
