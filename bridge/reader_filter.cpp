@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "bridge/readers.h"
+#include "pkcs11/reader.h"
 #include "runtime/text.h"
 
 namespace qixx::bridge {
@@ -32,6 +33,7 @@ ReaderFilter::ReaderFilter(std::string_view readers, std::string_view ignore)
     : readers_(SplitPatterns(readers)), ignore_(SplitPatterns(ignore)) {}
 
 bool ReaderFilter::Counts(const CK_SLOT_INFO& info) const {
+  if (pkcs11::CHelperPkcs11::IsVirtualSlot(info.slotDescription, info.flags)) return false;
   return (!readers_.empty() || (info.flags & CKF_REMOVABLE_DEVICE) != 0) &&
          MayCount(std::string(DescriptionText(info)));
 }

@@ -16,8 +16,8 @@ class ReaderFilter {
   /// Lists split by "|"; blanks around a pattern are dropped, an empty one is passed over.
   ReaderFilter(std::string_view readers, std::string_view ignore);
 
-  /// False for what `ignore` names, which comes first, and for what a list of `readers` leaves
-  /// out. Without such a list removable slots count: the others are no readers.
+  /// False for a slot that the service takes for virtual and passes over at start, which would keep
+  /// others back, for what `ignore` names, and for what a list of `readers` leaves out. Without such a list removable slots count: the others are no readers.
   [[nodiscard]] bool Counts(const CK_SLOT_INFO& info) const;
   /// The same for a reader of which no more is known than its name.
   [[nodiscard]] bool MayCount(const std::string& name) const;

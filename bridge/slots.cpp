@@ -52,7 +52,11 @@ void Slots::Begin(const CK_FUNCTION_LIST& module, ReaderFilter filter) {
   offered_ = turn_ = 0;
   isPulled_ = false;
   const Slot* told = ByNumber(told_);
-  if (told == nullptr || !told->counts || !told->state.present) told = NextCard();
+  if (told == nullptr || !told->counts || !told->state.present) {
+    told = NextCard();
+    // The service looks for none of these at start; it is told of them.
+    if (told != nullptr && told->number > pkcs11::kLastReaderSlot) told = nullptr;
+  }
   told_ = told == nullptr ? 0 : told->number;
 }
 

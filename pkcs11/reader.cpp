@@ -13,8 +13,6 @@
 namespace qixx::pkcs11 {
 namespace {
 
-constexpr std::string_view kVirtualDescription = "Virtual Slot";
-
 /// Adds what the token holds. True when anything was added.
 bool ReadSlot(CK_SLOT_ID slot, const CertificateFilter& filter,
               std::span<CertificateEntry> entries) {
@@ -49,12 +47,6 @@ std::optional<std::vector<CK_BYTE>> ReadVariables(CK_SLOT_ID slot, bool isPrivat
 }  // namespace
 
 // --- slots -------------------------------------------------------------------------------------
-
-bool CHelperPkcs11::IsVirtualSlot(std::span<const CK_UTF8CHAR> description, CK_FLAGS flags) {
-  if (static_cast<std::int32_t>(flags) < 0) return true;
-  if ((flags & CKF_HW_SLOT) != 0) return false;
-  return runtime::AsText(description).starts_with(kVirtualDescription);
-}
 
 CK_SLOT_ID CHelperPkcs11::FindWatchSlot(bool readersOnly) {
   CK_SLOT_ID virtualSlot = 0;

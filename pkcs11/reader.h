@@ -36,7 +36,12 @@ class CHelperPkcs11 {
   /// Tells the suite's own slots from card readers. A flags word that is negative as a signed
   /// 32-bit number says virtual before anything else; then a hardware slot is none; then the
   /// description decides.
-  [[nodiscard]] static bool IsVirtualSlot(std::span<const CK_UTF8CHAR> description, CK_FLAGS flags);
+  [[nodiscard]] static bool IsVirtualSlot(std::span<const CK_UTF8CHAR> description,
+                                          CK_FLAGS flags) {
+    if (static_cast<std::int32_t>(flags) < 0) return true;
+    if ((flags & CKF_HW_SLOT) != 0) return false;
+    return runtime::AsText(description).starts_with("Virtual Slot");
+  }
 
   /// The first reader slot with a token. Without `readersOnly` the last virtual slot when there is
   /// none; with it slots above 99 are passed over. 0 for no slot: the slot loop relies on slot 0

@@ -165,6 +165,14 @@ TEST_F(Bridge, BeginsWithTheCardThatIsListedFirst) {
   Play("-5=4 .");  // who saw it listed has to hear that it has gone
 }
 
+TEST_F(Bridge, WhatTheServiceDoesNotTakeAtStartKeepsNothingBack) {
+  AddReader(5, "Virtual Slot 0\nflags=0x2");
+  for (int slot = 100; slot <= 140; ++slot) desktop_.AddReader(slot);
+  for (const int slot : {5, 140}) desktop_.InsertCard(slot);
+  Start(SOFTCARD_PLAIN);
+  Play(".=107 -5 +5 +1 -140=107 .=1");
+}
+
 TEST_F(Bridge, CardThatIsPassedOverKeepsNothingBack) {
   desktop_.AddReader(5);
   Start(SOFTCARD_PLAIN);
