@@ -1,6 +1,8 @@
 #include "watch/slot_loop.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <ctime>
@@ -42,23 +44,39 @@ constexpr std::string_view kLogonSection = "Logon";
 class DescriptorReserve {
  public:
   DescriptorReserve() { Fill(); }
+  ~DescriptorReserve() { GiveBack(); }
+  DescriptorReserve(const DescriptorReserve&) = delete;
+  DescriptorReserve& operator=(const DescriptorReserve&) = delete;
 
   template <typename Step>
   void Lend(const Step& step) {
-    for (runtime::Descriptor& held : held_) held.Close();
+    GiveBack();
     step();
     Fill();
   }
 
  private:
-  /// Takes as many as there are.
+  /// Takes as many as there are, all of one pipe, which nobody else has open.
   void Fill() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return;
+    held_[0] = runtime::Descriptor(ends[0]);
+    held_[1] = runtime::Descriptor(ends[1]);
+    made_ = runtime::StatusOf(held_[0]);
+    for (std::size_t i = 2; i < held_.size(); ++i) {
+      held_[i] = runtime::Descriptor(::fcntl(ends[0], F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    }
+  }
+  /// One that a library closed, to open its own in that place, stays the library's.
+  void GiveBack() {
     for (runtime::Descriptor& held : held_) {
-      if (!held.IsOpen()) held = runtime::Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+      if (!runtime::IsStill(made_, held.Get())) static_cast<void>(held.Release());
+      held.Close();
     }
   }
 
   std::array<runtime::Descriptor, 8> held_;
+  struct stat made_ {};  ///< what all of them are
 };
 
 // --- the slot loop ------------------------------------------------------------------------------

@@ -372,6 +372,19 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   ::_exit(run.Has("Watch - Execute remove command: kill y") ? 0 : 1);
 }
 
+/// In a process of its own, whose library closes what is not its own.
+[[noreturn]] void RemoveWithNumbersThatAreOthers() {
+  Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+  int last = 0;
+  machine.clock.inSleep = [&last] {
+    if (last == 0) ::closefrom(3);
+    while (last < 40) last = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  };
+  const LoopRun run(machine, Record("config", 2));
+  while (last > 2 && ::close(last) == 0) --last;
+  ::_exit(run.Has("Watch - Execute remove command: kill y") ? last : 1);
+}
+
 TEST(CardMark, SaysThatItCannotBeKept) {
   const ScopedVariable missing("RUNTIME_DIRECTORY", "/nonexistent");
   const TraceCapture trace;
@@ -379,9 +392,11 @@ TEST(CardMark, SaysThatItCannotBeKept) {
   EXPECT_TRUE(trace.Has("Watch - Failed to keep 'card-Watch' in '/nonexistent' (2)"));
 }
 
-TEST_F(EventTable, LibraryThatLeaksDescriptorsKeepsNoRemovalFromBeingRun) {
+TEST_F(EventTable, LibraryThatLeaksDescriptorsOrClosesThemKeepsNoRemovalFromBeingRun) {
   Configure("", "1=kill y\n");
   EXPECT_EXIT(RemoveWithoutDescriptors(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(RemoveWithNumbersThatAreOthers(), ::testing::ExitedWithCode(2), "")
+      << "all that were opened meanwhile are open";
 }
 
 TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
