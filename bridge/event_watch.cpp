@@ -1,5 +1,6 @@
 #include "bridge/event_watch.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -41,18 +42,39 @@ void BlockSignals() {
 
 // --- the descriptor -----------------------------------------------------------------------------
 
+EventDescriptor::EventDescriptor() {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
+  reading_ = runtime::Descriptor(ends[0]);
+  writing_ = runtime::Descriptor(ends[1]);
+  made_ = runtime::StatusOf(reading_);
+}
+
+bool EventDescriptor::IsOurs() const {
+  return runtime::IsStill(made_, reading_.Get()) && runtime::IsStill(made_, writing_.Get());
+}
+
 void EventDescriptor::Raise() {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = ::write(Get(), &one, sizeof one);
+  if (!IsOurs()) return;
+  [[maybe_unused]] const ssize_t written = ::write(writing_.Get(), "", 1);
 }
 
 bool EventDescriptor::Lower() {
-  std::uint64_t count = 0;
-  return ::read(Get(), &count, sizeof count) == sizeof count || errno != EAGAIN;
+  if (!IsOurs()) return true;
+  std::array<char, 64> bytes;
+  ssize_t got = 0;
+  bool wasReadable = false;
+  while ((got = ::read(Get(), bytes.data(), bytes.size())) > 0) wasReadable = true;
+  return wasReadable || got == 0 || errno != EAGAIN;
+}
+
+void EventDescriptor::Close() {
+  reading_.Close();
+  writing_.Close();
 }
 
 void EventDescriptor::Wait(int timeout) const {
-  pollfd waited = {Get(), POLLIN, 0};
+  pollfd waited = {IsOurs() ? Get() : -1, POLLIN, 0};
   ::poll(&waited, 1, timeout);
 }
 

@@ -7,11 +7,10 @@
 // of itself that it can wait for events in one thread while it serves another.
 #pragma once
 
-#include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdint>
 #include <span>
 #include <string>
 #include <string_view>
@@ -25,20 +24,26 @@
 namespace qixx::bridge {
 
 /// A descriptor that is readable from Raise to Lower. Both may be called from any thread and do
-/// not block.
+/// not block. One that something else in the process closed is touched no more: another file may
+/// have its number.
 class EventDescriptor {
  public:
+  EventDescriptor();
   void Raise();
   /// Whether it was readable until now, as far as the system can tell.
   bool Lower();
-  void Close() { descriptor_.Close(); }
+  void Close();
   /// Returns as soon as it is readable, at the latest after so many milliseconds.
   void Wait(int timeout) const;
   /// Negative when the system had none left.
-  [[nodiscard]] int Get() const { return descriptor_.Get(); }
+  [[nodiscard]] int Get() const { return reading_.Get(); }
 
  private:
-  runtime::Descriptor descriptor_{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+  [[nodiscard]] bool IsOurs() const;
+
+  runtime::Descriptor reading_;  ///< of a pipe: unlike others, it can be told from every other file
+  runtime::Descriptor writing_;
+  struct stat made_ {};
 };
 
 /// Start, Stop and Abandon are for one thread at a time.

@@ -1,9 +1,11 @@
 // The bridge in this process beside a real PC/SC service with virtual readers, over the soft card,
 // whose slots bear the names of those readers.
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <filesystem>
 #include <iterator>
@@ -152,6 +154,22 @@ TEST_F(ReaderEvents, RemovalDoesNotWaitForTheModule) {
   card.reset();
   EXPECT_TRUE(NextIs(1));
   folder_.Write("readers/module", "");
+}
+
+TEST_F(ReaderEvents, DescriptorThatSomebodyElseTookIsLeftAlone) {
+  StartWatched();
+  int ends[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  ASSERT_EQ(::dup2(ends[0], descriptor_), descriptor_);
+  ASSERT_EQ(::write(ends[1], "theirs", 6), 6);
+  for (const bool withCard : {true, false}) {
+    const auto card = withCard ? CardIn(0) : nullptr;
+    EXPECT_TRUE(Eventually([this] { return Poll() == 1; }));
+  }
+  std::array<char, 8> text{};
+  EXPECT_EQ(::recv(ends[1], text.data(), text.size(), MSG_DONTWAIT), -1);
+  EXPECT_EQ(::recv(ends[0], text.data(), text.size(), MSG_DONTWAIT), 6);
+  for (const int end : ends) ::close(end);
 }
 
 TEST_F(ReaderEvents, NoWakeUpIsLostBetweenPolls) {
