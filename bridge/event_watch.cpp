@@ -21,6 +21,9 @@ constexpr int kConnectPause = 3000;
 /// After a wake-up without news, in milliseconds. A card that is read causes some; a library that
 /// does not wait would keep the thread busy.
 constexpr int kQuietPause = 50;
+/// The same where no wait is to be had, as with a service that knows no notifier: readers that have
+/// not changed are unknown to it again and again.
+constexpr int kUnknownPause = 1000;
 /// Between two tries to cancel a wait that may not have begun yet.
 constexpr timespec kCancelPause = {0, 2'000'000};
 
@@ -151,7 +154,8 @@ void EventWatch::Disconnect() {
 /// Waits for one change. False when the connection is of no more use.
 bool EventWatch::WaitForChange() {
   if (!connection_.ReadNames(names_)) return false;
-  if (names_ != current_) {
+  const bool isNewList = names_ != current_;
+  if (isNewList) {
     current_ = names_;
     event_.Raise();
   }
@@ -176,7 +180,9 @@ bool EventWatch::WaitForChange() {
     event_.Raise();
     return true;
   }
-  stop_.Wait(kQuietPause);
+  const bool isUnknown = result == PcscResult::kUnknownReader;
+  const bool isUnknownAgain = std::exchange(wasUnknown_, isUnknown) && isUnknown && !isNewList;
+  stop_.Wait(isUnknownAgain ? kUnknownPause : kQuietPause);
   return result == PcscResult::kSuccess || result == PcscResult::kTimeout ||
          result == PcscResult::kUnknownReader;
 }

@@ -97,6 +97,7 @@ class EventWatch {
   std::vector<char> names_;
   std::vector<char> current_;  ///< the names of the last round
   std::vector<Known> known_;
+  bool wasUnknown_ = false;  ///< the last wait knew not all of the readers
 };
 
 }  // namespace qixx::bridge

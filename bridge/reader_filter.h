@@ -17,7 +17,8 @@ class ReaderFilter {
   ReaderFilter(std::string_view readers, std::string_view ignore);
 
   /// False for a slot that the service takes for virtual and passes over at start, which would keep
-  /// others back, for what `ignore` names, and for what a list of `readers` leaves out. Without such a list removable slots count: the others are no readers.
+  /// others back, for what `ignore` names, and for what a list of `readers` leaves out. Without
+  /// such a list removable slots count: the others are no readers.
   [[nodiscard]] bool Counts(const CK_SLOT_INFO& info) const;
   /// The same for a reader of which no more is known than its name.
   [[nodiscard]] bool MayCount(const std::string& name) const;

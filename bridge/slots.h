@@ -40,8 +40,8 @@ using pkcs11::SlotList;
 class Slots {
  public:
   /// Begins to watch: what is there now is no event. Of the cards that are in now the first, but
-  /// none above number 99, counts as told of, unless one that was told of before is still in. The module is initialised
-  /// and stays so until End.
+  /// none above number 99, counts as told of, unless one that was told of before is still in. The
+  /// module is initialised and stays so until End.
   void Begin(const CK_FUNCTION_LIST& module, ReaderFilter filter);
   /// Ends it; the numbers stay.
   void End();
