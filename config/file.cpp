@@ -80,10 +80,10 @@ std::optional<std::string> CConfigFile::ChangedText() {
 void CConfigFile::Begin(bool writable, const std::string& path, bool quiet) {
   CConfigFile::Close(true);
   path_ = path.size() <= runtime::kMaxText ? path : std::string();
+  shownPath_ = runtime::MaskSecrets(path);
   fileTime_ = ModificationTime(path_);
   if (!quiet) {
-    runtime::TraceWrite("Config - Open '%s' (%s)", runtime::MaskedText(path).Text(),
-                        writable ? "w" : "r");
+    runtime::TraceWrite("Config - Open '%s' (%s)", shownPath_.c_str(), writable ? "w" : "r");
   }
   encoded_ = HasEncodedName(path);
   hasText_ = true;
@@ -136,7 +136,7 @@ bool CConfigFile::WriteText() {
   if (!Transcode(true)) return false;
   NormaliseForSave(text_);
   if (fileTime_ != 0 && ModificationTime(path_) != fileTime_) {
-    runtime::TraceWrite("Config - WARNING: File '%s' modified", runtime::MaskedText(path_).Text());
+    runtime::TraceWrite("Config - WARNING: File '%s' modified", shownPath_.c_str());
   }
   return runtime::ReplaceFile(place_, file_, text_);
 }

@@ -121,6 +121,7 @@ class CConfigFile : public CConfigItem {
   std::string text_;
   std::size_t capacity_ = 0;  ///< never below the length; a change that would exceed it grows it
   std::size_t position_ = 0;  ///< of the line reader
+  std::string shownPath_;     ///< for the trace, which a write may need without memory
   runtime::FilePlace place_;
   runtime::Descriptor file_;
   bool hasText_ = false;

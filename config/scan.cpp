@@ -179,17 +179,18 @@ std::optional<SectionSpan> FindSection(std::string_view text, std::string_view n
 
 EntrySearch FindEntry(std::string_view text, std::string_view section,
                       std::optional<std::string_view> entry) {
-  const std::optional<SectionSpan> span = FindSection(text, section);
-  if (!span) return {ConfigResult::kNoSection, {}, text.size(), text.size()};
-  if (!entry) return {ConfigResult::kOk, {}, span->insertion, span->insertion};
-  LineReader lines = LinesOf(text, *span);
-  while (const std::optional<TextLine> line = lines.Next()) {
+  const std::optional<TextLine> header = FindHeader(text, section, IsHeaderOf);
+  if (!header) return {ConfigResult::kNoSection, {}, text.size(), text.size()};
+  LineReader lines(text, header->end);
+  while (const std::optional<TextLine> line = entry ? lines.Next() : std::nullopt) {
+    if (EndsSection(line->text)) break;
     if (IsEntryOf(line->text, *entry)) {
       return {ConfigResult::kOk, EntryValue(line->text.substr(entry->size())),
               BeforeBlanks(text, line->begin), BehindLineEnd(text, line->end)};
     }
   }
-  return {ConfigResult::kNoEntry, {}, span->insertion, span->insertion};
+  const std::size_t insertion = SpanOfSection(text, *header).insertion;
+  return {entry ? ConfigResult::kNoEntry : ConfigResult::kOk, {}, insertion, insertion};
 }
 
 std::optional<EntryReader::Names> EntryReader::Next() {

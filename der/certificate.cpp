@@ -172,10 +172,11 @@ DerResult CDerCert::DecodeInfo(Bytes element) {
   serialNumber_ = fields.Take(kTagInteger);
   fields.Take(kTagSequence);  // signature algorithm
   issuer_ = fields.Take(kTagSequence);
-  FieldReader validity(ContentOf(fields.Take(kTagSequence)));
+  const Bytes times = fields.Take(kTagSequence);
   subject_ = fields.Take(kTagSequence);
   if (fields.Result() != DerResult::kOk) return fields.Result();
 
+  FieldReader validity(ContentOf(times));
   notBefore_ = validity.TakeAny().whole;
   notAfter_ = validity.TakeAny().whole;
   DerResult result = validity.Result();

@@ -12,12 +12,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <optional>
-#include <string>
 #include <utility>
 
 #include "runtime/clock.h"
-#include "runtime/files.h"
 #include "runtime/scarce_means.h"
 #include "runtime/trace.h"
 
@@ -175,28 +172,36 @@ Outcome PutNewFile(const FilePlace& place, std::string_view text, const Descript
 
 // --- in place -----------------------------------------------------------------------------------
 
-/// Takes room for what the text grows by, so that a full disk is found before anything is changed.
-/// Where the file system cannot tell, there is room.
-bool TakeRoom(const Descriptor& file, std::size_t length) {
-  return ::fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length)) == 0 ||
-         (errno != ENOSPC && errno != EDQUOT && errno != EFBIG);
+bool WriteAt(const Descriptor& file, std::string_view text, std::size_t position) {
+  const auto place = static_cast<off_t>(position);
+  return Noted(::lseek(file.Get(), place, SEEK_SET) == place && WriteFully(file, text));
 }
 
-bool Overwrite(const Descriptor& file, std::string_view text) {
-  return Noted(::lseek(file.Get(), 0, SEEK_SET) == 0 && WriteFully(file, text) &&
-               ::ftruncate(file.Get(), static_cast<off_t>(text.size())) == 0 &&
-               ::fsync(file.Get()) == 0);
+bool CutFile(const Descriptor& file, std::size_t length) {
+  return ::ftruncate(file.Get(), static_cast<off_t>(length)) == 0;
 }
 
-/// The text is one write; when that fails the old text is put back.
+/// Writes what comes behind the old end. Where the file system cannot take room for it beforehand,
+/// only a sync finds out that the disk is full.
+bool Grow(const Descriptor& file, std::string_view text, std::size_t length) {
+  const bool hasRoom =
+      ::fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(text.size())) == 0;
+  const bool isFull = !hasRoom && (errno == ENOSPC || errno == EDQUOT);
+  return Noted(!isFull) && WriteAt(file, text.substr(length), length) &&
+         (hasRoom || Noted(::fsync(file.Get()) == 0));
+}
+
+/// What the file grows by comes first: when there is no room it is cut back and still holds all
+/// that it held. The rest is one write.
 bool WriteInPlace(const Descriptor& file, std::string_view text) {
-  if (!Noted(::lseek(file.Get(), 0, SEEK_SET) == 0)) return false;
-  const std::optional<std::string> before = ReadToEnd(file, kMaxFileSize);
-  if (!before) return false;
-  if (text.size() > before->size() && !Noted(TakeRoom(file, text.size()))) return false;
-  if (Overwrite(file, text)) return true;
-  Overwrite(file, *before);
-  return false;
+  const auto length = static_cast<std::size_t>(StatusOf(file).st_size);
+  if (text.size() > length && !Grow(file, text, length)) {
+    static_cast<void>(CutFile(file, length));
+    return false;
+  }
+  return WriteAt(file, text.substr(0, length), 0) &&
+         (text.size() >= length || Noted(CutFile(file, text.size()))) &&
+         Noted(::fsync(file.Get()) == 0);
 }
 
 /// Why the old file is to be written in place; null when it is not.

@@ -93,6 +93,7 @@ std::vector<std::string> ListNames(int folder) {
 std::vector<Setting> ReadSettings(std::string_view text) {
   std::vector<Setting> settings;
   std::istringstream lines{std::string(text)};
+  lines.exceptions(std::ios::badbit);  // otherwise lack of memory would look like the end
   for (std::string line; std::getline(lines, line);) {
     if (line.ends_with('\r')) line.pop_back();
     const std::size_t equals = line.find('=');

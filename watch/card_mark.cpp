@@ -36,7 +36,7 @@ std::string FirstFolder() {
 std::string Encode(std::string_view section) {
   std::string name(kHead);
   for (const std::uint8_t byte : runtime::AsBytes(section)) {
-    if (std::isalnum(byte) != 0 || byte == '-' || byte == '_') {
+    if ((byte < 0x80 && std::isalnum(byte) != 0) || byte == '-' || byte == '_') {
       name.push_back(static_cast<char>(byte));
     } else {
       name.append(1, '%').append(runtime::HexEncode({&byte, 1}));

@@ -128,7 +128,7 @@ void StartExtraWatcher(ExtraWatcher& watcher) {
   runtime::TraceWrite("Watch - Extra '%s'", runtime::MaskedText(watcher.name).Text());
   Own().OpenPipe();
   runtime::KeptChild child = {
-      .passed = Own().reading.Get(),
+      .passed = runtime::IsStill(Own().made, Own().reading.Get()) ? Own().reading.Get() : -1,
       .variables = {Variable(kDepthVariable, Own().depth), Variable(kRoomVariable, watcher.room)}};
   if (child.passed >= 0) {
     child.variables.push_back(Variable(kLinkVariable, runtime::kPassedDescriptor));

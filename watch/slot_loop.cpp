@@ -17,6 +17,7 @@
 #include "watch/configuration.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
+#include "watch/guard.h"
 #include "watch/parallel.h"
 #include "watch/rounds.h"
 #include "watch/status.h"
@@ -51,8 +52,8 @@ class DescriptorReserve {
   template <typename Step>
   void Lend(const Step& step) {
     GiveBack();
+    const AtExit refill([this] { Fill(); });
     step();
-    Fill();
   }
 
  private:
@@ -221,6 +222,7 @@ class SlotWatch {
   /// What is owed of a removal is so to the next rounds or to the next start: the mark stays, as
   /// that of a card that is forgotten without a removal.
   void RunRemoval(CK_SLOT_ID slot) {
+    isMarkDue_ = false;
     owed_ = OnRemoveEvent(record_, slot, platform_);
     owedSlot_ = slot;
     if (owed_.IsNothing()) Settle();

@@ -476,6 +476,7 @@ TEST(LogonFiles, GetsWhatANameMeansThroughALinkThatStays) {
       {"%X%%-%X%", "%X%", "%X%%X", "%X%%X%-%X%%X"},
       {"%X%\n-%X%\r\n %A%%X%[%X%", "%X%", " [b]", " _b]\n- [b]\r\n %A% _b][ [b]"},
       {"%X%%X%", "%X%", "<", "_<"},
+      {"\xc3\xa9%X%\n", "%X%", "[b]", "\xc3\xa9_b]\n"},
       {"%A%X%%%X%%X% %X%", "%X%", "#", "%A#%_# #"},
       {"[A]\nk=1\nK=2\n[a]\nk=3\n", "k", "v", "[A]\nk=v\nK=2\n[a]\nk=3\n"},
       // No value makes a file old, but one that is stays one.
