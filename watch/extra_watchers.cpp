@@ -13,6 +13,7 @@
 #include <optional>
 #include <utility>
 
+#include "config/store.h"
 #include "runtime/children.h"
 #include "runtime/clock.h"
 #include "runtime/descriptor.h"
@@ -86,7 +87,7 @@ struct ExtraWatchers {
   std::string program;
   std::uint64_t depth = 0;  ///< of all of them
   std::vector<ExtraWatcher> all;
-  bool hadConfiguration = false;  ///< when they were started
+  bool hadConfiguration = false;  ///< when a command was looked up
   /// A pipe whose writing end this process alone has. So the watchers, which read from it, see when
   /// the process ends, whatever ended it.
   runtime::Descriptor reading = {};  ///< kept, so that no write fails
@@ -118,12 +119,18 @@ std::string FindOwnProgram(const std::string& ownPath) {
   return std::filesystem::read_symlink("/proc/self/exe", error).string();
 }
 
+/// The configuration is opened once for each watcher, which also tells whether there is one.
+std::string ReadExtraCommand(const std::string& name) {
+  config::CConfig config;
+  if (!LoadProductConfiguration(config)) return {};
+  Own().hadConfiguration = true;
+  return ReadFileText(config, kCommandSection, ExtraWatcherEntry(name),
+                      kMaxCommandLine - kChildMark.size());
+}
+
 /// It stays owed when memory runs out on the way, or when the system has no room for it.
 void StartExtraWatcher(ExtraWatcher& watcher) {
-  if (watcher.command.empty()) {
-    watcher.command = ReadProductText(kCommandSection, ExtraWatcherEntry(watcher.name),
-                                      kMaxCommandLine - kChildMark.size());
-  }
+  if (watcher.command.empty()) watcher.command = ReadExtraCommand(watcher.name);
   if (watcher.command.empty()) watcher.command = UsualExtraCommand(watcher.name);
   runtime::TraceWrite("Watch - Extra '%s'", runtime::MaskedText(watcher.name).Text());
   Own().OpenPipe();
@@ -229,8 +236,7 @@ void StartExtraWatchers(std::string_view list, const std::string& ownPath) {
   if (program.empty()) return;
   const std::uint64_t room = ReadVariable(kRoomVariable).value_or(kMaxExtraWatchers);
   Own() = {program, depth + 1,
-           ShareRoom(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list)),
-           HasProductConfiguration()};
+           ShareRoom(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list))};
   for (ExtraWatcher& watcher : Own().all) {
     RunStep([&watcher] { StartExtraWatcher(watcher); });
   }

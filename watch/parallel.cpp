@@ -36,8 +36,10 @@ void RunCommand(const ParallelJob& job) {
     return;
   }
   for (int left = kTries; !RunRemoveCommand(job.card, job.event, job.text); --left) {
-    if (left == 1 || StopRequested() || job.insertions != insertions) return;
+    if (left == 1 || StopRequested()) return;
     runtime::SleepMilliseconds(kTryPause);
+    // The next card may have come during the pause.
+    if (job.insertions != insertions) return;
   }
 }
 

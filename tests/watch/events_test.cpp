@@ -6,8 +6,10 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <ctime>
 #include <filesystem>
 #include <new>
 #include <set>
@@ -39,6 +41,9 @@ namespace {
 /// So many processes the system has no room for, and so many new files no disk.
 std::atomic<int> forksToFail{0};
 std::atomic<int> syncsToFail{0};
+/// Pauses of other threads than the main one begin, and last as long as that thread wants.
+std::atomic<int> pausesBegun{0};
+std::atomic<bool> holdPauses{false};
 /// Whether a thread of a library could have read meanwhile what is another watcher's.
 std::atomic<bool> environmentChanged{false};
 
@@ -52,6 +57,17 @@ extern "C" pid_t fork() noexcept {
   --forksToFail;
   errno = EAGAIN;
   return -1;
+}
+extern "C" int nanosleep(const timespec* time, timespec* left) {
+  const auto sleep =
+      reinterpret_cast<int (*)(const timespec*, timespec*)>(::dlsym(RTLD_NEXT, "nanosleep"));
+  if (::gettid() != ::getpid()) {
+    ++pausesBegun;
+    for (const timespec step = {.tv_sec = 0, .tv_nsec = 1'000'000}; holdPauses;) {
+      sleep(&step, nullptr);
+    }
+  }
+  return sleep(time, left);
 }
 extern "C" int fsync(int /*file*/) {
   if (syncsToFail <= 0) return 0;
@@ -422,16 +438,22 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
     Configure("", "1=" + row.command + "\n2=kill x\n");
     folder_.Write("a.conf", "[S]\nUsername=ann\n");
     Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}});
-    desk.clock.inSleep = [&desk, &row] {
+    const bool isParallel = row.command.starts_with("parallel ");
+    pausesBegun = 0;
+    holdPauses = true;
+    desk.clock.inSleep = [&desk, &row, isParallel] {
       if (desk.clock.slept.size() == 1) forksToFail = syncsToFail = row.failing;
-      if (desk.clock.slept.size() == 2) desk.reader.matches = row.nextCounts;
+      if (desk.clock.slept.size() != 2) return;
+      // The next card comes between the first try of a thread and the second one.
+      EXPECT_TRUE(!isParallel || Eventually([] { return pausesBegun != 0; }));
+      desk.reader.matches = row.nextCounts;
     };
     watch::CWatchOptions record = Record("config", 6);
     record.match = "cn=ann lee";
     const LoopRun run(desk, record);
+    holdPauses = false;
     EXPECT_TRUE(watch::WaitForParallelJobs(15000));
     forksToFail = syncsToFail = 0;
-    const bool isParallel = row.command.starts_with("parallel ");
     const std::string command = row.command.substr(isParallel ? 9 : 0);
     EXPECT_EQ(run.Count("Watch - Execute remove command: " + command), row.tries);
     EXPECT_EQ(run.Count("Watch - Execute remove command: kill x"), 1U);
@@ -491,6 +513,10 @@ TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
   }
 }
 
+bool OpensConfiguration(const std::string& line) {
+  return line.starts_with("Config - Open '");
+}
+
 TEST_F(EventTable, ExtraWatcherThatDidNotEndByItselfIsStartedAgain) {
   const std::string program = folder_.Write("program", R"(#!/bin/sh
 echo "$qixwatchdepth $qixwatchroom $qixwatchlink $*" >> $HOME/started
@@ -504,6 +530,8 @@ exit 3
   forksToFail = 1;
   Configure("", "");
   watch::StartExtraWatchers("Refused|Killed|Done", program);
+  const std::vector<std::string> atStart = trace.Lines();
+  EXPECT_EQ(std::ranges::count_if(atStart, OpensConfiguration), 3) << "once for each";
   const auto told = [&](const std::string& news) { return trace.Count("Watch - Extra " + news); };
   std::uint64_t round = 0;
   const auto look = [&] {
