@@ -179,7 +179,7 @@ TEST_F(Bridge, CardThatIsPassedOverKeepsNothingBack) {
   const auto passOver = Function<void (*)(CK_SLOT_ID)>("QixPassOver");
   ASSERT_NE(passOver, nullptr);
   Play("+5=4 +1 .");
-  for (const CK_SLOT_ID slot : {0, 1, 4}) passOver(slot);
+  for (const CK_SLOT_ID slot : {0UL, 1UL, 4UL}) passOver(slot);
   Play(".=1 . -5 +5 -1=1 .=4");  // another card in its place counts
   passOver(4);
   Play(". -5 .");
