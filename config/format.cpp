@@ -38,8 +38,7 @@ void UseLineFeeds(std::string& text) {
 }  // namespace
 
 void NormaliseLoaded(std::string& text) {
-  const auto isPlain = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
-  text.erase(text.begin(), std::find_if(text.begin(), text.end(), isPlain));
+  text.erase(text.begin(), std::ranges::find_if(text, runtime::IsAscii));
   const std::size_t zero = text.find('\0');
   const bool ends =
       zero == std::string::npos || text.find_first_not_of('\0', zero) == std::string::npos;

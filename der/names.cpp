@@ -48,6 +48,7 @@ bool NeedsEscape(char c) {
 
 /// Each byte that begins no character reads as U+FFFD.
 std::string MendedUtf8(std::string_view bytes) {
+  if (std::ranges::all_of(bytes, runtime::IsAscii)) return std::string(bytes);
   std::string text;
   text.reserve(bytes.size());
   while (!bytes.empty()) {

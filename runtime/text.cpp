@@ -114,10 +114,6 @@ int CompareNoCase(std::string_view a, std::string_view b, std::size_t limit) {
   return (a.size() > b.size()) - (a.size() < b.size());
 }
 
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && CompareNoCase(a, b) == 0;
-}
-
 bool StartsWithNoCase(std::string_view text, std::string_view head) {
   return CompareNoCase(text.substr(0, head.size()), head) == 0;
 }
@@ -263,7 +259,8 @@ std::optional<char32_t> TakeUtf8(std::string_view& text) {
   const auto head = static_cast<unsigned char>(text.front());
   const auto ones = static_cast<std::size_t>(std::countl_one(head));
   text.remove_prefix(1);
-  const std::size_t tails = ones == 0 ? 0 : ones - 1;
+  if (ones == 0) return head;
+  const std::size_t tails = ones - 1;
   if (ones == 1 || ones > 4 || tails > text.size()) return std::nullopt;
   char32_t code = head & 0x7FU >> ones;
   for (const char c : text.substr(0, tails)) {

@@ -5,6 +5,7 @@
 // from any thread; only std::bad_alloc is thrown.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -48,6 +49,9 @@ inline constexpr std::size_t kMaxLine = 1023;
 
 // --- comparison and search --------------------------------------------------------------------
 
+[[nodiscard]] constexpr bool IsAscii(char c) {
+  return static_cast<unsigned char>(c) < 0x80;
+}
 /// 'A' to 'Z' get 32 added; no other byte changes.
 [[nodiscard]] constexpr char FoldCase(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
@@ -58,7 +62,9 @@ inline constexpr std::size_t kMaxLine = 1023;
 [[nodiscard]] int CompareNoCase(std::string_view a, std::string_view b,
                                 std::size_t limit = std::string_view::npos);
 
-[[nodiscard]] bool EqualsNoCase(std::string_view a, std::string_view b);
+[[nodiscard]] inline bool EqualsNoCase(std::string_view a, std::string_view b) {
+  return std::ranges::equal(a, b, {}, FoldCase, FoldCase);
+}
 /// A text shorter than `head` never matches.
 [[nodiscard]] bool StartsWithNoCase(std::string_view text, std::string_view head);
 

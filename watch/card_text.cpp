@@ -128,8 +128,8 @@ std::string CleanCardText(std::string_view text) {
 std::string CleanLineStart(std::string_view cleaned) {
   std::string value(cleaned);
   // A configuration that is read drops other bytes than those of ASCII in front of its first line.
-  const auto first = std::ranges::find_if(
-      value, [](char c) { return c != ' ' && static_cast<unsigned char>(c) < 0x80; });
+  const auto first =
+      std::ranges::find_if(value, [](char c) { return c != ' ' && runtime::IsAscii(c); });
   if (first != value.end() && kLineStarts.find(*first) != std::string_view::npos) {
     *first = kHarmless;
   }

@@ -224,8 +224,8 @@ bool ParseWatchOptions(std::string_view text, CWatchOptions& record) {
 
 bool IsOptionPlace(std::string_view text, std::size_t place) {
   if (place == 0) return true;
-  const auto before = static_cast<unsigned char>(text[place - 1]);
-  return std::isalnum(before) == 0 && before != '_' && before < 0x80;
+  const char before = text[place - 1];
+  return runtime::IsAscii(before) && std::isalnum(before) == 0 && before != '_';
 }
 
 std::optional<std::string> GetCommandOption(std::string_view text, std::string_view name,

@@ -40,7 +40,7 @@ class LineStart {
     for (std::size_t i = line; i < piece.size() && !IsSettled(); ++i) {
       if (piece[i] == '%') {
         marks_.push_back(at + i);
-      } else if (piece[i] != ' ' && static_cast<unsigned char>(piece[i]) < 0x80 && MayBeHere()) {
+      } else if (piece[i] != ' ' && runtime::IsAscii(piece[i]) && MayBeHere()) {
         other_ = at + i;
       }
     }

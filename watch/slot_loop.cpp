@@ -193,9 +193,9 @@ class SlotWatch {
     // Connected even when a command failed, so that the card is not announced twice.
     const bool counts = OnInsertEvent(record_, slot, platform_);
     connected_ = slot;
-    // Its turn was before the commands of this card. For one that does not count nothing has run,
-    // so what is owed of the last one still is, with this card in: a screen is rather locked too
-    // often than left open. That goes for a configuration that was away for both as well.
+    // Its turn was before the commands of this card. With one that does not count, what is owed of
+    // the last one still is: a screen is rather locked too often than left open. That goes for a
+    // configuration that was away for both as well.
     if (counts) Forgive();
     connectedSince_ = std::time(nullptr);
     runtime::TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
