@@ -30,8 +30,8 @@ inline constexpr std::size_t kMaxLoadedText = 1048576;
 /// The largest file that is opened; no change makes a text longer.
 inline constexpr std::size_t kMaxConfigSize = runtime::kMaxFileSize;
 
-/// A value that is asked for in a text is kNoSection or kNoEntry when it is missing, in a lookup
-/// tree kFailed. Without a text every operation gives kFailed. What spare_file.cpp defines is
+/// A missing value gives kNoSection or kNoEntry where the text is scanned, kFailed where a lookup
+/// tree answers. Without a text every operation gives kFailed. What spare_file.cpp defines is
 /// spare.
 class CConfigFile : public CConfigItem {
  public:

@@ -76,9 +76,6 @@ class CConfig {
   /// for the life of the object, also for what is opened later.
   virtual std::optional<ConfigValue> GetString(std::string_view section, std::string_view entry,
                                                std::size_t maxLength = runtime::kMaxText);
-  /// spare: sets a value in the first item; Close brings it to the file.
-  virtual ConfigResult SetString(std::string_view section, std::string_view entry,
-                                 std::string_view value);
   /// Decimal, or hexadecimal behind "0x"; what is no number is 0.
   virtual std::optional<std::uint64_t> GetUnsigned(std::string_view section,
                                                    std::string_view entry);
@@ -95,11 +92,11 @@ class CConfig {
   /// the user's directory when it is missing; here nothing is made.
   [[nodiscard]] static std::optional<ConfigPath> LocateLocal();
   [[nodiscard]] static std::optional<ConfigPath> LocateGlobal();
-  /// spare: process-wide, the built-in configuration takes the place of the system's file.
-  static void SetStaticMode(bool on);
 
   // --- spare ------------------------------------------------------------------------------------
 
+  /// Process-wide, the built-in configuration takes the place of the system's file.
+  static void SetStaticMode(bool on);
   /// With the raw flag set, conditional values are returned as stored.
   void SetRaw(bool raw);
   /// Of one item alone; decimal, what is no number is 0.
@@ -118,7 +115,9 @@ class CConfig {
   virtual std::optional<std::string> EnumSectionEntries(std::string_view section,
                                                         std::size_t& index);
   virtual std::optional<std::vector<std::uint8_t>> GetBlock(std::string_view name);
-  // Changes of the first item, as CConfigItem has them.
+  // Changes of the first item, as CConfigItem has them; Close brings them to the file.
+  virtual ConfigResult SetString(std::string_view section, std::string_view entry,
+                                 std::string_view value);
   virtual ConfigResult SetInteger(std::string_view section, std::string_view entry,
                                   std::int32_t value);
   virtual ConfigResult SetUnsigned(std::string_view section, std::string_view entry,

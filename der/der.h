@@ -91,7 +91,8 @@ struct DerElement {
 /// `rest` gives nothing without a trace line, so that a walk simply ends.
 [[nodiscard]] std::optional<DerElement> TakeElement(Bytes& rest);
 
-/// The content of the first element of `bytes`, empty when it has or is none.
+/// The content of the first element of `bytes`, empty when it has none, and when there is no
+/// element.
 [[nodiscard]] Bytes ContentOf(Bytes bytes);
 
 [[nodiscard]] bool SameBytes(Bytes a, Bytes b);

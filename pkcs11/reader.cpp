@@ -32,11 +32,12 @@ std::optional<std::vector<CK_BYTE>> ReadVariables(CK_SLOT_ID slot, bool isPrivat
   if (slot == 0) return std::nullopt;
   VariableTemplate wanted(isPrivate);
   const std::optional<SessionObject> found = FindObjectOnSlot(slot, wanted.ToFind());
+  if (!found) return std::nullopt;
   CK_ATTRIBUTE attribute = {CKA_VALUE, nullptr, 0};
   const auto read = [&found, &attribute] {
     return Pkcs11().GetAttributeValue(found->session.Handle(), found->object, &attribute, 1);
   };
-  if (!found || read() != CKR_OK || attribute.ulValueLen > kMaxStoredBytes) return std::nullopt;
+  if (read() != CKR_OK || attribute.ulValueLen > kMaxStoredBytes) return std::nullopt;
   std::vector<CK_BYTE> stored(attribute.ulValueLen);
   attribute.pValue = stored.data();
   if (read() != CKR_OK || attribute.ulValueLen > stored.size()) return std::nullopt;

@@ -6,8 +6,8 @@
 namespace qixx::runtime {
 
 /// Tells of the calling thread, since the object was made: whether a process or a thread could not
-/// be started, or a file not be replaced, for want of memory, of room on the disk or below a limit.
-/// At another time it may be.
+/// be started, or a file not be replaced, for want of memory or of room on the disk, or because a
+/// limit was reached. Trying again later may work.
 class ScarceMeans {
  public:
   ScarceMeans() : before_(count) {}

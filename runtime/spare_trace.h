@@ -1,7 +1,8 @@
 // Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
 // program.
 //
-// Further operations on the trace, under the rules of runtime/trace.h, where they are made.
+// Further operations on the trace, under the rules of runtime/trace.h; runtime/trace.cpp defines
+// them.
 #pragma once
 
 #include <cstddef>
@@ -11,8 +12,9 @@ namespace qixx::runtime {
 
 using TraceLineCallback = void (*)(const char* line, std::size_t length);
 
-/// Lines go to the callback, without header, as well as to a target; null removes it. The callback
-/// runs with the lock held; it may trace, which reuses the buffer of the line that it was given.
+/// Lines go to the callback as well as to a target; while there is one they have no header, in the
+/// target neither. Null removes it. The callback runs with the lock held; it may trace, which
+/// reuses the buffer of the line that it was given.
 void TraceSetCallback(TraceLineCallback callback);
 /// Sleeps that long after each line, with the lock held; 0, as at start, not at all.
 void TraceSetDelay(std::int32_t milliseconds);

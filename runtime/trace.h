@@ -22,8 +22,8 @@ inline constexpr std::size_t kMaxTraceLine = 10'239;
 /// Longest format; a longer one is cut.
 inline constexpr std::size_t kMaxTraceFormat = 126;
 
-/// Writes one line. At most ten argument slots: a format with exactly ten and more to come is
-/// replaced by a text that says so. A null argument of a bare "%s" is written as "[null]".
+/// Writes one line. At most ten argument slots: where ten are taken and one more '%' follows, a
+/// text that says so is written instead. A null argument of a bare "%s" is written as "[null]".
 /// Arguments are integers, characters, texts and pointers; no floating point.
 [[gnu::format(printf, 1, 2)]] void TraceWrite(const char* format, ...);
 

@@ -41,7 +41,7 @@ template <typename Operation>
 CK_RV Answer(const char* function, Operation operation) {
   Misbehave(function);
   return pkcs11::AnswerOf([&]() -> CK_RV {
-    const std::optional<CK_RV> fault = FaultOf(function);
+    const std::optional<CK_RV> fault = NoteCall(function);
     return fault ? *fault : operation();
   });
 }

@@ -45,7 +45,7 @@ std::optional<CK_RV> PrescribedFor(std::string_view function, std::string_view o
 
 }  // namespace
 
-std::optional<CK_RV> FaultOf(std::string_view function) {
+std::optional<CK_RV> NoteCall(std::string_view function) {
   std::optional<CK_RV> fault;
   for (const Setting& order : ReadOrders()) {
     if (order == Setting{"log", "1"}) LogCall(function);

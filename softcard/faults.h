@@ -8,10 +8,10 @@
 
 namespace qixx::softcard {
 
-/// The answer that a line "fail=FUNCTION:VALUE" prescribes for this call, which then does nothing
-/// else. With a line "log=1" the name of the function is also appended to the file "calls".
-/// The file is read anew for each call, so that a test may change it at any time.
-[[nodiscard]] std::optional<CK_RV> FaultOf(std::string_view function);
+/// Notes the call in the file "calls" where a line "log=1" asks for it, and gives the answer that a
+/// line "fail=FUNCTION:VALUE" prescribes for it, which then does nothing else. The file "module" is
+/// read anew for each call, so that a test may change it at any time.
+[[nodiscard]] std::optional<CK_RV> NoteCall(std::string_view function);
 
 /// Throws with a line "throw=FUNCTION", ends the thread with a line "exit=FUNCTION", and waits
 /// while there is a line "hang=FUNCTION".

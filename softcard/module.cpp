@@ -285,8 +285,8 @@ CK_RV Module::CreateObject(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attribute
     return CKR_DEVICE_MEMORY;  // the card has room for one
   }
   const CK_ATTRIBUTE* const value = Find(wanted, CKA_VALUE);
-  const CK_RV result = WriteVariables(access.session->slot, value);
-  if (result != CKR_OK) return result;
+  if (const CK_RV fault = WriteVariables(access.session->slot, value); fault != CKR_OK)
+    return fault;
   const auto made = std::find_if(objects.begin(), objects.end(), isVariables);
   if (made == objects.end()) return CKR_DEVICE_REMOVED;
   *object = made->first;
@@ -319,8 +319,8 @@ CK_RV Module::WriteVariables(CK_SLOT_ID slot, const CK_ATTRIBUTE* value) {
   }
   const std::optional<std::string> lines = DecodeVariables(bytes);
   if (!lines || lines->size() > kMaxFileSize) return CKR_ATTRIBUTE_VALUE_INVALID;
-  const CK_RV result = WriteCardFile(slot, kVariablesFile, *lines);
-  if (result != CKR_OK) return result;
+  if (const CK_RV fault = WriteCardFile(slot, kVariablesFile, *lines); fault != CKR_OK)
+    return fault;
   return ReadToken(slot) ? CKR_OK : CKR_DEVICE_REMOVED;
 }
 

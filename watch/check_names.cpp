@@ -99,7 +99,7 @@ class NameCheck {
     // The other sections belong to the whole suite, whose programs have entries of their own.
     const bool isOwn = known.empty() || isCommand;
     if (known.empty()) known.push_back({section.name, kBackgroundEntry, kMaxOption, false});
-    if (known.front().entry == kNumberedEntries) return CheckNumbered(file, section, mistakes_);
+    if (known.front().entry == kNumberedEntries) return CheckUnreached(file, section, mistakes_);
     const std::vector<std::string_view> names = NamesOf(known, &KnownEntry::entry);
     for (const CheckedEntry& entry : section.entries.all) {
       if (entry.name.starts_with('#')) continue;

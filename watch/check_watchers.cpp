@@ -99,8 +99,8 @@ void CheckEnd(const CheckedFile& file, const CheckedEntry& entry, std::uint64_t 
 }
 
 /// What stands behind the end of an event's list, or is no number.
-void CheckNumbers(const CheckedFile& file, const std::string& section, std::size_t missing,
-                  Mistakes& mistakes) {
+void CheckListEntries(const CheckedFile& file, const std::string& section, std::size_t missing,
+                      Mistakes& mistakes) {
   const CheckedSection* const held = file.Find(section);
   if (held == nullptr) return;
   for (const CheckedEntry& entry : held->entries.all) {
@@ -161,7 +161,7 @@ void EventLists::Fill(EventKind kind, const std::string& section, EventList& lis
   for (std::size_t number = 1; number <= kMaxCheckedList; ++number) {
     std::optional<CheckedValue> value =
         configuration_.Read(section, std::to_string(number), maxLength, list.mistakes);
-    if (!value) return CheckNumbers(configuration_.System(), section, number, list.mistakes);
+    if (!value) return CheckListEntries(configuration_.System(), section, number, list.mistakes);
     list.hasEntries = true;
     const Report report(std::move(value->place), list.mistakes);
     std::string command = std::move(value->text);
@@ -181,7 +181,7 @@ void EventLists::Fill(EventKind kind, const std::string& section, EventList& lis
                     "the first " + std::to_string(kMaxCheckedList) + " were");
 }
 
-void CheckNumbered(const CheckedFile& file, const CheckedSection& section, Mistakes& mistakes) {
+void CheckUnreached(const CheckedFile& file, const CheckedSection& section, Mistakes& mistakes) {
   std::uint64_t missing = 1;
   while (section.entries.Find(std::to_string(missing)) != nullptr) ++missing;
   for (const CheckedEntry& entry : section.entries.all) {

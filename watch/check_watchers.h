@@ -50,7 +50,7 @@ class EventLists {
  public:
   explicit EventLists(CheckedConfiguration& configuration) : configuration_(configuration) {}
 
-  /// The list of an event section, which belongs to this object.
+  /// The list of an event section; the reference holds as long as this object.
   [[nodiscard]] const EventList& Read(EventKind kind, const std::string& section);
 
  private:
@@ -61,10 +61,10 @@ class EventLists {
   std::map<std::string, EventList> lists_;
 };
 
-/// Entries of a section that no program reads because a number in front of theirs is missing.
-void CheckNumbered(const CheckedFile& file, const CheckedSection& section, Mistakes& mistakes);
+/// Tells of entries that no program reads because a number in front of theirs is missing.
+void CheckUnreached(const CheckedFile& file, const CheckedSection& section, Mistakes& mistakes);
 
-/// What a watcher would run.
+/// Checks what a watcher would run.
 void CheckWatcher(const CheckedWatcher& watcher, CheckedConfiguration& configuration,
                   EventLists& lists, Mistakes& mistakes);
 

@@ -10,8 +10,8 @@ enum class WakeUp { kTimePassed, kReadable, kStop };
 
 inline constexpr int kNoDescriptor = -1;
 
-/// What sleeps are made by. The program's is in watch/stop.h; a test hands in its own, in which no
-/// time passes.
+/// Where the watch's sleeps come from. The program's is in watch/stop.h; a test hands in its own,
+/// in which no time passes.
 class Clock {
  public:
   virtual ~Clock() = default;
@@ -27,7 +27,7 @@ bool WatchSleep(Clock& clock, unsigned milliseconds);
 
 /// A wait before an event is made in rounds of that many milliseconds, three to a second.
 inline constexpr unsigned kWaitPause = 333;
-/// The rounds of a wait in seconds; saturates.
+/// How many rounds a wait of so many seconds has; saturates.
 [[nodiscard]] constexpr std::uint64_t WaitRounds(std::uint64_t seconds) {
   return seconds > UINT64_MAX / 3 ? UINT64_MAX : seconds * 3;
 }

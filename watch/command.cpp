@@ -129,7 +129,7 @@ bool ExecuteCommand(CardReader& card, const WatchEvent& event, std::string_view 
 
 bool RunRemoveCommand(CardReader& card, const WatchEvent& event, std::string_view text) {
   const runtime::ScarceMeans scarce;
-  const bool hadMemory = RunGuarded([&] { return ExecuteCommand(card, event, text), true; });
+  const bool hadMemory = RunStep([&] { ExecuteCommand(card, event, text); });
   return hadMemory && !scarce.Any();
 }
 

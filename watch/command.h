@@ -22,7 +22,7 @@ inline constexpr std::size_t kMaxProgram = runtime::kMaxText;
 /// What shows a document.
 inline constexpr const char* kDocumentViewer = "/usr/bin/xdg-open";
 
-/// Keywords that the lists of commands are asked for too.
+/// Keywords that the handlers of events look for as well.
 inline constexpr std::string_view kRegistryKeyword = "-r ";
 inline constexpr std::string_view kCloseKeyword = "close ";
 inline constexpr std::string_view kKillKeyword = "kill ";
@@ -35,8 +35,8 @@ enum class CommandKind {
   kDocument,
   kLoad,
   kExtern,
-  kNothing,  ///< with success
-  kFailure,  ///< nothing, without success
+  kNothing,  ///< does nothing, and succeeds
+  kFailure,  ///< does nothing, and fails
 };
 
 /// A command text taken apart at its keyword.

@@ -156,13 +156,15 @@ void RemoveSection(config::CConfig& config, const CWatchOptions& record, const W
 }
 
 /// False when it was cut short.
-bool RunRemoval(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
-                OwedRemoval& owed) {
+bool RunRemoveCommands(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
+                       OwedRemoval& owed) {
   const WatchEvent event = EventOf(record, EventKind::kRemove, slot);
   config::CConfig config;
   // A configuration that does not load has no entries, so it runs no remove commands.
   const bool isLoaded = LoadProductConfiguration(config);
   if (!WaitBeforeEvent(record, event, platform)) {
+    // The wait says no too where the configuration could not be read: the removal then waits for
+    // that. What a stop cuts off stays owed as a whole.
     owed.isUnread = !isLoaded && FormOf(record) == CommandForm::kSection;
     return !StopRequested();
   }
@@ -207,7 +209,8 @@ OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform
   runtime::TraceWrite("Watch - Remove event ...");
   FileScope::BeginEvent();
   OwedRemoval owed;
-  if (!RunGuarded([&] { return RunRemoval(record, slot, platform, owed); })) owed.isWhole = true;
+  if (!RunGuarded([&] { return RunRemoveCommands(record, slot, platform, owed); }))
+    owed.isWhole = true;
   if (owed.isUnread) {
     RunStep([] { runtime::NotifyOnce("a removal ran nothing: " + WhyMissing("text")); });
   }

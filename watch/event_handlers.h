@@ -24,7 +24,8 @@ struct OwedRemoval {
   /// All of it: memory ran out, the keyword form's file has no room, or the process is to stop
   /// before its end.
   bool isWhole = false;
-  bool isUnread = false;  ///< what the configuration says, which was missing, unreadable or empty
+  /// The configuration was missing, unreadable or empty, so nothing has run yet.
+  bool isUnread = false;
   std::list<std::string> commands = {};  ///< those that found no process, thread, memory or room
 
   [[nodiscard]] bool IsNothing() const { return !isWhole && !isUnread && commands.empty(); }
@@ -35,7 +36,8 @@ OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform
 void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
                      std::list<std::string>& commands);
 
-/// Called before and after the commands of an event; nothing to do on this platform.
+/// Called in each round of a wait, and before and after the commands; nothing to do on this
+/// platform.
 inline void EventHook(const CWatchOptions& /*record*/, EventKind /*kind*/) {}
 
 }  // namespace qixx::watch

@@ -13,8 +13,7 @@ namespace {
 /// " Insert" and " Remove" are equally long.
 constexpr std::size_t kMaxWatchSection = kMaxEventSection - std::string_view(" Insert").size();
 
-/// "Watch" itself, else "Watch " and the name; nothing when that is too long, which "Watch" is
-/// measured by too.
+/// "Watch" itself, else "Watch " and the name; nothing when that is too long.
 std::optional<std::string> BuildWatchSection(std::string_view name) {
   constexpr std::string_view kPrefix = "Watch ";
   if (name.size() + kPrefix.size() > kMaxWatchSection) return std::nullopt;
@@ -57,6 +56,7 @@ bool HasEventCommands(const CWatchOptions& record) {
     return !record.rest.empty() || !record.program.empty();
   config::CConfig config;
   if (!LoadProductConfiguration(config)) return false;
+  // Both are asked, since each question shows in the trace.
   const bool onInsert = HasFirstEntry(config, record.section, EventKind::kInsert);
   const bool onRemove = HasFirstEntry(config, record.section, EventKind::kRemove);
   return onInsert || onRemove;

@@ -44,7 +44,8 @@ enum class CommandForm {
 /// Says on standard error why it has nothing.
 void NotifyWithoutCommands(const CWatchOptions& record);
 
-/// Whether the event section of the watcher holds a command that is more than an ending.
+/// Whether the event section of the watcher holds a command that is more than an ending; of either
+/// kind, whatever the name says.
 [[nodiscard]] bool HasOrdinaryRemoveCommand(config::CConfig& config, std::string_view name,
                                             EventKind kind);
 /// Whether a command text is more than an ending; one that begins with "config" is as ordinary as

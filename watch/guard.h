@@ -18,10 +18,10 @@ bool RunGuarded(const Step& step) {
   }
 }
 
-/// The same for a step without an answer.
+/// The same for a step without an answer. False when it was cut short.
 template <typename Step>
-void RunStep(const Step& step) {
-  RunGuarded([&step] { return step(), true; });
+bool RunStep(const Step& step) {
+  return RunGuarded([&step] { return step(), true; });
 }
 
 /// Does something at the end of a scope, however that is left.

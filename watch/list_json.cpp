@@ -11,7 +11,7 @@
 namespace qixx::watch {
 namespace {
 
-std::string Quoted(std::string_view text) {
+std::string JsonString(std::string_view text) {
   std::string quoted = "\"";
   while (!text.empty()) {
     const std::optional<char32_t> character = runtime::TakeUtf8(text);
@@ -44,7 +44,7 @@ class JsonWriter {
   void Texts(std::string_view name, const std::vector<std::string>& texts) {
     Array(name, texts, [this](std::string_view text) { Text(kUnnamed, text); });
   }
-  void Text(std::string_view name, std::string_view text) { Value(name, Quoted(text)); }
+  void Text(std::string_view name, std::string_view text) { Value(name, JsonString(text)); }
   /// An empty text is none.
   void TextOrNull(std::string_view name, std::string_view text) {
     text.empty() ? Null(name) : Text(name, text);
@@ -72,7 +72,7 @@ class JsonWriter {
   void Value(std::string_view name, std::string_view value) {
     if (!isFirst_) text_ += ',';
     if (depth_ != 0) BreakLine();
-    if (!name.empty()) text_.append(Quoted(name)).append(": ");
+    if (!name.empty()) text_.append(JsonString(name)).append(": ");
     text_ += value;
     isFirst_ = false;
   }

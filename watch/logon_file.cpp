@@ -32,8 +32,8 @@ constexpr std::string_view kSavedCopySuffix = ".org";
 /// much memory.
 constexpr std::size_t kMigrationWalks = 256;
 
-/// How often a text is walked when it is taken as a configuration. One with a zero byte becomes
-/// another before it is known how old that is.
+/// How often a text is walked when it is taken as a configuration. One with a zero byte may be
+/// UTF-16, whose text can turn out to be old.
 std::size_t WalksOfOpening(std::string_view text) {
   const bool mayBeOld = config::LooksOld(text) || text.find('\0') != std::string_view::npos;
   return mayBeOld ? kMigrationWalks : 1;
@@ -43,8 +43,8 @@ std::size_t WalksOfOpening(std::string_view text) {
 using EntryName = std::pair<std::string, std::string>;
 
 /// The entries that `name` means: all of that name as they are spelled, else a new one in the
-/// section of the first entry, none in a text without any. Of too many there is one more than
-/// kMaxSetEntries.
+/// section of the first entry, none in a text without any. Stops at one more than kMaxSetEntries,
+/// which tells the caller that there are too many.
 std::set<EntryName> FindEntries(std::string_view text, std::string_view name) {
   std::set<EntryName> found;
   std::optional<std::string_view> firstSection;
@@ -64,13 +64,13 @@ std::set<EntryName> FindEntries(std::string_view text, std::string_view name) {
 /// Who reads the file may read the saved copy as well. Somebody could have given that name to a
 /// file that they cannot read, for the service to show it to them.
 bool ShowsNoMore(const struct stat& file, const struct stat& copy) {
-  constexpr mode_t kOthers = S_IRGRP | S_IROTH;
+  constexpr mode_t kReaders = S_IRGRP | S_IROTH;
   // Only root can give its copy to the file's owner; any other service has it in the group that it
   // shares with them.
   const bool isOwners =
       file.st_uid == copy.st_uid || (::geteuid() != 0 && (copy.st_mode & S_IRGRP) != 0);
   const bool isGroups = file.st_gid == copy.st_gid || (file.st_mode & S_IRGRP) == 0;
-  return isOwners && isGroups ? (file.st_mode & kOthers & ~copy.st_mode) == 0
+  return isOwners && isGroups ? (file.st_mode & kReaders & ~copy.st_mode) == 0
                               : (copy.st_mode & S_IROTH) != 0;
 }
 
@@ -88,10 +88,10 @@ const char* FaultOfCopy(const runtime::FilePlace& place, const runtime::Descript
   // this alone, unless others may move files of theirs into it.
   const bool showsMore = file.IsOpen() && !ShowsNoMore(original, saved);
   struct stat folder {};
-  if (::fstat(place.Folder(), &folder) != 0) folder = {};
-  const bool isOwners =
-      saved.st_uid == folder.st_uid && (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-  return showsMore && !isOwners ? "a file that shows too much" : nullptr;
+  const bool isFolderOwners = ::fstat(place.Folder(), &folder) == 0 &&
+                              saved.st_uid == folder.st_uid &&
+                              (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  return showsMore && !isFolderOwners ? "a file that shows too much" : nullptr;
 }
 
 // --- one file -----------------------------------------------------------------------------------
@@ -135,7 +135,7 @@ class EditedFile {
   [[nodiscard]] bool Restore();
   [[nodiscard]] bool SetKey(std::string_view name, std::string_view value);
   [[nodiscard]] bool TakeWalks(std::size_t count) { return budget_.Take(count * text_.size()); }
-  void Take(std::string text) {
+  void TakeText(std::string text) {
     text_ = std::move(text);
     limit_ = std::min(MaxFilledText(text_.size()), runtime::kMaxFileSize);
   }
@@ -166,7 +166,7 @@ bool EditedFile::Read() {
     return false;
   }
   before_ = *text;
-  Take(std::move(*text));
+  TakeText(std::move(*text));
   return true;
 }
 
@@ -194,7 +194,7 @@ bool EditedFile::Restore() {
     fault_ = std::string("its copy '.org' is ") + fault;
     return false;
   }
-  Take(std::move(*text));
+  TakeText(std::move(*text));
   return true;
 }
 

@@ -35,7 +35,7 @@ constexpr std::uint64_t kFailuresPerQuestion = 3;
 /// For so many rounds, about 3 s, a removal waits for a configuration that was missing or empty,
 /// as while an editor writes it anew; one that was taken away on purpose runs nothing later.
 constexpr unsigned kUnreadRounds = 9;
-/// What else is owed is tried in so many rounds, and then in every one that is a multiple.
+/// Whatever else is owed is tried in each of the first 30 rounds, then in every thirtieth.
 constexpr unsigned kEagerRounds = 30;
 
 constexpr std::string_view kLogonSection = "Logon";
@@ -57,13 +57,15 @@ class DescriptorReserve {
   }
 
  private:
+  static constexpr std::size_t kReserved = 8;
+
   /// Takes as many as there are, all of one pipe, which nobody else has open.
   void Fill() {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) return;
     held_[0] = runtime::Descriptor(ends[0]);
     held_[1] = runtime::Descriptor(ends[1]);
-    made_ = runtime::StatusOf(held_[0]);
+    pipe_ = runtime::StatusOf(held_[0]);
     for (std::size_t i = 2; i < held_.size(); ++i) {
       held_[i] = runtime::Descriptor(::fcntl(ends[0], F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     }
@@ -71,18 +73,19 @@ class DescriptorReserve {
   /// One that a library closed, to open its own in that place, stays the library's.
   void GiveBack() {
     for (runtime::Descriptor& held : held_) {
-      if (!runtime::IsStill(made_, held.Get())) static_cast<void>(held.Release());
+      if (!runtime::IsStill(pipe_, held.Get())) static_cast<void>(held.Release());
       held.Close();
     }
   }
 
-  std::array<runtime::Descriptor, 8> held_;
-  struct stat made_ {};  ///< what all of them are
+  std::array<runtime::Descriptor, kReserved> held_;
+  struct stat pipe_ {};  ///< what all of them are of
 };
 
 // --- the slot loop ------------------------------------------------------------------------------
 
-/// Watchers without a section of commands all have the section "Watch".
+/// What tells the mark of a watcher from others of its section: its command, where it has one of
+/// its own.
 std::string OwnCommand(const CWatchOptions& record) {
   if (FormOf(record) == CommandForm::kSection) return {};
   return record.rest + '\n' + record.program + '\n' + record.arguments + '\n' + record.configFile;
@@ -128,19 +131,20 @@ class SlotWatch {
   [[nodiscard]] static bool IsFirstOfItsGroup(CK_SLOT_ID slot) {
     return pkcs11::CHelperPkcs11::NormalizeSlotId(slot) == slot;
   }
-  /// The first round always has an event: that of a card that is there already, or of none, so that
-  /// the remove commands bring the desktop into its state without a card.
+  /// The slot of the poll's event. Without one: in the first round that of a card that is in, or
+  /// none, so that the remove commands bring the desktop into its state without a card; later a
+  /// removal or a card that the library did not tell of.
   std::optional<CK_SLOT_ID> EventSlot(const PolledEvent& polled, bool initialisedLate) {
     catchUp_ = catchUp_ || initialisedLate || polled.initialisedAgain;
-    const bool isLost = FollowFailures(polled.failure);
+    const bool mayBeLost = FollowFailures(polled.failure);
     if (polled.failure == CKR_OK && std::exchange(isDoubtful_, false)) catchUp_ = true;
     if (polled.slot) {
-      catchUp_ = catchUp_ || isLost;
+      catchUp_ = catchUp_ || mayBeLost;
       return polled.slot;
     }
     if (firstRound_) return LookForToken();
     if (std::exchange(isUntold_, false) && HasGone()) return connected_;
-    if (isLost && HasGone()) {
+    if (mayBeLost && HasGone()) {
       isDoubtful_ = true;
       return connected_;
     }
@@ -191,21 +195,21 @@ class SlotWatch {
     isMarkDue_ = false;
     RunStep([this] { mark_.Set(); });
     // Connected even when a command failed, so that the card is not announced twice.
-    const bool counts = OnInsertEvent(record_, slot, platform_);
+    const bool succeeded = OnInsertEvent(record_, slot, platform_);
     connected_ = slot;
-    // Its turn was before the commands of this card. With one that does not count, what is owed of
-    // the last one still is: a screen is rather locked too often than left open. That goes for a
-    // configuration that was away for both as well.
-    if (counts) Forgive();
+    // What the last removal owes was tried before these commands. It stays owed when the insertion
+    // failed, for its commands may not have run: a screen is rather locked too often than left
+    // open.
+    if (succeeded) ForgetOwed();
     connectedSince_ = std::time(nullptr);
     runtime::TraceWrite("Watch - Connected slot %d", static_cast<int>(slot));
   }
 
-  /// The connected slot is forgotten in any case, also when no removal is dispatched. Another slot
-  /// without a token says nothing while the connected one still shows its own.
+  /// An empty slot beside the connected one, which still shows its token, runs no removal; the
+  /// connected slot is forgotten all the same.
   void HandleNoToken(CK_SLOT_ID slot) {
     const bool isRemoval = connected_ == kNoSlot ? !record_.sync : slot == connected_ || HasGone();
-    if (isRemoval) Remove(connected_);
+    if (isRemoval) RunNewRemoval(connected_);
     connected_ = kNoSlot;
   }
   /// Of the card that was connected when the watch ended. One that is still in is connected again;
@@ -213,9 +217,9 @@ class SlotWatch {
   void FollowMark() {
     const CK_SLOT_ID slot = LookForToken();
     if (slot != kNoSlot && IsFirstOfItsGroup(slot)) HandleToken(slot);
-    if (connected_ == kNoSlot) Remove(kNoSlot);
+    if (connected_ == kNoSlot) RunNewRemoval(kNoSlot);
   }
-  void Remove(CK_SLOT_ID slot) {
+  void RunNewRemoval(CK_SLOT_ID slot) {
     owedRounds_ = 0;
     RunRemoval(slot);
   }
@@ -228,7 +232,7 @@ class SlotWatch {
     if (owed_.IsNothing()) Settle();
     runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(slot));
   }
-  /// An event may bring the next card, so it is the last time to try.
+  /// With an event it is tried in any case: when the next card counts, nothing is tried any more.
   void TryOwed(bool hasEvent) {
     ++owedRounds_;
     if (owed_.isUnread) {
@@ -242,7 +246,7 @@ class SlotWatch {
     if (owed_.IsNothing()) Settle();
   }
   void Settle() {
-    Forgive();
+    ForgetOwed();
     isMarkDue_ = true;
   }
   /// At the end of a round, once no command's thread runs: one that is killed on the way shall be
@@ -252,7 +256,7 @@ class SlotWatch {
     isMarkDue_ = false;
     mark_.Clear();
   }
-  void Forgive() {
+  void ForgetOwed() {
     owed_ = {};
     owedRounds_ = 0;
   }
