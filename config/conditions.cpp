@@ -10,22 +10,21 @@ namespace {
 constexpr std::size_t kNone = std::string_view::npos;
 constexpr std::string_view kAlternativeSeparator = "||";
 
-/// Takes the part in front of the next separator off `rest`. With the last part `rest` gets no
-/// data.
-std::string_view TakePart(std::string_view& rest, std::string_view separator) {
-  const std::size_t end = rest.find(separator);
-  const std::string_view part = rest.substr(0, end);
-  rest = end == kNone ? std::string_view{} : rest.substr(end + separator.size());
+/// Takes the part in front of the next separator off.
+std::optional<std::string_view> TakePart(Rest& rest, std::string_view separator) {
+  if (!rest) return std::nullopt;
+  const std::size_t end = rest->find(separator);
+  const std::string_view part = rest->substr(0, end);
+  rest = end == kNone ? Rest() : rest->substr(end + separator.size());
   return part;
 }
 
 bool IsCallingApplication(std::string_view names, std::string_view application) {
   const std::string_view file = application.substr(application.rfind('/') + 1);
-  do {
-    const std::string_view name = TakePart(names, ";");
-    const bool isPath = name.find('/') != kNone;
-    if (!name.empty() && runtime::EqualsNoCase(name, isPath ? application : file)) return true;
-  } while (names.data() != nullptr);
+  for (Rest rest = names; const auto name = TakePart(rest, ";");) {
+    const bool isPath = name->find('/') != kNone;
+    if (!name->empty() && runtime::EqualsNoCase(*name, isPath ? application : file)) return true;
+  }
   return false;
 }
 
@@ -40,15 +39,16 @@ bool TermHolds(std::string_view term, const ConditionContext& context) {
 
 }  // namespace
 
-Alternative TakeAlternative(std::string_view& rest) {
-  const std::string_view alternative = TakePart(rest, kAlternativeSeparator);
-  const std::size_t bar = alternative.rfind('|');
-  if (bar == kNone) return {alternative, std::nullopt};
-  return {alternative.substr(0, bar), alternative.substr(bar + 1)};
+std::optional<Alternative> TakeAlternative(Rest& rest) {
+  const std::optional<std::string_view> part = TakePart(rest, kAlternativeSeparator);
+  if (!part) return std::nullopt;
+  const std::size_t bar = part->rfind('|');
+  if (bar == kNone) return Alternative{*part, std::nullopt};
+  return Alternative{part->substr(0, bar), part->substr(bar + 1)};
 }
 
-std::string_view TakeTerm(std::string_view& condition) {
-  return TakePart(condition, ",");
+std::optional<std::string_view> TakeTerm(Rest& rest) {
+  return TakePart(rest, ",");
 }
 
 bool IsConditional(std::string_view value) {
@@ -56,21 +56,19 @@ bool IsConditional(std::string_view value) {
 }
 
 bool ConditionHolds(std::string_view condition, const ConditionContext& context) {
-  do {
-    if (!TermHolds(TakeTerm(condition), context)) return false;
-  } while (condition.data() != nullptr);
+  for (Rest rest = condition; const auto term = TakeTerm(rest);) {
+    if (!TermHolds(*term, context)) return false;
+  }
   return true;
 }
 
 std::string_view ResolveConditional(std::string_view value, const ConditionContext& context) {
   if (!IsConditional(value)) return value;
-  std::string_view rest = value;
-  do {
-    const Alternative alternative = TakeAlternative(rest);
-    if (!alternative.condition || ConditionHolds(*alternative.condition, context)) {
-      return alternative.value;
+  for (Rest rest = value; const auto alternative = TakeAlternative(rest);) {
+    if (!alternative->condition || ConditionHolds(*alternative->condition, context)) {
+      return alternative->value;
     }
-  } while (rest.data() != nullptr);
+  }
   return value;
 }
 

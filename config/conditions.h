@@ -25,15 +25,18 @@ struct ConditionContext {
   std::function<bool(std::string_view name)> isNamedConditionActive;
 };
 
+/// What is left of a list; nothing behind its last part, which may be empty.
+using Rest = std::optional<std::string_view>;
+
 struct Alternative {
   std::string_view value;
   /// Nothing for a plain one, which is always taken.
   std::optional<std::string_view> condition;
 };
-/// Takes the first alternative off `rest`. With the last one `rest` gets no data.
-[[nodiscard]] Alternative TakeAlternative(std::string_view& rest);
-/// The same for a term of a condition.
-[[nodiscard]] std::string_view TakeTerm(std::string_view& condition);
+/// Takes the first alternative off a value.
+[[nodiscard]] std::optional<Alternative> TakeAlternative(Rest& rest);
+/// Takes the first term off a condition.
+[[nodiscard]] std::optional<std::string_view> TakeTerm(Rest& rest);
 
 /// Only a value with a "||" in it is a conditional one.
 [[nodiscard]] bool IsConditional(std::string_view value);

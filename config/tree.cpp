@@ -49,7 +49,7 @@ TreeLineKind TreeReader::KindOf(std::string_view line) {
     hasSection_ = true;
     return TreeLineKind::kSection;
   }
-  if (runtime::FindChar(line, '=') == kNoPosition) return TreeLineKind::kPlain;
+  if (line.find('=') == kNoPosition) return TreeLineKind::kPlain;
   return hasSection_ ? TreeLineKind::kEntry : TreeLineKind::kOutside;
 }
 

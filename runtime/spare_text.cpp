@@ -1,7 +1,6 @@
 #include "runtime/spare_text.h"
 
 #include <algorithm>
-#include <cstddef>
 
 #include "runtime/text.h"
 
@@ -26,6 +25,11 @@ void EncodeGroup(std::span<const std::uint8_t> group, char* out) {
 }
 
 }  // namespace
+
+std::size_t FindChar(std::string_view text, char c) {
+  const std::size_t position = text.find(c);
+  return position == std::string_view::npos && c == '\0' ? text.size() : position;
+}
 
 std::optional<std::string> Duplicate(const char* text) {
   if (text == nullptr) return std::nullopt;

@@ -4,12 +4,18 @@
 // Further operations on texts, under the rules of runtime/text.h.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace qixx::runtime {
+
+/// Position of the first `c`, npos when there is none. A zero byte that is searched for stands at
+/// the end of the text at the latest.
+[[nodiscard]] std::size_t FindChar(std::string_view text, char c);
 
 /// A copy of a text of somebody else's; nothing for null.
 [[nodiscard]] std::optional<std::string> Duplicate(const char* text);

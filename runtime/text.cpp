@@ -118,11 +118,6 @@ bool StartsWithNoCase(std::string_view text, std::string_view head) {
   return CompareNoCase(text.substr(0, head.size()), head) == 0;
 }
 
-std::size_t FindChar(std::string_view text, char c) {
-  const std::size_t position = text.find(c);
-  return position == std::string_view::npos && c == '\0' ? text.size() : position;
-}
-
 std::size_t FindText(std::string_view text, std::string_view pattern, std::size_t from) {
   if (from > text.size() || pattern.size() > text.size() - from) return std::string_view::npos;
   if (pattern.empty()) return from;

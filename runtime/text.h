@@ -68,9 +68,6 @@ inline constexpr std::size_t kMaxLine = 1023;
 /// A text shorter than `head` never matches.
 [[nodiscard]] bool StartsWithNoCase(std::string_view text, std::string_view head);
 
-/// Position of the first `c`, npos when there is none. A zero byte that is searched for stands at
-/// the end of the text at the latest.
-[[nodiscard]] std::size_t FindChar(std::string_view text, char c);
 /// Position of the first `pattern` that begins at `from` or behind it, npos when there is none. An
 /// empty pattern is found at `from`.
 [[nodiscard]] std::size_t FindText(std::string_view text, std::string_view pattern,

@@ -161,21 +161,21 @@ void CheckedFile::CheckEntry(const CheckedEntry& entry, Mistakes& mistakes) cons
   if (config::IsConditional(value)) CheckConditions(value, report);
 }
 
-void CheckedFile::CheckConditions(std::string_view rest, const Report& report) const {
-  for (std::size_t number = 0; number < kMaxConditions && rest.data() != nullptr; ++number) {
-    const config::Alternative alternative = config::TakeAlternative(rest);
-    if (!alternative.condition) {
-      if (rest.data() == nullptr) return;
-      return report.Add("what stands behind " + Quoted(alternative.value) + " is never taken",
+void CheckedFile::CheckConditions(std::string_view value, const Report& report) const {
+  config::Rest rest = value;
+  for (std::size_t number = 0; number < kMaxConditions; ++number) {
+    const std::optional<config::Alternative> alternative = config::TakeAlternative(rest);
+    if (!alternative) break;
+    if (!alternative->condition) {
+      if (!rest) return;
+      return report.Add("what stands behind " + Quoted(alternative->value) + " is never taken",
                         "'||' separates alternatives with conditions and is no \"or\" of a shell");
     }
     bool always = true;
-    std::string_view condition = *alternative.condition;
-    do {
-      const std::string_view term = config::TakeTerm(condition);
-      CheckTerm(term, report);
-      always = always && (term.empty() || term == "*");
-    } while (condition.data() != nullptr);
+    for (config::Rest terms = alternative->condition; const auto term = config::TakeTerm(terms);) {
+      CheckTerm(*term, report);
+      always = always && (term->empty() || *term == "*");
+    }
     if (always) return;
   }
   report.Add("where no condition holds the whole text counts, with its bars",

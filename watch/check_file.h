@@ -85,7 +85,7 @@ class CheckedFile {
   void TakeOdd(std::string_view text, std::size_t line, std::string_view wrong,
                std::string_view meant);
   void CheckEntry(const CheckedEntry& entry, Mistakes& mistakes) const;
-  void CheckConditions(std::string_view rest, const Report& report) const;
+  void CheckConditions(std::string_view value, const Report& report) const;
   void CheckTerm(std::string_view term, const Report& report) const;
   [[nodiscard]] bool IsNamedCondition(std::string_view name) const;
 

@@ -118,12 +118,6 @@ void CheckListEntries(const CheckedFile& file, const std::string& section, std::
 
 // --- what they run ------------------------------------------------------------------------------
 
-bool HasFirst(CheckedConfiguration& configuration, const std::string& section) {
-  const std::optional<std::string> first =
-      ReadEventEntry(configuration.Store(), section, 1, kMaxRemoveEntry);
-  return first && !first->empty();
-}
-
 void CheckSections(const CheckedWatcher& watcher, CheckedConfiguration& configuration,
                    EventLists& lists, Mistakes& mistakes) {
   const std::string name = Quoted(watcher.record.section);
@@ -133,7 +127,8 @@ void CheckSections(const CheckedWatcher& watcher, CheckedConfiguration& configur
                         "at most 50 characters are meant");
   }
   const auto& [insert, remove] = *sections;
-  if (!HasFirst(configuration, insert) && !HasFirst(configuration, remove)) {
+  config::CConfig& store = configuration.Store();
+  if (!HasFirstEntry(store, insert) && !HasFirstEntry(store, remove)) {
     mistakes.Add(watcher.place, "watcher " + name + " has nothing to run",
                  "an entry 1 in section " + Quoted(insert) + " or " + Quoted(remove) + " is meant");
   }
@@ -214,7 +209,7 @@ std::optional<EventSections> EventSectionsOf(const CWatchOptions& record) {
 
 std::optional<DirectCommand> DirectCommandOf(const CWatchOptions& record) {
   std::string_view text = record.rest;
-  const bool insertOnly = text.starts_with('~');
+  const bool insertOnly = text.starts_with(kInsertOnlyMark);
   if (insertOnly) text.remove_prefix(1);
   if (text.starts_with(' ') || text.starts_with('-')) return std::nullopt;
   return DirectCommand{text, !insertOnly};

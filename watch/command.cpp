@@ -110,7 +110,7 @@ CommandParts SplitCommand(EventKind kind, std::string_view text) {
 ApplicationParts SplitApplication(std::string_view line) {
   const bool quoted = line.starts_with('"');
   if (quoted) line.remove_prefix(1);
-  const std::size_t end = std::min(runtime::FindChar(line, quoted ? '"' : ' '), line.size());
+  const std::size_t end = std::min(line.find(quoted ? '"' : ' '), line.size());
   const std::string_view program = line.substr(0, end);
   line.remove_prefix(std::min(end + 1, line.size()));
   return {program, quoted ? runtime::SkipBlanks(line) : line};

@@ -59,7 +59,7 @@ bool IsMatchingCardPresent(CardReader& card, std::string_view match) {
 }
 
 LogonName SplitPrincipalName(std::string_view upn) {
-  const std::size_t at = runtime::FindChar(upn, '@');
+  const std::size_t at = upn.find('@');
   LogonName name{CleanCardText(upn.substr(0, at)), {}};
   if (at != std::string_view::npos) name.domain = CleanCardText(upn.substr(at + 1));
   return name;

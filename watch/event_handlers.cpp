@@ -24,9 +24,6 @@
 namespace qixx::watch {
 namespace {
 
-/// Of a direct command: it runs on insert only.
-constexpr char kInsertOnlyMark = '~';
-
 // --- the wait in front of an event --------------------------------------------------------------
 
 /// An insert holds while its card yields a credential for the match, if there is one; a removal
@@ -63,6 +60,8 @@ bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
 bool InsertDirect(const CWatchOptions& record, const WatchEvent& event, CardReader& card) {
   const std::string_view text = record.rest;
   if (text.starts_with(kInsertOnlyMark)) return ExecuteCommand(card, event, text.substr(1));
+  // It does nothing either way, but executed it would show in the trace, as it does on removal
+  // only.
   if (runtime::StartsWithNoCase(text, kRegistryKeyword)) return true;
   return ExecuteCommand(card, event, text);
 }

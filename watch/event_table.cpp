@@ -20,13 +20,6 @@ std::optional<std::string> BuildWatchSection(std::string_view name) {
   return name == kDefaultSection ? std::string(name) : std::string(kPrefix).append(name);
 }
 
-bool HasFirstEntry(config::CConfig& config, std::string_view name, EventKind kind) {
-  const std::optional<std::string> section = BuildEventSection(kind, name);
-  if (!section) return false;
-  const std::optional<std::string> first = ReadEventEntry(config, *section, 1, kMaxRemoveEntry);
-  return first && !first->empty();
-}
-
 }  // namespace
 
 CommandForm FormOf(const CWatchOptions& record) {
@@ -51,14 +44,22 @@ std::optional<std::string> ReadEventEntry(config::CConfig& config, const std::st
   return std::move(entry->text);
 }
 
+bool HasFirstEntry(config::CConfig& config, const std::optional<std::string>& section) {
+  if (!section) return false;
+  const std::optional<std::string> first = ReadEventEntry(config, *section, 1, kMaxRemoveEntry);
+  return first && !first->empty();
+}
+
 bool HasEventCommands(const CWatchOptions& record) {
   if (FormOf(record) != CommandForm::kSection)
     return !record.rest.empty() || !record.program.empty();
   config::CConfig config;
   if (!LoadProductConfiguration(config)) return false;
   // Both are asked, since each question shows in the trace.
-  const bool onInsert = HasFirstEntry(config, record.section, EventKind::kInsert);
-  const bool onRemove = HasFirstEntry(config, record.section, EventKind::kRemove);
+  const bool onInsert =
+      HasFirstEntry(config, BuildEventSection(EventKind::kInsert, record.section));
+  const bool onRemove =
+      HasFirstEntry(config, BuildEventSection(EventKind::kRemove, record.section));
   return onInsert || onRemove;
 }
 

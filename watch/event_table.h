@@ -27,6 +27,8 @@ enum class CommandForm {
   kKeyword,  ///< a program and a configuration file
 };
 [[nodiscard]] CommandForm FormOf(const CWatchOptions& record);
+/// In front of a direct command that runs on insert only.
+inline constexpr char kInsertOnlyMark = '~';
 
 /// The watcher section name ("Watch" itself, else "Watch " and the name) and " Insert" or
 /// " Remove"; nothing when that is too long. Always traces the result.
@@ -37,6 +39,10 @@ enum class CommandForm {
 [[nodiscard]] std::optional<std::string> ReadEventEntry(config::CConfig& config,
                                                         const std::string& section, unsigned number,
                                                         std::size_t maxLength);
+
+/// Whether an event section has a first entry that is not empty.
+[[nodiscard]] bool HasFirstEntry(config::CConfig& config,
+                                 const std::optional<std::string>& section);
 
 /// Whether the watcher has anything to run. Of its event sections only the first entries count.
 [[nodiscard]] bool HasEventCommands(const CWatchOptions& record);

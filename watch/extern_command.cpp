@@ -44,7 +44,7 @@ std::optional<std::string> ReadAnswer(const runtime::SharedLibrary& library,
 bool AskLibrary(CardReader& card, const WatchEvent& event, std::string_view text) {
   if (event.IsSimulated()) return false;
   const std::optional<SlotDescription> slot = card.Description(event.slot);
-  const std::size_t comma = runtime::FindChar(text, ',');
+  const std::size_t comma = text.find(',');
   if (!slot || comma == std::string_view::npos) return false;
   // Libraries know a reader by the slot's description without its padding.
   const std::string reader(runtime::DropTrailingBlanks(runtime::TextOf(*slot)));

@@ -114,7 +114,7 @@ ExtraWatchers& Own() {
 /// The path that starts this program once more: its own when that says where it stands, else, for a
 /// program found through PATH, the real one. Empty when there is none.
 std::string FindOwnProgram(const std::string& ownPath) {
-  if (runtime::FindChar(ownPath, '/') != std::string_view::npos) return ownPath;
+  if (ownPath.find('/') != std::string_view::npos) return ownPath;
   std::error_code error;
   return std::filesystem::read_symlink("/proc/self/exe", error).string();
 }

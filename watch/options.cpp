@@ -24,7 +24,7 @@ bool Take(std::string_view& text, std::string_view literal) {
 
 /// The text up to the next double-quote character, which is consumed; all of it without one.
 std::string_view TakeToQuote(std::string_view& text) {
-  const std::size_t end = std::min(runtime::FindChar(text, kQuote), text.size());
+  const std::size_t end = std::min(text.find(kQuote), text.size());
   const std::string_view value = text.substr(0, end);
   text.remove_prefix(std::min(end + 1, text.size()));
   return value;
@@ -77,11 +77,11 @@ std::optional<std::string> GetOptionValue(std::string_view text, std::string_vie
   std::string_view value = runtime::SkipBlanks(*behind);
   if (value.starts_with(kQuote)) {
     value.remove_prefix(1);
-    value = value.substr(0, runtime::FindChar(value, kQuote));
+    value = value.substr(0, value.find(kQuote));
   } else if (value.starts_with('-')) {
     value = {};
   } else {
-    value = value.substr(0, runtime::FindChar(value, ' '));
+    value = value.substr(0, value.find(' '));
   }
   return std::string(value.substr(0, maxLength));
 }
@@ -142,13 +142,13 @@ void ParseKeywordForm(std::string_view text, CWatchOptions& record) {
 void ParseWaits(std::string_view quoted, CWatchOptions& record) {
   const std::string_view waits = quoted.substr(0, kMaxScratch);
   record.insertWait = runtime::ParseDecimal(waits);
-  const std::size_t bar = runtime::FindChar(waits, kBar);
+  const std::size_t bar = waits.find(kBar);
   if (bar != std::string_view::npos)
     record.removeWait = runtime::ParseDecimal(waits.substr(bar + 1));
 }
 
 void ParseMessages(std::string_view quoted, CWatchOptions& record) {
-  const std::size_t bar = runtime::FindChar(quoted, kBar);
+  const std::size_t bar = quoted.find(kBar);
   Store(record.message, quoted.substr(0, bar));
   if (bar != std::string_view::npos) Store(record.message2, quoted.substr(bar + 1));
 }

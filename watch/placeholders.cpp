@@ -166,7 +166,7 @@ std::vector<SubjectPlaceholder> SubjectPlaceholders(std::string_view subject) {
 
 std::string ExpandLogonPlaceholders(CardReader& card, std::string_view match, std::string text,
                                     std::size_t maxLength) {
-  if (runtime::FindChar(text, '%') == std::string_view::npos) return text;
+  if (text.find('%') == std::string_view::npos) return text;
   if (HoldsMark(text)) text = FillFromCard(card, match, std::move(text), maxLength);
   runtime::TraceWrite("Watch - Expanded: '%s'", runtime::MaskedText(text).Text());
   return text;

@@ -132,7 +132,7 @@ std::string SplitConfigRest(CWatchOptions& record) {
   if (!runtime::StartsWithNoCase(record.rest, kConfigHead)) return {};
   const std::string names = record.rest.substr(kConfigHead.size());
   record.rest.resize(kConfigWord.size());
-  const std::size_t bar = runtime::FindChar(names, '|');
+  const std::size_t bar = names.find('|');
   const std::string_view section =
       runtime::DropTrailingBlanks(std::string_view(names).substr(0, bar));
   if (!section.empty()) record.section = section;

@@ -17,6 +17,7 @@ TEST(TextTest, ComparesFindsAndTakesApart) {
   EXPECT_EQ(CompareNoCase("abc", "ABCD", 4), -1);
   EXPECT_EQ(CompareNoCase("@", "`"), -32) << "letters only";
   EXPECT_EQ(CompareNoCase("\xFF", "a"), 0x9E) << "unsigned bytes";
+  EXPECT_EQ(FindChar("a-b", '\0'), 3u);
   EXPECT_EQ(FindTextNoCase("xx %upn% %UPN%", "%UPN%", 4), 9u);
   EXPECT_EQ(ParseDecimal("18446744073709551616"), UINT64_MAX);
   EXPECT_EQ(ParseSigned("-99999999999999999999"), INT64_MIN);
