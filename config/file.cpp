@@ -121,7 +121,7 @@ bool CConfigFile::OpenFile(bool writable, const std::string& path) {
   // ago.
   file_ = place_.Open(writable ? O_RDWR : O_RDONLY);
   if (!file_.IsOpen()) file_ = place_.Open(writable ? O_RDWR | O_CREAT : O_RDONLY, kAnyone);
-  return file_.IsOpen() && (!writable || runtime::HasOneName(file_, place_.Path()));
+  return file_.IsOpen() && (!writable || runtime::HasOneName(file_, place_));
 }
 
 bool CConfigFile::TakeText(std::optional<std::string> content) {

@@ -151,10 +151,10 @@ void TraceRefusal(const std::string& path, const char* reason) {
   TraceWrite("Helper - Refused '%s', %s", path.c_str(), reason);
 }
 
-bool HasOneName(const Descriptor& file, const std::string& path) {
+bool HasOneName(const Descriptor& file, const FilePlace& place) {
   const nlink_t names = StatusOf(file).st_nlink;
   if (names == 1) return true;
-  TraceRefusal(path, names == 0 ? "a file that was removed" : "a file with a second name");
+  TraceRefusal(place.Path(), names == 0 ? "a file that was removed" : "a file with a second name");
   return false;
 }
 

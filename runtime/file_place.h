@@ -32,8 +32,8 @@ class FilePlace {
   /// The place in the same folder whose name is longer by `suffix`.
   [[nodiscard]] FilePlace WithSuffix(std::string_view suffix) const;
 
-  /// True when nothing has that name for certain, not when it only cannot be reached now; so
-  /// nowhere is not missing.
+  /// True when nothing has that name for certain, not when it only cannot be reached now; a
+  /// default-made place is not missing.
   [[nodiscard]] bool IsMissing() const;
   /// As runtime::OpenRegular, but a link is not followed.
   [[nodiscard]] Descriptor Open(int flags, mode_t mode = 0) const;
@@ -58,8 +58,8 @@ struct FoundFile {
 
 /// Traces that a file is not touched, and why. Allocates nothing, so the path is masked already.
 void TraceRefusal(const std::string& path, const char* reason);
-/// False, and traced, for a file with more than one name, since the others could be anywhere, and
-/// for one whose last name was taken away.
-[[nodiscard]] bool HasOneName(const Descriptor& file, const std::string& path);
+/// For a file that was opened at this place. False, and traced, when it has more than one name,
+/// since the others could be anywhere, and when its last name was taken away.
+[[nodiscard]] bool HasOneName(const Descriptor& file, const FilePlace& place);
 
 }  // namespace qixx::runtime

@@ -238,7 +238,7 @@ void RemoveLeftOvers(const FilePlace& place) {
 bool ReplaceFile(const FilePlace& place, const Descriptor& old, std::string_view text) {
   Outcome outcome = PutNewFile(place, text, old, Likeness::kWhole);
   const char* const reason = WhyInPlace(outcome);
-  if (reason != nullptr && HasOneName(old, place.Path())) {
+  if (reason != nullptr && HasOneName(old, place)) {
     TraceWrite("Helper - Write '%s' in place, %s", place.Path().c_str(), reason);
     outcome = WriteInPlace(old, text) ? Outcome::kDone : Outcome::kFailed;
   }

@@ -157,7 +157,7 @@ class EditedFile {
 bool EditedFile::Read() {
   fault_ = "it is missing or may not be changed";
   std::optional<std::string> text;
-  if (file_.IsOpen() && runtime::HasOneName(file_, shown_)) {
+  if (file_.IsOpen() && runtime::HasOneName(file_, scope_.File().real)) {
     text = runtime::ReadToEnd(file_, runtime::kMaxFileSize);
   }
   if (!text) {

@@ -166,11 +166,17 @@ TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {
     EXPECT_EQ(FindFile(nowhere).real.Folder(), -1);
     EXPECT_FALSE(FindFile(nowhere).named.IsMissing());
   }
-  const Descriptor file = OpenRegular(folder.Path("a/b/file"), O_RDONLY);
-  EXPECT_TRUE(HasOneName(file, ""));
-  fs::remove(folder.Path("a/b/file"));
-  EXPECT_FALSE(HasOneName(file, "")) << "nor any name";
   const testing::TraceCapture trace;
+  const FilePlace place = FindFile(folder.Write("x -pin 1234", "")).real;
+  const Descriptor file = place.Open(O_RDONLY);
+  EXPECT_TRUE(HasOneName(file, place));
+  fs::create_hard_link(folder.Path("x -pin 1234"), folder.Path("y"));
+  EXPECT_FALSE(HasOneName(file, place));
+  EXPECT_TRUE(trace.Has("Helper - Refused '" + folder.Path("x -pin ****") +
+                        "', a file with a second name"));
+  fs::remove(folder.Path("x -pin 1234"));
+  fs::remove(folder.Path("y"));
+  EXPECT_FALSE(HasOneName(file, place)) << "nor any name";
   static_cast<void>(FindFile(folder.Path("round/file")));
   EXPECT_TRUE(trace.Has("Helper - Refused '" + folder.Path("round/file") +
                         "', a path through too many links"));
