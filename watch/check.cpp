@@ -15,6 +15,7 @@
 #include "watch/check_paths.h"
 #include "watch/check_report.h"
 #include "watch/check_watchers.h"
+#include "watch/command.h"
 #include "watch/event_table.h"
 #include "watch/people.h"
 #include "watch/watch_main.h"
@@ -56,7 +57,11 @@ class Summary {
   void AddSections(const CWatchOptions& record) {
     const std::optional<EventSections> sections = EventSectionsOf(record);
     if (!sections) return;
-    AddLine("  On insertion, in this order, up to a set, load, extern or close that fails:");
+    std::string ending;
+    for (const std::string_view keyword : KeywordsThatMayFail()) {
+      ending.append(ending.empty() ? "" : ", ").append(keyword);
+    }
+    AddLine("  On insertion, in this order, up to a " + ending + " or close that fails:");
     AddList(EventKind::kInsert, sections->insert);
     AddLine("  On removal, in this order, all of them:");
     AddList(EventKind::kRemove, sections->remove);

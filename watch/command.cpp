@@ -93,6 +93,21 @@ constexpr CommandKeyword kCommandKeywords[] = {
     {"", false, CommandKind::kProgram, RunProgram},
 };
 
+/// Nothing is said of what a program makes of its start, and the rest fails never or always.
+bool MayFail(const CommandKeyword& keyword) {
+  switch (keyword.kind) {
+    case CommandKind::kProgram:
+    case CommandKind::kApplication:
+    case CommandKind::kParallel:
+    case CommandKind::kDocument:
+    case CommandKind::kNothing:
+    case CommandKind::kFailure:
+      return false;
+    default:
+      return true;
+  }
+}
+
 const CommandKeyword& FindKeyword(EventKind kind, std::string_view text) {
   return *std::ranges::find_if(kCommandKeywords, [kind, text](const CommandKeyword& keyword) {
     return (kind == EventKind::kRemove || !keyword.removeOnly) &&
@@ -105,6 +120,14 @@ const CommandKeyword& FindKeyword(EventKind kind, std::string_view text) {
 CommandParts SplitCommand(EventKind kind, std::string_view text) {
   const CommandKeyword& keyword = FindKeyword(kind, text);
   return {keyword.kind, text.substr(keyword.head.size())};
+}
+
+std::vector<std::string_view> KeywordsThatMayFail() {
+  std::vector<std::string_view> names;
+  for (const CommandKeyword& keyword : kCommandKeywords) {
+    if (MayFail(keyword)) names.push_back(runtime::DropTrailingBlanks(keyword.head));
+  }
+  return names;
 }
 
 ApplicationParts SplitApplication(std::string_view line) {

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "runtime/text.h"
 #include "watch/card_reader.h"
@@ -45,6 +46,10 @@ struct CommandParts {
   std::string_view text;  ///< what stands behind the keyword; all of a program's command line
 };
 [[nodiscard]] CommandParts SplitCommand(EventKind kind, std::string_view text);
+
+/// Without their blanks: those by whose result a list of an insertion goes on or ends. "close " is
+/// none of them, as it fails by intent, and neither are the programs.
+[[nodiscard]] std::vector<std::string_view> KeywordsThatMayFail();
 
 struct ApplicationParts {
   std::string_view program;

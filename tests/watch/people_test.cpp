@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "tests/support/temporary_folder.h"
+#include "watch/command.h"
 #include "watch/option_table.h"
 #include "watch/people.h"
 #include "watch/placeholders.h"
@@ -64,6 +65,34 @@ TEST(People, TextsNameEachPlaceholder) {
     EXPECT_THAT(cards, HasSubstr("\n| `" + name + "` |"));
     EXPECT_THAT(manual, HasSubstr(name));
   }
+}
+
+/// The words of a text, without what stands between them.
+std::string Words(std::string_view text) {
+  std::string words;
+  for (const char c : text) {
+    const bool isLetter = std::isalpha(static_cast<unsigned char>(c)) != 0;
+    if (isLetter || (!words.empty() && words.back() != ' ')) words += isLetter ? c : ' ';
+  }
+  return words;
+}
+
+TEST(People, TextsNameEachCommandThatMayFail) {
+  std::string all;
+  std::string front;
+  for (const std::string_view keyword : watch::KeywordsThatMayFail()) {
+    front = all;
+    all.append(keyword).append(" ");
+  }
+  const std::string readme = Words(Source("README.md"));
+  EXPECT_THAT(readme, HasSubstr("On insertion a " + all + "or close that fails"));
+  EXPECT_THAT(readme, HasSubstr("command itself a " + all + "or close failed"));
+  EXPECT_THAT(readme, HasSubstr("did not run a " + all + "or close failed"));
+  EXPECT_THAT(readme,
+              HasSubstr("each " + front + "and " + all.substr(front.size()) + "that failed"));
+  const std::string manual = Words(Source("docs/qixxwatch.1"));
+  EXPECT_THAT(manual, HasSubstr("BR " + all + "or close that fails"));
+  EXPECT_THAT(manual, HasSubstr("that failed RB " + all + "and what is too long"));
 }
 
 TEST(People, AllTextsNameTheSameOptions) {
