@@ -89,6 +89,10 @@ CertificatePtr LoadDer(Bytes bytes) {
   return holder->certificate.SetData(bytes) == DerResult::kOk ? std::move(holder) : nullptr;
 }
 
+bool AreDigits(std::string_view text) {
+  return std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
+}
+
 }  // namespace
 
 void CDerCert::Clear() {
@@ -294,6 +298,19 @@ std::vector<unsigned> GetKeyUsages(const CDerCert& certificate) {
     if ((bits[bit / 8] & (0x80U >> (bit % 8))) != 0) usages.push_back(bit);
   }
   return usages;
+}
+
+std::string TimeText(std::string_view encoded) {
+  constexpr std::size_t kDigits = 14;
+  std::string digits(encoded.substr(0, encoded.find_last_not_of('Z') + 1));
+  if (digits.size() + 1 != encoded.size() || !AreDigits(digits)) return std::string(encoded);
+  if (digits.size() == kDigits - 2) digits.insert(0, digits[0] < '5' ? "20" : "19");
+  if (digits.size() != kDigits) return std::string(encoded);
+  for (const auto& [at, separator] :
+       {std::pair{12, ':'}, {10, ':'}, {8, 'T'}, {6, '-'}, {4, '-'}}) {
+    digits.insert(static_cast<std::size_t>(at), 1, separator);
+  }
+  return digits + 'Z';
 }
 
 }  // namespace qixx::der

@@ -149,4 +149,7 @@ using CertificatePtr = std::unique_ptr<CertificateHolder>;
 /// the first sixteen.
 [[nodiscard]] std::vector<unsigned> GetKeyUsages(const CDerCert& certificate);
 
+/// A validity time in ISO 8601, "2049-12-31T23:59:59Z"; what is no such time as it stands.
+[[nodiscard]] std::string TimeText(std::string_view encoded);
+
 }  // namespace qixx::der

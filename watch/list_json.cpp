@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "der/certificate.h"
 #include "pkcs11/result_names.h"
 #include "runtime/text.h"
 #include "watch/card_text.h"
@@ -153,8 +154,8 @@ void WriteCertificates(JsonWriter& json, const Listing& listing) {
       json.Text("identifier", purpose);
       json.TextOrNull("name", PurposeName(purpose));
     });
-    json.TextOrNull("notBefore", TimeText(certificate.notBefore));
-    json.TextOrNull("notAfter", TimeText(certificate.notAfter));
+    json.TextOrNull("notBefore", der::TimeText(certificate.notBefore));
+    json.TextOrNull("notAfter", der::TimeText(certificate.notAfter));
     json.Bool("expired", certificate.isExpired);
     json.Bool("superseded", certificate.verdict == Verdict::kSuperseded);
     json.Bool("taken", certificate.verdict == Verdict::kTaken);

@@ -50,10 +50,6 @@ constexpr NamedPurpose kPurposes[] = {
     {"1.3.6.1.5.5.7.3.8", "time stamping"},     {"2.5.29.37.0", "any"},
 };
 
-bool AreDigits(std::string_view text) {
-  return std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
-}
-
 }  // namespace
 
 Wording WordingOf(Verdict verdict) {
@@ -95,19 +91,6 @@ std::vector<std::string> KeyUsageNames(const std::vector<unsigned>& bits) {
 std::string_view PurposeName(std::string_view dotted) {
   const auto* const purpose = std::ranges::find(kPurposes, dotted, &NamedPurpose::identifier);
   return purpose == std::end(kPurposes) ? std::string_view() : purpose->name;
-}
-
-std::string TimeText(std::string_view encoded) {
-  constexpr std::size_t kDigits = 14;
-  std::string digits(encoded.substr(0, encoded.find_last_not_of('Z') + 1));
-  if (digits.size() + 1 != encoded.size() || !AreDigits(digits)) return std::string(encoded);
-  if (digits.size() == kDigits - 2) digits.insert(0, digits[0] < '5' ? "20" : "19");
-  if (digits.size() != kDigits) return std::string(encoded);
-  for (const auto& [at, separator] :
-       {std::pair{12, ':'}, {10, ':'}, {8, 'T'}, {6, '-'}, {4, '-'}}) {
-    digits.insert(static_cast<std::size_t>(at), 1, separator);
-  }
-  return digits + 'Z';
 }
 
 }  // namespace qixx::watch

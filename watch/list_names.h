@@ -17,7 +17,5 @@ namespace qixx::watch {
 [[nodiscard]] std::vector<std::string> KeyUsageNames(const std::vector<unsigned>& bits);
 /// What an extended key usage is for; empty when it is not known.
 [[nodiscard]] std::string_view PurposeName(std::string_view dotted);
-/// A validity time in ISO 8601, "2049-12-31T23:59:59Z"; what is no such time as it stands.
-[[nodiscard]] std::string TimeText(std::string_view encoded);
 
 }  // namespace qixx::watch

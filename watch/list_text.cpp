@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "der/certificate.h"
 #include "pkcs11/result_names.h"
 #include "runtime/text.h"
 #include "watch/card_text.h"
@@ -157,9 +158,9 @@ void WriteCertificate(TextWriter& out, const ListedCertificate& certificate) {
   out.Line("e-mail", certificate.email.empty() ? "none" : certificate.email);
   out.Line("serial", certificate.serial);
   out.Line("usages", UsagesOf(certificate));
-  out.Line("valid from", TimeText(certificate.notBefore));
+  out.Line("valid from", der::TimeText(certificate.notBefore));
   out.Line("valid to",
-           TimeText(certificate.notAfter) +
+           der::TimeText(certificate.notAfter) +
                (certificate.isExpired ? ": expired, which the service does not mind" : ""));
 }
 

@@ -129,6 +129,21 @@ TEST(Usages, AreListedByBitAndByIdentifier) {
   }
 }
 
+TEST(TimeText, IsReadable) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"491231235959Z", "2049-12-31T23:59:59Z"},
+      {"500101000000Z", "1950-01-01T00:00:00Z"},
+      {"20500101000000Z", "2050-01-01T00:00:00Z"},
+      {"2050010100000Z", "2050010100000Z"},
+      {"50010100000xZ", "50010100000xZ"},
+      {"500101000000ZZ", "500101000000ZZ"},
+      {"500101000000+0100", "500101000000+0100"},
+      {"Z", "Z"},
+      {"", ""},
+  };
+  for (const auto& [encoded, text] : rows) EXPECT_EQ(der::TimeText(encoded), text);
+}
+
 // --- loading ------------------------------------------------------------------------------------
 
 TEST(LoadCertificate, TakesDerAndBase64) {

@@ -13,7 +13,6 @@
 #include "watch/card_text.h"
 #include "watch/certificate_selection.h"
 #include "watch/list.h"
-#include "watch/list_names.h"
 
 namespace qixx::testing {
 namespace {
@@ -108,21 +107,6 @@ TEST(Listing, TextFitsATerminalAndDoesNotControlIt) {
   std::size_t count = 0;
   for (std::size_t at = 0; (at = joined.find(shown, at)) != joined.npos; ++at) ++count;
   EXPECT_EQ(count, 18U) << listed;
-}
-
-TEST(Listing, TimesAreReadable) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"491231235959Z", "2049-12-31T23:59:59Z"},
-      {"500101000000Z", "1950-01-01T00:00:00Z"},
-      {"20500101000000Z", "2050-01-01T00:00:00Z"},
-      {"2050010100000Z", "2050010100000Z"},
-      {"50010100000xZ", "50010100000xZ"},
-      {"500101000000ZZ", "500101000000ZZ"},
-      {"500101000000+0100", "500101000000+0100"},
-      {"Z", "Z"},
-      {"", ""},
-  };
-  for (const auto& [encoded, text] : rows) EXPECT_EQ(watch::TimeText(encoded), text);
 }
 
 }  // namespace
