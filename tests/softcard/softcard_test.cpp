@@ -128,6 +128,7 @@ TEST_F(SoftCard, ScriptInsertsAndRemoves) {
   EXPECT_EQ(folder_.Read("1/card/a b.pem"), kHolderPem);
   EXPECT_EQ(script("remove 1"), "0\n");
   EXPECT_EQ(script("remove 1"), "card: there is no card in slot 1\n1\n");
+  EXPECT_TRUE(script("--help").starts_with("usage: ") && script("--help").ends_with("\n0\n"));
   EXPECT_TRUE(script("insert ../x").starts_with("card: usage: "));
   EXPECT_TRUE(std::filesystem::is_empty(folder_.Path("1"))) << "nothing is left behind";
 }
