@@ -25,8 +25,8 @@ struct LogonValues {
 };
 
 /// The values of the logon credential. The match "fast" takes the name that the suite notes on the
-/// token in `slot` for whoever is logged on, if there is one; with kNoSlot that is no credential,
-/// as intended: commands are expanded so, and "fast" keeps them as they are.
+/// token in `slot` for whoever is logged on, if there is one. With kNoSlot, which is what commands
+/// and --list pass, a name so noted gives no credential, as intended: their placeholders stay.
 [[nodiscard]] std::optional<LogonValues> FindLogonCredential(CardReader& card,
                                                              std::string_view match,
                                                              CK_SLOT_ID slot);

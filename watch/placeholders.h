@@ -31,8 +31,8 @@ struct NamedPlaceholder {
   /// a file it stays.
   std::string (*valueOf)(const LogonValues& values);
   InFiles inFiles;
-  /// Gets the value in a file too. A removal empties the key, or what has none where it still
-  /// stands.
+  /// Gets the value in a file too. A removal empties the key; without a key, it takes away the
+  /// placeholder itself.
   std::string_view key = {};
 };
 /// All placeholders but those of the subject's components, in the order in which commands get
