@@ -41,19 +41,12 @@ constexpr std::int64_t kEndPause = 333;  // milliseconds
 
 // --- splitting --------------------------------------------------------------------------------
 
-/// Takes the first token off a line, without the quotes that it loses; nothing when only blanks are
-/// left.
-std::optional<std::string_view> TakeToken(std::string_view& line) {
-  line = SkipBlanks(line);
-  if (line.empty()) return std::nullopt;
-  const bool quoted = line.front() == '"';
-  const std::size_t stop = std::min(line.find(quoted ? '"' : ' ', 1), line.size());
-  const std::string_view token = line.substr(0, stop + (quoted ? 1 : 0));
-  line.remove_prefix(token.size());
+/// A token without the quotes that it loses.
+std::string_view Unquoted(std::string_view token) {
+  const bool isQuoted =
+      token.size() >= kShortestUnquoted && token.starts_with('"') && token.ends_with('"');
   // A quoted option keeps its quotes, as intended: the programs of the suite look for them.
-  const bool unquote =
-      quoted && token.size() >= kShortestUnquoted && token.back() == '"' && token[1] != '-';
-  return unquote ? token.substr(1, token.size() - 2) : token;
+  return isQuoted && token[1] != '-' ? token.substr(1, token.size() - 2) : token;
 }
 
 /// The program and what stands in `content` at the places of the tokens of `line`, a text of the
@@ -64,8 +57,9 @@ std::vector<std::string> SplitAlike(std::string_view program, std::string_view l
   if (!program.empty()) entries.emplace_back(program);
   const char* const begin = line.data();
   while (const auto token = TakeToken(line)) {
-    const auto place = static_cast<std::size_t>(token->data() - begin);
-    entries.emplace_back(content.substr(place, token->size()));
+    const std::string_view entry = Unquoted(*token);
+    const auto place = static_cast<std::size_t>(entry.data() - begin);
+    entries.emplace_back(content.substr(place, entry.size()));
   }
   return entries;
 }
@@ -154,8 +148,7 @@ struct ChildPlan {
     if (kept != nullptr) environment = EnvironmentWith(kept->variables);
     if (!entries.empty()) program = MaskSecrets(entries.front());
     for (std::string& entry : entries) vector.push_back(entry.data());
-    // Entry 0 is no redirection.
-    if (entries.size() >= 3 && entries[entries.size() - 2] == ">") {
+    if (RedirectsOutput(entries)) {
       output = {FindFile(entries.back()), shown.back()};
       vector.resize(entries.size() - 2);
     }
@@ -303,15 +296,9 @@ void TellFailure(const ChildPlan& plan, const ChildState& state) {
   Notify({"'", plan.program, "' ", how, " ", std::to_string(number)});  // a short text
 }
 
-/// 0 and negative ids would reach whole groups of processes.
-bool IsProcessId(std::uint64_t processId) {
-  return processId != 0 && processId <= INT_MAX;
-}
-
-}  // namespace
-
-bool LaunchProcess(const std::string& program, std::string_view arguments, std::int64_t waitMode,
-                   KeptChild* kept) {
+/// The child's id; 0 when the fork failed.
+pid_t Launch(const std::string& program, std::string_view arguments, std::int64_t waitMode,
+             const KeptChild* kept) {
   TraceWrite("Helper - Start application: '%s' '%s'", MaskedText(program).Text(),
              MaskedText(arguments).Text());
   const ChildPlan plan(program, arguments, kept);
@@ -321,18 +308,46 @@ bool LaunchProcess(const std::string& program, std::string_view arguments, std::
     TraceWrite("Helper - Failed to fork process");
     ScarceMeans::Note(-child);
     NotifyOnce("'" + plan.program + "' not started: " + std::string(ErrorText(-child)));
-    return false;
+    return 0;
   }
   place.Register(child, kept != nullptr);
-  if (kept != nullptr) kept->id = child;
   TraceWrite("Helper - Forked process id %d", static_cast<int>(child));
   SleepMilliseconds(kStartPause);
   TellFailure(plan, PollChild(child, waitMode));
-  return true;
+  return child;
+}
+
+/// 0 and negative ids would reach whole groups of processes.
+bool IsProcessId(std::uint64_t processId) {
+  return processId != 0 && processId <= INT_MAX;
+}
+
+}  // namespace
+
+bool LaunchProcess(const std::string& program, std::string_view arguments, std::int64_t waitMode) {
+  return Launch(program, arguments, waitMode, nullptr) != 0;
+}
+
+pid_t LaunchKept(const std::string& program, std::string_view arguments, const KeptChild& kept) {
+  return Launch(program, arguments, kWaitNone, &kept);
+}
+
+std::optional<std::string_view> TakeToken(std::string_view& line) {
+  line = SkipBlanks(line);
+  if (line.empty()) return std::nullopt;
+  const bool quoted = line.front() == '"';
+  const std::size_t stop = std::min(line.find(quoted ? '"' : ' ', 1), line.size());
+  const std::string_view token = line.substr(0, stop + (quoted ? 1 : 0));
+  line.remove_prefix(token.size());
+  return token;
 }
 
 std::vector<std::string> SplitArguments(std::string_view program, std::string_view arguments) {
   return SplitAlike(program, arguments, arguments);
+}
+
+bool RedirectsOutput(const std::vector<std::string>& entries) {
+  return entries.size() >= 3 && entries[entries.size() - 2] == ">";
 }
 
 bool IsProcessRunning(std::uint64_t processId) {

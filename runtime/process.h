@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,12 +22,11 @@ inline constexpr std::int64_t kWaitNone = 0;
 /// standard ones.
 inline constexpr int kPassedDescriptor = 3;
 
-/// A child that its starter looks after: it is marked (see runtime/children.h), and gets more than
-/// others.
+/// A child that its starter looks after: it is marked (see runtime/children.h), and gets a
+/// descriptor and variables that others do not.
 struct KeptChild {
   int passed = -1;                          ///< the starter's; the program gets a copy
   std::vector<std::string> variables = {};  ///< "NAME=value", in the service's environment
-  pid_t id = 0;                             ///< once it was started
 };
 
 /// Forks and runs `program` with the split `arguments`; an empty program takes the first token of
@@ -36,13 +36,19 @@ struct KeptChild {
 /// failed, which ScarceMeans and, once, standard error may tell of; true whatever became of the
 /// child, even when the program could not be started.
 bool LaunchProcess(const std::string& program, std::string_view arguments,
-                   std::int64_t waitMode = kWaitNone, KeptChild* kept = nullptr);
+                   std::int64_t waitMode = kWaitNone);
+/// The same for a kept child, without a wait. Its id; 0 when the fork failed.
+pid_t LaunchKept(const std::string& program, std::string_view arguments, const KeptChild& kept);
 
+/// Takes the first token off a line, with its quotes; nothing when only blanks are left.
+[[nodiscard]] std::optional<std::string_view> TakeToken(std::string_view& line);
 /// Splits at blanks; double quotes hold a token together and are dropped from tokens of four
 /// characters and more that do not begin with a quoted '-'. Entry 0 is the program, or the first
 /// token when the program is empty. Empty when there is no entry at all.
 [[nodiscard]] std::vector<std::string> SplitArguments(std::string_view program,
                                                       std::string_view arguments);
+/// Whether split entries end with ">" and a file for the output, behind the program.
+[[nodiscard]] bool RedirectsOutput(const std::vector<std::string>& entries);
 
 /// Whether there is such a child and it still runs. Traces, and reaps an ended child.
 bool IsProcessRunning(std::uint64_t processId);

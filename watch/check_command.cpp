@@ -11,6 +11,7 @@
 #include "runtime/text.h"
 #include "watch/check_paths.h"
 #include "watch/command.h"
+#include "watch/extern_command.h"
 #include "watch/parallel.h"
 #include "watch/set_command.h"
 
@@ -71,22 +72,16 @@ class CommandCheck {
   /// Walks the arguments as the launcher does; placeholders belong into quoted ones.
   void CheckQuotes(bool beginsWithProgram, std::string_view line) {
     bool isProgram = beginsWithProgram;
-    for (std::size_t at = line.find_first_not_of(' '); at < line.size();
-         at = line.find_first_not_of(' ', at)) {
-      const bool quoted = line[at] == '"';
-      const std::size_t stop = line.find(quoted ? '"' : ' ', at + 1);
-      const std::size_t end = std::min(stop, line.size());
-      const std::string_view word = line.substr(at, end - at);
-      if (quoted && stop == std::string_view::npos) {
-        Add("a double quote is not closed", "one more is meant behind " + Quoted(word));
-      } else if (!quoted) {
-        CheckBareWord(word, isProgram);
-      } else if (end + 1 < line.size() && line[end + 1] != ' ') {
-        Add("no blank stands behind the closing quote of " + Quoted(word),
+    while (const std::optional<std::string_view> word = runtime::TakeToken(line)) {
+      if (!word->starts_with('"')) {
+        CheckBareWord(*word, isProgram);
+      } else if (word->size() == 1 || !word->ends_with('"')) {
+        Add("a double quote is not closed", "one more is meant behind " + Quoted(*word));
+      } else if (!line.empty() && !line.starts_with(' ')) {
+        Add("no blank stands behind the closing quote of " + Quoted(*word),
             "the rest becomes an argument of its own");
       }
       isProgram = false;
-      at = quoted && stop != std::string_view::npos ? end + 1 : end;
     }
   }
   void CheckBareWord(std::string_view word, bool isProgram) {
@@ -112,9 +107,7 @@ class CommandCheck {
       }
     }
     CheckScript(words);
-    if (words.size() >= 3 && words[words.size() - 2] == ">") {
-      CheckOutputPath(report_, use_.isFilled, words.back());
-    }
+    if (runtime::RedirectsOutput(words)) CheckOutputPath(report_, use_.isFilled, words.back());
   }
   /// What a card says must not become a part of a script.
   void CheckScript(const std::vector<std::string>& words) {
@@ -156,10 +149,6 @@ class CommandCheck {
           MeantName(word, kCommandOptions, "-config FILE or -match TEXT is meant"));
     }
     const SetOptions options = ParseSetOptions(text);
-    if (options.config.size() > kMaxOption) {
-      return Add("the file's path has more than 255 characters, so 'set' fails",
-                 "a shorter one is meant");
-    }
     if (!options.config.empty()) return CheckValuesPath(report_, use_.isFilled, options.config);
     if (options.registry.empty()) Add("'set' has no file and fails", "-config FILE is meant");
   }
@@ -177,14 +166,12 @@ class CommandCheck {
     CheckLibraryPath(report_, std::string(call->library));
   }
   void CheckExtern(std::string_view text) {
-    const std::size_t comma = text.find(',');
-    if (comma == std::string_view::npos) {
+    const std::optional<ExternParts> parts = ParseExtern(text);
+    if (!parts) {
       return Add("'extern' needs a comma behind the library", "extern LIBRARY,ARGUMENTS is meant");
     }
-    CheckLibraryPath(report_, std::string(text.substr(0, comma)));
-    const std::string file =
-        GetCommandOption(text.substr(comma + 1), "-config", kWholeOption).value_or("");
-    if (!file.empty()) CheckValuesPath(report_, use_.isFilled, file);
+    CheckLibraryPath(report_, parts->library);
+    if (!parts->file.empty()) CheckValuesPath(report_, use_.isFilled, parts->file);
   }
 
   const Report& report_;

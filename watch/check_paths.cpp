@@ -15,6 +15,7 @@
 #include "runtime/trace.h"
 #include "watch/command.h"
 #include "watch/logon_file.h"
+#include "watch/options.h"
 #include "watch/placeholders.h"
 
 namespace qixx::watch {
@@ -241,6 +242,10 @@ void CheckDocumentPath(const Report& report, std::string document) {
 }
 
 void CheckValuesPath(const Report& report, bool isFilled, const std::string& file) {
+  if (file.size() > kMaxOption) {
+    return report.Add("the file's path has more than 255 characters, so it is never written",
+                      "a shorter one is meant");
+  }
   if (HoldsPlaceholder(file)) return CheckFilledPath(report, isFilled, "file's");
   PathCheck path(report, "file", file);
   if (!path.IsThere()) return;

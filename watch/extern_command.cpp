@@ -1,8 +1,5 @@
 #include "watch/extern_command.h"
 
-#include <optional>
-#include <string>
-
 #include "runtime/library_call.h"
 #include "runtime/loader.h"
 #include "runtime/secrets.h"
@@ -44,26 +41,30 @@ std::optional<std::string> ReadAnswer(const runtime::SharedLibrary& library,
 bool AskLibrary(CardReader& card, const WatchEvent& event, std::string_view text) {
   if (event.IsSimulated()) return false;
   const std::optional<SlotDescription> slot = card.Description(event.slot);
-  const std::size_t comma = text.find(',');
-  if (!slot || comma == std::string_view::npos) return false;
+  const std::optional<ExternParts> parts = ParseExtern(text);
+  if (!slot || !parts || parts->file.size() > kMaxOption) return false;
   // Libraries know a reader by the slot's description without its padding.
   const std::string reader(runtime::DropTrailingBlanks(runtime::TextOf(*slot)));
-  const std::string path(text.substr(0, comma));
-  const std::string arguments(text.substr(comma + 1));
-  // "-registry" names a place that this platform does not have.
-  const std::string file = GetCommandOption(arguments, "-config", kWholeOption).value_or("");
-  if (file.size() > kMaxOption) return false;
-  const runtime::SharedLibrary library = runtime::OpenLibrary(path);
+  const runtime::SharedLibrary library = runtime::OpenLibrary(parts->library);
   if (!library.IsOpen()) {
-    runtime::TraceWrite("Helper - Failed to load '%s'", runtime::MaskedText(path).Text());
+    runtime::TraceWrite("Helper - Failed to load '%s'", runtime::MaskedText(parts->library).Text());
     return false;
   }
-  const std::optional<std::string> answer = ReadAnswer(library, reader, arguments);
-  if (answer) WriteLogonName(file, {AnswerField(*answer, 0), AnswerField(*answer, 1)});
+  const std::optional<std::string> answer = ReadAnswer(library, reader, parts->arguments);
+  if (answer) WriteLogonName(parts->file, {AnswerField(*answer, 0), AnswerField(*answer, 1)});
   return answer.has_value();
 }
 
 }  // namespace
+
+std::optional<ExternParts> ParseExtern(std::string_view text) {
+  const std::size_t comma = text.find(',');
+  if (comma == std::string_view::npos) return std::nullopt;
+  ExternParts parts{std::string(text.substr(0, comma)), std::string(text.substr(comma + 1)), {}};
+  // "-registry" names a place that this platform does not have.
+  parts.file = GetCommandOption(parts.arguments, "-config", kWholeOption).value_or("");
+  return parts;
+}
 
 bool RunExtern(CardReader& card, const WatchEvent& event, std::string_view text) {
   runtime::TraceWrite("Helper - Extern command ...");

@@ -141,9 +141,8 @@ void StartExtraWatcher(ExtraWatcher& watcher) {
     child.variables.push_back(Variable(kLinkVariable, runtime::kPassedDescriptor));
   }
   const runtime::ScarceMeans scarce;
-  runtime::LaunchProcess(Own().program, std::string(kChildMark) + watcher.command,
-                         runtime::kWaitNone, &child);
-  watcher.process = child.id;
+  watcher.process =
+      runtime::LaunchKept(Own().program, std::string(kChildMark) + watcher.command, child);
   watcher.isOwed = watcher.process == 0 && scarce.Any();
 }
 

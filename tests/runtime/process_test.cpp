@@ -130,9 +130,9 @@ TEST(Children, KeptOneHasVariablesOfItsOwn) {
     expected += *entry == "QIXX_REPLACED=old"s ? "QIXX_REPLACED=new" : *entry;
     expected += '\n';
   }
-  KeptChild child{.variables = {"QIXX_REPLACED=new", "QIXX_NEW=1"}};
-  EXPECT_TRUE(LaunchProcess("/usr/bin/env", "> " + folder.Path("env"), kWaitNone, &child));
-  EXPECT_TRUE(testing::Eventually([&] { return TakeMarkedChild(child.id).result == child.id; }));
+  const pid_t child = LaunchKept("/usr/bin/env", "> " + folder.Path("env"),
+                                 {.variables = {"QIXX_REPLACED=new", "QIXX_NEW=1"}});
+  EXPECT_TRUE(testing::Eventually([&] { return TakeMarkedChild(child).result == child; }));
   EXPECT_EQ(folder.Read("env"), expected + "QIXX_NEW=1\n");
 }
 

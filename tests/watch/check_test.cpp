@@ -210,7 +210,7 @@ program => program 'program' has no path, and none is searched; '@/program' is m
 parallel @/plain => program '@/plain' is not executable
 application "/bin/true => a double quote is not closed
 @/program "x => a double quote is not closed
-@/program "x"y => no blank stands behind the closing quote of '"x'
+@/program "x"y => no blank stands behind the closing quote of '"x"'
 @/program --a="b" => the double quote inside '--a="b"' holds nothing together
 @/program 'b' => single quotes hold nothing together: ''b''
 @/program && x => '&&' is an argument like any other, for there is no shell
@@ -249,12 +249,14 @@ extern @/lib/libqixp11.so => 'extern' needs a comma behind the library
 TEST_F(Check, WhatIsTooLong) {
   Expect("[Command]\nWatch=~/bin/true {1013} => entry 'Watch' has 1024 characters and is cut\n");
   Expect(R"([Command]
-Watch=-match "cn={253}" config Watch|Door => the value of '-match' has more than 255 characters
+Watch=-match "cn={253}" config Watch|Door|Hall => the value of '-match' has more than 255 characters
+Watch Hall=-p @/program -c /{255} => the file's path has more than 255 characters, so it is never
 Watch Door=config {51} => watcher '{51}' has a name that is too long
 [Watch Insert]
 1=/bin/true {502} => entry '1' has 512 characters and is cut; at most 511
 2=parallel /bin/true {246} => the command behind 'parallel' has more than 255 characters
-3=set -config /{255} => the file's path has more than 255 characters, so 'set' fails
+3=set -config /{255} => the file's path has more than 255 characters, so it is never written
+4=extern x,-config /{255} => the file's path has more than 255 characters, so it is never written
 [Watch Remove]
 1=/bin/true {246} => entry '1' has 256 characters and is cut; at most 255
 [Pkcs11]
