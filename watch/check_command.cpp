@@ -107,7 +107,9 @@ class CommandCheck {
       }
     }
     CheckScript(words);
-    if (runtime::RedirectsOutput(words)) CheckOutputPath(report_, use_.isFilled, words.back());
+    if (runtime::RedirectsOutput(words)) {
+      CheckMadePath(report_, use_.isFilled, "output's", words.back());
+    }
   }
   /// What a card says must not become a part of a script.
   void CheckScript(const std::vector<std::string>& words) {

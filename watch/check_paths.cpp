@@ -262,9 +262,9 @@ void CheckValuesPath(const Report& report, bool isFilled, const std::string& fil
       .Add(" may not be written, so there can be no saved copy '.org'", kOtherUser);
 }
 
-void CheckOutputPath(const Report& report, bool isFilled, const std::string& file) {
-  if (HoldsPlaceholder(file)) return CheckFilledPath(report, isFilled, "output's");
-  if (file == "/dev/null") return;
+void CheckMadePath(const Report& report, bool isFilled, const std::string& whose,
+                   const std::string& file) {
+  if (HoldsPlaceholder(file)) return CheckFilledPath(report, isFilled, whose);
   PathCheck path(report, "file", file);
   if (path.IsWhole() && !MayWrite(file)) path.Add(" may not be written", kOtherUser);
 }

@@ -27,8 +27,10 @@ void CheckDocumentPath(const Report& report, std::string document);
 /// A file that logon values are written to: it has to be there, in a folder that takes its copy. No
 /// card may name it.
 void CheckValuesPath(const Report& report, bool isFilled, const std::string& file);
-/// A file that takes a program's output; it is made when it is missing. No card may name it.
-void CheckOutputPath(const Report& report, bool isFilled, const std::string& file);
+/// A file that is made when it is missing; `whose` ("output's") names it where a placeholder stands
+/// in it, for no card may name it.
+void CheckMadePath(const Report& report, bool isFilled, const std::string& whose,
+                   const std::string& file);
 
 /// Names and folders of the files that are to be traced to. A journal, and a trace server, are no
 /// files.
