@@ -14,6 +14,7 @@
 namespace qixx::testing {
 namespace {
 
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
 std::string Source(const std::string& file) {
@@ -57,13 +58,21 @@ std::set<std::string> OptionsOfManual() {
   return names;
 }
 
-TEST(People, TextsNameEachPlaceholder) {
+TEST(People, TextsNameEachPlaceholderAndWhatClearsIt) {
   const std::string cards = Source("docs/cards.md");
   const std::string manual = Source("docs/qixxwatch.1");
+  const std::size_t removal = manual.find("and remove the placeholders");
+  const std::string cleared = manual.substr(removal, manual.find("that still stand") - removal);
   for (const watch::NamedPlaceholder& placeholder : watch::kNamedPlaceholders) {
     const std::string name(placeholder.name);
-    EXPECT_THAT(cards, HasSubstr("\n| `" + name + "` |"));
+    const bool isFilled = placeholder.inFiles != watch::InFiles::kStays;
+    const bool isCleared = isFilled && placeholder.key.empty();
+    const std::string inFiles = isCleared  ? "filled, cleared on removal"
+                                : isFilled ? "filled"
+                                           : "stays";
+    EXPECT_THAT(cards, ContainsRegex("\n\\| `" + name + "` \\|[^\n]*\\| " + inFiles + " \\|\n"));
     EXPECT_THAT(manual, HasSubstr(name));
+    EXPECT_EQ(cleared.find(name) != std::string::npos, isCleared) << name;
   }
 }
 
