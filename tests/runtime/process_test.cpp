@@ -225,12 +225,14 @@ TEST_F(Redirection, GoesNowhereWhereStrangersLead) {
       {"a file with a second name", [&] { fs::create_hard_link(secret, file); }},
       {"no regular file", [&] { ::mkfifo(file.c_str(), 0666); }},
       {"a pipe of somebody else", [&] { ::mkfifo(file.c_str(), 0666), give(file, kNobody); }}};
+  const auto told = [&masked](const std::string& reason) {
+    return "qixxwatch: '/bin/echo' without its output, '" + masked + "' is " + reason +
+           "\nHelper - Refused '" + masked + "', " + reason + "\n";
+  };
   for (const auto& [reason, put] : rows) {
     fs::remove(file);
     put();
-    const std::string told = "qixxwatch: '/bin/echo' without its output, '" + masked + "' is " +
-                             reason + "\nHelper - Refused '" + masked + "', " + reason + "\n";
-    EXPECT_EQ(LaunchInto("\"" + file + "\""), *reason == '\0' ? "" : told);
+    EXPECT_EQ(LaunchInto("\"" + file + "\""), *reason == '\0' ? "" : told(reason));
     EXPECT_TRUE(*reason != '\0' || folder_.Read("-pin 12") == "out\n");
     EXPECT_EQ(TemporaryFolder::ReadFile(secret), "kept");
   }
