@@ -67,10 +67,12 @@ TEST(People, TextsNameEachPlaceholderAndWhatClearsIt) {
     const std::string name(placeholder.name);
     const bool isFilled = placeholder.inFiles != watch::InFiles::kStays;
     const bool isCleared = isFilled && placeholder.key.empty();
-    const std::string inFiles = isCleared  ? "filled, cleared on removal"
+    const char* const inFiles = isCleared  ? "filled, cleared on removal"
                                 : isFilled ? "filled"
                                            : "stays";
-    EXPECT_THAT(cards, ContainsRegex("\n\\| `" + name + "` \\|[^\n]*\\| " + inFiles + " \\|\n"));
+    const std::string row =
+        std::string("\n\\| `").append(name).append("` \\|[^\n]*\\| ").append(inFiles);
+    EXPECT_THAT(cards, ContainsRegex(row + " \\|\n"));
     EXPECT_THAT(manual, HasSubstr(name));
     EXPECT_EQ(cleared.find(name) != std::string::npos, isCleared) << name;
   }
