@@ -87,9 +87,7 @@ class PathWalk {
     const Descriptor link(::openat(Folder(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     const struct stat status = StatusOf(link);
     if (!S_ISLNK(status.st_mode)) return Step::kNoLink;
-    if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
-      return Refuse("a link of somebody else");
-    }
+    if (!IsTrustedOwner(status.st_uid)) return Refuse("a link of somebody else");
     char buffer[PATH_MAX];
     const ssize_t length = ::readlinkat(link.Get(), "", buffer, sizeof buffer);
     if (length <= 0) return Step::kRefused;
@@ -136,6 +134,10 @@ bool FilePlace::IsMissing() const {
 
 Descriptor FilePlace::Open(int flags, mode_t mode) const {
   return OpenRegular(name_, flags | O_NOFOLLOW, mode, Folder());
+}
+
+bool IsTrustedOwner(uid_t owner) {
+  return owner == 0 || owner == ::geteuid();
 }
 
 bool IsInProc(int file) {

@@ -8,6 +8,8 @@
 // All operations may be called from any thread. Only std::bad_alloc is thrown.
 #pragma once
 
+#include <sys/types.h>
+
 #include <memory>
 #include <string>
 #include <string_view>
@@ -49,6 +51,8 @@ struct FoundFile {
   FilePlace real;                 ///< the same, or where it leads when it is a link
   const char* refusal = nullptr;  ///< why a link was not followed, null when all were
 };
+/// Whether a file of that owner is the service's own, or root's.
+[[nodiscard]] bool IsTrustedOwner(uid_t owner);
 /// Whether an open file or folder is in /proc. A link to an open pipe there has no path, so
 /// FindFile ends with the link itself.
 [[nodiscard]] bool IsInProc(int file);

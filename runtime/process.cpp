@@ -72,17 +72,13 @@ struct Output {
   std::string shown;  ///< as the command names it, secrets masked
 };
 
-bool IsTrusted(uid_t owner) {
-  return owner == 0 || owner == ::geteuid();
-}
-
 /// Why the output may not go to a file; null when it may. Where somebody else may put or move
 /// things, they could have given its name to a file that they cannot write, or to a pipe that keeps
 /// the program waiting for them.
 const char* FaultOfOutput(const struct stat& file, const struct stat& folder) {
   if (S_ISLNK(file.st_mode)) return "a link";  // put there behind the search
-  if (S_ISFIFO(file.st_mode) && !IsTrusted(file.st_uid)) return "a pipe of somebody else";
-  const bool isOurs = IsTrusted(folder.st_uid) && (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  if (S_ISFIFO(file.st_mode) && !IsTrustedOwner(file.st_uid)) return "a pipe of somebody else";
+  const bool isOurs = IsTrustedOwner(folder.st_uid) && (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
   if (isOurs) return nullptr;
   if (!S_ISREG(file.st_mode)) return "no regular file";
   if (file.st_nlink > 1) return "a file with a second name";
@@ -91,7 +87,8 @@ const char* FaultOfOutput(const struct stat& file, const struct stat& folder) {
   return isAllowed ? nullptr : "a file of somebody else";
 }
 
-/// Opens the output in its folder. Not open when that fails, with `fault` when it is refused. Waits
+/// Opens the output in its folder. Not open when that fails, with errno, or `fault` when it is
+/// refused. Waits
 /// for nothing but the reader of a pipe that nobody else can have put there.
 Descriptor OpenOutput(int folder, const char* name, const char*& fault) {
   // The links of /proc are nobody's, and lead to what the service itself has open.
@@ -109,6 +106,8 @@ Descriptor OpenOutput(int folder, const char* name, const char*& fault) {
   if (!known || fault != nullptr) return {};
   const bool waits = !output.IsOpen() && error == ENXIO && S_ISFIFO(file.st_mode);
   if (waits) return Descriptor(::openat(folder, name, flags));
+  errno = error;
+  if (!output.IsOpen()) return {};
   const bool usable =
       ::fcntl(output.Get(), F_SETFL, 0) == 0 &&
       (!S_ISREG(file.st_mode) || file.st_size == 0 || ::ftruncate(output.Get(), 0) == 0);
@@ -192,19 +191,29 @@ bool PassOn(int descriptor) {
   return descriptor >= 0 && ::dup2(descriptor, kPassedDescriptor) == kPassedDescriptor;
 }
 
+void NotifyWithoutOutput(const ChildPlan& plan, const Output& to, const char* verb,
+                         const char* reason) {
+  ::signal(SIGPIPE, SIG_IGN);  // nor may a reader that is gone keep the program from starting
+  Notify({"'", plan.program, "' without its output, '", to.shown, "' ", verb, reason});
+  ::signal(SIGPIPE, SIG_DFL);
+}
+
 /// Sends standard output, where the file's folder is until then, to the file, or nowhere when it
 /// cannot be opened: the program is started all the same.
 void RedirectOutput(const ChildPlan& plan, const Output& to) {
   const FilePlace& place = to.found.real;
   const char* fault = nullptr;
   Descriptor output;
+  errno = ENOENT;
   if (place.Folder() >= 0) output = OpenOutput(STDOUT_FILENO, place.Name().c_str(), fault);
+  const int error = errno;
   if (fault != nullptr) TraceRefusal(to.shown, fault);
   if (fault == nullptr) fault = to.found.refusal;  // traced when it was found
   if (fault != nullptr) {
-    ::signal(SIGPIPE, SIG_IGN);  // nor may a reader that is gone keep the program from starting
-    Notify({"'", plan.program, "' without its output, '", to.shown, "' is ", fault});
-    ::signal(SIGPIPE, SIG_DFL);
+    NotifyWithoutOutput(plan, to, "is ", fault);
+  } else if (!output.IsOpen()) {
+    TraceWrite("Helper - Failed to open '%s': %s", to.shown.c_str(), ErrorText(error));
+    NotifyWithoutOutput(plan, to, "cannot be opened: ", ErrorText(error));
   }
   if (!output.IsOpen()) output = Descriptor(::open("/dev/null", O_WRONLY));
   ::dup2(output.Get(), STDOUT_FILENO);

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "runtime/clock.h"
+#include "runtime/notice.h"
 #include "runtime/scarce_means.h"
 #include "runtime/trace.h"
 
@@ -192,16 +193,22 @@ bool Grow(const Descriptor& file, std::string_view text, std::size_t length) {
 }
 
 /// What the file grows by comes first: when there is no room it is cut back and still holds all
-/// that it held. The rest is one write.
-bool WriteInPlace(const Descriptor& file, std::string_view text) {
+/// that it held. The rest is one write, which only a failing disk, or one that needs room to write
+/// a block anew, leaves undone.
+bool WriteInPlace(const Descriptor& file, const std::string& shown, std::string_view text) {
   const auto length = static_cast<std::size_t>(StatusOf(file).st_size);
   if (text.size() > length && !Grow(file, text, length)) {
     static_cast<void>(CutFile(file, length));
     return false;
   }
-  return WriteAt(file, text.substr(0, length), 0) &&
-         (text.size() >= length || Noted(CutFile(file, text.size()))) &&
-         Noted(::fsync(file.Get()) == 0);
+  if (WriteAt(file, text.substr(0, length), 0) &&
+      (text.size() >= length || Noted(CutFile(file, text.size()))) &&
+      Noted(::fsync(file.Get()) == 0)) {
+    return true;
+  }
+  TraceWrite("Helper - '%s' may hold a part of each text", shown.c_str());
+  Notify({"'", shown, "' may hold a part of its old text and a part of the new one"});
+  return false;
 }
 
 /// Why the old file is to be written in place; null when it is not.
@@ -240,7 +247,7 @@ bool ReplaceFile(const FilePlace& place, const Descriptor& old, std::string_view
   const char* const reason = WhyInPlace(outcome);
   if (reason != nullptr && HasOneName(old, place)) {
     TraceWrite("Helper - Write '%s' in place, %s", place.Path().c_str(), reason);
-    outcome = WriteInPlace(old, text) ? Outcome::kDone : Outcome::kFailed;
+    outcome = WriteInPlace(old, place.Path(), text) ? Outcome::kDone : Outcome::kFailed;
   }
   return Report(place, outcome == Outcome::kDone);
 }

@@ -21,11 +21,11 @@ inline constexpr std::string_view kTemporaryHead = ".qixxwatch-new-";
 
 /// Makes `text` the content of the file at `place`; `old` is that file, open for reading and
 /// writing. Whatever fails or dies on the way, the file holds all of the old content or all of the
-/// new. Two cases leave only writing the old one in place, which is traced; it then must have one
-/// name: the folder takes no new file (or gives the name to none, as with a mounted file), or a new
-/// one cannot have the old one's owner, or its group or access list where these decide who may read
-/// or write. False when the content is not the new one, and then traced; ScarceMeans tells of a
-/// full disk.
+/// new. Two cases leave only writing the old one in place, which is traced, and where that ends in
+/// the middle told on standard error as well; it then must have one name: the folder takes no new
+/// file (or gives the name to none, as with a mounted file), or a new one cannot have the old one's
+/// owner, or its group or access list where these decide who may read or write. False when the
+/// content is not the new one, and then traced; ScarceMeans tells of a full disk.
 [[nodiscard]] bool ReplaceFile(const FilePlace& place, const Descriptor& old,
                                std::string_view text);
 

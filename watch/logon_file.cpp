@@ -129,9 +129,10 @@ class EditedFile {
   }
 
   [[nodiscard]] bool Write();
-  void NotifyFailure() const { runtime::NotifyOnce("'" + shown_ + "' stays as it is: " + fault_); }
+  void NotifyFailure() const { runtime::NotifyOnce("'" + shown_ + "' cannot be set: " + fault_); }
 
  private:
+  [[nodiscard]] bool IsAllowed() const;
   [[nodiscard]] bool Restore();
   [[nodiscard]] bool SetKey(std::string_view name, std::string_view value);
   [[nodiscard]] bool TakeWalks(std::size_t count) { return budget_.Take(count * text_.size()); }
@@ -154,10 +155,24 @@ class EditedFile {
   WalkBudget budget_{kMaxWalked};
 };
 
+/// Whoever owns the folder can move a file into it that is neither theirs nor the service's.
+bool EditedFile::IsAllowed() const {
+  const runtime::FilePlace& place = scope_.File().real;
+  if (!file_.IsOpen() || !runtime::HasOneName(file_, place)) return false;
+  struct stat folder {};
+  if (runtime::IsTrustedOwner(status_.st_uid) ||
+      (::fstat(place.Folder(), &folder) == 0 &&
+       (runtime::IsTrustedOwner(folder.st_uid) || folder.st_uid == status_.st_uid))) {
+    return true;
+  }
+  runtime::TraceRefusal(place.Path(), "a file of somebody else");
+  return false;
+}
+
 bool EditedFile::Read() {
   fault_ = "it is missing or may not be changed";
   std::optional<std::string> text;
-  if (file_.IsOpen() && runtime::HasOneName(file_, scope_.File().real)) {
+  if (IsAllowed()) {
     text = runtime::ReadToEnd(file_, runtime::kMaxFileSize);
   }
   if (!text) {
@@ -176,6 +191,8 @@ bool EditedFile::SaveOrRestore() {
   // Read before the copy is looked for: where another service made that meanwhile, it counts.
   if (!Read()) return false;
   if (!saved_.IsMissing()) return Restore();
+  // An editor may be writing it anew: its text would be lost to an empty copy.
+  if (text_.empty()) return true;
   fault_ = "no copy '.org' can be made";
   // A copy that no later event could take is none now either.
   return runtime::MakeFile(saved_, text_, file_) && Restore();
@@ -187,9 +204,10 @@ bool EditedFile::Restore() {
   std::optional<std::string> text;
   if (fault == nullptr) {
     text = runtime::ReadToEnd(copy_, runtime::kMaxFileSize);
-    fault = "a file that cannot be read";
+    if (!text) fault = "a file that cannot be read";
   }
-  if (!text) {
+  if (fault == nullptr && text->empty() && !before_.empty()) fault = "empty, which the file is not";
+  if (fault != nullptr) {
     runtime::TraceRefusal(saved_.Path(), fault);
     fault_ = std::string("its copy '.org' is ") + fault;
     return false;

@@ -1,8 +1,11 @@
 #include "watch/watch_main.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <span>
 
+#include "runtime/file_place.h"
 #include "runtime/files.h"
 #include "runtime/notice.h"
 #include "runtime/product.h"
@@ -93,6 +96,14 @@ void RunLine(config::CConfig& config, std::string_view line, const Platform& pla
   }
 }
 
+/// The dot may be far up in the path, behind a folder in which anybody makes files.
+bool IsOfSomebodyElse(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0 || runtime::IsTrustedOwner(status.st_uid)) return false;
+  runtime::TraceRefusal(runtime::MaskSecrets(path), "a file of somebody else");
+  return true;
+}
+
 }  // namespace
 
 std::string JoinArguments(int argc, const char* const* argv) {
@@ -115,7 +126,7 @@ std::optional<std::string> LocalConfigurationPath() {
   const std::size_t dot = path.rfind('.');
   if (dot == std::string::npos) return std::nullopt;
   path.replace(dot, std::string::npos, kLocalExtension);
-  if (path.size() > runtime::kMaxText) return std::nullopt;
+  if (path.size() > runtime::kMaxText || IsOfSomebodyElse(path)) return std::nullopt;
   return path;
 }
 

@@ -43,6 +43,12 @@ TEST_F(Configuration, FileBesideTheProgramComesBeforeTheSystems) {
   fs::copy_file(QIXX_PROGRAM, desktop.Path("bin/watch.program"));
   desktop.Start({}, desktop.Path("bin/watch.program"));
   EXPECT_TRUE(desktop.Holds("said", "beside\n"));
+  if (::geteuid() != 0) return;
+  Stop();
+  fs::remove(desktop.Path("said"));
+  ASSERT_EQ(::chown(desktop.Path("bin/watch.conf").c_str(), 1234, 0), 0);
+  desktop.Start({}, desktop.Path("bin/watch.program"));
+  EXPECT_TRUE(desktop.Holds("said", "system\n"));
 }
 
 TEST_F(Configuration, CommandLineOverlaysIt) {

@@ -250,7 +250,7 @@ TEST_F(Faults, FailingCommandsAreSaidInTheTraceAndOnStandardError) {
                 "' ended with exit code 7\n"
                 "qixxwatch: '/bin/sh' was ended by signal 9\n"
                 "qixxwatch: command 'load /no/library,Call -pin ****' failed\n"
-                "qixxwatch: '/no/file' stays as it is: it is missing or may not be changed\n"
+                "qixxwatch: '/no/file' cannot be set: it is missing or may not be changed\n"
                 "qixxwatch: command 'set -config /no/file' failed\n");
 }
 

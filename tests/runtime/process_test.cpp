@@ -139,7 +139,7 @@ TEST(Children, KeptOneHasVariablesOfItsOwn) {
 /// A folder for the file behind ">", and another one that is closed to strangers.
 class Redirection : public ::testing::Test {
  protected:
-  /// Returns what was said on standard error until the program had ended, and traced as refused.
+  /// Returns what was said on standard error until the program had ended, and traced of the file.
   std::string LaunchInto(const std::string& file) {
     const std::string log = vault_.Path("trace.log");
     TraceSetFile(log);
@@ -155,8 +155,9 @@ class Redirection : public ::testing::Test {
     fs::remove(log);
     EXPECT_THAT(traced, ::testing::HasSubstr("Helper - Child process started"));
     EXPECT_THAT(traced, ::testing::Not(::testing::HasSubstr("pin 12")));
-    for (std::size_t at = 0; (at = traced.find("Helper - Refused", at)) != traced.npos; ++at) {
-      told += traced.substr(at, traced.find('\n', at) + 1 - at);
+    for (const char* const head : {"Helper - Refused", "Helper - Failed"}) {
+      const std::size_t at = traced.find(head);
+      if (at != traced.npos) told += traced.substr(at, traced.find('\n', at) + 1 - at);
     }
     return told;
   }
@@ -181,8 +182,12 @@ TEST_F(Redirection, GoesToWhatTheServicesUserPutThere) {
   ::umask(mask);
   EXPECT_EQ(fs::status(folder_.Path("new")).permissions(), fs::perms{0640});
   EXPECT_TRUE(fs::is_symlink(folder_.Path("dangling")));
-  for (const char* const plain : {"/dev/null", "/missing/out", "/"}) {
-    EXPECT_EQ(LaunchInto(plain), "") << plain;
+  EXPECT_EQ(LaunchInto("/dev/null"), "");
+  for (const std::string lost : {"/missing/out", "/", "/etc"}) {
+    const std::string reason = lost == "/etc" ? "Is a directory" : "No such file or directory";
+    EXPECT_EQ(LaunchInto(lost), "qixxwatch: '/bin/echo' without its output, '" + lost +
+                                    "' cannot be opened: " + reason +
+                                    "\nHelper - Failed to open '" + lost + "': " + reason + "\n");
   }
 
   int ends[2];

@@ -349,6 +349,22 @@ TEST_F(LogonFile, MissingOneIsMadeFromTheServicesOwnCopyOnly) {
   EXPECT_EQ(Text(), kFilled);
 }
 
+TEST_F(LogonFile, WhileAnEditorWritesItAnewNoEmptyCopyIsMadeNorTaken) {
+  folder_.Write("a.conf", "");
+  EXPECT_TRUE(Insert());
+  EXPECT_TRUE(Restore());
+  EXPECT_EQ(Others(), std::set<std::string>{});
+  folder_.Write("a.conf", kOriginal);
+  folder_.Write("a.conf.org", "");
+  const TraceCapture trace;
+  EXPECT_FALSE(Insert());
+  EXPECT_EQ(Refusals(trace), 1);
+  EXPECT_EQ(Text(), kOriginal);
+  fs::remove(file_ + ".org");
+  EXPECT_TRUE(Insert());
+  EXPECT_EQ(Text(), kFilled);
+}
+
 TEST_F(LogonFile, CopyThatWouldBeRefusedLaterIsRefusedAtOnce) {
   if (::geteuid() != 0) GTEST_SKIP() << "NOT TESTED: only root can give files away";
   constexpr uid_t kOwner = 1234;
@@ -423,6 +439,7 @@ TEST_F(LogonFile, StrangersGainNothingFromRoot) {
        [&] { Give(folder_.Write("a.conf.org", "x"), 1234, 1234); }},
       {"file is a link", folder_.Path("link.conf"), [&] { link(secret, "link.conf"); }},
       {"folder is a link", folder_.Path("d/a.conf"), [&] { link(own.Path(), "d"); }},
+      {"somebody's file renamed into another one's folder", file_, [&] { Give(file_, 1234); }},
       {"root's file, nobody's copy", file_,
        [&] { Give(file_, 0, 0), Give(folder_.Write("a.conf.org", "[Mine]\n")); }},
       {"root's secret renamed into its folder for a group", file_,
