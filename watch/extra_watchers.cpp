@@ -250,6 +250,26 @@ void LookAfterExtraWatcher(std::uint64_t round) {
   if (watcher.isOwed && MayStartAgain(watcher)) StartAgain(watcher);
 }
 
+bool HasExtraWatchers() {
+  return std::ranges::any_of(Own().all, [](const ExtraWatcher& watcher) {
+    return watcher.process != 0 || watcher.isOwed;
+  });
+}
+
+void StayForExtraWatchers(const Platform& platform) {
+  constexpr unsigned kPause = 333;
+  if (!platform.manager.IsThere() || StopRequested() || !HasExtraWatchers()) return;
+  runtime::TraceWrite("Watch - Staying for extra watchers");
+  platform.manager.Ready();
+  RunStep([&] { platform.manager.Status("Looking after extra watchers"); });
+  for (std::uint64_t round = 0; HasExtraWatchers(); ++round) {
+    runtime::ReapChildren();
+    RunStep([round] { LookAfterExtraWatcher(round); });
+    if (WatchPause(platform, kPause) == WakeUp::kStop) break;
+  }
+  platform.manager.Stopping();
+}
+
 void LeaveExtraWatchers() {
   // The watchers live in sessions of their own, so a signal to this one does not reach them.
   if (StopRequested()) runtime::SignalMarkedChildren(SIGTERM);

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "watch/platform.h"
+
 namespace qixx::watch {
 
 /// How many watchers may be started, each by the one before it.
@@ -39,6 +41,11 @@ void StartExtraWatchers(std::string_view list, const std::string& ownPath);
 /// configuration that was there at the start is there again; standard error and the trace say so.
 /// It has the command of its first start. Allocates nothing while all run.
 void LookAfterExtraWatcher(std::uint64_t round);
+/// Whether any of them runs or is to be started again.
+[[nodiscard]] bool HasExtraWatchers();
+/// For a watcher whose own watch has ended: below a service manager, which would start it, and so
+/// each of them, once more, it stays as long as it has extra watchers and is not told to stop.
+void StayForExtraWatchers(const Platform& platform);
 /// At the end of a watcher: those that it started are told to stop as well when it was, and go on
 /// without it when it ended by itself.
 void LeaveExtraWatchers();

@@ -17,10 +17,12 @@
 #include "watch/configuration.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
+#include "watch/extra_watchers.h"
 #include "watch/guard.h"
 #include "watch/parallel.h"
 #include "watch/rounds.h"
 #include "watch/status.h"
+#include "watch/stop.h"
 
 namespace qixx::watch {
 namespace {
@@ -309,7 +311,8 @@ void RunWithLibrary(CWatchOptions& record, const Platform& platform) {
       WatchSlots(record, platform);
     }
   });
-  platform.manager.Stopping();
+  // Else the process goes on for them.
+  if (StopRequested() || !HasExtraWatchers()) platform.manager.Stopping();
   tell("Stopping");
   RunStep([&] { platform.card.Finalise(); });
   startBackground(" -hide");

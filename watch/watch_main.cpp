@@ -66,6 +66,7 @@ void RunCommands(std::string_view command, std::string_view line, const std::str
   }
   if (!extraList.empty()) RunStep([&] { StartExtraWatchers(extraList, ownPath); });
   RunWatch(record, platform);
+  StayForExtraWatchers(platform);
   LeaveExtraWatchers();
 }
 

@@ -7,6 +7,7 @@
 #include <chrono>
 
 #include "tests/end_to_end/service_test.h"
+#include "tests/support/notify_listener.h"
 
 namespace qixx::testing {
 namespace {
@@ -143,6 +144,35 @@ TEST_F(Events, ExtraWatchersGoOnWhenTheirParentHasNothingToDo) {
   InsertCard();
   ::kill(FirstForked(), SIGTERM);
   EXPECT_TRUE(desktop.Traced("Watch - Stopped", 2));
+}
+
+TEST_F(Events, WatcherWithNothingToDoKeepsItsExtraWatchersBelowAServiceManager) {
+  NotifyListener listener(desktop.Path("notify"));
+  desktop.SetVariable("NOTIFY_SOCKET", desktop.Path("notify"));
+  desktop.SetVariable("WATCHDOG_USEC", "200000");
+  for (const std::string name : {"Main", "Logon"}) {
+    desktop.Configure("[Command]\nWatch=-sync config " + name + "|One\n" +
+                      Section("Watch Logon Insert", {"kill x"}) +
+                      Section("Watch One Remove", {out_}));
+    std::filesystem::remove(desktop.Path("trace.log"));
+    desktop.Start();
+    ASSERT_TRUE(desktop.Traced("Watch - Staying for extra watchers")) << name;
+    ASSERT_TRUE(desktop.Traced("Watch - Running 'One'"));
+    Lines told = listener.Take();
+    EXPECT_TRUE(Eventually([&] {
+      std::ranges::move(listener.Take(), std::back_inserter(told));
+      return listener.Signs() != 0;
+    }));
+    EXPECT_EQ(told, (Lines{"READY=1", "STATUS=Looking after extra watchers"}));
+    if (name == "Main") {
+      ::kill(FirstForked(), SIGKILL);
+      EXPECT_TRUE(desktop.Traced("Watch - Running 'One'", 2)) << "it is started again";
+      listener.Take();
+    }
+    Stop();
+    EXPECT_TRUE(desktop.Traced("Watch - Stopping 'One'"));
+    EXPECT_EQ(listener.Take(), (Lines{"STOPPING=1"}));
+  }
 }
 
 TEST_F(Events, ExtraWatchersAreLimitedInAWholeTree) {
