@@ -41,6 +41,16 @@ constexpr std::string_view kProgram =
 constexpr std::string_view kSet =
     R"(-match "%OID.cn%%OID.o%" -registry "%SUBJECT%" -config "/base/.%USERNAME%/%OID.cn%./f")";
 constexpr std::string_view kExtern = R"(%UPN% %OID.cn% %SUBJECT% -config "/base/f")";
+/// Without quotes, or with quotes that begin no argument, values become arguments, but no more.
+constexpr std::string_view kBare[] = {
+    "/bin/note Card of <%UPN%> %OID.cn%",
+    "application /bin/note %USERNAME%>%DOMAIN% %OID.o%> %OID.cn%%OID.ou%",
+    "/bin/note %SUBJECT% -%OID.cn% -%OID.o% > /base/f",
+    "/bin/note %OID.%USERNAME%%> \"%OID.cn%\" %OID.ou% > \"/base/f\"",
+    R"(/bin/note --text="a %OID.cn%" > "/base/f" "%UPN% > x" --b="%OID.o%"%OID.ou%"c" > /base/f)",
+    "set -config /base/f %OID.cn%-%OID.o% -%OID.ou% -re%UPN% %SUBJECT%gistry",
+    "/bin/note /base/%OID.cn% /base/%OID.o%/f",
+};
 constexpr std::string_view kFile =
     "[Logon]\nUsername=\nDomain=x\nName=%USERNAME%\nname2=a|%OID.cn%|%OID.o%\n; %SUBJECT%\n"
     "%USERNAME% = \n  %DOMAIN%%USERNAME%x\n%OID.none%%OID.cn% y\n# z\n"
@@ -93,6 +103,22 @@ std::string Expand(watch::CardReader& card, std::string_view text, std::size_t l
   return expanded;
 }
 
+/// The same redirection, to the same file, no path out of its folder, and the same options.
+void RequireSameCommand(std::string_view text, std::string_view before) {
+  const std::vector<std::string> got = runtime::SplitArguments("", text);
+  const std::vector<std::string> given = runtime::SplitArguments("", before);
+  Require(std::ranges::count(got, ">") == std::ranges::count(given, ">"));
+  Require(runtime::RedirectsOutput(got) == runtime::RedirectsOutput(given));
+  Require(!runtime::RedirectsOutput(got) || got.back() == given.back());
+  for (const std::filesystem::path entry : got) {
+    if (entry.string().starts_with("/base/"))
+      Require(entry.lexically_normal().string().starts_with("/base/"));
+  }
+  const std::string_view config = before.starts_with("set ") ? "/base/f" : "";
+  Require(watch::GetCommandOption(text, "-config").value_or("") == config);
+  Require(!watch::GetCommandOption(text, "-registry"));
+}
+
 void TryCommands(watch::CardReader& card, std::size_t limit) {
   const std::string program = Expand(card, kProgram, limit);
   const std::vector<std::string> given = runtime::SplitArguments("", kProgram);
@@ -104,6 +130,7 @@ void TryCommands(watch::CardReader& card, std::size_t limit) {
   Require(!options.restore);
   const std::filesystem::path path = options.config;
   Require(path.lexically_normal().string().starts_with("/base/"));
+  for (const std::string_view bare : kBare) RequireSameCommand(Expand(card, bare, limit), bare);
   const std::string text = Expand(card, kExtern, limit);
   Require(watch::GetCommandOption(text, "-config") == "/base/f");
 }

@@ -102,7 +102,7 @@ inline constexpr std::size_t kMaxLine = 1023;
 /// happens for an empty `from` or when both are equal.
 void ReplaceAll(std::string& text, std::string_view from, std::string_view to,
                 std::size_t maxLength);
-/// The same in any letter case of `from`. Returns whether anything was replaced.
+/// spare: the same in any letter case of `from`. Returns whether anything was replaced.
 bool ReplaceAllNoCase(std::string& text, std::string_view from, std::string_view to,
                       std::size_t maxLength);
 

@@ -13,7 +13,8 @@ namespace qixx::watch {
 namespace {
 
 constexpr char kHarmless = '_';
-constexpr std::string_view kLineStarts = "[<;#";
+/// Two of the last make a comment, of which what stands around the value may have one.
+constexpr std::string_view kLineStarts = "[<;#/";
 /// What the reader of certificates puts in the place of a byte that is not UTF-8.
 constexpr char32_t kReplacement = 0xFFFD;
 
@@ -51,21 +52,12 @@ bool BeginsPlaceholder(std::string_view text) {
   });
 }
 
-bool IsOption(std::string_view text, std::size_t place) {
-  const std::string_view option = text.substr(place);
-  return IsOptionPlace(text, place) &&
-         std::ranges::any_of(kCommandOptions, [option](std::string_view name) {
-           return runtime::StartsWithNoCase(option, name) &&
-                  (option.size() == name.size() || option[name.size()] == ' ');
-         });
-}
-
 void CleanWords(std::string& text) {
   const std::string_view view(text);
   for (std::size_t i = 0; i < text.size(); ++i) {
     const bool harmful = (text[i] == '>' && IsBreak(view, i - 1) && IsBreak(view, i + 1)) ||
                          (text[i] == '%' && BeginsPlaceholder(view.substr(i))) ||
-                         (text[i] == '-' && IsOption(view, i));
+                         (text[i] == '-' && IsCommandOption(view, i));
     if (harmful) text[i] = kHarmless;
   }
 }
@@ -76,16 +68,18 @@ bool IsDots(std::string_view component) {
   return component == "." || component == "..";
 }
 
-/// What stands around the value may complete its first and last component.
+/// What stands around the value may complete its first and last component. Where no quotes hold it
+/// together, so it may those in front of a blank and behind one.
 void CleanPath(std::string& text) {
   for (std::size_t i = 2; i < text.size(); ++i) {
     if (text[i] == '/' && text[i - 1] == '.' && text[i - 2] == '.') text[i] = kHarmless;
   }
-  const std::size_t last = text.rfind('/') + 1;  // 0 without a '/'
-  if (IsDots(std::string_view(text).substr(last)))
-    text.replace(last, std::string::npos, 1, kHarmless);
-  const std::size_t first = std::min(text.find('/'), text.size());
-  if (IsDots(std::string_view(text).substr(0, first))) text.replace(0, first, 1, kHarmless);
+  for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end + 1) {
+    end = std::min(text.find_first_of("/ ", begin), text.size());
+    if (!IsDots(std::string_view(text).substr(begin, end - begin))) continue;
+    text.replace(begin, end - begin, 1, kHarmless);
+    end = begin + 1;
+  }
 }
 
 // --- files --------------------------------------------------------------------------------------
@@ -100,12 +94,13 @@ void CleanMigrationMarks(std::string& text) {
 
 }  // namespace
 
-std::size_t CountCommandOptions(std::string_view text) {
-  std::size_t count = 0;
-  for (std::size_t i = text.find('-'); i < text.size(); i = text.find('-', i + 1)) {
-    if (IsOption(text, i)) ++count;
-  }
-  return count;
+bool IsCommandOption(std::string_view text, std::size_t place) {
+  const std::string_view option = text.substr(place);
+  return IsOptionPlace(text, place) &&
+         std::ranges::any_of(kCommandOptions, [option](std::string_view name) {
+           return runtime::StartsWithNoCase(option, name) &&
+                  (option.size() == name.size() || option[name.size()] == ' ');
+         });
 }
 
 bool Misleads(char32_t character) {
@@ -133,6 +128,14 @@ std::string CleanLineStart(std::string_view cleaned) {
   if (first != value.end() && kLineStarts.find(*first) != std::string_view::npos) {
     *first = kHarmless;
   }
+  return value;
+}
+
+std::string CleanBlockMarks(std::string_view cleaned) {
+  std::string value(cleaned);
+  std::ranges::replace_if(
+      value, [](char c) { return c == '<' || c == '>'; }, kHarmless);
+  if (value.ends_with('/')) value.back() = kHarmless;
   return value;
 }
 

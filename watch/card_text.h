@@ -1,6 +1,7 @@
 // Texts that a card, or a library that a command calls, says of itself.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -13,14 +14,14 @@ namespace qixx::watch {
 /// - double quotes, '|', and a '>' that stands alone (between blanks, ends and '%');
 /// - the '%' of what would be read as a placeholder, also where the text ends within its name;
 /// - the '-' of what would be read as an option of a command that reads its own text;
-/// - a '/' behind "..", and a first or last component of a path that consists of dots;
+/// - a '/' behind "..", and a component of a path that consists of one or two dots;
 /// - the blank in a name that makes a configuration file pass for one of an older version.
 /// The result is not longer than the text. Parts of a cleaned text are to be cleaned again, since
 /// something may stand alone, or at an end, in them.
 [[nodiscard]] std::string CleanCardText(std::string_view text);
 
-/// How many options the text has of those that a command looks for in its own text.
-[[nodiscard]] std::size_t CountCommandOptions(std::string_view text);
+/// Whether one of the options begins at `place` that a command looks for in its own text.
+[[nodiscard]] bool IsCommandOption(std::string_view text, std::size_t place);
 
 /// Whether a character is a control character (C0 or C1) or turns the direction of writing: shown
 /// as it is it would have a reader see another text than there is.
@@ -29,5 +30,8 @@ namespace qixx::watch {
 /// The same value for the start of a line of a file: what would make a section, a block or a
 /// comment of the line becomes '_'.
 [[nodiscard]] std::string CleanLineStart(std::string_view cleaned);
+/// The same value for a file that may have blocks, which is one with a '<' in it: what would begin
+/// a block or, with a '>' behind it or not, end one becomes '_'.
+[[nodiscard]] std::string CleanBlockMarks(std::string_view cleaned);
 
 }  // namespace qixx::watch

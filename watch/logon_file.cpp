@@ -17,6 +17,7 @@
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
+#include "watch/card_text.h"
 #include "watch/file_scope.h"
 #include "watch/placeholders.h"
 
@@ -218,8 +219,10 @@ bool EditedFile::Restore() {
 
 bool EditedFile::Set(std::string_view name, std::string_view value) {
   fault_ = "not all of it can be set";
-  if (name.starts_with('%') ? ReplaceAll(text_, name, value, limit_, budget_)
-                            : SetKey(name, value)) {
+  const bool mayHaveBlocks = text_.find('<') != std::string::npos;
+  const std::string clean = mayHaveBlocks ? CleanBlockMarks(value) : std::string(value);
+  if (name.starts_with('%') ? ReplaceAll(text_, name, clean, limit_, budget_)
+                            : SetKey(name, clean)) {
     return true;
   }
   if (budget_.IsSpent()) {

@@ -7,6 +7,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/card_text.h"
+#include "watch/command_text.h"
 
 namespace qixx::watch {
 namespace {
@@ -27,7 +28,7 @@ std::string FillFromCard(CardReader& card, std::string_view match, std::string t
   return ReplaceLogonPlaceholders(*values, std::move(text), maxLength);
 }
 
-/// Whether what comes next may become the first of its line that is no blank: other placeholders in
+/// Whether what comes next may decide what its line is: other placeholders in
 /// front may come to nothing. After many of them it may, without a further look. Follows a text
 /// that grows at its end and is cut there, though not across a line end.
 class LineStart {
@@ -40,7 +41,8 @@ class LineStart {
     for (std::size_t i = line; i < piece.size() && !IsSettled(); ++i) {
       if (piece[i] == '%') {
         marks_.push_back(at + i);
-      } else if (piece[i] != ' ' && runtime::IsAscii(piece[i]) && MayBeHere()) {
+      } else if (kNoStart.find(piece[i]) == kNoStart.npos && runtime::IsAscii(piece[i]) &&
+                 MayBeHere()) {
         other_ = at + i;
       }
     }
@@ -55,6 +57,8 @@ class LineStart {
 
  private:
   static constexpr std::size_t kMaxMarks = 128;
+  /// A single '/' is nothing yet: two make a comment.
+  static constexpr std::string_view kNoStart = " /";
 
   [[nodiscard]] bool IsSettled() const {
     return other_ != std::string::npos || marks_.size() >= kMaxMarks;
@@ -174,26 +178,22 @@ std::string ExpandLogonPlaceholders(CardReader& card, std::string_view match, st
 
 std::string ReplaceLogonPlaceholders(const LogonValues& values, std::string text,
                                      std::size_t maxLength) {
-  const std::size_t options = CountCommandOptions(text);
-  const auto replace = [&](std::string_view name, std::string_view value) {
-    std::string filled = text;
-    runtime::ReplaceAllNoCase(filled, name, value, maxLength);
-    // A value may complete an option of what stands around it.
-    if (CountCommandOptions(filled) <= options) text = std::move(filled);
-  };
+  CommandText command(std::move(text), maxLength);
   for (const NamedPlaceholder& placeholder : kNamedPlaceholders) {
-    replace(placeholder.name, placeholder.valueOf(values));
+    command.Fill(placeholder.name, placeholder.valueOf(values));
   }
   for (const SubjectPlaceholder& component : SubjectPlaceholders(values.subject)) {
-    replace(component.name, component.value);
+    command.Fill(component.name, component.value);
   }
-  return text;
+  return command.Text();
 }
 
 bool ReplaceAll(std::string& text, std::string_view name, std::string_view value,
                 std::size_t maxLength, WalkBudget& budget) {
   OnePassReplacement replacement(name, value);
-  if (replacement.Find(text) == std::string::npos) return text.size() <= maxLength;
+  const std::size_t first = std::min(text.find(name.front()), text.size());
+  if (!budget.Take(text.size() - first)) return false;
+  if (replacement.Find(text, first) == std::string::npos) return text.size() <= maxLength;
   std::optional<std::string> after = replacement.Apply(text, maxLength, budget);
   if (!after) return false;
   if (!value.empty() && config::LooksOld(*after) && !config::LooksOld(text)) return false;

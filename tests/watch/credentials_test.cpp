@@ -46,6 +46,7 @@ TEST(CardText, IsOnlyEverText) {
       {"./a/.b/c..", "_/a/.b/c.."},
       {".", "_"},
       {"/", "/"},
+      {".. x . y/.. .", "_ x _ y/_ _"},
       // no mark of an old file, whose sections would be renamed
       {"Soft Tokens, soft tokens", "Soft_Tokens, soft tokens"},
   };
@@ -56,6 +57,8 @@ TEST(CardText, IsOnlyEverText) {
   // The reader of a configuration drops what is not ASCII in front of its first line.
   EXPECT_EQ(watch::CleanLineStart(" \xc3\xa9[Evil] x"), " \xc3\xa9_Evil] x");
   EXPECT_EQ(watch::CleanLineStart("a [b]"), "a [b]");
+  EXPECT_EQ(watch::CleanLineStart("//x"), "_/x");
+  EXPECT_EQ(watch::CleanBlockMarks("<x/>/y/"), "_x/_/y_");
   EXPECT_EQ(watch::SplitPrincipalName(">@b@c").user, "_");
   EXPECT_EQ(watch::SplitPrincipalName("a@>").domain, "_");
   std::string all;
@@ -135,12 +138,39 @@ TEST(Placeholders, AreReplacedInCommandsWithinTheirLimit) {
   for (const auto& [text, limit, expected] : rows) {
     EXPECT_EQ(watch::ReplaceLogonPlaceholders(values, text, limit), expected) << text;
   }
-  const watch::LogonValues joined = {.upn = "x -con@fig /other",
-                                     .subject = "o=Ex.,cn=config /other"};
-  EXPECT_EQ(watch::ReplaceLogonPlaceholders(joined, "%OID.o%-%OID.cn% -config /own", 511),
-            "Ex.-%OID.cn% -config /own")
-      << "no option comes about at the edge of a value";
-  EXPECT_EQ(watch::ReplaceLogonPlaceholders(joined, "%USERNAME%%DOMAIN%", 511), "x -con%DOMAIN%");
+}
+
+TEST(Placeholders, NoValueMakesAnotherCommand) {
+  const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
+      // A bare value may be many arguments.
+      {"echo %UPN% %OID.cn%", " a  b", "c >d", "echo  a  b c >d"},
+      // no redirection that the line does not have
+      {"echo Card of <%UPN%> %OID.cn%", "owns this line ", "/victim",
+       "echo Card of <%UPN%> /victim"},
+      {"echo %USERNAME%>%DOMAIN%", "evil @ /victim", "", "echo evil >%DOMAIN%"},
+      {"parallel application sh a%UPN%> %OID.cn%", "x ", "y", "parallel application sh a%UPN%> y"},
+      {"echo %UPN%> /f", "", "", "echo %UPN%> /f"},
+      {"echo %OID.%UPN%%> /f", "cn", "x ", "echo %OID.cn%> /f"},
+      {"echo > /f %UPN%", "", "", "echo > /f %UPN%"},
+      // none less, and to no other file
+      {"echo \"%UPN%\" > /f-%OID.cn%", "a b", "c d", "echo \"a b\" > /f-%OID.cn%"},
+      {"echo \"%UPN%\" > \"/f-%OID.cn%\"", "a b ", "c d ", "echo \"a b \" > \"/f-c d \""},
+      // no quotes that hold something else together
+      {"say --text=\"%OID.cn%\" -t \"%UPN%\"", "a b c", "x ",
+       "say --text=\"%OID.cn%\" -t \"a b c\""},
+      {"say --text=\"%OID.cn%\" -t \"%UPN%\"", "a b c", "x y", "say --text=\"x y\" -t \"a b c\""},
+      {"say %UPN%\"x y\"", "", "", "say %UPN%\"x y\""},
+      // no option that comes about at the edge of a value, also where another one goes
+      {"%USERNAME%-%OID.cn% -config /own", "Ex.", "config /other", "Ex.-%OID.cn% -config /own"},
+      {"%USERNAME%%DOMAIN%", "x -con@fig /other", "", "x -con%DOMAIN%"},
+      {"set %OID.cn%-config /own -%OID.cn% /other", "", "config",
+       "set config-config /own -%OID.cn% /other"},
+      {"set %UPN%-config /other -config /own", "50%", "", "set %UPN%-config /other -config /own"},
+  };
+  for (const auto& [text, upn, name, expected] : rows) {
+    const watch::LogonValues values = {.upn = upn, .subject = std::string("cn=") + name};
+    EXPECT_EQ(watch::ReplaceLogonPlaceholders(values, text, 511), expected) << text;
+  }
 }
 
 TEST(Placeholders, EachAloneHasTheCardRead) {

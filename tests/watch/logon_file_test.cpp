@@ -280,7 +280,14 @@ TEST(LogonFiles, PlaceholdersFillHugeTextsWithinTheBudget) {
   EXPECT_TRUE(watch::ReplaceAll(oneLine, "%USERNAME%", "[x", kMany * 100, budget));
   EXPECT_EQ(oneLine.size(), 2 * kMany + 1);
   std::string percents(16U << 20, '%');
+  watch::WalkBudget percentsAlone(percents.size() - 1);
   EXPECT_TRUE(watch::ReplaceAll(percents, "%OID.2.5.4.3%", "v", percents.size(), budget));
+  EXPECT_FALSE(watch::ReplaceAll(percents, "%OID.2.110%", "v", percents.size(), percentsAlone))
+      << "looking costs as well";
+  std::string zeros(64U << 20, '0');
+  for (int component = 0; component < 50; ++component) {
+    EXPECT_TRUE(watch::ReplaceAll(zeros, "%OID.2.110%", "v", zeros.size(), budget));
+  }
   const std::string nested = std::string(1000, '%') + "OID.cn" + std::string(1000, '%');
   watch::WalkBudget small(nested.size() * watch::kStepCost);
   for (watch::WalkBudget* const each : {&small, &budget}) {
@@ -495,6 +502,10 @@ TEST(LogonFiles, GetsWhatANameMeansThroughALinkThatStays) {
       {"%X%%X%", "%X%", "<", "_<"},
       {"\xc3\xa9%X%\n", "%X%", "[b]", "\xc3\xa9_b]\n"},
       {"%A%X%%%X%%X% %X%", "%X%", "#", "%A#%_# #"},
+      {"%X%\n/%X%\n/a/%X%", "%X%", "/x", "_x\n/_x\n/a//x"},
+      {"<off %X%\n[B]\nk=v\n/> %X%\n", "%X%", "<x/>", "<off _x/_\n[B]\nk=v\n/> _x/_\n"},
+      {"<off %X%>\n[A]\nk=1\n/>\n", "%X%", "x/", "<off x_>\n[A]\nk=1\n/>\n"},
+      {"<off >\n[A]\nk=1\n", "k", "x/>y", "<off >\n[A]\nk=x/_y\n"},
       {"[A]\nk=1\nK=2\n[a]\nk=3\n", "k", "v", "[A]\nk=v\nK=2\n[a]\nk=3\n"},
       // No value makes a file old, but one that is stays one.
       {"[%X% Tokens]\n", "%X%", "Soft", "[%X% Tokens]\n"},

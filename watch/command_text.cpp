@@ -1,0 +1,77 @@
+#include "watch/command_text.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "runtime/process.h"
+#include "runtime/text.h"
+#include "watch/card_text.h"
+
+namespace qixx::watch {
+namespace {
+
+constexpr char kFromCard = '\0';
+constexpr char kNoMark = ' ';
+constexpr char kRedirects = '|';
+/// What may be more than text.
+constexpr std::string_view kMarks = "\">-";
+
+/// The marks of a text: a quote that begins or ends an argument, a '>' that is one, and the '-' of
+/// an option.
+std::string MarksOf(std::string_view text) {
+  std::string marks(text.size(), kNoMark);
+  const auto mark = [&](std::string_view token) { marks[token.data() - text.data()] = token[0]; };
+  std::string_view line = text;
+  while (const std::optional<std::string_view> token = runtime::TakeToken(line)) {
+    if (*token == ">" || token->front() == '"') mark(*token);
+    if (token->front() == '"' && token->ends_with('"')) mark(token->substr(token->size() - 1));
+  }
+  for (std::size_t at = text.find('-'); at < text.size(); at = text.find('-', at + 1)) {
+    if (IsCommandOption(text, at)) mark(text.substr(at));
+  }
+  return marks;
+}
+
+/// The same for two texts that differ only in harmless values of a card: what each of the
+/// administrator's characters is that may be a mark, and the card's that are one.
+std::string StructureOf(std::string text, std::string_view origin) {
+  std::string structure(runtime::RedirectsOutput(runtime::SplitArguments("", text)) ? 1 : 0,
+                        kRedirects);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    // A placeholder that still stands there is a word: an option has to begin outside of words.
+    if (origin[i] == '%') text[i] = 'x';
+  }
+  const std::string marks = MarksOf(text);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (marks[i] != kNoMark || kMarks.find(origin[i]) != std::string_view::npos)
+      structure.push_back(marks[i]);
+  }
+  return structure;
+}
+
+}  // namespace
+
+CommandText::CommandText(std::string text, std::size_t maxLength)
+    : text_(std::move(text)),
+      origin_(text_),
+      maxLength_(maxLength),
+      structure_(StructureOf(text_, origin_)) {}
+
+void CommandText::Fill(std::string_view placeholder, std::string_view value) {
+  std::size_t at = runtime::FindTextNoCase(text_, placeholder);
+  while (at != std::string::npos &&
+         text_.size() - placeholder.size() + value.size() <= maxLength_) {
+    std::string text = text_;
+    std::string origin = origin_;
+    text.replace(at, placeholder.size(), value);
+    origin.replace(at, placeholder.size(), value.size(), kFromCard);
+    const bool isAlike = StructureOf(text, origin) == structure_;
+    if (isAlike) {
+      text_ = std::move(text);
+      origin_ = std::move(origin);
+    }
+    at = runtime::FindTextNoCase(text_, placeholder, at + (isAlike ? value : placeholder).size());
+  }
+}
+
+}  // namespace qixx::watch

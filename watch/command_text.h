@@ -1,0 +1,31 @@
+// A command's text, into which values of a card are put.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace qixx::watch {
+
+/// Keeps what the administrator meant: with the values in it the text has the same quotes, options
+/// and redirection as with a single word in the place of each, and no other '>' stands alone.
+class CommandText {
+ public:
+  /// `maxLength` is how long the values may make the text.
+  CommandText(std::string text, std::size_t maxLength);
+
+  /// Puts a cleaned value in the place of a placeholder, whose letter case is ignored, wherever it
+  /// stands. One whose value would make another text of it stays, and so do those behind the first
+  /// for which there is no room.
+  void Fill(std::string_view placeholder, std::string_view value);
+
+  [[nodiscard]] const std::string& Text() const { return text_; }
+
+ private:
+  std::string text_;
+  std::string origin_;  ///< the text with zero bytes in the place of what the card says
+  std::size_t maxLength_;
+  const std::string structure_;
+};
+
+}  // namespace qixx::watch
