@@ -132,6 +132,10 @@ void CheckSections(const CheckedWatcher& watcher, CheckedConfiguration& configur
     mistakes.Add(watcher.place, "watcher " + name + " has nothing to run",
                  "an entry 1 in section " + Quoted(insert) + " or " + Quoted(remove) + " is meant");
   }
+  if (runtime::EqualsNoCase(watcher.record.section, kLogonSection)) {
+    mistakes.Add(watcher.place, "watcher " + name + " ends at once",
+                 "another name is meant: this platform does not tell who is logged on");
+  }
   mistakes.Add(lists.Read(EventKind::kInsert, insert).mistakes);
   mistakes.Add(lists.Read(EventKind::kRemove, remove).mistakes);
 }

@@ -25,6 +25,8 @@ inline constexpr std::uint64_t kEndlessRounds = 4294967295;
 
 /// The watcher's section where none is named.
 inline constexpr std::string_view kDefaultSection = "Watch";
+/// That of the logon variant.
+inline constexpr std::string_view kLogonSection = "Logon";
 /// The rest of a watcher whose commands stand in the configuration.
 inline constexpr std::string_view kConfigWord = "config";
 

@@ -37,10 +37,12 @@ constexpr std::uint64_t kFailuresPerQuestion = 3;
 /// For so many rounds, about 3 s, a removal waits for a configuration that was missing or empty,
 /// as while an editor writes it anew; one that was taken away on purpose runs nothing later.
 constexpr unsigned kUnreadRounds = 9;
-/// Whatever else is owed is tried in each of the first 30 rounds, then in every thirtieth.
+/// Whatever else is owed, or missed, is tried in each of the first 30 rounds, then in every
+/// thirtieth.
 constexpr unsigned kEagerRounds = 30;
-
-constexpr std::string_view kLogonSection = "Logon";
+[[nodiscard]] constexpr bool IsTurn(std::uint64_t round) {
+  return round <= kEagerRounds || round % kEagerRounds == 0;
+}
 
 /// A library that leaks descriptors until there are none left must keep no removal from being run:
 /// its configuration has to be opened. So some are held, and given back for the time of an event.
@@ -137,20 +139,19 @@ class SlotWatch {
   /// none, so that the remove commands bring the desktop into its state without a card; later a
   /// removal or a card that the library did not tell of.
   std::optional<CK_SLOT_ID> EventSlot(const PolledEvent& polled, bool initialisedLate) {
-    catchUp_ = catchUp_ || initialisedLate || polled.initialisedAgain;
+    if (initialisedLate || polled.initialisedAgain) looks_ = 0;
     const bool mayBeLost = FollowFailures(polled.failure);
-    if (polled.failure == CKR_OK && std::exchange(isDoubtful_, false)) catchUp_ = true;
+    if (polled.failure == CKR_OK && std::exchange(isDoubtful_, false)) looks_ = 0;
     if (polled.slot) {
-      catchUp_ = catchUp_ || mayBeLost;
+      if (mayBeLost) looks_ = 0;
       return polled.slot;
     }
     if (firstRound_) return LookForToken();
-    if (std::exchange(isUntold_, false) && HasGone()) return connected_;
-    if (mayBeLost && HasGone()) {
+    if ((std::exchange(isUntold_, false) || mayBeLost) && HasGone()) {
       isDoubtful_ = true;
       return connected_;
     }
-    return catchUp_ ? MissedSlot() : std::nullopt;
+    return looks_ ? MissedSlot() : std::nullopt;
   }
   /// Whether the connected card went without a word of the library.
   [[nodiscard]] bool HasGone() const {
@@ -171,12 +172,14 @@ class SlotWatch {
     return failures_ % kFailuresPerQuestion == 0;
   }
   /// A library that came up late reports nothing from before: neither that the connected card has
-  /// gone, which comes first, nor that a card is there.
+  /// gone, which comes first, nor that a card is there. Its slots may give no answer for a while
+  /// longer, so it is asked until there is a card.
   std::optional<CK_SLOT_ID> MissedSlot() {
     if (!card_.IsInitialised()) return std::nullopt;  // finalised once more: nothing to ask
     if (HasGone()) return connected_;
-    const CK_SLOT_ID slot = connected_ == kNoSlot ? LookForToken() : kNoSlot;
-    catchUp_ = false;
+    CK_SLOT_ID slot = kNoSlot;
+    if (connected_ == kNoSlot && IsTurn(++*looks_)) slot = LookForToken();
+    if (connected_ != kNoSlot || slot != kNoSlot) looks_.reset();
     return slot == kNoSlot ? std::nullopt : std::optional(slot);
   }
 
@@ -219,7 +222,9 @@ class SlotWatch {
   void FollowMark() {
     const CK_SLOT_ID slot = LookForToken();
     if (slot != kNoSlot && IsFirstOfItsGroup(slot)) HandleToken(slot);
-    if (connected_ == kNoSlot) RunNewRemoval(kNoSlot);
+    if (connected_ != kNoSlot) return;
+    isDoubtful_ = true;
+    RunNewRemoval(kNoSlot);
   }
   void RunNewRemoval(CK_SLOT_ID slot) {
     owedRounds_ = 0;
@@ -242,7 +247,7 @@ class SlotWatch {
       if (owedRounds_ >= kUnreadRounds) Settle();
       return;
     }
-    if (!hasEvent && owedRounds_ > kEagerRounds && owedRounds_ % kEagerRounds != 0) return;
+    if (!hasEvent && !IsTurn(owedRounds_)) return;
     if (owed_.isWhole) return RunRemoval(owedSlot_);
     RunOwedCommands(record_, owedSlot_, platform_, owed_.commands);
     if (owed_.IsNothing()) Settle();
@@ -284,7 +289,8 @@ class SlotWatch {
   bool isUntold_ = false;       ///< a card was found without an event of the library
   std::uint64_t failures_ = 0;  ///< polls in a row that failed
   bool isDoubtful_ = false;     ///< a card counts as gone that a failing library may have hidden
-  bool catchUp_ = false;  ///< what a library that came up late missed is still to be looked for
+  /// How often a card was looked for of which the library may never tell; nothing when none is.
+  std::optional<std::uint64_t> looks_;
 };
 
 // --- the run ------------------------------------------------------------------------------------

@@ -166,6 +166,11 @@ Watch=config Door => watcher 'Door' has nothing to run; an entry 1 in section 'W
 #1=@/program
 )");
   Expect(R"([Command]
+Watch=config logon => watcher 'logon' ends at once; another name
+[Watch logon Remove]
+1=@/program
+)");
+  Expect(R"([Command]
 Watch=config Watch|Door
 Watch Door=-match "x" config Watch => double quotes do not reach an extra watcher
 [Watch Insert]

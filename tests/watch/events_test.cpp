@@ -590,15 +590,23 @@ TEST(SlotLoop, PollsThatFailHideCardsForAWhileOnly) {
             "Connected slot 1;Already connected;Disconnected slot 1;Connected slot 4;")
       << "the first poll that works tells of another slot";
 
-  Scripted same(std::vector<Poll>{{1, {{1}}}});
-  same.reader.inPoll = [&reader = same.reader](watch::PolledEvent& polled) {
-    const bool fails = reader.taken > 1 && reader.taken < 6;
-    if (fails) polled.failure = CKR_DEVICE_ERROR;
-    reader.tokens.clear();
-    if (!fails) reader.tokens = {{1}};
+  struct Row {
+    std::size_t heals;  ///< the first poll that works again; all from the second on fail
+    std::size_t back;   ///< the first poll behind which the slot answers again
+    std::size_t found;  ///< the poll that finds the card again
   };
-  EXPECT_EQ(LoopRun(same, Record("kill nothing", 8)).Slots(),
-            "Connected slot 1;Disconnected slot 1;Connected slot 1;");
+  for (const Row row : {Row{6, 6, 6}, {6, 20, 20}, {6, 40, 65}, {2, 3, 3}}) {
+    Scripted same(std::vector<Poll>{{0, {{1}}}});
+    same.reader.inPoll = [&reader = same.reader, row](watch::PolledEvent& polled) {
+      if (reader.taken > 1 && reader.taken < row.heals) polled.failure = CKR_DEVICE_ERROR;
+      reader.tokens.clear();
+      if (reader.taken == 1 || reader.taken >= row.back) reader.tokens = {{1}};
+    };
+    const LoopRun run(same, Record("kill nothing", 70));
+    EXPECT_EQ(run.Slots(), "Connected slot 1;Disconnected slot 1;Connected slot 1;") << row.back;
+    const auto last = std::ranges::find(same.clock.slept.rbegin(), same.clock.slept.rend(), 333U);
+    EXPECT_EQ(71 - static_cast<std::size_t>(last - same.clock.slept.rbegin()), row.found);
+  }
 }
 
 TEST(SlotLoop, DescriptorOfTheLibraryEndsPausesEarlyUnlessItStaysReadable) {
