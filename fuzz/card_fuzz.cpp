@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "config/file.h"
+#include "config/scan.h"
 #include "der/names.h"
 #include "fuzz/fuzz.h"
 #include "runtime/process.h"
@@ -55,7 +56,8 @@ constexpr std::string_view kFile =
     "[Logon]\nUsername=\nDomain=x\nName=%USERNAME%\nname2=a|%OID.cn%|%OID.o%\n; %SUBJECT%\n"
     "%USERNAME% = \n  %DOMAIN%%USERNAME%x\n%OID.none%%OID.cn% y\n# z\n"
     "[Watch Remove]\n1=note \"%OID.cn%\"\n%SUBJECT%%SERIALNUMBER% z\n-[%OID.o%\n%OID.ou%w\n"
-    "<Image =\nAA==/>\n";
+    "<Image =\nAA==/>\n<off for %OID.cn%\n[Hidden]\n1=%OID.o%>\n/> "
+    "%OID.ou%\n[Seen]\n1=%OID.ou%/>\n";
 
 /// The kinds of string that a certificate may have (ITU-T X.680).
 constexpr int kStringTags[] = {0x0C, 0x13, 0x14, 0x16, 0x1C, 0x1E};
@@ -156,6 +158,7 @@ void RequireAlike(const std::string& text, std::string_view before) {
   Require(text.size() <= watch::MaxFilledText(before.size()));
   Require(Shape(text) == Shape(std::string(before)));
   Require(text.find("\n1=note \"") != std::string::npos);
+  Require(!config::FindSection(text, "Hidden") && config::FindSection(text, "Seen"));
 }
 
 void TryFile(watch::CardReader& card, const char* command) {
