@@ -191,9 +191,10 @@ struct Listing {
 /// environment is changed so that the library, too, makes no directory and no trace.
 [[nodiscard]] Listing CollectListing();
 
-/// For people, in lines of at most 79 characters; longer values go on in the next line, below their
-/// beginning. Bytes that are not UTF-8, and characters that control a terminal or turn the
-/// direction of writing, are shown as "\x9b" and "\u202e".
+/// For people, in lines that take at most 79 columns of a terminal. What is longer goes on in the
+/// next line, behind the column where any other line begins, so that no value looks like a line of
+/// its own. Bytes that are not UTF-8, and characters that control a terminal or turn the direction
+/// of writing, are shown as "\x9b" and "\u202e".
 [[nodiscard]] std::string TextOf(const Listing& listing);
 /// For programs, as one JSON object (RFC 8259), which qixxwatch(1) describes, with a line end. It
 /// is UTF-8 whatever the texts hold: bytes that are not become U+FFFD. Characters that control a

@@ -13,8 +13,11 @@ namespace qixx::watch {
 namespace {
 
 constexpr std::size_t kLineWidth = 79;
-/// Where the names of values begin, and their values.
+/// Where lines begin that begin something, and those with a name and its value.
+constexpr std::size_t kHeadColumn = 2;
 constexpr std::size_t kNameColumn = 4;
+/// Where values begin, and whatever goes on in another line: no text of a card, or of somebody
+/// else's file, may look like a line of its own.
 constexpr std::size_t kValueColumn = 20;
 
 /// The characters of a text as they are shown, each by itself.
@@ -35,6 +38,12 @@ std::vector<std::string> Shown(std::string_view text) {
   return shown;
 }
 
+/// The most columns that a terminal gives to what is shown of one character. Beyond ASCII that
+/// depends on terminal and language, but none gives more than two.
+std::size_t MostColumns(const std::string& shown) {
+  return runtime::IsAscii(shown[0]) ? shown.size() : 2;
+}
+
 class TextWriter {
  public:
   void Title(std::string_view title) {
@@ -42,34 +51,41 @@ class TextWriter {
     text_.append(title).append(1, '\n');
   }
   /// A line that begins something within a title.
-  void Head(std::string_view head) { Value(std::string(2, ' '), 2, head); }
-  /// Left out when it is empty.
+  void Head(std::string_view head) {
+    Begin(kHeadColumn);
+    Add(head);
+    text_ += '\n';
+  }
+  /// Left out when the value is empty.
   void Line(std::string_view name, std::string_view value) {
     if (value.empty()) return;
-    std::string begin = std::string(kNameColumn, ' ').append(name).append(1, ' ');
-    if (begin.size() < kValueColumn) begin.resize(kValueColumn, ' ');
-    Value(begin, kValueColumn, value);
+    Begin(kNameColumn);
+    Add(name);
+    Add(std::string(column_ < kValueColumn ? kValueColumn - column_ : 1, ' '));
+    Add(value);
+    text_ += '\n';
   }
   [[nodiscard]] std::string Take() { return std::move(text_); }
 
  private:
-  void Value(const std::string& begin, std::size_t column, std::string_view value) {
-    text_ += begin;
-    std::size_t width = begin.size();
-    for (const std::string& character : Shown(value)) {
-      const bool isEscape = character.size() > 1 && character[0] == '\\';
-      const std::size_t added = isEscape ? character.size() : 1;
-      if (width + added > kLineWidth) {
-        text_.append(1, '\n').append(column, ' ');
-        width = column;
+  void Begin(std::size_t column) {
+    text_.append(column, ' ');
+    column_ = column;
+  }
+  void Add(std::string_view text) {
+    for (const std::string& character : Shown(text)) {
+      const std::size_t columns = MostColumns(character);
+      if (column_ + columns > kLineWidth) {
+        text_ += '\n';
+        Begin(kValueColumn);
       }
       text_ += character;
-      width += added;
+      column_ += columns;
     }
-    text_ += '\n';
   }
 
   std::string text_;
+  std::size_t column_ = 0;  ///< at most
 };
 
 // --- parts --------------------------------------------------------------------------------------

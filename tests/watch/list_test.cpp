@@ -89,8 +89,10 @@ TEST(Listing, JsonHoldsHostileTextsWhole) {
 }
 
 TEST(Listing, TextFitsATerminalAndDoesNotControlIt) {
-  const std::string text = "a\n\x1b[2J\u009b\u202e\xff" + std::string(300, 'x') + "\u00e9";
-  const std::string shown = "a\\x0a\\x1b[2J\\x9b\\u202e\\xff" + std::string(300, 'x') + "\u00e9";
+  std::string wide = std::string(300, 'x');
+  for (int i = 0; i < 50; ++i) wide += "\u6c34";
+  const std::string text = "a\n\x1b[2J\u009b\u202e\xff" + wide;
+  const std::string shown = "a\\x0a\\x1b[2J\\x9b\\u202e\\xff" + wide;
   const std::string listed = watch::TextOf(ListingOf(text));
   EXPECT_THAT(listed, ::testing::HasSubstr("slot 4: CKR_TOKEN_NOT_RECOGNIZED"));
   std::istringstream lines(listed);
@@ -98,15 +100,41 @@ TEST(Listing, TextFitsATerminalAndDoesNotControlIt) {
   for (std::string line; std::getline(lines, line);) {
     joined += line.substr(std::min(line.find_first_not_of(' '), line.size()));
     std::size_t width = 0;
-    for (std::string_view rest = line; !rest.empty(); ++width) {
+    for (std::string_view rest = line; !rest.empty();) {
       const std::optional<char32_t> character = runtime::TakeUtf8(rest);
-      EXPECT_TRUE(character && !watch::Misleads(*character)) << line;
+      ASSERT_TRUE(character && !watch::Misleads(*character)) << line;
+      width += *character < 0x80 ? 1 : 2;
     }
     EXPECT_LE(width, 79U) << line;
   }
   std::size_t count = 0;
   for (std::size_t at = 0; (at = joined.find(shown, at)) != joined.npos; ++at) ++count;
   EXPECT_EQ(count, 18U) << listed;
+}
+
+/// How many lines begin where names and heads do.
+std::size_t CountOwnLines(const std::string& text) {
+  constexpr std::size_t kValueColumn = 20;
+  watch::Listing listing = ListingOf(text);
+  listing.placeholders.push_back({text, "x", true});
+  std::istringstream lines(watch::TextOf(listing));
+  std::size_t count = 0;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find_first_not_of(' ') < kValueColumn) ++count;
+  }
+  return count;
+}
+
+TEST(Listing, NoTextLooksLikeALineOfTheListing) {
+  const std::size_t count = CountOwnLines("x");
+  for (std::size_t front = 1; front <= 80; ++front) {
+    for (const std::size_t blanks : {0, 1, 2, 4, 75}) {
+      const std::string text = std::string(front, 'x') + std::string(blanks, ' ') +
+                               "slot 4: admin" + std::string(64, ' ') + "  verdict         TAKEN" +
+                               std::string(80, ' ') + "Cards";
+      EXPECT_EQ(CountOwnLines(text), count) << front << " " << blanks;
+    }
+  }
 }
 
 }  // namespace
