@@ -1,10 +1,12 @@
 // The words for people: the help, and the texts that have to say the same.
 #include <gmock/gmock.h>
 
-#include <fstream>
+#include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <sstream>
 
+#include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
 #include "watch/command.h"
 #include "watch/option_table.h"
@@ -124,6 +126,39 @@ TEST(People, AllTextsNameTheSameOptions) {
     const std::string kind = isLong ? "-l " : name.size() == 2 ? "-s " : "-o ";
     EXPECT_THAT(fish, HasSubstr(kind + name.substr(isLong ? 2 : 1) + " "));
   }
+}
+
+/// What a completion offers is read from a file that anybody may have written.
+TEST(People, CompletionOffersNamesAndRunsNothing) {
+  const TemporaryFolder folder;
+  const ScopedVariable file(
+      "qixconfigglobal",
+      folder
+          .Write("x.conf",
+                 "[Watch Front Door Insert]\n[Watch it's Remove]\n[Watch * Insert]\n"
+                 "[Watch $(touch ${0%/*}/ran) Insert]\n[Watch `touch ran` Insert]\n"
+                 "[Watch a\\b Insert]\n[Other Insert]\n")
+          .c_str());
+  const std::string script =
+      folder.Write("ask",
+                   "cd ${0%/*}\nsource \"$1\"\nCOMP_WORDS=(qixxwatch config \"$2\") COMP_CWORD=2\n"
+                   "_qixxwatch qixxwatch \"${2#[\\\"\\']}\" config\n"
+                   // As it is when the line is entered.
+                   "(IFS=' '; eval \"printf '<%s>' ${COMPREPLY[*]}\")\n");
+  const auto offered = [&](const std::string& typed) {
+    const std::string answer = folder.Path("answer");
+    const std::string command = "LC_ALL=C bash " + script +
+                                " " QIXX_SOURCE_DIR "/packaging/completions/qixxwatch.bash '" +
+                                typed + "' > " + answer;
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    return TemporaryFolder::ReadFile(answer);
+  };
+  EXPECT_EQ(offered(""), "<Watch><$(touch ${0%/*}/ran)><*><Front Door><`touch ran`><a\\b><it's>");
+  EXPECT_EQ(offered("Fr"), "<Front Door>");
+  EXPECT_EQ(offered("Front\\ D"), "<Front Door>");
+  EXPECT_EQ(offered("\"Fr"), "<>");
+  EXPECT_EQ(offered("\"W"), "<Watch>");
+  EXPECT_FALSE(std::filesystem::exists(folder.Path("ran")));
 }
 
 TEST(People, HelpFitsATerminalAndKeepsQuotesFromTheShell) {
