@@ -26,6 +26,11 @@ ssize_t ReadFully(const Descriptor& file, char* buffer, std::size_t size) {
 }  // namespace
 
 Descriptor OpenRegular(const std::string& path, int flags, mode_t mode, int folder) {
+  // A device may act when it is merely opened: a tape rewinds, a watchdog starts to count.
+  struct stat named {};
+  const int links = (flags & O_NOFOLLOW) != 0 ? AT_SYMLINK_NOFOLLOW : 0;
+  const bool isThere = ::fstatat(folder, path.c_str(), &named, links) == 0;
+  if (isThere && !S_ISREG(named.st_mode)) return {};
   Descriptor file(::openat(folder, path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode));
   if (!S_ISREG(StatusOf(file).st_mode)) file.Close();
   return file;

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
@@ -62,6 +63,32 @@ TEST(WholeFiles, AreReadWhenRegularAndNotTooLarge) {
   for (const char* const name : {"step", "no size of its own", "empty"}) {
     EXPECT_EQ(ReadWholeFile(folder.Path(name)), folder.Read(name)) << name;
   }
+}
+
+/// A device may act when it is opened, wherever a link of somebody else leads to it.
+TEST(WholeFiles, NothingElseIsOpened) {
+  const TemporaryFolder folder;
+  const std::string pipe = folder.Path("pipe");
+  const std::string link = folder.Path("link");
+  const std::string file = folder.Write("file", "");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  fs::create_symlink(pipe, link);
+  const Descriptor opened(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  for (const std::string& watched : {pipe, file}) {
+    ASSERT_GT(::inotify_add_watch(opened.Get(), watched.c_str(), IN_OPEN), 0);
+  }
+  const auto isTold = [&opened] {
+    inotify_event event{};
+    return ::read(opened.Get(), &event, sizeof event) == sizeof event;
+  };
+  for (const std::string& path : {pipe, link}) {
+    for (const int flags : {O_RDONLY, O_RDONLY | O_NOFOLLOW, O_RDWR, O_RDWR | O_CREAT}) {
+      EXPECT_FALSE(OpenRegular(path, flags, 0600).IsOpen());
+      EXPECT_FALSE(isTold()) << path << " " << flags;
+    }
+  }
+  EXPECT_TRUE(OpenRegular(file, O_RDONLY).IsOpen());
+  EXPECT_TRUE(isTold());
 }
 
 TEST(WholeFiles, AreCopiedWhole) {
