@@ -8,6 +8,7 @@
 #include "config/store.h"
 #include "runtime/files.h"
 #include "runtime/product.h"
+#include "runtime/secrets.h"
 #include "watch/check_command.h"
 #include "watch/check_library.h"
 #include "watch/check_names.h"
@@ -38,16 +39,17 @@ class Summary {
   }
   void AddWatcher(const CheckedWatcher& watcher) {
     const CWatchOptions& record = watcher.record;
+    const runtime::MaskedLine line(watcher.line);
     AddLine("\nWatcher " + Quoted(watcher.name.empty() ? record.section : watcher.name) + " (" +
             Shown(watcher.place.file) + ":" + std::to_string(watcher.place.line) + ")" +
-            DescribeOptions(record));
+            DescribeOptions(record, line));
     switch (FormOf(record)) {
       case CommandForm::kSection:
         return AddSections(record);
       case CommandForm::kDirect:
-        return AddDirect(record);
+        return AddDirect(record, line);
       case CommandForm::kKeyword:
-        return AddKeyword(record);
+        return AddKeyword(record, line);
     }
   }
   void AddLine(std::string_view line) { text_.append(line).append(1, '\n'); }
@@ -71,24 +73,25 @@ class Summary {
     if (!list.hasEntries) AddLine("    nothing");
     for (const NumberedCommand& command : list.commands) {
       if (text_.size() >= kMaxSummary) return;
-      AddLine("    " + std::to_string(command.number) + ". " + DescribeCommand(kind, command.text));
+      AddLine("    " + std::to_string(command.number) + ". " +
+              DescribeCommand(kind, command.text, runtime::MaskedLine(command.line)));
     }
   }
-  void AddDirect(const CWatchOptions& record) {
+  void AddDirect(const CWatchOptions& record, const runtime::MaskedLine& line) {
     const std::optional<DirectCommand> command = DirectCommandOf(record);
     if (!command) return;
     AddLine("  On insertion:");
-    AddLine("    " + DescribeCommand(EventKind::kInsert, command->text));
+    AddLine("    " + DescribeCommand(EventKind::kInsert, command->text, line));
     if (!command->onRemoval) return;
     AddLine("  On removal:");
-    AddLine("    " + DescribeCommand(EventKind::kRemove, command->text));
+    AddLine("    " + DescribeCommand(EventKind::kRemove, command->text, line));
   }
-  void AddKeyword(const CWatchOptions& record) {
+  void AddKeyword(const CWatchOptions& record, const runtime::MaskedLine& line) {
     if (record.program.empty()) return;
-    const std::string file = Shown(record.configFile);
+    const std::string file = Shown(line.Part(record.configFile));
     AddLine("  On insertion:");
     if (!file.empty()) AddLine("    write the logon values into " + file);
-    AddLine("    start " + Shown(record.program + " " + record.arguments));
+    AddLine("    start " + Shown(line.Part(record.program) + " " + line.Part(record.arguments)));
     if (file.empty()) return;
     AddLine("  On removal:");
     AddLine("    put " + file + ".org back and clear it");

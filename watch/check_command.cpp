@@ -76,9 +76,9 @@ class CommandCheck {
       if (!word->starts_with('"')) {
         CheckBareWord(*word, isProgram);
       } else if (word->size() == 1 || !word->ends_with('"')) {
-        Add("a double quote is not closed", "one more is meant behind " + Quoted(*word));
+        Add("a double quote is not closed", "one more is meant behind " + report_.Quoted(*word));
       } else if (!line.empty() && !line.starts_with(' ')) {
-        Add("no blank stands behind the closing quote of " + Quoted(*word),
+        Add("no blank stands behind the closing quote of " + report_.Quoted(*word),
             "the rest becomes an argument of its own");
       }
       isProgram = false;
@@ -86,13 +86,14 @@ class CommandCheck {
   }
   void CheckBareWord(std::string_view word, bool isProgram) {
     if (word.starts_with('\'')) {
-      Add("single quotes hold nothing together: " + Quoted(word), "double quotes are meant");
+      Add("single quotes hold nothing together: " + report_.Quoted(word),
+          "double quotes are meant");
     } else if (word.find('"') != std::string_view::npos) {
-      Add("the double quote inside " + Quoted(word) + " holds nothing together",
+      Add("the double quote inside " + report_.Quoted(word) + " holds nothing together",
           "an argument has to begin with it");
     }
     if (!isProgram && use_.isFilled && HoldsPlaceholder(word)) {
-      Add("placeholder in " + Quoted(word) + " is not quoted, and a value may hold blanks",
+      Add("placeholder in " + report_.Quoted(word) + " is not quoted, and a value may hold blanks",
           "the argument is meant to stand in double quotes");
     }
   }
@@ -100,7 +101,7 @@ class CommandCheck {
     for (std::size_t i = 1; i < words.size(); ++i) {
       const std::string& word = words[i];
       if (std::ranges::find(kShellWords, word) != kShellWords.end()) {
-        Add(Quoted(word) + " is an argument like any other, for there is no shell",
+        Add(report_.Quoted(word) + " is an argument like any other, for there is no shell",
             "a script is meant, or /bin/sh -c \"...\"");
       } else if (word == ">" && i + 2 != words.size()) {
         Add("'>' is an argument like any other", "only a last '> FILE' takes the output");
@@ -121,7 +122,7 @@ class CommandCheck {
         return !word.starts_with('-') && !word.starts_with('+');
       });
       if (script == words.end() || !HoldsPlaceholder(*script)) continue;
-      return Add("a placeholder stands behind " + Quoted(*option) +
+      return Add("a placeholder stands behind " + report_.Quoted(*option) +
                      ", where a shell and its like take a script and run what the card says",
                  "give it as an argument behind the script, as in \"echo $1\" x \"%UPN%\"");
     }
@@ -147,8 +148,9 @@ class CommandCheck {
   void CheckSet(std::string_view text) {
     for (const std::string& word : runtime::SplitArguments("", text)) {
       if (!word.starts_with('-') || Contains(kCommandOptions, word)) continue;
-      Add("'set' knows no option " + Quoted(word),
-          MeantName(word, kCommandOptions, "-config FILE or -match TEXT is meant"));
+      Add("'set' knows no option " + report_.Quoted(word),
+          MeantName(report_.Hides(word) ? "" : word, kCommandOptions,
+                    "-config FILE or -match TEXT is meant"));
     }
     const SetOptions options = ParseSetOptions(text);
     if (!options.config.empty()) return CheckValuesPath(report_, use_.isFilled, options.config);
@@ -196,18 +198,19 @@ void CheckKeywordCommand(const Report& report, const CWatchOptions& record) {
   CheckValuesPath(report, false, record.configFile);
 }
 
-std::string DescribeCommand(EventKind kind, std::string_view text) {
+std::string DescribeCommand(EventKind kind, std::string_view text,
+                            const runtime::MaskedLine& line) {
   const CommandParts parts = SplitCommand(kind, text);
-  const std::string rest = Shown(parts.text);
+  const std::string rest = Shown(line.Part(parts.text));
   switch (parts.kind) {
     case CommandKind::kProgram:
     case CommandKind::kApplication:
       return "start " + rest;
     case CommandKind::kParallel:
-      return "at the same time: " + DescribeCommand(kind, parts.text);
+      return "at the same time: " + DescribeCommand(kind, parts.text, line);
     case CommandKind::kSet: {
       const SetOptions options = ParseSetOptions(parts.text);
-      const std::string file = Shown(options.config);
+      const std::string file = Shown(line.Part(options.config));
       if (kind == EventKind::kInsert) return "write the logon values into " + file;
       return options.restore ? "put " + file + ".org back and clear it" : "clear " + file;
     }
@@ -218,9 +221,9 @@ std::string DescribeCommand(EventKind kind, std::string_view text) {
     case CommandKind::kExtern:
       return "ask " + rest;
     case CommandKind::kNothing:
-      return "nothing, with success (" + Shown(text) + ")";
+      return "nothing, with success (" + Shown(line.Part(text)) + ")";
     case CommandKind::kFailure:
-      return "nothing, without success (" + Shown(text) + ")";
+      return "nothing, without success (" + Shown(line.Part(text)) + ")";
   }
   return {};
 }

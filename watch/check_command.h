@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "runtime/secrets.h"
 #include "watch/check_report.h"
 #include "watch/event.h"
 #include "watch/options.h"
@@ -21,7 +22,8 @@ void CheckCommand(const Report& report, const CommandUse& use, std::string_view 
 /// The program of the keyword form and its file, where no placeholder is replaced.
 void CheckKeywordCommand(const Report& report, const CWatchOptions& record);
 
-/// What the command does, in a few words.
-[[nodiscard]] std::string DescribeCommand(EventKind kind, std::string_view text);
+/// What the command, which is a part of the line, does in a few words.
+[[nodiscard]] std::string DescribeCommand(EventKind kind, std::string_view text,
+                                          const runtime::MaskedLine& line);
 
 }  // namespace qixx::watch

@@ -114,7 +114,9 @@ void CheckedFile::TakeNamed(const char* what, Line next, NamedLines<Line>& lines
 void CheckedFile::TakeOdd(std::string_view text, std::size_t line, std::string_view wrong,
                           std::string_view meant) {
   if (text.empty() || config::IsComment(text) || text.starts_with("//")) return;
-  odd_.Add(At(line), Quoted(config::EntryName(text)).append(wrong), meant);
+  // Without a name it may be the rest of a line above, and that of a secret.
+  const bool isNamed = text.find('=') != std::string_view::npos;
+  odd_.Add(At(line), (isNamed ? Quoted(config::EntryName(text)) : "the line").append(wrong), meant);
 }
 
 const CheckedEntry* CheckedFile::Find(std::string_view section, std::string_view entry) const {
@@ -158,7 +160,7 @@ void CheckedFile::CheckEntry(const CheckedEntry& entry, Mistakes& mistakes) cons
     report.Add("entry " + Quoted(name) + " looks like a secret, and others may read the file",
                "take their permission away (chmod go=), or keep the secret elsewhere");
   }
-  if (config::IsConditional(value)) CheckConditions(value, report);
+  if (config::IsConditional(value)) CheckConditions(value, {At(line), mistakes, value});
 }
 
 void CheckedFile::CheckConditions(std::string_view value, const Report& report) const {
@@ -168,8 +170,9 @@ void CheckedFile::CheckConditions(std::string_view value, const Report& report) 
     if (!alternative) break;
     if (!alternative->condition) {
       if (!rest) return;
-      return report.Add("what stands behind " + Quoted(alternative->value) + " is never taken",
-                        "'||' separates alternatives with conditions and is no \"or\" of a shell");
+      return report.Add(
+          "what stands behind " + report.Quoted(alternative->value) + " is never taken",
+          "'||' separates alternatives with conditions and is no \"or\" of a shell");
     }
     bool always = true;
     for (config::Rest terms = alternative->condition; const auto term = config::TakeTerm(terms);) {
@@ -186,13 +189,13 @@ void CheckedFile::CheckTerm(std::string_view term, const Report& report) const {
   if (term.empty()) return;
   const bool isNumber = term.front() >= '0' && term.front() <= '9';
   if (isNumber || runtime::StartsWithNoCase(term, "mode:")) {
-    report.Add("condition " + Quoted(term) + " never holds here",
+    report.Add("condition " + report.Quoted(term) + " never holds here",
                "'*', the name of a program or a {name} is meant");
   } else if (term.starts_with('{') && !IsNamedCondition(term)) {
-    report.Add("condition " + Quoted(term) + " is not defined and never holds",
+    report.Add("condition " + report.Quoted(term) + " is not defined and never holds",
                "section 'Condition' has to name it");
   } else if (IsBlank(term.front()) || IsBlank(term.back())) {
-    report.Add("condition " + Quoted(term) + " never holds for its blanks",
+    report.Add("condition " + report.Quoted(term) + " never holds for its blanks",
                "no blank may stand beside it");
   }
 }
@@ -239,12 +242,13 @@ std::optional<CheckedValue> CheckedConfiguration::Read(std::string_view section,
   Place place = System().At(line != nullptr ? line->line : 1);
   if (value->origin != config::ConfigOrigin::kEnvironment) {
     CheckLength(place, entry, value->text, maxLength, mistakes);
-    return CheckedValue{std::move(value->text), std::move(place)};
+    std::string whole(line != nullptr ? line->value : value->text);
+    return CheckedValue{std::move(value->text), std::move(place), std::move(whole)};
   }
   place = {std::string(runtime::Product().prefix)};
   place.file.append(":").append(section).append(":").append(entry);
   const std::size_t length = value->text.size();
-  if (length <= maxLength) return CheckedValue{std::move(value->text), std::move(place)};
+  if (length <= maxLength) return CheckedValue{value->text, std::move(place), value->text};
   mistakes.Add(place,
                "the value has " + std::to_string(length) + " characters and counts for nothing",
                MeantLength(maxLength));

@@ -109,6 +109,7 @@ inline constexpr std::array kCheckedRoles = {CheckedRole::kBeside, CheckedRole::
 struct CheckedValue {
   std::string text;
   Place place;
+  std::string line;  ///< what holds the text: all that stands there, with its conditions
 };
 
 class CheckedConfiguration {

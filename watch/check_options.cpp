@@ -47,7 +47,7 @@ void CheckValue(const Report& report, const PositionalRow& row, std::string_view
   const bool isNumbers = IsNumber(value.substr(0, bar)) &&
                          (bar == std::string_view::npos || IsNumber(value.substr(bar + 1)));
   if (!isNumbers) {
-    report.Add(Quoted(value) + " is no number of seconds", "\"5\" or \"5|2\" is meant");
+    report.Add(report.Quoted(value) + " is no number of seconds", "\"5\" or \"5|2\" is meant");
   }
 }
 
@@ -73,7 +73,7 @@ void CheckRest(const Report& report, std::string_view rest) {
   }
   if (rest.starts_with(' ')) {
     return report.Add("two blanks stand in front of " +
-                          Quoted(FirstWord(runtime::SkipBlanks(rest))) +
+                          report.Quoted(FirstWord(runtime::SkipBlanks(rest))) +
                           ", so no option behind them is read",
                       "one blank is meant");
   }
@@ -86,8 +86,9 @@ void CheckRest(const Report& report, std::string_view rest) {
   if (runtime::EqualsNoCase(word, "-p")) {
     return report.Add("'-p' without '-c' makes no keyword form", "-p PROGRAM -c FILE is meant");
   }
-  report.Add("unknown option " + Quoted(word),
-             MeantName(word, NamesOf(kPositionalOptions, NameOf), OrderOfOptions()));
+  report.Add("unknown option " + report.Quoted(word),
+             MeantName(report.Hides(word) ? "" : word, NamesOf(kPositionalOptions, NameOf),
+                       OrderOfOptions()));
 }
 
 /// Goes along the options as the parser did, to see how the quoted ones end.
@@ -128,8 +129,9 @@ void CheckKeywordForm(const Report& report, std::string_view text) {
     if (inQuotes || text[i] != '-' || (i != 0 && text[i - 1] != ' ')) continue;
     const std::string_view word = FirstWord(text.substr(i));
     if (Contains(names, word)) continue;
-    report.Add("unknown option " + Quoted(word),
-               MeantName(word, names, "a value that begins with '-' belongs in double quotes"));
+    report.Add("unknown option " + report.Quoted(word),
+               MeantName(report.Hides(word) ? "" : word, names,
+                         "a value that begins with '-' belongs in double quotes"));
   }
   if (inQuotes) report.Add("a double quote is not closed", "one more is meant");
 }
@@ -142,10 +144,10 @@ void CheckMatch(const Report& report, std::string_view match) {
   const bool isByte = digits.size() == 2 &&
                       digits.find_first_not_of("0123456789ABCDEFabcdef") == std::string_view::npos;
   if (!ParseMatchText(match)) {
-    report.Add("the match " + Quoted(match) + " cannot be read, so no card counts",
+    report.Add("the match " + report.Quoted(match) + " cannot be read, so no card counts",
                "TYPE=VALUE is meant, or NAME|FF");
   } else if (bar != std::string_view::npos && !isByte) {
-    report.Add(Quoted(digits) + " behind the last bar is no slot",
+    report.Add(report.Quoted(digits) + " behind the last bar is no slot",
                "two hexadecimal digits are meant, FF for every slot");
   }
 }
@@ -173,10 +175,11 @@ CWatchOptions CheckWatchCommand(const Report& report, std::string_view text) {
   return record;
 }
 
-std::string DescribeOptions(const CWatchOptions& record) {
+std::string DescribeOptions(const CWatchOptions& record, const runtime::MaskedLine& line) {
   std::string text;
   const auto add = [&text](std::string_view part) { text.append(", ").append(part); };
-  if (!record.match.empty()) add("insertions only of cards that match " + Quoted(record.match));
+  if (!record.match.empty())
+    add("insertions only of cards that match " + Quoted(line.Part(record.match)));
   if (record.recognized) add("only cards that can be read");
   if (record.insertWait != 0) add("insertions wait " + std::to_string(record.insertWait) + " s");
   if (record.removeWait != 0) add("removals wait " + std::to_string(record.removeWait) + " s");

@@ -86,7 +86,10 @@ std::string FindInPath(const std::string& name) {
 class PathCheck {
  public:
   PathCheck(const Report& report, std::string what, const std::string& path)
-      : report_(report), what_(std::move(what)), path_(path), named_(what_ + " " + Quoted(path)) {}
+      : PathCheck(report, std::move(what), path, report.Quoted(path)) {}
+  /// For a path that does not stand in the report's line as it is.
+  PathCheck(const Report& report, std::string what, const std::string& path, std::string quoted)
+      : report_(report), what_(std::move(what)), path_(path), quoted_(std::move(quoted)) {}
 
   /// Whether it is the whole path of a regular file; else that is said.
   [[nodiscard]] bool IsThere() {
@@ -96,12 +99,13 @@ class PathCheck {
     if (error == 0 && S_ISREG(status.st_mode)) return true;
     const std::string reason = " (" + std::string(runtime::ErrorText(error)) + ")";
     if (error == 0) {
-      report_.Add(Quoted(path_) + " is no regular file", "a " + what_ + " is meant");
+      report_.Add(quoted_ + " is no regular file", "a " + what_ + " is meant");
     } else if (error == EACCES) {
       Add(" cannot be reached" + reason,
           "rights for the service's user are meant, and for homes a unit without ProtectHome");
     } else {
-      report_.Add("there is no " + named_ + reason, "the path of one that is there is meant");
+      report_.Add("there is no " + what_ + " " + quoted_ + reason,
+                  "the path of one that is there is meant");
     }
     return false;
   }
@@ -116,14 +120,14 @@ class PathCheck {
     return false;
   }
   void Add(std::string_view wrong, std::string_view meant) {
-    report_.Add(std::string(named_).append(wrong), meant);
+    report_.Add(what_ + " " + quoted_ + std::string(wrong), meant);
   }
 
  private:
   const Report& report_;
   const std::string what_;
   const std::string& path_;
-  const std::string named_;
+  const std::string quoted_;
 };
 
 /// Of a path that holds a placeholder; where that is not filled it was told of already.
@@ -174,16 +178,18 @@ void CheckPlaceholders(const Report& report, bool isFilled, std::string_view tex
   while (const std::optional<Placeholder> found = NextPlaceholder(text, at)) {
     if (!found->isKnown) {
       const std::string_view nearest = NearestName(found->text, kPlaceholderNames);
-      if (nearest.empty()) continue;
-      report.Add("there is no placeholder " + Quoted(found->text), Quoted(nearest) + " is meant");
+      if (nearest.empty() || report.Hides(found->text)) continue;
+      report.Add("there is no placeholder " + report.Quoted(found->text),
+                 Quoted(nearest) + " is meant");
     } else if (!isFilled) {
-      report.Add("placeholder " + Quoted(found->text) + " is not filled here",
+      report.Add("placeholder " + report.Quoted(found->text) + " is not filled here",
                  "only the numbered commands of an insertion get values");
     }
   }
   const std::size_t open = runtime::FindTextNoCase(text, kComponentPrefix);
   if (open != std::string_view::npos && text.find('%', open + 1) == std::string_view::npos) {
-    report.Add("placeholder " + Quoted(text.substr(open)) + " has no end", "'%OID.cn%' is meant");
+    report.Add("placeholder " + report.Quoted(text.substr(open)) + " has no end",
+               "'%OID.cn%' is meant");
   }
 }
 
@@ -213,7 +219,7 @@ void CheckProgramPath(const Report& report, const std::string& program) {
   }
   PathCheck path(report, "program", program);
   if (program.find('/') == std::string::npos) {
-    const std::string found = FindInPath(program);
+    const std::string found = report.Hides(program) ? "" : FindInPath(program);
     path.Add(" has no path, and none is searched",
              found.empty() ? "a program's whole path, or a command's keyword, is meant"
                            : Quoted(found) + " is meant");
@@ -237,8 +243,9 @@ void CheckDocumentPath(const Report& report, std::string document) {
     report.Add("there is no " + Quoted(kDocumentViewer), "it shows documents: install xdg-utils");
   }
   if (HoldsPlaceholder(document) || document.find(':') != std::string::npos) return;
-  std::erase(document, '"');
-  static_cast<void>(PathCheck(report, "document", document).IsThere());
+  std::string quoted = report.Quoted(document);
+  for (std::string* const text : {&document, &quoted}) std::erase(*text, '"');
+  static_cast<void>(PathCheck(report, "document", document, std::move(quoted)).IsThere());
 }
 
 void CheckValuesPath(const Report& report, bool isFilled, const std::string& file) {
@@ -252,7 +259,7 @@ void CheckValuesPath(const Report& report, bool isFilled, const std::string& fil
   if (!May(file, W_OK)) return path.Add(" may not be written", kOtherUser);
   const std::string copy = file + ".org";
   if (const std::string fault = FaultOfSavedCopy(file); !fault.empty()) {
-    PathCheck(report, "saved copy", copy)
+    PathCheck(report, "saved copy", copy, "'" + report.Shown(file) + ".org'")
         .Add(" is " + fault + ", so nothing is set",
              "a file of the service's user with one name is meant");
   }

@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "runtime/secrets.h"
+
 namespace qixx::watch {
 
 /// Where a text stands. A value of the environment stands in no line of a file.
@@ -44,23 +46,33 @@ class Mistakes {
   std::size_t count_ = 0;
 };
 
-/// Takes the mistakes of one place.
-class Report {
- public:
-  Report(Place place, Mistakes& mistakes) : place_(std::move(place)), mistakes_(mistakes) {}
-  void Add(std::string_view wrong, std::string_view meant) const {
-    mistakes_.Add(place_, wrong, meant);
-  }
-
- private:
-  const Place place_;
-  Mistakes& mistakes_;
-};
-
 /// A text for one line of a terminal: masked secrets, nothing that is not printable, not too long.
 [[nodiscard]] std::string Shown(std::string_view text);
 /// The same between single quotes.
 [[nodiscard]] std::string Quoted(std::string_view text);
+
+/// Takes the mistakes of one place, and shows parts of the line that stands there.
+class Report {
+ public:
+  Report(Place place, Mistakes& mistakes, std::string_view line = {})
+      : place_(std::move(place)), mistakes_(mistakes), line_(line) {}
+  void Add(std::string_view wrong, std::string_view meant) const {
+    mistakes_.Add(place_, wrong, meant);
+  }
+
+  /// As watch::Shown and watch::Quoted.
+  [[nodiscard]] std::string Shown(std::string_view part) const {
+    return watch::Shown(line_.Part(part));
+  }
+  [[nodiscard]] std::string Quoted(std::string_view part) const { return "'" + Shown(part) + "'"; }
+  /// Whether the part is, or belongs to, a secret, so that nothing may be said of what was meant.
+  [[nodiscard]] bool Hides(std::string_view part) const { return line_.Hides(part); }
+
+ private:
+  const Place place_;
+  Mistakes& mistakes_;
+  const runtime::MaskedLine line_;
+};
 
 /// The names of a table's rows.
 [[nodiscard]] std::vector<std::string_view> NamesOf(const auto& rows, const auto& name) {

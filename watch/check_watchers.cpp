@@ -36,7 +36,8 @@ class Collection {
     const CheckedFile& beside = configuration_.File(CheckedRole::kBeside);
     const CheckedEntry* const entry = beside.Find(kCommandSection, kWatchEntry);
     if (entry != nullptr && !entry->value.empty()) {
-      return CheckedValue{std::string(entry->value), beside.At(entry->line)};
+      const std::string value(entry->value);
+      return CheckedValue{value, beside.At(entry->line), value};
     }
     std::optional<CheckedValue> value =
         configuration_.Read(kCommandSection, kWatchEntry, kMaxCommandLine, mistakes_);
@@ -54,12 +55,15 @@ class Collection {
     const std::string entry = ExtraWatcherEntry(name);
     CheckedValue command{
         ReadFileText(configuration_.Store(), kCommandSection, entry, std::string::npos),
-        watchers_.front().place};
-    if (command.text.empty()) return {UsualExtraCommand(name), std::move(command.place)};
+        watchers_.front().place,
+        {}};
+    if (command.text.empty()) command.text = UsualExtraCommand(name);
+    command.line = command.text;
     const CheckedFile& file = configuration_.System();
     const CheckedEntry* const line = file.Find(kCommandSection, entry);
     if (line == nullptr) return command;
     command.place = file.At(line->line);
+    command.line = line->value;
     CheckLength(command.place, entry, command.text, kMaxCommandLine - kChildMark.size(), mistakes_);
     if (command.text.find('"') != std::string::npos) {
       mistakes_.Add(command.place, "double quotes do not reach an extra watcher",
@@ -69,8 +73,8 @@ class Collection {
   }
   void Add(const std::string& name, CheckedValue command) {
     command.text.resize(std::min(command.text.size(), kMaxCommandLine));
-    CheckedWatcher watcher{name, std::move(command.place), {}};
-    watcher.record = CheckWatchCommand({watcher.place, mistakes_}, command.text);
+    CheckedWatcher watcher{name, std::move(command.place), std::move(command.line), {}};
+    watcher.record = CheckWatchCommand({watcher.place, mistakes_, watcher.line}, command.text);
     std::ranges::move(ExtraWatcherNames(SplitConfigRest(watcher.record)),
                       std::back_inserter(named_));
     watchers_.push_back(std::move(watcher));
@@ -162,7 +166,7 @@ void EventLists::Fill(EventKind kind, const std::string& section, EventList& lis
         configuration_.Read(section, std::to_string(number), maxLength, list.mistakes);
     if (!value) return CheckListEntries(configuration_.System(), section, number, list.mistakes);
     list.hasEntries = true;
-    const Report report(std::move(value->place), list.mistakes);
+    const Report report(std::move(value->place), list.mistakes, value->line);
     std::string command = std::move(value->text);
     command.resize(std::min(command.size(), maxLength));
     if (command.empty()) continue;
@@ -173,7 +177,7 @@ void EventLists::Fill(EventKind kind, const std::string& section, EventList& lis
     }
     CheckCommand(report, {kind, isInsert}, command);
     if (SplitCommand(kind, command).kind == CommandKind::kFailure && !failing) failing = number;
-    list.commands.push_back({number, std::move(command)});
+    list.commands.push_back({number, std::move(command), std::move(value->line)});
   }
   list.mistakes.Add(configuration_.System().At(1),
                     "the list " + Quoted(section) + " has more commands than are checked",
@@ -190,7 +194,7 @@ void CheckUnreached(const CheckedFile& file, const CheckedSection& section, Mist
 
 void CheckWatcher(const CheckedWatcher& watcher, CheckedConfiguration& configuration,
                   EventLists& lists, Mistakes& mistakes) {
-  const Report report(watcher.place, mistakes);
+  const Report report(watcher.place, mistakes, watcher.line);
   switch (FormOf(watcher.record)) {
     case CommandForm::kSection:
       return CheckSections(watcher, configuration, lists, mistakes);

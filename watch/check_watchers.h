@@ -19,6 +19,7 @@ namespace qixx::watch {
 struct CheckedWatcher {
   std::string name;      ///< of an extra watcher; empty for the first one
   Place place;           ///< of its watch command
+  std::string line;      ///< where that command stands, with its conditions
   CWatchOptions record;  ///< what becomes of that command
 };
 
@@ -35,6 +36,7 @@ inline constexpr std::size_t kMaxCheckedList = 2000;
 struct NumberedCommand {
   std::size_t number = 1;
   std::string text;  ///< cut as the service cuts it, never empty
+  std::string line;  ///< where it stands, with its conditions
 };
 
 /// What an event runs.

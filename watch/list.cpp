@@ -78,8 +78,12 @@ std::optional<ListedCommand> CollectCommand() {
   CWatchOptions record;
   ParseWatchOptions(command.text, record);
   command.match = std::move(record.match);
-  command.text = runtime::MaskSecrets(command.text);
   return command;
+}
+
+void MaskCommand(ListedCommand& command) {
+  const runtime::MaskedLine line(command.text);
+  for (std::string* const shown : {&command.match, &command.text}) *shown = line.Part(*shown);
 }
 
 /// A library that reads the suite's configuration, as the bridge does, would make the user's
@@ -105,6 +109,7 @@ Listing CollectListing() {
   listing.command = CollectCommand();
   KeepLibraryFromWriting();
   ListLibrary(listing.command ? listing.command->match : std::string(), listing);
+  if (listing.command) MaskCommand(*listing.command);
   return listing;
 }
 

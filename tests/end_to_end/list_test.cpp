@@ -85,6 +85,14 @@ TEST_F(ListWord, TellsWhatTheServiceSeesAndTakes) {
   EXPECT_THAT(Read("stdout.txt"), HasSubstr("like one is valid longer"));
 }
 
+TEST_F(ListWord, MatchInsideASecretIsMasked) {
+  Configure("-p /bin/true -c /x -a \"-pin -match geheim\"", {});
+  const JsonValues values = ListValues();
+  EXPECT_EQ(values.at("watch.match"), "******\"");
+  EXPECT_EQ(List(), 0);
+  EXPECT_THAT(Read("stdout.txt") + Errors(), ::testing::Not(HasSubstr("geheim")));
+}
+
 TEST_F(ListWord, GivesPlaceholdersAsACommandGetsThem) {
   const Recipe hostile{.serial = "\xff\x01",
                        .subject = Part("cn", "Ann \" > /x\n\x1b \xff %UPN%") + Part("ou", "../x") +

@@ -121,7 +121,7 @@ WATCH=config Nothing
 Watch=config Watch
 [Watch Insert]
   2=x => '2' begins with a blank and is not read
-hello => 'hello' is no entry
+hello => the line is no entry
 1=@/none => entry '1' stands once more; only the last one counts, in line 10
 1=@/none => entry '1' stands once more; only the last one counts, in line 11
 1=@/program
@@ -363,6 +363,78 @@ TEST_F(Check, SecretsAreForTheOwnerAloneAndNeverShown) {
   EXPECT_THAT(Told(Run(text, 0600)), IsEmpty());
   EXPECT_THAT(Run(text).output, HasSubstr("-pin ****"));
   EXPECT_THAT(Run(text).output, Not(HasSubstr("1234")));
+}
+
+/// The word PIN is the secret in each of these, wherever quotes and blanks cut it into words.
+TEST_F(Check, NoPartOfASecretIsQuoted) {
+  const char* const keywords[] = {"@/program ",
+                                  "parallel @/program ",
+                                  "application @/program ",
+                                  "application \"@/program\" ",
+                                  "set ",
+                                  "set -config @/mail.conf ",
+                                  "open ",
+                                  "load ",
+                                  "load @/lib,",
+                                  "extern ",
+                                  "extern @/lib/x,",
+                                  "close ",
+                                  ""};
+  const char* const options[] = {R"(-pin 'PIN x')",
+                                 R"(-pin 'x PIN)",
+                                 R"(-password "PIN"z)",
+                                 R"(-pin PIN"C)",
+                                 R"(-pin PIN"C D")",
+                                 R"(-pin "PIN)",
+                                 R"(-pin "x PIN)",
+                                 R"(--pin="PIN"x)",
+                                 R"(--pin='PIN' x)",
+                                 R"(--pin='x PIN')",
+                                 R"(--PassWord=PIN"x)",
+                                 "-pin\tPIN\"x",
+                                 "-pwd = 'PIN",
+                                 R"("-puk PIN'x" y)",
+                                 R"("--pin=PIN)",
+                                 R"("-x -sopin 'a PIN' b"c)",
+                                 R"(-pin x\ PIN)",
+                                 R"(-pin "x\" PIN" y)",
+                                 R"(-pin x'y PIN'z)",
+                                 "-pin %PIN%",
+                                 "-pin %USERNAMPIN%",
+                                 R"(-pin "%OID.PIN)",
+                                 R"(-pin "x%OID.PIN y")",
+                                 "-pin -PIN",
+                                 "-pin PIN > x",
+                                 "-puk PIN && x",
+                                 "-pin 'PIN' > x y",
+                                 R"("-c" "-pin PIN" "%UPN%")",
+                                 "-pwd PIN -pwd 'PIN",
+                                 R"(-pin "PIN" -puk 'PIN)",
+                                 R"(-pincode "PIN'x)",
+                                 R"(-pin PIN|{x}||-pin PIN"x)",
+                                 R"(-pin "x|{PIN}||PIN"y)",
+                                 R"(-pin "x|7PIN||PIN)",
+                                 R"(-pin x||PIN)",
+                                 R"(-config -pin PIN"x)",
+                                 R"(-confg x -pin "-confg PIN)",
+                                 R"(-pin "-config PIN)"};
+  // Lines of a file in front of a command.
+  const char* const fronts[] = {"[Command]\nWatch=config Watch\n[Watch Insert]\n1=",
+                                "[Command]\nWatch=",
+                                "[Command]\nWatch=config|X\nWatch X=~",
+                                "[Command]\nWatch=-match \"x\" -wait \"1\" ",
+                                "[Command]\nWatch=-p @/program -c @/x -a \"x\" -w 1 ",
+                                "[Command]\nWatch=-p @/program -c @/x -a ",
+                                "[Command]\nWatch=config Watch\n[Watch Insert]\n1=x \\\n-pin \\\n"};
+  for (const std::string front : fronts) {
+    for (const std::string keyword : keywords) {
+      for (const std::string option : options) {
+        const std::string text = Replaced(front + keyword + option, "PIN", "geheim");
+        const watch::CheckResult result = Run(text + "\n");
+        EXPECT_THAT(result.output + result.errors, Not(HasSubstr("geheim"))) << text;
+      }
+    }
+  }
 }
 
 TEST_F(Check, FilesInUseAreThoseThatTheServiceWouldTake) {
