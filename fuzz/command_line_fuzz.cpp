@@ -17,12 +17,17 @@ namespace {
 /// Takes a command apart as far as that needs nothing outside of it.
 void TryCommand(std::string_view text) {
   using namespace qixx;
+  const runtime::MaskedLine line(text);
   for (const watch::EventKind kind : {watch::EventKind::kInsert, watch::EventKind::kRemove}) {
     const watch::CommandParts parts = watch::SplitCommand(kind, text);
     fuzzing::Require(text.ends_with(parts.text));
-    fuzzing::Require(!watch::DescribeCommand(kind, text).empty());
+    fuzzing::Require(!watch::DescribeCommand(kind, text, line).empty());
     fuzzing::Require(watch::SplitApplication(parts.text).program.size() <= parts.text.size());
   }
+}
+
+bool IsAllMasked(std::string_view text) {
+  return text.find_first_not_of('*') == std::string_view::npos;
 }
 
 }  // namespace
@@ -44,6 +49,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::vector<std::string> entries = runtime::SplitArguments(first, second);
   fuzzing::Require(first.empty() || entries.front() == first);
   TryCommand(std::string_view(second).substr(0, watch::kMaxInsertEntry));
-  fuzzing::Require(runtime::MaskSecrets(second).size() == second.size());
+  const std::string masked = runtime::MaskSecrets(second);
+  fuzzing::Require(masked.size() == second.size());
+  const runtime::MaskedLine line(second);
+  for (const std::string& entry : runtime::SplitArguments("", second)) {
+    const std::string shown = line.Part(entry);
+    fuzzing::Require(shown.size() == entry.size());
+    fuzzing::Require(masked.find(shown) != std::string::npos || IsAllMasked(shown));
+  }
   return 0;
 }
