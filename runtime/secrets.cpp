@@ -71,7 +71,8 @@ void MaskValue(std::string_view line, std::size_t at, bool quotedOption, std::st
     if (line[begin] == '=') masked[begin] = '*';
   }
   bool quoted = quotedOption && !quotedKey;
-  if (!quoted && begin < line.size() && line[begin] == kQuote) {
+  // Also where this quote closes the option's argument: it was meant to hold the value.
+  if (begin < line.size() && line[begin] == kQuote) {
     quoted = true;
     ++begin;
   }

@@ -59,6 +59,7 @@ TEST(MaskSecrets, Options) {
       {"-pin -pwd 12", "-pin **** **"},
       {"-pin '1 2'3 x -puk 4'5 6' y -pin '7 8", "-pin ****** x -puk ****** y -pin ****"},
       {"-pwd it's z", "-pwd **** z"},
+      {"\"log in -pin \"1 2\" x\" \"-pwd=\"3\" y", "\"log in -pin \"***\" x\" \"-pwd=\"*\" y"},
       {R"(-pin 1\ 2 x -pwd "3\" 4" y)", R"(-pin **** x -pwd "*****" y)"},
       {"pin 1234 -pi 5 -pin  ", "pin 1234 -pi 5 -pin  "}};
   for (const auto& [text, masked] : rows) EXPECT_EQ(MaskSecrets(text), masked);

@@ -409,6 +409,7 @@ TEST_F(Check, NoPartOfASecretIsQuoted) {
                                  "-pin 'PIN' > x y",
                                  R"("-c" "-pin PIN" "%UPN%")",
                                  "-pwd PIN -pwd 'PIN",
+                                 R"(-c "x -pin "PIN" y")",
                                  R"(-pin "PIN" -puk 'PIN)",
                                  R"(-pincode "PIN'x)",
                                  R"(-pin PIN|{x}||-pin PIN"x)",
@@ -429,7 +430,8 @@ TEST_F(Check, NoPartOfASecretIsQuoted) {
   for (const std::string front : fronts) {
     for (const std::string keyword : keywords) {
       for (const std::string option : options) {
-        const std::string text = Replaced(front + keyword + option, "PIN", "geheim");
+        const std::string text =
+            Replaced(std::string(front).append(keyword).append(option), "PIN", "geheim");
         const watch::CheckResult result = Run(text + "\n");
         EXPECT_THAT(result.output + result.errors, Not(HasSubstr("geheim"))) << text;
       }
