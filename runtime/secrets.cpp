@@ -17,8 +17,6 @@ constexpr std::array<std::string_view, 5> kSecretKeys{"pin", "sopin", "puk", "pw
 constexpr std::size_t kMaxSearched = 4 * kMaxLine;
 
 constexpr char kQuote = '"';
-constexpr char kSingleQuote = '\'';
-constexpr char kEscape = '\\';
 
 bool IsBlank(char c) {
   return c == ' ' || c == '\t';
@@ -38,27 +36,6 @@ bool IsQuoted(std::string_view line, std::size_t place) {
   return false;
 }
 
-/// The first such character that no backslash stands in front of; the end of the line without one.
-std::size_t FindEnd(std::string_view line, char end, std::size_t from) {
-  std::size_t at = line.find(end, from);
-  while (at != std::string_view::npos && at > from && line[at - 1] == kEscape) {
-    at = line.find(end, at + 1);
-  }
-  return std::min(at, line.size());
-}
-
-/// Where the value ends that begins at `begin`. Single quotes count as a shell takes them: whoever
-/// wrote them meant that.
-std::size_t EndOfValue(std::string_view line, std::size_t begin, bool isQuoted) {
-  if (isQuoted) return FindEnd(line, kQuote, begin);
-  const std::size_t blank = FindEnd(line, ' ', begin);
-  const std::size_t open = line.find(kSingleQuote, begin);
-  if (open >= blank) return blank;
-  const std::size_t close = line.find(kSingleQuote, open + 1);
-  if (close != std::string_view::npos) return std::max(blank, FindEnd(line, ' ', close));
-  return open == begin ? line.size() : blank;
-}
-
 /// Masks the value of the option whose key ends at `at`. Places are looked up in `line`, so that a
 /// value masked before hides no option. What may belong to a value or not is masked.
 void MaskValue(std::string_view line, std::size_t at, bool quotedOption, std::string& masked) {
@@ -76,7 +53,7 @@ void MaskValue(std::string_view line, std::size_t at, bool quotedOption, std::st
     quoted = true;
     ++begin;
   }
-  const std::size_t length = EndOfValue(line, begin, quoted) - begin;
+  const std::size_t length = std::min(line.find(quoted ? kQuote : ' ', begin), line.size()) - begin;
   masked.replace(begin, length, length, '*');
 }
 

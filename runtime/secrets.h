@@ -8,8 +8,7 @@ namespace qixx::runtime {
 
 /// A copy with the values of secret options replaced by '*'; lengths are kept. An option has one
 /// dash or two, and blanks, tabulators or a '=' between its key and its value. A value ends at the
-/// next blank, in quotes at the closing one, where single quotes count as well; that of a quoted
-/// option ends with the option. A blank or quote behind a backslash ends nothing.
+/// next blank, in quotes at the closing one; that of a quoted option ends with the option.
 [[nodiscard]] std::string MaskSecrets(std::string_view text);
 
 /// Parts of a line as they may be shown. A part alone does not tell whether it belongs to a secret.
