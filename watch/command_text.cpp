@@ -20,7 +20,9 @@ constexpr std::string_view kMarks = "\">-";
 /// an option.
 std::string MarksOf(std::string_view text) {
   std::string marks(text.size(), kNoMark);
-  const auto mark = [&](std::string_view token) { marks[token.data() - text.data()] = token[0]; };
+  const auto mark = [&](std::string_view token) {
+    marks[static_cast<std::size_t>(token.data() - text.data())] = token[0];
+  };
   std::string_view line = text;
   while (const std::optional<std::string_view> token = runtime::TakeToken(line)) {
     if (*token == ">" || token->front() == '"') mark(*token);
