@@ -128,7 +128,7 @@ std::size_t CountOwnLines(const std::string& text) {
 TEST(Listing, NoTextLooksLikeALineOfTheListing) {
   const std::size_t count = CountOwnLines("x");
   for (std::size_t front = 1; front <= 80; ++front) {
-    for (const std::size_t blanks : {0, 1, 2, 4, 75}) {
+    for (const std::size_t blanks : {0U, 1U, 2U, 4U, 75U}) {
       const std::string text = std::string(front, 'x') + std::string(blanks, ' ') +
                                "slot 4: admin" + std::string(64, ' ') + "  verdict         TAKEN" +
                                std::string(80, ' ') + "Cards";
