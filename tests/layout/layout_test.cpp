@@ -103,7 +103,8 @@ Tree ReadTree() {
 }
 
 bool IsKnown(const Tree& tree, const std::smatch& name) {
-  const std::string layer = name[1].matched ? name[1].str().substr(0, name[1].length() - 2) : "";
+  const std::string head = name[1];
+  const std::string layer = head.substr(0, head.find(':'));
   if (kMayInclude.contains(layer)) return tree.words.at(layer).contains(name[2]);
   return tree.all.contains(name[2]) || tree.units.contains(name[2]);
 }
