@@ -52,17 +52,22 @@ bool Readers::Connect() {
   if (connection_.IsOpen()) return true;
   if (runtime::MonotonicMilliseconds() < connectAfter_) return false;
   connectAfter_ = runtime::MonotonicMilliseconds() + kConnectPause;
-  return connection_.Open();
+  if (!connection_.Open()) return false;
+  // Nobody knows what happened between two connections, and a service that restarted counts anew.
+  current_.clear();
+  readers_.clear();
+  return true;
 }
 
-/// A reader that stays keeps its state, for when the next question fails.
+/// A reader that stays keeps its state, for when the next question fails. One that was away may
+/// have another card, even when its counter is the same.
 void Readers::TakeNames() {
   std::vector<Reader> readers;
   for (const char* name = names_.data(); *name != '\0' && readers.size() < kMaxReaders;) {
     const std::string_view whole(name);
     const std::string_view cut = CutReaderName(whole);
     const Reader* const known = Find(cut);
-    readers.push_back({std::string(cut), known == nullptr ? State{} : known->state});
+    readers.push_back(known != nullptr ? *known : Reader{std::string(cut), ++arrivals_, {}});
     name += whole.size() + 1;
   }
   current_ = names_;
@@ -84,8 +89,9 @@ bool Readers::ReadStates() {
   }
   for (std::size_t i = 0; i < readers_.size(); ++i) {
     const PcscWord state = states[i].state;
-    readers_[i].state = {(state & kPcscStatePresent) != 0,
-                         static_cast<std::uint32_t>(state >> kPcscCountShift) & 0xFFFF};
+    readers_[i].state = {
+        (state & kPcscStatePresent) != 0,
+        readers_[i].arrival << kPcscCountShift | ((state >> kPcscCountShift) & 0xFFFF)};
   }
   return true;
 }

@@ -25,12 +25,15 @@ class Readers {
  public:
   struct State {
     bool present = false;
-    std::uint32_t changes = 0;  ///< grows with each insertion and removal
+    /// Grows with each insertion and removal, when the reader comes back, and when the connection
+    /// was made again: a card that may have been changed unseen counts as another one.
+    std::uint64_t changes = 0;
 
     bool operator==(const State&) const = default;
   };
   struct Reader {
-    std::string name;  ///< cut as a slot description is
+    std::string name;           ///< cut as a slot description is
+    std::uint64_t arrival = 0;  ///< another one each time that it is listed anew
     State state;
   };
 
@@ -62,6 +65,7 @@ class Readers {
   std::vector<char> names_;        ///< as PC/SC lists them: each terminated, then an empty one
   std::vector<char> current_;      ///< those of the last poll
   std::vector<Reader> readers_;
+  std::uint64_t arrivals_ = 0;
 };
 
 }  // namespace qixx::bridge
