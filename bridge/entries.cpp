@@ -183,6 +183,7 @@ CK_RV PollForEvent(Bridge& bridge, CK_SLOT_ID& number) {
   const bool wasRaised = watch->Event().Lower();
   const auto raise = [](EventWatch* raised) { raised->Event().Raise(); };
   std::unique_ptr<EventWatch, decltype(raise)> hasMore(watch, raise);
+  for (const std::string& reader : watch->TakeGone()) bridge.slots.NoteGone(reader);
   const CK_RV result = bridge.slots.TakeEvent(wasRaised || !watch->TellsAll(), number);
   if (!bridge.slots.HasEvent()) (void)hasMore.release();
   return result;

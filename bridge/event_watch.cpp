@@ -29,6 +29,14 @@ constexpr timespec kCancelPause = {0, 2'000'000};
 
 constexpr PcscWord kStateChanged = 0x2;
 
+std::vector<std::string_view> NamesIn(const std::vector<char>& list) {
+  std::vector<std::string_view> names;
+  for (std::size_t at = 0; at < list.size() && list[at] != '\0'; at += names.back().size() + 1) {
+    names.emplace_back(&list[at]);
+  }
+  return names;
+}
+
 bool HasSameCard(PcscWord one, PcscWord other) {
   const PcscWord differing = one ^ other;
   return (differing & kPcscStatePresent) == 0 && differing >> kPcscCountShift == 0;
@@ -156,6 +164,7 @@ bool EventWatch::WaitForChange() {
   if (!connection_.ReadNames(names_)) return false;
   const bool isNewList = names_ != current_;
   if (isNewList) {
+    NoteGone();
     current_ = names_;
     event_.Raise();
   }
@@ -176,15 +185,29 @@ bool EventWatch::WaitForChange() {
   const bool tellsAll = knowsAll && waited > readers;
   if (tellsAll_.exchange(tellsAll) != tellsAll) event_.Raise();
   const PcscResult result = connection_.WaitForChange(kPcscInfinite, {states.data(), waited});
+  const bool isUnknown = result == PcscResult::kUnknownReader;
+  const bool isUnknownAgain = std::exchange(wasUnknown_, isUnknown) && isUnknown && !isNewList;
   if (result == PcscResult::kSuccess && TakeStates({states.data(), readers})) {
     event_.Raise();
     return true;
   }
-  const bool isUnknown = result == PcscResult::kUnknownReader;
-  const bool isUnknownAgain = std::exchange(wasUnknown_, isUnknown) && isUnknown && !isNewList;
   stop_.Wait(isUnknownAgain ? kUnknownPause : kQuietPause);
   return result == PcscResult::kSuccess || result == PcscResult::kTimeout ||
          result == PcscResult::kUnknownReader;
+}
+
+void EventWatch::NoteGone() {
+  const std::vector<std::string_view> names = NamesIn(names_);
+  const runtime::CriticalScope hold(&goneGuard_);
+  for (const std::string_view name : NamesIn(current_)) {
+    const bool isNoted = std::ranges::find(gone_, name) != gone_.end();
+    if (!isNoted && std::ranges::find(names, name) == names.end()) gone_.emplace_back(name);
+  }
+}
+
+std::vector<std::string> EventWatch::TakeGone() {
+  const runtime::CriticalScope hold(&goneGuard_);
+  return std::exchange(gone_, {});
 }
 
 /// True when a card came or went.

@@ -69,6 +69,9 @@ class EventWatch {
   /// Whether each change of a reader that counts raises the descriptor. The descriptor is raised
   /// once when that begins, and once when it ends.
   [[nodiscard]] bool TellsAll() const { return tellsAll_; }
+  /// The whole names of the readers that went since the last call. They may be back, with another
+  /// card: a poll that comes later sees nothing of that.
+  [[nodiscard]] std::vector<std::string> TakeGone();
 
  private:
   struct Known {
@@ -81,6 +84,7 @@ class EventWatch {
   bool Connect();
   void Disconnect();
   bool WaitForChange();
+  void NoteGone();
   bool TakeStates(std::span<const PcscReaderState> states);
   [[nodiscard]] PcscWord KnownState(std::string_view name) const;
 
@@ -92,6 +96,8 @@ class EventWatch {
   std::atomic<bool> tellsAll_ = false;
   runtime::CCritical guard_;  ///< for opening and closing the connection, and for Cancel
   PcscConnection connection_;
+  runtime::CCritical goneGuard_;  ///< for the next
+  std::vector<std::string> gone_;
   // The thread's own.
   ReaderFilter filter_;
   std::vector<char> names_;

@@ -38,6 +38,12 @@ bool Readers::Poll() {
   return changed;
 }
 
+void Readers::Forget(std::string_view wholeName) {
+  const std::string_view cut = CutReaderName(wholeName);
+  const auto isForgotten = [cut](const Reader& reader) { return reader.name == cut; };
+  if (std::erase_if(readers_, isForgotten) != 0) current_.clear();
+}
+
 void Readers::Close() {
   connection_.Close();
   connectAfter_ = 0;

@@ -42,6 +42,8 @@ class Readers {
   /// stay. May throw std::bad_alloc; the next poll makes up for it. A connection that was lost or
   /// refused is made again, but not at each poll.
   bool Poll();
+  /// The reader went, though no poll saw it: what the next one finds there is another card.
+  void Forget(std::string_view wholeName);
   /// Ends the connection; the next poll connects at once.
   void Close();
   /// Instead of Close in a forked child: the connection is the parent's.

@@ -64,6 +64,9 @@ class Slots {
   /// nothing happens.
   void PassOver(CK_SLOT_ID number);
 
+  /// A reader that went, and may be back, between two polls: its card counts as pulled.
+  void NoteGone(std::string_view reader) { readers_.Forget(reader); }
+
   /// Polls, and takes the next event: CKR_OK, CKR_NO_EVENT, or what the module answered when it
   /// failed. From its first failure on each poll that needs the module fails, until it has listed
   /// its slots again; what PC/SC tells is told meanwhile. A card that was changed for another one

@@ -1,4 +1,7 @@
 // The bridge in this process over a PC/SC library whose answers the test decides.
+#include <poll.h>
+
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -19,12 +22,10 @@ constexpr std::chrono::milliseconds kUntilItConnectsAgain{3100};
 class ReaderFaults : public LoadedModule {
  protected:
   void SetUp() override {
-    pcsc_ = {};
     folder_.Write("readers/1/slot", "description="s + ScriptedPcsc::kReader + "\n");
     const std::string path = folder_.Path("bridge.so");  // a copy of its own
     std::filesystem::copy_file(BRIDGE, path);
     Start(path);
-    ASSERT_EQ(pcsc_.connections, 1U);
   }
   void PutCardIn() {
     pcsc_.hasCard = true;
@@ -55,7 +56,7 @@ class ReaderFaults : public LoadedModule {
 TEST_F(ReaderFaults, CardThatIsInIsToldOfAgain) {
   struct Row {
     const char* name;
-    bool ScriptedPcsc::*fault;
+    std::atomic<bool> ScriptedPcsc::*fault;
     bool value;
     bool byPoll;  ///< else by the question behind the event
   };
@@ -78,6 +79,23 @@ TEST_F(ReaderFaults, CardThatIsInIsToldOfAgain) {
     EXPECT_TRUE(NextEventShowsCard(false));
     EXPECT_EQ(Poll(), -1);
   }
+}
+
+/// As a token does that is a reader and a card in one.
+TEST_F(ReaderFaults, ReaderThatIsBackBeforeThePollBringsAnotherCard) {
+  const int descriptor = Function<int (*)()>("QixEventDescriptor")();
+  pollfd waited = {descriptor, POLLIN, 0};
+  ASSERT_EQ(::poll(&waited, 1, 15'000), 1) << "the waiting thread has seen the reader";
+  PutCardIn();
+  EXPECT_TRUE(NextEventShowsCard(true));
+  EXPECT_EQ(Poll(), -1);
+  const unsigned before = pcsc_.emptyLists;
+  pcsc_.hasReader = false;
+  EXPECT_TRUE(Eventually([&] { return pcsc_.emptyLists > before; }));
+  pcsc_.hasReader = true;
+  EXPECT_TRUE(NextEventShowsCard(false));
+  EXPECT_TRUE(NextEventShowsCard(true));
+  EXPECT_EQ(Poll(), -1);
 }
 
 }  // namespace

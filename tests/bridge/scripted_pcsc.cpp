@@ -1,9 +1,10 @@
 #include "tests/bridge/scripted_pcsc.h"
 
 #include <algorithm>
+#include <chrono>
 #include <span>
 #include <string_view>
-#include <utility>
+#include <thread>
 
 #include "bridge/pcsc.h"
 
@@ -20,16 +21,25 @@ using bridge::PcscReaderState;
 using bridge::PcscWord;
 
 constexpr long kSuccess = 0;
+constexpr long kCancelled = 0x80100002;
+constexpr long kUnknownReader = 0x80100009;
 constexpr long kNoService = 0x8010001D;
 constexpr long kNoReaders = 0x8010002E;
-constexpr long kUnknownReader = 0x80100009;
+constexpr PcscWord kChanged = 0x2;
 constexpr PcscWord kEmpty = 0x10;
 
-/// Whether the connection is lost, with this question or with one before.
-bool IsLost(long context, bool& isLostNow) {
-  ScriptedPcsc& pcsc = ThePcsc();
-  if (std::exchange(isLostNow, false)) ++pcsc.connections;
-  return static_cast<unsigned long>(context) != pcsc.connections;
+/// Whether a state differs from the known one.
+bool TakeStates(std::span<PcscReaderState> states) {
+  const ScriptedPcsc& pcsc = ThePcsc();
+  bool differs = false;
+  for (PcscReaderState& state : states) {
+    const bool isReader = std::string_view(state.name) == ScriptedPcsc::kReader;
+    const PcscWord card = pcsc.hasCard ? bridge::kPcscStatePresent : kEmpty;
+    const PcscWord count = isReader ? pcsc.changes.load() : PcscWord{pcsc.hasReader};
+    state.state = count << bridge::kPcscCountShift | (isReader ? card : 0);
+    differs = differs || ((state.state ^ state.knownState) & ~kChanged) != 0;
+  }
+  return differs;
 }
 
 }  // namespace
@@ -38,7 +48,7 @@ extern "C" {
 
 long SCardEstablishContext(PcscWord /*scope*/, const void* /*one*/, const void* /*two*/,
                            long* context) {
-  *context = static_cast<long>(++ThePcsc().connections);
+  *context = 1;
   return kSuccess;
 }
 
@@ -47,12 +57,16 @@ long SCardReleaseContext(long /*context*/) {
 }
 
 long SCardCancel(long /*context*/) {
+  ThePcsc().isCancelled = true;
   return kSuccess;
 }
 
-long SCardListReaders(long context, const char* /*groups*/, char* names, PcscWord* size) {
-  if (IsLost(context, ThePcsc().isListLost)) return kNoService;
-  if (!ThePcsc().hasReader) return kNoReaders;
+long SCardListReaders(long /*context*/, const char* /*groups*/, char* names, PcscWord* size) {
+  if (ThePcsc().isListLost.exchange(false)) return kNoService;
+  if (!ThePcsc().hasReader) {
+    ++ThePcsc().emptyLists;
+    return kNoReaders;
+  }
   const std::string_view name = ScriptedPcsc::kReader;
   std::ranges::copy(name, names);
   std::fill_n(names + name.size(), 2, '\0');
@@ -60,16 +74,18 @@ long SCardListReaders(long context, const char* /*groups*/, char* names, PcscWor
   return kSuccess;
 }
 
-long SCardGetStatusChange(long context, PcscWord /*timeout*/, PcscReaderState* states,
+long SCardGetStatusChange(long /*context*/, PcscWord timeout, PcscReaderState* states,
                           PcscWord count) {
-  const ScriptedPcsc& pcsc = ThePcsc();
-  if (IsLost(context, ThePcsc().isStateLost)) return kNoService;
-  if (!pcsc.hasReader) return kUnknownReader;
-  for (PcscReaderState& state : std::span(states, count)) {
-    const PcscWord card = pcsc.hasCard ? bridge::kPcscStatePresent : kEmpty;
-    state.state = PcscWord{pcsc.changes} << bridge::kPcscCountShift | card;
+  ScriptedPcsc& pcsc = ThePcsc();
+  for (;;) {
+    if (pcsc.isStateLost.exchange(false)) return kNoService;
+    if (!pcsc.hasReader && std::string_view(states->name) == ScriptedPcsc::kReader) {
+      return kUnknownReader;
+    }
+    if (TakeStates({states, count}) || timeout == 0) return kSuccess;
+    if (pcsc.isCancelled.exchange(false)) return kCancelled;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  return kSuccess;
 }
 
 }  // extern "C"

@@ -2,20 +2,22 @@
 // the test says. A program that links it has it under the name by which the bridge loads its own.
 #pragma once
 
+#include <atomic>
+
 namespace qixx::testing {
 
 struct ScriptedPcsc {
-  bool hasReader = true;
-  bool hasCard = false;
-  unsigned changes = 0;           ///< of the reader, as its service counts them
-  bool isListLost = false;        ///< the next question for the readers finds the service gone
-  bool isStateLost = false;       ///< the next question for their states does
-  unsigned long connections = 0;  ///< made so far; only the last one is served
+  std::atomic<bool> hasReader = true;
+  std::atomic<bool> hasCard = false;
+  std::atomic<unsigned> changes = 0;      ///< of the reader, as its service counts them
+  std::atomic<unsigned> emptyLists = 0;   ///< how often there was no reader to list
+  std::atomic<bool> isListLost = false;   ///< the next question for the readers fails
+  std::atomic<bool> isStateLost = false;  ///< the next question for their states does
+  std::atomic<bool> isCancelled = false;  ///< the wait for a change, or the next one
 
   static constexpr const char* kReader = "Scripted reader 00 00";
 };
 
-/// Not for several threads at a time.
 ScriptedPcsc& ThePcsc();
 
 }  // namespace qixx::testing
