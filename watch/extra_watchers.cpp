@@ -178,16 +178,21 @@ bool WasStopped(int signal) {
   return signal == SIGTERM || signal == SIGINT || signal == SIGHUP;
 }
 
-/// One that ended with an exit code has nothing to watch, has made its rounds or was told to stop.
-/// So has, for all that is known, one whose end a loaded library has taken note of.
+/// One that ended with exit code 0 has nothing to watch, has made its rounds or was told to stop.
+/// So has, for all that is known, one whose end a loaded library has taken note of. Any other code
+/// is not the watch's own.
 void NoteEnd(ExtraWatcher& watcher) {
   const runtime::ChildState state = runtime::TakeMarkedChild(watcher.process);
   if (state.result == 0) return;
   watcher.process = 0;
-  watcher.isOwed =
-      state.result > 0 && WIFSIGNALED(state.status) && !WasStopped(WTERMSIG(state.status));
-  if (!watcher.isOwed) return;
-  Tell(watcher, "was ended by signal " + std::to_string(WTERMSIG(state.status)));
+  if (state.result < 0) return;
+  if (WIFSIGNALED(state.status) && !WasStopped(WTERMSIG(state.status))) {
+    watcher.isOwed = true;
+    Tell(watcher, "was ended by signal " + std::to_string(WTERMSIG(state.status)));
+  } else if (WIFEXITED(state.status) && WEXITSTATUS(state.status) != 0) {
+    watcher.isOwed = true;
+    Tell(watcher, "ended with exit code " + std::to_string(WEXITSTATUS(state.status)));
+  }
 }
 
 /// One that always crashes does not keep the machine busy. While the configuration is away a

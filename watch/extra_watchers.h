@@ -36,8 +36,8 @@ inline constexpr std::string_view kChildMark = "X ";
 /// room for; what room is left is shared out evenly among them. `ownPath` is how this program was
 /// called.
 void StartExtraWatchers(std::string_view list, const std::string& ownPath);
-/// Looks in each round at one of them, so at all in about ten seconds. One that a signal ended, or
-/// that the system had no room for, is started again, each at most once a minute and once the
+/// Looks in each round at one of them, so at all in about ten seconds. One that a signal
+/// or a library's exit ended, or that the system had no room for, is started again, each at most once a minute and once the
 /// configuration that was there at the start is there again; standard error and the trace say so.
 /// It has the command of its first start. Allocates nothing while all run.
 void LookAfterExtraWatcher(std::uint64_t round);

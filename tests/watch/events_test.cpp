@@ -520,7 +520,7 @@ bool OpensConfiguration(const std::string& line) {
 TEST_F(EventTable, ExtraWatcherThatDidNotEndByItselfIsStartedAgain) {
   const std::string program = folder_.Write("program", R"(#!/bin/sh
 echo "$qixwatchdepth $qixwatchroom $qixwatchlink $*" >> $HOME/started
-case "$*" in *Killed) kill -9 $$; esac
+case "$*" in *Killed) kill -9 $$;; *Done) exit 0;; esac
 exit 3
 )");
   fs::permissions(program, fs::perms::owner_all);
@@ -548,6 +548,7 @@ exit 3
   look();
   EXPECT_EQ(told("'Killed' is started again"), 1U) << "once a minute";
   EXPECT_EQ(told("'Refused' is started again"), 1U);
+  EXPECT_TRUE(Eventually([&] { return look(), told("'Refused' ended with exit code 3") == 1; }));
   EXPECT_EQ(told("'Done' is started again"), 0U);
   std::multiset<std::string> lines;
   std::istringstream file(folder_.Read("started"));
