@@ -24,6 +24,7 @@ struct ParallelJob {
 
 constinit std::atomic<unsigned> runningJobs{0};
 constinit std::atomic<unsigned> insertions{0};
+constinit std::atomic<bool> stopCutOff{false};
 
 // A removal's job that the system has no room for is tried so often, with pauses in milliseconds,
 // but not beside the commands of the next card.
@@ -36,6 +37,7 @@ void RunCommand(const ParallelJob& job) {
     return;
   }
   for (int left = kTries; !RunRemoveCommand(job.card, job.event, job.text); --left) {
+    if (StopRequested()) stopCutOff = true;
     if (left == 1 || StopRequested()) return;
     runtime::SleepMilliseconds(kTryPause);
     // The next card may have come during the pause.
@@ -72,6 +74,10 @@ bool RunParallel(CardReader& card, const WatchEvent& event, std::string_view tex
 
 void ForgetOwedParallelJobs() {
   ++insertions;
+}
+
+bool HaveParallelJobsRun() {
+  return runningJobs == 0 && !stopCutOff;
 }
 
 bool WaitForParallelJobs(unsigned milliseconds) {

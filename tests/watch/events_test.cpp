@@ -34,6 +34,7 @@
 #include "watch/parallel.h"
 #include "watch/simulate.h"
 #include "watch/slot_loop.h"
+#include "watch/stop.h"
 #include "watch/terminate_list.h"
 
 namespace {
@@ -41,6 +42,7 @@ namespace {
 /// So many processes the system has no room for, and so many new files no disk.
 std::atomic<int> forksToFail{0};
 std::atomic<int> syncsToFail{0};
+void (*inSync)() = nullptr;
 /// Pauses of other threads than the main one begin, and last as long as that thread wants.
 std::atomic<int> pausesBegun{0};
 std::atomic<bool> holdPauses{false};
@@ -70,6 +72,7 @@ extern "C" int nanosleep(const timespec* time, timespec* left) {
   return sleep(time, left);
 }
 extern "C" int fsync(int /*file*/) {
+  if (inSync != nullptr) inSync();
   if (syncsToFail <= 0) return 0;
   --syncsToFail;
   errno = ENOSPC;
@@ -462,6 +465,30 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
     const bool isMarked = fs::remove(folder_.Path("card-Watch"));
     // A job may still run in front of its next try.
     EXPECT_TRUE(isParallel || isMarked == (row.nextCard != 0 || row.failing == 99));
+  }
+}
+
+/// In a process of its own, which is stopped while the list runs.
+[[noreturn]] void StopDuringAList(int forks) {
+  watch::InstallStopHandlers();
+  forksToFail = forks;
+  inSync = [] {
+    inSync = nullptr;
+    ::raise(SIGTERM);
+    EXPECT_TRUE(watch::WaitForParallelJobs(15000));
+  };
+  Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+  const LoopRun run(desk, Record("config", 9));
+  ::_exit(run.Has("Watch - Execute remove command: /bin/true x") ? 0 : 1);
+}
+
+TEST_F(EventTable, ParallelCommandThatAStopCutsOffIsLeftToTheNextStart) {
+  const ScopedVariable marks("RUNTIME_DIRECTORY", folder_.Path().c_str());
+  Configure("", "1=parallel /bin/true x\n2=set -config " + folder_.Path("a.conf") + "\n");
+  for (const int forks : {99, 0}) {
+    folder_.Write("a.conf", "[S]\nUsername=ann\n");
+    EXPECT_EXIT(StopDuringAList(forks), ::testing::ExitedWithCode(0), "");
+    EXPECT_EQ(fs::remove(folder_.Path("card-Watch")), forks != 0);
   }
 }
 
