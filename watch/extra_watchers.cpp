@@ -1,6 +1,7 @@
 #include "watch/extra_watchers.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -58,16 +59,25 @@ std::string Variable(std::string_view name, std::uint64_t value) {
 
 // --- the one that started this watcher ----------------------------------------------------------
 
+/// Set before there is a second thread.
+struct Parent {
+  pid_t process = 0;      ///< 0 for none
+  struct stat link = {};  ///< the pipe that it says its goodbye into, which nobody takes out
+};
+constinit Parent parent;
+
+/// What the link has to tell within that time: POLLIN a goodbye, POLLHUP alone an end without one.
+short AskLink(int milliseconds) {
+  pollfd link = {runtime::kPassedDescriptor, POLLIN, 0};
+  while (::poll(&link, 1, milliseconds) < 0 && errno == EINTR) continue;
+  // Of one that a library closed nothing is known.
+  return runtime::IsStill(parent.link, runtime::kPassedDescriptor) ? link.revents : POLLIN;
+}
+
 /// A thread of its own, since the main one may be inside a command or the card's library.
 void* WaitForParent(void* /*argument*/) {
   runtime::ThreadDetachSelf();
-  const runtime::Descriptor link(runtime::kPassedDescriptor);
-  char goodbye = 0;
-  ssize_t got = 0;
-  do {
-    got = ::read(link.Get(), &goodbye, sizeof goodbye);
-  } while (got < 0 && errno == EINTR);
-  if (got == 0) ::kill(::getpid(), SIGTERM);
+  if (AskLink(-1) == POLLHUP) RequestStop();
   return nullptr;
 }
 
@@ -276,22 +286,27 @@ void StayForExtraWatchers(const Platform& platform) {
 }
 
 void LeaveExtraWatchers() {
-  // The watchers live in sessions of their own, so a signal to this one does not reach them.
-  if (StopRequested()) runtime::SignalMarkedChildren(SIGTERM);
-  // Tells them all that the end which follows is in order.
-  if (!runtime::IsStill(Own().made, Own().writing.Get())) return;
-  runtime::WriteFully(Own().writing, std::string(kMaxExtraWatchers, '.'));
+  // The watchers live in sessions of their own, so a signal to this one does not reach them. One
+  // that ignores it sees that no goodbye comes.
+  if (StopRequested()) return runtime::SignalMarkedChildren(SIGTERM);
+  if (runtime::IsStill(Own().made, Own().writing.Get())) runtime::WriteFully(Own().writing, ".");
 }
 
 void FollowParentWatcher() {
   if (!ReadVariable(kLinkVariable)) return;
   // Neither the commands nor the watchers of this one are to take it for theirs.
   ::unsetenv(VariableName(kLinkVariable).c_str());
-  struct stat status {};
-  if (::fstat(runtime::kPassedDescriptor, &status) != 0 || !S_ISFIFO(status.st_mode)) return;
+  if (::fstat(runtime::kPassedDescriptor, &parent.link) != 0 || !S_ISFIFO(parent.link.st_mode))
+    return;
   ::fcntl(runtime::kPassedDescriptor, F_SETFD, FD_CLOEXEC);
-  TakeSignalsPassedOnBy(::getppid());
+  parent.process = ::getppid();
+  TakeSignalsPassedOnBy(parent.process);
   runtime::ThreadCreate(&WaitForParent, nullptr);
+}
+
+void LookForParentWatcher() {
+  const bool isLost = parent.process != 0 && ::getppid() != parent.process;
+  if (isLost && (AskLink(0) & POLLIN) == 0) RequestStop();
 }
 
 }  // namespace qixx::watch

@@ -37,9 +37,10 @@ inline constexpr std::string_view kChildMark = "X ";
 /// called.
 void StartExtraWatchers(std::string_view list, const std::string& ownPath);
 /// Looks in each round at one of them, so at all in about ten seconds. One that a signal
-/// or a library's exit ended, or that the system had no room for, is started again, each at most once a minute and once the
-/// configuration that was there at the start is there again; standard error and the trace say so.
-/// It has the command of its first start. Allocates nothing while all run.
+/// or a library's exit ended, or that the system had no room for, is started again, each at most
+/// once a minute and once the configuration that was there at the start is there again; standard
+/// error and the trace say so. It has the command of its first start. Allocates nothing while all
+/// run.
 void LookAfterExtraWatcher(std::uint64_t round);
 /// Whether any of them runs or is to be started again.
 [[nodiscard]] bool HasExtraWatchers();
@@ -52,5 +53,8 @@ void LeaveExtraWatchers();
 /// In a watcher that another one started: requests its stop when the other one has died without
 /// having told.
 void FollowParentWatcher();
+/// The same in each round, for a link that another process keeps open, or that no thread follows.
+/// Allocates nothing.
+void LookForParentWatcher();
 
 }  // namespace qixx::watch

@@ -59,6 +59,7 @@ void RunRounds(Watch& watch, std::uint64_t limit, const Platform& platform) {
     });
     runtime::ReapChildren();
     RunStep([round] { LookAfterExtraWatcher(round); });
+    LookForParentWatcher();
     // A card that came or went shows in the pause.
     const bool hasChanged = std::exchange(pause, watch.Pause()) != pause;
     if (platform.manager.IsThere() && (hasChanged || round % kStatusRounds == 0)) {

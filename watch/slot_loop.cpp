@@ -257,7 +257,8 @@ class SlotWatch {
     isMarkDue_ = true;
   }
   /// At the end of a round, once no command's thread runs: one that is killed on the way, or that a
-  /// stop cut off, shall be run anew at the next start. A card that did not count may be in by then; the mark is its own.
+  /// stop cut off, shall be run anew at the next start. A card that did not count may be in by
+  /// then; the mark is its own.
   void ClearMark() {
     if (!isMarkDue_ || connected_ != kNoSlot || !HaveParallelJobsRun()) return;
     isMarkDue_ = false;

@@ -51,12 +51,10 @@ bool IsIgnored(int signal) {
   return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-/// Whether this is no request of its own. The starting watcher passes on the signal that it got,
-/// which may have been sent to this one too, and the end of that watcher is told of by this process
-/// itself.
+/// Whether this is no request of its own: the starting watcher passes on the signal that it got,
+/// which may have been sent to this one too.
 bool IsPassedOn(const siginfo_t& signal) {
-  return signal.si_code == SI_USER &&
-         (signal.si_pid == startingWatcher || signal.si_pid == ::getpid());
+  return signal.si_code == SI_USER && signal.si_pid == startingWatcher;
 }
 
 /// Runs as a signal handler: async-signal-safe calls only.
@@ -67,11 +65,7 @@ void NoteStop(int signal, siginfo_t* details, void* /*context*/) {
     ::signal(signal, SIG_DFL);
     ::raise(signal);
   }
-  stopRequested = true;
-  // Without a write the stop is noted, and seen at the next look.
-  if (runtime::IsStill(wakePipe.made, wakePipe.writing)) {
-    [[maybe_unused]] const ssize_t written = ::write(wakePipe.writing, "", 1);
-  }
+  RequestStop();
   errno = callerError;
 }
 
@@ -125,6 +119,14 @@ void InstallStopHandlers() {
 
 void TakeSignalsPassedOnBy(pid_t watcher) {
   startingWatcher = watcher;
+}
+
+void RequestStop() {
+  stopRequested = true;
+  // Without a write the stop is noted, and seen at the next look.
+  if (runtime::IsStill(wakePipe.made, wakePipe.writing)) {
+    [[maybe_unused]] const ssize_t written = ::write(wakePipe.writing, "", 1);
+  }
 }
 
 bool StopRequested() {

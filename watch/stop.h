@@ -20,6 +20,8 @@ namespace qixx::watch {
 void InstallStopHandlers();
 /// Which process started this watcher and passes its own stop signal on.
 void TakeSignalsPassedOnBy(pid_t watcher);
+/// From any thread, and from a signal handler.
+void RequestStop();
 [[nodiscard]] bool StopRequested();
 
 /// The system's time, until the process is asked to stop. May be used from any thread.

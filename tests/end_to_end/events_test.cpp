@@ -103,6 +103,25 @@ TEST_F(Events, ExtraWatchersEndWithAKilledParentAndLeaveTheirCommands) {
   ::close(::open(gate.c_str(), O_WRONLY | O_CLOEXEC));
 }
 
+TEST_F(Events, ExtraWatchersEndWhereSigtermIsIgnoredAlsoWhenTheirPipeStaysOpen) {
+  desktop.Configure("[Command]\nWatch=-sync config Watch|One\n" +
+                    Section("Watch Insert", {"kill x"}) + Section("Watch One Remove", {out_}));
+  std::size_t runs = 0;
+  for (const int signal : {SIGINT, SIGKILL}) {
+    desktop.Start({"-c", "trap '' TERM; exec " QIXX_PROGRAM}, "/bin/sh");
+    ASSERT_TRUE(desktop.Traced("Watch - Running 'One'", ++runs));
+    std::vector<int> held;
+    const std::string folder = "/proc/" + std::to_string(desktop.Process()) + "/fd";
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+      if (signal != SIGKILL || !std::filesystem::is_fifo(file)) continue;
+      held.push_back(::open(file.path().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    }
+    desktop.Stop(signal);
+    EXPECT_TRUE(desktop.Traced("Watch - Stopping 'One'", runs)) << signal;
+    for (const int pipe : held) ::close(pipe);
+  }
+}
+
 TEST_F(Events, SignalToAllWatchersLetsEachFinishItsList) {
   Lines remove(20, "/bin/true");
   remove.push_back(out_);
