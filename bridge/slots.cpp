@@ -148,7 +148,9 @@ std::optional<bool> Slots::Counts(CK_SLOT_ID number) {
 CK_RV Slots::TakeEvent(bool readersMayHaveNews, CK_SLOT_ID& number) {
   for (Slot& slot : slots_) slot.emptyUntil = 0;
   const bool isReadersDue = runtime::MonotonicMilliseconds() - readersPolled_ >= kMaxUnaskedReaders;
-  if (readersMayHaveNews || isReadersDue || !readers_.IsComplete()) PollReaders();
+  // A list that has just changed may have been one of a moment, which the waiting thread missed.
+  const bool isDoubtful = hasNewReaders_ || !readers_.IsComplete();
+  if (readersMayHaveNews || isReadersDue || isDoubtful) PollReaders();
   CompareStates();
   // What PC/SC knows does not wait for the module, which may be slow or fail.
   Slot* next = NextEvent();
@@ -234,7 +236,8 @@ CK_RV Slots::ReleasePulledCard() {
 /// The module is told of other readers when it is next needed.
 void Slots::PollReaders() {
   readersPolled_ = runtime::MonotonicMilliseconds();
-  if (readers_.Poll()) {
+  hasNewReaders_ = readers_.Poll();
+  if (hasNewReaders_) {
     isStale_ = true;
     searches_ = kMaxSearches;
   }

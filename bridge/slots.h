@@ -131,6 +131,7 @@ class Slots {
   bool isPulled_ = false;       ///< a poll found that the card of told_, else of offered_, went
   std::size_t turn_ = 0;        ///< where to look for the next card, so that none waits for ever
   bool isStale_ = false;        ///< the module has not looked since the readers changed
+  bool hasNewReaders_ = false;  ///< the last PollReaders found other readers than the one before
   int searches_ = 0;            ///< refreshes still to try for a reader that the module lacks
   bool isEventless_ = false;    ///< the module knows no events
   bool isUsed_ = false;         ///< the module may hold on to a card
