@@ -8,6 +8,7 @@
 #include "pkcs11/wrapper.h"
 #include "runtime/no_destructor.h"
 #include "runtime/sync.h"
+#include "watch/stop.h"
 
 namespace qixx::watch {
 namespace {
@@ -107,7 +108,10 @@ class Pkcs11CardReader final : public CardReader {
 
  private:
   bool InitialiseNow() {
-    if (Pkcs11().Initialize(nullptr) != CKR_OK) return false;
+    const CK_RV result = Pkcs11().Initialize(nullptr);
+    // What the library does with the signals must not keep the service from ending.
+    TakeStopSignals();
+    if (result != CKR_OK) return false;
     eventDescriptor_ = Pkcs11().EventDescriptor();
     return true;
   }

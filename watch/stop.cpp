@@ -20,7 +20,12 @@
 namespace qixx::watch {
 namespace {
 
-constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGHUP};
+struct StopSignal {
+  int number;
+  bool isTaken = false;
+};
+/// Whoever started the service with a signal ignored, as nohup does, wants it to survive that one.
+constinit StopSignal stopSignals[] = {{SIGTERM}, {SIGINT}, {SIGHUP}};
 
 std::atomic<bool> stopRequested{false};
 /// By somebody other than the watcher that started this one.
@@ -90,7 +95,7 @@ void FillStandardDescriptors() {
 void UnblockStopSignals() {
   sigset_t set;
   sigemptyset(&set);
-  for (const int signal : kStopSignals) sigaddset(&set, signal);
+  for (const StopSignal& signal : stopSignals) sigaddset(&set, signal.number);
   sigprocmask(SIG_UNBLOCK, &set, nullptr);
 }
 
@@ -110,9 +115,13 @@ void InstallStopHandlers() {
   // A notice to the terminal of a shell that is working on something else does not stop the watch.
   ::signal(SIGTTOU, SIG_IGN);
   ::signal(SIGCHLD, SIG_DFL);
-  // Whoever started the service with a signal ignored, as nohup does, wants it to survive that one.
-  for (const int signal : kStopSignals) {
-    if (!IsIgnored(signal)) NoteStopAt(signal);
+  for (StopSignal& signal : stopSignals) signal.isTaken = !IsIgnored(signal.number);
+  TakeStopSignals();
+}
+
+void TakeStopSignals() {
+  for (const StopSignal& signal : stopSignals) {
+    if (signal.isTaken) NoteStopAt(signal.number);
   }
   UnblockStopSignals();
 }

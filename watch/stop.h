@@ -18,6 +18,8 @@ namespace qixx::watch {
 /// closed on /dev/null; ignores SIGPIPE and SIGXFSZ, whose causes come back as failed writes, and
 /// SIGTTOU, so that a notice goes to any terminal.
 void InstallStopHandlers();
+/// Takes the same signals once more, on this thread: a library may have had other plans with them.
+void TakeStopSignals();
 /// Which process started this watcher and passes its own stop signal on.
 void TakeSignalsPassedOnBy(pid_t watcher);
 /// From any thread, and from a signal handler.

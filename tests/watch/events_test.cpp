@@ -324,6 +324,31 @@ TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
   }
 }
 
+/// In a process of its own, whose library wants the signals for itself.
+[[noreturn]] void StopInSpiteOfTheLibrary() {
+  ::signal(SIGHUP, SIG_IGN);
+  watch::InstallStopHandlers();
+  FakeCard card;
+  card.List().C_Initialize = [](auto...) -> CK_RV {
+    ::signal(SIGTERM, SIG_IGN);
+    sigset_t all;
+    ::sigfillset(&all);
+    ::sigprocmask(SIG_BLOCK, &all, nullptr);
+    return CKR_OK;
+  };
+  const FakeModule module(QIXX_FAKE_PLAIN, CKR_OK, &card.List());
+  pkcs11::Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN);
+  watch::SystemCardReader().Initialise();
+  ::raise(SIGHUP);
+  const bool isEarly = watch::StopRequested();
+  ::raise(SIGTERM);
+  ::_exit(!isEarly && watch::StopRequested() ? 0 : 1);
+}
+
+TEST(SlotLoop, LibraryThatTakesTheSignalsKeepsTheServiceFromNoEnd) {
+  EXPECT_EXIT(StopInSpiteOfTheLibrary(), ::testing::ExitedWithCode(0), "");
+}
+
 TEST(SlotLoop, FinalisedLibraryIsInitialisedAndPolledOnceMore) {
   // A card is in slot 1; the library tells of it neither before nor after.
   static int refusals;
