@@ -33,6 +33,7 @@ endif()
 if(QIXX_SANITIZE)
   add_compile_options(-fsanitize=${QIXX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${QIXX_SANITIZE})
+  add_compile_definitions(QIXX_SANITIZED)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # Behind the sanitizers' own code this compiler takes parts of the standard library for uninitialised.
     add_compile_options(-Wno-maybe-uninitialized)

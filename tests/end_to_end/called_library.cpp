@@ -1,5 +1,6 @@
 // The library that the "load " and "extern " commands of the tests call. Each entry point appends
 // what it was given to the file that its argument text names, so a test sees the call.
+#include <dlfcn.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -31,6 +32,16 @@ int Stay(int /*zero*/, void* /*library*/, const char* arguments, int /*reserved*
   std::atexit([] { Append(file, "ended\n"); });
   Append(file, "called\n");
   for (;;) ::sleep(1);
+}
+
+/// Comes back, and stays in the process to its end, where it would have its word.
+int Remain(int /*zero*/, void* /*library*/, const char* arguments, int /*reserved*/) {
+  static const std::string file = arguments;
+  Dl_info own;
+  if (::dladdr(&file, &own) == 0) return 1;
+  if (::dlopen(own.dli_fname, RTLD_NOW | RTLD_NODELETE) == nullptr) return 1;
+  std::atexit([] { Append(file, "ended\n"); });
+  return 0;
 }
 
 /// Ends its thread.

@@ -84,6 +84,17 @@ TEST_F(Commands, ParallelCommandMayEndItsThreadOrStayInALibraryToTheEnd) {
   EXPECT_EQ(Read("called.txt"), "called\n");
 }
 
+TEST_F(Commands, NoCodeOfALibraryRunsBehindTheEnd) {
+#ifdef QIXX_SANITIZED
+  GTEST_SKIP() << "its own code runs there";
+#endif
+  Run({"load " QIXX_CALLED_LIBRARY ",Remain " + desktop.Path("called.txt")});
+  ASSERT_TRUE(desktop.Traced("Helper - Call external ... OK"));
+  Stop();
+  EXPECT_FALSE(Exists("called.txt"));
+  EXPECT_EQ(desktop.TraceCount("WrapperPkcs11 - Destroyed"), 1U);
+}
+
 TEST_F(Commands, ExternWritesTheLibrarysAnswerIntoAFile) {
   const std::string file = desktop.Home().Write("logon.conf", "[User]\nDomain=old\nUsername=\n");
   Run({"extern " QIXX_CALLED_LIBRARY ",ann;example -config " + file, Echo("next", "next.txt")});
