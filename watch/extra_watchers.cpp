@@ -38,6 +38,7 @@ namespace {
 constexpr std::string_view kDepthVariable = "watchdepth";
 constexpr std::string_view kRoomVariable = "watchroom";
 constexpr std::string_view kLinkVariable = "watchlink";
+constexpr std::string_view kStayVariable = "watchstay";
 
 /// A watcher is started again at most once in this time.
 constexpr std::int64_t kRestartMilliseconds = 60'000;
@@ -97,6 +98,7 @@ struct ExtraWatchers {
   std::string program;
   std::uint64_t depth = 0;  ///< of all of them
   std::vector<ExtraWatcher> all;
+  bool stay = false;              ///< with them; so do all below
   bool hadConfiguration = false;  ///< when a command was looked up
   /// A pipe whose writing end this process alone has. So the watchers, which read from it, see when
   /// the process ends, whatever ended it.
@@ -150,6 +152,7 @@ void StartExtraWatcher(ExtraWatcher& watcher) {
   if (child.passed >= 0) {
     child.variables.push_back(Variable(kLinkVariable, runtime::kPassedDescriptor));
   }
+  if (Own().stay) child.variables.push_back(Variable(kStayVariable, 1));
   const runtime::ScarceMeans scarce;
   watcher.process =
       runtime::LaunchKept(Own().program, std::string(kChildMark) + watcher.command, child);
@@ -239,7 +242,7 @@ std::string UsualExtraCommand(std::string_view name) {
   return std::string(kConfigWord).append(1, ' ').append(name);
 }
 
-void StartExtraWatchers(std::string_view list, const std::string& ownPath) {
+void StartExtraWatchers(std::string_view list, const std::string& ownPath, bool isManaged) {
   const std::uint64_t depth = ReadVariable(kDepthVariable).value_or(0);
   if (depth >= kMaxWatcherDepth) {
     runtime::TraceWrite("Watch - Extra watchers end at depth %d",
@@ -250,7 +253,8 @@ void StartExtraWatchers(std::string_view list, const std::string& ownPath) {
   if (program.empty()) return;
   const std::uint64_t room = ReadVariable(kRoomVariable).value_or(kMaxExtraWatchers);
   Own() = {program, depth + 1,
-           ShareRoom(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list))};
+           ShareRoom(std::min<std::uint64_t>(room, kMaxExtraWatchers), ExtraWatcherNames(list)),
+           isManaged || ReadVariable(kStayVariable)};
   for (ExtraWatcher& watcher : Own().all) {
     RunStep([&watcher] { StartExtraWatcher(watcher); });
   }
@@ -273,7 +277,7 @@ bool HasExtraWatchers() {
 
 void StayForExtraWatchers(const Platform& platform) {
   constexpr unsigned kPause = 333;
-  if (!platform.manager.IsThere() || StopRequested() || !HasExtraWatchers()) return;
+  if (!Own().stay || StopRequested() || !HasExtraWatchers()) return;
   runtime::TraceWrite("Watch - Staying for extra watchers");
   platform.manager.Ready();
   RunStep([&] { platform.manager.Status("Looking after extra watchers"); });

@@ -3,7 +3,8 @@
 // Watchers that start watchers make a tree. Environment variables, named by the product prefix,
 // tell each of them its part of the tree: "watchdepth" how deep it stands, "watchroom" how many
 // watchers it may start together with those below it, "watchlink" that the descriptor which it got
-// ends with the watcher that started it. To be called on the main thread.
+// ends with the watcher that started it, "watchstay" that the first one is below a service manager.
+// To be called on the main thread.
 #pragma once
 
 #include <cstddef>
@@ -34,8 +35,8 @@ inline constexpr std::string_view kChildMark = "X ";
 
 /// Starts one child watcher for each '|'-separated field of `list`, in order, as many as there is
 /// room for; what room is left is shared out evenly among them. `ownPath` is how this program was
-/// called.
-void StartExtraWatchers(std::string_view list, const std::string& ownPath);
+/// called, `isManaged` whether a service manager started it.
+void StartExtraWatchers(std::string_view list, const std::string& ownPath, bool isManaged = false);
 /// Looks in each round at one of them, so at all in about ten seconds. One that a signal
 /// or a library's exit ended, or that the system had no room for, is started again, each at most
 /// once a minute and once the configuration that was there at the start is there again; standard
@@ -44,8 +45,9 @@ void StartExtraWatchers(std::string_view list, const std::string& ownPath);
 void LookAfterExtraWatcher(std::uint64_t round);
 /// Whether any of them runs or is to be started again.
 [[nodiscard]] bool HasExtraWatchers();
-/// For a watcher whose own watch has ended: below a service manager, which would start it, and so
-/// each of them, once more, it stays as long as it has extra watchers and is not told to stop.
+/// For a watcher whose own watch has ended: below a service manager, which would start the first
+/// one, and so each of them, once more, it stays as long as it has extra watchers and is not told
+/// to stop.
 void StayForExtraWatchers(const Platform& platform);
 /// At the end of a watcher: those that it started are told to stop as well when it was, and go on
 /// without it when it ended by itself.

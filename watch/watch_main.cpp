@@ -64,7 +64,9 @@ void RunCommands(std::string_view command, std::string_view line, const std::str
     SimulateEvent(record, platform);
     return;
   }
-  if (!extraList.empty()) RunStep([&] { StartExtraWatchers(extraList, ownPath); });
+  if (!extraList.empty()) {
+    RunStep([&] { StartExtraWatchers(extraList, ownPath, platform.manager.IsThere()); });
+  }
   RunWatch(record, platform);
   StayForExtraWatchers(platform);
   LeaveExtraWatchers();
