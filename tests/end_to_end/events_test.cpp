@@ -187,9 +187,10 @@ TEST_F(Events, WatcherWithNothingToDoKeepsItsExtraWatchersBelowAServiceManager) 
     EXPECT_EQ(told, (Lines{"READY=1", "STATUS=Looking after extra watchers"}));
     if (name == "Main") {
       // Both have forked, in no order that the trace would tell.
-      const std::string own = std::to_string(desktop.Process());
+      std::string children = "/proc/" + std::to_string(desktop.Process()) + "/task/";
+      children.append(std::to_string(desktop.Process())).append("/children");
       pid_t between = 0;
-      std::ifstream("/proc/" + own + "/task/" + own + "/children") >> between;
+      std::ifstream(children) >> between;
       ASSERT_GT(between, 0);
       ::kill(between, SIGKILL);
       EXPECT_TRUE(desktop.Traced("Watch - Running 'One'", 2)) << "it is started again";
