@@ -103,10 +103,10 @@ Descriptor OpenOutput(int folder, const char* name, const char*& fault) {
                          ? ::fstat(output.Get(), &file) == 0
                          : ::fstatat(folder, name, &file, inProc ? 0 : AT_SYMLINK_NOFOLLOW) == 0;
   if (known) fault = FaultOfOutput(file, place);
+  errno = error;
   if (!known || fault != nullptr) return {};
   const bool waits = !output.IsOpen() && error == ENXIO && S_ISFIFO(file.st_mode);
   if (waits) return Descriptor(::openat(folder, name, flags));
-  errno = error;
   if (!output.IsOpen()) return {};
   const bool usable =
       ::fcntl(output.Get(), F_SETFL, 0) == 0 &&
@@ -212,7 +212,6 @@ void RedirectOutput(const ChildPlan& plan, const Output& to) {
   if (fault != nullptr) {
     NotifyWithoutOutput(plan, to, "is ", fault);
   } else if (!output.IsOpen()) {
-    TraceWrite("Helper - Failed to open '%s': %s", to.shown.c_str(), ErrorText(error));
     NotifyWithoutOutput(plan, to, "cannot be opened: ", ErrorText(error));
   }
   if (!output.IsOpen()) output = Descriptor(::open("/dev/null", O_WRONLY));

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "config/migration.h"
+#include "config/scan.h"
 #include "runtime/text.h"
 #include "watch/options.h"
 #include "watch/placeholders.h"
@@ -13,8 +14,7 @@ namespace qixx::watch {
 namespace {
 
 constexpr char kHarmless = '_';
-/// Two of the last make a comment, of which what stands around the value may have one.
-constexpr std::string_view kLineStarts = "[<;#/";
+constexpr std::string_view kLineStarts = "[<;#";
 /// What the reader of certificates puts in the place of a byte that is not UTF-8.
 constexpr char32_t kReplacement = 0xFFFD;
 
@@ -64,22 +64,20 @@ void CleanWords(std::string& text) {
 
 // --- paths --------------------------------------------------------------------------------------
 
-bool IsDots(std::string_view component) {
-  return component == "." || component == "..";
-}
-
-/// What stands around the value may complete its first and last component. Where no quotes hold it
-/// together, so it may those in front of a blank and behind one.
+/// What stands around the value may complete its first and last component, and where no quotes hold
+/// the value together those at a blank too.
 void CleanPath(std::string& text) {
   for (std::size_t i = 2; i < text.size(); ++i) {
     if (text[i] == '/' && text[i - 1] == '.' && text[i - 2] == '.') text[i] = kHarmless;
   }
   for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end + 1) {
     end = std::min(text.find_first_of("/ ", begin), text.size());
-    if (!IsDots(std::string_view(text).substr(begin, end - begin))) continue;
+    if (std::string_view(text).substr(begin, end - begin) != "..") continue;
     text.replace(begin, end - begin, 1, kHarmless);
     end = begin + 1;
   }
+  if (text == "." || text.ends_with("/.")) text.back() = kHarmless;
+  if (text.starts_with("./")) text.front() = kHarmless;
 }
 
 // --- files --------------------------------------------------------------------------------------
@@ -125,16 +123,33 @@ std::string CleanLineStart(std::string_view cleaned) {
   // A configuration that is read drops other bytes than those of ASCII in front of its first line.
   const auto first =
       std::ranges::find_if(value, [](char c) { return c != ' ' && runtime::IsAscii(c); });
-  if (first != value.end() && kLineStarts.find(*first) != std::string_view::npos) {
+  const std::string_view line(first, value.end());
+  if (!line.empty() &&
+      (kLineStarts.find(*first) != std::string_view::npos || line.starts_with("//"))) {
     *first = kHarmless;
   }
   return value;
 }
 
-std::string CleanBlockMarks(std::string_view cleaned) {
+Blocks BlocksOf(std::string_view text) {
+  if (text.find('<') == std::string_view::npos) return Blocks::kNone;
+  config::LineReader lines(text);
+  while (const std::optional<config::TextLine> line = lines.Next()) {
+    const bool isOpen = line->text.find('>') == std::string_view::npos;
+    if (line->text.starts_with('<') && isOpen) return Blocks::kAcrossLines;
+  }
+  return Blocks::kInLines;
+}
+
+std::string CleanBlockMarks(std::string_view cleaned, Blocks blocks) {
   std::string value(cleaned);
-  std::ranges::replace_if(
-      value, [](char c) { return c == '<' || c == '>'; }, kHarmless);
+  if (blocks == Blocks::kNone || value.empty()) return value;
+  const bool isAnyEnd = blocks == Blocks::kAcrossLines;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    const bool ends = value[i] == '>' && (isAnyEnd || i == 0 || value[i - 1] == '/');
+    const bool begins = value[i] == '<' && value.find_first_not_of(' ') == i;
+    if (ends || begins) value[i] = kHarmless;
+  }
   if (value.ends_with('/')) value.back() = kHarmless;
   return value;
 }

@@ -14,7 +14,9 @@ namespace qixx::watch {
 /// - double quotes, '|', and a '>' that stands alone (between blanks, ends and '%');
 /// - the '%' of what would be read as a placeholder, also where the text ends within its name;
 /// - the '-' of what would be read as an option of a command that reads its own text;
-/// - a '/' behind "..", and a component of a path that consists of one or two dots;
+/// - a '/' behind "..", a first or last component of a path that consists of dots, and a ".."
+/// between
+///   blanks;
 /// - the blank in a name that makes a configuration file pass for one of an older version.
 /// The result is not longer than the text. Parts of a cleaned text are to be cleaned again, since
 /// something may stand alone, or at an end, in them.
@@ -30,8 +32,17 @@ namespace qixx::watch {
 /// The same value for the start of a line of a file: what would make a section, a block or a
 /// comment of the line becomes '_'.
 [[nodiscard]] std::string CleanLineStart(std::string_view cleaned);
-/// The same value for a file that may have blocks, which is one with a '<' in it: what would begin
-/// a block or, with a '>' behind it or not, end one becomes '_'.
-[[nodiscard]] std::string CleanBlockMarks(std::string_view cleaned);
+
+/// The blocks that a file's text may have: a '<' at a line's start begins one, and a "/>" ends it,
+/// or for who only looks for entries a line with a '>'.
+enum class Blocks {
+  kNone,         ///< there is no '<'
+  kInLines,      ///< none goes on behind a line without a '>'
+  kAcrossLines,  ///< one does
+};
+[[nodiscard]] Blocks BlocksOf(std::string_view text);
+/// The same value for such a file: what would begin a block or end one, with what stands around it
+/// or not, becomes '_'.
+[[nodiscard]] std::string CleanBlockMarks(std::string_view cleaned, Blocks blocks);
 
 }  // namespace qixx::watch

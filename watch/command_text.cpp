@@ -12,7 +12,6 @@ namespace {
 
 constexpr char kFromCard = '\0';
 constexpr char kNoMark = ' ';
-constexpr char kRedirects = '|';
 /// What may be more than text.
 constexpr std::string_view kMarks = "\">-";
 
@@ -34,11 +33,10 @@ std::string MarksOf(std::string_view text) {
   return marks;
 }
 
-/// The same for two texts that differ only in harmless values of a card: what each of the
-/// administrator's characters is that may be a mark, and the card's that are one.
-std::string StructureOf(std::string text, std::string_view origin) {
-  std::string structure(runtime::RedirectsOutput(runtime::SplitArguments("", text)) ? 1 : 0,
-                        kRedirects);
+/// As many marks for two texts that differ only in harmless values of a card.
+CommandStructure StructureOf(std::string text, std::string_view origin) {
+  CommandStructure structure;
+  structure.redirects = runtime::RedirectsOutput(runtime::SplitArguments("", text));
   for (std::size_t i = 0; i < text.size(); ++i) {
     // A placeholder that still stands there is a word: an option has to begin outside of words.
     if (origin[i] == '%') text[i] = 'x';
@@ -46,9 +44,19 @@ std::string StructureOf(std::string text, std::string_view origin) {
   const std::string marks = MarksOf(text);
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (marks[i] != kNoMark || kMarks.find(origin[i]) != std::string_view::npos)
-      structure.push_back(marks[i]);
+      structure.marks.push_back(marks[i]);
   }
   return structure;
+}
+
+/// A value with blanks may end a redirection, or an option, by what it is: a word more. It may not
+/// bring one about, nor make other arguments of the quotes.
+bool IsWithin(const CommandStructure& now, const CommandStructure& before) {
+  const auto isAlike = [](char mark, char was) {
+    return mark == was || (mark == kNoMark && was != '"');
+  };
+  return (before.redirects || !now.redirects) &&
+         std::ranges::equal(now.marks, before.marks, isAlike);
 }
 
 }  // namespace
@@ -67,12 +75,13 @@ void CommandText::Fill(std::string_view placeholder, std::string_view value) {
     std::string origin = origin_;
     text.replace(at, placeholder.size(), value);
     origin.replace(at, placeholder.size(), value.size(), kFromCard);
-    const bool isAlike = StructureOf(text, origin) == structure_;
-    if (isAlike) {
+    const bool isHarmless = IsWithin(StructureOf(text, origin), structure_);
+    if (isHarmless) {
       text_ = std::move(text);
       origin_ = std::move(origin);
     }
-    at = runtime::FindTextNoCase(text_, placeholder, at + (isAlike ? value : placeholder).size());
+    at =
+        runtime::FindTextNoCase(text_, placeholder, at + (isHarmless ? value : placeholder).size());
   }
 }
 

@@ -7,8 +7,14 @@
 
 namespace qixx::watch {
 
-/// Keeps what the administrator meant: with the values in it the text has the same quotes, options
-/// and redirection as with a single word in the place of each, and no other '>' stands alone.
+/// What may be more than text in a command.
+struct CommandStructure {
+  std::string marks;  ///< of each character that can be one, and of the card's that are one
+  bool redirects = false;
+};
+
+/// Keeps what the administrator meant: with the values in it the text has the same quotes as with a
+/// single word in the place of each, and no other option, redirection or '>' that stands alone.
 class CommandText {
  public:
   /// `maxLength` is how long the values may make the text.
@@ -25,7 +31,7 @@ class CommandText {
   std::string text_;
   std::string origin_;  ///< the text with zero bytes in the place of what the card says
   std::size_t maxLength_;
-  const std::string structure_;
+  const CommandStructure structure_;
 };
 
 }  // namespace qixx::watch

@@ -134,11 +134,13 @@ class EditedFile {
 
  private:
   [[nodiscard]] bool IsAllowed() const;
+  [[nodiscard]] bool Save();
   [[nodiscard]] bool Restore();
   [[nodiscard]] bool SetKey(std::string_view name, std::string_view value);
   [[nodiscard]] bool TakeWalks(std::size_t count) { return budget_.Take(count * text_.size()); }
   void TakeText(std::string text) {
     text_ = std::move(text);
+    blocks_ = BlocksOf(text_);
     limit_ = std::min(MaxFilledText(text_.size()), runtime::kMaxFileSize);
   }
 
@@ -146,13 +148,14 @@ class EditedFile {
   const std::string shown_;  ///< the path for the trace and for people
   FileScope scope_;
   runtime::FilePlace saved_;
-  runtime::Descriptor file_;  ///< not open when the file is missing or may not be changed
-  runtime::Descriptor copy_;  ///< the saved one, once it was needed
-  struct stat status_;        ///< as the file was when it was opened
-  std::string before_;        ///< what the file holds
-  std::string text_;          ///< what it is to hold
-  std::size_t limit_ = 0;     ///< for `text_`
-  std::string fault_;         ///< what a failure of the step at hand means
+  runtime::Descriptor file_;       ///< not open when the file is missing or may not be changed
+  runtime::Descriptor copy_;       ///< the saved one, once it was needed
+  struct stat status_;             ///< as the file was when it was opened
+  std::string before_;             ///< what the file holds
+  std::string text_;               ///< what it is to hold
+  std::size_t limit_ = 0;          ///< for `text_`
+  Blocks blocks_ = Blocks::kNone;  ///< of `text_` before a value was put in
+  std::string fault_;              ///< what a failure of the step at hand means
   WalkBudget budget_{kMaxWalked};
 };
 
@@ -191,11 +194,12 @@ bool EditedFile::SaveOrRestore() {
   if (scope_.File().named.IsMissing() && !saved_.IsMissing()) return Restore();
   // Read before the copy is looked for: where another service made that meanwhile, it counts.
   if (!Read()) return false;
-  if (!saved_.IsMissing()) return Restore();
-  // An editor may be writing it anew: its text would be lost to an empty copy.
-  if (text_.empty()) return true;
+  return saved_.IsMissing() ? Save() : Restore();
+}
+
+/// A copy that no later event could take is none now either.
+bool EditedFile::Save() {
   fault_ = "no copy '.org' can be made";
-  // A copy that no later event could take is none now either.
   return runtime::MakeFile(saved_, text_, file_) && Restore();
 }
 
@@ -207,20 +211,20 @@ bool EditedFile::Restore() {
     text = runtime::ReadToEnd(copy_, runtime::kMaxFileSize);
     if (!text) fault = "a file that cannot be read";
   }
-  if (fault == nullptr && text->empty() && !before_.empty()) fault = "empty, which the file is not";
   if (fault != nullptr) {
     runtime::TraceRefusal(saved_.Path(), fault);
     fault_ = std::string("its copy '.org' is ") + fault;
     return false;
   }
+  // That of a file which an editor was writing anew, whose text would be lost now.
+  if (text->empty() && !before_.empty()) return Save();
   TakeText(std::move(*text));
   return true;
 }
 
 bool EditedFile::Set(std::string_view name, std::string_view value) {
   fault_ = "not all of it can be set";
-  const bool mayHaveBlocks = text_.find('<') != std::string::npos;
-  const std::string clean = mayHaveBlocks ? CleanBlockMarks(value) : std::string(value);
+  const std::string clean = CleanBlockMarks(value, blocks_);
   if (name.starts_with('%') ? ReplaceAll(text_, name, clean, limit_, budget_)
                             : SetKey(name, clean)) {
     return true;

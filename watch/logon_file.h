@@ -22,8 +22,8 @@ namespace qixx::watch {
 /// The most entries of one name that are set.
 inline constexpr std::size_t kMaxSetEntries = 1000;
 /// The most bytes of its text that one operation walks, whatever is written in there. Each key
-/// walks it once and once more for each entry that it sets, each placeholder of the card once, from
-/// the first '%' on, and once more where it is in there; see ReplaceAll. A text that may have
+/// walks it once and once more for each entry that it sets, each placeholder that is in there once;
+/// see ReplaceAll. A text that may have
 /// section names of older versions counts 256 times for each key.
 inline constexpr std::size_t kMaxWalked = std::size_t{1} << 28;
 

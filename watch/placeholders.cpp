@@ -28,7 +28,7 @@ std::string FillFromCard(CardReader& card, std::string_view match, std::string t
   return ReplaceLogonPlaceholders(*values, std::move(text), maxLength);
 }
 
-/// Whether what comes next may decide what its line is: other placeholders in
+/// Whether what comes next may become the first of its line that is no blank: other placeholders in
 /// front may come to nothing. After many of them it may, without a further look. Follows a text
 /// that grows at its end and is cut there, though not across a line end.
 class LineStart {
@@ -41,8 +41,7 @@ class LineStart {
     for (std::size_t i = line; i < piece.size() && !IsSettled(); ++i) {
       if (piece[i] == '%') {
         marks_.push_back(at + i);
-      } else if (kNoStart.find(piece[i]) == kNoStart.npos && runtime::IsAscii(piece[i]) &&
-                 MayBeHere()) {
+      } else if (piece[i] != ' ' && runtime::IsAscii(piece[i]) && MayBeHere()) {
         other_ = at + i;
       }
     }
@@ -57,8 +56,6 @@ class LineStart {
 
  private:
   static constexpr std::size_t kMaxMarks = 128;
-  /// A single '/' is nothing yet: two make a comment.
-  static constexpr std::string_view kNoStart = " /";
 
   [[nodiscard]] bool IsSettled() const {
     return other_ != std::string::npos || marks_.size() >= kMaxMarks;
@@ -79,6 +76,9 @@ class OnePassReplacement {
         ignoresCase_(runtime::StartsWithNoCase(name, kComponentPrefix)),
         again_(value.find(name.front()) == std::string_view::npos || value.size() < name.size()) {}
 
+  [[nodiscard]] bool IsAt(std::string_view text, std::size_t place) const {
+    return IsName(text.substr(place, name_.size()));
+  }
   /// Where the name begins in the text.
   [[nodiscard]] std::size_t Find(std::string_view text, std::size_t from = 0) const {
     return ignoresCase_ ? runtime::FindTextNoCase(text, name_, from)
@@ -134,8 +134,10 @@ class OnePassReplacement {
   }
   [[nodiscard]] bool EndsInName() const {
     if (result_.size() < settled_ + name_.size()) return false;
-    const std::string_view tail = std::string_view(result_).substr(result_.size() - name_.size());
-    return ignoresCase_ ? runtime::EqualsNoCase(tail, name_) : tail == name_;
+    return IsName(std::string_view(result_).substr(result_.size() - name_.size()));
+  }
+  [[nodiscard]] bool IsName(std::string_view text) const {
+    return ignoresCase_ ? runtime::EqualsNoCase(text, name_) : text == name_;
   }
 
   std::string_view name_;
@@ -191,9 +193,12 @@ std::string ReplaceLogonPlaceholders(const LogonValues& values, std::string text
 bool ReplaceAll(std::string& text, std::string_view name, std::string_view value,
                 std::size_t maxLength, WalkBudget& budget) {
   OnePassReplacement replacement(name, value);
-  const std::size_t first = std::min(text.find(name.front()), text.size());
-  if (!budget.Take(text.size() - first)) return false;
-  if (replacement.Find(text, first) == std::string::npos) return text.size() <= maxLength;
+  std::size_t first = text.find(name.front());
+  for (; first != std::string::npos && !replacement.IsAt(text, first);
+       first = text.find(name.front(), first + 1)) {
+    if (!budget.Take(kStepCost)) return false;
+  }
+  if (first == std::string::npos) return text.size() <= maxLength;
   std::optional<std::string> after = replacement.Apply(text, maxLength, budget);
   if (!after) return false;
   if (!value.empty() && config::LooksOld(*after) && !config::LooksOld(text)) return false;

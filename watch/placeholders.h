@@ -106,9 +106,9 @@ class WalkBudget {
 /// either. At the start of a line, with blanks and other placeholders in front or not, a value
 /// makes no section, block or comment of it. False, and the text is as it was, when it would be
 /// longer than `maxLength`, when a value with what stands around it would make it pass for one of
-/// an older version, or when the budget is spent: from the first '%' on a text is walked to look
-/// for the name, which is not empty; one that holds it is walked once more, and what is put in and
-/// lies around it counts kStepCost times, since it is read character by character.
+/// an older version, or when the budget is spent: a text that holds the name, which is not empty,
+/// is walked once; each '%' in front of the name counts kStepCost times, and so does what is put in
+/// and lies around it, since it is read character by character.
 [[nodiscard]] bool ReplaceAll(std::string& text, std::string_view name, std::string_view value,
                               std::size_t maxLength, WalkBudget& budget);
 inline constexpr std::size_t kStepCost = 8;

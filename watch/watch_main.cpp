@@ -100,9 +100,11 @@ void RunLine(config::CConfig& config, std::string_view line, const Platform& pla
 }
 
 /// The dot may be far up in the path, behind a folder in which anybody makes files.
-bool IsOfSomebodyElse(const std::string& path) {
+bool IsOfSomebodyElse(const std::string& path, const std::string& program) {
   struct stat status {};
+  struct stat own {};
   if (::lstat(path.c_str(), &status) != 0 || runtime::IsTrustedOwner(status.st_uid)) return false;
+  if (::stat(program.c_str(), &own) == 0 && own.st_uid == status.st_uid) return false;
   runtime::TraceRefusal(runtime::MaskSecrets(path), "a file of somebody else");
   return true;
 }
@@ -125,11 +127,12 @@ int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
 }
 
 std::optional<std::string> LocalConfigurationPath() {
-  std::string path = runtime::GetCallingApplication();
+  const std::string program = runtime::GetCallingApplication();
+  std::string path = program;
   const std::size_t dot = path.rfind('.');
   if (dot == std::string::npos) return std::nullopt;
   path.replace(dot, std::string::npos, kLocalExtension);
-  if (path.size() > runtime::kMaxText || IsOfSomebodyElse(path)) return std::nullopt;
+  if (path.size() > runtime::kMaxText || IsOfSomebodyElse(path, program)) return std::nullopt;
   return path;
 }
 

@@ -27,7 +27,8 @@ int WatchMain(int instance, int serviceHandle, std::string_view line, const Plat
 inline constinit int givenServiceHandle = 0;
 
 /// The program-local configuration file: the program's path with another ending. Nothing for a path
-/// without a dot.
+/// without a dot, and, which is traced, for a file that is neither the service's, root's nor that
+/// of the program's owner.
 [[nodiscard]] std::optional<std::string> LocalConfigurationPath();
 /// The watch command of the program-local configuration file; nothing when there is none, or when
 /// it is empty.

@@ -46,7 +46,7 @@ TEST(CardText, IsOnlyEverText) {
       {"./a/.b/c..", "_/a/.b/c.."},
       {".", "_"},
       {"/", "/"},
-      {".. x . y/.. .", "_ x _ y/_ _"},
+      {".. x . y/.. .", "_ x . y/_ ."},
       // no mark of an old file, whose sections would be renamed
       {"Soft Tokens, soft tokens", "Soft_Tokens, soft tokens"},
   };
@@ -58,7 +58,15 @@ TEST(CardText, IsOnlyEverText) {
   EXPECT_EQ(watch::CleanLineStart(" \xc3\xa9[Evil] x"), " \xc3\xa9_Evil] x");
   EXPECT_EQ(watch::CleanLineStart("a [b]"), "a [b]");
   EXPECT_EQ(watch::CleanLineStart("//x"), "_/x");
-  EXPECT_EQ(watch::CleanBlockMarks("<x/>/y/"), "_x/_/y_");
+  using watch::Blocks;
+  EXPECT_EQ(watch::BlocksOf("a=1 > 2"), Blocks::kNone);
+  EXPECT_EQ(watch::BlocksOf("<a>%UPN%</a>\n <b> <c\n"), Blocks::kInLines);
+  EXPECT_EQ(watch::BlocksOf("<a>\n <off\n>"), Blocks::kAcrossLines);
+  const std::string value = " <x/>y <z@o>/";
+  EXPECT_EQ(watch::CleanBlockMarks(value, Blocks::kNone), value);
+  EXPECT_EQ(watch::CleanBlockMarks(value, Blocks::kInLines), " _x/_y <z@o>_");
+  EXPECT_EQ(watch::CleanBlockMarks(value, Blocks::kAcrossLines), " _x/_y <z@o__");
+  EXPECT_EQ(watch::CleanBlockMarks(">x", Blocks::kInLines), "_x");
   EXPECT_EQ(watch::SplitPrincipalName(">@b@c").user, "_");
   EXPECT_EQ(watch::SplitPrincipalName("a@>").domain, "_");
   std::string all;
@@ -152,8 +160,8 @@ TEST(Placeholders, NoValueMakesAnotherCommand) {
       {"echo %UPN%> /f", "", "", "echo %UPN%> /f"},
       {"echo %OID.%UPN%%> /f", "cn", "x ", "echo %OID.cn%> /f"},
       {"echo > /f %UPN%", "", "", "echo > /f %UPN%"},
-      // none less, and to no other file
-      {"echo \"%UPN%\" > /f-%OID.cn%", "a b", "c d", "echo \"a b\" > /f-%OID.cn%"},
+      // A bare value may end one, being a word more.
+      {"echo \"%UPN%\" > /f-%OID.cn%", "a b", "c d", "echo \"a b\" > /f-c d"},
       {"echo \"%UPN%\" > \"/f-%OID.cn%\"", "a b ", "c d ", "echo \"a b \" > \"/f-c d \""},
       // no quotes that hold something else together
       {"say --text=\"%OID.cn%\" -t \"%UPN%\"", "a b c", "x ",
