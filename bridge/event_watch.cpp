@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "pkcs11/entry.h"
+#include "runtime/clock.h"
 
 namespace qixx::bridge {
 namespace {
@@ -184,8 +185,11 @@ bool EventWatch::WaitForChange() {
   }
   const bool tellsAll = knowsAll && waited > readers;
   if (tellsAll_.exchange(tellsAll) != tellsAll) event_.Raise();
+  const std::int64_t began = runtime::MonotonicMilliseconds();
   const PcscResult result = connection_.WaitForChange(kPcscInfinite, {states.data(), waited});
-  const bool isUnknown = result == PcscResult::kUnknownReader;
+  // One that waited is no service without a wait.
+  const bool wasShort = runtime::MonotonicMilliseconds() - began < kQuietPause;
+  const bool isUnknown = result == PcscResult::kUnknownReader && wasShort;
   const bool isUnknownAgain = std::exchange(wasUnknown_, isUnknown) && isUnknown && !isNewList;
   if (result == PcscResult::kSuccess && TakeStates({states.data(), readers})) {
     event_.Raise();

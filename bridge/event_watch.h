@@ -103,7 +103,7 @@ class EventWatch {
   std::vector<char> names_;
   std::vector<char> current_;  ///< the names of the last round
   std::vector<Known> known_;
-  bool wasUnknown_ = false;  ///< the last wait knew not all of the readers
+  bool wasUnknown_ = false;  ///< the last wait ended at once, for a reader that it did not know
 };
 
 }  // namespace qixx::bridge

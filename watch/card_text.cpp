@@ -44,11 +44,10 @@ bool IsBreak(std::string_view text, std::size_t index) {
   return index >= text.size() || text[index] == ' ' || text[index] == '%';
 }
 
-/// What follows the value may complete a name that the value ends in; a single '%' is let be.
+/// What follows the value, as the next one, may complete a name that the value ends in.
 bool BeginsPlaceholder(std::string_view text) {
   return std::ranges::any_of(kPlaceholderMarks, [text](std::string_view mark) {
-    return runtime::StartsWithNoCase(text, mark) ||
-           (text.size() > 1 && runtime::StartsWithNoCase(mark, text));
+    return runtime::StartsWithNoCase(text, mark) || runtime::StartsWithNoCase(mark, text);
   });
 }
 
@@ -133,6 +132,9 @@ std::string CleanLineStart(std::string_view cleaned) {
 
 Blocks BlocksOf(std::string_view text) {
   if (text.find('<') == std::string_view::npos) return Blocks::kNone;
+  // UTF-16, whose lines are not read here; and what is dropped in front of the first line.
+  if (text.find('\0') != std::string_view::npos) return Blocks::kAcrossLines;
+  while (!runtime::IsAscii(text.front())) text.remove_prefix(1);
   config::LineReader lines(text);
   while (const std::optional<config::TextLine> line = lines.Next()) {
     const bool isOpen = line->text.find('>') == std::string_view::npos;

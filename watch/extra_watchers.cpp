@@ -28,6 +28,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/configuration.h"
+#include "watch/event_table.h"
 #include "watch/guard.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
@@ -72,7 +73,7 @@ short AskLink(int milliseconds) {
   pollfd link = {runtime::kPassedDescriptor, POLLIN, 0};
   while (::poll(&link, 1, milliseconds) < 0 && errno == EINTR) continue;
   // Of one that a library closed nothing is known.
-  return runtime::IsStill(parent.link, runtime::kPassedDescriptor) ? link.revents : POLLIN;
+  return runtime::IsStill(parent.link, runtime::kPassedDescriptor) ? link.revents : short{0};
 }
 
 /// A thread of its own, since the main one may be inside a command or the card's library.
@@ -275,18 +276,23 @@ bool HasExtraWatchers() {
   });
 }
 
-void StayForExtraWatchers(const Platform& platform) {
+bool StayForExtraWatchers(const CWatchOptions& record, const Platform& platform, bool hadCommands) {
   constexpr unsigned kPause = 333;
-  if (!Own().stay || StopRequested() || !HasExtraWatchers()) return;
+  constexpr std::uint64_t kRoundsPerLook = 30;
+  if (!Own().stay || StopRequested() || !HasExtraWatchers()) return false;
   runtime::TraceWrite("Watch - Staying for extra watchers");
   platform.manager.Ready();
   RunStep([&] { platform.manager.Status("Looking after extra watchers"); });
-  for (std::uint64_t round = 0; HasExtraWatchers(); ++round) {
+  for (std::uint64_t round = 1; HasExtraWatchers(); ++round) {
     runtime::ReapChildren();
     RunStep([round] { LookAfterExtraWatcher(round); });
+    LookForParentWatcher();
     if (WatchPause(platform, kPause) == WakeUp::kStop) break;
+    const bool looks = !hadCommands && round % kRoundsPerLook == 0;
+    if (looks && RunGuarded([&record] { return HasEventCommands(record); })) return true;
   }
   platform.manager.Stopping();
+  return false;
 }
 
 void LeaveExtraWatchers() {

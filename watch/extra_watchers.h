@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "watch/options.h"
 #include "watch/platform.h"
 
 namespace qixx::watch {
@@ -47,8 +48,9 @@ void LookAfterExtraWatcher(std::uint64_t round);
 [[nodiscard]] bool HasExtraWatchers();
 /// For a watcher whose own watch has ended: below a service manager, which would start the first
 /// one, and so each of them, once more, it stays as long as it has extra watchers and is not told
-/// to stop.
-void StayForExtraWatchers(const Platform& platform);
+/// to stop. True when it has commands to run now and had none before: they may have been away.
+[[nodiscard]] bool StayForExtraWatchers(const CWatchOptions& record, const Platform& platform,
+                                        bool hadCommands);
 /// At the end of a watcher: those that it started are told to stop as well when it was, and go on
 /// without it when it ended by itself.
 void LeaveExtraWatchers();

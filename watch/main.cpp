@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -47,6 +48,7 @@ int Watch(int argc, char** argv) {
 void EndWatch([[maybe_unused]] int result) {
 #ifndef QIXX_SANITIZED  // where leaks are looked for by an exit handler
   std::destroy_at(&qixx::pkcs11::Pkcs11());
+  std::fflush(stdout);  // a function that was called may have printed
   ::_exit(result);
 #endif
 }

@@ -179,7 +179,7 @@ class SlotWatch {
     if (HasGone()) return connected_;
     CK_SLOT_ID slot = kNoSlot;
     if (connected_ == kNoSlot && IsTurn(++*looks_)) slot = LookForToken();
-    if (connected_ != kNoSlot || slot != kNoSlot) looks_.reset();
+    if (connected_ != kNoSlot) looks_.reset();
     return slot == kNoSlot ? std::nullopt : std::optional(slot);
   }
 
@@ -327,15 +327,17 @@ void RunWithLibrary(CWatchOptions& record, const Platform& platform) {
 
 }  // namespace
 
-void RunWatch(CWatchOptions& record, const Platform& platform) {
+bool RunWatch(CWatchOptions& record, const Platform& platform) {
   runtime::TraceWrite("Watch - Starting");
-  if (RunGuarded([&record] { return HasEventCommands(record); })) {
+  const bool hasCommands = RunGuarded([&record] { return HasEventCommands(record); });
+  if (hasCommands) {
     RunWithLibrary(record, platform);
   } else {
     runtime::TraceWrite("Watch - No event commands available");
     NotifyWithoutCommands(record);
   }
   runtime::TraceWrite("Watch - Stopped");
+  return hasCommands;
 }
 
 void WatchSlots(CWatchOptions& record, const Platform& platform) {

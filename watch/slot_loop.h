@@ -9,8 +9,8 @@
 
 namespace qixx::watch {
 
-/// The whole run of one watcher.
-void RunWatch(CWatchOptions& record, const Platform& platform);
+/// The whole run of one watcher. False when it had no commands to run.
+bool RunWatch(CWatchOptions& record, const Platform& platform);
 /// The slot loop.
 void WatchSlots(CWatchOptions& record, const Platform& platform);
 /// Its logon variant (watch/logon_watch.cpp).

@@ -67,8 +67,10 @@ void RunCommands(std::string_view command, std::string_view line, const std::str
   if (!extraList.empty()) {
     RunStep([&] { StartExtraWatchers(extraList, ownPath, platform.manager.IsThere()); });
   }
-  RunWatch(record, platform);
-  StayForExtraWatchers(platform);
+  bool hadCommands = RunWatch(record, platform);
+  while (StayForExtraWatchers(record, platform, hadCommands)) {
+    hadCommands = RunWatch(record, platform);
+  }
   LeaveExtraWatchers();
 }
 
@@ -103,7 +105,13 @@ void RunLine(config::CConfig& config, std::string_view line, const Platform& pla
 bool IsOfSomebodyElse(const std::string& path, const std::string& program) {
   struct stat status {};
   struct stat own {};
-  if (::lstat(path.c_str(), &status) != 0 || runtime::IsTrustedOwner(status.st_uid)) return false;
+  struct stat folder {};
+  if (::lstat(path.c_str(), &status) != 0) {
+    // One that anybody can make before it is opened does not count either.
+    return ::stat(path.substr(0, path.rfind('/') + 1).c_str(), &folder) == 0 &&
+           (folder.st_mode & S_IWOTH) != 0;
+  }
+  if (runtime::IsTrustedOwner(status.st_uid)) return false;
   if (::stat(program.c_str(), &own) == 0 && own.st_uid == status.st_uid) return false;
   runtime::TraceRefusal(runtime::MaskSecrets(path), "a file of somebody else");
   return true;

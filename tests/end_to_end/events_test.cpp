@@ -194,7 +194,11 @@ TEST_F(Events, WatcherWithNothingToDoKeepsItsExtraWatchersBelowAServiceManager) 
       ASSERT_GT(between, 0);
       ::kill(between, SIGKILL);
       EXPECT_TRUE(desktop.Traced("Watch - Running 'One'", 2)) << "it is started again";
-      listener.Take();
+      desktop.Configure("[Command]\nWatch=x\n" + Section("Watch Main Insert", {in_}) +
+                        Section("Watch One Remove", {out_}));
+      EXPECT_TRUE(desktop.Traced("Watch - Running 'Main'")) << "its commands are there now";
+      EXPECT_TRUE(
+          Eventually([&] { return std::ranges::count(listener.Take(), "STATUS=No card") != 0; }));
     }
     Stop();
     EXPECT_TRUE(desktop.Traced("Watch - Stopping 'One'", name == "Main" ? 2 : 1));

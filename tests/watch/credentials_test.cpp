@@ -137,7 +137,7 @@ TEST(Placeholders, AreReplacedInCommandsWithinTheirLimit) {
       .upn = "ann@example.org", .subject = "o=Example\\, Inc.,cn=Ann %UPN%,o=x", .serial = "2A"};
   const std::tuple<const char*, std::size_t, const char*> rows[] = {
       {"%upn% %UserName% %DOMAIN% %Serialnumber%", 511, "ann@example.org ann example.org 2A"},
-      {"\"%oid.O%\" %OID.cn% %OID.ou%", 511, "\"Example, Inc.\" Ann _UPN% %OID.ou%"},
+      {"\"%oid.O%\" %OID.cn% %OID.ou%", 511, "\"Example, Inc.\" Ann _UPN_ %OID.ou%"},
       {"%SERIALNUMBER%SUBJECT%", 511, "%SERIALNUMBERo=Example\\, Inc.,cn=Ann %UPN%,o=x"},
       {"%SERIALNUMBER%%UPN%", 20, "2A%UPN%"},
       {"%UPN% %UPN% %UPN%", 30, "ann@example.org %UPN% %UPN%"},
