@@ -22,19 +22,30 @@ bool IsBlank(char c) {
   return c == ' ' || c == '\t';
 }
 
-/// Whether a place is inside an argument in quotes, which begins behind a blank, or with the line.
-bool IsQuoted(std::string_view line, std::size_t place) {
-  for (std::size_t at = 0; at < place;) {
-    if (line[at] == kQuote) {
-      at = line.find(kQuote, at + 1);
-      if (at >= place) return true;
-      ++at;
-    } else {
-      at = IsBlank(line[at]) ? at + 1 : line.find_first_of(" \t", at);
+/// Walks over the arguments of a line; one in quotes begins behind a blank, or with the line.
+class QuoteWalk {
+ public:
+  explicit QuoteWalk(std::string_view line) : line_(line) {}
+
+  /// Whether a place, each behind the one before, is inside an argument in quotes.
+  bool IsQuoted(std::size_t place) {
+    while (at_ < place) {
+      if (line_[at_] == kQuote) {
+        if (close_ <= at_) close_ = std::min(line_.find(kQuote, at_ + 1), line_.size());
+        if (close_ >= place) return true;
+        at_ = close_ + 1;
+      } else {
+        at_ = IsBlank(line_[at_]) ? at_ + 1 : line_.find_first_of(" \t", at_);
+      }
     }
+    return false;
   }
-  return false;
-}
+
+ private:
+  std::string_view line_;
+  std::size_t at_ = 0;
+  std::size_t close_ = 0;  ///< the end of the argument in quotes that begins at at_
+};
 
 /// Masks the value of the option whose key ends at `at`. Places are looked up in `line`, so that a
 /// value masked before hides no option. What may belong to a value or not is masked.
@@ -58,11 +69,12 @@ void MaskValue(std::string_view line, std::size_t at, bool quotedOption, std::st
 }
 
 void MaskKey(std::string_view line, std::string_view key, std::string& masked) {
+  QuoteWalk quotes(line);
   for (std::size_t dash = line.find('-'); dash != std::string_view::npos;
        dash = line.find('-', dash + 1)) {
     const std::string_view option = line.substr(dash + 1);
     if (option.size() > key.size() && StartsWithNoCase(option, key)) {
-      MaskValue(line, dash + 1 + key.size(), IsQuoted(line, dash), masked);
+      MaskValue(line, dash + 1 + key.size(), quotes.IsQuoted(dash), masked);
     }
   }
 }
