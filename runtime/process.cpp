@@ -88,8 +88,7 @@ const char* FaultOfOutput(const struct stat& file, const struct stat& folder) {
 }
 
 /// Opens the output in its folder. Not open when that fails, with errno, or `fault` when it is
-/// refused. Waits
-/// for nothing but the reader of a pipe that nobody else can have put there.
+/// refused. Waits for nothing but the reader of a pipe that nobody else can have put there.
 Descriptor OpenOutput(int folder, const char* name, const char*& fault) {
   // The links of /proc are nobody's, and lead to what the service itself has open.
   const bool inProc = IsInProc(folder);

@@ -94,6 +94,8 @@ void ServiceManager::Status(std::string_view line) {
 }
 
 void ServiceManager::Stopping() {
+  // What was not taken until now is no longer so.
+  isReadyUnsent_ = isStatusUnsent_ = false;
   if (IsThere()) Send("STOPPING=1");
 }
 

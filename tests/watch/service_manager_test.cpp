@@ -64,6 +64,16 @@ TEST_F(ServiceManagerTest, IsToldOfTheRun) {
   EXPECT_LE(*std::ranges::max_element(machine.clock.slept), 10U);
 }
 
+TEST_F(ServiceManagerTest, IsToldOfNothingBehindTheEnd) {
+  watch::ServiceManager manager = Manager(path_);
+  manager.Ready();
+  manager.Status("No card");  // nobody listens yet
+  NotifyListener listener(path_);
+  manager.Stopping();
+  manager.Alive();
+  EXPECT_THAT(listener.Take(), ElementsAre("STOPPING=1"));
+}
+
 TEST_F(ServiceManagerTest, IsToldWhyThereIsNoCard) {
   NotifyListener listener(path_);
   Scripted machine;
