@@ -23,8 +23,8 @@ class RealCards : public ServiceTest {
     if (OutputOf("command -v opensc-tool").empty()) {
       GTEST_SKIP() << "NOT TESTED on cards: no OpenSC (package opensc)";
     }
-    ASSERT_TRUE(MakeCertificate(desktop.Path("ann.der"))) << "the program openssl is needed";
-    certificate_ = desktop.Home().Read("ann.der");
+    ASSERT_TRUE(MakeCertificate(Path("ann.der"))) << "the program openssl is needed";
+    certificate_ = Read("ann.der");
   }
   void TearDown() override {
     while (!in_.empty()) Remove(in_.begin()->first);
@@ -52,11 +52,11 @@ class RealCards : public ServiceTest {
   }
   /// Polls until the service has "Connected" or "Disconnected" the reader so many times.
   [[nodiscard]] bool Has(const std::string& done, int reader, std::size_t count = 1) const {
-    return desktop.Traced("Watch - " + done + " slot " + std::to_string(reader * 3 + 1), count);
+    return Traced("Watch - " + done + " slot " + std::to_string(reader * 3 + 1), count);
   }
   void ExpectRead(int reader, std::size_t count = 1) {
     ASSERT_TRUE(Has("Connected", reader, count));
-    EXPECT_TRUE(desktop.Holds("said.txt", "ann@tessaly.example\n"));
+    EXPECT_TRUE(Holds("said.txt", "ann@tessaly.example\n"));
   }
 
   CardService service_;
@@ -75,7 +75,7 @@ TEST_F(RealCards, OneThatIsInAtStartAndAnother) {
   Remove(1);
   ASSERT_TRUE(Has("Disconnected", 1));
   ExpectRead(0);
-  EXPECT_EQ(desktop.TraceCount("Watch - Event"), 3U) << "of one card at a time";
+  EXPECT_EQ(TraceCount("Watch - Event"), 3U) << "of one card at a time";
 }
 
 TEST_F(RealCards, UnreadableOneKeepsNoneBackThatIsReadable) {
@@ -83,7 +83,7 @@ TEST_F(RealCards, UnreadableOneKeepsNoneBackThatIsReadable) {
   ServiceTest::Watch("-sync -recognized", {Echo("%UPN%", "said.txt")},
                      {Echo("removed", "said.txt")});
   Insert(0, "");
-  ASSERT_TRUE(desktop.Traced("Watch - Event", 2));
+  ASSERT_TRUE(Traced("Watch - Event", 2));
   Insert(1);
   ExpectRead(1);
   Remove(1);
@@ -115,7 +115,7 @@ TEST_F(RealCards, ToolListsWhatTheModuleHas) {
   service_.Start();
   Insert(1);
   ASSERT_TRUE(Shows(1, "Yes"));
-  const ScopedVariable none("qixconfigglobal", desktop.Path("none.conf").c_str());
+  const ScopedVariable none("qixconfigglobal", Path("none.conf").c_str());
   const std::string bare = Listed("opensc-pkcs11.so");
   EXPECT_EQ(Listed(BRIDGE), bare);
   EXPECT_NE(bare.find("Certificate for PIV Authentication"), std::string::npos) << bare;

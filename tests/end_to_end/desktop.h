@@ -1,5 +1,4 @@
-// A desktop of its own for one test: a home, card readers, configuration files and the built
-// service, whose trace and exit the test reads.
+// A home, card readers, configuration files and the built service, whose trace and exit are read.
 #pragma once
 
 #include <fcntl.h>
@@ -13,7 +12,6 @@
 #include <filesystem>
 #include <map>
 #include <sstream>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -25,10 +23,6 @@ namespace qixx::testing {
 class Desktop {
  public:
   Desktop() {
-    variables_ = {{"HOME", home_.Path()},
-                  {"PATH", "/usr/bin:/bin"},
-                  {"qixconfigglobal", home_.Path("system.conf")},
-                  {"QIXX_SOFTCARD", home_.Path("readers")}};
     for (const char* sanitizer : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
       if (const char* value = ::getenv(sanitizer); value != nullptr) variables_[sanitizer] = value;
     }
@@ -101,7 +95,7 @@ class Desktop {
     ::_exit(127);
   }
   /// Sends `signal` (0: none) and waits for the end. The exit code, or minus the ending signal.
-  int Stop(int signal = SIGTERM) {
+  int Stop(int signal) {
     const pid_t process = std::exchange(process_, 0);
     int status = 0;
     ::kill(process, signal);
@@ -142,7 +136,10 @@ class Desktop {
 
   TemporaryFolder home_;
   std::string libraries_ = QIXX_SOFTCARD_FOLDER;
-  std::map<std::string, std::string> variables_;
+  std::map<std::string, std::string> variables_ = {{"HOME", home_.Path()},
+                                                   {"PATH", "/usr/bin:/bin"},
+                                                   {"qixconfigglobal", Path("system.conf")},
+                                                   {"QIXX_SOFTCARD", Path("readers")}};
   pid_t process_ = 0;
 };
 

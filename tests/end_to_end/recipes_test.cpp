@@ -1,6 +1,5 @@
 // Every recipe of docs/recipes.md, run as it is printed: its files, a card of Ann's, and what the
 // page says that runs.
-#include <algorithm>
 #include <cctype>
 #include <fstream>
 #include <regex>
@@ -27,22 +26,21 @@ void PrintTo(const Recipe& recipe, std::ostream* out) {
 }
 
 /// The headings below which files stand.
-std::vector<Recipe> ReadPage(const std::string& path) {
+std::vector<Recipe> ReadPage() {
   std::vector<Recipe> recipes;
-  std::ifstream page(path);
+  std::ifstream page(QIXX_RECIPES);
   std::string title, block;
   for (std::string line; std::getline(page, line);) {
+    const std::size_t colon = line.find(": ");
     if (line.starts_with("```")) {
       block = block.empty() ? line : "";
       if (block != "```ini") continue;
-      if (recipes.empty() || recipes.back().title != title) recipes.push_back({.title = title});
+      if (recipes.empty() || recipes.back().title != title) recipes.push_back({title});
       recipes.back().files.emplace_back();
     } else if (block == "```ini") {
       recipes.back().files.back() += line + "\n";
-    } else if (const std::size_t colon = line.find(": ");
-               block == "```text" && colon != line.npos) {
-      if (!recipes.empty())
-        recipes.back().done[line.substr(0, colon)].push_back(line.substr(colon + 2));
+    } else if (block == "```text" && colon != line.npos && !recipes.empty()) {
+      recipes.back().done[line.substr(0, colon)].push_back(line.substr(colon + 2));
     } else if (block.empty() && line.starts_with("##")) {
       title = line;
     }
@@ -50,39 +48,32 @@ std::vector<Recipe> ReadPage(const std::string& path) {
   return recipes;
 }
 
-std::string Replace(const std::string& text, const char* from, const std::string& to) {
-  return std::regex_replace(text, std::regex(from), to);
-}
-
 /// Runs one recipe in a home where all programs of /usr/bin only note how they were started.
 class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Recipe> {
  protected:
   void SetUp() override {
     for (const std::string& file : GetParam().files) WriteFile(file);
-    ASSERT_TRUE(MakeCertificate(desktop.Path("ann.der")));
+    ASSERT_TRUE(MakeCertificate(Path("ann.der")));
     // The page's own trace would be another one for each recipe.
-    desktop.SetVariable("qix:Trace:watch", desktop.Path("trace.log"));
+    SetVariable("qix:Trace:watch", Path("trace.log"));
   }
   /// In the first line stands the path behind "; ".
-  void WriteFile(const std::string& file) {
-    const fs::path path = file.substr(2, file.find('\n') - 2);
-    std::string text = Replace(file, "/home/kiosk/", desktop.Path(""));
-    text = Replace(text, "/usr/local/lib/qixxwatch/", QIXX_SOFTCARD_FOLDER);
-    WritePrograms(text);
-    text = Replace(text, "/usr/bin/", desktop.Path("bin/"));
+  void WriteFile(std::string text) {
+    const fs::path path = text.substr(2, text.find('\n') - 2);
     const bool isSystems = path == "/etc/qix.conf";
-    desktop.Home().Write(isSystems ? "system.conf" : path.filename().string(), text);
+    static const std::regex kProgram("/usr/bin/([^ \n]+)");
+    for (std::sregex_iterator at(text.begin(), text.end(), kProgram), end; at != end; ++at) {
+      WriteProgram("echo \"" + at->str() + " $*\" >> " + Path("log"), "bin/" + at->str(1));
+    }
+    for (const auto& [from, to] : {std::pair("/home/kiosk/", Path("")),
+                                   {"/usr/local/lib/qixxwatch/", QIXX_SOFTCARD_FOLDER},
+                                   {"/usr/bin/", Path("bin/")}}) {
+      text = std::regex_replace(text, std::regex(from), to);
+    }
+    Home().Write(isSystems ? "system.conf" : path.filename().string(), text);
     std::smatch watch;
     if (!isSystems || !std::regex_search(text, watch, std::regex("\nWatch=.*"))) return;
     watchers_ += static_cast<std::size_t>(std::ranges::count(watch.str(), '|'));
-  }
-  void WritePrograms(const std::string& text) {
-    fs::create_directory(desktop.Path("bin"));
-    const std::regex program("/usr/bin/([^ \n]+)");
-    for (std::sregex_iterator at(text.begin(), text.end(), program), end; at != end; ++at) {
-      desktop.WriteProgram("echo \"" + at->str() + " $*\" >> " + desktop.Path("log"),
-                           "bin/" + at->str(1));
-    }
   }
 
   /// Whether exactly the expected programs ran, and the files hold the expected lines.
@@ -90,7 +81,7 @@ class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Recip
     std::multiset<std::string> programs;
     for (const std::string& line : Expected(stage)) {
       const std::size_t holds = line.find(" holds ");
-      if (holds == std::string::npos) {
+      if (holds == line.npos) {
         programs.insert(line);
         continue;
       }
@@ -100,11 +91,11 @@ class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Recip
           << Read(file);
     }
     EXPECT_TRUE(Eventually([&] { return LinesOf("log") == programs; })) << Read("log");
-    fs::remove(desktop.Path("log"));
+    fs::remove(Path("log"));
   }
-  static std::vector<std::string> Expected(const std::string& stage) {
+  static Lines Expected(const std::string& stage) {
     const auto found = GetParam().done.find(stage);
-    return found == GetParam().done.end() ? std::vector<std::string>() : found->second;
+    return found == GetParam().done.end() ? Lines() : found->second;
   }
   [[nodiscard]] std::multiset<std::string> LinesOf(const std::string& name) const {
     std::multiset<std::string> lines;
@@ -113,8 +104,8 @@ class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Recip
     return lines;
   }
   void InsertAnn(std::size_t count) {
-    desktop.InsertCard(1, {desktop.Path("ann.der")});
-    ASSERT_TRUE(desktop.Traced("Watch - Connected slot 1", count * watchers_));
+    InsertCard(1, {Path("ann.der")});
+    Await("Watch - Connected slot 1", count * watchers_);
     ExpectDone("in");
   }
 
@@ -123,30 +114,28 @@ class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Recip
 
 TEST_P(RecipeRun, DoesWhatThePageSays) {
   ASSERT_FALSE(Expected("out").empty()) << "the page says nothing of a removal";
-  desktop.Start();
-  ASSERT_TRUE(desktop.Traced("Watch - Event", watchers_));
+  Start();
+  Await("Watch - Event", watchers_);
   ExpectDone("start");
   InsertAnn(1);
-  desktop.RemoveCard(1);
-  ASSERT_TRUE(desktop.Traced("Watch - Disconnected slot 1", watchers_));
+  RemoveCard(1);
+  Await("Watch - Disconnected slot 1", watchers_);
   ExpectDone("out");
   if (Expected("start").empty()) return;
   // As after a power cut: nobody saw the card go.
   InsertAnn(2);
-  desktop.Stop(SIGKILL);
-  ASSERT_TRUE(desktop.Traced("Watch - Stopped", watchers_ - 1))
-      << "an extra watcher is still there";
-  desktop.RemoveCard(1);
-  desktop.Start();
+  Stop(SIGKILL);
+  Await("Watch - Stopped", watchers_ - 1);
+  RemoveCard(1);
+  Start();
   ExpectDone("start");
 }
 
-std::string NameOf(const ::testing::TestParamInfo<Recipe>& test) {
+INSTANTIATE_TEST_SUITE_P(Page, RecipeRun, ::testing::ValuesIn(ReadPage()), [](const auto& test) {
   std::string name = test.param.title;
   std::erase_if(name, [](unsigned char c) { return std::isalnum(c) == 0; });
   return name;
-}
-INSTANTIATE_TEST_SUITE_P(Page, RecipeRun, ::testing::ValuesIn(ReadPage(QIXX_RECIPES)), NameOf);
+});
 
 }  // namespace
 }  // namespace qixx::testing

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/eventually.h"
+
 namespace qixx::testing {
 
 class NotifyListener {
@@ -28,19 +30,18 @@ class NotifyListener {
   NotifyListener(const NotifyListener&) = delete;
   NotifyListener& operator=(const NotifyListener&) = delete;
 
-  /// What came since the last question, signs of life apart.
-  std::vector<std::string> Take() {
+  /// What came since the last question, signs of life apart; polls until it is so much.
+  std::vector<std::string> Take(std::size_t count = 0) {
     std::vector<std::string> messages;
     signs_ = 0;
-    char buffer[512];
-    for (ssize_t got; (got = ::recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;) {
-      const std::string message(buffer, static_cast<std::size_t>(got));
-      if (message == "WATCHDOG=1") {
-        ++signs_;
-      } else {
-        messages.push_back(message);
+    EXPECT_TRUE(Eventually([&] {
+      char buffer[512];
+      for (ssize_t got; (got = ::recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;) {
+        messages.emplace_back(buffer, static_cast<std::size_t>(got));
+        signs_ += std::erase(messages, "WATCHDOG=1");
       }
-    }
+      return messages.size() >= count;
+    }));
     return messages;
   }
   /// The signs of life in what was taken last.
