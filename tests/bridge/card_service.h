@@ -3,7 +3,6 @@
 // service nor that of another test.
 #pragma once
 
-#include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -36,9 +35,8 @@ class Companion {
     process_ = ::fork();
     if (process_ != 0) return;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int quiet = ::open("/dev/null", O_RDWR);
-    for (const int descriptor : {0, 1, 2}) ::dup2(quiet, descriptor);
-    ::execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+    const std::string quiet = "exec " + command + " </dev/null >/dev/null 2>&1";
+    ::execl("/bin/sh", "sh", "-c", quiet.c_str(), nullptr);
     ::_exit(127);
   }
   void Stop(int signal) {

@@ -27,12 +27,6 @@ using namespace std::string_view_literals;
 /// The first reader's port; each further reader has the next one.
 inline constexpr int kFirstReaderPort = 35963;
 
-/// What was asked of a card since it was made.
-struct CardCounters {
-  std::atomic<int> secrets = 0;  ///< commands with a PIN or a PUK, or that use or change the card
-  std::atomic<int> certificateReads = 0;
-};
-
 struct CardHabits {
   int delay = 0;                 ///< how long it thinks about each command, in milliseconds
   bool pulledWhileRead = false;  ///< pulled by itself as soon as its certificate is being read
@@ -40,7 +34,7 @@ struct CardHabits {
 
 class InsertedCard {
  public:
-  /// The port's reader. `certificate` is DER; without, the card knows no application.
+  /// In the port's reader. `certificate` is DER; without, the card knows no application.
   InsertedCard(int port, std::string certificate, CardHabits habits = {})
       : certificate_(std::move(certificate)), habits_(habits), socket_(Connect(port)) {
     if (IsIn()) thread_ = std::thread(&InsertedCard::Serve, this);
@@ -54,41 +48,41 @@ class InsertedCard {
 
   /// False when there is no such reader.
   [[nodiscard]] bool IsIn() const { return socket_ >= 0; }
-  [[nodiscard]] const CardCounters& Counters() const { return counters_; }
+
+  std::atomic<int> secrets = 0;  ///< commands with a PIN or a PUK, or that use or change the card
+  std::atomic<int> certificateReads = 0;
 
  private:
   static constexpr std::string_view kPivName = "\xA0\x00\x00\x03\x08"sv;
   static constexpr std::string_view kCertificateTag = "\x5F\xC1\x05"sv;
   static constexpr std::size_t kLongestAnswer = 256;
 
+  static std::string TwoBytes(std::size_t number) {
+    return {static_cast<char>(number >> 8), static_cast<char>(number)};
+  }
   /// An element whose length stands in two bytes, however short it is.
-  static std::string Element(std::string_view tag, std::string_view value) {
-    const std::size_t size = value.size();
-    return std::string(tag) + '\x82' + static_cast<char>(size >> 8) + static_cast<char>(size) +
-           std::string(value);
+  static std::string Element(std::string_view tag, const std::string& value) {
+    return std::string(tag) + '\x82' + TwoBytes(value.size()) + value;
   }
 
-  static bool Receive(int socket, std::string& area) {
+  [[nodiscard]] bool Receive(std::string& area) const {
     // An acknowledgement held back for the next answer costs 40 ms, which no card does.
     const int on = 1;
-    ::setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-    return ::recv(socket, area.data(), area.size(), MSG_WAITALL) ==
-           static_cast<ssize_t>(area.size());
+    ::setsockopt(socket_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    const ssize_t size = ::recv(socket_, area.data(), area.size(), MSG_WAITALL);
+    return size == static_cast<ssize_t>(area.size());
   }
-
   /// A message: its length in two bytes, most significant first, then itself.
-  static bool ReceiveMessage(int socket, std::string& message) {
+  [[nodiscard]] bool ReceiveMessage(std::string& message) const {
     std::string head(2, '\0');
-    if (!Receive(socket, head)) return false;
+    if (!Receive(head)) return false;
     message.resize(static_cast<std::uint8_t>(head[0]) * 256U + static_cast<std::uint8_t>(head[1]));
-    return Receive(socket, message);
+    return Receive(message);
   }
-
-  static bool SendMessage(int socket, const std::string& text) {
-    const std::string message =
-        std::string{static_cast<char>(text.size() >> 8), static_cast<char>(text.size())} + text;
-    return ::send(socket, message.data(), message.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(message.size());
+  [[nodiscard]] bool SendMessage(const std::string& text) const {
+    const std::string message = TwoBytes(text.size()) + text;
+    const ssize_t size = ::send(socket_, message.data(), message.size(), MSG_NOSIGNAL);
+    return size == static_cast<ssize_t>(message.size());
   }
 
   static int Connect(int port) {
@@ -97,24 +91,23 @@ class InsertedCard {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(made, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-      return made;
-    }
+    const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+    if (::connect(made, name, sizeof address) == 0) return made;
     ::close(made);
     return -1;
   }
 
   void Serve() {
-    for (std::string message; ReceiveMessage(socket_, message);) {
+    for (std::string message; ReceiveMessage(message);) {
       if (message.size() == 1) {
         // On, off or reset, which have no answer; 4 asks for the answer to reset.
-        if (message[0] == 4 && !SendMessage(socket_, "\x3B\x80\x80\x01\x01")) break;
+        if (message[0] == 4 && !SendMessage("\x3B\x80\x80\x01\x01")) break;
         continue;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(habits_.delay));
       const std::string answer = Answer(message);
-      if (habits_.pulledWhileRead && counters_.certificateReads != 0) break;
-      if (!SendMessage(socket_, answer)) break;
+      if (habits_.pulledWhileRead && certificateReads != 0) break;
+      if (!SendMessage(answer)) break;
     }
     ::shutdown(socket_, SHUT_RDWR);
   }
@@ -123,32 +116,20 @@ class InsertedCard {
     const std::uint8_t instruction = command.size() < 4 ? 0 : static_cast<std::uint8_t>(command[1]);
     const std::string_view data =
         command.size() > 5 ? command.substr(5, static_cast<std::uint8_t>(command[4])) : ""sv;
-    switch (instruction) {
-      case 0xA4:  // select
-        if (certificate_.empty() || !data.starts_with(kPivName)) return "\x6A\x82";
-        return Hand(Element("\x61", Element("\x4F", "\x00\x00\x10\x00\x01\x00"sv) +
-                                        Element("\x79", Element("\x4F", kPivName))));
-      case 0xC0:  // get response
-        return Hand(std::move(rest_));
-      case 0xCB:  // get data; behind 5C and its length the tag
-        return GetData(data.substr(std::min<std::size_t>(2, data.size())));
-      case 0x20:  // verify: without data it asks for the tries that are left
-        if (data.empty()) return "\x63\xC3";
-        [[fallthrough]];
-      case 0x24:  // change reference data
-      case 0x2C:  // reset retry counter
-      case 0xDB:  // put data
-      case 0x47:  // generate a key pair
-      case 0x87:  // general authenticate
-        ++counters_.secrets;
+    if (instruction == 0xA4 && !certificate_.empty() && data.starts_with(kPivName)) {  // select
+      return Hand(Element("\x61", Element("\x4F", "\x00\x00\x10\x00\x01\x00"s) +
+                                      Element("\x79", Element("\x4F", std::string(kPivName)))));
     }
+    if (instruction == 0xC0) return Hand(std::move(rest_));  // get response
+    if (instruction == 0xCB && !certificate_.empty() && data.ends_with(kCertificateTag)) {
+      ++certificateReads;
+      return Hand(Element("\x53", Element("\x70", certificate_) + "\x71\x01\x00\xFE\x00"s));
+    }
+    if (instruction == 0xA4 || instruction == 0xCB) return "\x6A\x82";  // not found
+    if (instruction == 0x20 && data.empty()) return "\x63\xC3";         // how many tries are left
+    // Verify, change or reset a secret, put data, generate a key pair, authenticate.
+    if ("\x20\x24\x2C\xDB\x47\x87"sv.find(static_cast<char>(instruction)) != ""sv.npos) ++secrets;
     return "\x6D\x00"s;
-  }
-
-  std::string GetData(std::string_view tag) {
-    if (tag != kCertificateTag || certificate_.empty()) return "\x6A\x82";
-    ++counters_.certificateReads;
-    return Hand(Element("\x53", Element("\x70", certificate_) + "\x71\x01\x00\xFE\x00"s));
   }
 
   std::string Hand(std::string data) {
@@ -160,7 +141,6 @@ class InsertedCard {
 
   const std::string certificate_;
   const CardHabits habits_;
-  CardCounters counters_;
   std::string rest_;  ///< of an answer that is fetched piece by piece
   int socket_;
   std::thread thread_;

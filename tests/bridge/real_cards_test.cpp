@@ -25,6 +25,7 @@ class RealCards : public ServiceTest {
     }
     ASSERT_TRUE(MakeCertificate(Path("ann.der"))) << "the program openssl is needed";
     certificate_ = Read("ann.der");
+    service_.Start();
   }
   void TearDown() override {
     while (!in_.empty()) Remove(in_.begin()->first);
@@ -32,23 +33,23 @@ class RealCards : public ServiceTest {
   }
 
   /// Starts to watch; the name of the card's holder goes into "said.txt".
-  void Watch() {
-    ServiceTest::Watch("-sync", {Echo("%UPN%", "said.txt")}, {Echo("removed", "said.txt")});
+  void Watch(const std::string& options = "-sync") {
+    ServiceTest::Watch(options, {Echo("%UPN%", "said.txt")}, {Echo("removed", "said.txt")});
   }
-  void Insert(int reader, const std::string& certificate, CardHabits habits = {}) {
-    in_[reader] = CardIn(reader, certificate, habits);
+  void Insert(int reader, CardHabits habits = {}) {
+    in_[reader] = CardIn(reader, certificate_, habits);
     ASSERT_NE(in_[reader], nullptr) << "the reader does not listen";
   }
-  void Insert(int reader) { Insert(reader, certificate_); }
+  /// Inserts a card, and polls until PC/SC shows it.
+  void InsertSeen(int reader) {
+    Insert(reader);
+    const std::string shown = "opensc-tool -l | grep -E '^" + std::to_string(reader) + " +Yes'";
+    ASSERT_TRUE(Eventually([&] { return !OutputOf(shown).empty(); }));
+  }
   /// Every card tells what was done to it.
   void Remove(int reader) {
-    EXPECT_EQ(in_[reader]->Counters().secrets, 0) << "a PIN was sent, or the card was written to";
+    EXPECT_EQ(in_[reader]->secrets, 0) << "a PIN was sent, or the card was written to";
     in_.erase(reader);
-  }
-  /// Polls until PC/SC shows the reader with, or without, a card.
-  [[nodiscard]] static bool Shows(int reader, const std::string& card) {
-    const std::string line = "grep -E '^" + std::to_string(reader) + " +" + card + "'";
-    return Eventually([&] { return !OutputOf("opensc-tool -l | " + line).empty(); });
   }
   /// Polls until the service has "Connected" or "Disconnected" the reader so many times.
   [[nodiscard]] bool Has(const std::string& done, int reader, std::size_t count = 1) const {
@@ -65,13 +66,10 @@ class RealCards : public ServiceTest {
 };
 
 TEST_F(RealCards, OneThatIsInAtStartAndAnother) {
-  service_.Start();
-  Insert(1);
-  ASSERT_TRUE(Shows(1, "Yes"));
+  InsertSeen(1);
   Watch();
   ExpectRead(1);
-  Insert(0);
-  ASSERT_TRUE(Shows(0, "Yes"));
+  InsertSeen(0);
   Remove(1);
   ASSERT_TRUE(Has("Disconnected", 1));
   ExpectRead(0);
@@ -79,10 +77,8 @@ TEST_F(RealCards, OneThatIsInAtStartAndAnother) {
 }
 
 TEST_F(RealCards, UnreadableOneKeepsNoneBackThatIsReadable) {
-  service_.Start();
-  ServiceTest::Watch("-sync -recognized", {Echo("%UPN%", "said.txt")},
-                     {Echo("removed", "said.txt")});
-  Insert(0, "");
+  Watch("-sync -recognized");
+  in_[0] = CardIn(0);
   ASSERT_TRUE(Traced("Watch - Event", 2));
   Insert(1);
   ExpectRead(1);
@@ -91,34 +87,14 @@ TEST_F(RealCards, UnreadableOneKeepsNoneBackThatIsReadable) {
 }
 
 TEST_F(RealCards, PulledWhileItIsRead) {
-  service_.Start();
   Watch();
-  Insert(0, certificate_, {.pulledWhileRead = true});
+  Insert(0, {.pulledWhileRead = true});
   ASSERT_TRUE(Has("Connected", 0));
-  EXPECT_EQ(in_[0]->Counters().certificateReads, 1) << "and it never answered";
+  EXPECT_EQ(in_[0]->certificateReads, 1) << "and it never answered";
   ASSERT_TRUE(Has("Disconnected", 0));
   Remove(0);
   Insert(0);
   ExpectRead(0, 2);
-}
-
-/// What the tool prints, without the numbers that differ from run to run.
-std::string Listed(const std::string& module) {
-  return OutputOf("pkcs11-tool --module " + module +
-                  " -L -O 2>&1 | sed -E 's/0x[0-9a-f]+/ID/; s/(object) [0-9]+/\\1/'");
-}
-
-TEST_F(RealCards, ToolListsWhatTheModuleHas) {
-  if (*QIXX_SANITIZER != '\0') {
-    GTEST_SKIP() << "a program without the sanitizer cannot load a library with it";
-  }
-  service_.Start();
-  Insert(1);
-  ASSERT_TRUE(Shows(1, "Yes"));
-  const ScopedVariable none("qixconfigglobal", Path("none.conf").c_str());
-  const std::string bare = Listed("opensc-pkcs11.so");
-  EXPECT_EQ(Listed(BRIDGE), bare);
-  EXPECT_NE(bare.find("Certificate for PIV Authentication"), std::string::npos) << bare;
 }
 
 }  // namespace

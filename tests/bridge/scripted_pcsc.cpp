@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <span>
-#include <string_view>
 #include <thread>
 
 #include "bridge/pcsc.h"
@@ -27,20 +26,6 @@ constexpr long kNoService = 0x8010001D;
 constexpr long kNoReaders = 0x8010002E;
 constexpr PcscWord kChanged = 0x2;
 constexpr PcscWord kEmpty = 0x10;
-
-/// Whether a state differs from the known one.
-bool TakeStates(std::span<PcscReaderState> states) {
-  const ScriptedPcsc& pcsc = ThePcsc();
-  bool differs = false;
-  for (PcscReaderState& state : states) {
-    const bool isReader = std::string_view(state.name) == ScriptedPcsc::kReader;
-    const PcscWord card = pcsc.hasCard ? bridge::kPcscStatePresent : kEmpty;
-    const PcscWord count = isReader ? pcsc.changes.load() : PcscWord{pcsc.hasReader};
-    state.state = count << bridge::kPcscCountShift | (isReader ? card : 0);
-    differs = differs || ((state.state ^ state.knownState) & ~kChanged) != 0;
-  }
-  return differs;
-}
 
 }  // namespace
 
@@ -67,22 +52,26 @@ long SCardListReaders(long /*context*/, const char* /*groups*/, char* names, Pcs
     ++ThePcsc().emptyLists;
     return kNoReaders;
   }
-  const std::string_view name = ScriptedPcsc::kReader;
-  std::ranges::copy(name, names);
-  std::fill_n(names + name.size(), 2, '\0');
-  *size = name.size() + 2;
+  *size = ScriptedPcsc::kReader.size() + 2;
+  std::fill_n(names, *size, '\0');
+  std::ranges::copy(ScriptedPcsc::kReader, names);
   return kSuccess;
 }
 
 long SCardGetStatusChange(long /*context*/, PcscWord timeout, PcscReaderState* states,
                           PcscWord count) {
   ScriptedPcsc& pcsc = ThePcsc();
-  for (;;) {
+  for (bool differs = timeout == 0;;) {
     if (pcsc.isStateLost.exchange(false)) return kNoService;
-    if (!pcsc.hasReader && std::string_view(states->name) == ScriptedPcsc::kReader) {
-      return kUnknownReader;
+    if (!pcsc.hasReader && states->name == ScriptedPcsc::kReader) return kUnknownReader;
+    for (PcscReaderState& state : std::span(states, count)) {
+      const bool isReader = state.name == ScriptedPcsc::kReader;  // else the notifier of readers
+      const PcscWord card = pcsc.hasCard ? bridge::kPcscStatePresent : kEmpty;
+      const PcscWord changes = isReader ? pcsc.changes.load() : PcscWord{pcsc.hasReader};
+      state.state = changes << bridge::kPcscCountShift | (isReader ? card : 0);
+      differs = differs || ((state.state ^ state.knownState) & ~kChanged) != 0;
     }
-    if (TakeStates({states, count}) || timeout == 0) return kSuccess;
+    if (differs) return kSuccess;
     if (pcsc.isCancelled.exchange(false)) return kCancelled;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }

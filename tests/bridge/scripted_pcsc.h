@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <string_view>
 
 namespace qixx::testing {
 
@@ -15,7 +16,7 @@ struct ScriptedPcsc {
   std::atomic<bool> isStateLost = false;  ///< the next question for their states does
   std::atomic<bool> isCancelled = false;  ///< the wait for a change, or the next one
 
-  static constexpr const char* kReader = "Scripted reader 00 00";
+  static constexpr std::string_view kReader = "Scripted reader 00 00";
 };
 
 ScriptedPcsc& ThePcsc();
