@@ -58,44 +58,38 @@ std::string DeedFor(const std::string& function) {
 
 // --- lies ----------------------------------------------------------------------------------------
 
+template <typename Given, typename... Records>
+constexpr bool kIsAnyOf = (std::is_same_v<Given, Records> || ...);
+
 /// What a call was given and may have filled. Anything that is no output is left alone.
 template <typename Given>
 void Spoil(const Given& /*input*/, std::string_view /*kind*/) {}
 
-void Spoil(CK_ULONG* number, std::string_view kind) {
-  if (number == nullptr) return;
-  if (kind == "ones") *number = ~CK_ULONG{0};
-  if (kind == "zero") *number = 0;
-  if (kind == "huge") *number = kHuge;
-  if (kind == "more") ++*number;
-}
-
-/// No list, or one without functions.
-void Spoil(CK_FUNCTION_LIST** list, std::string_view kind) {
-  static qixx::pkcs11::ExtendedFunctionList empty = {};
-  *list = kind == "zero" ? nullptr : &empty.standard;
-}
-
-/// Texts without an end, or nothing at all; flags that hold everything.
-template <typename Record>
-requires std::is_same_v<Record, CK_INFO> || std::is_same_v<Record, CK_SLOT_INFO> ||
-    std::is_same_v<Record, CK_TOKEN_INFO>
-void Spoil(Record* record, std::string_view kind) {
-  if (record == nullptr) return;
-  if (kind == "zero") *record = {};
-  if (kind == "ones") std::memset(record, 0xFF, sizeof *record);
-  if constexpr (std::is_same_v<Record, CK_SLOT_INFO>) {
-    if (kind == "huge" || kind == "more")
-      std::memset(record->slotDescription, 'A', sizeof record->slotDescription);
+template <typename Output>
+void Spoil(Output* output, std::string_view kind) {
+  if (output == nullptr) return;
+  if constexpr (kIsAnyOf<Output, CK_ULONG>) {
+    if (kind == "ones") *output = ~CK_ULONG{0};
+    if (kind == "zero") *output = 0;
+    if (kind == "huge") *output = kHuge;
+    if (kind == "more") ++*output;
+  } else if constexpr (kIsAnyOf<Output, CK_FUNCTION_LIST*>) {
+    static qixx::pkcs11::ExtendedFunctionList empty = {};
+    *output = kind == "zero" ? nullptr : &empty.standard;
+  } else if constexpr (kIsAnyOf<Output, CK_INFO, CK_SLOT_INFO, CK_TOKEN_INFO>) {
+    // Texts without an end, or nothing at all; flags that hold everything.
+    if (kind == "zero") *output = {};
+    if (kind == "ones") std::memset(output, 0xFF, sizeof *output);
+  } else if constexpr (kIsAnyOf<Output, CK_ATTRIBUTE>) {
+    // The value as well, within the room that was given: a text without an end.
+    if (kind == "more" && output->pValue != nullptr && output->ulValueLen < kHuge)
+      std::memset(output->pValue, 'A', output->ulValueLen);
+    Spoil(&output->ulValueLen, kind);
   }
-}
-
-/// The value as well, within the room that was given: a text without an end.
-void Spoil(CK_ATTRIBUTE* attribute, std::string_view kind) {
-  if (attribute == nullptr) return;
-  if (kind == "more" && attribute->pValue != nullptr && attribute->ulValueLen < kHuge)
-    std::memset(attribute->pValue, 'A', attribute->ulValueLen);
-  Spoil(&attribute->ulValueLen, kind);
+  if constexpr (kIsAnyOf<Output, CK_SLOT_INFO>) {
+    if (kind == "huge" || kind == "more")
+      std::memset(output->slotDescription, 'A', sizeof output->slotDescription);
+  }
 }
 
 // --- deeds ---------------------------------------------------------------------------------------
@@ -123,15 +117,11 @@ CK_RV Perform(const char* function, const Honest& honest, const std::tuple<Given
   return result;
 }
 
-void* Below() {
-  static void* const module =
-      ::dlopen(Setting("QIXX_TORTURE_MODULE").c_str(), RTLD_NOW | RTLD_LOCAL);
-  return module;
-}
-
 template <typename Function>
 Function Find(const char* name) {
-  return Below() == nullptr ? nullptr : reinterpret_cast<Function>(::dlsym(Below(), name));
+  static void* const below =
+      ::dlopen(Setting("QIXX_TORTURE_MODULE").c_str(), RTLD_NOW | RTLD_LOCAL);
+  return below == nullptr ? nullptr : reinterpret_cast<Function>(::dlsym(below, name));
 }
 
 CK_FUNCTION_LIST* ListBelow() {
