@@ -3,10 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "config/file.h"
 #include "config/spare_lang.h"
 #include "config/spare_references.h"

@@ -65,8 +65,7 @@ TEST_F(ReaderTest, FindsWatchSlot) {
       {"virtual by its flags, the last one", {software, {.id = 8, .flags = 0x80000004}}, 0, 8},
       {"hardware in spite of its name", {{.id = 4, .description = "Virtual Slot"}}, 4, 4},
       {"almost that name", {{.id = 4, .description = "Virtual slot", .flags = 1}}, 4, 4},
-      {"above 99", {{.id = 100}, {.id = 99}}, 99, 100},
-  };
+      {"above 99", {{.id = 100}, {.id = 99}}, 99, 100}};
   for (const auto& [name, slots, amongReaders, amongAll] : rows) {
     card_.slots = slots;
     EXPECT_EQ(Helper::FindWatchSlot(true), amongReaders) << name;
@@ -94,23 +93,18 @@ TEST_F(ReaderTest, FindsOneCertificate) {
 }
 
 TEST(TokenVariables, AreFoundInTheirStore) {
-  const std::pair<std::string, std::optional<std::string>> rows[] = {
-      {"\0n \0user  \0"s, "user"},
-      {"\0other\0\0n\0user\0\0"s, "user"},
-      {"\0n\0a\0n\0b\0"s, "a"},
-      {"\0n   "s, ""},
-      {"\0n\0as long"s, "as long"},
-      {"\0n\0b"s, std::nullopt},
-      {"\0 \0b\0n\0user\0"s, std::nullopt},
-      {"\0x\0n\0a\0b\0"s, std::nullopt},
-      {"\0a\0b\0\0n\0user\0"s, std::nullopt},
-      {"\0a\0b\0n\0b"s, std::nullopt},
-      {"n\0user\0"s, std::nullopt},
-      {"\0n"s, std::nullopt},
-      {""s, std::nullopt},
-  };
-  for (const auto& [stored, expected] : rows) {
-    EXPECT_EQ(pkcs11::FindTokenVariable(BytesOf(stored), "n"), expected) << stored.c_str() + 1;
+  const std::pair<std::string, const char*> rows[] = {{"\0n \0user  \0"s, "user"},
+                                                      {"\0other\0\0n\0user\0\0"s, "user"},
+                                                      {"\0n\0a\0n\0b\0"s, "a"},
+                                                      {"\0n   "s, ""},
+                                                      {"\0n\0as long"s, "as long"}};
+  for (const auto& [stored, value] : rows) {
+    EXPECT_EQ(pkcs11::FindTokenVariable(BytesOf(stored), "n"), value);
+  }
+  for (const std::string& stored :
+       {"\0n\0b"s, "\0 \0b\0n\0user\0"s, "\0x\0n\0a\0b\0"s, "\0a\0b\0\0n\0user\0"s, "\0a\0b\0n\0b"s,
+        "n\0user\0"s, "\0n"s, ""s}) {
+    EXPECT_EQ(pkcs11::FindTokenVariable(BytesOf(stored), "n"), std::nullopt) << stored.c_str() + 1;
   }
 }
 
@@ -224,13 +218,11 @@ TEST_F(ReaderTest, BelievesNoLengthBeyondItsBuffer) {
       {CKA_LABEL, pkcs11::kMaxLabel},
       {CKA_ID, der::kMaxKeyIdentifier},
       {CKA_MODIFIABLE, 1},
-      {pkcs11::kSuiteAttribute, 8},
-  };
+      {pkcs11::kSuiteAttribute, 8}};
   for (const auto& [type, room] : rows) {
     FakeObject object = CertificateObject(std::string(101, '0'));
-    for (const CK_ATTRIBUTE_TYPE other : {CKA_MODIFIABLE, pkcs11::kSuiteAttribute}) {
-      object[other] = "";  // so that one more byte is none too many
-    }
+    // Empty, one byte more is none too many.
+    object[CKA_MODIFIABLE] = object[pkcs11::kSuiteAttribute] = "";
     object[type] = std::string(room, '0');
     card_.slots = {{.objects = {object}}};
     for (const CK_ULONG tooMuch : {0U, 1U}) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <span>
 
@@ -27,8 +28,7 @@ extern "C" time_t time(time_t* result) noexcept {
   return real.tv_sec + clockShift;
 }
 extern "C" int gettimeofday(timeval* __restrict now, void* __restrict /*zone*/) noexcept {
-  *now = {::time(nullptr), 0};
-  return 0;
+  return *now = {::time(nullptr), 0}, 0;
 }
 
 // What the journal of this program was sent; it takes nothing while it is not there.
@@ -49,7 +49,7 @@ extern "C" ssize_t sendmsg(int /*socket*/, const msghdr* message, int flags) {
 namespace qixx::runtime {
 namespace {
 
-using ::testing::MatchesRegex;
+using namespace ::testing;
 using namespace std::literals;
 namespace fs = std::filesystem;
 
@@ -65,6 +65,17 @@ class TraceTest : public ::testing::Test {
     clockShift = (clockShift / kDay + 2) * kDay;
   }
   void SetFile(const std::string& name) const { TraceSetFile(folder_.Path(name)); }
+  std::string Dump(const std::string& name) const {
+    TraceDump(name.c_str(), AsBytes("d\0a"sv));
+    return folder_.Read("~qix" + name);
+  }
+  /// What is said on standard error when lines go to the file.
+  std::string Refusals(const std::string& name) const {
+    ::testing::internal::CaptureStderr();
+    SetFile(name);  // must not block
+    for (int i = 0; i < 2; ++i) TraceWrite("lost");
+    return ::testing::internal::GetCapturedStderr();
+  }
   testing::TemporaryFolder folder_;
 };
 
@@ -78,21 +89,18 @@ TEST_F(TraceTest, JournalTakesOneDatagramForALine) {
   isJournalThere = false;
   TraceWrite("nobody takes it");
   isJournalThere = true;
-  ASSERT_EQ(journal.size(), 4U);
-  EXPECT_THAT(journal[0], ::testing::HasSubstr(" Trace - Date "));
-  const std::pair<char, std::string> rows[] = {{'6', "a\nPRIORITY=0\nb"},
-                                               {'4', "Watch - Inserted event ... FAILED"}};
-  std::size_t at = 1;
-  for (const auto& [priority, text] : rows) {
-    const std::string& datagram = journal[at++];
-    const std::string head = "PRIORITY="s + priority + "\nSYSLOG_IDENTIFIER=qixxwatch\nMESSAGE\n";
-    ASSERT_TRUE(datagram.starts_with(head)) << datagram;
-    const std::string message = datagram.substr(head.size() + 8);
-    EXPECT_THAT(message, ::testing::EndsWith(" " + text + "\n"));
-    const auto length = static_cast<char>(message.size() - 1);
-    EXPECT_EQ(datagram.substr(head.size(), 8), length + std::string(7, '\0'));
+  const std::string head = "SYSLOG_IDENTIFIER=qixxwatch\nMESSAGE\n";
+  const auto is = [&head](const std::string& priority, const std::string& end) {
+    return AllOf(StartsWith("PRIORITY=" + priority + "\n" + head), EndsWith(end + "\n"));
+  };
+  EXPECT_THAT(journal, ElementsAre(HasSubstr(" Trace - Date "), is("6", " a\nPRIORITY=0\nb"),
+                                   is("4", " Watch - Inserted event ... FAILED"), is("6", "xxx")));
+  for (const std::string& datagram : journal) {
+    const std::string message = datagram.substr(datagram.find(head) + head.size());
+    std::uint64_t length = 0;
+    std::memcpy(&length, message.data(), sizeof length);
+    EXPECT_EQ(length + sizeof length + 1, message.size()) << "as the journal's protocol has it";
   }
-  EXPECT_THAT(journal[3], ::testing::EndsWith("xxx\n"));
 }
 
 TEST_F(TraceTest, WritesDateLineAndStampedLines) {
@@ -117,8 +125,8 @@ TEST_F(TraceTest, ChecksTargetNames) {
   for (const auto& [name, accepted] : rows) {
     const testing::TraceCapture trace;
     TraceSetFile(name);
-    const std::vector<std::string> lines = trace.Lines();
-    EXPECT_EQ(!lines.empty() && lines[0].ends_with(", '" + name + "'"), accepted) << name;
+    TraceWrite("line");
+    EXPECT_EQ(trace.Lines().front().ends_with(", '" + name + "'"), accepted) << name;
   }
 }
 
@@ -165,61 +173,54 @@ TEST_F(TraceTest, EmptiesALargeTargetOnceAnHour) {
 TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
   InitProductIdentity();
   const std::string kept = folder_.Write("kept", "kept");
-  const auto dump = [this](const char* name) {
-    TraceDump(name, AsBytes("d\0a"sv));
-    return folder_.Read("~qix"s + name);
-  };
   SetFile("a.log");
   folder_.Write("~qixdata.cer", "older and longer");
-  EXPECT_EQ(dump("data.cer"), "d\0a"s);
   fs::create_symlink(kept, folder_.Path("~qixlink"));
-  EXPECT_EQ(dump("link"), "kept");
   fs::create_hard_link(kept, folder_.Path("~qixhard"));
-  EXPECT_EQ(dump("hard"), "kept");
-
+  EXPECT_EQ(Dump("data.cer"), "d\0a"s);
+  EXPECT_EQ(Dump("link") + Dump("hard"), "keptkept");
   fs::create_symlink(folder_.Path("made by the trace"), folder_.Path("link.log"));
   fs::create_hard_link(kept, folder_.Path("hard.log"));
   ASSERT_EQ(::mkfifo(folder_.Path("pipe.log").c_str(), 0600), 0);
-  const auto refusals = [this](const std::string& name) {
-    ::testing::internal::CaptureStderr();
-    SetFile(name);  // must not block
-    for (int i = 0; i < 2; ++i) TraceWrite("lost");
-    return ::testing::internal::GetCapturedStderr();
-  };
   for (const std::string name : {"link.log", "hard.log", "pipe.log"}) {
-    EXPECT_THAT(refusals(name),
+    EXPECT_THAT(Refusals(name),
                 MatchesRegex("qixxwatch: trace '[^\n]*" + name + "' is refused: [^\n]*\n"));
   }
   EXPECT_FALSE(fs::exists(folder_.Path("made by the trace")));
+  EXPECT_EQ(folder_.Read("kept"), "kept");
+}
+
+TEST_F(TraceTest, FollowsLinksOfFoldersOnlyWhenItIsSet) {
   fs::create_symlink(folder_.Path(), folder_.Path("folder"));
-  fs::remove(folder_.Path("a.log"));
   SetFile("folder/a.log");
   const std::string above = folder_.Read("a.log");
-  EXPECT_NE(above, "") << "a link on the way is followed";
+  EXPECT_NE(above, "");
   folder_.Write("before/a.log", "");
   SetFile("before/a.log");
   fs::rename(folder_.Path("before"), folder_.Path("behind"));
   fs::create_directory_symlink(folder_.Path(), folder_.Path("before"));
   TraceWrite("lost");
   EXPECT_EQ(folder_.Read("a.log"), above) << "a folder became a link between two lines";
-  EXPECT_EQ(folder_.Read("kept"), "kept");
+}
 
-  // Only a privileged run can give a file away.
-  const auto give = [this](const std::string& name) {
-    return ::lchown(folder_.Path(name).c_str(), 1, 1) == 0;
-  };
+TEST_F(TraceTest, KeepsAwayFromFilesOfOthers) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
+  InitProductIdentity();
+  fs::create_symlink(folder_.Path(), folder_.Path("folder"));
   folder_.Write("~qixtheirs", "kept");
   folder_.Write("theirs.log", "kept");
-  if (!give("~qixtheirs") || !give("theirs.log") || !give("folder")) return;
+  for (const char* const name : {"folder", "~qixtheirs", "theirs.log"}) {
+    ASSERT_EQ(::lchown(folder_.Path(name).c_str(), 1, 1), 0);
+  }
   SetFile("folder/b.log");
-  EXPECT_EQ(dump("b"), "");
+  EXPECT_EQ(Dump("b"), "");
   EXPECT_FALSE(fs::exists(folder_.Path("b.log")));
   SetFile("a.log");
-  EXPECT_EQ(dump("theirs"), "kept");
+  EXPECT_EQ(Dump("theirs"), "kept");
   // In a folder like /tmp the system itself may open no such file.
   for (const auto rights : {fs::perms::owner_all, fs::perms{01777}}) {
     fs::permissions(folder_.Path(), rights);
-    EXPECT_THAT(refusals("theirs.log"), ::testing::HasSubstr("' is refused: "));
+    EXPECT_THAT(Refusals("theirs.log"), HasSubstr("' is refused: "));
     EXPECT_EQ(folder_.Read("theirs.log"), "kept");
   }
 }
