@@ -12,17 +12,17 @@ class Credentials : public ServiceTest {
     Insert({Home().Write("card.der", certificate.Build())});
   }
   [[nodiscard]] std::string Logon() const { return Read("logon.conf"); }
-  void WriteLogon(const std::string& text) const { Home().Write("logon.conf", text); }
 
-  const std::string set_ = "set -config " + Path("logon.conf");
+  const std::string file_ = Path("logon.conf");
 };
 
 TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
   const std::string before =
       "[User]\nUsername=\nDomain=none\n[Mail]\nAddress=%USERNAME%@%DOMAIN%\nName=%OID.cn%\n"
       "[Card]\nText=%SUBJECT% %SERIALNUMBER%\n";
-  WriteLogon(before);
-  Watch("-match \"o=Other; cn=ann lee; cn=bob\" -sync", {set_}, {set_});
+  Home().Write("logon.conf", before);
+  Watch("-match \"o=Other; cn=ann lee; cn=bob\" -sync", {"set -config " + file_},
+        {"set -config " + file_});
   InsertHolder();
   EXPECT_EQ(Logon(),
             "[User]\nUsername=ann\nDomain=example.org\n[Mail]\nAddress=ann@example.org\n"
@@ -38,23 +38,11 @@ TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
   EXPECT_EQ(Logon(), "[User]\nUsername=\nDomain=\n" + rest);
 }
 
-TEST_F(Credentials, SetCommandThatCannotWriteEndsTheListOfAnInsertionOnly) {
-  const std::string missing = "set -config " + Path("none.conf");
-  WriteLogon("[User]\nUsername=x\nCard=%SUBJECT%\n");
-  Watch("-sync", {set_, missing, Echo("never")}, {missing, "set -restore" + set_.substr(3)});
-  InsertHolder();
-  EXPECT_FALSE(Exists("never") || Exists("none.conf") || Exists("none.conf.org"));
-  Remove();
-  EXPECT_EQ(Logon(), "[User]\nUsername=\nCard=\nDomain=\n");
-  EXPECT_EQ(TraceCount("Watch - Set command ... FAILED"), 2U);
-  EXPECT_EQ(TraceCount("Watch - Set command ... OK"), 2U);
-}
-
 TEST_F(Credentials, KeywordFormFillsTheFileStartsItsProgramAndClearsTheFile) {
-  WriteLogon("[User]\nUsername=x\nCard=%SUBJECT%\n");
+  Home().Write("logon.conf", "[User]\nUsername=x\nCard=%SUBJECT%\n");
   Configure("");
-  Start({"-sync", "-p", WriteProgram("echo \"$2\" > " + Path("two")), "-c", Path("logon.conf"),
-         "-a", "\"one two\""});
+  Start({"-sync", "-p", WriteProgram("echo \"$2\" > " + Path("two")), "-c", file_, "-a",
+         "\"one two\""});
   InsertHolder();
   EXPECT_TRUE(Ran("two"));
   EXPECT_EQ(Logon(),
@@ -64,22 +52,12 @@ TEST_F(Credentials, KeywordFormFillsTheFileStartsItsProgramAndClearsTheFile) {
 }
 
 TEST_F(Credentials, TokenVariableNamesTheLogonUserInFastMatch) {
-  WriteLogon("[User]\nUsername=\n");
-  Watch("-sync", {"set -match fast" + set_.substr(3)});
+  Home().Write("logon.conf", "[User]\nUsername=\n");
+  Watch("-sync", {"set -match fast -config " + file_});
   Home().Write("readers/1/card.new/variables", "ActiveLogonUPN=eve@fast.example\n");
   InsertCard(1);
   Await("Watch - Found active logon UPN eve@fast.example");
   EXPECT_TRUE(Holds("logon.conf", "[User]\nUsername=eve\nDomain=fast.example\n"));
-}
-
-TEST_F(Credentials, ValuesOfACardAddNoArgumentRedirectionOrLine) {
-  WriteLogon("[User]\nText=%OID.cn%\n");
-  Watch("-sync", {set_, "/bin/echo \"%OID.cn%\" %UPN%"});
-  InsertHolder({.subject = Part("cn", "a\" > " + Path("owned") + " \nPath=x"),
-                .alternativeNames = OtherName(der::kUserPrincipalName, "x > y")});
-  Stop();
-  EXPECT_FALSE(Exists("owned") || Exists("y"));
-  EXPECT_EQ(Logon(), "[User]\nText=a_ _ " + Path("owned") + " _Path=x\nUsername=x _ y\n");
 }
 
 }  // namespace

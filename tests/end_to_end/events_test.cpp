@@ -1,7 +1,5 @@
 // From a card in a reader to the commands of the event: which events count, in which order things
 // happen, and how the service ends.
-#include <sys/stat.h>
-
 #include <fstream>
 
 #include "tests/end_to_end/service_test.h"
@@ -84,22 +82,19 @@ TEST_F(Events, ExtraWatchersRunTheirOwnSectionsAndEndWithTheirParent) {
 }
 
 TEST_F(Events, ExtraWatchersEndWithAKilledParentAndLeaveTheirCommands) {
-  const std::string gate = Path("gate"), id = Path("id");
-  ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
-  const std::string program =
-      WriteProgram("echo $$ > " + id + ".new && mv " + id + ".new " + id + "; read x < " + gate);
+  const std::string program = WriteProgram("until [ -e " + Path("gate") +
+                                           " ]; do sleep .1; done; echo alive > " + Path("alive"));
   ConfigureWatchers(
       "-sync config Watch|One\nWatch One=-sync config One|Two",
       {{"Insert", {"kill x"}}, {"One Insert", {"kill x"}}, {"Two Insert", {program}}});
   Start();
   Await("Watch - Running 'Two'");
   InsertCard(1);
-  ASSERT_TRUE(Eventually([this] { return Exists("id"); }));
+  Await("Watch - Connected slot 1", 3);
   EXPECT_EQ(Stop(SIGKILL), -SIGKILL);
-  Await("Watch - Stopping 'One'");
-  Await("Watch - Stopping 'Two'");
-  EXPECT_EQ(::kill(std::stoi(Read("id")), 0), 0) << "the command outlives them";
-  ::close(::open(gate.c_str(), O_WRONLY | O_CLOEXEC));
+  for (const std::string name : {"One", "Two"}) Await("Watch - Stopping '" + name + "'");
+  Home().Write("gate", "");
+  EXPECT_TRUE(Ran("alive")) << "the command outlives them";
 }
 
 TEST_F(Events, ExtraWatchersEndWhereSigtermIsIgnoredAlsoWhenTheirPipeStaysOpen) {

@@ -28,22 +28,22 @@ void PrintTo(const Recipe& recipe, std::ostream* out) {
 /// The headings below which files stand.
 std::vector<Recipe> ReadPage() {
   std::vector<Recipe> recipes;
-  std::ifstream page(QIXX_RECIPES);
-  std::string title, block;
-  for (std::string line; std::getline(page, line);) {
-    const std::size_t colon = line.find(": ");
-    if (line.starts_with("```")) {
-      block = block.empty() ? line : "";
-      if (block != "```ini") continue;
+  std::string title;
+  const std::string page = TemporaryFolder::ReadFile(QIXX_RECIPES);
+  const std::regex kPart("\n(##[^\n]*)|\n```([a-z]*)\n([^`]*\n)```");
+  for (std::sregex_iterator part(page.begin(), page.end(), kPart), end; part != end; ++part) {
+    if (part->str(2) == "ini") {
       if (recipes.empty() || recipes.back().title != title) recipes.push_back({title});
-      recipes.back().files.emplace_back();
-    } else if (block == "```ini") {
-      recipes.back().files.back() += line + "\n";
-    } else if (block == "```text" && colon != line.npos && !recipes.empty()) {
-      recipes.back().done[line.substr(0, colon)].push_back(line.substr(colon + 2));
-    } else if (block.empty() && line.starts_with("##")) {
-      title = line;
+      recipes.back().files.push_back(part->str(3));
     }
+    std::istringstream lines(part->str(2) == "text" && !recipes.empty() ? part->str(3) : "");
+    for (std::string line; std::getline(lines, line);) {
+      const std::size_t colon = line.find(": ");
+      if (colon != line.npos) {
+        recipes.back().done[line.substr(0, colon)].push_back(line.substr(colon + 2));
+      }
+    }
+    if ((*part)[1].matched) title = part->str(1);
   }
   return recipes;
 }

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "runtime/text.h"
 
@@ -28,27 +29,21 @@ class JsonReader {
  private:
   explicit JsonReader(std::string_view text) : rest_(text) {}
 
-  void Value(const std::string& path, const std::string& token) {
-    if (token == "{" || token == "[") return Inner(path, token == "{");
-    Need(token.find_first_of("}],:") != 0 && values_.emplace(path, Plain(token)).second);
-  }
-  void Inner(const std::string& path, bool isObject) {
+  void Value(const std::string& path, std::string token) {
+    const std::string end = token == "{" ? "}" : token == "[" ? "]" : "";
+    if (end.empty())
+      return Need(token.find_first_of("}],:") != 0 && values_.emplace(path, Plain(token)).second);
     std::size_t count = 0;
-    for (std::string token = Token(); token != (isObject ? "}" : "]"); token = Token()) {
-      if (count != 0) {
-        Need(token == ",");
-        token = Token();
-      }
-      std::string name = std::to_string(count++);
-      if (isObject) {
-        Need(token.starts_with('"'));
-        name = Plain(token);
-        Need(Token() == ":");
-        token = Token();
+    for (token = Token(); token != end; token = Token(), ++count) {
+      if (count != 0) Need(std::exchange(token, Token()) == ",");
+      std::string name = std::to_string(count);
+      if (end == "}") {
+        Need(token.starts_with('"') && Token() == ":");
+        name = Plain(std::exchange(token, Token()));
       }
       Value(path.empty() ? name : path + "." + name, token);
     }
-    if (!isObject) values_[path + ".count"] = std::to_string(count);
+    if (end == "]") values_[path + ".count"] = std::to_string(count);
   }
   /// A bracket, a separator, or a value with its quotes and escapes.
   std::string Token() {

@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -52,29 +51,14 @@ int RunCases(const std::string& home) {
   return RunAllTests();
 }
 
-/// 0 for a text that begins with no number.
-pid_t NumberIn(const std::string& text) {
-  return static_cast<pid_t>(std::strtol(text.c_str(), nullptr, 10));
-}
-
 /// Kills the cases' process group, and what left it: orphans become children of this process.
 void KillDescendants(pid_t group) {
   ::kill(-group, SIGKILL);
-  const auto parentOf = [](const std::filesystem::path& process) {
-    const std::string stat = TemporaryFolder::ReadFile(process / "stat");
-    return NumberIn(stat.substr(std::min(stat.rfind(')') + 4, stat.size())));  // behind the name
-  };
-  for (bool found = true; found;) {
-    found = false;
-    while (::waitpid(-1, nullptr, WNOHANG) > 0) found = true;
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
-      const pid_t process = NumberIn(entry.path().filename());
-      if (process <= 0 || parentOf(entry.path()) != ::getpid()) continue;
-      ::kill(process, SIGKILL);
-      found = ::waitpid(process, nullptr, 0) == process || found;
-    }
-  }
+  const std::string children = "/proc/self/task/" + std::to_string(::getpid()) + "/children";
+  do {
+    std::ifstream file(children);
+    for (pid_t child = 0; file >> child;) ::kill(child, SIGKILL);
+  } while (::waitpid(-1, nullptr, 0) > 0);
 }
 
 void PrintTraces(const std::string& home) {
@@ -92,14 +76,16 @@ int AwaitCases(pid_t cases, const std::string& home) {
   int status = 0;
   const bool ended = ::waitpid(cases, &status, 0) == cases;
   const bool exited = ended && WIFEXITED(status);
-  if (!ended) {
-    std::cout << "\nStopped from outside.\n";
-  } else if (!exited && WTERMSIG(status) == SIGALRM) {
-    std::cout << "\nThe case takes too long.\n";
-  } else if (!exited) {
-    std::cout << "\nThe case was ended by signal " << WTERMSIG(status) << ".\n";
+  if (!exited) {
+    const int signal = ended ? WTERMSIG(status) : 0;
+    const std::string ending = "The case was ended by signal " + std::to_string(signal);
+    std::cout << '\n'
+              << (signal == 0         ? "Stopped from outside"
+                  : signal == SIGALRM ? "The case takes too long"
+                                      : ending)
+              << ".\n";
+    PrintTraces(home);
   }
-  if (!exited) PrintTraces(home);
   KillDescendants(cases);
   return exited ? WEXITSTATUS(status) : 1;
 }

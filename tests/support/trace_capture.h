@@ -24,22 +24,21 @@ class TraceCapture {
   TraceCapture& operator=(const TraceCapture&) = delete;
 
   [[nodiscard]] std::vector<std::string> Lines() const {
-    const std::lock_guard<std::mutex> hold(guard);
+    const std::lock_guard hold(guard);
     return kept;
   }
   [[nodiscard]] bool Has(const std::string& line) const { return Count(line) != 0; }
   [[nodiscard]] std::size_t Count(const std::string& line) const {
-    const std::vector<std::string> lines = Lines();
-    return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
+    return static_cast<std::size_t>(std::ranges::count(Lines(), line));
   }
 
  private:
   static void Forget() {
-    const std::lock_guard<std::mutex> hold(guard);
+    const std::lock_guard hold(guard);
     kept.clear();
   }
   static void Keep(const char* line, std::size_t length) {
-    const std::lock_guard<std::mutex> hold(guard);
+    const std::lock_guard hold(guard);
     kept.emplace_back(line, length);
     if (kept.back().ends_with('\n')) kept.back().pop_back();
   }
