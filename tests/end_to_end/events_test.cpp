@@ -108,7 +108,7 @@ TEST_F(Events, ExtraWatchersEndWhereSigtermIsIgnoredAlsoWhenTheirPipeStaysOpen) 
          fs::directory_iterator("/proc/" + std::to_string(Process()) + "/fd")) {
       if (signal == SIGKILL && fs::is_fifo(file)) pipes.push_back(file);
     }
-    std::vector<std::ofstream> held(pipes.begin(), pipes.end());
+    std::vector<std::fstream> held(pipes.begin(), pipes.end());
     Stop(signal);
     Await("Watch - Stopping 'One'", runs);
   }

@@ -1,7 +1,6 @@
 // Every recipe of docs/recipes.md, run as it is printed: its files, a card of Ann's, and what the
 // page says that runs.
 #include <cctype>
-#include <fstream>
 #include <regex>
 #include <set>
 
@@ -17,12 +16,19 @@ namespace fs = std::filesystem;
 struct Recipe {
   std::string title;
   std::vector<std::string> files = {};  ///< each begins with a comment that is its path
-  /// What is done: "start" by the service itself, without a card, "in" and "out".
-  std::map<std::string, std::vector<std::string>> done = {};
+  /// Lines of "start: " of the service, without a card, "in: " and "out: ", and what is done then.
+  std::multiset<std::string> done = {};
 };
 
 void PrintTo(const Recipe& recipe, std::ostream* out) {
   *out << recipe.title;
+}
+
+std::multiset<std::string> LinesOf(const std::string& text) {
+  std::multiset<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.insert(line);
+  return lines;
 }
 
 /// The headings below which files stand.
@@ -30,20 +36,15 @@ std::vector<Recipe> ReadPage() {
   std::vector<Recipe> recipes;
   std::string title;
   const std::string page = TemporaryFolder::ReadFile(QIXX_RECIPES);
-  const std::regex kPart("\n(##[^\n]*)|\n```([a-z]*)\n([^`]*\n)```");
-  for (std::sregex_iterator part(page.begin(), page.end(), kPart), end; part != end; ++part) {
-    if (part->str(2) == "ini") {
-      if (recipes.empty() || recipes.back().title != title) recipes.push_back({title});
-      recipes.back().files.push_back(part->str(3));
+  const std::regex headingOrBlock("\n(##.*)|\n```([a-z]*)\n([^`]*\n)```");
+  for (std::sregex_iterator at(page.begin(), page.end(), headingOrBlock), end; at != end; ++at) {
+    const std::string kind = at->str(2);
+    if ((*at)[1].matched) title = at->str(1);
+    if (kind == "ini" && (recipes.empty() || recipes.back().title != title)) {
+      recipes.push_back({title});
     }
-    std::istringstream lines(part->str(2) == "text" && !recipes.empty() ? part->str(3) : "");
-    for (std::string line; std::getline(lines, line);) {
-      const std::size_t colon = line.find(": ");
-      if (colon != line.npos) {
-        recipes.back().done[line.substr(0, colon)].push_back(line.substr(colon + 2));
-      }
-    }
-    if ((*part)[1].matched) title = part->str(1);
+    if (kind == "ini") recipes.back().files.push_back(at->str(3));
+    if (kind == "text" && !recipes.empty()) recipes.back().done.merge(LinesOf(at->str(3)));
   }
   return recipes;
 }
@@ -78,29 +79,24 @@ class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Recip
 
   /// Whether exactly the expected programs ran, and the files hold the expected lines.
   void ExpectDone(const std::string& stage) {
-    std::multiset<std::string> programs;
-    for (const std::string& line : Expected(stage)) {
+    std::multiset<std::string> programs = Expected(stage);
+    std::erase_if(programs, [this](const std::string& line) {
       const std::size_t holds = line.find(" holds ");
-      if (holds == line.npos) {
-        programs.insert(line);
-        continue;
-      }
+      if (holds == line.npos) return false;
       const std::string file = fs::path(line.substr(0, holds)).filename();
-      EXPECT_TRUE(Eventually([&] { return LinesOf(file).contains(line.substr(holds + 7)); }))
+      EXPECT_TRUE(Eventually([&] { return LinesOf(Read(file)).contains(line.substr(holds + 7)); }))
           << line << "\n"
           << Read(file);
-    }
-    EXPECT_TRUE(Eventually([&] { return LinesOf("log") == programs; })) << Read("log");
+      return true;
+    });
+    EXPECT_TRUE(Eventually([&] { return LinesOf(Read("log")) == programs; })) << Read("log");
     fs::remove(Path("log"));
   }
-  static Lines Expected(const std::string& stage) {
-    const auto found = GetParam().done.find(stage);
-    return found == GetParam().done.end() ? Lines() : found->second;
-  }
-  [[nodiscard]] std::multiset<std::string> LinesOf(const std::string& name) const {
+  static std::multiset<std::string> Expected(const std::string& stage) {
     std::multiset<std::string> lines;
-    std::istringstream file(Read(name));
-    for (std::string line; std::getline(file, line);) lines.insert(line);
+    for (const std::string& line : GetParam().done) {
+      if (line.starts_with(stage + ": ")) lines.insert(line.substr(stage.size() + 2));
+    }
     return lines;
   }
   void InsertAnn(std::size_t count) {
