@@ -117,9 +117,8 @@ TEST(ConfigEnumeration, YieldsNamesInOrder) {
   // The header must stand alone, and a block ends the section.
   std::size_t first = 0;
   EXPECT_EQ(file.EnumSectionEntries("A", first), std::nullopt);
-  for (std::size_t index = 0; const auto found = file.EnumSectionEntries("c", index);)
-    all += *found;
-  for (std::size_t index = 0; const auto found = file.EnumBlocks(index);) all += "|" + *found;
+  for (std::size_t index = 0; const auto name = file.EnumSectionEntries("c", index);) all += *name;
+  for (std::size_t index = 0; const auto name = file.EnumBlocks(index);) all += "|" + *name;
   EXPECT_EQ(all, "A.a|A.no equals|A.behind|C.c|C.c|C.d|C.e|cc|B|B2");
 }
 
@@ -137,10 +136,10 @@ TEST(ConfigBlocks, AreFoundByName) {
   LoadedFile file(
       "[A]\nx=<Fake = QQ==/>\n<Empty = \n/>\n< sPaced =\nQU\nJD/>\n"
       "<Outer = \nQQ==\n<Inner = QkI=\n/>  <Same=RA==/> x <Late=QQ==/>\n<Open = QQ==");
-  const std::pair<const char*, const char*> rows[] = {
-      {"Spaced", "ABC"}, {"Outer", "A"}, {"Same", "D"}, {"Fake", "A"},  // in an entry
-      {"Inner", "BB"},                                                  // in another block
-      {"Late", "A"}};
+  // Fake stands in an entry, Inner in another block.
+  const std::pair<const char*, const char*> rows[] = {{"Spaced", "ABC"}, {"Outer", "A"},
+                                                      {"Same", "D"},     {"Fake", "A"},
+                                                      {"Inner", "BB"},   {"Late", "A"}};
   for (const auto& [name, data] : rows) EXPECT_EQ(BlockIn(file, name), data) << name;
   for (const char* const none : {"Empty", "Oute", "", "Open"}) {
     EXPECT_EQ(BlockIn(file, none), "(none)") << none;

@@ -73,6 +73,13 @@ TEST_F(ReaderTest, FindsWatchSlot) {
   }
 }
 
+TEST(Slots, AreThreeForAReaderUpTo96) {
+  for (const auto& [slot, first] :
+       {std::pair(0U, 0U), {1, 1}, {3, 1}, {4, 4}, {96, 94}, {97, 97}}) {
+    EXPECT_EQ(Helper::NormalizeSlotId(slot), first) << slot;
+  }
+}
+
 TEST_F(ReaderTest, FindsOneCertificate) {
   const std::string text = Named("Ann");
   const der::Bytes value = BytesOf(text);
@@ -127,6 +134,13 @@ TEST_F(ReaderTest, ReadsVariables) {
   EXPECT_EQ(Helper::GetTokenVariable(1, false, "name"), std::nullopt) << "that one is private";
   card_.claimedTooMuch = 1;
   EXPECT_EQ(Helper::GetTokenVariable(1, true, "name"), std::nullopt) << "longer than its place";
+  card_.claimedTooMuch = 0;
+  std::string largest = "\0name\0value\0"s;
+  largest.resize(pkcs11::kMaxStoredBytes);
+  card_.slots[0].objects = {VariableObject(largest)};
+  EXPECT_EQ(Helper::GetTokenVariable(1, true, "name"), "value");
+  card_.slots[0].objects = {VariableObject(largest + "x")};
+  EXPECT_EQ(Helper::GetTokenVariable(1, true, "name"), std::nullopt) << "longer than 1 MiB";
 }
 
 TEST_F(ReaderTest, MakesTheObjectOfVariables) {

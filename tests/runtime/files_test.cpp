@@ -47,7 +47,10 @@ TEST(TempDirectory, IsTheFirstThatIsSetAndFits) {
   EXPECT_EQ(MakeTempFileName(""), std::nullopt) << "no room for the name";
   const ScopedVariable tooLong("TEMP", (fits + "x").c_str());
   EXPECT_EQ(GetTempDirectory(), "/tmp/");
-  EXPECT_EQ(MakeTempFileName(std::string(60, 'x')), std::nullopt);
+  const std::size_t empty = MakeTempFileName("")->size() - GetTempDirectory()->size();
+  const std::string name(kMaxTempName - empty, 'x');
+  EXPECT_NE(MakeTempFileName(name), std::nullopt);
+  EXPECT_EQ(MakeTempFileName(name + "x"), std::nullopt);
 }
 
 TEST(WholeFiles, AreReadWhenRegularAndNotTooLarge) {

@@ -60,6 +60,7 @@ TEST(MaskSecrets, Options) {
       {"application \"/bin/true\" -pin 12 -user b", "application \"/bin/true\" -pin ** -user b"},
       {"5\" x \"-pin 1 2\" -pin 3 y", "5\" x \"-pin ***\" -pin * y"},
       {"-pin -pwd 12", "-pin **** **"},
+      {"\"a\"\"-pin 1 2\"", "\"a\"\"-pin ***\""},
       {"\"log in -pin \"1 2\" x\" \"-pwd=\"3\" y", "\"log in -pin \"***\" x\" \"-pwd=\"*\" y"},
       {"pin 1234 -pi 5 -pin  ", "pin 1234 -pi 5 -pin  "}};
   for (const auto& [text, masked] : rows) EXPECT_EQ(MaskSecrets(text), masked);

@@ -15,10 +15,16 @@ using Bytes = std::vector<std::uint8_t>;
 
 TEST(TextTest, ComparesFindsAndTakesApart) {
   EXPECT_EQ(CompareNoCase("abc", "ABCD", 4), -1);
+  EXPECT_EQ(CompareNoCase("AZ", "az"), 0);
   EXPECT_EQ(CompareNoCase("@", "`"), -32) << "letters only";
+  EXPECT_EQ(CompareNoCase("[", "{"), -32) << "letters only";
   EXPECT_EQ(CompareNoCase("\xFF", "a"), 0x9E) << "unsigned bytes";
   EXPECT_EQ(FindChar("a-b", '\0'), 3u);
   EXPECT_EQ(FindTextNoCase("xx %upn% %UPN%", "%UPN%", 4), 9u);
+  for (const auto find : {FindText, FindTextNoCase}) {
+    EXPECT_EQ(find("longer", "longest of all", 0), std::string_view::npos);
+    EXPECT_EQ(find("x", "", 2), std::string_view::npos);
+  }
   EXPECT_EQ(ParseDecimal("18446744073709551616"), UINT64_MAX);
   EXPECT_EQ(ParseSigned("-99999999999999999999"), INT64_MIN);
   EXPECT_EQ(ParseSigned("9223372036854775808"), INT64_MAX);
