@@ -110,7 +110,7 @@ TEST(Match, DecidesWhichCertificateCounts) {
 }
 
 TEST(Match, FastTakesTheNameThatTheTokenNotes) {
-  Scripted machine(std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}});
+  Scripted machine(AnnsCard());
   ScriptedReader& reader = machine.reader;
   reader.activeLogon = "bob\n@x";
   EXPECT_EQ(watch::FindLogonCredential(reader, "FAST", 1)->upn, "bob_@x");
@@ -182,7 +182,7 @@ TEST(Placeholders, NoValueMakesAnotherCommand) {
 }
 
 TEST(Placeholders, EachAloneHasTheCardRead) {
-  ScriptedReader reader(std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}});
+  ScriptedReader reader(AnnsCard());
   const std::tuple<const char*, const char*> rows[] = {
       {"%upn%", "ann@example.org"},
       {"%UserName%", "ann"},

@@ -12,8 +12,6 @@
 #include <ctime>
 #include <filesystem>
 #include <new>
-#include <set>
-#include <sstream>
 
 #include "runtime/children.h"
 #include "runtime/process.h"
@@ -21,6 +19,7 @@
 #include "tests/support/environment.h"
 #include "tests/support/eventually.h"
 #include "tests/support/fake_card.h"
+#include "tests/support/openssl.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
@@ -85,14 +84,8 @@ namespace {
 namespace fs = std::filesystem;
 using watch::EventKind;
 
-watch::CWatchOptions Record(const std::string& rest, std::uint64_t rounds = 1, bool sync = true) {
-  watch::CWatchOptions record;
-  record.rest = rest;
-  record.section = "Watch";
-  record.roundLimit = rounds;
-  record.sync = sync;
-  return record;
-}
+const Polls kCard = {{1, {{1}}}};
+const Polls kCardThatGoes = {{1, {{1}}}, {1, {}}};
 
 /// One run of the loop, and what it traced.
 struct LoopRun : TraceCapture {
@@ -112,7 +105,7 @@ struct LoopRun : TraceCapture {
 };
 
 /// A run of one round for each poll.
-std::string Watch(bool sync, const std::vector<Poll>& polls, const char* section = "Watch") {
+std::string Watch(bool sync, const Polls& polls, const char* section = "Watch") {
   watch::CWatchOptions record = Record("kill nothing", polls.size(), sync);
   record.section = section;
   return LoopRun(Scripted(polls), record).Slots();
@@ -127,7 +120,7 @@ class EventTable : public ::testing::Test {
   }
   TemporaryFolder folder_;
   ScopedVariable path_{"qixconfigglobal", folder_.Path("system.conf").c_str()};
-  Scripted machine_{std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}}};
+  Scripted machine_{AnnsCard()};
 };
 
 TEST_F(EventTable, NamesAndCommandsAreCutAtTheirLimits) {
@@ -164,32 +157,29 @@ TEST_F(EventTable, QuestionsAboutTheSectionsAlwaysEnd) {
 }
 
 TEST_F(EventTable, GateOfAnInsertAsksForTheCardThreeTimesASecond) {
-  struct Row {
-    const char* why;
-    const char* match;
-    std::size_t pulled;  ///< in that sleep
-    bool stops;
-    bool success;
-    std::size_t sleeps;
+  // The sleep in which the card is pulled, whether the process is to stop, how often it sleeps.
+  const std::tuple<const char*, const char*, std::size_t, bool, std::size_t> rows[] = {
+      {"the card stays", "cn=ann lee", 0, false, 6},
+      {"pulled meanwhile", "cn=ann lee", 2, false, 2},
+      {"without a match nobody asks", "", 2, false, 6},
+      {"the process is to stop", "", 0, true, 1},
   };
-  for (const Row row : {Row{"the card stays", "cn=ann lee", 0, false, true, 6},
-                        {"pulled meanwhile", "cn=ann lee", 2, false, false, 2},
-                        {"without a match nobody asks", "", 2, false, true, 6},
-                        {"the process is to stop", "", 0, true, false, 1}}) {
-    SCOPED_TRACE(row.why);
-    Scripted machine(std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}});
-    machine.clock.stop = row.stops;
-    machine.clock.inSleep = [&machine, row] {
-      if (machine.clock.slept.size() == row.pulled) machine.reader.tokens.clear();
+  for (const auto& [why, match, pulled, stops, sleeps] : rows) {
+    SCOPED_TRACE(why);
+    Scripted machine(AnnsCard());
+    machine.clock.stop = stops;
+    machine.clock.inSleep = [&machine, round = pulled] {
+      if (machine.clock.slept.size() == round) machine.reader.tokens.clear();
     };
     watch::CWatchOptions record = Record("kill x");
-    record.match = row.match;
+    record.match = match;
     record.insertWait = 2;
     const TraceCapture trace;
-    EXPECT_EQ(watch::OnInsertEvent(record, 1, machine.platform), row.success);
-    EXPECT_EQ(machine.clock.slept, std::vector<unsigned>(row.sleeps, 333));
-    EXPECT_EQ(trace.Has("Watch - Execute insert command: kill x"), row.success);
-    EXPECT_EQ(trace.Has("Watch - Inserted event ... FAILED"), !row.success);
+    const bool succeeds = sleeps == 6;
+    EXPECT_EQ(watch::OnInsertEvent(record, 1, machine.platform), succeeds);
+    EXPECT_EQ(machine.clock.slept, std::vector<unsigned>(sleeps, 333));
+    EXPECT_EQ(trace.Has("Watch - Execute insert command: kill x"), succeeds);
+    EXPECT_EQ(trace.Has("Watch - Inserted event ... FAILED"), !succeeds);
   }
 }
 
@@ -271,7 +261,7 @@ TEST(TerminateList, RemovalEndsWhatTheInsertStartedForItsSlot) {
 }
 
 TEST(SlotLoop, EventsConnectAndDisconnect) {
-  const std::tuple<const char*, bool, std::vector<Poll>, const char*> rows[] = {
+  const std::tuple<const char*, bool, Polls, const char*> rows[] = {
       {"inside a group at start", false, {{0, {{2}}}}, ""},
       {"told of twice", true, {{1, {{1}}}, {1, {{1}}}}, "Connected slot 1;Already connected;"},
       {"no poll told of it", true, {{0, {{1}}}, {0, {}}}, "Connected slot 1;Disconnected slot 1;"},
@@ -291,6 +281,10 @@ TEST(SlotLoop, EventsConnectAndDisconnect) {
        false,
        {{0, {}}, {97, {{97}}}, {95, {}}, {97, {}}},
        "Disconnected slot 0;Connected slot 97;Disconnected slot 97;"},
+      {"the first poll that works tells of another slot",
+       true,
+       {{1, {{1}}}, {0, {{1}}, CKR_GENERAL_ERROR}, {4, {{4}}}, {0, {{4}}}, {0, {{4}}}},
+       "Connected slot 1;Already connected;Disconnected slot 1;Connected slot 4;"},
   };
   for (const auto& [why, sync, polls, told] : rows) {
     EXPECT_EQ(Watch(sync, polls, "x -pin 4711"), told) << why;
@@ -298,7 +292,7 @@ TEST(SlotLoop, EventsConnectAndDisconnect) {
 }
 
 TEST(SlotLoop, UnreadableTokenIsNoInsertWhereItIsToBeRecognized) {
-  Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {{1}}}});
+  Scripted machine(Polls{{1, {{1}}}, {1, {{1}}}});
   machine.reader.readable = false;
   machine.clock.inSleep = [&machine] { machine.reader.readable = true; };
   watch::CWatchOptions record = Record("kill nothing", 2);
@@ -309,19 +303,18 @@ TEST(SlotLoop, UnreadableTokenIsNoInsertWhereItIsToBeRecognized) {
 
 TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
   // The library goes away and comes back with another card in it; nobody tells of either.
-  for (const auto& [rounds, told] :
-       {std::pair(30U, "Connected slot 1;"),
-        {31U, "Connected slot 1;Disconnected slot 1;"},
-        {32U, "Connected slot 1;Disconnected slot 1;Connected slot 4;"}}) {
-    Scripted machine(std::vector<Poll>{{1, {{1}}}});
-    machine.clock.inSleep = [&machine] {
-      if (machine.clock.slept.size() != 5) return;
-      machine.reader.initialised = false;
-      machine.reader.comesUp = true;
-      machine.reader.tokens = {{4}};
-    };
-    EXPECT_EQ(LoopRun(machine, Record("kill nothing", rounds)).Slots(), told);
-  }
+  Scripted machine(kCard);
+  machine.clock.inSleep = [&machine] {
+    if (machine.clock.slept.size() != 5) return;
+    machine.reader.initialised = false;
+    machine.reader.comesUp = true;
+    machine.reader.tokens = {{4}};
+  };
+  EXPECT_EQ(LoopRun(machine, Record("kill nothing", 32)).Slots(),
+            "Connected slot 1;Disconnected slot 1;Connected slot 4;");
+  std::vector<unsigned> pauses(32, 666);
+  pauses[30] = 333;  // without a card
+  EXPECT_EQ(machine.clock.slept, pauses);
 }
 
 /// In a process of its own, whose library wants the signals for itself.
@@ -376,7 +369,7 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   const TemporaryFolder folder;
   const ScopedVariable directory("RUNTIME_DIRECTORY", (folder.Path() + ":/nonexistent").c_str());
   const std::string longest(255, '/');
-  const std::tuple<const char*, bool, std::vector<Poll>, const char*, int> runs[] = {
+  const std::tuple<const char*, bool, Polls, const char*, int> runs[] = {
       {"Watch", true, {{0, {}}}, "", 0},
       {"Watch", true, {{1, {{1}}}}, "Connected slot 1;", 1},
       {"Watch", true, {{4, {{1}}}}, "Connected slot 1;", 1},
@@ -404,26 +397,16 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   EXPECT_TRUE(watch::CardMark("Watch", "one command").IsSet());
 }
 
-/// In a process of its own, which has no descriptors left in the end.
-[[noreturn]] void RemoveWithoutDescriptors() {
-  const rlimit few = {64, 64};
-  ::setrlimit(RLIMIT_NOFILE, &few);
-  Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {}}});
-  machine.clock.inSleep = [] {
-    while (::open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) continue;
-  };
-  const LoopRun run(machine, Record("config", 2));
-  ::_exit(run.Has("Watch - Execute remove command: kill y") ? 0 : 1);
+int OpenOne() {
+  return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
-/// In a process of its own, whose library closes what is not its own.
-[[noreturn]] void RemoveWithNumbersThatAreOthers() {
-  Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+/// In a process of its own, whose library does that with descriptors; the answer is the last one
+/// that is its own.
+[[noreturn]] void RemoveBehind(int (*meddle)()) {
+  Scripted machine(kCardThatGoes);
   int last = 0;
-  machine.clock.inSleep = [&last] {
-    if (last == 0) ::closefrom(3);
-    while (last < 40) last = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  };
+  machine.clock.inSleep = [&] { last = last == 0 ? meddle() : last; };
   const LoopRun run(machine, Record("config", 2));
   while (last > 2 && ::close(last) == 0) --last;
   ::_exit(run.Has("Watch - Execute remove command: kill y") ? last : 1);
@@ -438,43 +421,50 @@ TEST(CardMark, SaysThatItCannotBeKept) {
 
 TEST_F(EventTable, LibraryThatLeaksDescriptorsOrClosesThemKeepsNoRemovalFromBeingRun) {
   Configure("", "1=kill y\n");
-  EXPECT_EXIT(RemoveWithoutDescriptors(), ::testing::ExitedWithCode(0), "");
-  EXPECT_EXIT(RemoveWithNumbersThatAreOthers(), ::testing::ExitedWithCode(2), "")
-      << "all that were opened meanwhile are open";
+  const auto leak = [] {
+    const rlimit few = {64, 64};
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    while (OpenOne() >= 0) continue;
+    return 2;
+  };
+  const auto close = [] {
+    ::closefrom(3);
+    while (OpenOne() < 40) continue;
+    return 40;
+  };
+  EXPECT_EXIT(RemoveBehind(leak), ::testing::ExitedWithCode(2), "");
+  EXPECT_EXIT(RemoveBehind(close), ::testing::ExitedWithCode(2), "") << "all others are open";
 }
 
 TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
-  struct Row {
-    std::string command;
-    int failing;  ///< tries that find no process, or no room on the disk
-    CK_SLOT_ID nextCard;
-    std::size_t tries;
-    bool nextCounts = true;
-  };
   const ScopedVariable marks("RUNTIME_DIRECTORY", folder_.Path().c_str());
   const std::string set = "set -config " + folder_.Path("a.conf");
-  for (const Row& row : {Row{"/bin/true x", 3, 0, 4},
-                         {"/bin/true x", 99, 0, 5},
-                         {"/bin/true x", 99, 1, 2},
-                         {"/bin/true x", 99, 1, 5, false},
-                         {"/bin/true x", 3, 1, 4, false},
-                         {"parallel /bin/true x", 2, 0, 3},
-                         {"parallel /bin/true x", 99, 1, 1},
-                         {"parallel /bin/true x", 2, 1, 3, false},
-                         {set, 3, 0, 4}}) {
-    SCOPED_TRACE(row.command + std::to_string(row.failing));
-    Configure("", "1=" + row.command + "\n2=kill x\n");
+  // The tries that find no process, or no room on the disk; the next card and whether it counts.
+  const std::tuple<std::string, int, CK_SLOT_ID, bool, std::size_t> rows[] = {
+      {"/bin/true x", 3, 0, true, 4},
+      {"/bin/true x", 99, 0, true, 5},
+      {"/bin/true x", 99, 1, true, 2},
+      {"/bin/true x", 99, 1, false, 5},
+      {"/bin/true x", 3, 1, false, 4},
+      {"parallel /bin/true x", 2, 0, true, 3},
+      {"parallel /bin/true x", 99, 1, true, 1},
+      {"parallel /bin/true x", 2, 1, false, 3},
+      {set, 3, 0, true, 4},
+  };
+  for (const auto& [command, failing, nextCard, nextCounts, tries] : rows) {
+    SCOPED_TRACE(command + std::to_string(failing));
+    Configure("", "1=" + command + "\n2=kill x\n");
     folder_.Write("a.conf", "[S]\nUsername=ann\n");
-    Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}});
-    const bool isParallel = row.command.starts_with("parallel ");
+    Scripted desk(Polls{{1, {{1}}}, {1, {}}, {nextCard, {{1}}}});
+    const bool isParallel = command.starts_with("parallel ");
     pausesBegun = 0;
     holdPauses = true;
-    desk.clock.inSleep = [&desk, &row, isParallel] {
-      if (desk.clock.slept.size() == 1) forksToFail = syncsToFail = row.failing;
+    desk.clock.inSleep = [&desk, isParallel, fails = failing, counts = nextCounts] {
+      if (desk.clock.slept.size() == 1) forksToFail = syncsToFail = fails;
       if (desk.clock.slept.size() != 2) return;
       // The next card comes between the first try of a thread and the second one.
       EXPECT_TRUE(!isParallel || Eventually([] { return pausesBegun != 0; }));
-      desk.reader.matches = row.nextCounts;
+      desk.reader.matches = counts;
     };
     watch::CWatchOptions record = Record("config", 6);
     record.match = "cn=ann lee";
@@ -482,14 +472,14 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
     holdPauses = false;
     EXPECT_TRUE(watch::WaitForParallelJobs(15000));
     forksToFail = syncsToFail = 0;
-    const std::string command = row.command.substr(isParallel ? 9 : 0);
-    EXPECT_EQ(run.Count("Watch - Execute remove command: " + command), row.tries);
+    const std::string executed = command.substr(isParallel ? 9 : 0);
+    EXPECT_EQ(run.Count("Watch - Execute remove command: " + executed), tries);
     EXPECT_EQ(run.Count("Watch - Execute remove command: kill x"), 1U);
     EXPECT_EQ(run.Count("Watch - Disconnected slot 1"), 1U);
-    EXPECT_EQ(folder_.Read("a.conf") == "[S]\nUsername=\nDomain=\n", row.command == set);
+    EXPECT_EQ(folder_.Read("a.conf") == "[S]\nUsername=\nDomain=\n", command == set);
     const bool isMarked = fs::remove(folder_.Path("card-Watch"));
     // A job may still run in front of its next try.
-    EXPECT_TRUE(isParallel || isMarked == (row.nextCard != 0 || row.failing == 99));
+    EXPECT_TRUE(isParallel || isMarked == (nextCard != 0 || failing == 99));
   }
 }
 
@@ -502,7 +492,7 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
     ::raise(SIGTERM);
     EXPECT_TRUE(watch::WaitForParallelJobs(15000));
   };
-  Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+  Scripted desk(kCardThatGoes);
   const LoopRun run(desk, Record("config", 9));
   ::_exit(run.Has("Watch - Execute remove command: /bin/true x") ? 0 : 1);
 }
@@ -521,7 +511,7 @@ TEST_F(EventTable, RemovalOfTheKeywordFormIsTriedAgainAsAWhole) {
   watch::CWatchOptions record = Record("", 7);
   record.program = "/bin/true";
   record.configFile = folder_.Write("a.conf", "[S]\nUsername=ann\n");
-  Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+  Scripted desk(kCardThatGoes);
   desk.clock.inSleep = [&desk] {
     if (desk.clock.slept.size() == 1) syncsToFail = 3;
   };
@@ -532,36 +522,33 @@ TEST_F(EventTable, RemovalOfTheKeywordFormIsTriedAgainAsAWhole) {
 }
 
 TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
-  struct Row {
-    bool isMissing;
-    std::size_t back;  ///< the round that finds the configuration again; the second one removes
-    CK_SLOT_ID nextCard;
-    std::uint64_t wait;
-    std::size_t runs;
+  // What the file is meanwhile ("-" for missing; it may also be no more than the mark of an
+  // encoding), the round that finds it again, the next card and the wait in front of a removal. The
+  // second round removes, and looks for the configuration up to the eleventh.
+  const std::tuple<std::string, std::size_t, CK_SLOT_ID, std::uint64_t> rows[] = {
+      {"-", 3, 0, 0},
+      {"", 3, 0, 0},
+      {"", 3, 1, 0},
+      {"", 11, 0, 0},
+      {"", 4, 1, 0},
+      {"", 3, 0, 1},
+      {"\xEF\xBB\xBF", 12, 0, 0},
   };
-  for (const Row row : {Row{true, 3, 0, 0, 1},
-                        {false, 3, 0, 0, 1},
-                        {false, 3, 1, 0, 1},
-                        {false, 11, 0, 0, 1},
-                        {false, 12, 0, 0, 0},
-                        {false, 4, 1, 0, 1},
-                        {false, 3, 0, 1, 1}}) {
-    SCOPED_TRACE(row.back);
+  for (const auto& [text, back, nextCard, wait] : rows) {
+    SCOPED_TRACE(back);
     Configure("", "1=kill x\n");
-    Scripted desk(std::vector<Poll>{{1, {{1}}}, {1, {}}, {row.nextCard, {{1}}}, {0, {{1}}}});
-    desk.clock.inSleep = [&] {
-      if (desk.reader.taken == 1) {
-        // A file may also be no more than the mark of an encoding.
-        folder_.Write("system.conf", row.back == 12 ? "\xEF\xBB\xBF" : "");
-        if (row.isMissing) fs::remove(folder_.Path("system.conf"));
-      }
-      if (desk.reader.taken + 1 == row.back) Configure("", "1=set -registry x\n");
+    Scripted desk(Polls{{1, {{1}}}, {1, {}}, {nextCard, {{1}}}, {0, {{1}}}});
+    desk.clock.inSleep = [&, &meanwhile = text, found = back] {
+      if (desk.reader.taken == 1) folder_.Write("system.conf", meanwhile);
+      if (desk.reader.taken == 1 && meanwhile == "-") fs::remove(folder_.Path("system.conf"));
+      if (desk.reader.taken + 1 == found) Configure("", "1=set -registry x\n");
     };
     watch::CWatchOptions record = Record("config", 20);
-    record.removeWait = row.wait;
+    record.removeWait = wait;
     const LoopRun run(desk, record);
-    EXPECT_EQ(run.Count("Watch - Execute remove command: set -registry x"), row.runs);
-    EXPECT_EQ(run.Count("Watch - Remove event ..."), 1 + row.runs);
+    const std::size_t runs = back > 11 ? 0 : 1;
+    EXPECT_EQ(run.Count("Watch - Execute remove command: set -registry x"), runs);
+    EXPECT_EQ(run.Count("Watch - Remove event ..."), 1 + runs);
   }
 }
 
@@ -602,92 +589,69 @@ exit 3
   EXPECT_EQ(told("'Refused' is started again"), 1U);
   EXPECT_TRUE(Eventually([&] { return look(), told("'Refused' ended with exit code 3") == 1; }));
   EXPECT_EQ(told("'Done' is started again"), 0U);
-  std::multiset<std::string> lines;
-  std::istringstream file(folder_.Read("started"));
-  for (std::string line; std::getline(file, line);) lines.insert(line);
-  EXPECT_EQ(lines, (std::multiset<std::string>{"3 10 3 X config Done", "3 10 3 X config Killed",
-                                               "3 10 3 X config Killed", "3 9 3 X config Refused"}))
+  EXPECT_EQ(OutputOf("sort " + folder_.Path("started")),
+            "3 10 3 X config Done\n3 10 3 X config Killed\n3 10 3 X config Killed\n"
+            "3 9 3 X config Refused\n")
       << "each with its own part of the tree, and its link";
   EXPECT_FALSE(environmentChanged);
   watch::StartExtraWatchers("", program);
 }
 
-TEST(SlotLoop, PollsThatFailLoseNoRemoval) {
+TEST(SlotLoop, PollsThatFailLoseNoRemovalAndHideCardsForAWhileOnly) {
   struct Row {
+    CK_SLOT_ID event;   ///< of the first poll; from the second one on they fail
+    std::size_t heals;  ///< the first poll that works again
     std::size_t gone;   ///< the poll in front of which the card goes
-    std::size_t heals;  ///< the first poll that works again; all from the second on fail
-    std::size_t seen;   ///< the poll that finds the card gone
+    std::size_t back;   ///< the one in front of which the slot answers again
+    std::size_t seen;   ///< the one that finds the card gone
+    std::size_t found;  ///< the one that finds it again, the first one when none does
   };
-  for (const Row row : {Row{2, 99, 4}, {4, 99, 4}, {5, 99, 7}, {7, 99, 7}, {2, 3, 3}}) {
-    Scripted machine(std::vector<Poll>{{1, {{1}}}});
-    ScriptedReader& reader = machine.reader;
-    reader.inPoll = [&reader, row](watch::PolledEvent& polled) {
-      if (reader.taken >= row.gone) reader.tokens.clear();
+  for (const Row row : {Row{1, 99, 2, 99, 4, 1},
+                        {1, 99, 4, 99, 4, 1},
+                        {1, 99, 5, 99, 7, 1},
+                        {1, 99, 7, 99, 7, 1},
+                        {1, 3, 2, 99, 3, 1},
+                        {0, 6, 2, 6, 2, 6},
+                        {0, 6, 2, 20, 2, 20},
+                        {0, 6, 2, 40, 2, 65},
+                        {0, 3, 2, 3, 2, 3}}) {
+    SCOPED_TRACE(::testing::PrintToString(std::vector{row.heals, row.gone, row.back}));
+    Scripted machine(Polls{{row.event, {{1}}}});
+    machine.reader.inPoll = [&reader = machine.reader, row](watch::PolledEvent& polled) {
       if (reader.taken > 1 && reader.taken < row.heals) polled.failure = CKR_GENERAL_ERROR;
-    };
-    const LoopRun run(machine, Record("kill nothing", 9));
-    const auto gone = std::ranges::find(machine.clock.slept, 333U);
-    EXPECT_EQ(1U + static_cast<std::size_t>(gone - machine.clock.slept.begin()), row.seen)
-        << row.gone << " " << row.heals;
-    EXPECT_EQ(run.Count("Watch - Disconnected slot 1"), 1U);
-    EXPECT_EQ(run.Count("Watch - Poll failed 0x00000005"), 1U);
-  }
-}
-
-TEST(SlotLoop, PollsThatFailHideCardsForAWhileOnly) {
-  Scripted other(std::vector<Poll>{{1, {{1}}}, {4, {{4}}}});
-  other.reader.inPoll = [&other](watch::PolledEvent& polled) {
-    if (other.reader.taken == 2) polled.failure = CKR_GENERAL_ERROR;
-  };
-  EXPECT_EQ(LoopRun(other, Record("kill nothing", 6)).Slots(),
-            "Connected slot 1;Already connected;Disconnected slot 1;Connected slot 4;")
-      << "the first poll that works tells of another slot";
-
-  struct Row {
-    std::size_t heals;  ///< the first poll that works again; all from the second on fail
-    std::size_t back;   ///< the first poll behind which the slot answers again
-    std::size_t found;  ///< the poll that finds the card again
-  };
-  for (const Row row : {Row{6, 6, 6}, {6, 20, 20}, {6, 40, 65}, {2, 3, 3}}) {
-    Scripted same(std::vector<Poll>{{0, {{1}}}});
-    same.reader.inPoll = [&reader = same.reader, row](watch::PolledEvent& polled) {
-      if (reader.taken > 1 && reader.taken < row.heals) polled.failure = CKR_DEVICE_ERROR;
       reader.tokens.clear();
-      if (reader.taken == 1 || reader.taken >= row.back) reader.tokens = {{1}};
+      if (reader.taken < row.gone || reader.taken >= row.back) reader.tokens = {{1}};
     };
-    const LoopRun run(same, Record("kill nothing", 70));
-    EXPECT_EQ(run.Slots(), "Connected slot 1;Disconnected slot 1;Connected slot 1;") << row.back;
-    const auto last = std::ranges::find(same.clock.slept.rbegin(), same.clock.slept.rend(), 333U);
-    EXPECT_EQ(71 - static_cast<std::size_t>(last - same.clock.slept.rbegin()), row.found);
+    const LoopRun run(machine, Record("kill nothing", 70));
+    const std::string connected = "Connected slot 1;", news = connected + "Disconnected slot 1;";
+    EXPECT_EQ(run.Slots(), row.found == 1 ? news : news + connected);
+    // A pause is short while no card is connected.
+    std::vector<unsigned> pauses(70, 666);
+    const std::size_t end = row.found == 1 ? pauses.size() : row.found - 1;
+    for (std::size_t round = row.seen - 1; round < end; ++round) pauses[round] = 333;
+    EXPECT_EQ(machine.clock.slept, pauses);
+    EXPECT_EQ(run.Count("Watch - Poll failed 0x00000005"), 1U);
   }
 }
 
 TEST(SlotLoop, DescriptorOfTheLibraryEndsPausesEarlyUnlessItStaysReadable) {
   constexpr std::size_t kRounds = 340;
-  struct Row {
-    const char* why;
-    CK_RV failure;           ///< of each poll
-    CK_SLOT_ID event;        ///< of each poll, or none
-    std::size_t unreadable;  ///< so often it is seen unreadable
-    std::size_t early;
+  // What each poll answers, how often the descriptor is seen unreadable, how many pauses end early.
+  const std::tuple<const char*, CK_RV, CK_SLOT_ID, std::size_t, std::size_t> rows[] = {
+      {"nothing to tell", CKR_OK, 0, 0, 1},
+      {"no poll works", CKR_DEVICE_ERROR, 0, 0, 1},
+      {"of events without end one pause in 17 is whole", CKR_OK, 4, 0, 320},
+      {"it is trusted again", CKR_OK, 0, 17, 17},
   };
-  for (const Row row : {Row{"nothing to tell", CKR_OK, 0, 0, 1},
-                        {"no poll works", CKR_DEVICE_ERROR, 0, 0, 1},
-                        {"of events without end one pause in 17 is whole", CKR_OK, 4, 0, 320},
-                        {"it is trusted again", CKR_OK, 0, 17, 17}}) {
-    Scripted machine;
+  for (const auto& [why, failure, event, unreadable, early] : rows) {
+    Scripted machine(Polls(kRounds, Poll{event, {}, failure}));
     machine.reader.descriptor = 3;
-    machine.reader.inPoll = [row](watch::PolledEvent& polled) {
-      polled.failure = row.failure;
-      if (row.event != 0) polled.slot = row.event;
-    };
-    machine.clock.inSleep = [&machine, row] {
-      machine.clock.readable =
-          row.unreadable == 0 || machine.clock.slept.size() % (kRounds / row.unreadable) != 0;
+    machine.clock.inSleep = [&clock = machine.clock, times = unreadable] {
+      clock.readable = times == 0 || clock.slept.size() % (kRounds / times) != 0;
     };
     const LoopRun run(machine, Record("kill nothing", kRounds));
     EXPECT_EQ(machine.clock.slept.size(), kRounds);
-    EXPECT_EQ(machine.clock.endedEarly, row.early) << row.why;
+    EXPECT_EQ(machine.clock.endedEarly, early) << why;
   }
 }
 
@@ -695,8 +659,8 @@ TEST(SlotLoop, LogonVariantFollowsTheUsersCard) {
   // The fourth round takes an event of another slot, one of a card that stayed and one of a card
   // that was swapped.
   const Token hers = {4, "ann", "hers"};
-  Scripted machine(std::vector<Poll>{
-      {0, {{1}}}, {4, {{1}, hers}}, {1, {{1}, hers}}, {4, {{1}, hers}}, {4, {{1}, {4}}}});
+  Scripted machine(
+      Polls{{0, {{1}}}, {4, {{1}, hers}}, {1, {{1}, hers}}, {4, {{1}, hers}}, {4, {{1}, {4}}}});
   watch::CWatchOptions record = Record("kill nothing", 5);
   record.section = "LOGON";
   EXPECT_EQ(LoopRun(machine, record).Slots(), "") << "nobody is logged on";

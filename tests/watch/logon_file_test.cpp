@@ -91,7 +91,7 @@ class LogonFile : public ::testing::Test {
     folder_.Write("a.conf", kOriginal);
   }
 
-  ScriptedReader reader_{std::vector<Poll>{{1, {{1, "Reader", Recipe().Build()}}}}};
+  ScriptedReader reader_{AnnsCard()};
   TemporaryFolder folder_;
   const std::string file_ = folder_.Write("a.conf", kOriginal);
 
@@ -397,9 +397,7 @@ TEST_F(LogonFile, WhoHoldsTheFolderDelaysAWholeEventByTwoSeconds) {
   const runtime::Descriptor held(::open(folder_.Path().c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(::flock(held.Get(), LOCK_EX), 0);
   Scripted machine;
-  watch::CWatchOptions record;
-  record.rest = "config";
-  record.section = "Watch";
+  watch::CWatchOptions record = Record("config");
   const TraceCapture trace;
   for (int event = 0; event < 2; ++event) {
     const std::int64_t begin = runtime::MonotonicMilliseconds();

@@ -44,7 +44,7 @@ TEST(WatchMemory, EndsInOrderWhereverItRunsOut) {
   int failedBehindStart = 0;
   bool hasFailed = true;
   for (int count = 0; hasFailed; ++count) {
-    Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {}}});
+    Scripted machine(Polls{{1, {{1}}}, {1, {}}});
     machine.reader.initialised = false;
     machine.clock.inSleep = [&machine] { machine.clock.stop = machine.clock.slept.size() == 2; };
     started = stopped = 0;
@@ -70,15 +70,11 @@ TEST(WatchMemory, KeepsNoCommandOfARemovalFromBeingRun) {
   runtime::InitProductIdentity();
   runtime::TraceSetCallback(&CountLine);
   for (const bool isSection : {true, false}) {
-    watch::CWatchOptions record;
-    record.rest = isSection ? "config" : "kill nothing";
-    record.section = "Watch";
+    watch::CWatchOptions record = Record(isSection ? "config" : "kill nothing", 4);
     record.match = "a text that is too long for a string without an allocation";
-    record.sync = true;
-    record.roundLimit = 4;
     bool hasFailed = true;
     for (int count = 0; hasFailed; ++count) {
-      Scripted machine(std::vector<Poll>{{1, {{1}}}, {1, {}}, {0, {}}});
+      Scripted machine(Polls{{1, {{1}}}, {1, {}}, {0, {}}});
       // From the end of the first round to that of the second, in which the card goes.
       machine.clock.inSleep = [&] {
         if (machine.clock.slept.size() == 1) allocationsLeft = count;

@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "runtime/text.h"
+#include "tests/support/recipes.h"
+#include "watch/options.h"
 #include "watch/platform.h"
 
 namespace qixx::testing {
@@ -22,12 +24,20 @@ struct Token {
 struct Poll {
   CK_SLOT_ID event;
   std::vector<Token> tokens;
+  CK_RV failure = CKR_OK;
 };
+
+using Polls = std::vector<Poll>;
+
+/// A card in slot 1 with a certificate of Ann's.
+inline Polls AnnsCard() {
+  return {{1, {{1, "Reader", Recipe().Build()}}}};
+}
 
 class ScriptedReader final : public watch::CardReader {
  public:
   /// The tokens of the first poll are in before.
-  explicit ScriptedReader(std::vector<Poll> polls = {})
+  explicit ScriptedReader(Polls polls = {})
       : tokens(polls.empty() ? std::vector<Token>() : polls.front().tokens),
         polls_(std::move(polls)) {}
 
@@ -40,9 +50,10 @@ class ScriptedReader final : public watch::CardReader {
     watch::PolledEvent told;
     if (inPoll) inPoll(told);
     if (polled == polls_.size() || told.failure != CKR_OK) return told;
-    tokens = polls_[polled].tokens;
-    const CK_SLOT_ID event = polls_[polled++].event;
-    if (event != watch::kNoSlot) told.slot = event;
+    const Poll& poll = polls_[polled++];
+    tokens = poll.tokens;
+    told.failure = poll.failure;
+    if (poll.event != watch::kNoSlot) told.slot = poll.event;
     return told;
   }
   int EventDescriptor() override { return descriptor; }
@@ -101,7 +112,7 @@ class ScriptedReader final : public watch::CardReader {
     const auto token = std::ranges::find(tokens, slot, &Token::slot);
     return token == tokens.end() ? nullptr : &*token;
   }
-  std::vector<Poll> polls_;
+  Polls polls_;
 };
 
 /// Sleeps take no time; what a test does in one happens at its start. A descriptor is readable when
@@ -136,7 +147,7 @@ class ScriptedUser final : public watch::LogonUser {
 
 /// A platform of scripted parts.
 struct Scripted {
-  explicit Scripted(const std::vector<Poll>& polls = {}) : reader(polls) {}
+  explicit Scripted(const Polls& polls = {}) : reader(polls) {}
   Scripted(const Scripted&) = delete;
   Scripted& operator=(const Scripted&) = delete;
   ScriptedClock clock;
@@ -145,5 +156,16 @@ struct Scripted {
   watch::ServiceManager manager;
   watch::Platform platform = {clock, reader, user, manager};
 };
+
+/// What a watcher of section "Watch" does.
+inline watch::CWatchOptions Record(const std::string& rest, std::uint64_t rounds = 1,
+                                   bool sync = true) {
+  watch::CWatchOptions record;
+  record.rest = rest;
+  record.section = "Watch";
+  record.roundLimit = rounds;
+  record.sync = sync;
+  return record;
+}
 
 }  // namespace qixx::testing

@@ -38,7 +38,7 @@ class ServiceManagerTest : public ::testing::Test {
 
 TEST_F(ServiceManagerTest, IsToldOfTheRun) {
   NotifyListener listener(path_);
-  Scripted machine(std::vector<Poll>{{4, {{4, "Reader\nMAINPID=1 "}}}, {4, {}}});
+  Scripted machine(Polls{{4, {{4, "Reader\nMAINPID=1 "}}}, {4, {}}});
   machine.manager = Manager(path_, "40000", std::to_string(::getpid()).c_str());
   std::vector<std::string> told;
   std::size_t signs = 0;
@@ -50,10 +50,7 @@ TEST_F(ServiceManagerTest, IsToldOfTheRun) {
     ::usleep(machine.clock.slept.back() * 1000);
     listen();
   };
-  watch::CWatchOptions record;
-  record.rest = "kill nothing";
-  record.section = "Watch";
-  record.roundLimit = 2;
+  watch::CWatchOptions record = Record("kill nothing", 2, false);
   watch::RunWatch(record, machine.platform);
   listen();
   EXPECT_THAT(told,
@@ -82,8 +79,7 @@ TEST_F(ServiceManagerTest, IsToldWhyThereIsNoCard) {
   machine.clock.inSleep = [&machine] {
     machine.reader.initialised = machine.clock.slept.size() < 20;
   };
-  watch::CWatchOptions record;
-  record.roundLimit = 100;
+  watch::CWatchOptions record = Record("", 100, false);
   watch::WatchSlots(record, machine.platform);
   EXPECT_THAT(listener.Take(),
               ElementsAre("READY=1", "STATUS=No reader",
