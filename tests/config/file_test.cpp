@@ -367,6 +367,7 @@ TEST_F(ConfigSaving, WhatCannotBeReadIsNeverWritten) {
     EXPECT_EQ(file_.Close(true), ConfigResult::kFailed) << path;
   }
   EXPECT_EQ(trace_.Count("Config - Failed to open"), 6U);  // all but the encoded one
+  EXPECT_EQ(file_.OpenText(folder_.Path("a.EDB"), content), ConfigResult::kFailed);
   for (const char* name : {"a.EDB", "twice.conf", "a.conf"}) EXPECT_EQ(folder_.Read(name), content);
 }
 
