@@ -24,6 +24,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
 using Lines = std::vector<std::string>;
 
@@ -112,7 +113,8 @@ const std::string kInsert = "[Command]\nWatch=config Watch\n[Watch Insert]\n";
 const std::string kList = kInsert + "1=@/program\n";
 
 TEST_F(Check, LinesAndNames) {
-  Expect(R"(x=1 => 'x' stands in front of the first section and is not read
+  Expect(
+      R"(x=1 => 'x' stands in front of the first section and is not read
 [COMMAND] => section 'Command' stands once more; only the last one counts, in line 4
 WATCH=config Nothing
 [Command]
@@ -126,6 +128,7 @@ hello => the line is no entry
 2 =x => entry '2 ' is not found for its blanks
 3=@/program => entry '3' is never reached; the list ends at the missing '2'
 02=@/program => entry '02' is not read
+0=@/program => entry '0' is not read
 #2=@/program
 [] => '[]' is no section
 [Wacth Remove] => nothing reads section 'Wacth Remove'; 'Watch Remove' is meant
@@ -149,15 +152,15 @@ watch=@/x.trace
 [Install]
 Directory=@/no => there is no folder '@/no/'; the folder of 'libqixp11.so' is meant
 )"
-         // What must not reach a terminal.
-         "[\x1b[2J\xC2\x9B\xE2\x80\xAE\xFF] => nothing reads section '\?[2J\?\?\?'\n");
+      // What must not reach a terminal.
+      "[\x1b[2J\xC2\x9B\xE2\x80\xAE\xE2\x81\xA0\xFF] => nothing reads section '\?[2J\?\?\?\?'\n");
 }
 
 TEST_F(Check, WholeFiles) {
   Expect("[Install]\nDirectory=@ => there is no 'libqixp11.so' in '@/'\n" + kList);
   Expect("[Admin Utility] => it has section names of an older version\n" + kList);
   Expect("[Command] => nothing is watched; an entry 'Watch'\n[Watch Remove]\n1=@/program\n");
-  Expect("[Watch Insert] => nothing is watched; an entry 'Watch'\n");
+  Expect("[Watch Insert] => nothing is watched; an entry 'Watch'\n[Command]\nWatch=\n");
   Expect(R"([Command]
 Watch=config Door => watcher 'Door' has nothing to run; an entry 1 in section 'Watch Door Insert' or
 [Watch Door Remove]
@@ -216,7 +219,7 @@ application "/bin/true => a double quote is not closed
 @/program "x"y => no blank stands behind the closing quote of '"x"'
 @/program --a="b" => the double quote inside '--a="b"' holds nothing together
 @/program 'b' => single quotes hold nothing together: ''b''
-@/program && x => '&&' is an argument like any other, for there is no shell
+@/program && => '&&' is an argument like any other, for there is no shell
 @/program > a b => '>' is an argument like any other
 @/program > @/none/x => file '@/none/x' may not be written
 %UPN% x => a placeholder begins the command, so the card decides what is started
@@ -300,6 +303,7 @@ Watch Gate=-p @/program -c @/mail.conf -a x
 1={on} watch_test
 [General]
 Anything=x
+[Dialog Presentation]
 )";
   const watch::CheckResult result = Run(Replaced(text, "\n", "\r\n"));
   EXPECT_EQ(result.exitCode, 0);
@@ -359,6 +363,7 @@ TEST_F(Check, SeveralReadersAreAMistakeOnlyWithoutTheBridge) {
 TEST_F(Check, SecretsAreForTheOwnerAloneAndNeverShown) {
   const std::string text = kInsert + "1=@/program -pin 1234\n";
   EXPECT_THAT(Told(Run(text, 0600)), IsEmpty());
+  EXPECT_THAT(Told(Run(text, 0640)), SizeIs(1));
   EXPECT_THAT(Run(text).output, HasSubstr("-pin ****"));
   EXPECT_THAT(Run(text).output, Not(HasSubstr("1234")));
 }

@@ -62,6 +62,7 @@ TEST(CardText, IsOnlyEverText) {
   EXPECT_EQ(watch::BlocksOf("a=1 > 2"), Blocks::kNone);
   EXPECT_EQ(watch::BlocksOf("<a>%UPN%</a>\n <b> <c\n"), Blocks::kInLines);
   EXPECT_EQ(watch::BlocksOf("<a>\n <off\n>"), Blocks::kAcrossLines);
+  EXPECT_EQ(watch::BlocksOf(std::string("<a>\0", 4)), Blocks::kAcrossLines);
   const std::string value = " <x/>y <z@o>/";
   EXPECT_EQ(watch::CleanBlockMarks(value, Blocks::kNone), value);
   EXPECT_EQ(watch::CleanBlockMarks(value, Blocks::kInLines), " _x/_y <z@o>_");
@@ -140,7 +141,7 @@ TEST(Placeholders, AreReplacedInCommandsWithinTheirLimit) {
       {"\"%oid.O%\" %OID.cn% %OID.ou%", 511, "\"Example, Inc.\" Ann _UPN_ %OID.ou%"},
       {"%SERIALNUMBER%SUBJECT%", 511, "%SERIALNUMBERo=Example\\, Inc.,cn=Ann %UPN%,o=x"},
       {"%SERIALNUMBER%%UPN%", 20, "2A%UPN%"},
-      {"%UPN% %UPN% %UPN%", 30, "ann@example.org %UPN% %UPN%"},
+      {"%UPN% %UPN% %UPN%", 27, "ann@example.org %UPN% %UPN%"},
       {"%UPN% %UPN% %UPN%", 26, "%UPN% %UPN% %UPN%"},
   };
   for (const auto& [text, limit, expected] : rows) {

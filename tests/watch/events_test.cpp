@@ -209,6 +209,9 @@ TEST_F(EventTable, SimulationWaitsForEitherKindAsAnInsertDoes) {
   EXPECT_EQ(machine_.clock.slept.size(), 3U) << "an empty entry is an ordinary one";
   EXPECT_TRUE(trace.Has("Watch - Simulate other at 2 failed"));
   EXPECT_TRUE(trace.Has("Watch - Execute insert command: kill z")) << "failures go on";
+  Configure("", "1=kill x\n");
+  EXPECT_EQ(watch::SimulateEvent(record, machine_.platform), 0);
+  EXPECT_EQ(machine_.clock.slept.size(), 3U) << "endings alone wait for nothing";
 }
 
 TEST(Command, KeywordsDecideTheResult) {
@@ -519,6 +522,8 @@ TEST_F(EventTable, RemovalOfTheKeywordFormIsTriedAgainAsAWhole) {
   EXPECT_EQ(run.Count("Watch - Remove event ..."), 4U);
   EXPECT_EQ(folder_.Read("a.conf"), "[S]\nUsername=\nDomain=\n");
   EXPECT_EQ(folder_.Read("a.conf.org"), "[S]\nUsername=ann\n");
+  forksToFail = 1;
+  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine_.platform));
 }
 
 TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {

@@ -2,8 +2,8 @@
 #include "watch/logon_file.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -145,6 +145,10 @@ TEST_F(LogonFile, InsertionFillsAllButOneAndRemovalClearsSomeThatStillStand) {
             "[A]\nusername=ann\nDOMAIN=example.org\n"
             "Text=%UPN%|ann|example.org|o=Example\\, Inc.,cn=Ann Lee|2A|Ann Lee|%subject%\n"
             "Order=2ASUBJECTAnn Lee\n");
+  reader_.activeLogon = "bob";
+  EXPECT_TRUE(Insert("-match fast -config " + file_));
+  EXPECT_THAT(Text(), ::testing::HasSubstr("DOMAIN=y\nText=%UPN%|bob|%DOMAIN%|%SUBJECT%|"))
+      << "what there is no value for stays";
 }
 
 TEST_F(LogonFile, IsWholeForWhoLooksOnAndAfterAKilledWriter) {
@@ -171,12 +175,14 @@ TEST_F(LogonFile, IsWholeForWhoLooksOnAndAfterAKilledWriter) {
 }
 
 TEST_F(LogonFile, OnlyWhatNobodyWritesAnyMoreIsALeftOver) {
-  folder_.Write(".qixxwatch-new-0123456789abcdef", "half");
   const std::string alive = folder_.Write(".qixxwatch-new-fedcba9876543210", "in the making");
   const runtime::Descriptor held(::open(alive.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(::flock(held.Get(), LOCK_EX), 0);
-  EXPECT_TRUE(Insert());
-  EXPECT_EQ(Others(), (std::set{"a.conf.org"s, fs::path(alive).filename().string()}));
+  for (const char* const event : {"the first", "one that changes nothing"}) {
+    folder_.Write(".qixxwatch-new-0123456789abcdef", "half");
+    EXPECT_TRUE(Insert());
+    EXPECT_EQ(Others(), (std::set{"a.conf.org"s, fs::path(alive).filename().string()})) << event;
+  }
 }
 
 TEST_F(LogonFile, WhatCannotBeSavedIsNotChanged) {
@@ -279,6 +285,10 @@ TEST(LogonFiles, PlaceholdersFillHugeTextsWithinTheBudget) {
   watch::WalkBudget budget(watch::kMaxWalked);
   EXPECT_TRUE(watch::ReplaceAll(oneLine, "%USERNAME%", "[x", kMany * 100, budget));
   EXPECT_EQ(oneLine.size(), 2 * kMany + 1);
+  for (const std::size_t limit : {3U, 4U}) {
+    std::string text = "%A%";
+    EXPECT_EQ(watch::ReplaceAll(text, "%A%", "long", limit, budget), limit == 4);
+  }
   std::string percents(16U << 20, '%');
   watch::WalkBudget percentsAlone(percents.size() - 1);
   EXPECT_TRUE(watch::ReplaceAll(percents, "%OID.2.5.4.3%", "v", percents.size(), budget));
@@ -445,6 +455,11 @@ TEST_F(LogonFile, StrangersGainNothingFromRoot) {
        [&] {
          Give(file_, 0, 0), Give(folder_.Path(), 0, kNobody), fs::copy(secret, copy);
          fs::permissions(folder_.Path(), fs::perms{0775});
+       }},
+      {"copy is another group's", file_,
+       [&] {
+         Give(folder_.Path(), 0), Give(folder_.Write("a.conf.org", "x"), kNobody, 1234);
+         for (const std::string& path : {file_, copy}) fs::permissions(path, fs::perms{0640});
        }},
       {"root's file for all, root's copy for itself", file_,
        [&] { Give(file_, 0, 0), fs::copy(secret, copy); }},
