@@ -128,8 +128,10 @@ TEST(Usages, AreListedByBitAndByIdentifier) {
     EXPECT_EQ(der::GetKeyUsages(holder->certificate), usages) << bits;
     EXPECT_EQ(der::GetExtendedKeyUsages(*holder), identifiers) << purposes;
   }
-  const std::string critical = Oid(der::kExtendedKeyUsage) + FromHex("0101FF 0405 3003 06012A");
-  EXPECT_TRUE(der::HasExtendedKeyUsage(*Load({.extensions = Der(0x30, critical)}), "1.2"));
+  const std::string critical = Oid("2.5.29.37") + FromHex("0101FF") +
+                               Der(0x04, Der(0x30, Oid("1.2.3") + Oid("1.3.6.1.4.1.311.20.2.2")));
+  EXPECT_TRUE(
+      der::HasExtendedKeyUsage(*Load({.extensions = Der(0x30, critical)}), der::kSmartCardLogon));
 }
 
 TEST(TimeText, IsReadable) {
