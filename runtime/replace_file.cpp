@@ -87,11 +87,15 @@ struct CloseFolder {
   void operator()(DIR* folder) const { ::closedir(folder); }
 };
 
-void RemoveLeftOver(int folder, const char* name) {
+/// True when it is gone. Somebody may have given that name to a file whose end takes the disk
+/// minutes.
+bool RemoveLeftOver(int folder, const char* name) {
+  constexpr off_t kLongest = off_t{4} << 20;
   const Descriptor file(
       ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (!S_ISREG(StatusOf(file).st_mode) || ::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) return;
-  ::unlinkat(folder, name, 0);
+  const struct stat status = StatusOf(file);
+  return S_ISREG(status.st_mode) && status.st_size <= kLongest &&
+         ::flock(file.Get(), LOCK_EX | LOCK_NB) == 0 && ::unlinkat(folder, name, 0) == 0;
 }
 
 constexpr const char* kAccessList = "system.posix_acl_access";
@@ -228,16 +232,19 @@ bool Report(const FilePlace& place, bool written) {
 void RemoveLeftOvers(const FilePlace& place) {
   // Somebody may have filled the folder to keep the service busy.
   constexpr int kMaxNames = 20000;
+  constexpr int kMaxRemoved = 16;
   Descriptor opened(::openat(place.Folder(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::unique_ptr<DIR, CloseFolder> names(opened.IsOpen() ? ::fdopendir(opened.Get())
                                                                 : nullptr);
   if (names == nullptr) return;
   static_cast<void>(opened.Release());
-  for (int looked = 0; looked < kMaxNames; ++looked) {
+  int removed = 0;
+  for (int looked = 0; looked < kMaxNames && removed < kMaxRemoved; ++looked) {
     const dirent* const entry = ::readdir(names.get());
     if (entry == nullptr) return;
-    if (std::string_view(entry->d_name).starts_with(kTemporaryHead)) {
-      RemoveLeftOver(place.Folder(), entry->d_name);
+    if (std::string_view(entry->d_name).starts_with(kTemporaryHead) &&
+        RemoveLeftOver(place.Folder(), entry->d_name)) {
+      ++removed;
     }
   }
 }

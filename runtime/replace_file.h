@@ -35,7 +35,7 @@ inline constexpr std::string_view kTemporaryHead = ".qixxwatch-new-";
 /// such file.
 [[nodiscard]] bool MakeFile(const FilePlace& place, std::string_view text, const Descriptor& like);
 
-/// What both do first: removes the left-overs in the folder.
+/// What both do first: removes left-overs in the folder, at most 16 of at most 4 MiB each.
 void RemoveLeftOvers(const FilePlace& place);
 
 }  // namespace qixx::runtime

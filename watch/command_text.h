@@ -11,10 +11,12 @@ namespace qixx::watch {
 struct CommandStructure {
   std::string marks;  ///< of each character that can be one, and of the card's that are one
   bool redirects = false;
+  bool namesCall = false;  ///< the card names what is called
 };
 
 /// Keeps what the administrator meant: with the values in it the text has the same quotes as with a
-/// single word in the place of each, and no other option, redirection or '>' that stands alone.
+/// single word in the place of each, no other option, redirection, '>' that stands alone or "..",
+/// and the names of a called library and its function end where they did.
 class CommandText {
  public:
   /// `maxLength` is how long the values may make the text.

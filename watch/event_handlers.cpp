@@ -197,7 +197,7 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
   if (success) {
     EventHook(record, EventKind::kInsert);
     success = RunGuarded([&] { return RunInsertCommands(record, event, platform); });
-    SweepTerminateList(EventKind::kInsert, slot);
+    RunStep([slot] { SweepTerminateList(EventKind::kInsert, slot); });
     EventHook(record, EventKind::kInsert);
   }
   runtime::TraceWrite("Watch - Inserted event ... %s", success ? "OK" : "FAILED");
@@ -215,7 +215,7 @@ OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform
   }
   EventHook(record, EventKind::kRemove);
   // Also behind a wait that said no: what the insert started does not outlive the card.
-  SweepTerminateList(EventKind::kRemove, slot);
+  RunStep([slot] { SweepTerminateList(EventKind::kRemove, slot); });
   runtime::TraceWrite("Watch - Remove event ... done");
   return owed;
 }

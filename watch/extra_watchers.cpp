@@ -41,6 +41,8 @@ constexpr std::string_view kRoomVariable = "watchroom";
 constexpr std::string_view kLinkVariable = "watchlink";
 constexpr std::string_view kStayVariable = "watchstay";
 
+/// How long an extra watcher may take to end, as long as a service manager gives the first one.
+constexpr std::int64_t kStopMilliseconds = 15'000;
 /// A watcher is started again at most once in this time.
 constexpr std::int64_t kRestartMilliseconds = 60'000;
 
@@ -76,11 +78,16 @@ short AskLink(int milliseconds) {
   return runtime::IsStill(parent.link, runtime::kPassedDescriptor) ? link.revents : short{0};
 }
 
-/// A thread of its own, since the main one may be inside a command or the card's library.
+/// A thread of its own, since the main one may be inside a command or the card's library. One that
+/// does not come out of there, and that may keep the library from the next watchers, ends all the
+/// same.
 void* WaitForParent(void* /*argument*/) {
   runtime::ThreadDetachSelf();
-  if (AskLink(-1) == POLLHUP) RequestStop();
-  return nullptr;
+  if (AskLink(-1) != POLLHUP) return nullptr;
+  RequestStop();
+  runtime::SleepMilliseconds(kStopMilliseconds);
+  runtime::Notify({"ended inside a command or the card's library"});
+  ::_exit(EXIT_FAILURE);
 }
 
 // --- what this watcher has ----------------------------------------------------------------------
@@ -226,6 +233,10 @@ void StartAgain(ExtraWatcher& watcher) {
 
 }  // namespace
 
+bool IsExtraWatcherLine(std::string_view line) {
+  return runtime::StartsWithNoCase(line, kChildMark);
+}
+
 std::vector<std::string> ExtraWatcherNames(std::string_view list) {
   std::vector<std::string> names;
   for (std::size_t index = 0; const auto field = runtime::GetField(list, index, '|'); ++index) {
@@ -276,7 +287,7 @@ bool HasExtraWatchers() {
   });
 }
 
-bool StayForExtraWatchers(const CWatchOptions& record, const Platform& platform, bool hadCommands) {
+bool StayForExtraWatchers(const CWatchOptions& record, const Platform& platform, WatchEnd end) {
   constexpr unsigned kPause = 333;
   constexpr std::uint64_t kRoundsPerLook = 30;
   if (!Own().stay || StopRequested() || !HasExtraWatchers()) return false;
@@ -288,7 +299,7 @@ bool StayForExtraWatchers(const CWatchOptions& record, const Platform& platform,
     RunStep([round] { LookAfterExtraWatcher(round); });
     LookForParentWatcher();
     if (WatchPause(platform, kPause) == WakeUp::kStop) break;
-    const bool looks = !hadCommands && round % kRoundsPerLook == 0;
+    const bool looks = end != WatchEnd::kDone && round % kRoundsPerLook == 0;
     if (looks && RunGuarded([&record] { return HasEventCommands(record); })) return true;
   }
   platform.manager.Stopping();

@@ -15,6 +15,7 @@
 
 #include "watch/options.h"
 #include "watch/platform.h"
+#include "watch/slot_loop.h"
 
 namespace qixx::watch {
 
@@ -27,6 +28,8 @@ inline constexpr std::size_t kMaxExtraName = 58;
 /// What the command line of a watcher begins with that another one started.
 inline constexpr std::string_view kChildMark = "X ";
 
+/// Whether the command line is that of an extra watcher.
+[[nodiscard]] bool IsExtraWatcherLine(std::string_view line);
 /// The names in a '|'-separated list, cut to kMaxExtraName; empty ones are left out.
 [[nodiscard]] std::vector<std::string> ExtraWatcherNames(std::string_view list);
 /// The entry of section "Command" with the watch command of an extra watcher.
@@ -48,9 +51,10 @@ void LookAfterExtraWatcher(std::uint64_t round);
 [[nodiscard]] bool HasExtraWatchers();
 /// For a watcher whose own watch has ended: below a service manager, which would start the first
 /// one, and so each of them, once more, it stays as long as it has extra watchers and is not told
-/// to stop. True when it has commands to run now and had none before: they may have been away.
+/// to stop. True when it has commands to run now and could not run any before: they, or the memory
+/// for them, may have been away.
 [[nodiscard]] bool StayForExtraWatchers(const CWatchOptions& record, const Platform& platform,
-                                        bool hadCommands);
+                                        WatchEnd end);
 /// At the end of a watcher: those that it started are told to stop as well when it was, and go on
 /// without it when it ended by itself.
 void LeaveExtraWatchers();

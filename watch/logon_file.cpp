@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <set>
 #include <utility>
+#include <vector>
 
 #include "config/file.h"
 #include "config/migration.h"
@@ -46,17 +46,19 @@ using EntryName = std::pair<std::string, std::string>;
 /// The entries that `name` means: all of that name as they are spelled, else a new one in the
 /// section of the first entry, none in a text without any. Stops at one more than kMaxSetEntries,
 /// which tells the caller that there are too many.
-std::set<EntryName> FindEntries(std::string_view text, std::string_view name) {
-  std::set<EntryName> found;
+std::vector<EntryName> FindEntries(std::string_view text, std::string_view name) {
+  std::vector<EntryName> found;
   std::optional<std::string_view> firstSection;
   config::EntryReader entries(text);
   while (found.size() <= kMaxSetEntries) {
     const std::optional<config::EntryReader::Names> names = entries.Next();
     if (!names) break;
     if (!firstSection) firstSection = names->section;
-    if (runtime::EqualsNoCase(names->entry, name)) found.emplace(names->section, names->entry);
+    if (!runtime::EqualsNoCase(names->entry, name)) continue;
+    EntryName entry(names->section, names->entry);
+    if (std::ranges::find(found, entry) == found.end()) found.push_back(std::move(entry));
   }
-  if (found.empty() && firstSection) found.emplace(*firstSection, name);
+  if (found.empty() && firstSection) found.emplace_back(*firstSection, name);
   return found;
 }
 
@@ -136,6 +138,7 @@ class EditedFile {
   [[nodiscard]] bool IsAllowed() const;
   [[nodiscard]] bool Save();
   [[nodiscard]] bool Restore();
+  [[nodiscard]] std::optional<std::string> ReadCopy();
   [[nodiscard]] bool SetKey(std::string_view name, std::string_view value);
   [[nodiscard]] bool TakeWalks(std::size_t count) { return budget_.Take(count * text_.size()); }
   void TakeText(std::string text) {
@@ -200,10 +203,20 @@ bool EditedFile::SaveOrRestore() {
 /// A copy that no later event could take is none now either.
 bool EditedFile::Save() {
   fault_ = "no copy '.org' can be made";
-  return runtime::MakeFile(saved_, text_, file_) && Restore();
+  return runtime::MakeFile(saved_, text_, file_) && ReadCopy();
 }
 
 bool EditedFile::Restore() {
+  std::optional<std::string> text = ReadCopy();
+  if (!text) return false;
+  // That of a file which an editor was writing anew, whose text would be lost now.
+  if (text->empty() && !before_.empty()) return Save();
+  TakeText(std::move(*text));
+  return true;
+}
+
+/// Of a copy that may be trusted.
+std::optional<std::string> EditedFile::ReadCopy() {
   copy_ = saved_.Open(O_RDONLY);
   const char* fault = FaultOfCopy(saved_, copy_, file_);
   std::optional<std::string> text;
@@ -214,12 +227,9 @@ bool EditedFile::Restore() {
   if (fault != nullptr) {
     runtime::TraceRefusal(saved_.Path(), fault);
     fault_ = std::string("its copy '.org' is ") + fault;
-    return false;
+    return std::nullopt;
   }
-  // That of a file which an editor was writing anew, whose text would be lost now.
-  if (text->empty() && !before_.empty()) return Save();
-  TakeText(std::move(*text));
-  return true;
+  return text;
 }
 
 bool EditedFile::Set(std::string_view name, std::string_view value) {
@@ -241,7 +251,7 @@ bool EditedFile::SetKey(std::string_view name, std::string_view value) {
   if (!TakeWalks(WalksOfOpening(text_))) return false;
   config::CConfigFile config;
   if (config.OpenText(path_, text_) != config::ConfigResult::kOk) return false;
-  const std::set<EntryName> entries = FindEntries(config.GetText().value_or(""), name);
+  const std::vector<EntryName> entries = FindEntries(config.GetText().value_or(""), name);
   if (entries.size() > kMaxSetEntries || !TakeWalks(entries.size())) return false;
   for (const auto& [section, key] : entries) {
     if (config.SetValue(section, key, value) != config::ConfigResult::kOk) return false;

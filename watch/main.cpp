@@ -1,4 +1,5 @@
 // The program: its command line becomes one line for WatchMain.
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -12,7 +13,9 @@
 #include "runtime/library_call.h"
 #include "runtime/loader.h"
 #include "runtime/notice.h"
+#include "runtime/text.h"
 #include "watch/card_reader.h"
+#include "watch/extra_watchers.h"
 #include "watch/parallel.h"
 #include "watch/people.h"
 #include "watch/platform.h"
@@ -48,7 +51,9 @@ int Watch(int argc, char** argv) {
 void EndWatch([[maybe_unused]] int result) {
 #ifndef QIXX_SANITIZED  // where leaks are looked for by an exit handler
   std::destroy_at(&qixx::pkcs11::Pkcs11());
-  std::fflush(stdout);  // a function that was called may have printed
+  // A function that was called may have printed; nobody may read it any more.
+  pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+  if (::poll(&output, 1, 0) > 0 && (output.revents & POLLOUT) != 0) std::fflush(stdout);
   ::_exit(result);
 #endif
 }
@@ -59,7 +64,10 @@ int main(int argc, char** argv) {
   using namespace qixx;
   if (!HasRoomToThrow()) {
     runtime::Notify({"not started: no memory"});
-    return EXIT_SUCCESS;
+    // The watcher that started an extra one starts it again.
+    const bool isExtra =
+        argc > 1 && runtime::EqualsNoCase(argv[1], runtime::DropTrailingBlanks(watch::kChildMark));
+    return isExtra ? EXIT_FAILURE : EXIT_SUCCESS;
   }
   int result = EXIT_FAILURE;
   bool hasWatched = false;

@@ -65,6 +65,23 @@ class LineStart {
   std::size_t other_ = std::string::npos;  ///< where the line has something else
 };
 
+/// Whether a text ends in a '/' that may be the first of its line: one more makes a comment.
+bool EndsInFirstSlash(std::string_view text) {
+  if (!text.ends_with('/')) return false;
+  text.remove_suffix(1);
+  return text.empty() || text.ends_with(' ') || config::IsLineBreak(text.back());
+}
+
+/// Whether two texts make a component ".." when nothing stands between them.
+bool MakeParentFolder(std::string_view before, std::string_view behind) {
+  static constexpr std::string_view kEnds = "/=\" \r\n";
+  const auto isEnd = [](char c) { return kEnds.find(c) != std::string_view::npos; };
+  if (!before.ends_with('.') || !behind.starts_with('.')) return false;
+  before.remove_suffix(1);
+  behind.remove_prefix(1);
+  return (before.empty() || isEnd(before.back())) && (behind.empty() || isEnd(behind.front()));
+}
+
 /// Replaces the occurrences in one pass over a text, whatever they are made of.
 class OnePassReplacement {
  public:
@@ -73,7 +90,7 @@ class OnePassReplacement {
       : name_(name),
         value_(value),
         cleanValue_(CleanLineStart(value)),
-        ignoresCase_(runtime::StartsWithNoCase(name, kComponentPrefix)),
+        isComponent_(runtime::StartsWithNoCase(name, kComponentPrefix)),
         again_(value.find(name.front()) == std::string_view::npos || value.size() < name.size()) {}
 
   [[nodiscard]] bool IsAt(std::string_view text, std::size_t place) const {
@@ -81,7 +98,7 @@ class OnePassReplacement {
   }
   /// Where the name begins in the text.
   [[nodiscard]] std::size_t Find(std::string_view text, std::size_t from = 0) const {
-    return ignoresCase_ ? runtime::FindTextNoCase(text, name_, from)
+    return isComponent_ ? runtime::FindTextNoCase(text, name_, from)
                         : runtime::FindText(text, name_, from);
   }
   /// Nothing once the result is longer than `limit` or the budget is spent.
@@ -92,7 +109,7 @@ class OnePassReplacement {
       if (read_ == text.size()) break;
       pending_.push_back(text[read_++]);
       while (goesOn && !pending_.empty()) {
-        TakePending();
+        TakePending(text.substr(read_));
         goesOn = result_.size() <= limit && budget.Take(kStepCost);
       }
     }
@@ -111,13 +128,13 @@ class OnePassReplacement {
     Append(text.substr(read_, end - read_));
     read_ = end;
   }
-  void TakePending() {
+  void TakePending(std::string_view rest) {
     Append({&pending_.back(), 1});
     pending_.pop_back();
     if (!EndsInName()) return;
     result_.resize(result_.size() - name_.size());
     line_.Cut(result_.size());
-    const std::string_view value = line_.MayBeHere() ? std::string_view(cleanValue_) : value_;
+    const std::string value = ValueHere(pending_.empty() ? rest : std::string_view());
     seam_ = read_;
     if (again_) {
       pending_.append(value.rbegin(), value.rend());
@@ -128,6 +145,25 @@ class OnePassReplacement {
       unchanged_ = read_;
     }
   }
+  /// Whether a value that comes to nothing lets its neighbours make a condition, a way out of a
+  /// folder or, at the start of a line, more than a text.
+  [[nodiscard]] bool JoinsMarks(std::string_view rest) const {
+    constexpr std::size_t kBlanks = 64;
+    const std::string_view start = rest.substr(0, kBlanks);
+    return (line_.MayBeHere() && CleanLineStart(start) != start) ||
+           (EndsInFirstSlash(result_) && rest.starts_with('/')) ||
+           (result_.ends_with('|') && rest.starts_with('|')) || MakeParentFolder(result_, rest);
+  }
+  /// What stands around the value makes no more of it than a text.
+  [[nodiscard]] std::string ValueHere(std::string_view rest) const {
+    constexpr const char* kHarmless = "_";
+    const bool isSlash = value_ == "/" && (rest.starts_with('/') || rest.starts_with('%'));
+    // What a removal clears comes to nothing; a component does so only where the card has it so.
+    if (value_.empty()) return isComponent_ && JoinsMarks(rest) ? kHarmless : "";
+    if (line_.MayBeHere()) return isSlash ? kHarmless : cleanValue_;
+    const bool makesComment = value_.starts_with('/') && EndsInFirstSlash(result_);
+    return makesComment ? kHarmless + std::string(value_.substr(1)) : std::string(value_);
+  }
   void Append(std::string_view piece) {
     line_.Append(piece, result_.size());
     result_.append(piece);
@@ -137,13 +173,13 @@ class OnePassReplacement {
     return IsName(std::string_view(result_).substr(result_.size() - name_.size()));
   }
   [[nodiscard]] bool IsName(std::string_view text) const {
-    return ignoresCase_ ? runtime::EqualsNoCase(text, name_) : text == name_;
+    return isComponent_ ? runtime::EqualsNoCase(text, name_) : text == name_;
   }
 
   std::string_view name_;
   std::string_view value_;
   std::string cleanValue_;  ///< for the start of a line
-  bool ignoresCase_;
+  bool isComponent_;        ///< of the subject; its key counts in any letter case
   /// A value that brings no beginning of the name along, or makes the text shorter, uses the
   /// occurrences up, so those that come about around it count as well.
   bool again_;

@@ -57,7 +57,7 @@ void RunRounds(Watch& watch, std::uint64_t limit, const Platform& platform) {
       const bool isTurn = round != 0 && round % kInitialiseRounds == 0;
       return watch.Round(isTurn && platform.card.InitialiseAgain());
     });
-    runtime::ReapChildren();
+    RunStep([] { runtime::ReapChildren(); });
     RunStep([round] { LookAfterExtraWatcher(round); });
     LookForParentWatcher();
     // A card that came or went shows in the pause.

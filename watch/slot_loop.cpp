@@ -195,6 +195,8 @@ class SlotWatch {
       runtime::TraceWrite("Watch - Already connected");
       return;
     }
+    // The poll was long, and the watch is to end: the next one connects the card.
+    if (StopRequested()) return;
     if (record_.recognized && !card_.IsTokenReadable(slot)) return;
     // In front of the commands, which may not come to their end.
     isMarkDue_ = false;
@@ -234,8 +236,9 @@ class SlotWatch {
   /// that of a card that is forgotten without a removal.
   void RunRemoval(CK_SLOT_ID slot) {
     isMarkDue_ = false;
-    owed_ = OnRemoveEvent(record_, slot, platform_);
+    owed_.isWhole = true;  // should memory run out on the way
     owedSlot_ = slot;
+    owed_ = OnRemoveEvent(record_, slot, platform_);
     if (owed_.IsNothing()) Settle();
     runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(slot));
   }
@@ -296,8 +299,9 @@ class SlotWatch {
 
 // --- the run ------------------------------------------------------------------------------------
 
-/// Memory that runs out in one step keeps none of the others from being taken.
-void RunWithLibrary(CWatchOptions& record, const Platform& platform) {
+/// Memory that runs out in one step keeps none of the others from being taken. False when it ran
+/// out in the watch itself.
+bool RunWithLibrary(CWatchOptions& record, const Platform& platform) {
   const auto tell = [&record](const char* state) {
     RunStep([&] {
       runtime::TraceWrite("Watch - %s '%s'", state, runtime::MaskedText(record.section).Text());
@@ -311,7 +315,7 @@ void RunWithLibrary(CWatchOptions& record, const Platform& platform) {
   tell("Started");
   RunStep([&] { platform.card.Initialise(); });
   tell("Running");
-  RunStep([&] {
+  const bool hasWatched = RunStep([&] {
     if (runtime::EqualsNoCase(record.section, kLogonSection)) {
       WatchLogonSlot(record, platform);
     } else {
@@ -323,21 +327,22 @@ void RunWithLibrary(CWatchOptions& record, const Platform& platform) {
   tell("Stopping");
   RunStep([&] { platform.card.Finalise(); });
   startBackground(" -hide");
+  return hasWatched;
 }
 
 }  // namespace
 
-bool RunWatch(CWatchOptions& record, const Platform& platform) {
+WatchEnd RunWatch(CWatchOptions& record, const Platform& platform) {
   runtime::TraceWrite("Watch - Starting");
-  const bool hasCommands = RunGuarded([&record] { return HasEventCommands(record); });
-  if (hasCommands) {
-    RunWithLibrary(record, platform);
-  } else {
+  WatchEnd end = WatchEnd::kNoMemory;
+  RunStep([&] { end = HasEventCommands(record) ? WatchEnd::kDone : WatchEnd::kNoCommands; });
+  if (end == WatchEnd::kDone && !RunWithLibrary(record, platform)) end = WatchEnd::kNoMemory;
+  if (end == WatchEnd::kNoCommands) {
     runtime::TraceWrite("Watch - No event commands available");
     NotifyWithoutCommands(record);
   }
   runtime::TraceWrite("Watch - Stopped");
-  return hasCommands;
+  return end;
 }
 
 void WatchSlots(CWatchOptions& record, const Platform& platform) {

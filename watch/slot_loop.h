@@ -9,8 +9,14 @@
 
 namespace qixx::watch {
 
-/// The whole run of one watcher. False when it had no commands to run.
-bool RunWatch(CWatchOptions& record, const Platform& platform);
+enum class WatchEnd {
+  kDone,
+  kNoCommands,
+  kNoMemory,  ///< for the watch as a whole; what a round lacks ends that round alone
+};
+
+/// The whole run of one watcher.
+WatchEnd RunWatch(CWatchOptions& record, const Platform& platform);
 /// The slot loop.
 void WatchSlots(CWatchOptions& record, const Platform& platform);
 /// Its logon variant (watch/logon_watch.cpp).

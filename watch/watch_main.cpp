@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <new>
 #include <span>
 
 #include "runtime/file_place.h"
@@ -67,11 +69,10 @@ void RunCommands(std::string_view command, std::string_view line, const std::str
   if (!extraList.empty()) {
     RunStep([&] { StartExtraWatchers(extraList, ownPath, platform.manager.IsThere()); });
   }
-  bool hadCommands = RunWatch(record, platform);
-  while (StayForExtraWatchers(record, platform, hadCommands)) {
-    hadCommands = RunWatch(record, platform);
-  }
+  WatchEnd end = RunWatch(record, platform);
+  while (StayForExtraWatchers(record, platform, end)) end = RunWatch(record, platform);
   LeaveExtraWatchers();
+  if (end == WatchEnd::kNoMemory) throw std::bad_alloc();
 }
 
 void RunLine(config::CConfig& config, std::string_view line, const Platform& platform) {
@@ -80,7 +81,7 @@ void RunLine(config::CConfig& config, std::string_view line, const Platform& pla
   ConnectRuntimeSettings();
   runtime::TraceInit(kComponent);
 
-  const bool isChild = runtime::StartsWithNoCase(line, kChildMark);
+  const bool isChild = IsExtraWatcherLine(line);
   if (isChild) {
     line.remove_prefix(kChildMark.size());
     FollowParentWatcher();
@@ -108,7 +109,8 @@ bool IsOfSomebodyElse(const std::string& path, const std::string& program) {
   struct stat folder {};
   if (::lstat(path.c_str(), &status) != 0) {
     // One that anybody can make before it is opened does not count either.
-    return ::stat(path.substr(0, path.rfind('/') + 1).c_str(), &folder) == 0 &&
+    const std::string place = path.substr(0, path.rfind('/') + 1);
+    return ::stat(place.empty() ? "." : place.c_str(), &folder) == 0 &&
            (folder.st_mode & S_IWOTH) != 0;
   }
   if (runtime::IsTrustedOwner(status.st_uid)) return false;
@@ -129,9 +131,9 @@ int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
               const Platform& platform) {
   config::CConfig config;
   givenServiceHandle = serviceHandle;
-  RunStep([&] { RunLine(config, line, platform); });
+  const bool isWhole = RunStep([&] { RunLine(config, line, platform); });
   WaitForParallelJobs(kParallelJobWait);
-  return 0;
+  return isWhole || !IsExtraWatcherLine(line) ? 0 : EXIT_FAILURE;
 }
 
 std::optional<std::string> LocalConfigurationPath() {

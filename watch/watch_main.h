@@ -20,7 +20,8 @@ inline constexpr std::size_t kMaxCommandLine = runtime::kMaxLine;
 
 /// The whole life of the process; the stop handlers are installed before it. Lines are cut to
 /// kMaxCommandLine. Returns 0, also when memory runs out: then what it runs out in is left out, and
-/// the end is as orderly as every other.
+/// the end is as orderly as every other. Only an extra watcher that memory keeps from watching
+/// returns another value, for which the one that started it starts it again.
 int WatchMain(int instance, int serviceHandle, std::string_view line, const Platform& platform);
 
 /// spare: the service handle that WatchMain was given; always 0 on this platform.
