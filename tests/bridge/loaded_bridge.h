@@ -46,6 +46,10 @@ class LoadedBridge : public LoadedModule {
     pollfd waited = {Descriptor(), POLLIN, 0};
     return ::poll(&waited, 1, milliseconds) == 1;
   }
+  /// The last poll has told all, and nothing came within this time.
+  [[nodiscard]] bool IsQuiet(int milliseconds = 0) {
+    return Eventually([=, this] { return Poll() == -1 && !IsReadable(milliseconds); });
+  }
 
   const Desktop desktop_;
   std::string path_;  ///< of the bridge's copy

@@ -42,10 +42,6 @@ class ReaderEvents : public LoadedBridge {
     EXPECT_EQ(Descriptor(), descriptor) << "it does not change";
     ASSERT_TRUE(Settle());
   }
-  /// The last poll has told all.
-  [[nodiscard]] bool IsQuiet(int milliseconds = 0) {
-    return Eventually([=, this] { return Poll() == -1 && !IsReadable(milliseconds); });
-  }
   /// Waits until a card has been seen to come and to go, and nothing is left to tell.
   [[nodiscard]] bool Settle() {
     auto card = CardIn(0);

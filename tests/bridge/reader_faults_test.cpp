@@ -71,5 +71,16 @@ TEST_F(ReaderFaults, ReaderThatIsBackBeforeThePollBringsAnotherCard) {
   EXPECT_TRUE(TellsOfAnotherCard());
 }
 
+TEST_F(ReaderFaults, ListThatIsEmptyWhenACardComesIsNotBelieved) {
+  ASSERT_TRUE(IsReadable());
+  ASSERT_TRUE(IsQuiet(500)) << "the thread waits";
+  const unsigned before = pcsc_.lists;
+  MoveCard(true);
+  ASSERT_TRUE(Eventually([&] { return pcsc_.lists > before; })) << "it waits again";
+  pcsc_.isListEmpty = true;
+  EXPECT_EQ(Poll(), -1);
+  EXPECT_EQ(Poll(), 1);
+}
+
 }  // namespace
 }  // namespace qixx::testing

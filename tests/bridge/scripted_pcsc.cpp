@@ -48,7 +48,8 @@ long SCardCancel(long /*context*/) {
 
 long SCardListReaders(long /*context*/, const char* /*groups*/, char* names, PcscWord* size) {
   if (ThePcsc().isListLost.exchange(false)) return kNoService;
-  if (!ThePcsc().hasReader) {
+  ++ThePcsc().lists;
+  if (ThePcsc().isListEmpty.exchange(false) || !ThePcsc().hasReader) {
     ++ThePcsc().emptyLists;
     return kNoReaders;
   }

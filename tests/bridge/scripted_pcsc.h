@@ -11,7 +11,9 @@ struct ScriptedPcsc {
   std::atomic<bool> hasReader = true;
   std::atomic<bool> hasCard = false;
   std::atomic<unsigned> changes = 0;      ///< of the reader, as its service counts them
-  std::atomic<unsigned> emptyLists = 0;   ///< how often there was no reader to list
+  std::atomic<unsigned> lists = 0;        ///< how often the readers were asked for
+  std::atomic<unsigned> emptyLists = 0;   ///< how often there was none
+  std::atomic<bool> isListEmpty = false;  ///< the next question for the readers finds none
   std::atomic<bool> isListLost = false;   ///< the next question for the readers fails
   std::atomic<bool> isStateLost = false;  ///< the next question for their states does
   std::atomic<bool> isCancelled = false;  ///< the wait for a change, or the next one

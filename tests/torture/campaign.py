@@ -18,24 +18,13 @@ import time
 import traceback
 from pathlib import Path
 
-from desk import CHILDREN, STOP, Damage, Desk, Interrupted, pause
+from desk import CHILDREN, STOP, Damage, Desk, Interrupted, Tools, pause
 
 KINDS = {name: importlib.import_module(name) for name in (
     "soak", "library", "kills", "certificates", "configurations", "limits", "strangers")}
 PR_SET_CHILD_SUBREAPER = 36
 WIDTH = 80
 MAX_KEPT = 12  # folders of evidence, of each kind
-
-
-class Tools:
-    """What the trials drive."""
-
-    def __init__(self, build):
-        self.program = build / "qixxwatch"
-        self.softcard = build / "softcard" / "libqixp11.so"
-        self.misbehaving = build / "misbehaving" / "libqixp11.so"
-        self.called = build / "libend_to_end_called.so"
-        self.sanitized = re.search(rb"\nQIXX_SANITIZE:\w+=.", (build / "CMakeCache.txt").read_bytes()) is not None
 
 
 class Tally:
@@ -79,11 +68,13 @@ class Tally:
     def show(cls):
         print(f"\n{'kind':15}{'what was tried':39}{'times':>13}{'damaged':>13}\n" + "-" * WIDTH)
         for name in KINDS:
-            labels = {label for kind, label in [*cls.times, *cls.damaged] if kind == name}
             # A label in parentheses adds something to the others of its kind.
-            for number, label in enumerate(sorted(labels, key=lambda label: (label.startswith("("), label))):
+            labels = sorted({label for kind, label in cls.times | cls.damaged if kind == name},
+                            key=lambda label: (label.startswith("("), label))
+            for label in labels:
                 row = name, label
-                print(f"{'' if number else name:15}{label[:38]:39}{cls.times[row]:>13,}{cls.damaged[row]:>13,}")
+                print(f"{name if label == labels[0] else '':15}{label[:38]:39}"
+                      f"{cls.times[row]:>13,}{cls.damaged[row]:>13,}")
         for (kind, label), why in cls.skipped.items():
             print(f"{kind:15}{label[:38]:39}  skipped: {why}")
         print("-" * WIDTH)
@@ -96,13 +87,12 @@ def print_wrapped(text):
 
 
 class Kind:
-    """Runs the trials of one kind on some lanes until its time is over."""
+    """Runs the trials of one kind on some lanes until its time is over. `plan` are the campaign's arguments."""
 
-    def __init__(self, campaign, name, deadline):
-        self.campaign, self.name, self.module, self.deadline = campaign, name, KINDS[name], deadline
-        only = campaign.arguments.trial
-        self.indexes = itertools.count() if only is None else iter([only])
-        self.threads = [threading.Thread(target=self.lane) for _ in range(self.module.LANES)]
+    def __init__(self, plan, name, deadline):
+        self.plan, self.name, self.deadline = plan, name, deadline
+        self.indexes = itertools.count() if plan.trial is None else iter([plan.trial])
+        self.threads = [threading.Thread(target=self.lane) for _ in range(KINDS[name].LANES)]
         for thread in self.threads:
             thread.start()
 
@@ -120,11 +110,10 @@ class Kind:
             self.trial(index)
 
     def trial(self, index):
-        campaign, damages = self.campaign, Tally.damages
-        tally = Tally(self.name, campaign.seed, index, self.deadline)
-        desk = Desk(campaign.tools, campaign.folder / f"{self.name}-{index}")
+        tally = Tally(self.name, self.plan.seed, index, self.deadline)
+        desk = Desk(self.plan.tools, self.plan.folder / f"{self.name}-{index}")
         try:
-            self.module.trial(desk, random.Random(f"{campaign.seed}/{self.name}/{index}"), tally)
+            KINDS[self.name].trial(desk, random.Random(f"{self.plan.seed}/{self.name}/{index}"), tally)
         except Interrupted:
             pass
         except Damage as damage:
@@ -134,78 +123,70 @@ class Kind:
             tally.damage(tally.label, "the campaign itself failed, as said above")
             STOP.set()
         desk.kill()
-        damaged = {number for kind, number, _ in damages if kind == self.name}
-        if index in damaged and len(damaged) <= MAX_KEPT:
-            texts = [text for kind, number, text in damages if (kind, number) == (self.name, index)]
-            desk.path("damage.txt").write_text("\n".join(texts) + "\n", encoding="utf-8")
+        damages = [(number, text) for kind, number, text in Tally.damages if kind == self.name]
+        texts = [text for number, text in damages if number == index]
+        if texts and len({number for number, _ in damages}) <= MAX_KEPT:
+            desk.write("damage.txt", "\n".join(texts) + "\n")
         else:
             shutil.rmtree(desk.folder, ignore_errors=True)
 
 
-class Campaign:
-    def __init__(self, arguments):
-        self.tools = Tools(Path(arguments.build).absolute())
-        self.seed = arguments.seed
-        self.folder = Path(tempfile.mkdtemp(prefix="qixxwatch-torture-"))
-        self.folder.chmod(0o755)
-        self.arguments = arguments
+def run(plan):
+    end = time.monotonic() + plan.minutes * 60
+    weights = {name: kind.WEIGHT for name, kind in KINDS.items() if plan.only in (None, name)}
+    behind = [Kind(plan, name, end) for name, weight in weights.items() if weight is None]
+    turns = [name for name, weight in weights.items() if weight is not None]
+    for place, name in enumerate(turns):
+        share = (end - time.monotonic()) * weights[name] / sum(weights[later] for later in turns[place:])
+        print(f"{name}: {max(share, 0):.0f} s", flush=True)
+        Kind(plan, name, time.monotonic() + share).join()
+    for kind in behind:
+        kind.join()
 
-    def run(self):
-        end = time.monotonic() + self.arguments.minutes * 60
-        names = [self.arguments.only] if self.arguments.only else KINDS
-        weights = {name: KINDS[name].WEIGHT for name in names}
-        behind = [Kind(self, name, end) for name in names if weights[name] is None]
-        turns = [name for name in names if weights[name] is not None]
-        for place, name in enumerate(turns):
-            left = sum(weights[later] for later in turns[place:])
-            share = (end - time.monotonic()) * weights[name] / left
-            print(f"{name}: {max(share, 0):.0f} s", flush=True)
-            Kind(self, name, time.monotonic() + share).join()
-        for kind in behind:
-            kind.join()
 
-    def conclude(self):
-        sanitized = self.tools.sanitized
-        Tally.show()
-        print(f"Seed {self.seed}, {'sanitizer' if sanitized else 'optimised'} build, "
-              f"{'as root' if os.getuid() == 0 else 'not as root'}.")
-        if not Tally.damages:
-            shutil.rmtree(self.folder, ignore_errors=True)
-            print("Stopped before its end." if STOP.is_set() else "No damage.")
-            return int(STOP.is_set())
-        print(f"\nDAMAGE ({len(Tally.damages)} times), kept in {self.folder}:")
-        told = collections.defaultdict(list)
-        for kind, index, text in Tally.damages:
-            told[kind, re.sub(r" \(.*", "", text)].append((index, text))
-        for (kind, _), cases in told.items():
-            index, text = cases[0]
-            print_wrapped(f"- {kind} {text}" + (f" - {len(cases)} times" if len(cases) > 1 else ""))
-            print(f"    scripts/torture{' --asan' * sanitized} --only {kind} --seed {self.seed} --trial {index}")
-        return 1
+def conclude(plan):
+    """Prints the report; the exit code."""
+    Tally.show()
+    print(f"Seed {plan.seed}, {'sanitizer' if plan.tools.sanitized else 'optimised'} build, "
+          f"{'as root' if os.getuid() == 0 else 'not as root'}.")
+    if not Tally.damages:
+        shutil.rmtree(plan.folder, ignore_errors=True)
+        print("Stopped before its end." if STOP.is_set() else "No damage.")
+        return int(STOP.is_set())
+    print(f"\nDAMAGE ({len(Tally.damages)} times), kept in {plan.folder}:")
+    told = collections.defaultdict(list)
+    for kind, index, text in Tally.damages:
+        told[kind, re.sub(r" \(.*", "", text)].append((index, text))
+    for (kind, _), cases in told.items():
+        index, text = cases[0]
+        print_wrapped(f"- {kind} {text}" + (f" - {len(cases)} times" if len(cases) > 1 else ""))
+        print(f"    scripts/torture{' --asan' * plan.tools.sanitized} --only {kind} --seed {plan.seed} --trial {index}")
+    return 1
 
 
 def main():
     parser = argparse.ArgumentParser(prog="torture")
-    parser.add_argument("build")
+    parser.add_argument("tools", metavar="build", type=Tools)
     parser.add_argument("minutes", nargs="?", type=float, default=10)
     parser.add_argument("--only", choices=KINDS)
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 24))
     parser.add_argument("--trial", type=int)
-    arguments = parser.parse_intermixed_args()
-    if arguments.trial is not None and not arguments.only:
+    plan = parser.parse_intermixed_args()
+    if plan.trial is not None and not plan.only:
         parser.error("--trial needs --only")
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: STOP.set())
-    campaign = Campaign(arguments)
+    plan.folder = Path(tempfile.mkdtemp(prefix="qixxwatch-torture-"))
+    plan.folder.chmod(0o755)
     try:
-        campaign.run()
+        run(plan)
     except BaseException:
         STOP.set()
         raise
     finally:
         CHILDREN.kill_all()
-    sys.exit(campaign.conclude())
+    sys.exit(conclude(plan))
 
 
 main()

@@ -81,13 +81,13 @@ def set_up(desk, made):
     show = desk.script("show", f'printf "%s\\0" "$#" "$@" >>{path("shown")}')
     path("inner").mkdir()
     for name in ("canary.conf", "x.conf", "good.conf", "inner/x.conf"):
-        path(name).write_bytes(ORIGINAL)
-    path("target.conf").write_text(TARGET, encoding="utf-8")
+        desk.write(name, ORIGINAL)
+    desk.write("target.conf", TARGET)
     product = (f"[Trace]\nwatch={desk.trace_file}\n[Install]\nDirectory={desk.library}/\n"
                "[Command]\nWatch=config Watch\n[Mail]\nUsername=\nDomain=\n"
                f'[Watch Remove]\n1={show} "%USERNAME%" "%OID.CN%" removed\n; %SUBJECT%\n2={show} "%UPN%" removed\n')
-    path("product.conf").write_text(product, encoding="utf-8")
-    path("card.der").write_bytes(made)
+    desk.write("product.conf", product)
+    desk.write("card.der", made)
     desk.configure("-sync config Watch", [
         f'{show} "%UPN%" "%USERNAME%" "%DOMAIN%" "%SERIALNUMBER%" quoted', f'{show} "%SUBJECT%" subject',
         f'{show} "%OID.CN%" "%OID.O%" component', f"{show} %USERNAME% %OID.CN% bare",

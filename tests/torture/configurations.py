@@ -1,6 +1,8 @@
 """Configuration files as no editor leaves them: as the service's own, and as what a set command fills."""
 
+import contextlib
 import signal
+from functools import reduce
 from pathlib import Path
 
 import certificate
@@ -63,9 +65,7 @@ def with_noise(text, random):
 
 
 def with_mutations(text, random):
-    for _ in range(random.randrange(1, 5)):
-        text = certificate.mutate(text, random)
-    return text
+    return reduce(lambda spoilt, _: certificate.mutate(spoilt, random), range(random.randrange(1, 5)), text)
 
 
 def with_huge_line(text, random):
@@ -96,10 +96,8 @@ def stop_with_extra_watchers(desk):
     desk.stop()
 
     def is_left(process):
-        try:
+        with contextlib.suppress(OSError):
             return (process / "exe").readlink() == desk.tools.program and (process / "cwd").readlink() == desk.folder
-        except OSError:
-            return False
     require(eventually(lambda: not any(map(is_left, Path("/proc").glob("[1-9]*"))), 5, 0.1),
             "an extra watcher outlived the service")
     CHILDREN.reap_orphans()
@@ -115,8 +113,8 @@ def ask_for_people(desk, random):
 
 def read_as_own(desk, random, tally):
     deed, spoil = random.choice(DEEDS)
-    desk.path("system.conf").write_bytes(fill_in(desk, spoil(sample(random), random)))
-    desk.path("target.conf").write_text("[Mail]\nUsername=\n", encoding="utf-8")
+    desk.write("system.conf", fill_in(desk, spoil(sample(random), random)))
+    desk.write("target.conf", "[Mail]\nUsername=\n")
     desk.insert(certificate.ann())
     if random.random() < 0.3:
         tally.tried("as qix.conf: --check and --list")
@@ -170,11 +168,8 @@ def lines_of(text):
 
 def check_kept(before, after, is_merged):
     old, new = lines_of(before), lines_of(after)
-    rest = iter(new)
-    if is_merged:
-        lost = [line for line in old if line not in new and not line.startswith(b"[")]
-    else:
-        lost = [line for line in old if line not in rest]  # in their order
+    rest = new if is_merged else iter(new)  # unless merged, in their order
+    lost = [line for line in old if line not in rest and not (is_merged and line.startswith(b"["))]
     require(not lost, f"a line was lost ({lost[:1]})")
     require(is_merged or len(old) == len(new), "a line came from nowhere")
 
@@ -183,9 +178,8 @@ def fill(desk, random, tally):
     is_merged = random.random() < 0.3
     tally.tried("as a target: old section names" if is_merged else "as a target: odd lines")
     before = make_old_sections(random) if is_merged else make_lines(random)
-    target = desk.path("target.conf")
-    target.write_bytes(before)
-    desk.path("before").write_bytes(before)
+    target = desk.write("target.conf", before)
+    desk.write("before", before)
     desk.configure("-sync config Watch", [f"set -config {target}"], [f"set -config {target}"])
     desk.insert(certificate.ann())
     desk.start()

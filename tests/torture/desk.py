@@ -26,6 +26,18 @@ class Interrupted(Exception):
     """The campaign was stopped from outside."""
 
 
+class Tools:
+    """What the trials drive; `build` is the folder of a build."""
+
+    def __init__(self, build):
+        build = Path(build).absolute()
+        self.program = build / "qixxwatch"
+        self.softcard = build / "softcard" / "libqixp11.so"
+        self.misbehaving = build / "misbehaving" / "libqixp11.so"
+        self.called = build / "libend_to_end_called.so"
+        self.sanitized = re.search(rb"\nQIXX_SANITIZE:\w+=.", (build / "CMakeCache.txt").read_bytes()) is not None
+
+
 class Children:
     """Every process that the campaign starts, and what these leave over."""
 
@@ -92,22 +104,14 @@ def read(path, otherwise=b""):
         return otherwise
 
 
-def replace(path, content):
-    """Writes a file in one step, so that nobody sees half of it."""
-    made = Path(f"{path}.made")
-    made.write_bytes(content)
-    made.rename(path)
-
-
 class Desk:
     def __init__(self, tools, folder):
-        self.tools = tools
-        self.folder = folder
-        self.folder.mkdir(parents=True)
-        self.folder.chmod(0o755)
+        self.tools, self.folder, self.process = tools, folder, None
         self.library = tools.softcard.parent
         self.trace_file = self.path("trace.log")
-        self.process = None
+        self.card = self.path("readers/1/card")
+        self.card.parent.mkdir(parents=True)
+        self.folder.chmod(0o755)
         self.variables = {
             "HOME": str(folder), "PATH": "/usr/bin:/bin", "TMPDIR": str(folder),
             "qixconfigglobal": str(folder / "system.conf"), "QIXX_SOFTCARD": str(folder / "readers"),
@@ -115,29 +119,32 @@ class Desk:
             "QIXX_TORTURE_DONE": str(folder / "done"),
             "ASAN_OPTIONS": "detect_leaks=1:abort_on_error=1:handle_segv=1", "UBSAN_OPTIONS": "print_stacktrace=1",
         }
-        self.reader = self.path("readers/1")
-        self.reader.mkdir(parents=True)
 
     def path(self, name):
         return self.folder / name
 
+    def write(self, name, content, mode=0o644):
+        """Writes a file in one step, so that nobody sees half of it; its path."""
+        made = self.path(f"{name}.made")
+        made.write_bytes(content if isinstance(content, bytes) else content.encode())
+        made.chmod(mode)
+        return made.rename(self.path(name))
+
     def configure(self, watch, insert=(), remove=()):
         def entries(commands):
             return "".join(f"{number}={command}\n" for number, command in enumerate(commands, 1))
-        self.path("system.conf").write_bytes(os.fsencode(
+        self.write("system.conf", (
             f"[Trace]\nwatch={self.trace_file}\n[Install]\nDirectory={self.library}/\n[Command]\nWatch={watch}\n"
             f"[Watch Insert]\n{entries(insert)}[Watch Remove]\n{entries(remove)}"))
 
     def insert(self, certificate):
-        made = self.reader / "card.new"
-        made.mkdir()
-        (made / "0.der").write_bytes(certificate)
-        made.rename(self.reader / "card")
+        self.path("readers/1/card.new").mkdir()
+        self.write("readers/1/card.new/0.der", certificate)
+        self.path("readers/1/card.new").rename(self.card)
 
     def remove(self):
-        card = self.reader / "card"
-        if card.exists():
-            shutil.rmtree(card.rename(self.reader / "card.old"))
+        if self.card.exists():
+            shutil.rmtree(self.card.rename(self.path("readers/1/card.old")))
 
     def start(self, *arguments, before=()):
         """Starts the service; `before` is a command that starts it, such as prlimit."""
@@ -171,9 +178,8 @@ class Desk:
         return caught is not None and int(caught[1], 16) >> (signal.SIGTERM - 1) & 1
 
     def check_alive(self):
-        code = self.process.poll()
-        if code is not None:
-            self.check_end(code)
+        if self.process.poll() is not None:
+            self.check_end(self.process.returncode)
             raise Damage("the service ended by itself")
 
     def check_end(self, code):
@@ -213,7 +219,4 @@ class Desk:
         return f"""{self.script("note", f'echo "$1" >>"{self.path("notes")}"')} {word}"""
 
     def script(self, name, text):
-        program = self.path(name)
-        program.write_text(f"#!/bin/sh\n{text}\n", encoding="utf-8")
-        program.chmod(0o755)
-        return program
+        return self.write(name, f"#!/bin/sh\n{text}\n", 0o755)

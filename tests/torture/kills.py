@@ -8,7 +8,7 @@ import time
 from pathlib import Path
 
 import certificate
-from desk import CHILDREN, read, replace, require
+from desk import CHILDREN, read, require
 
 LANES = 2
 WEIGHT = 20
@@ -20,8 +20,7 @@ def make_target(random):
     """A configuration with keys and placeholders, from some 100 bytes to some 60 KiB."""
     lines = ["[Mail]", "Username=", "Domain=", "Greeting=Hello %USERNAME% of %DOMAIN%, %SUBJECT%", "[More]",
              "Number=%SERIALNUMBER%", "username=old", "Organisation=%OID.O%"]
-    filling = random.choice((0, 0, 10, 200, 1000))
-    for number in range(filling):
+    for number in range(random.choice((0, 0, 10, 200, 1000))):
         lines.insert(random.randrange(1, len(lines)), f"Entry{number}=" + "x" * random.randrange(90))
     return (random.choice(("\n", "\n", "\r\n")).join(lines) + "\n").encode()
 
@@ -31,9 +30,8 @@ class Scene:
 
     def __init__(self, desk, random, tally, label):
         self.desk, self.random, self.tally, self.label = desk, random, tally, label
-        self.folder = desk.path("target")
-        self.folder.mkdir()
-        self.target, self.saved = self.folder / "a.conf", self.folder / "a.conf.org"
+        self.target, self.saved = desk.path("target/a.conf"), desk.path("target/a.conf.org")
+        self.target.parent.mkdir()
         self.restores = label.startswith("restoring")
         command = f"set {'-restore ' if label == 'restoring removal' else ''}-config {self.target}"
         if label == "keyword form":
@@ -50,12 +48,11 @@ class Scene:
 
     def prepare(self):
         """The text before, the saved copy that belongs to it, and nothing else."""
-        for file in self.folder.iterdir():
-            if file != self.target:
-                file.unlink()
+        for file in (self.saved, *self.strays()):
+            file.unlink(missing_ok=True)
         if self.restores:
-            replace(self.saved, self.original)
-        replace(self.target, self.before)
+            self.desk.write("target/a.conf.org", self.original)
+        self.desk.write("target/a.conf", self.before)
 
     def run_through(self):
         """The text after one whole set command, and how long that took from the start."""
@@ -66,13 +63,6 @@ class Scene:
         took = time.monotonic() - begin
         self.desk.stop()
         return self.target.read_bytes(), took
-
-    def texts(self):
-        folder = self.desk.path("whole")
-        folder.mkdir()
-        (folder / "before").write_bytes(self.before)
-        (folder / "after").write_bytes(self.after)
-        return folder
 
     def end_at_a_random_moment(self, sent):
         """Says what is damaged; nothing when all is whole."""
@@ -97,18 +87,21 @@ class Scene:
         return f"a stray file stayed ({strays[0].name})" if strays else None
 
     def strays(self):
-        return [entry for entry in self.folder.iterdir() if entry not in (self.target, self.saved)]
+        return [entry for entry in self.target.parent.iterdir() if entry not in (self.target, self.saved)]
 
     def keep(self, name, text, problem):
         """Keeps the first such text beside the report of the problem."""
         if not self.desk.path(name).exists():
-            self.desk.path(name).write_bytes(text)
+            self.desk.write(name, text)
         return problem
 
 
 def trial(desk, random, tally):
     scene = Scene(desk, random, tally, random.choice(LABELS))
-    reader = CHILDREN.start([sys.executable, Path(__file__).with_name("look.py"), scene.target, scene.texts()],
+    desk.path("whole").mkdir()
+    desk.write("whole/before", scene.before)
+    desk.write("whole/after", scene.after)
+    reader = CHILDREN.start([sys.executable, Path(__file__).with_name("look.py"), scene.target, desk.path("whole")],
                             stdout=subprocess.PIPE)
     try:
         reader.stdout.readline()
@@ -123,9 +116,8 @@ def trial(desk, random, tally):
                 break
     finally:
         reader.terminate()
-        seen = reader.communicate()[0]
-    seen = json.loads(seen)
+        seen = json.loads(reader.communicate()[0])
     tally.counted("looks at the file", seen["looks"])
     if seen["damaged"]:
         tally.damage("looks at the file", "a reader saw a text that is neither old nor new", seen["damaged"])
-        desk.path("seen.json").write_text(json.dumps(seen["texts"], indent=1), encoding="utf-8")
+        desk.write("seen.json", json.dumps(seen["texts"], indent=1))

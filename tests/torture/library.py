@@ -3,7 +3,7 @@
 from random import Random
 
 import certificate
-from desk import Damage, pause, replace, require
+from desk import Damage, pause, require
 
 LANES = 20
 WEIGHT = 35
@@ -36,14 +36,14 @@ def misbehave(desk, stage, order):
     """Runs up to the stage, gives the order, and goes through the stage. Whether the card was connected."""
     def order_at(*stages):
         if stage in stages:
-            replace(desk.path("order"), order.encode())
+            desk.write("order", order)
     order_at("start")
     desk.start()
     if stage == "start":
         pause(1.2)
         desk.check_alive()
-    elif not desk.traced("Watch - Event"):
-        raise Damage("the service did not begin")
+    else:
+        require(desk.traced("Watch - Event"), "the service did not begin")
     order_at("insertion")
     desk.insert(certificate.ann())
     is_well = stage in ("removal", "end")
@@ -94,12 +94,11 @@ def trial(desk, _, tally):
     function, label, deed, calls, stage = every[tally.index % len(every)]
     tally.tried(f"a function {label}")
     desk.library = desk.tools.misbehaving.parent
-    for name in ("a.conf", "b.conf"):
-        desk.path(name).write_text("[Mail]\nUsername=\n", encoding="utf-8")
+    one, other = (desk.write(name, "[Mail]\nUsername=\n") for name in ("a.conf", "b.conf"))
     desk.configure('-match "cn=Ann Lee" -sync -recognized config Watch',
-                   [desk.note("in"), f"parallel set -config {desk.path('a.conf')}",
-                    f"parallel extern {desk.tools.called},ann;home -config {desk.path('b.conf')}",
-                    f"set -config {desk.path('a.conf')}"], [desk.note("out")])
+                   [desk.note("in"), f"parallel set -config {one}",
+                    f"parallel extern {desk.tools.called},ann;home -config {other}", f"set -config {one}"],
+                   [desk.note("out")])
     try:
         go_through(desk, function, calls, deed, stage)
     except Damage as damage:

@@ -32,8 +32,7 @@ class Scene:
         self.desk, self.random, self.tally = desk, random, tally
         self.folder = desk.path("target")
         self.folder.mkdir()
-        self.target, self.saved = self.folder / "a.conf", self.folder / "a.conf.org"
-        self.target.write_bytes(TARGET)
+        self.target, self.saved = desk.write("target/a.conf", TARGET), desk.path("target/a.conf.org")
         desk.configure('-match "cn=Ann Lee" -sync -recognized config Watch',
                        [desk.note("in"), f"parallel {desk.note('beside')}", f"set -config {self.target}"],
                        [f"set -config {self.target}", desk.note("out")])
@@ -53,8 +52,7 @@ class Scene:
         desk.insert(certificate.ann())
         self.await_trace(b"Connected slot", 2)
         self.look()
-        if self.target.read_bytes() == FILLED:
-            self.tally.counted("(enough to fill the file all the same)")
+        self.tally.counted("(enough to fill the file all the same)", self.target.read_bytes() == FILLED)
         desk.remove()
         self.await_trace(b"Disconnected slot", 1.8)
         if desk.process.poll() is None:
@@ -82,7 +80,7 @@ class Scene:
         """The file is whole, and what is said to be done was done."""
         text, saved = read(self.target), read(self.saved, None)
         if text not in (TARGET, FILLED, CLEARED, EMPTIED):
-            self.desk.path("torn").write_bytes(text)
+            self.desk.write("torn", text)
             raise Damage("the file was left damaged")
         require(saved in (None, TARGET), "the saved copy was left damaged")
         require(text not in (FILLED, CLEARED) or saved is not None, "a file was filled without a saved copy")
@@ -91,60 +89,46 @@ class Scene:
         require(b"Remove event" in trace or not last.startswith(b"OK") or text == FILLED,
                 "a set command said OK and had not filled its file")
 
-
-def memory(scene):
-    scene.go_through(["prlimit", f"--as={scene.random.randrange(3 << 20, 60 << 20)}"], started=False)
-
-
-def descriptors(scene):
-    scene.go_through(["prlimit", f"--nofile={scene.random.randrange(3, 24)}"], started=False)
-
-
-def file_size(scene):
-    scene.go_through(["prlimit", f"--fsize={scene.random.choice((0, 1, 100, 1000, 4096, 5000, 9000, 20000))}"])
-
-
-def processes(scene):
-    scene.go_through(["prlimit", f"--nproc={scene.random.randrange(1, 4)}", *scene.as_user(scene.folder)])
-
-
-def unwritable_folder(scene):
-    scene.go_through(scene.as_user())
-
-
-def full_disk(scene):
-    """The target's folder, a small file system by now, has some pages left, or none."""
-    try:
-        scene.target.write_bytes(TARGET)
-        left = scene.random.randrange(0, 6)
-        with open(scene.folder / "filling", "wb", buffering=0) as filling:
+    def fill_disk(self):
+        """The target's folder, a small file system by now, has some pages left, or none."""
+        self.target.write_bytes(TARGET)
+        with open(self.folder / "filling", "wb", buffering=0) as filling:
             with contextlib.suppress(OSError):
                 while True:
                     filling.write(b"x" * PAGE)
-            filling.truncate(max(0, filling.tell() - left * PAGE))
-        scene.go_through([])
-    finally:
-        CHILDREN.run("umount", "-l", str(scene.folder))
+            filling.truncate(max(0, filling.tell() - self.random.randrange(0, 6) * PAGE))
 
 
 def mount(folder):
     return CHILDREN.run("mount", "-t", "tmpfs", "-o", f"size={16 * PAGE},nr_inodes=20", "torture", str(folder))
 
 
-KINDS = (("memory (RLIMIT_AS)", memory), ("descriptors (RLIMIT_NOFILE)", descriptors),
-         ("file size (RLIMIT_FSIZE)", file_size), ("processes (RLIMIT_NPROC)", processes),
-         ("a folder that cannot be written", unwritable_folder), ("a full disk", full_disk))
+MEMORY, DESCRIPTORS, SIZE = "memory (RLIMIT_AS)", "descriptors (RLIMIT_NOFILE)", "file size (RLIMIT_FSIZE)"
+PROCESSES, FOLDER, DISK = "processes (RLIMIT_NPROC)", "a folder that cannot be written", "a full disk"
+# What prlimit is told, for each kind.
+KINDS = {MEMORY: lambda random: [f"--as={random.randrange(3 << 20, 60 << 20)}"],
+         DESCRIPTORS: lambda random: [f"--nofile={random.randrange(3, 24)}"],
+         SIZE: lambda random: [f"--fsize={random.choice((0, 1, 100, 1000, 4096, 5000, 9000, 20000))}"],
+         PROCESSES: lambda random: [f"--nproc={random.randrange(1, 4)}"],
+         FOLDER: lambda _: [], DISK: lambda _: []}
 
 
 def trial(desk, random, tally):
-    label, limit = KINDS[tally.index % len(KINDS)]
+    kind = list(KINDS)[tally.index % len(KINDS)]
     scene = Scene(desk, random, tally)
-    if limit in (memory, descriptors, processes) and desk.tools.sanitized:
-        tally.skip(label, "the sanitizers need them")
-    elif limit in (processes, unwritable_folder, full_disk) and os.getuid() != 0:
-        tally.skip(label, "only as root")
-    elif limit is full_disk and not mount(scene.folder):
-        tally.skip(label, "nothing can be mounted here")
-    else:
-        tally.tried(label)
-        limit(scene)
+    if kind in (MEMORY, DESCRIPTORS, PROCESSES) and desk.tools.sanitized:
+        return tally.skip(kind, "the sanitizers need them")
+    if kind in (PROCESSES, FOLDER, DISK) and os.getuid() != 0:
+        return tally.skip(kind, "only as root")
+    if kind == DISK and not mount(scene.folder):
+        return tally.skip(kind, "nothing can be mounted here")
+    tally.tried(kind)
+    owned = {PROCESSES: [scene.folder], FOLDER: []}
+    user = scene.as_user(*owned[kind]) if kind in owned else []
+    try:
+        if kind == DISK:
+            scene.fill_disk()
+        scene.go_through(["prlimit", *KINDS[kind](random), *user], started=kind not in (MEMORY, DESCRIPTORS))
+    finally:
+        if kind == DISK:
+            CHILDREN.run("umount", "-l", str(scene.folder))

@@ -7,26 +7,20 @@ import os
 import signal
 import sys
 
-
-def main():
-    stopped = []
-    signal.signal(signal.SIGTERM, lambda *_: stopped.append(True))
-    target, folder = sys.argv[1:]
-    whole = {open(os.path.join(folder, name), "rb").read() for name in os.listdir(folder)}
-    looks, damaged = 0, collections.Counter()
-    print("ready", flush=True)
-    while not stopped:
-        looks += 1
-        try:
-            descriptor = os.open(target, os.O_RDONLY)
-        except OSError as error:
-            damaged[error.strerror] += 1
-            continue
-        text = os.read(descriptor, 1 << 20)
-        os.close(descriptor)
-        if text not in whole:
-            damaged[text.decode("latin-1")[:4000]] += 1
-    print(json.dumps({"looks": looks, "damaged": sum(damaged.values()), "texts": damaged.most_common(20)}))
-
-
-main()
+target, folder = sys.argv[1:]
+whole = {open(entry, "rb").read() for entry in os.scandir(folder)}
+looks, damaged, stopped = 0, collections.Counter(), []
+signal.signal(signal.SIGTERM, lambda *_: stopped.append(True))
+print("ready", flush=True)
+while not stopped:
+    looks += 1
+    try:
+        descriptor = os.open(target, os.O_RDONLY)
+    except OSError as error:
+        damaged[error.strerror] += 1
+        continue
+    text = os.read(descriptor, 1 << 20)
+    os.close(descriptor)
+    if text not in whole:
+        damaged[text.decode("latin-1")[:4000]] += 1
+print(json.dumps({"looks": looks, "damaged": damaged.total(), "texts": damaged.most_common(20)}))

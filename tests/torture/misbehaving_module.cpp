@@ -28,7 +28,7 @@
 #include <tuple>
 #include <type_traits>
 
-#include "pkcs11/extended.h"
+#include "pkcs11/cryptoki.h"
 
 namespace {
 
@@ -74,8 +74,8 @@ void Spoil(Output* output, std::string_view kind) {
     if (kind == "huge") *output = kHuge;
     if (kind == "more") ++*output;
   } else if constexpr (kIsAnyOf<Output, CK_FUNCTION_LIST*>) {
-    static qixx::pkcs11::ExtendedFunctionList empty = {};
-    *output = kind == "zero" ? nullptr : &empty.standard;
+    static CK_FUNCTION_LIST empty = {};
+    *output = kind == "zero" ? nullptr : &empty;
   } else if constexpr (kIsAnyOf<Output, CK_INFO, CK_SLOT_INFO, CK_TOKEN_INFO>) {
     // Texts without an end, or nothing at all; flags that hold everything.
     if (kind == "zero") *output = {};
@@ -117,18 +117,13 @@ CK_RV Perform(const char* function, const Honest& honest, const std::tuple<Given
   return result;
 }
 
-template <typename Function>
-Function Find(const char* name) {
-  static void* const below =
-      ::dlopen(Setting("QIXX_TORTURE_MODULE").c_str(), RTLD_NOW | RTLD_LOCAL);
-  return below == nullptr ? nullptr : reinterpret_cast<Function>(::dlsym(below, name));
-}
-
+/// The functions of the module below.
 CK_FUNCTION_LIST* ListBelow() {
   static CK_FUNCTION_LIST* const list = [] {
+    void* const module = ::dlopen(Setting("QIXX_TORTURE_MODULE").c_str(), RTLD_NOW | RTLD_LOCAL);
     CK_FUNCTION_LIST* found = nullptr;
-    const auto ask = Find<CK_C_GetFunctionList>("C_GetFunctionList");
-    if (ask == nullptr || ask(&found) != CKR_OK) ::abort();
+    if (module == nullptr) ::abort();
+    reinterpret_cast<CK_C_GetFunctionList>(::dlsym(module, "C_GetFunctionList"))(&found);
     return found;
   }();
   return list;
@@ -145,32 +140,21 @@ struct Entries {
 #undef MISBEHAVING_ENTRY
 };
 
-qixx::pkcs11::ExtendedFunctionList functions = {};
+CK_FUNCTION_LIST functions = {};
 
 }  // namespace
 
 CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
-  functions.standard.version = ListBelow()->version;
-#define MISBEHAVING_SLOT(name, parameters, arguments) functions.standard.C_##name = Entries::name;
+  functions.version = ListBelow()->version;
+#define MISBEHAVING_SLOT(name, parameters, arguments) functions.C_##name = Entries::name;
   QIXX_CK_FUNCTIONS(MISBEHAVING_SLOT)
 #undef MISBEHAVING_SLOT
-  functions.standard.C_GetFunctionList = C_GetFunctionList;
+  functions.C_GetFunctionList = C_GetFunctionList;
   *list = nullptr;
   return Perform(
-      "C_GetFunctionList", [&]() -> CK_RV { return *list = &functions.standard, CKR_OK; },
+      "C_GetFunctionList", [&]() -> CK_RV { return *list = &functions, CKR_OK; },
       std::make_tuple(list));
 }
-
-#define MISBEHAVING_EXPORT(name, parameters, arguments)                       \
-  QIXX_CK_EXPORT CK_RV C_##name parameters {                                  \
-    static const auto below = Find<qixx::pkcs11::name##Function>("C_" #name); \
-    const auto honest = [&] {                                                 \
-      return below == nullptr ? CKR_FUNCTION_NOT_SUPPORTED : below arguments; \
-    };                                                                        \
-    return Perform("C_" #name, honest, std::make_tuple arguments);            \
-  }
-QIXX_CK_EXTENSIONS(MISBEHAVING_EXPORT)
-#undef MISBEHAVING_EXPORT
 
 /// There is no descriptor, unless a lie makes one up that nobody opened.
 QIXX_CK_EXPORT int QixEventDescriptor() {

@@ -15,16 +15,14 @@ MIN_ROUNDS = 16
 
 
 def configure(desk):
-    for name in ("a.conf", "b.conf", "c.conf", "d.conf"):
-        desk.path(name).write_text(TARGET, encoding="utf-8")
+    a, b, c, d = (desk.write(name, TARGET) for name in ("a.conf", "b.conf", "c.conf", "d.conf"))
     note, path, called = desk.note, desk.path, desk.tools.called
-    insert = [note("in"), f'application "{path("note")}" "%UPN%"', f"parallel {note('beside')}",
-              f"set -config {path('a.conf')}", f"parallel set -config {path('b.conf')}",
-              f"load {called},Called {path('loaded')}", f"extern {called},ann;example -config {path('c.conf')}",
-              f"parallel extern {called},ann;example -config {path('d.conf')}",
+    insert = [note("in"), f'application "{path("note")}" "%UPN%"', f"parallel {note('beside')}", f"set -config {a}",
+              f"parallel set -config {b}", f"load {called},Called {path('loaded')}",
+              f"extern {called},ann;example -config {c}", f"parallel extern {called},ann;example -config {d}",
               f"open {path('none.txt')}", f"script {path('none.txt')}", "kill x", "-r x", "close x"]
-    remove = [f"set -config {path('a.conf')}", f"parallel set -config {path('b.conf')}", "-l x", "close x",
-              f"/bin/echo gone > {path('gone')}", note("out")]
+    remove = [f"set -config {a}", f"parallel set -config {b}", "-l x", "close x", f"/bin/echo gone > {path('gone')}",
+              note("out")]
     desk.configure('-match "o=Example Org" -sync -term -recognized config Watch', insert, remove)
 
 

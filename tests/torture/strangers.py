@@ -5,7 +5,7 @@ import os
 import threading
 
 import certificate
-from desk import Damage, pause, require
+from desk import pause, require
 
 LANES = 6
 WEIGHT = 6
@@ -18,21 +18,19 @@ OLD = b"what the stranger had in the place of the output\n"
 class Scene:
     def __init__(self, desk, place):
         self.desk = desk
-        self.vault = desk.path("vault")  # root's, where the stranger can do nothing
-        self.vault.mkdir()
-        self.vault.chmod(0o755)
-        self.secret = self.vault / "a.conf"
-        self.secret.write_bytes(SECRET)
-        self.secret.chmod(0o600)
-        self.folder = desk.path("stranger")
-        self.folder.mkdir()
+        self.vault, self.folder = desk.path("vault"), desk.path("stranger")
+        for folder in (self.vault, self.folder):
+            folder.mkdir(mode=0o755)
+        self.secret = desk.write("vault/a.conf", SECRET, 0o600)  # root's, where the stranger can do nothing
         self.own(self.folder)
-        self.target = self.write("a.conf", TARGET)
-        self.output = self.write("output", OLD)
+        self.target, self.output = self.write("a.conf", TARGET), self.write("output", OLD)
         if place == "trace":
             desk.trace_file = self.write("trace.log", b"")
+        if place == "folder":
+            self.target = self.output = self.folder / "sub" / "a.conf"
         self.place = {"saved copy": self.folder / "a.conf.org", "target": self.target, "output": self.output,
-                      "trace": desk.trace_file}.get(place)
+                      "trace": desk.trace_file, "folder": self.folder / "sub"}.get(place)
+        self.goal = self.vault if place == "folder" else self.secret
         self.afterwards = contextlib.ExitStack()
 
     @staticmethod
@@ -41,9 +39,7 @@ class Scene:
 
     def write(self, name, content):
         """A file of the stranger's."""
-        file = self.folder / name
-        file.write_bytes(content)
-        file.chmod(0o666)
+        file = self.desk.write(f"stranger/{name}", content, 0o666)
         self.own(file)
         return file
 
@@ -63,15 +59,12 @@ class Scene:
                        [fill, f"{say} > {self.output}", f"{say} >> {self.output}", desk.note("out")])
         desk.insert(certificate.ann())
         desk.start()
-        self.await_notes("in")
-        pause(0.4)
-        desk.remove()
-        self.await_notes("ran", 2)
-        self.await_notes("out")
+        for word, count in (("in", 1), ("ran", 2), ("out", 1)):
+            require(desk.noted(word, count), f"the service hangs before a command that notes '{word}'")
+            if word == "in":
+                pause(0.4)
+                desk.remove()
         desk.stop()
-
-    def await_notes(self, word, count=1):
-        require(self.desk.noted(word, count), f"the service hangs before a command that notes '{word}'")
 
     def check(self):
         require(self.secret.read_bytes() == SECRET, "a file of root's was changed")
@@ -79,15 +72,15 @@ class Scene:
                 "owner or mode of a file of root's was changed")
         require(list(self.vault.iterdir()) == [self.secret], "a file was made in a folder of root's")
         for file in self.folder.rglob("*"):
-            if file.is_file() and not file.is_symlink() and not file.samefile(self.secret) \
-                    and b"4711" in file.read_bytes():
-                raise Damage("what only root may read was copied into the stranger's folder")
+            is_own = file.is_file() and not file.is_symlink() and not file.samefile(self.secret)
+            require(not is_own or b"4711" not in file.read_bytes(),
+                    "what only root may read was copied into the stranger's folder")
 
 
 # --- what the stranger lays in the place ----------------------------------------------------------
 
 def link(scene):
-    scene.link(scene.place, scene.secret)
+    scene.link(scene.place, scene.goal)
 
 
 def link_to_nowhere(scene):
@@ -113,71 +106,57 @@ def nothing(_):
     pass
 
 
-def folder_link(scene):
-    shown = scene.folder / "sub"
-    scene.link(shown, scene.vault)
-    scene.target = scene.output = shown / "a.conf"
-
-
 def changing_folder(scene):
     """The folder is now the stranger's own, now a link to root's."""
-    folder_link(scene)
-    real, shown = scene.folder / "real", scene.folder / "sub"
+    real, over = scene.folder / "real", threading.Event()
     real.mkdir()
     scene.own(real)
     scene.write("real/a.conf", TARGET)
-    over = threading.Event()
+    link(scene)
 
     def change():
         while not over.is_set():
-            scene.link(shown, real)
-            scene.link(shown, scene.vault)
+            scene.link(scene.place, real)
+            link(scene)
     changing = threading.Thread(target=change)
     changing.start()
     scene.afterwards.callback(changing.join)
     scene.afterwards.callback(over.set)
 
 
-# --- what must have come of it besides ------------------------------------------------------------
-
-def check_trace(scene):
-    if scene.place.exists() and scene.place.stat().st_uid == STRANGER and scene.place.stat().st_size:
-        raise Damage("the trace was written into a stranger's file")
-
-
-def check_output(scene):
-    require(scene.output.read_bytes() == OLD, "a file that could be anywhere was written")
-
-
-def check_all(scene):
-    """Nothing is refused that need not be, and the files stay their owner's."""
-    text = scene.target.read_bytes()
-    require(b"Greeting=ann" in text and b"Username=\n" in text,
-            "an honest file of another user was not filled and cleared")
-    require(scene.output.read_bytes() == b"said\n", "the output is not in an honest file of another user")
-    require({scene.target.stat().st_uid, scene.output.stat().st_uid} == {STRANGER}, "a file has not stayed its owner's")
+LAID = {"is a link": link, "leads nowhere": link_to_nowhere, "is a second name": second_name, "is a pipe": pipe,
+        "has two names": two_names, "is a strangers file": nothing, "is honest": nothing,
+        "is changed meanwhile": changing_folder}
+PLACES = {"saved copy": ("is a link", "leads nowhere", "is a second name", "is a pipe"),
+          "target": ("is a link", "is a second name", "is a pipe"), "folder": ("is a link", "is changed meanwhile"),
+          "trace": ("is a link", "is a strangers file", "is a second name"),
+          "output": ("is a link", "leads nowhere", "is a second name", "is a pipe", "has two names"),
+          "all": ("is honest",)}
+SCENES = [(place, what) for place, every in PLACES.items() for what in every]
 
 
-SCENES = (("saved copy", "is a link", link), ("saved copy", "leads nowhere", link_to_nowhere),
-          ("saved copy", "is a second name", second_name), ("saved copy", "is a pipe", pipe),
-          ("target", "is a link", link), ("target", "is a second name", second_name), ("target", "is a pipe", pipe),
-          ("folder", "is a link", folder_link), ("folder", "is changed meanwhile", changing_folder),
-          ("trace", "is a link", link), ("trace", "is a strangers file", nothing, check_trace),
-          ("trace", "is a second name", second_name),
-          ("output", "is a link", link), ("output", "leads nowhere", link_to_nowhere),
-          ("output", "is a second name", second_name), ("output", "is a pipe", pipe),
-          ("output", "has two names", two_names, check_output), ("all", "is honest", nothing, check_all))
+def check_besides(scene, what):
+    """What must have come of it besides."""
+    if what == "is a strangers file" and scene.place.stat().st_uid == STRANGER:
+        require(not scene.place.stat().st_size, "the trace was written into a stranger's file")
+    if what == "has two names":
+        require(scene.output.read_bytes() == OLD, "a file that could be anywhere was written")
+    if what == "is honest":  # nothing is refused that need not be, and the files stay their owner's
+        text, owners = scene.target.read_bytes(), {scene.target.stat().st_uid, scene.output.stat().st_uid}
+        require(b"Greeting=ann" in text and b"Username=\n" in text,
+                "an honest file of another user was not filled and cleared")
+        require(scene.output.read_bytes() == b"said\n", "the output is not in an honest file of another user")
+        require(owners == {STRANGER}, "a file has not stayed its owner's")
 
 
 def trial(desk, _, tally):
     if os.getuid() != 0:
-        tally.skip("folders of other users", "only as root")
-        return
-    place, what, lay, *checks = SCENES[tally.index % len(SCENES)]
+        return tally.skip("folders of other users", "only as root")
+    place, what = SCENES[tally.index % len(SCENES)]
     tally.tried(f"{place} {what}")
     scene = Scene(desk, place)
     with scene.afterwards:
-        lay(scene)
+        LAID[what](scene)
         scene.go_through()
-    for check in (Scene.check, *checks):
-        check(scene)
+    scene.check()
+    check_besides(scene, what)
