@@ -61,11 +61,6 @@ class Bridge : public LoadedBridge {
     return text;
   }
   CK_RV Reinitialize() { return Function<pkcs11::ReinitializeFunction>("C_Reinitialize")(nullptr); }
-  /// Of one poll.
-  CK_RV Answer() {
-    CK_SLOT_ID slot = 0;
-    return list_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
-  }
 
   /// The machine's own card readers stay out of it.
   const ScopedVariable noReaders_{"PCSCLITE_CSOCK_NAME", folder_.Path("none").c_str()};

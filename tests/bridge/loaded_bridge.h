@@ -29,6 +29,11 @@ class LoadedBridge : public LoadedModule {
     std::filesystem::remove_all(desktop_.Path("readers/" + std::to_string(slot)));
   }
 
+  /// Of one poll.
+  CK_RV Answer() {
+    CK_SLOT_ID slot = 0;
+    return list_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
+  }
   /// Polls until the next event, which may take a while, is one of this slot.
   [[nodiscard]] bool Tells(long slot) {
     long told = -1;

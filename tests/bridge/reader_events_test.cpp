@@ -91,6 +91,28 @@ TEST_F(ReaderEvents, CardThatIsChangedBetweenTwoPollsIsTwoEvents) {
   EXPECT_FALSE(ShowsCard()) << "up to the next poll";
   EXPECT_EQ(Poll(), 1);
   EXPECT_TRUE(ShowsCard());
+
+  const auto other = CardIn(1);
+  EXPECT_TRUE(Eventually([this] { return ShowsCard(4); }));
+  ASSERT_TRUE(IsQuiet());
+  card.reset();
+  EXPECT_TRUE(IsReadable());
+  card = CardIn(0);
+  EXPECT_TRUE(Eventually([this] { return ShowsCard(); }));
+  EXPECT_EQ(Poll(), 1);
+  EXPECT_EQ(Poll(), 4) << "the other one's turn";
+}
+
+TEST_F(ReaderEvents, ModuleIsMadeToLookForACardThatItUsed) {
+  StartWatched();
+  auto card = CardIn(0);
+  EXPECT_TRUE(LastIs(1));
+  EXPECT_EQ(Slots(CK_TRUE), Numbers{1});
+  desktop_.SetModuleFaults("fail=C_GetSlotList:0x30");
+  card.reset();
+  EXPECT_TRUE(NextIs(1));
+  EXPECT_EQ(Answer(), CKR_DEVICE_ERROR) << "it was asked";
+  desktop_.SetModuleFaults("");
 }
 
 /// Readers whose names are one and the same in the 64 bytes of a slot description: PC/SC cannot
@@ -128,7 +150,16 @@ TEST_F(ReaderEvents, DescriptorThatSomebodyElseTookIsLeftAlone) {
   StartWatched();
   int ends[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-  ASSERT_EQ(::dup2(ends[0], Descriptor()), Descriptor());
+  const auto fileOf = [](int descriptor) {
+    std::error_code none;
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), none);
+  };
+  const std::filesystem::path pipe = fileOf(Descriptor());
+  for (int either = 3; either < 1024; ++either) {
+    if (fileOf(either) == pipe) {
+      ASSERT_EQ(::dup2(ends[0], either), either);
+    }
+  }
   ASSERT_EQ(::write(ends[1], "theirs", 6), 6);
   for (const bool withCard : {true, false}) {
     const auto card = withCard ? CardIn(0) : nullptr;
