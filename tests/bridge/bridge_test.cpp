@@ -221,10 +221,10 @@ TEST_F(Bridge, VariablesAreKeptOnTheFirstToken) {
     return get(name, value.data(), &length);
   };
   EXPECT_EQ(set("ActiveLogonUPN", "ann"), CKR_OK);
-  EXPECT_EQ(set("b", "two words"), CKR_OK);
+  EXPECT_EQ(set("b", "two word"), CKR_OK);
   EXPECT_EQ(set("ActiveLogonUPN", "bob"), CKR_OK);
   EXPECT_EQ(read("b"), CKR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(length, sizeof "two words");
+  EXPECT_EQ(length, sizeof "two word");
   EXPECT_EQ(set("b", nullptr), CKR_OK);
   EXPECT_EQ(read("b"), CKR_DATA_INVALID);
   EXPECT_EQ(read("ActiveLogonUPN"), CKR_OK);
