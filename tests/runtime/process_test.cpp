@@ -110,6 +110,10 @@ TEST(LaunchProcess, ChildStartsCleanAndIsReapedOnce) {
   for (int i = 0; i < 2; ++i) EXPECT_FALSE(IsProcessRunning(std::stoull(id)));
   EXPECT_EQ(trace.Count("Helper - Waitpid " + id + " (768)"), 1U) << "the status is kept once";
   EXPECT_EQ(::waitpid(foreign, nullptr, 0), foreign) << "not reaped by us";
+  int status = 0;
+  EXPECT_TRUE(LaunchProcess("/bin/sh", "-c \"kill -PIPE $$\""));
+  EXPECT_GT(::wait(&status), 0);
+  EXPECT_EQ(status, SIGPIPE) << "without a notice, too, which would restore it";
 }
 
 pid_t StartEnding(int signal, bool marked = false) {
@@ -162,6 +166,9 @@ class Redirection : public ::testing::Test {
     EXPECT_THAT(Traced(), Not(HasSubstr("pin 12")));
     return ::testing::internal::GetCapturedStderr();
   }
+  static std::string Lost(const std::string& file, const std::string& reason) {
+    return "qixxwatch: '/bin/echo' without its output, '" + file + "' " + reason + "\n";
+  }
   [[nodiscard]] std::string Traced() const { return vault_.Read("trace.log"); }
 
   const TemporaryFolder folder_;
@@ -185,10 +192,9 @@ TEST_F(Redirection, GoesToWhatTheServicesUserPutThere) {
   EXPECT_EQ(fs::status(folder_.Path("new")).permissions(), fs::perms{0640});
   EXPECT_TRUE(fs::is_symlink(folder_.Path("dangling")));
   EXPECT_EQ(LaunchInto("/dev/null"), "");
-  for (const std::string lost : {"/missing/out", "/", "/etc"}) {
-    const std::string reason = lost == "/etc" ? "Is a directory" : "No such file or directory";
-    EXPECT_EQ(LaunchInto(lost), "qixxwatch: '/bin/echo' without its output, '" + lost +
-                                    "' cannot be opened: " + reason + "\n");
+  EXPECT_EQ(LaunchInto("/etc"), Lost("/etc", "cannot be opened: Is a directory"));
+  for (const char* const missing : {"/missing/out", "/"}) {
+    EXPECT_EQ(LaunchInto(missing), Lost(missing, "cannot be opened: No such file or directory"));
   }
 }
 
@@ -216,6 +222,7 @@ TEST_F(Redirection, GoesNowhereWhereStrangersLead) {
   const std::string secret = vault_.Write("secret", "kept");
   const std::string file = folder_.Path("-pin 12");
   const std::string masked = folder_.Path("-pin **");
+  const std::string refused = "Helper - Refused '" + masked + "', ";
   const auto give = [](const std::string& path, uid_t owner) {
     ASSERT_EQ(::lchown(path.c_str(), owner, owner), 0);
   };
@@ -237,9 +244,8 @@ TEST_F(Redirection, GoesNowhereWhereStrangersLead) {
     if (reason.empty()) {
       EXPECT_EQ(said + folder_.Read("-pin 12"), "out\n");
     } else {
-      EXPECT_EQ(said,
-                "qixxwatch: '/bin/echo' without its output, '" + masked + "' is " + reason + "\n");
-      EXPECT_THAT(Traced(), HasSubstr("Helper - Refused '" + masked + "', " + reason + "\n"));
+      EXPECT_EQ(said, Lost(masked, "is " + reason));
+      EXPECT_THAT(Traced(), HasSubstr(refused + reason));
     }
     EXPECT_EQ(vault_.Read("secret"), "kept");
   }
