@@ -21,7 +21,7 @@ class Bridge : public LoadedBridge {
   void Play(const std::string& script) {
     std::istringstream words(script);
     for (std::string word; words >> word;) {
-      SCOPED_TRACE(word + " in " + script);
+      SCOPED_TRACE(::testing::Message() << word << " in " << script);
       const std::size_t equals = std::min(word.find('='), word.size());
       if (equals != 0) Do(word[0], word.substr(1, equals - 1));
       if (equals == word.size()) continue;
@@ -228,7 +228,8 @@ TEST_F(Bridge, VariablesAreKeptOnTheFirstToken) {
   EXPECT_EQ(set("b", nullptr), CKR_OK);
   EXPECT_EQ(read("b"), CKR_DATA_INVALID);
   EXPECT_EQ(read("ActiveLogonUPN"), CKR_OK);
-  EXPECT_EQ(std::string(value.data(), length), std::string("bob", 4));
+  EXPECT_STREQ(value.data(), "bob");
+  EXPECT_EQ(length, 4U);
   EXPECT_EQ(set("", "x"), CKR_ARGUMENTS_BAD);
   EXPECT_EQ(set("x", "blank "), CKR_ARGUMENTS_BAD);
   desktop_.RemoveCard(2);
