@@ -383,6 +383,7 @@ TEST_F(Check, NoPartOfASecretIsQuoted) {
                                  R"(--pin="PIN"x)",
                                  "-pin\tPIN\"x",
                                  R"("-x -sopin PIN b"c)",
+                                 "-pin %USERNAMPIN%",
                                  R"(-pin "%OID.PIN)",
                                  R"(-pin "x%OID.PIN y")",
                                  "-pin -PIN",
