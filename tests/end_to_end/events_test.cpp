@@ -127,6 +127,15 @@ TEST_F(Events, SignalToAllWatchersLetsEachFinishItsList) {
   EXPECT_TRUE(Ran("out")) << "the other one passes its signal on";
 }
 
+TEST_F(Events, ExtraWatcherThatHangsInTheLibraryEndsBehindItsParent) {
+  WatchWithOne({{"One Insert", {"kill x"}}});
+  const std::string program = "/proc/" + std::to_string(Forked()) + "/exe";
+  SetModuleFaults("hang=C_WaitForSlotEvent\n");
+  ::sleep(2);  // behind which it has polled again
+  EXPECT_EQ(Stop(SIGKILL), -SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return !fs::exists(program); }, std::chrono::seconds(60)));
+}
+
 TEST_F(Events, ExtraWatcherThatWasKilledIsStartedAgain) {
   WatchWithOne({{"One Remove", {out_}}});
   // One that ends as soon as it was started is told of in another way.

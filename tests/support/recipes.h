@@ -64,7 +64,7 @@ struct Recipe {
 
   [[nodiscard]] std::string Info() const {
     const std::string algorithm = Der(0x30, Oid("1.2.840.10045.4.3.2"));
-    const std::string names = Extension(der::kSubjectAlternativeName, Der(0x30, alternativeNames));
+    const std::string names = Extension("2.5.29.17", Der(0x30, alternativeNames));
     return sequence(0x30, Der(0xA0, FromHex("020102")) + Der(0x02, serial) + algorithm +
                               sequence(0x30, issuer) + sequence(0x30, notBefore + notAfter) +
                               sequence(0x30, subject) + Der(0x30, algorithm + FromHex("03020000")) +

@@ -175,6 +175,18 @@ TEST(Placeholders, NoValueMakesAnotherCommand) {
       {"set %OID.cn%-config /own -%OID.cn% /other", "", "config",
        "set config-config /own -%OID.cn% /other"},
       {"set %UPN%-config /other -config /own", "50%", "", "set %UPN%-config /other -config /own"},
+      // no way out of a folder, also by values that come to nothing
+      {"echo > \"/d/%OID.cn%.%USERNAME%.%DOMAIN%\"", "@/victim", "",
+       "echo > \"/d/%OID.cn%../victim\""},
+      {"touch /d/.%USERNAME%", ". x@", "", "touch /d/.%USERNAME%"},
+      {"touch ../%OID.cn%/..", "", "..a", "touch ../..a/.."},
+      // no other library or function that is called
+      {"load /d/%DOMAIN%.so,Lock \"%UPN%\"", "a@b.so,Wipe all", "",
+       "load /d/%DOMAIN%.so,Lock \"a@b.so,Wipe all\""},
+      {"load /d/a.so,%OID.cn%Lock x", "", "Wipe all", "load /d/a.so,%OID.cn%Lock x"},
+      {"load /d/%OID.cn%.so,Lock %UPN%", "a, b", "my own", "load /d/my own.so,Lock a, b"},
+      {"parallel extern /d/%UPN%,-config /f", "up,", "", "parallel extern /d/%UPN%,-config /f"},
+      {"tell %UPN%, all", "Lee, Ann", "", "tell Lee, Ann, all"},
   };
   for (const auto& [text, upn, name, expected] : rows) {
     const watch::LogonValues values = {.upn = upn, .subject = std::string("cn=") + name};

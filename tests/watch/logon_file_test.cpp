@@ -175,13 +175,17 @@ TEST_F(LogonFile, IsWholeForWhoLooksOnAndAfterAKilledWriter) {
 }
 
 TEST_F(LogonFile, OnlyWhatNobodyWritesAnyMoreIsALeftOver) {
+  const std::string large = folder_.Write(".qixxwatch-new-of somebody else", "");
+  fs::resize_file(large, (4U << 20) + 1);
   const std::string alive = folder_.Write(".qixxwatch-new-fedcba9876543210", "in the making");
   const runtime::Descriptor held(::open(alive.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(::flock(held.Get(), LOCK_EX), 0);
   for (const char* const event : {"the first", "one that changes nothing"}) {
     folder_.Write(".qixxwatch-new-0123456789abcdef", "half");
     EXPECT_TRUE(Insert());
-    EXPECT_EQ(Others(), (std::set{"a.conf.org"s, fs::path(alive).filename().string()})) << event;
+    EXPECT_EQ(Others(), (std::set{"a.conf.org"s, fs::path(alive).filename().string(),
+                                  fs::path(large).filename().string()}))
+        << event;
   }
 }
 
@@ -275,6 +279,25 @@ TEST_F(LogonFile, EndlessWalksThroughAHugeFileAreRefused) {
     if (failed.empty()) continue;
     EXPECT_TRUE(trace.Has("Watch - Failed to set '" + failed + "' in '" + file_ + "'"));
     EXPECT_TRUE(Text() == text);
+  }
+}
+
+TEST(LogonFiles, ValuesMakeNoMoreOfTheirNeighbours) {
+  const std::array<std::string, 4> rows[] = {
+      {"a=x|%OID.ou%|y", "%OID.ou%", "", "a=x|_|y"},
+      {"a=x|%SERIALNUMBER%|y", "%SERIALNUMBER%", "", "a=x||y"},  // as a removal clears it
+      {"p=/d/.%OID.ou%./x", "%OID.ou%", "", "p=/d/._./x"},
+      {"p=a.%OID.ou%.b", "%OID.ou%", "", "p=a..b"},
+      {"[A]\n%OID.ou%;a=1", "%OID.ou%", "", "[A]\n_;a=1"},
+      {"x\n/%OID.ou%/a=1", "%OID.ou%", "", "x\n/_/a=1"},
+      {"x\n/%OID.ou%/a=1", "%OID.ou%", "/b", "x\n/_b/a=1"},
+      {"%OID.ou%/a=1", "%OID.ou%", "/", "_/a=1"},
+      {"p=/%OID.ou%/a", "%OID.ou%", "/", "p=///a"},
+  };
+  for (auto [text, name, value, expected] : rows) {
+    watch::WalkBudget budget(watch::kMaxWalked);
+    EXPECT_TRUE(watch::ReplaceAll(text, name, value, text.size(), budget));
+    EXPECT_EQ(text, expected);
   }
 }
 

@@ -20,6 +20,7 @@ int started;
 int stopped;
 int removed;
 int called;
+int removals;
 
 /// Without an allocation of its own.
 void CountLine(const char* text, std::size_t length) {
@@ -27,6 +28,7 @@ void CountLine(const char* text, std::size_t length) {
   started += line.starts_with("Watch - Starting") ? 1 : 0;
   stopped += line.starts_with("Watch - Stopped") ? 1 : 0;
   removed += line.starts_with("Watch - Execute remove command:") ? 1 : 0;
+  removals += line.starts_with("Watch - Remove event ... done") ? 1 : 0;
   called += line.starts_with("Helper - Failed to load '") ? 1 : 0;
 }
 
@@ -41,23 +43,28 @@ TEST(WatchMemory, EndsInOrderWhereverItRunsOut) {
       "system.conf", "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=close x\n");
   const ScopedVariable global("qixconfigglobal", path.c_str());
   runtime::TraceSetCallback(&CountLine);
-  int failedBehindStart = 0;
-  bool hasFailed = true;
-  for (int count = 0; hasFailed; ++count) {
-    Scripted machine(Polls{{1, {{1}}}, {1, {}}});
-    machine.reader.initialised = false;
-    machine.clock.inSleep = [&machine] { machine.clock.stop = machine.clock.slept.size() == 2; };
-    started = stopped = 0;
-    allocationsLeft = count;
-    const int result = watch::WatchMain(0, 0, "", machine.platform);
-    hasFailed = HasFailed();
-    ASSERT_EQ(result, 0) << count;
-    ASSERT_EQ(started, stopped) << count;
-    ASSERT_FALSE(machine.reader.initialised) << count;
-    if (hasFailed) failedBehindStart += started;
+  for (const bool isExtra : {false, true}) {
+    int failedBehindStart = 0;
+    bool hasFailed = true;
+    for (int count = 0; hasFailed; ++count) {
+      Scripted machine(Polls{{1, {{1}}}, {1, {}}});
+      machine.reader.initialised = false;
+      machine.clock.inSleep = [&machine] { machine.clock.stop = machine.clock.slept.size() == 2; };
+      started = stopped = 0;
+      allocationsLeft = count;
+      const char* const line = isExtra ? "X -sync config Watch" : "";
+      const int result = watch::WatchMain(0, 0, line, machine.platform);
+      hasFailed = HasFailed();
+      const bool hasWatched = machine.clock.slept.size() == 2;
+      ASSERT_TRUE(result == 0 || isExtra) << count;
+      ASSERT_TRUE(result != 0 || hasWatched || !isExtra) << count << ": it is started again";
+      ASSERT_EQ(started, stopped) << count;
+      ASSERT_FALSE(machine.reader.initialised) << count;
+      if (hasFailed) failedBehindStart += started;
+    }
+    EXPECT_EQ(started, 1);
+    EXPECT_GT(failedBehindStart, 20);
   }
-  EXPECT_EQ(started, 1);
-  EXPECT_GT(failedBehindStart, 20);
   runtime::TraceSetCallback(nullptr);
 }
 
@@ -88,6 +95,30 @@ TEST(WatchMemory, KeepsNoCommandOfARemovalFromBeingRun) {
       ASSERT_TRUE(isSection || removed == 1) << count;
     }
   }
+  runtime::TraceSetCallback(nullptr);
+}
+
+TEST(WatchMemory, KeepsNoCardWhoseCommandsRanFromBeingConnected) {
+  const TemporaryFolder folder;
+  const std::string path = folder.Write(
+      "system.conf", "[Watch Insert]\n1=load /nonexistent/library,function arguments\n");
+  const ScopedVariable global("qixconfigglobal", path.c_str());
+  runtime::InitProductIdentity();
+  runtime::TraceSetCallback(&CountLine);
+  watch::CWatchOptions record = Record("config", 2);
+  bool hasFailed = true;
+  for (int count = 0; hasFailed; ++count) {
+    Scripted machine(Polls{{1, {{1}}}, {1, {}}});
+    machine.clock.inSleep = [&] {
+      if (machine.clock.slept.size() == 1) hasFailed = HasFailed();
+    };
+    machine.clock.slept.reserve(8);
+    removals = called = 0;
+    allocationsLeft = count;
+    watch::WatchSlots(record, machine.platform);
+    ASSERT_GE(removals, called) << count;
+  }
+  EXPECT_EQ(called, 1);
   runtime::TraceSetCallback(nullptr);
 }
 
