@@ -62,16 +62,19 @@ class Modules : public LoadedBridge, public ::testing::WithParamInterface<Row> {
 
 TEST_P(Modules, ShowsSlotsAndTellsOfWhatGoesIn) {
   const Row& row = GetParam();
-  Start(row.module);
-  EXPECT_TRUE(Eventually([&] { return ListedSlots() == row.slots; }))
-      << ::testing::PrintToString(ListedSlots());
+  // p11-kit keeps to the readers that were there when it was initialised.
+  EXPECT_TRUE(Eventually([&] {
+    if (list_ != nullptr) list_->C_Finalize(nullptr);
+    Start(row.module);
+    return Eventually([&] { return ListedSlots() == row.slots; }, std::chrono::seconds(2));
+  })) << ::testing::PrintToString(ListedSlots());
   if (row.slots.empty()) return;
   while (Poll() >= 0) continue;
   EXPECT_EQ(Slots(CK_TRUE), row.tokens);
   if (row.event == 0) return;
   const auto card = CardIn(0);
   ASSERT_NE(card, nullptr) << "the reader does not listen";
-  EXPECT_TRUE(Tells(row.event));
+  EXPECT_TRUE(Eventually([&] { return Poll() == row.event; }));
 }
 
 constexpr const char* kProxied = "p11-kit-modules opensc softhsm2";
