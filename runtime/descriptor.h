@@ -9,7 +9,9 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -50,6 +52,12 @@ class Descriptor {
                                      int folder = AT_FDCWD);
 /// What the system knows of an open file; all zero when there is none.
 [[nodiscard]] struct stat StatusOf(const Descriptor& file);
+/// What a file holds of the disk in bytes, also behind its end: whoever frees it waits for that.
+[[nodiscard]] inline std::uint64_t DiskSize(const struct stat& file) {
+  constexpr std::uint64_t kBlock = 512;
+  return std::max(static_cast<std::uint64_t>(file.st_size),
+                  static_cast<std::uint64_t>(file.st_blocks) * kBlock);
+}
 /// Whether what has this number now is still what `known` was told of: somebody may have closed a
 /// descriptor that is not theirs, and opened another file in its place. May be called by a signal
 /// handler.

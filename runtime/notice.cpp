@@ -29,7 +29,8 @@ struct Remembered {
 bool IsNew(std::string_view text) {
   static NoDestructor<Remembered> remembered;
   const CriticalScope hold(&remembered->lock);
-  if (remembered->texts.size() >= kMaxRemembered) return false;
+  // Cards may have filled it: what matters is rather said twice than not at all.
+  if (remembered->texts.size() >= kMaxRemembered) remembered->texts.clear();
   return remembered->texts.insert(std::hash<std::string_view>()(text)).second;
 }
 

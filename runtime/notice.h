@@ -17,7 +17,7 @@ inline constexpr std::size_t kMaxNotice = 1024;
 /// Writes "qixxwatch: " and the parts of a text, in which what is not printable becomes '?'.
 /// Allocates nothing and takes no lock, so it may be called behind a fork.
 void Notify(std::initializer_list<std::string_view> parts);
-/// The same for a text that has not been written yet; of too many different ones none is new.
+/// The same for a text that has not been written yet; behind too many different ones each is new.
 void NotifyOnce(std::string_view text);
 
 /// The system's words for an error number, for good; allocates nothing.

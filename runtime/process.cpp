@@ -15,6 +15,7 @@
 #include "runtime/clock.h"
 #include "runtime/descriptor.h"
 #include "runtime/file_place.h"
+#include "runtime/files.h"
 #include "runtime/loader.h"
 #include "runtime/notice.h"
 #include "runtime/product.h"
@@ -77,7 +78,9 @@ struct Output {
 /// the program waiting for them.
 const char* FaultOfOutput(const struct stat& file, const struct stat& folder) {
   if (S_ISLNK(file.st_mode)) return "a link";  // put there behind the search
-  if (S_ISFIFO(file.st_mode) && !IsTrustedOwner(file.st_uid)) return "a pipe of somebody else";
+  const bool isTrusted = IsTrustedOwner(file.st_uid);
+  if (S_ISFIFO(file.st_mode) && !isTrusted) return "a pipe of somebody else";
+  if (DiskSize(file) > kMaxFileSize && !isTrusted) return "a large file of somebody else";
   const bool isOurs = IsTrustedOwner(folder.st_uid) && (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
   if (isOurs) return nullptr;
   if (!S_ISREG(file.st_mode)) return "no regular file";

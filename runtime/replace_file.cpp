@@ -90,11 +90,11 @@ struct CloseFolder {
 /// True when it is gone. Somebody may have given that name to a file whose end takes the disk
 /// minutes.
 bool RemoveLeftOver(int folder, const char* name) {
-  constexpr off_t kLongest = off_t{4} << 20;
+  constexpr std::uint64_t kMost = std::uint64_t{4} << 20;
   const Descriptor file(
       ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   const struct stat status = StatusOf(file);
-  return S_ISREG(status.st_mode) && status.st_size <= kLongest &&
+  return S_ISREG(status.st_mode) && DiskSize(status) <= kMost &&
          ::flock(file.Get(), LOCK_EX | LOCK_NB) == 0 && ::unlinkat(folder, name, 0) == 0;
 }
 

@@ -16,7 +16,7 @@ constexpr char kNoMark = ' ';
 /// What may be more than text.
 constexpr std::string_view kMarks = "\">-";
 /// What a component of a path ends at, in a command.
-constexpr std::string_view kComponentEnds = "/ \"";
+constexpr std::string_view kComponentEnds = "/=, \"";
 constexpr std::string_view kParentFolder = "..";
 
 /// The marks of a text: a quote that begins or ends an argument, a '>' that is one, the '-' of an

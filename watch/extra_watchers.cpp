@@ -41,6 +41,7 @@ constexpr std::string_view kRoomVariable = "watchroom";
 constexpr std::string_view kLinkVariable = "watchlink";
 constexpr std::string_view kStayVariable = "watchstay";
 
+constexpr std::int64_t kParentMilliseconds = 333;
 /// How long an extra watcher may take to end, as long as a service manager gives the first one.
 constexpr std::int64_t kStopMilliseconds = 15'000;
 /// A watcher is started again at most once in this time.
@@ -84,6 +85,8 @@ short AskLink(int milliseconds) {
 void* WaitForParent(void* /*argument*/) {
   runtime::ThreadDetachSelf();
   if (AskLink(-1) != POLLHUP) return nullptr;
+  // A library may have closed the other end.
+  while (::getppid() == parent.process) runtime::SleepMilliseconds(kParentMilliseconds);
   RequestStop();
   runtime::SleepMilliseconds(kStopMilliseconds);
   runtime::Notify({"ended inside a command or the card's library"});

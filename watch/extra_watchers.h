@@ -41,11 +41,11 @@ inline constexpr std::string_view kChildMark = "X ";
 /// room for; what room is left is shared out evenly among them. `ownPath` is how this program was
 /// called, `isManaged` whether a service manager started it.
 void StartExtraWatchers(std::string_view list, const std::string& ownPath, bool isManaged = false);
-/// Looks in each round at one of them, so at all in about ten seconds. One that a signal
-/// or a library's exit ended, or that the system had no room for, is started again, each at most
-/// once a minute and once the configuration that was there at the start is there again; standard
-/// error and the trace say so. It has the command of its first start. Allocates nothing while all
-/// run.
+/// Looks in each round at one of them, so at all in about ten seconds, or twenty while a card is
+/// in. One that a signal or a library's exit ended, or that the system had no room for, is started
+/// again, each at most once a minute and once the configuration that was there at the start is
+/// there again; standard error and the trace say so. It has the command of its first start.
+/// Allocates nothing while all run.
 void LookAfterExtraWatcher(std::uint64_t round);
 /// Whether any of them runs or is to be started again.
 [[nodiscard]] bool HasExtraWatchers();

@@ -77,6 +77,14 @@ bool ShowsNoMore(const struct stat& file, const struct stat& copy) {
                               : (copy.st_mode & S_IROTH) != 0;
 }
 
+/// Whoever frees a file waits for all that it holds of the disk; its owner may have given it much
+/// more than its text.
+bool HoldsTooMuch(const struct stat& file) {
+  constexpr std::uint64_t kMore = std::uint64_t{4} << 20;
+  return !runtime::IsTrustedOwner(file.st_uid) &&
+         runtime::DiskSize(file) > static_cast<std::uint64_t>(file.st_size) + kMore;
+}
+
 /// Why a saved copy, opened for reading, is not to be trusted; null for one that is. `file` is not
 /// open when it is missing.
 const char* FaultOfCopy(const runtime::FilePlace& place, const runtime::Descriptor& copy,
@@ -85,6 +93,7 @@ const char* FaultOfCopy(const runtime::FilePlace& place, const runtime::Descript
   const struct stat saved = runtime::StatusOf(copy);
   const struct stat original = runtime::StatusOf(file);
   if (saved.st_nlink != 1) return "a file with a second name";
+  if (HoldsTooMuch(saved)) return "a file that holds more than its text";
   const bool isTheFiles = file.IsOpen() && saved.st_uid == original.st_uid;
   if (saved.st_uid != ::geteuid() && !isTheFiles) return "a file of somebody else";
   // A missing file is made like its copy, and whoever owns the folder as well could have done all
@@ -166,6 +175,10 @@ class EditedFile {
 bool EditedFile::IsAllowed() const {
   const runtime::FilePlace& place = scope_.File().real;
   if (!file_.IsOpen() || !runtime::HasOneName(file_, place)) return false;
+  if (HoldsTooMuch(status_)) {
+    runtime::TraceRefusal(place.Path(), "a file that holds more than its text");
+    return false;
+  }
   struct stat folder {};
   if (runtime::IsTrustedOwner(status_.st_uid) ||
       (::fstat(place.Folder(), &folder) == 0 &&

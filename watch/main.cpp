@@ -34,6 +34,14 @@ bool HasRoomToThrow() {
   return room != nullptr;
 }
 
+/// The watcher that started an extra one starts it again.
+int ResultWithoutMemory(int argc, char** argv) {
+  using namespace qixx;
+  const bool isExtra =
+      argc > 1 && runtime::EqualsNoCase(argv[1], runtime::DropTrailingBlanks(watch::kChildMark));
+  return isExtra ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
 int Watch(int argc, char** argv) {
   using namespace qixx::watch;
   InstallStopHandlers();
@@ -64,10 +72,7 @@ int main(int argc, char** argv) {
   using namespace qixx;
   if (!HasRoomToThrow()) {
     runtime::Notify({"not started: no memory"});
-    // The watcher that started an extra one starts it again.
-    const bool isExtra =
-        argc > 1 && runtime::EqualsNoCase(argv[1], runtime::DropTrailingBlanks(watch::kChildMark));
-    return isExtra ? EXIT_FAILURE : EXIT_SUCCESS;
+    return ResultWithoutMemory(argc, argv);
   }
   int result = EXIT_FAILURE;
   bool hasWatched = false;
@@ -78,8 +83,8 @@ int main(int argc, char** argv) {
     hasWatched = !code;
     if (hasWatched) result = Watch(argc, argv);
   } catch (...) {
-    // Memory ran out. That is a failure while people are answered, as little before the watch
-    // begins as later.
+    // Memory ran out. That is a failure while people are answered, and none of a watch.
+    if (hasWatched) result = ResultWithoutMemory(argc, argv);
   }
   // A command that still runs may be inside a library, whose static objects must not go under it.
   if (!watch::WaitForParallelJobs(0) || runtime::IsLoaderBroken()) ::_exit(result);

@@ -74,12 +74,10 @@ bool EndsInFirstSlash(std::string_view text) {
 
 /// Whether two texts make a component ".." when nothing stands between them.
 bool MakeParentFolder(std::string_view before, std::string_view behind) {
-  static constexpr std::string_view kEnds = "/=\" \r\n";
-  const auto isEnd = [](char c) { return kEnds.find(c) != std::string_view::npos; };
-  if (!before.ends_with('.') || !behind.starts_with('.')) return false;
-  before.remove_suffix(1);
-  behind.remove_prefix(1);
-  return (before.empty() || isEnd(before.back())) && (behind.empty() || isEnd(behind.front()));
+  constexpr std::string_view kEnds = "/=\" \r\n";
+  std::string component(before.substr(std::min(before.find_last_of(kEnds) + 1, before.size())));
+  component += behind.substr(0, behind.find_first_of(kEnds));
+  return component == "..";
 }
 
 /// Replaces the occurrences in one pass over a text, whatever they are made of.
@@ -89,7 +87,6 @@ class OnePassReplacement {
   OnePassReplacement(std::string_view name, std::string_view value)
       : name_(name),
         value_(value),
-        cleanValue_(CleanLineStart(value)),
         isComponent_(runtime::StartsWithNoCase(name, kComponentPrefix)),
         again_(value.find(name.front()) == std::string_view::npos || value.size() < name.size()) {}
 
@@ -145,24 +142,30 @@ class OnePassReplacement {
       unchanged_ = read_;
     }
   }
-  /// Whether a value that comes to nothing lets its neighbours make a condition, a way out of a
-  /// folder or, at the start of a line, more than a text.
-  [[nodiscard]] bool JoinsMarks(std::string_view rest) const {
-    constexpr std::size_t kBlanks = 64;
-    const std::string_view start = rest.substr(0, kBlanks);
-    return (line_.MayBeHere() && CleanLineStart(start) != start) ||
-           (EndsInFirstSlash(result_) && rest.starts_with('/')) ||
-           (result_.ends_with('|') && rest.starts_with('|')) || MakeParentFolder(result_, rest);
-  }
-  /// What stands around the value makes no more of it than a text.
+  /// The value as it is put in here, in front of `rest`: what stands around it makes no more of it
+  /// than a text. What a removal clears comes to nothing; a component does so only where the card
+  /// has it so.
   [[nodiscard]] std::string ValueHere(std::string_view rest) const {
     constexpr const char* kHarmless = "_";
-    const bool isSlash = value_ == "/" && (rest.starts_with('/') || rest.starts_with('%'));
-    // What a removal clears comes to nothing; a component does so only where the card has it so.
-    if (value_.empty()) return isComponent_ && JoinsMarks(rest) ? kHarmless : "";
-    if (line_.MayBeHere()) return isSlash ? kHarmless : cleanValue_;
-    const bool makesComment = value_.starts_with('/') && EndsInFirstSlash(result_);
-    return makesComment ? kHarmless + std::string(value_.substr(1)) : std::string(value_);
+    if (value_.empty() && !isComponent_) return {};
+    const std::string_view next = rest.substr(0, kNeighbours);
+    std::string value(value_);
+    if (line_.MayBeHere()) {
+      const std::string line = CleanLineStart(value.append(next));
+      value = line.substr(0, value_.size());
+      if (line.substr(value.size()) != next) return value + kHarmless;
+    }
+    if (EndsInFirstSlash(result_) && (value.empty() ? next : value).starts_with('/')) {
+      return kHarmless + value.substr(value.empty() ? 0 : 1);
+    }
+    const bool joins = value.empty() && ((result_.ends_with('|') && next.starts_with('|')) ||
+                                         MakeParentFolder(Tail(), next));
+    return joins ? kHarmless : value;
+  }
+  /// The end of the result, without a copy.
+  [[nodiscard]] std::string_view Tail() const {
+    const std::string_view result(result_);
+    return result.substr(result.size() - std::min(result.size(), kNeighbours));
   }
   void Append(std::string_view piece) {
     line_.Append(piece, result_.size());
@@ -176,10 +179,12 @@ class OnePassReplacement {
     return isComponent_ ? runtime::EqualsNoCase(text, name_) : text == name_;
   }
 
+  /// How much of the text around a value is looked at.
+  static constexpr std::size_t kNeighbours = 64;
+
   std::string_view name_;
   std::string_view value_;
-  std::string cleanValue_;  ///< for the start of a line
-  bool isComponent_;        ///< of the subject; its key counts in any letter case
+  bool isComponent_;  ///< of the subject; its key counts in any letter case
   /// A value that brings no beginning of the name along, or makes the text shorter, uses the
   /// occurrences up, so those that come about around it count as well.
   bool again_;

@@ -104,12 +104,12 @@ class WalkBudget {
 /// as that must come to an end; else the search goes on behind the replacement. The key of a
 /// subject's component counts in any letter case, since certificates and administrators write it in
 /// either. At the start of a line, with blanks and other placeholders in front or not, a value
-/// makes no section, block or comment of it, and a component that comes to nothing does not let its
-/// neighbours make a comment, a condition or a "..". False, and the text is as it was, when it
-/// would be longer than `maxLength`, when a value with what stands around it would make it pass for
-/// one of an older version, or when the budget is spent: a text that holds the name, which is not
-/// empty, is walked once; each '%' in front of the name counts kStepCost times, and so does what is
-/// put in and lies around it, since it is read character by character.
+/// makes no section, block or comment of it, also not together with its neighbours, and a component
+/// that comes to nothing does not let them make a condition or a "..". False, and the text is as it
+/// was, when it would be longer than `maxLength`, when a value with what stands around it would
+/// make it pass for one of an older version, or when the budget is spent: a text that holds the
+/// name, which is not empty, is walked once; each '%' in front of the name counts kStepCost times,
+/// and so does what is put in and lies around it, since it is read character by character.
 [[nodiscard]] bool ReplaceAll(std::string& text, std::string_view name, std::string_view value,
                               std::size_t maxLength, WalkBudget& budget);
 inline constexpr std::size_t kStepCost = 8;

@@ -223,8 +223,9 @@ class SlotWatch {
   /// one that went meanwhile has nobody else to tell of it.
   void FollowMark() {
     const CK_SLOT_ID slot = LookForToken();
-    if (slot != kNoSlot && IsFirstOfItsGroup(slot)) HandleToken(slot);
-    if (connected_ != kNoSlot) return;
+    const bool isIn = slot != kNoSlot && IsFirstOfItsGroup(slot);
+    if (isIn) HandleToken(slot);
+    if (connected_ != kNoSlot || (isIn && StopRequested())) return;
     isDoubtful_ = true;
     RunNewRemoval(kNoSlot);
   }

@@ -56,8 +56,9 @@ void ApplyOptions(std::string_view text, CWatchOptions& record) {
   record.background = ReadProductText(record.section, kBackgroundEntry, kMaxOption);
 }
 
+/// `isLookedAfter`: whoever started this watcher starts it again when memory runs out.
 void RunCommands(std::string_view command, std::string_view line, const std::string& ownPath,
-                 const Platform& platform) {
+                 const Platform& platform, bool isLookedAfter) {
   CWatchOptions record;
   ApplyOptions(command, record);
   if (!BeginsWithAny(line, kServiceVerbs)) ApplyOptions(line, record);
@@ -66,13 +67,15 @@ void RunCommands(std::string_view command, std::string_view line, const std::str
     SimulateEvent(record, platform);
     return;
   }
-  if (!extraList.empty()) {
-    RunStep([&] { StartExtraWatchers(extraList, ownPath, platform.manager.IsThere()); });
-  }
+  const bool hasStarted = extraList.empty() || RunStep([&] {
+                            StartExtraWatchers(extraList, ownPath, platform.manager.IsThere());
+                          });
+  if (!hasStarted && isLookedAfter) throw std::bad_alloc();
   WatchEnd end = RunWatch(record, platform);
   while (StayForExtraWatchers(record, platform, end)) end = RunWatch(record, platform);
+  // Without a goodbye the extra watchers end as well: this one starts them anew.
+  if (end == WatchEnd::kNoMemory && isLookedAfter) throw std::bad_alloc();
   LeaveExtraWatchers();
-  if (end == WatchEnd::kNoMemory) throw std::bad_alloc();
 }
 
 void RunLine(config::CConfig& config, std::string_view line, const Platform& platform) {
@@ -94,7 +97,7 @@ void RunLine(config::CConfig& config, std::string_view line, const Platform& pla
 
   const bool hasCommand = !command.empty() || !line.empty();
   if (hasCommand && !line.starts_with('?')) {
-    RunCommands(command, line, ownPath, platform);
+    RunCommands(command, line, ownPath, platform, isChild || platform.manager.IsThere());
   } else {
     runtime::TraceWrite("Watch - Failed to parse config");
     if (!hasCommand)

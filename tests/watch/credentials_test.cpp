@@ -179,6 +179,8 @@ TEST(Placeholders, NoValueMakesAnotherCommand) {
       {"echo > \"/d/%OID.cn%.%USERNAME%.%DOMAIN%\"", "@/victim", "",
        "echo > \"/d/%OID.cn%../victim\""},
       {"touch /d/.%USERNAME%", ". x@", "", "touch /d/.%USERNAME%"},
+      {"touch --dir=.%USERNAME%.%DOMAIN%", "@/y", "", "touch --dir=..%DOMAIN%"},
+      {"extern /l,.%USERNAME%.%DOMAIN%", "@/y", "", "extern /l,..%DOMAIN%"},
       {"touch ../%OID.cn%/..", "", "..a", "touch ../..a/.."},
       // no other library or function that is called
       {"load /d/%DOMAIN%.so,Lock \"%UPN%\"", "a@b.so,Wipe all", "",

@@ -400,6 +400,23 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   EXPECT_TRUE(watch::CardMark("Watch", "one command").IsSet());
 }
 
+/// In a process of its own, with the mark of a card that is still in.
+[[noreturn]] void StopInTheFirstPoll() {
+  Scripted machine(Polls{{0, {{1}}}});
+  machine.reader.inPoll = [](watch::PolledEvent&) { watch::RequestStop(); };
+  const LoopRun run(machine, Record("config", 1));
+  const bool acted = run.Has("Watch - Remove event ...") || run.Has("Watch - Inserted event ...");
+  ::_exit(acted ? 1 : 0);
+}
+
+TEST(SlotLoop, StopThatComesFirstLeavesTheCardToTheNextStart) {
+  const TemporaryFolder folder;
+  const ScopedVariable directory("RUNTIME_DIRECTORY", folder.Path().c_str());
+  EXPECT_EQ(Watch(true, {{1, {{1}}}}), "Connected slot 1;");
+  EXPECT_EXIT(StopInTheFirstPoll(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EQ(Watch(true, {{0, {}}}), "Disconnected slot 0;") << "the mark has stayed";
+}
+
 int OpenOne() {
   return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 }

@@ -174,9 +174,31 @@ TEST_F(LogonFile, IsWholeForWhoLooksOnAndAfterAKilledWriter) {
   EXPECT_EQ(Others(), std::set{"a.conf.org"s});
 }
 
+/// Room on the disk that its size does not show.
+void GiveRoom(const std::string& path) {
+  const runtime::Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  ASSERT_EQ(::fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, 5U << 20), 0);
+}
+
+TEST_F(LogonFile, FreesNoMoreOfTheDiskThanATextNeeds) {
+  if (::geteuid() != 0) GTEST_SKIP() << "NOT TESTED: only root can give files away";
+  Give(folder_.Path());
+  for (const char* const large : {"a.conf", "a.conf.org"}) {
+    for (const uid_t owner : {uid_t{0}, kNobody}) {
+      for (const char* const name : {"a.conf", "a.conf.org"}) {
+        fs::remove(folder_.Path(name));
+        Give(folder_.Write(name, kOriginal), owner);
+      }
+      GiveRoom(folder_.Path(large));
+      EXPECT_EQ(Insert(), owner == 0) << large;
+      EXPECT_EQ(Text(), owner == 0 ? kFilled : kOriginal);
+    }
+  }
+}
+
 TEST_F(LogonFile, OnlyWhatNobodyWritesAnyMoreIsALeftOver) {
   const std::string large = folder_.Write(".qixxwatch-new-of somebody else", "");
-  fs::resize_file(large, (4U << 20) + 1);
+  GiveRoom(large);
   const std::string alive = folder_.Write(".qixxwatch-new-fedcba9876543210", "in the making");
   const runtime::Descriptor held(::open(alive.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(::flock(held.Get(), LOCK_EX), 0);
@@ -293,6 +315,10 @@ TEST(LogonFiles, ValuesMakeNoMoreOfTheirNeighbours) {
       {"x\n/%OID.ou%/a=1", "%OID.ou%", "/b", "x\n/_b/a=1"},
       {"%OID.ou%/a=1", "%OID.ou%", "/", "_/a=1"},
       {"p=/%OID.ou%/a", "%OID.ou%", "/", "p=///a"},
+      {"p=/..%OID.ou%/a", "%OID.ou%", "", "p=/.._/a"},
+      {"%USERNAME%;a=1", "%USERNAME%", " ", " _;a=1"},
+      {"%OID.ou% [Other]", "%OID.ou%", "  ", "  _ [Other]"},
+      {"%OID.ou%/a=1", "%OID.ou%", " /", " _/a=1"},
   };
   for (auto [text, name, value, expected] : rows) {
     watch::WalkBudget budget(watch::kMaxWalked);
