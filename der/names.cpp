@@ -144,7 +144,7 @@ bool MatchItem(Bytes name, std::string_view text, std::string_view item) {
 /// Length up to the first separator that no '\' precedes.
 std::size_t ValueLength(std::string_view text) {
   std::size_t at = 0;
-  while (at < text.size() && !IsSeparator(text[at])) at += text[at] == kEscape ? 2 : 1;
+  while (at < text.size() && !IsSeparator(text[at])) at += text[at] == kEscape ? 2U : 1U;
   return at < text.size() ? at : text.size();
 }
 

@@ -4,12 +4,15 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 
 namespace qixx::runtime {
 
 /// Milliseconds since an arbitrary moment; not moved when somebody sets the clock.
 [[nodiscard]] std::int64_t MonotonicMilliseconds();
 
+/// The same time as the system's sleeps take it; not negative.
+[[nodiscard]] timespec TimeSpan(std::int64_t milliseconds);
 /// Sleeps the whole time, whatever signals arrive; not at all when it is not positive.
 void SleepMilliseconds(std::int64_t milliseconds);
 

@@ -31,7 +31,7 @@ void ThreadKill(ThreadId thread, int signal) {
     TraceWrite("Thread - Failed to load kill thread from posix library");
     return;
   }
-  if (thread != 0) Threads().kill(thread, signal);
+  if (thread != 0) Threads().kill(static_cast<pthread_t>(thread), signal);
 }
 
 void SetLockTimeout(std::uint32_t seconds) {

@@ -13,10 +13,14 @@ namespace {
 
 // --- mutexes ----------------------------------------------------------------------------------
 
-static_assert(sizeof(pthread_mutex_t) >= 40, "as much as the suite gives a mutex");
+/// As much as the suite gives a mutex; the platform's may be smaller.
+union MutexRoom {
+  pthread_mutex_t mutex;
+  unsigned char room[40];
+};
 
 pthread_mutex_t* PlatformMutex(void* mutex) {
-  return static_cast<pthread_mutex_t*>(mutex);
+  return &static_cast<MutexRoom*>(mutex)->mutex;
 }
 
 constexpr std::int64_t kLockPause = 100;  // milliseconds
@@ -32,15 +36,15 @@ std::uint32_t Call(Function* function, Arguments... arguments) {
 }
 
 std::uint32_t CreatePlatformMutex(void*& mutex) {
-  auto room = std::make_unique<pthread_mutex_t>();
-  const std::uint32_t result = Call(Threads().mutexInit, room.get(), nullptr);
+  auto room = std::make_unique<MutexRoom>();
+  const std::uint32_t result = Call(Threads().mutexInit, &room->mutex, nullptr);
   if (result == kSyncOk) mutex = room.release();
   return result;
 }
 
 std::uint32_t DestroyPlatformMutex(void* mutex) {
   const std::uint32_t result = Call(Threads().mutexDestroy, PlatformMutex(mutex));
-  if (result == kSyncOk) delete PlatformMutex(mutex);
+  if (result == kSyncOk) delete static_cast<MutexRoom*>(mutex);
   return result;
 }
 

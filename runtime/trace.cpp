@@ -103,16 +103,23 @@ SlotCount CountSlots(std::string_view format) {
   return slots;
 }
 
-static_assert(sizeof(void*) == sizeof(std::int64_t), "an argument takes one 64-bit word");
-
-/// Takes the arguments of a directive, one word each; whether the last word was null.
-bool IsNull(std::string_view directive, va_list& words) {
+/// Takes the arguments of a directive; whether the one that it shows is a null pointer.
+bool IsNull(std::string_view directive, va_list& arguments) {
   if (directive.back() == '%') return false;
   // NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the list is the caller's copy.
   for (auto stars = std::ranges::count(directive, '*'); stars > 0; --stars)
-    (void)va_arg(words, void*);
-  return va_arg(words, void*) == nullptr;
+    (void)va_arg(arguments, int);
+  if (directive.back() == 's' || directive.back() == 'p') {
+    return va_arg(arguments, void*) == nullptr;
+  }
+  if (directive.find("ll") != std::string_view::npos ||
+      directive.find('j') != std::string_view::npos) {
+    (void)va_arg(arguments, long long);
+  } else {
+    (void)va_arg(arguments, long);  // an int takes a word of its own as well
+  }
   // NOLINTEND(clang-analyzer-valist.Uninitialized)
+  return false;
 }
 
 constexpr std::string_view kNullText = "%.0s[null]";  // takes the argument, prints nothing of it

@@ -176,7 +176,7 @@ std::vector<ExtraWatcher> ShareRoom(std::uint64_t room, std::vector<std::string>
   if (names.size() > room) {
     runtime::TraceWrite("Watch - Extra watchers end at %d in all",
                         static_cast<int>(kMaxExtraWatchers));
-    names.resize(room);
+    names.resize(static_cast<std::size_t>(room));
   }
   room -= names.size();
   std::vector<ExtraWatcher> watchers;
@@ -277,7 +277,7 @@ void StartExtraWatchers(std::string_view list, const std::string& ownPath, bool 
 
 void LookAfterExtraWatcher(std::uint64_t round) {
   std::vector<ExtraWatcher>& all = Own().all;
-  const std::uint64_t index = round % kMaxExtraWatchers;
+  const auto index = static_cast<std::size_t>(round % kMaxExtraWatchers);
   if (index >= all.size() || StopRequested()) return;
   ExtraWatcher& watcher = all[index];
   if (watcher.process != 0) NoteEnd(watcher);

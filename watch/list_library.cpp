@@ -154,7 +154,7 @@ class Asking {
   void AddCertificate(const der::CertificateHolder& holder, Verdict verdict) {
     const der::CDerCert& certificate = holder.certificate;
     der::Validity validity = certificate.GetValidity();
-    listing_.certificates.push_back({.slot = holder.rawSlot,
+    listing_.certificates.push_back({.slot = static_cast<CK_SLOT_ID>(holder.rawSlot),
                                      .label = {},
                                      .subject = std::string(certificate.GetSubjectText()),
                                      .issuer = std::string(certificate.GetIssuerText()),

@@ -100,7 +100,7 @@ void UnblockStopSignals() {
 }
 
 void PauseFor(std::int64_t milliseconds) {
-  const timespec pause = {milliseconds / 1000, milliseconds % 1000 * 1'000'000};
+  const timespec pause = runtime::TimeSpan(milliseconds);
   ::nanosleep(&pause, nullptr);
 }
 
