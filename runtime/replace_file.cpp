@@ -233,11 +233,15 @@ void RemoveLeftOvers(const FilePlace& place) {
   // Somebody may have filled the folder to keep the service busy.
   constexpr int kMaxNames = 20000;
   constexpr int kMaxRemoved = 16;
+  // One that is empty now may be as large as when it was full.
+  constexpr off_t kMaxFolder = off_t{4} << 20;
   Descriptor opened(::openat(place.Folder(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::unique_ptr<DIR, CloseFolder> names(opened.IsOpen() ? ::fdopendir(opened.Get())
                                                                 : nullptr);
   if (names == nullptr) return;
   static_cast<void>(opened.Release());
+  struct stat folder {};
+  if (::fstat(place.Folder(), &folder) != 0 || folder.st_size > kMaxFolder) return;
   int removed = 0;
   for (int looked = 0; looked < kMaxNames && removed < kMaxRemoved; ++looked) {
     const dirent* const entry = ::readdir(names.get());

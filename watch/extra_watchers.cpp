@@ -84,8 +84,8 @@ short AskLink(int milliseconds) {
 /// same.
 void* WaitForParent(void* /*argument*/) {
   runtime::ThreadDetachSelf();
-  if (AskLink(-1) != POLLHUP) return nullptr;
-  // A library may have closed the other end.
+  if ((AskLink(-1) & POLLIN) != 0) return nullptr;
+  // A library may have closed either end.
   while (::getppid() == parent.process) runtime::SleepMilliseconds(kParentMilliseconds);
   RequestStop();
   runtime::SleepMilliseconds(kStopMilliseconds);
@@ -161,7 +161,7 @@ void StartExtraWatcher(ExtraWatcher& watcher) {
       .passed = runtime::IsStill(Own().made, Own().reading.Get()) ? Own().reading.Get() : -1,
       .variables = {Variable(kDepthVariable, Own().depth), Variable(kRoomVariable, watcher.room)}};
   if (child.passed >= 0) {
-    child.variables.push_back(Variable(kLinkVariable, runtime::kPassedDescriptor));
+    child.variables.push_back(Variable(kLinkVariable, static_cast<std::uint64_t>(::getpid())));
   }
   if (Own().stay) child.variables.push_back(Variable(kStayVariable, 1));
   const runtime::ScarceMeans scarce;
@@ -317,13 +317,15 @@ void LeaveExtraWatchers() {
 }
 
 void FollowParentWatcher() {
-  if (!ReadVariable(kLinkVariable)) return;
+  // Not getppid: it may have died before this one came up.
+  const std::optional<std::uint64_t> process = ReadVariable(kLinkVariable);
+  if (!process) return;
   // Neither the commands nor the watchers of this one are to take it for theirs.
   ::unsetenv(VariableName(kLinkVariable).c_str());
   if (::fstat(runtime::kPassedDescriptor, &parent.link) != 0 || !S_ISFIFO(parent.link.st_mode))
     return;
   ::fcntl(runtime::kPassedDescriptor, F_SETFD, FD_CLOEXEC);
-  parent.process = ::getppid();
+  parent.process = static_cast<pid_t>(*process);
   TakeSignalsPassedOnBy(parent.process);
   runtime::ThreadCreate(&WaitForParent, nullptr);
 }

@@ -2,9 +2,9 @@
 //
 // Watchers that start watchers make a tree. Environment variables, named by the product prefix,
 // tell each of them its part of the tree: "watchdepth" how deep it stands, "watchroom" how many
-// watchers it may start together with those below it, "watchlink" that the descriptor which it got
-// ends with the watcher that started it, "watchstay" that the first one is below a service manager.
-// To be called on the main thread.
+// watchers it may start together with those below it, "watchlink" which process started it, with
+// whose end the descriptor ends that it got, "watchstay" that the first one is below a service
+// manager. To be called on the main thread.
 #pragma once
 
 #include <cstddef>

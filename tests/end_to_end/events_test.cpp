@@ -97,6 +97,19 @@ TEST_F(Events, ExtraWatchersEndWithAKilledParentAndLeaveTheirCommands) {
   EXPECT_TRUE(Ran("alive")) << "the command outlives them";
 }
 
+TEST_F(Events, ExtraWatcherEndsWhoseParentDiedBeforeItCameUp) {
+  ConfigureWatchers("-sync config Watch|One", {{"Insert", {"kill x"}}, {"One Insert", {"kill x"}}});
+  Start();
+  const std::string id = std::to_string(Process());
+  int one = 0;
+  for (int tries = 0; one == 0 && tries < 1'000'000; ++tries) {
+    std::ifstream("/proc/" + id + "/task/" + id + "/children") >> one;
+  }
+  EXPECT_EQ(Stop(SIGKILL), -SIGKILL);
+  const std::string program = "/proc/" + std::to_string(one) + "/exe";
+  EXPECT_TRUE(Eventually([&] { return !fs::exists(program); }));
+}
+
 TEST_F(Events, ExtraWatchersEndWhereSigtermIsIgnoredAlsoWhenTheirPipeStaysOpen) {
   ConfigureWatchers("-sync config Watch|One", {{"Insert", {"kill x"}}, {"One Remove", {out_}}});
   std::size_t runs = 0;
