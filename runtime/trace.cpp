@@ -112,12 +112,10 @@ bool IsNull(std::string_view directive, va_list& arguments) {
   if (directive.back() == 's' || directive.back() == 'p') {
     return va_arg(arguments, void*) == nullptr;
   }
-  if (directive.find("ll") != std::string_view::npos ||
-      directive.find('j') != std::string_view::npos) {
-    (void)va_arg(arguments, long long);
-  } else {
-    (void)va_arg(arguments, long);  // an int takes a word of its own as well
-  }
+  const bool isLongLong = directive.find("ll") != std::string_view::npos ||
+                          directive.find('j') != std::string_view::npos;
+  // An int takes a word of its own, as a long does.
+  static_cast<void>(isLongLong ? va_arg(arguments, long long) : va_arg(arguments, long));
   // NOLINTEND(clang-analyzer-valist.Uninitialized)
   return false;
 }

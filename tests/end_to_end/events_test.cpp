@@ -100,14 +100,14 @@ TEST_F(Events, ExtraWatchersEndWithAKilledParentAndLeaveTheirCommands) {
 TEST_F(Events, ExtraWatcherEndsWhoseParentDiedBeforeItCameUp) {
   ConfigureWatchers("-sync config Watch|One", {{"Insert", {"kill x"}}, {"One Insert", {"kill x"}}});
   Start();
+  const fs::path processes = "/proc";
   const std::string id = std::to_string(Process());
+  const fs::path children = processes / id / "task" / id / "children";
   int one = 0;
-  for (int tries = 0; one == 0 && tries < 1'000'000; ++tries) {
-    std::ifstream("/proc/" + id + "/task/" + id + "/children") >> one;
-  }
+  for (int tries = 0; one == 0 && tries < 1'000'000; ++tries) std::ifstream(children) >> one;
+  EXPECT_NE(one, 0);
   EXPECT_EQ(Stop(SIGKILL), -SIGKILL);
-  const std::string program = "/proc/" + std::to_string(one) + "/exe";
-  EXPECT_TRUE(Eventually([&] { return !fs::exists(program); }));
+  EXPECT_TRUE(Eventually([&] { return !fs::exists(processes / std::to_string(one) / "exe"); }));
 }
 
 TEST_F(Events, ExtraWatchersEndWhereSigtermIsIgnoredAlsoWhenTheirPipeStaysOpen) {
