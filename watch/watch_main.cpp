@@ -105,20 +105,29 @@ void RunLine(config::CConfig& config, std::string_view line, const Platform& pla
   }
 }
 
-/// The dot may be far up in the path, behind a folder in which anybody makes files.
+/// Whether anybody may make a file of this name before it is opened.
+bool MayBeMadeByOthers(const std::string& path) {
+  struct stat folder {};
+  const std::string place = path.substr(0, path.rfind('/') + 1);
+  return ::stat(place.empty() ? "." : place.c_str(), &folder) == 0 &&
+         (folder.st_mode & S_IWOTH) != 0;
+}
+
+/// The dot may be far up in the path, behind a folder in which anybody makes files. One that is not
+/// there counts as missing from now on, and the trace shows it so.
 bool IsOfSomebodyElse(const std::string& path, const std::string& program) {
   struct stat status {};
   struct stat own {};
-  struct stat folder {};
+  const std::string shown = runtime::MaskSecrets(path);
   if (::lstat(path.c_str(), &status) != 0) {
-    // One that anybody can make before it is opened does not count either.
-    const std::string place = path.substr(0, path.rfind('/') + 1);
-    return ::stat(place.empty() ? "." : place.c_str(), &folder) == 0 &&
-           (folder.st_mode & S_IWOTH) != 0;
+    if (!MayBeMadeByOthers(path)) return false;
+    runtime::TraceWrite("Config - Open '%s' (%s)", shown.c_str(), "r");
+    runtime::TraceWrite("Config - Failed to open");
+    return true;
   }
   if (runtime::IsTrustedOwner(status.st_uid)) return false;
   if (::stat(program.c_str(), &own) == 0 && own.st_uid == status.st_uid) return false;
-  runtime::TraceRefusal(runtime::MaskSecrets(path), "a file of somebody else");
+  runtime::TraceRefusal(shown, "a file of somebody else");
   return true;
 }
 

@@ -49,6 +49,20 @@ TEST_F(Configuration, FileBesideTheProgramComesBeforeTheSystems) {
   EXPECT_TRUE(Ran("system"));
 }
 
+TEST_F(Configuration, MissingOneBesideTheProgramShowsInTheTraceWhereOthersMayMakeIt) {
+  fs::create_directory(Path("open"));
+  fs::permissions(Path("open"), fs::perms::all);
+  fs::copy_file(QIXX_PROGRAM, Path("open/watch.program"));
+  ConfigureWatch("-sync", {"kill x"});
+  Start({}, Path("open/watch.program"));
+  Await("Watch - Event");
+  const Lines opened = TraceAfter("Config - ");
+  ASSERT_GE(opened.size(), 2U);
+  EXPECT_THAT(
+      Lines(opened.begin(), opened.begin() + 2),
+      ::testing::ElementsAre("Open '" + Path("open/watch.conf") + "' (r)", "Failed to open"));
+}
+
 TEST_F(Configuration, CommandLineOverlaysIt) {
   ConfigureWatchers("-sync config Watch", {{"Insert", {"kill x"}}, {"Extra Insert", {"kill x"}}});
   const std::pair<Lines, std::string> rows[] = {
