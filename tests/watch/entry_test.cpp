@@ -47,13 +47,10 @@ TEST(Options, TextsFillTheRecordOneAfterTheOther) {
       {"keyword form does not read -c beside -r",
        "-p prog -r reg -c file -a \"a b\" -n 3 -w 5 -hide -sync -t -recognized ",
        "r=reg;p=prog;a=a b;in=5;term=1;recognized=1;hidein=1;sync=1;n=3;"},
-      {"empty -r is keyword form and stops -c", "-p prog -r -c file x", "p=prog;"},
       {"names in capitals", "-P prog -C file ", "p=prog;c=file;"},
       {"no digits give no rounds", "-p a -c b -n x ", "p=a;c=b;n=0;"},
-      {"value behind longer names", "-p a -c b -tx -ab -a x", "p=a;c=b;a=x;"},
       {"quoted value without end", "-p a -c b -a  \"x y", "p=a;c=b;a=x y;"},
       {"-m wants a second blank", "-p a -c b -m no ", "p=a;c=b;"},
-      {"-m with a second blank", "-p a -c b -m  yes ", "p=a;c=b;m=yes;"},
       {"-p alone is kept beside the rest", "-p prog x ", "p=prog;rest=-p prog x ;"},
       {"positional form",
        "-w -match \"cn=x\" -wait \"5|7\" -message \"a|b|c\" -hide remove -sync -term -recognized x",
@@ -61,12 +58,9 @@ TEST(Options, TextsFillTheRecordOneAfterTheOther) {
       {"order is fixed", "-sync -match \"x\" ", "rest=-match \"x\" ;sync=1;"},
       {"blanks between options are not skipped", "-w  -sync ", "rest= -sync ;w=1;"},
       {"-hide insert at the very end", "-hide insert", "rest=insert;hidein=1;hideout=1;"},
-      {"closing quote at the end", "-match \"cn=x\"", "match=cn=x;"},
       {"numbers", "-wait \"-1| 99999999999999999999\" ", "out=18446744073709551615;"},
       {"no rest in a simulation", "-simulate \"insert\" config ", "simulate=insert;"},
-      {"one verb is skipped", "-start -i c ", "rest=-i c ;"},
       {"one word in quotes names no section", "-s \"Extra\" c", "rest=c;"},
-      {"empty text", "", "n=0;"},
       {"a later text overlays", "-match \"old\" -sync config\n-w -hide x",
        "match=old;rest=x;hidein=1;hideout=1;sync=1;w=1;"},
       {"keyword form clears a match", "-match \"old\" -sync config\n-p x -c y -n 3 \n",
@@ -95,30 +89,6 @@ TEST(Options, ValuesAreCutAtTheirLimits) {
       watch::JoinArguments(6, std::array{"x", "-a", one, one, one, one}.data());
   EXPECT_EQ(line.size(), 1023U);
   EXPECT_TRUE(line.starts_with("-a xx"));
-}
-
-TEST(WatchMain, LineDecidesWhatIsReadAndRun) {
-  const TemporaryFolder folder;
-  folder.Write("system.conf", "[Command]\nWatch=-simulate \"x\" -pin 1234\n");
-  const ScopedVariable path("qixconfigglobal", folder.Path("system.conf").c_str());
-  const ScopedVariable home("HOME", folder.Path().c_str());
-  // So deep that the test does not start itself; were it to, the started one would run no test.
-  const ScopedVariable depth("qixwatchdepth", "8");
-  const ScopedVariable filter("GTEST_FILTER", "none");
-  const std::pair<const char*, const char*> rows[] = {
-      {"", "Command config: '-simulate \"x\" -pin ****'"},
-      {"x Config Foo -pin  42", "Configuration: 'Watch Foo -pin  ** Insert'"},
-      {"-uninstallx", "Command config: ''"},
-      {"servicemain ", "Command config: ''"},
-      {"X config Foo |One||", "Extra watchers end at depth 8"},
-  };
-  for (const auto& [line, traced] : rows) {
-    const TraceCapture trace;
-    Scripted machine;
-    EXPECT_EQ(watch::WatchMain(0, 7, line, machine.platform), 0);
-    EXPECT_EQ(watch::givenServiceHandle, 7);
-    EXPECT_TRUE(trace.Has(std::string("Watch - ") + traced)) << traced;
-  }
 }
 
 TEST(Trace, SettingsChooseTheTargetAndCallModeLetsOneLinePass) {

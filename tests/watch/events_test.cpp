@@ -13,13 +13,11 @@
 #include <filesystem>
 #include <new>
 
-#include "runtime/children.h"
 #include "runtime/process.h"
 #include "runtime/product.h"
 #include "tests/support/environment.h"
 #include "tests/support/eventually.h"
 #include "tests/support/fake_card.h"
-#include "tests/support/openssl.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
@@ -29,9 +27,7 @@
 #include "watch/configuration.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
-#include "watch/extra_watchers.h"
 #include "watch/parallel.h"
-#include "watch/simulate.h"
 #include "watch/slot_loop.h"
 #include "watch/stop.h"
 #include "watch/terminate_list.h"
@@ -45,15 +41,11 @@ void (*inSync)() = nullptr;
 /// Pauses of other threads than the main one begin, and last as long as that thread wants.
 std::atomic<int> pausesBegun{0};
 std::atomic<bool> holdPauses{false};
-/// Whether a thread of a library could have read meanwhile what is another watcher's.
-std::atomic<bool> environmentChanged{false};
 
 }  // namespace
 
 // In place of the C library's.
 extern "C" pid_t fork() noexcept {
-  const char* const depth = ::getenv("qixwatchdepth");
-  if (depth != nullptr && *depth != '2') environmentChanged = true;
   if (forksToFail <= 0) return reinterpret_cast<pid_t (*)()>(::dlsym(RTLD_NEXT, "fork"))();
   --forksToFail;
   errno = EAGAIN;
@@ -140,9 +132,7 @@ TEST_F(EventTable, NamesAndCommandsAreCutAtTheirLimits) {
 TEST_F(EventTable, QuestionsAboutTheSectionsAlwaysEnd) {
   const std::tuple<const char*, const char*, bool, bool, bool> rows[] = {
       {"1=kill x\n2=close x\n", "1=KILL x\n2=Close x\n4=/bin/true\n", true, false, false},
-      {"2=x\n", "1=\n2=kill x\n", false, false, true},
       {"", "1=config\n2=configure\n3=/bin/true\n", true, false, true},
-      {"1=config\n", "1=config\n2=config x\n", true, false, false},
       {"1=kill x\n2=config\n", "1=kill x\n2=/bin/true\n", true, true, true},
   };
   for (const auto& [insert, remove, any, on_insert, on_remove] : rows) {
@@ -198,31 +188,12 @@ TEST_F(EventTable, GateOfARemovalWaitsForMoreThanEndings) {
       << "the handler and its gate, each time";
 }
 
-TEST_F(EventTable, SimulationWaitsForEitherKindAsAnInsertDoes) {
-  Configure("", "1=kill x\n2=close y\n3=\n4=kill z\n");
-  watch::CWatchOptions record = Record("");
-  record.simulate = "other";
-  record.insertWait = 1;
-  record.removeWait = 9;
-  const TraceCapture trace;
-  EXPECT_EQ(watch::SimulateEvent(record, machine_.platform), 0);
-  EXPECT_EQ(machine_.clock.slept.size(), 3U) << "an empty entry is an ordinary one";
-  EXPECT_TRUE(trace.Has("Watch - Simulate other at 2 failed"));
-  EXPECT_TRUE(trace.Has("Watch - Execute insert command: kill z")) << "failures go on";
-  Configure("", "1=kill x\n");
-  EXPECT_EQ(watch::SimulateEvent(record, machine_.platform), 0);
-  EXPECT_EQ(machine_.clock.slept.size(), 3U) << "endings alone wait for nothing";
-}
-
 TEST(Command, KeywordsDecideTheResult) {
   const std::tuple<std::string, bool, bool> rows[] = {
       {"open  ", true, true},
-      {"set -match cn=x", false, false},
       {"set -registry there", false, true},
       {"application  /bin/true", false, false},
-      {"APPLICATION \"/bin/no end", true, true},
       {"application /" + std::string(255, 'p'), false, false},
-      {"-lock", true, false},
       {"parallel close " + std::string(249, 'x'), true, true},
       {"parallel close " + std::string(250, 'x'), false, false},
   };
@@ -265,13 +236,8 @@ TEST(TerminateList, RemovalEndsWhatTheInsertStartedForItsSlot) {
 
 TEST(SlotLoop, EventsConnectAndDisconnect) {
   const std::tuple<const char*, bool, Polls, const char*> rows[] = {
-      {"inside a group at start", false, {{0, {{2}}}}, ""},
       {"told of twice", true, {{1, {{1}}}, {1, {{1}}}}, "Connected slot 1;Already connected;"},
       {"no poll told of it", true, {{0, {{1}}}, {0, {}}}, "Connected slot 1;Disconnected slot 1;"},
-      {"gone when another slot tells of its own token",
-       true,
-       {{0, {{1}}}, {4, {}}},
-       "Connected slot 1;Disconnected slot 1;"},
       {"another slot's removal forgets the connected one",
        false,
        {{0, {{1}}}, {4, {{1}, {4}}}, {4, {{1}}}, {1, {}}},
@@ -284,24 +250,10 @@ TEST(SlotLoop, EventsConnectAndDisconnect) {
        false,
        {{0, {}}, {97, {{97}}}, {95, {}}, {97, {}}},
        "Disconnected slot 0;Connected slot 97;Disconnected slot 97;"},
-      {"the first poll that works tells of another slot",
-       true,
-       {{1, {{1}}}, {0, {{1}}, CKR_GENERAL_ERROR}, {4, {{4}}}, {0, {{4}}}, {0, {{4}}}},
-       "Connected slot 1;Already connected;Disconnected slot 1;Connected slot 4;"},
   };
   for (const auto& [why, sync, polls, told] : rows) {
     EXPECT_EQ(Watch(sync, polls, "x -pin 4711"), told) << why;
   }
-}
-
-TEST(SlotLoop, UnreadableTokenIsNoInsertWhereItIsToBeRecognized) {
-  Scripted machine(Polls{{1, {{1}}}, {1, {{1}}}});
-  machine.reader.readable = false;
-  machine.clock.inSleep = [&machine] { machine.reader.readable = true; };
-  watch::CWatchOptions record = Record("kill nothing", 2);
-  record.recognized = true;
-  watch::WatchSlots(record, machine.platform);
-  EXPECT_EQ(machine.clock.slept, (std::vector<unsigned>{333, 666})) << "the second round connects";
 }
 
 TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
@@ -375,7 +327,6 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   const std::tuple<const char*, bool, Polls, const char*, int> runs[] = {
       {"Watch", true, {{0, {}}}, "", 0},
       {"Watch", true, {{1, {{1}}}}, "Connected slot 1;", 1},
-      {"Watch", true, {{4, {{1}}}}, "Connected slot 1;", 1},
       {"Other", true, {{0, {}}}, "", 1},
       {"Watch", true, {{0, {}}, {0, {}}}, "Disconnected slot 0;", 0},
       {"Watch", true, {{0, {{1}}}, {1, {}}}, "Connected slot 1;Disconnected slot 1;", 0},
@@ -384,8 +335,6 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
       {"../a b\"%/~", true, {{1, {{1}}}}, "Connected slot 1;", 1},
       {longest.c_str(), true, {{1, {{1}}}}, "Connected slot 1;", 2},
       {longest.c_str() + 1, true, {{0, {}}}, "", 2},
-      {longest.c_str(), true, {{0, {}}}, "Disconnected slot 0;", 1},
-      {"../a b\"%/~", true, {{0, {}}}, "Disconnected slot 0;", 0},
   };
   for (const auto& [section, sync, polls, told, marks] : runs) {
     EXPECT_EQ(Watch(sync, polls, section), told) << section;
@@ -432,13 +381,6 @@ int OpenOne() {
   ::_exit(run.Has("Watch - Execute remove command: kill y") ? last : 1);
 }
 
-TEST(CardMark, SaysThatItCannotBeKept) {
-  const ScopedVariable missing("RUNTIME_DIRECTORY", "/nonexistent");
-  const TraceCapture trace;
-  watch::CardMark("Watch", "").Set();
-  EXPECT_TRUE(trace.Has("Watch - Failed to keep 'card-Watch' in '/nonexistent' (2)"));
-}
-
 TEST_F(EventTable, LibraryThatLeaksDescriptorsOrClosesThemKeepsNoRemovalFromBeingRun) {
   Configure("", "1=kill y\n");
   const auto leak = [] {
@@ -465,8 +407,6 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
       {"/bin/true x", 99, 0, true, 5},
       {"/bin/true x", 99, 1, true, 2},
       {"/bin/true x", 99, 1, false, 5},
-      {"/bin/true x", 3, 1, false, 4},
-      {"parallel /bin/true x", 2, 0, true, 3},
       {"parallel /bin/true x", 99, 1, true, 1},
       {"parallel /bin/true x", 2, 1, false, 3},
       {set, 3, 0, true, 4},
@@ -539,24 +479,15 @@ TEST_F(EventTable, RemovalOfTheKeywordFormIsTriedAgainAsAWhole) {
   EXPECT_EQ(run.Count("Watch - Remove event ..."), 4U);
   EXPECT_EQ(folder_.Read("a.conf"), "[S]\nUsername=\nDomain=\n");
   EXPECT_EQ(folder_.Read("a.conf.org"), "[S]\nUsername=ann\n");
-  forksToFail = 1;
-  EXPECT_FALSE(watch::OnInsertEvent(record, 1, machine_.platform));
 }
 
 TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
   // What the file is meanwhile ("-" for missing; it may also be no more than the mark of an
-  // encoding), the round that finds it again, the next card and the wait in front of a removal. The
-  // second round removes, and looks for the configuration up to the eleventh.
-  const std::tuple<std::string, std::size_t, CK_SLOT_ID, std::uint64_t> rows[] = {
-      {"-", 3, 0, 0},
-      {"", 3, 0, 0},
-      {"", 3, 1, 0},
-      {"", 11, 0, 0},
-      {"", 4, 1, 0},
-      {"", 3, 0, 1},
-      {"\xEF\xBB\xBF", 12, 0, 0},
-  };
-  for (const auto& [text, back, nextCard, wait] : rows) {
+  // encoding), the round that finds it again and the next card. The second round removes, and looks
+  // for the configuration up to the eleventh.
+  const std::tuple<std::string, std::size_t, CK_SLOT_ID> rows[] = {
+      {"-", 3, 0}, {"", 11, 0}, {"", 4, 1}, {"\xEF\xBB\xBF", 12, 0}};
+  for (const auto& [text, back, nextCard] : rows) {
     SCOPED_TRACE(back);
     Configure("", "1=kill x\n");
     Scripted desk(Polls{{1, {{1}}}, {1, {}}, {nextCard, {{1}}}, {0, {{1}}}});
@@ -565,58 +496,11 @@ TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
       if (desk.reader.taken == 1 && meanwhile == "-") fs::remove(folder_.Path("system.conf"));
       if (desk.reader.taken + 1 == found) Configure("", "1=set -registry x\n");
     };
-    watch::CWatchOptions record = Record("config", 20);
-    record.removeWait = wait;
-    const LoopRun run(desk, record);
+    const LoopRun run(desk, Record("config", 20));
     const std::size_t runs = back > 11 ? 0 : 1;
     EXPECT_EQ(run.Count("Watch - Execute remove command: set -registry x"), runs);
     EXPECT_EQ(run.Count("Watch - Remove event ..."), 1 + runs);
   }
-}
-
-bool OpensConfiguration(const std::string& line) {
-  return line.starts_with("Config - Open '");
-}
-
-TEST_F(EventTable, ExtraWatcherThatDidNotEndByItselfIsStartedAgain) {
-  const std::string program = folder_.Write("program", R"(#!/bin/sh
-[ "$qixwatchlink" = $PPID ] && echo "$qixwatchdepth $qixwatchroom $*" >> $HOME/started
-case "$*" in *Killed) kill -9 $$;; *Done) exit 0;; esac
-exit 3
-)");
-  fs::permissions(program, fs::perms::owner_all);
-  const ScopedVariable home("HOME", folder_.Path().c_str());
-  const ScopedVariable depth("qixwatchdepth", "2");
-  const TraceCapture trace;
-  forksToFail = 1;
-  Configure("", "");
-  watch::StartExtraWatchers("Refused|Killed|Done", program);
-  const std::vector<std::string> atStart = trace.Lines();
-  EXPECT_EQ(std::ranges::count_if(atStart, OpensConfiguration), 3) << "once for each";
-  const auto told = [&](const std::string& news) { return trace.Count("Watch - Extra " + news); };
-  std::uint64_t round = 0;
-  const auto look = [&] {
-    for (std::size_t i = 0; i < watch::kMaxExtraWatchers; ++i) {
-      runtime::ReapChildren();
-      watch::LookAfterExtraWatcher(round++);
-    }
-  };
-  fs::remove(folder_.Path("system.conf"));
-  EXPECT_TRUE(Eventually([&] { return look(), told("'Killed' was ended by signal 9") == 1; }));
-  EXPECT_EQ(told("'Refused' is started again"), 0U) << "it would have nothing to watch";
-  Configure("", "");
-  EXPECT_TRUE(Eventually([&] { return look(), told("'Killed' was ended by signal 9") == 2; }));
-  look();
-  EXPECT_EQ(told("'Killed' is started again"), 1U) << "once a minute";
-  EXPECT_EQ(told("'Refused' is started again"), 1U);
-  EXPECT_TRUE(Eventually([&] { return look(), told("'Refused' ended with exit code 3") == 1; }));
-  EXPECT_EQ(told("'Done' is started again"), 0U);
-  EXPECT_EQ(OutputOf("sort " + folder_.Path("started")),
-            "3 10 X config Done\n3 10 X config Killed\n3 10 X config Killed\n"
-            "3 9 X config Refused\n")
-      << "each with its own part of the tree, and its link";
-  EXPECT_FALSE(environmentChanged);
-  watch::StartExtraWatchers("", program);
 }
 
 TEST(SlotLoop, PollsThatFailLoseNoRemovalAndHideCardsForAWhileOnly) {
@@ -629,14 +513,10 @@ TEST(SlotLoop, PollsThatFailLoseNoRemovalAndHideCardsForAWhileOnly) {
     std::size_t found;  ///< the one that finds it again, the first one when none does
   };
   for (const Row row : {Row{1, 99, 2, 99, 4, 1},
-                        {1, 99, 4, 99, 4, 1},
                         {1, 99, 5, 99, 7, 1},
-                        {1, 99, 7, 99, 7, 1},
                         {1, 3, 2, 99, 3, 1},
-                        {0, 6, 2, 6, 2, 6},
                         {0, 6, 2, 20, 2, 20},
-                        {0, 6, 2, 40, 2, 65},
-                        {0, 3, 2, 3, 2, 3}}) {
+                        {0, 6, 2, 40, 2, 65}}) {
     SCOPED_TRACE(::testing::PrintToString(std::vector{row.heals, row.gone, row.back}));
     Scripted machine(Polls{{row.event, {{1}}}});
     machine.reader.inPoll = [&reader = machine.reader, row](watch::PolledEvent& polled) {
@@ -661,7 +541,6 @@ TEST(SlotLoop, DescriptorOfTheLibraryEndsPausesEarlyUnlessItStaysReadable) {
   // What each poll answers, how often the descriptor is seen unreadable, how many pauses end early.
   const std::tuple<const char*, CK_RV, CK_SLOT_ID, std::size_t, std::size_t> rows[] = {
       {"nothing to tell", CKR_OK, 0, 0, 1},
-      {"no poll works", CKR_DEVICE_ERROR, 0, 0, 1},
       {"of events without end one pause in 17 is whole", CKR_OK, 4, 0, 320},
       {"it is trusted again", CKR_OK, 0, 17, 17},
   };

@@ -61,16 +61,6 @@ TEST_F(ServiceManagerTest, IsToldOfTheRun) {
   EXPECT_LE(*std::ranges::max_element(machine.clock.slept), 10U);
 }
 
-TEST_F(ServiceManagerTest, IsToldOfNothingBehindTheEnd) {
-  watch::ServiceManager manager = Manager(path_);
-  manager.Ready();
-  manager.Status("No card");  // nobody listens yet
-  NotifyListener listener(path_);
-  manager.Stopping();
-  manager.Alive();
-  EXPECT_THAT(listener.Take(), ElementsAre("STOPPING=1"));
-}
-
 TEST_F(ServiceManagerTest, IsToldWhyThereIsNoCard) {
   NotifyListener listener(path_);
   Scripted machine;
@@ -92,7 +82,6 @@ TEST_F(ServiceManagerTest, HasNoUseForOthersTimes) {
   for (const auto& [time, process, pause] :
        {std::tuple("1000000", "1", UINT32_MAX),
         {"1000000", nullptr, 250'000U / 1000},
-        {"0", nullptr, UINT32_MAX},
         {"x", nullptr, UINT32_MAX},
         {"1000", nullptr, 1U},
         {"99999999999999999999999999", nullptr, 21'600'000U}}) {
@@ -101,11 +90,10 @@ TEST_F(ServiceManagerTest, HasNoUseForOthersTimes) {
 }
 
 TEST_F(ServiceManagerTest, MayBeThereInManyWays) {
-  for (const std::string name : {"", "@", "/", "notify", "vsock:2:1234"}) {
+  for (const std::string name : {"", "notify", "vsock:2:1234"}) {
     EXPECT_FALSE(Manager(name).IsThere()) << name;
   }
   EXPECT_FALSE(Manager("/" + std::string(107, 'x')).IsThere()) << "too long";
-  Manager("/nonexistent/socket").Ready();
   const std::string unnamed = "@" + path_;
   NotifyListener listener(unnamed);
   Manager(unnamed).Ready();
