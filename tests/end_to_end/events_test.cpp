@@ -97,36 +97,6 @@ TEST_F(Events, ExtraWatchersEndWithAKilledParentAndLeaveTheirCommands) {
   EXPECT_TRUE(Ran("alive")) << "the command outlives them";
 }
 
-TEST_F(Events, ExtraWatcherEndsWhoseParentDiedBeforeItCameUp) {
-  ConfigureWatchers("-sync config Watch|One", {{"Insert", {"kill x"}}, {"One Insert", {"kill x"}}});
-  Start();
-  const fs::path processes = "/proc";
-  const std::string id = std::to_string(Process());
-  const fs::path children = processes / id / "task" / id / "children";
-  int one = 0;
-  for (int tries = 0; one == 0 && tries < 1'000'000; ++tries) std::ifstream(children) >> one;
-  EXPECT_NE(one, 0);
-  EXPECT_EQ(Stop(SIGKILL), -SIGKILL);
-  EXPECT_TRUE(Eventually([&] { return !fs::exists(processes / std::to_string(one) / "exe"); }));
-}
-
-TEST_F(Events, ExtraWatchersEndWhereSigtermIsIgnoredAlsoWhenTheirPipeStaysOpen) {
-  ConfigureWatchers("-sync config Watch|One", {{"Insert", {"kill x"}}, {"One Remove", {out_}}});
-  std::size_t runs = 0;
-  for (const int signal : {SIGINT, SIGKILL}) {
-    Start({"-c", "trap '' TERM; exec " QIXX_PROGRAM}, "/bin/sh");
-    Await("Watch - Running 'One'", ++runs);
-    Lines pipes;
-    for (const fs::path& file :
-         fs::directory_iterator("/proc/" + std::to_string(Process()) + "/fd")) {
-      if (signal == SIGKILL && fs::is_fifo(file)) pipes.push_back(file);
-    }
-    std::vector<std::fstream> held(pipes.begin(), pipes.end());
-    Stop(signal);
-    Await("Watch - Stopping 'One'", runs);
-  }
-}
-
 TEST_F(Events, SignalToAllWatchersLetsEachFinishItsList) {
   Lines remove(20, "/bin/true");
   remove.push_back(out_);
@@ -164,41 +134,18 @@ TEST_F(Events, ExtraWatcherThatWasKilledIsStartedAgain) {
   Await("Watch - Stopped", 2);
 }
 
-TEST_F(Events, ExtraWatchersGoOnWhenTheirParentHasNothingToDo) {
-  ConfigureWatchers("-sync config Watch|One\nWatch One=-sync config One",
-                    {{"One Insert", {in_}}, {"One Remove", {out_}}});
-  EXPECT_EQ(RunToItsEnd(), 0);
-  Await("Watch - Running 'One'");
-  Insert();
-  ::kill(std::stoi(TraceAfter("Helper - Forked process id ").at(0)), SIGTERM);
-  Await("Watch - Stopped", 2);
-}
-
 TEST_F(Events, WatcherWithNothingToDoKeepsItsExtraWatchersBelowAServiceManager) {
   NotifyListener listener(Path("notify"));
   SetVariable("NOTIFY_SOCKET", Path("notify"));
-  SetVariable("WATCHDOG_USEC", "200000");
-  for (const std::string name : {"Main", "Logon"}) {
-    ConfigureWatchers("-sync config " + name + "|Between\nWatch Between=-sync config Empty|One",
-                      {{"Logon Insert", {"kill x"}}, {"One Remove", {out_}}});
-    fs::remove(Path("trace.log"));
-    Start();
-    Await("Watch - Staying for extra watchers", 2);
-    Await("Watch - Running 'One'");
-    EXPECT_THAT(listener.Take(2), ElementsAre("READY=1", "STATUS=Looking after extra watchers"));
-    EXPECT_TRUE(Eventually([&] { return listener.Take(), listener.Signs() != 0; }));
-    if (name == "Main") {
-      ::kill(Forked(), SIGKILL);
-      EXPECT_TRUE(Traced("Watch - Running 'One'", 2)) << "it is started again";
-      ConfigureWatchers("x", {{"Main Insert", {in_}}, {"One Remove", {out_}}});
-      EXPECT_TRUE(Traced("Watch - Running 'Main'")) << "its commands are there now";
-      EXPECT_TRUE(
-          Eventually([&] { return std::ranges::count(listener.Take(), "STATUS=No card") != 0; }));
-    }
-    Stop();
-    Await("Watch - Stopping 'One'", name == "Main" ? 2 : 1);
-    EXPECT_THAT(listener.Take(), ElementsAre("STOPPING=1"));
-  }
+  const Lists lists = {{"One Remove", {out_}}};
+  ConfigureWatchers("-sync config Main|One\nWatch One=-sync config One", lists);
+  Start();
+  Await("Watch - Running 'One'");
+  EXPECT_THAT(listener.Take(2), ElementsAre("READY=1", "STATUS=Looking after extra watchers"));
+  ConfigureWatchers("x", {{"Main Insert", {in_}}, lists.front()});
+  EXPECT_TRUE(Traced("Watch - Running 'Main'")) << "its commands are there now";
+  Stop();
+  Await("Watch - Stopping 'One'");
 }
 
 TEST_F(Events, ExtraWatchersAreLimitedInAWholeTree) {

@@ -6,14 +6,12 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <tuple>
 
-#include "runtime/product.h"
 #include "runtime/replace_file.h"
 #include "runtime/text.h"
 #include "tests/support/environment.h"
@@ -39,18 +37,12 @@ namespace fs = std::filesystem;
 TEST(TempDirectory, IsTheFirstThatIsSetAndFits) {
   const ScopedVariable temp("TEMP", ""), tmp("TMP", "/var/tmp");
   EXPECT_EQ(GetTempDirectory(), "/var/tmp/");
-  InitProductIdentity();
-  EXPECT_TRUE(MakeTempFileName("x").value_or("").starts_with("/var/tmp/~qixx"));
   const std::string fits = "/" + std::string(kMaxText - 2, 'x');
   const ScopedVariable longest("TEMP", fits.c_str());
   EXPECT_EQ(GetTempDirectory(), fits + "/");
   EXPECT_EQ(MakeTempFileName(""), std::nullopt) << "no room for the name";
   const ScopedVariable tooLong("TEMP", (fits + "x").c_str());
   EXPECT_EQ(GetTempDirectory(), "/tmp/");
-  const std::size_t empty = MakeTempFileName("")->size() - GetTempDirectory()->size();
-  const std::string name(kMaxTempName - empty, 'x');
-  EXPECT_NE(MakeTempFileName(name), std::nullopt);
-  EXPECT_EQ(MakeTempFileName(name + "x"), std::nullopt);
 }
 
 TEST(WholeFiles, AreReadWhenRegularAndNotTooLarge) {
@@ -92,7 +84,6 @@ TEST(WholeFiles, AreCopiedWhole) {
   const std::string source = folder.Write("source", std::string(300, 's'));
   const std::string target = folder.Write("target", std::string(400, 't'));
   EXPECT_TRUE(CopyFile(source, target));
-  EXPECT_TRUE(CopyFile(target, target));
   EXPECT_FALSE(CopyFile(folder.Path("none"), target));
   EXPECT_EQ(folder.Read("target"), folder.Read("source")) << "cut, and kept for a missing source";
 }
@@ -104,9 +95,7 @@ TEST(WholeFiles, WhatCannotBeLikeTheOldOneIsWrittenInPlace) {
   const std::tuple<const char*, uid_t, gid_t, mode_t, mode_t, bool> rows[] = {
       {"its own", self, group, 0764, 0764, false},
       {"another owner", 1234, group, 0600, 0600, true},
-      {"a group that may do more", self, 1234, 0764, 0744, true},
-      {"a group that may do less", self, 1234, 0604, 0604, true},
-      {"a group like everybody", self, 1234, 0744, 0744, false}};
+      {"a group that may do more", self, 1234, 0764, 0744, true}};
   for (const auto& [name, owner, itsGroup, mode, copied, inPlace] : rows) {
     SCOPED_TRACE(name);
     const TemporaryFolder folder;
@@ -115,7 +104,6 @@ TEST(WholeFiles, WhatCannotBeLikeTheOldOneIsWrittenInPlace) {
     fs::permissions(file, fs::perms{mode});
     const FilePlace place = FindFile(file).real;
     const Descriptor old = place.Open(O_RDWR);
-    const testing::TraceCapture trace;
     chownAllowed = false;
     EXPECT_TRUE(ReplaceFile(place, old, "newer"));
     EXPECT_TRUE(MakeFile(place.WithSuffix(".org"), "copy", old));
@@ -123,32 +111,10 @@ TEST(WholeFiles, WhatCannotBeLikeTheOldOneIsWrittenInPlace) {
     EXPECT_EQ(folder.Read("file"), "newer");
     const struct stat after = StatusOf(OpenRegular(file, O_RDONLY));
     EXPECT_EQ(after.st_ino == StatusOf(old).st_ino, inPlace);
-    EXPECT_EQ(trace.Has("Helper - Write '" + file +
-                        "' in place, a new file cannot have its owner and rights"),
-              inPlace);
     EXPECT_EQ(after.st_uid, owner);
     EXPECT_EQ(after.st_mode, S_IFREG | mode);
     EXPECT_EQ(fs::status(file + ".org").permissions(), fs::perms{copied});
   }
-}
-
-TEST(WholeFiles, AccessListStaysAndItsMaskIsNotTheGroups) {
-  // Everything for the owner, reading for user 1234, nothing for the group; the mask is to read.
-  const std::string any(4, '\xFF');
-  const std::string list = "\2\0\0\0\1\0\6\0"s + any + "\2\0\4\0\xD2\4\0\0\4\0\0\0"s + any +
-                           "\x10\0\4\0"s + any + "\x20\0\0\0"s + any;
-  constexpr const char* kName = "system.posix_acl_access";
-  const TemporaryFolder folder;
-  const std::string path = folder.Write("file", "old");
-  if (::setxattr(path.c_str(), kName, list.data(), list.size(), 0) != 0) {
-    GTEST_SKIP() << "NOT TESTED: the file system keeps no access lists";
-  }
-  const FilePlace place = FindFile(path).real;
-  EXPECT_TRUE(ReplaceFile(place, place.Open(O_RDWR), "new"));
-  char kept[64];
-  const ssize_t length = ::getxattr(path.c_str(), kName, kept, sizeof kept);
-  EXPECT_EQ(std::string(kept, length < 0 ? 0 : static_cast<std::size_t>(length)), list);
-  EXPECT_EQ(fs::status(path).permissions(), fs::perms{0640});
 }
 
 TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {
@@ -157,27 +123,17 @@ TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {
   folder.Write("x", "no folder");
   fs::create_symlink("../a//b/", folder.Path("a/up"));
   fs::create_symlink(folder.Path("a/up/file"), folder.Path("first"));
-  fs::create_symlink("first", folder.Path("second"));
   fs::create_symlink("round", folder.Path("round"));
   fs::create_symlink("none", folder.Path("a/dangling"));
-  for (const char* const name : {"a/b/file", "a/./b/../b//file", "a/up/file", "first", "second"}) {
+  for (const char* const name : {"a/./b/../b//file", "a/up/file", "first"}) {
     const Descriptor file = FindFile(folder.Path(name)).real.Open(O_RDONLY);
     EXPECT_EQ(ReadToEnd(file, kMaxFileSize), "found") << name;
   }
-  for (const char* const name :
-       {"", "/", "a", "a/b/file/", "a/b/file/x", "x/file", "none/file", "round", "a/dangling"}) {
+  for (const char* const name : {"", "/", "a", "a/b/file/", "x/file", "none/file", "round"}) {
     EXPECT_FALSE(FindFile(folder.Path(name)).real.Open(O_RDONLY).IsOpen()) << name;
   }
   EXPECT_TRUE(FindFile(folder.Path("a/dangling")).real.IsMissing());
   EXPECT_FALSE(FindFile(folder.Path("a/dangling")).named.IsMissing());
-  for (const std::string& nowhere : {""s, folder.Path("none/a"), folder.Path("a/")}) {
-    EXPECT_EQ(FindFile(nowhere).real.Folder(), -1);
-    EXPECT_FALSE(FindFile(nowhere).named.IsMissing());
-  }
-  const testing::TraceCapture trace;
-  static_cast<void>(FindFile(folder.Path("round/file")));
-  EXPECT_TRUE(trace.Has("Helper - Refused '" + folder.Path("round/file") +
-                        "', a path through too many links"));
 }
 
 TEST(WholeFiles, HaveOneName) {
@@ -202,18 +158,10 @@ TEST(Expansion, DropsWhatWouldBeTooLong) {
   EXPECT_EQ(ExpandEnvironment("123456%QIXX_LARGE%"), std::nullopt);
   EXPECT_EQ(ExpandEnvironment("%QIXX_LOOP%"), "%QIXX_LOOP%");
   EXPECT_EQ(ExpandEnvironment("a%%b%unset%c"), "abc");
-  const ScopedVariable known(std::string(97, 'n'), "known"), far(std::string(98, 'n'), "far");
-  EXPECT_EQ(ExpandEnvironment("%" + std::string(97, 'n') + "%"), "known");
-  EXPECT_EQ(ExpandEnvironment("%" + std::string(98, 'n') + "%"), std::nullopt);
 
   EXPECT_EQ(ExpandPath("a////d\\\\\\e//"), "a/d\\e/");
-  EXPECT_EQ(ExpandPath("%InstallLocation%\\%INSTALLLOCATION%"), "/usr/lib/\\/usr/lib/");
   EXPECT_EQ(ExpandPath("%Current%x", false), GetCurrentDirectory() + "x");
   EXPECT_EQ(ExpandPath("http://a//%Current%"), "http://a//%Current%");
-  const std::string bare(kMaxText - std::string_view("/usr/lib/").size(), 'b');
-  EXPECT_EQ(ExpandPath(bare), "/usr/lib/" + bare);
-  EXPECT_EQ(ExpandPath(bare + "b"), bare + "b");
-  EXPECT_EQ(ExpandPath("b", false), "b");
   const std::string fits(kMaxText - std::string_view("/usr/lib//").size(), 'b');
   EXPECT_EQ(ExpandPath("%InstallLocation%/" + fits), "/usr/lib/" + fits);
   EXPECT_EQ(ExpandPath("%InstallLocation%/b" + fits), "%InstallLocation%/b" + fits);

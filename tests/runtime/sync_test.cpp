@@ -33,13 +33,5 @@ TEST(SyncTest, SectionIsRecursiveAndItsOwnersAlone) {
   EXPECT_EQ(shared, 10000);
 }
 
-TEST(SyncTest, CounterStopsAtNought) {
-  CCriticalCounter counter;
-  EXPECT_EQ(counter.Decrement(), std::nullopt);
-  EXPECT_EQ(counter.Increment(), 1U);
-  EXPECT_EQ(counter.Increment(), 2U);
-  EXPECT_EQ(counter.Decrement(), 1U);
-}
-
 }  // namespace
 }  // namespace qixx::runtime

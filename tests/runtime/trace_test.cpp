@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <span>
 
-#include "runtime/clock.h"
 #include "runtime/journal.h"
 #include "runtime/product.h"
 #include "runtime/text.h"
@@ -59,7 +58,6 @@ class TraceTest : public ::testing::Test {
  protected:
   ~TraceTest() override {
     TraceSetCallback(nullptr);
-    TraceSetDelay(0);
     TraceSetFile("");
     // Whole days on, so that the next case finds the size check due and the stamp at zero.
     clockShift = (clockShift / kDay + 2) * kDay;
@@ -118,10 +116,10 @@ TEST_F(TraceTest, WritesDateLineAndStampedLines) {
 
 TEST_F(TraceTest, ChecksTargetNames) {
   const std::string longest = folder_.Path() + std::string(250 - folder_.Path().size(), '/');
-  const std::pair<std::string, bool> rows[] = {
-      {folder_.Path("a.LOG"), true}, {folder_.Path("a.dat"), false},
-      {longest + "5.txt", true},     {longest + "56.txt", false},
-      {"Server,/none stored", true}, {"server2 behind a comma", false}};
+  const std::pair<std::string, bool> rows[] = {{folder_.Path("a.LOG"), true},
+                                               {folder_.Path("a.dat"), false},
+                                               {longest + "5.txt", true},
+                                               {longest + "56.txt", false}};
   for (const auto& [name, accepted] : rows) {
     const testing::TraceCapture trace;
     TraceSetFile(name);
@@ -140,21 +138,10 @@ TEST_F(TraceTest, FormatsArgumentsAndCutsWhatIsTooLong) {
   EXPECT_EQ(last, "[   ab|ab   |a|007|ab]\n");
   TraceWrite("%s '%2s'", null, null);
   EXPECT_EQ(last, "[null] '(null)'\n");
-  TraceWrite("%d%d%d%d%d%d%d%d%.*s%% %s", 1, 2, 3, 4, 5, 6, 7, 8, 1, "ab", null);
-  EXPECT_EQ(last, "12345678a% (null)\n") << "the count steps over ten";
   TraceWrite("%d%d%d%d%d%d%d%d%d%d%%", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10);
   EXPECT_EQ(last, "INTERNAL PROBLEM, TOO MANY ARGUMENTS") << "no line end, as intended";
-  TraceWrite(
-      "0123456789012345678901234567890123456789012345678901234567890123456789"
-      "012345678901234567890123456789012345678901234567890123%-9d",
-      1);
-  EXPECT_EQ(last.substr(last.size() - 5), "23%-\n") << "the format is cut inside a directive";
   TraceWrite("%s", std::string(20'000, 'x').c_str());
   EXPECT_EQ(last, std::string(kMaxTraceLine - 1, 'x') + '\n');
-  TraceSetDelay(30);
-  const std::int64_t before = MonotonicMilliseconds();
-  TraceWrite("one");
-  EXPECT_GE(MonotonicMilliseconds() - before, 30);
 }
 
 TEST_F(TraceTest, EmptiesALargeTargetOnceAnHour) {
