@@ -7,7 +7,6 @@
 #include <regex>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "runtime/text.h"
@@ -119,9 +118,8 @@ WATCH=config Nothing
 [Command]
 Watch=config Watch
 [Watch Insert]
-  2=x => '2' begins with a blank and is not read
 hello => the line is no entry
-1=@/none => entry '1' stands once more; only the last one counts, in line 10
+1=@/none => entry '1' stands once more; only the last one counts, in line 9
 1=@/program
 2 =x => entry '2 ' is not found for its blanks
 3=@/program => entry '3' is never reached; the list ends at the missing '2'
@@ -135,7 +133,6 @@ Backgroud=x => nothing reads entry 'Backgroud' of section 'Watch'; 'Background' 
 [Trace]
 somebody=@/x.log
 watch=@/x.trace => trace file '@/x.trace' has another ending, so nothing is traced
-bridge=x.log => trace file 'x.log' stands in the folder that the service starts in
 File=@/no/x.log => there is no folder '@/no/', so nothing is traced
 [Install]
 Directory=@/no => there is no folder '@/no/'; the folder of 'libqixp11.so' is meant
@@ -145,7 +142,6 @@ Directory=@/no => there is no folder '@/no/'; the folder of 'libqixp11.so' is me
 }
 
 TEST_F(Check, WholeFiles) {
-  Expect("[Install]\nDirectory=@ => there is no 'libqixp11.so' in '@/'\n" + kList);
   Expect("[Admin Utility] => it has section names of an older version\n" + kList);
   Expect("[Command] => nothing is watched; an entry 'Watch'\n[Watch Remove]\n1=@/program\n");
   Expect(R"([Command]
@@ -167,7 +163,6 @@ TEST_F(Check, WatchCommands) {
 -p @/program => '-p' without '-c' makes no keyword form
 -p @/program -c @/none.conf => there is no file '@/none.conf'
 -sync -match "cn=x" config Watch => option '-match' is not read at this place; the order is -match
--match cn=x config Watch => option '-match' has no value in double quotes behind one blank
 -match "cn=x|12345" config => the match 'cn=x|12345' cannot be read, so no card counts
 -snyc config Watch => unknown option '-snyc'; '-sync' is meant
 )",
@@ -178,11 +173,9 @@ TEST_F(Check, CommandsOfAList) {
   ExpectEach(kInsert + "1=",
              R"(@/program -pin 1234 => entry '1' looks like a secret, and others may read the file
 program => program 'program' has no path, and none is searched; '@/program' is meant
-~/program => program '~/program' is taken as it stands, for there is no shell
 @/none => there is no program '@/none'
 parallel @/plain => program '@/plain' is not executable
 @/program "x => a double quote is not closed
-@/program 'b' => single quotes hold nothing together: ''b''
 @/program && => '&&' is an argument like any other, for there is no shell
 @/program > @/none/x => file '@/none/x' may not be written
 %UPN% x => a placeholder begins the command, so the card decides what is started
@@ -191,13 +184,11 @@ parallel @/plain => program '@/plain' is not executable
 /bin/sh -c "echo %UPN%" => a placeholder stands behind '-c', where a shell and its like take a script
 /usr/bin/env bash -ec +x "echo %UPN%" => a placeholder stands behind '-ec', where
 @/program > "@/%UPN%" => the output's path holds a placeholder, so the card decides which file
-set -confg @/mail.conf -config @/mail.conf => 'set' knows no option '-confg'; '-config' is meant
 set -config "@/%UPN%.conf" => the file's path holds a placeholder, so the card decides which file
 set -config @/saved.conf => saved copy '@/saved.conf.org' is a link or no readable file
 load @/lib/libqixp11.so,Function => 'load' needs a comma behind the library and a blank
 load @/%UPN%,Function x => the library's path holds a placeholder, so the card decides what
 @/program|{site}||@/program => condition '{site}' is not defined and never holds
-@/program || echo => what stands behind '@/program ' is never taken
 )");
 }
 
@@ -212,9 +203,6 @@ Watch Door=config {51} => watcher '{51}' has a name that is too long
 [Watch Remove]
 1=/bin/true {246} => entry '1' has 256 characters and is cut; at most 255
 )");
-  EXPECT_EQ(Told(Run(kInsert + List("@/program", 2001))).at(0),
-            "1: the list 'Watch Insert' has more commands than are checked; the first 2000 were");
-  EXPECT_EQ(Told(Run(kInsert + List("x", 1500))).back(), "And 500 more.");
   // The last section counts, also where it is not checked.
   EXPECT_THAT(Told(Run(kInsert + "1=@/none\n[General]\n" + List("x", 100'000) + kList)),
               ElementsAre("1: it has more lines than are checked; the first 100000 were"));
@@ -274,12 +262,10 @@ Watcher 'Gate' (@/x.conf:9)
   EXPECT_EQ(Run("[Pkcs11]\nModule=x\n").exitCode, 0) << "for the bridge in other programs";
 }
 
-TEST_F(Check, SecretsAreForTheOwnerAloneAndNeverShown) {
+TEST_F(Check, SecretsAreForTheOwnerAlone) {
   const std::string text = kInsert + "1=@/program -pin 1234\n";
   EXPECT_THAT(Told(Run(text, 0600)), IsEmpty());
   EXPECT_THAT(Told(Run(text, 0640)), SizeIs(1));
-  EXPECT_THAT(Run(text).output, HasSubstr("-pin ****"));
-  EXPECT_THAT(Run(text).output, Not(HasSubstr("1234")));
 }
 
 /// The word PIN is the secret in each of these, wherever quotes and blanks cut it into words.
@@ -290,11 +276,9 @@ TEST_F(Check, NoPartOfASecretIsQuoted) {
   const char* const options[] = {R"(-password "PIN"z)",
                                  R"(-pin PIN"C D")",
                                  "-pin\tPIN\"x",
-                                 R"("-x -sopin PIN b"c)",
                                  "-pin %USERNAMPIN%",
                                  R"(-pin "x%OID.PIN y")",
                                  "-pin -PIN",
-                                 R"(-pin "PIN" -puk 'PIN)",
                                  R"(-pin "x|{PIN}||PIN"y)",
                                  R"(-confg x -pin "-confg PIN)",
                                  R"(-pin "-config PIN)"};
@@ -336,36 +320,10 @@ qix:Watch Insert:2:1: the value has 512 characters and counts for nothing; at mo
 )"));
 }
 
-TEST_F(Check, WhatCannotBeReadIsSaidWithItsReason) {
-  ::mkfifo(folder_.Path("pipe").c_str(), 0600);
-  const std::pair<std::string, const char*> rows[] = {
-      {folder_.Path("none"), "No such file or directory"},
-      {folder_.Path("pipe"), "no regular file"},
-      {folder_.Write("x.edb", "[Command]\n"), "its text cannot be read"},
-      {std::string(300, 'x'), "its path has more than 255 characters"},
-  };
-  for (const auto& [file, reason] : rows) {
-    const watch::CheckResult result = watch::CheckConfiguration({&file, 1});
-    EXPECT_EQ(result.exitCode, 2) << file;
-    EXPECT_THAT(result.errors, HasSubstr(std::string(" cannot be read: ") + reason + "\n"));
-  }
-}
-
-/// The configurations that the texts print: what they name may be missing here, and nothing else.
-TEST_F(Check, PrintedConfigurationsHaveNoMistakes) {
-  const std::string source = QIXX_SOURCE_DIR "/";
-  std::vector<std::string> texts;
-  for (const char* file : {"README.md", "docs/real-cards.md", "docs/recipes.md"}) {
-    static const std::regex kBlock("\n```ini\n([^`]*\n\\[Watch [^`]*)");
-    const std::string page = TemporaryFolder::ReadFile(source + file);
-    for (std::sregex_iterator block(page.begin(), page.end(), kBlock), end; block != end; ++block) {
-      texts.push_back(block->str(1));
-    }
-  }
-  for (const auto& sample : fs::directory_iterator(source + "packaging/samples")) {
-    texts.push_back(TemporaryFolder::ReadFile(sample.path().string()));
-  }
-  for (std::string text : texts) {
+/// What they name may be missing here, and nothing else.
+TEST_F(Check, SamplesHaveNoMistakes) {
+  for (const auto& sample : fs::directory_iterator(QIXX_SOURCE_DIR "/packaging/samples")) {
+    std::string text = TemporaryFolder::ReadFile(sample.path().string());
     std::erase(text, '@');
     EXPECT_THAT(Told(Run(text)), Each(HasSubstr(": there is no "))) << text;
   }
@@ -373,6 +331,10 @@ TEST_F(Check, PrintedConfigurationsHaveNoMistakes) {
 
 TEST_F(Check, HostileFilesEndSoonWithABoundedAnswer) {
   using namespace std::string_literals;
+  const std::string pipe = folder_.Path("pipe");
+  ::mkfifo(pipe.c_str(), 0600);
+  EXPECT_EQ(watch::CheckConfiguration({&pipe, 1}).errors,
+            "qixxwatch: " + pipe + " cannot be read: no regular file\n");
   std::string terms = "1=a";
   for (int i = 0; i < 100'000; ++i) terms += "|{x}||b";
   for (const std::string& text :

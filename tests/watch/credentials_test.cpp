@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "tests/support/fake_card.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"

@@ -89,7 +89,7 @@ struct LoopRun : TraceCapture {
     std::string told;
     for (const std::string& line : Lines()) {
       EXPECT_EQ(line.find("4711"), line.npos) << line;
-      const bool counts = line.find("onnected") != line.npos || line.find("Logon s") != line.npos;
+      const bool counts = line.find("onnected") != line.npos;
       if (counts) told += line.substr(std::string_view("Watch - ").size()) + ";";
     }
     return told;
@@ -151,7 +151,6 @@ TEST_F(EventTable, GateOfAnInsertAsksForTheCardThreeTimesASecond) {
   const std::tuple<const char*, const char*, std::size_t, bool, std::size_t> rows[] = {
       {"the card stays", "cn=ann lee", 0, false, 6},
       {"pulled meanwhile", "cn=ann lee", 2, false, 2},
-      {"without a match nobody asks", "", 2, false, 6},
       {"the process is to stop", "", 0, true, 1},
   };
   for (const auto& [why, match, pulled, stops, sleeps] : rows) {
@@ -246,10 +245,6 @@ TEST(SlotLoop, EventsConnectAndDisconnect) {
        true,
        {{0, {{1}}}, {4, {{1}, {4}}}, {1, {{4}}}, {4, {}}},
        "Connected slot 1;Already connected;Disconnected slot 1;"},
-      {"up to 96 the first slots of groups count",
-       false,
-       {{0, {}}, {97, {{97}}}, {95, {}}, {97, {}}},
-       "Disconnected slot 0;Connected slot 97;Disconnected slot 97;"},
   };
   for (const auto& [why, sync, polls, told] : rows) {
     EXPECT_EQ(Watch(sync, polls, "x -pin 4711"), told) << why;
@@ -274,7 +269,6 @@ TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
 
 /// In a process of its own, whose library wants the signals for itself.
 [[noreturn]] void StopInSpiteOfTheLibrary() {
-  ::signal(SIGHUP, SIG_IGN);
   watch::InstallStopHandlers();
   FakeCard card;
   card.List().C_Initialize = [](auto...) -> CK_RV {
@@ -287,10 +281,8 @@ TEST(SlotLoop, LibraryThatComesUpLateLosesNoCard) {
   const FakeModule module(QIXX_FAKE_PLAIN, CKR_OK, &card.List());
   pkcs11::Pkcs11().SetLibraryPath(QIXX_FAKE_PLAIN);
   watch::SystemCardReader().Initialise();
-  ::raise(SIGHUP);
-  const bool isEarly = watch::StopRequested();
   ::raise(SIGTERM);
-  ::_exit(!isEarly && watch::StopRequested() ? 0 : 1);
+  ::_exit(watch::StopRequested() ? 0 : 1);
 }
 
 TEST(SlotLoop, LibraryThatTakesTheSignalsKeepsTheServiceFromNoEnd) {
@@ -347,23 +339,6 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   watch::CardMark("Watch", "one command").Set();
   EXPECT_FALSE(watch::CardMark("Watch", "another").IsSet());
   EXPECT_TRUE(watch::CardMark("Watch", "one command").IsSet());
-}
-
-/// In a process of its own, with the mark of a card that is still in.
-[[noreturn]] void StopInTheFirstPoll() {
-  Scripted machine(Polls{{0, {{1}}}});
-  machine.reader.inPoll = [](watch::PolledEvent&) { watch::RequestStop(); };
-  const LoopRun run(machine, Record("config", 1));
-  const bool acted = run.Has("Watch - Remove event ...") || run.Has("Watch - Inserted event ...");
-  ::_exit(acted ? 1 : 0);
-}
-
-TEST(SlotLoop, StopThatComesFirstLeavesTheCardToTheNextStart) {
-  const TemporaryFolder folder;
-  const ScopedVariable directory("RUNTIME_DIRECTORY", folder.Path().c_str());
-  EXPECT_EQ(Watch(true, {{1, {{1}}}}), "Connected slot 1;");
-  EXPECT_EXIT(StopInTheFirstPoll(), ::testing::ExitedWithCode(0), "");
-  EXPECT_EQ(Watch(true, {{0, {}}}), "Disconnected slot 0;") << "the mark has stayed";
 }
 
 int OpenOne() {
@@ -467,20 +442,6 @@ TEST_F(EventTable, ParallelCommandThatAStopCutsOffIsLeftToTheNextStart) {
   }
 }
 
-TEST_F(EventTable, RemovalOfTheKeywordFormIsTriedAgainAsAWhole) {
-  watch::CWatchOptions record = Record("", 7);
-  record.program = "/bin/true";
-  record.configFile = folder_.Write("a.conf", "[S]\nUsername=ann\n");
-  Scripted desk(kCardThatGoes);
-  desk.clock.inSleep = [&desk] {
-    if (desk.clock.slept.size() == 1) syncsToFail = 3;
-  };
-  const LoopRun run(desk, record);
-  EXPECT_EQ(run.Count("Watch - Remove event ..."), 4U);
-  EXPECT_EQ(folder_.Read("a.conf"), "[S]\nUsername=\nDomain=\n");
-  EXPECT_EQ(folder_.Read("a.conf.org"), "[S]\nUsername=ann\n");
-}
-
 TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
   // What the file is meanwhile ("-" for missing; it may also be no more than the mark of an
   // encoding), the round that finds it again and the next card. The second round removes, and looks
@@ -554,24 +515,6 @@ TEST(SlotLoop, DescriptorOfTheLibraryEndsPausesEarlyUnlessItStaysReadable) {
     EXPECT_EQ(machine.clock.slept.size(), kRounds);
     EXPECT_EQ(machine.clock.endedEarly, early) << why;
   }
-}
-
-TEST(SlotLoop, LogonVariantFollowsTheUsersCard) {
-  // The fourth round takes an event of another slot, one of a card that stayed and one of a card
-  // that was swapped.
-  const Token hers = {4, "ann", "hers"};
-  Scripted machine(
-      Polls{{0, {{1}}}, {4, {{1}, hers}}, {1, {{1}, hers}}, {4, {{1}, hers}}, {4, {{1}, {4}}}});
-  watch::CWatchOptions record = Record("kill nothing", 5);
-  record.section = "LOGON";
-  EXPECT_EQ(LoopRun(machine, record).Slots(), "") << "nobody is logged on";
-  machine.user.name = "ann";
-  machine.clock.inSleep = [&machine] {
-    machine.user.record = watch::LogonRecord{{'a', 'n', 'n'}, {'h', 'e', 'r', 's'}};
-  };
-  EXPECT_EQ(LoopRun(machine, record).Slots(),
-            "Logon slot not found;Logon slot 4 inserted;Logon slot 4 removed;Logon slot not found;")
-      << "the first round has no answer";
 }
 
 }  // namespace

@@ -2,52 +2,19 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
-#include <tuple>
-#include <vector>
 
 #include "der/names.h"
+#include "runtime/text.h"
 #include "tests/support/json.h"
-#include "tests/support/recipes.h"
 #include "watch/card_text.h"
-#include "watch/certificate_selection.h"
 #include "watch/list.h"
 
 namespace qixx::testing {
 namespace {
-
-TEST(Selection, SaysWhyTheOthersAreNotTaken) {
-  using enum watch::Verdict;
-  const Recipe logon;
-  const Recipe forLogonUnnamed{.alternativeNames = ""};
-  const Recipe named{.extensions = ""};
-  const Recipe mailed{
-      .subject = Part(der::kEmailAttribute, "ann@mail"), .alternativeNames = "", .extensions = ""};
-  const Recipe nameless{.subject = Part("cn", "Bob"), .alternativeNames = "", .extensions = ""};
-  const std::tuple<const char*, std::vector<Recipe>, std::vector<watch::Verdict>> rows[] = {
-      {"",
-       {named, forLogonUnnamed, logon, nameless, logon},
-       {kNotForLogon, kWithoutName, kTaken, kNotForLogon, kBehindTaken}},
-      {"cn=no", {nameless, mailed, named}, {kWithoutNames, kTaken, kBehindTaken}},
-      {"cn=ann lee|FF", {nameless, named, logon}, {kNotMatching, kNotForLogon, kTaken}},
-      {"cn=ann lee|01", {named}, {kNotForLogon}},
-      {"", {}, {}},
-  };
-  for (const auto& [text, recipes, verdicts] : rows) {
-    SCOPED_TRACE(text);
-    std::vector<der::CertificatePtr> certificates;
-    for (const Recipe& recipe : recipes) {
-      certificates.push_back(der::LoadCertificate(BytesOf(recipe.Build())));
-      certificates.back()->slot = certificates.back()->rawSlot = 1;
-    }
-    const watch::CredentialMatch match = watch::SelectionMatch(text);
-    const auto selection = watch::SelectCertificate(certificates, match);
-    EXPECT_EQ(watch::JudgeCertificates(certificates, match, selection), verdicts);
-    EXPECT_EQ(selection.has_value(), std::ranges::find(verdicts, kTaken) != verdicts.end());
-  }
-}
 
 /// One of everything, its texts by somebody who means harm.
 watch::Listing ListingOf(const std::string& text) {

@@ -37,12 +37,20 @@ bool HasFailed() {
   return std::exchange(allocationsLeft, -1) < 0;
 }
 
-TEST(WatchMemory, EndsInOrderWhereverItRunsOut) {
-  const TemporaryFolder folder;
-  const std::string path = folder.Write(
-      "system.conf", "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=close x\n");
-  const ScopedVariable global("qixconfigglobal", path.c_str());
-  runtime::TraceSetCallback(&CountLine);
+class WatchMemory : public ::testing::Test {
+ protected:
+  WatchMemory() {
+    runtime::InitProductIdentity();
+    runtime::TraceSetCallback(&CountLine);
+  }
+  ~WatchMemory() override { runtime::TraceSetCallback(nullptr); }
+
+  const TemporaryFolder folder_;
+  const ScopedVariable global_{"qixconfigglobal", folder_.Path("system.conf").c_str()};
+};
+
+TEST_F(WatchMemory, EndsInOrderWhereverItRunsOut) {
+  folder_.Write("system.conf", "[Command]\nWatch=-sync config Watch\n[Watch Insert]\n1=close x\n");
   for (const bool isExtra : {false, true}) {
     int failedBehindStart = 0;
     bool hasFailed = true;
@@ -65,17 +73,11 @@ TEST(WatchMemory, EndsInOrderWhereverItRunsOut) {
     EXPECT_EQ(started, 1);
     EXPECT_GT(failedBehindStart, 20);
   }
-  runtime::TraceSetCallback(nullptr);
 }
 
-TEST(WatchMemory, KeepsNoCommandOfARemovalFromBeingRun) {
-  const TemporaryFolder folder;
-  const std::string path = folder.Write(
-      "system.conf",
-      "[Watch Remove]\n1=load /nonexistent/library,function arguments\n2=kill nothing\n");
-  const ScopedVariable global("qixconfigglobal", path.c_str());
-  runtime::InitProductIdentity();
-  runtime::TraceSetCallback(&CountLine);
+TEST_F(WatchMemory, KeepsNoCommandOfARemovalFromBeingRun) {
+  folder_.Write("system.conf",
+                "[Watch Remove]\n1=load /nonexistent/library,function arguments\n2=kill nothing\n");
   for (const bool isSection : {true, false}) {
     watch::CWatchOptions record = Record(isSection ? "config" : "kill nothing", 4);
     record.match = "a text that is too long for a string without an allocation";
@@ -95,16 +97,10 @@ TEST(WatchMemory, KeepsNoCommandOfARemovalFromBeingRun) {
       ASSERT_TRUE(isSection || removed == 1) << count;
     }
   }
-  runtime::TraceSetCallback(nullptr);
 }
 
-TEST(WatchMemory, KeepsNoCardWhoseCommandsRanFromBeingConnected) {
-  const TemporaryFolder folder;
-  const std::string path = folder.Write(
-      "system.conf", "[Watch Insert]\n1=load /nonexistent/library,function arguments\n");
-  const ScopedVariable global("qixconfigglobal", path.c_str());
-  runtime::InitProductIdentity();
-  runtime::TraceSetCallback(&CountLine);
+TEST_F(WatchMemory, KeepsNoCardWhoseCommandsRanFromBeingConnected) {
+  folder_.Write("system.conf", "[Watch Insert]\n1=load /nonexistent/library,function arguments\n");
   watch::CWatchOptions record = Record("config", 2);
   bool hasFailed = true;
   for (int count = 0; hasFailed; ++count) {
@@ -119,13 +115,11 @@ TEST(WatchMemory, KeepsNoCardWhoseCommandsRanFromBeingConnected) {
     ASSERT_GE(removals, called) << count;
   }
   EXPECT_EQ(called, 1);
-  runtime::TraceSetCallback(nullptr);
 }
 
-TEST(WatchMemory, IsNotNeededForASignOfLifeWhichWaitsForNobody) {
-  const TemporaryFolder folder;
-  NotifyListener listener(folder.Path("notify"));
-  const ScopedVariable socket("NOTIFY_SOCKET", folder.Path("notify").c_str());
+TEST_F(WatchMemory, IsNotNeededForASignOfLifeWhichWaitsForNobody) {
+  NotifyListener listener(folder_.Path("notify"));
+  const ScopedVariable socket("NOTIFY_SOCKET", folder_.Path("notify").c_str());
   watch::ServiceManager manager = watch::ServiceManager::TakeFromEnvironment();
   // The system's queue takes a few thousand at most.
   for (int sent = 0; sent < 10'000; ++sent) manager.Ready();

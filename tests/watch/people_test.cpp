@@ -80,17 +80,11 @@ TEST(People, AllTextsNameTheSameOptions) {
   const std::string manual = std::regex_replace(Source("docs/qixxwatch.1"), std::regex("\\\\"), "");
   const std::string help = watch::HelpText();
   const std::string bash = Source("packaging/completions/qixxwatch.bash");
-  const std::string zsh = Source("packaging/completions/_qixxwatch");
-  const std::string fish = Source("packaging/completions/qixxwatch.fish");
   for (const std::string& name : known) {
     EXPECT_THAT(help, HasSubstr(name));
     EXPECT_THAT(manual, ContainsRegex("\n\\.TP\n[^\n]*" + name)) << "a paragraph of its own";
     if (name == "-h" || name == "-V") continue;  // nobody needs help to type these
     EXPECT_THAT(bash, HasSubstr(name));
-    EXPECT_THAT(zsh, HasSubstr("'" + name + ":"));
-    const bool isLong = name.starts_with("--");
-    const std::string kind = isLong ? "-l " : name.size() == 2 ? "-s " : "-o ";
-    EXPECT_THAT(fish, HasSubstr(kind + name.substr(isLong ? 2 : 1) + " "));
   }
 }
 

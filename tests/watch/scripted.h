@@ -65,9 +65,9 @@ class ScriptedReader final : public watch::CardReader {
     std::ranges::transform(tokens, std::back_inserter(slots), &Token::slot);
     return slots;
   }
-  bool HasReader() override { return hasReader; }
+  bool HasReader() override { return true; }
   bool ShowsToken(CK_SLOT_ID slot) override { return Find(slot) != nullptr; }
-  bool IsTokenReadable(CK_SLOT_ID slot) override { return Find(slot) != nullptr && readable; }
+  bool IsTokenReadable(CK_SLOT_ID slot) override { return Find(slot) != nullptr; }
   std::optional<watch::SlotDescription> Description(CK_SLOT_ID slot) override {
     const Token* const token = Find(slot);
     if (token == nullptr) return std::nullopt;
@@ -87,19 +87,14 @@ class ScriptedReader final : public watch::CardReader {
                         std::optional<CK_SLOT_ID> /*slot*/) override {
     return !tokens.empty() && matches;
   }
-  bool HoldsCertificate(CK_SLOT_ID slot, der::Bytes certificate) override {
-    const Token* const token = Find(slot);
-    return token != nullptr && token->certificate == runtime::AsText(certificate);
-  }
+  bool HoldsCertificate(CK_SLOT_ID /*slot*/, der::Bytes /*certificate*/) override { return false; }
   std::optional<std::string> TokenVariable(CK_SLOT_ID /*slot*/, std::string_view name) override {
     return name == "ActiveLogonUPN" ? activeLogon : std::nullopt;
   }
 
   bool initialised = true;
   bool comesUp = false;  ///< a library that is not initialised can be
-  bool readable = true;
-  bool matches = true;  ///< any subject
-  bool hasReader = true;
+  bool matches = true;   ///< any subject
   std::optional<std::string> activeLogon;
   std::vector<Token> tokens;
   std::size_t polled = 0;  ///< as the script says
@@ -136,13 +131,11 @@ class ScriptedClock final : public watch::Clock {
   bool readable = false;
 };
 
-/// Somebody who is logged on or not, with what is recorded for them.
+/// Nobody is logged on.
 class ScriptedUser final : public watch::LogonUser {
  public:
-  std::optional<std::string> Name() override { return name; }
-  std::optional<watch::LogonRecord> Record(const std::string& /*user*/) override { return record; }
-  std::optional<std::string> name;
-  std::optional<watch::LogonRecord> record;
+  std::optional<std::string> Name() override { return {}; }
+  std::optional<watch::LogonRecord> Record(const std::string& /*user*/) override { return {}; }
 };
 
 /// A platform of scripted parts.

@@ -3,7 +3,8 @@
 
 #include <gmock/gmock.h>
 
-#include <optional>
+#include <algorithm>
+#include <string>
 #include <thread>
 
 #include "tests/support/environment.h"
@@ -59,23 +60,6 @@ TEST_F(ServiceManagerTest, IsToldOfTheRun) {
                           "STATUS=No card", "STOPPING=1"));
   EXPECT_GE(signs, 20U) << "of a second, at least one in 40 ms";
   EXPECT_LE(*std::ranges::max_element(machine.clock.slept), 10U);
-}
-
-TEST_F(ServiceManagerTest, IsToldWhyThereIsNoCard) {
-  NotifyListener listener(path_);
-  Scripted machine;
-  machine.manager = Manager(path_);
-  machine.reader.hasReader = false;
-  machine.clock.inSleep = [&machine] {
-    machine.reader.initialised = machine.clock.slept.size() < 20;
-  };
-  watch::CWatchOptions record = Record("", 100, false);
-  watch::WatchSlots(record, machine.platform);
-  EXPECT_THAT(listener.Take(),
-              ElementsAre("READY=1", "STATUS=No reader",
-                          "STATUS=The PKCS#11 library is missing, or does not start"));
-  EXPECT_EQ(listener.Signs(), 0U) << "no time was named";
-  EXPECT_EQ(machine.clock.slept.size(), 100U);
 }
 
 TEST_F(ServiceManagerTest, HasNoUseForOthersTimes) {
