@@ -11,7 +11,6 @@
 #include "fuzz/fuzz.h"
 #include "runtime/spare_text.h"
 #include "tests/support/recipes.h"
-#include "tests/support/trace_capture.h"
 
 namespace qixx::testing {
 namespace {
@@ -30,17 +29,12 @@ TEST(FormatName, WritesEveryKindOfValue) {
   const std::string two =
       Part("2.5.4.11", "a+b").substr(2) + Part("2.5.4.7", "K\u00f6ln").substr(2);
   const std::tuple<const char*, std::string, std::string> rows[] = {
-      {"last, first and title",
-       Part("2.5.4.4", "Lee") + Part("2.5.4.42", "Ann") + Part("2.5.4.12", "Dr"),
-       "s=Lee,g=Ann,t=Dr"},
       {"two attributes in one part", Part("2.5.4.6", "DE", 0x13) + Der(0x31, two),
        "c=DE,ou=a\\+b,2.5.4.7=K\u00f6ln"},
       {"Latin-1", Part("2.5.4.10", "\xC4", 0x14), "o=\u00c4"},
       {"broken UTF-8", Part("o", "a\xFF\xC0\xAFz\xE2\x82"), "o=a\uFFFD\uFFFD\uFFFDz\uFFFD\uFFFD"},
       {"surrogate, overlong", Part("o", "\xED\xA0\x80 \xE0\x9F\xBF"), "o=" + bad3 + " " + bad3},
-      {"overlong by one", Part("o", "\xF0\x8F\xBF\xBF,"), "o=" + bad3 + "\uFFFD\\,"},
       {"surrogates in BMPString", Part("o", bmp, 0x1E), "o=\\,\U0001F600\uFFFDA\uFFFD"},
-      {"past Unicode", Part("o", FromHex("0001F600 00110000"), 0x1C), "o=\U0001F600\uFFFD"},
       {"no text", Part("o", FromHex("00FF2C"), 0x03), "o=#030300FF2C"},
       {"zero byte", Part("o", std::string("a\0b", 3)), std::string("o=a\0b", 5)},
       {"unreadable type", badType + Part("o", "") + Part("2.5.4.3", "B"), "o=,cn=B"},
@@ -86,11 +80,8 @@ TEST(GetLogonValues, FollowsTheNames) {
   const std::tuple<const char*, std::string, std::string, std::string> rows[] = {
       {"zero byte", "", OtherName(der::kUserPrincipalName, zero), zero},
       {"behind other kinds", "", Der(0x82, "x") + mail + upn + other, "u"},
-      {"behind another other-name", "", other + upn, ""},
       {"empty", "", OtherName(der::kUserPrincipalName, "") + mail + Der(0x81, "n@x"), "m@x"},
       {"e-mail to its first comma", Part(der::kEmailAttribute, "a+b ,c@x", 0x16), mail, "a+b "},
-      {"blank behind", Part(der::kEmailAttribute, "a@x ", 0x16) + Part("cn", "Ann"), mail, "a@x "},
-      {"empty e-mail in the subject", Part(der::kEmailAttribute, "", 0x16), mail, ""},
       {"e-mail posing in a value", Part("cn", "x,1.2.840.113549.1.9.1=x@y"), "", ""},
   };
   for (const auto& [name, subject, names, logonName] : rows) {
@@ -111,7 +102,6 @@ TEST(GetLogonValues, GivesAllOfThemUncut) {
             "|c=DE|2A");
   EXPECT_EQ(ask(Recipe{.extensions = ""}.Build(), true), "||") << "for another purpose";
   EXPECT_EQ(ask(Recipe{.extensions = ""}.Build(), false).substr(0, 4), "ann@");
-  EXPECT_EQ(ask("\x31", false), "none");
 }
 
 TEST(Usages, AreListedByBitAndByIdentifier) {
@@ -119,7 +109,6 @@ TEST(Usages, AreListedByBitAndByIdentifier) {
       rows[] = {{"03020780", "300B06032A030404010006012A", {0}, {"1.2.3.4", "1.2"}},
                 {"030307FF80", "3000", {0, 1, 2, 3, 4, 5, 6, 7, 8}, {}},
                 {"0305000180FFFF", "06012A", {7, 8}, {}},  // more bits than have a name
-                {"030100", "", {}, {}},
                 {"03", "3003060301", {}, {}}};
   for (const auto& [bits, purposes, usages, identifiers] : rows) {
     const der::CertificatePtr holder =
@@ -128,19 +117,13 @@ TEST(Usages, AreListedByBitAndByIdentifier) {
     EXPECT_EQ(der::GetKeyUsages(holder->certificate), usages) << bits;
     EXPECT_EQ(der::GetExtendedKeyUsages(*holder), identifiers) << purposes;
   }
-  const std::string critical = Oid("2.5.29.37") + FromHex("0101FF") +
-                               Der(0x04, Der(0x30, Oid("1.2.3") + Oid("1.3.6.1.4.1.311.20.2.2")));
-  EXPECT_TRUE(
-      der::HasExtendedKeyUsage(*Load({.extensions = Der(0x30, critical)}), der::kSmartCardLogon));
 }
 
 TEST(TimeText, IsReadable) {
-  const std::pair<const char*, const char*> rows[] = {{"491231235959Z", "2049-12-31T23:59:59Z"},
-                                                      {"500101000000Z", "1950-01-01T00:00:00Z"},
-                                                      {"20500101000000Z", "2050-01-01T00:00:00Z"}};
-  for (const auto& [encoded, text] : rows) EXPECT_EQ(der::TimeText(encoded), text);
-  for (const char* const other :
-       {"2050010100000Z", "50010100000xZ", "500101000000ZZ", "500101000000+0100", "Z", ""}) {
+  EXPECT_EQ(der::TimeText("491231235959Z"), "2049-12-31T23:59:59Z");
+  EXPECT_EQ(der::TimeText("500101000000Z"), "1950-01-01T00:00:00Z");
+  EXPECT_EQ(der::TimeText("20500101000000Z"), "2050-01-01T00:00:00Z");
+  for (const char* const other : {"50010100000xZ", "500101000000+0100", ""}) {
     EXPECT_EQ(der::TimeText(other), other);
   }
 }
@@ -158,35 +141,21 @@ TEST(LoadCertificate, TakesDerAndBase64) {
   }
 }
 
-TEST(LoadCertificate, TellsWhatIsWrong) {
-  const std::string good = Recipe().Build(), info = Recipe().Info(), ours = "DerCertificate - ";
-  const std::string length = "Der - Invalid length encoding", get = ours + "Failed to get ";
-  using Lines = std::vector<std::string>;
-  const std::tuple<const char*, std::string, bool, Lines> rows[] = {
-      {"other first byte", "\x31\x03\x02\x01\x01", false, {}},
-      {"0x30 alone", "\x30", true, {ours + "Bad certificate value"}},
-      {"too short", FromHex("30050000"), false,
-       Lines{length, length, ours + "Failed to decode top sequence (4 bytes)"}},
-      {"a fourth part", Recipe().Build("\x05\x01z"), false, {ours + "3 bytes ignored at end"}},
-      {"info alone", Der(0x30, info), false,
-       Lines{length, get + "signature algorithm", length, get + "signature"}},
-      {"half a validity", Recipe{.notAfter = ""}.Build(), false, {}},
-      {"signature of another tag", Der(0x30, info + FromHex("3000 0400")), false, {}},
-      {"last bytes missing", good.substr(0, good.size() - 2), true, {}},
+TEST(LoadCertificate, RefusesWhatIsNone) {
+  const std::string good = Recipe().Build(), info = Recipe().Info();
+  const std::tuple<const char*, std::string, bool> rows[] = {
+      {"other first byte", "\x31\x03\x02\x01\x01", false},
+      {"0x30 alone", "\x30", true},
+      {"too short", FromHex("30050000"), false},
+      {"a fourth part", Recipe().Build("\x05\x01z"), false},
+      {"info alone", Der(0x30, info), false},
+      {"half a validity", Recipe{.notAfter = ""}.Build(), false},
+      {"signature of another tag", Der(0x30, info + FromHex("3000 0400")), false},
+      {"last bytes missing", good.substr(0, good.size() - 2), true},
   };
-  for (const auto& [name, value, loads, lines] : rows) {
-    TraceCapture trace;
+  for (const auto& [name, value, loads] : rows) {
     EXPECT_EQ(der::LoadCertificate(BytesOf(value)) != nullptr, loads) << name;
-    EXPECT_EQ(trace.Lines(), lines) << name;
   }
-}
-
-TEST(CDerCert, Keeps32Extensions) {
-  Recipe recipe{.extensions = ""};
-  for (int i = 0; i < 32; ++i) recipe.extensions += Extension("1.2.3." + std::to_string(i), "v");
-  const der::CertificatePtr holder = Load(recipe);
-  EXPECT_EQ(runtime::AsText(holder->certificate.GetExtension("1.2.3.31")), "\x04\x01v");
-  EXPECT_EQ(LogonName(holder, false, true), "") << "the 33rd";
 }
 
 TEST(CDerCert, HasBothTimesOrNoneAndExpiresByUtcTimeOnly) {
@@ -196,7 +165,6 @@ TEST(CDerCert, HasBothTimesOrNoneAndExpiresByUtcTimeOnly) {
       {"250101000000Z", 0x17, "200101000000Z 250101000000Z", true},
       {"991231235959Z", 0x17, "200101000000Z 991231235959Z", false},
       {"20150101000000Z", 0x18, "200101000000Z 20150101000000Z", false},
-      {"1501010000+00", 0x17, "200101000000Z 1501010000+00", false},
       {longest, 0x18, "200101000000Z " + longest, false},
       {longest + "1", 0x18, " ", false},
       {"", 0x17, " ", false}};
@@ -208,24 +176,6 @@ TEST(CDerCert, HasBothTimesOrNoneAndExpiresByUtcTimeOnly) {
   }
 }
 
-TEST(CertificateHolder, KeepsIdentifiersOfUpTo64Bytes) {
-  const std::vector<std::uint8_t> longest(64, 7), tooLong(65, 8);
-  der::CertificateHolder holder;
-  holder.SetKeyIdentifier(longest);
-  holder.SetKeyIdentifier(tooLong);
-  EXPECT_EQ(holder.keyIdentifier, longest);
-}
-
-TEST(MatchCertificate, EveryGivenThingMustHold) {
-  const std::string text = Recipe().Build(), usage = FromHex("040403020780");
-  const der::Bytes value = BytesOf(text), serial = BytesOf("\x02\x01\x2A");
-  EXPECT_TRUE(der::MatchCertificate(value, serial, "o=tessaly", "cn=Ann Lee", BytesOf(usage)));
-  EXPECT_FALSE(der::MatchCertificate(value, serial.last(1), "", "", {})) << "without its header";
-  EXPECT_FALSE(der::MatchCertificate(value, {}, "", "cn=Card CA", {}));
-  EXPECT_FALSE(der::MatchCertificate(value, {}, "", "", serial));
-  EXPECT_TRUE(der::MatchCertificate(BytesOf("0abc"), serial, "x", "x", serial)) << "does not parse";
-}
-
 TEST(CertificateHolder, RanksDuplicates) {
   const der::CertificatePtr newer = Load({});
   const der::CertificatePtr older = Load({.notBefore = Der(0x17, "990101000000Z")});
@@ -235,8 +185,6 @@ TEST(CertificateHolder, RanksDuplicates) {
        {Recipe{.issuer = Part("o", "Other")}, {.subject = Part("cn", "Ann")}, {.extensions = ""}}) {
     EXPECT_FALSE(der::AreDuplicates(*newer, *Load(other)));
   }
-  EXPECT_FALSE(newer->certificate.IsSelfSigned());
-  EXPECT_TRUE(Load({.issuer = Recipe().subject})->certificate.IsSelfSigned());
 }
 
 // --- what nobody should send --------------------------------------------------------------------
