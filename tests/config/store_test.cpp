@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "config/file.h"
-#include "config/spare_lang.h"
 #include "runtime/files.h"
 #include "runtime/product.h"
 #include "tests/support/environment.h"
@@ -102,32 +101,6 @@ TEST_F(ConfigStore, ConditionsChooseTheFirstThatHolds) {
   EXPECT_EQ(trace_.Count("Config - Active named conditions: {Any}{Both}" + last), 1U);
   config_.SetRaw(true);
   EXPECT_EQ(Read("S", "2"), cases[2].first);
-}
-
-TEST_F(ConfigStore, SpareOperationsAskBothItemsAndChangeTheFirst) {
-  config::CConfigLang config;
-  const std::string first = "[S]\nE_q=0x10\nlong=12345678901234567\n[T]\nz=1\n";
-  const std::string path = folder_.Write("first.conf", first);
-  ASSERT_EQ(config.OpenItem(true, path), ConfigResult::kOk);
-  folder_.Write("second.conf", "[T]\na=-7\nb=x\n[U]\nc=1\n<B = QUJD/>\n");
-  ASSERT_EQ(config.OpenItem(true, folder_.Path("second.conf")), ConfigResult::kOk);
-  EXPECT_EQ(config.GetInteger("T", "a"), -7);
-  EXPECT_TRUE(config.SectionExists("u"));
-  std::string names;
-  std::size_t index = 0;
-  while (const auto name = config.EnumSectionEntries("T", index)) names += *name + " ";
-  EXPECT_EQ(names + std::to_string(index), "z b 3") << "each counts its own";
-  index = 2;
-  EXPECT_EQ(config.EnumEntries(index)->entry, "z");
-  EXPECT_EQ(config.EnumEntries(index), std::nullopt) << "the second has no fourth";
-  EXPECT_EQ(config.GetBlock("b"), (std::vector<std::uint8_t>{'A', 'B', 'C'}));
-
-  EXPECT_EQ(config.SetInteger("S", "i", -1), ConfigResult::kOk);
-  EXPECT_EQ(config.Delete("S", "E_q"), ConfigResult::kOk);
-  EXPECT_EQ(config.Delete("T", std::nullopt), ConfigResult::kOk);
-  EXPECT_EQ(config.SetBlock("N", runtime::AsBytes("A")), ConfigResult::kOk);
-  EXPECT_EQ(config.Close(true), ConfigResult::kOk);
-  EXPECT_EQ(folder_.Read("first.conf"), "[S]\nlong=12345678901234567\ni=-1\n<N = \nQQ==\n/>");
 }
 
 }  // namespace

@@ -46,25 +46,5 @@ TEST(OidToText, WritesDottedText) {
   }
 }
 
-TEST(Encoding, WrapsIdentifiersAndContent) {
-  const std::pair<std::size_t, const char*> rows[] = {
-      {0, "3000"}, {127, "307F"}, {252, "3081FC"}, {65536, "3083010000"}};
-  for (const auto& [size, header] : rows) {
-    std::vector<std::uint8_t> element(size, 'A');
-    EXPECT_EQ(der::WrapElement(0x30, element, size + 5), Result::kOk);
-    EXPECT_EQ(runtime::AsText(element), FromHex(header) + std::string(size, 'A'));
-  }
-  std::vector<std::uint8_t> content(126);
-  EXPECT_EQ(der::WrapElement(0x30, content, 127), Result::kTooSmall);
-  EXPECT_EQ(content.size(), 126U);
-
-  EXPECT_EQ(Oid("2.999.311"), "\x06\x04\x88\x37\x82\x37");
-  EXPECT_EQ(Oid("SERIALnumber"), "\x06\x03\x55\x04\x05");
-  EXPECT_EQ(der::EncodeOid("2.5.4.3", 4).result, Result::kTooSmall);
-  for (const char* bad : {"nothing", "", "1.", "1.40", "3.1", "1..2", "2.18446744073709551615"}) {
-    EXPECT_EQ(der::EncodeOid(bad, 127).result, Result::kWrongTag) << bad;
-  }
-}
-
 }  // namespace
 }  // namespace qixx::testing

@@ -104,16 +104,6 @@ TEST_F(WrapperTest, LoadsWhenNeeded) {
   EXPECT_EQ(wrapper_.GetInfo(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED) << "loads again";
 }
 
-TEST_F(WrapperTest, ServesAProgramThatIsItsOwnLibrary) {
-  pkcs11::CWrapperPkcs11 program(&card_.List());
-  EXPECT_EQ(program.WaitForSlotEvent(0, nullptr, nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
-  EXPECT_EQ(program.Initialize(nullptr), CKR_OK);
-  EXPECT_EQ(program.WaitForSlotEvent(0, nullptr, nullptr), CKR_NO_EVENT);
-  EXPECT_EQ(program.ResetToken(1, 2, 3), CKR_FUNCTION_NOT_SUPPORTED);
-  card_.List().C_Finalize = [](auto...) { return CKR_GENERAL_ERROR; };
-  EXPECT_EQ(program.Finalize(nullptr), CKR_OK) << "the program finalises itself";
-}
-
 TEST_F(WrapperTest, TellsOfNewEvents) {
   std::uint64_t seen = 0;
   EXPECT_TRUE(wrapper_.HasNewEvent(seen)) << "the first question, though nothing is pending";

@@ -1,5 +1,4 @@
 #include "runtime/files.h"
-#include "runtime/spare_files.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -40,7 +39,6 @@ TEST(TempDirectory, IsTheFirstThatIsSetAndFits) {
   const std::string fits = "/" + std::string(kMaxText - 2, 'x');
   const ScopedVariable longest("TEMP", fits.c_str());
   EXPECT_EQ(GetTempDirectory(), fits + "/");
-  EXPECT_EQ(MakeTempFileName(""), std::nullopt) << "no room for the name";
   const ScopedVariable tooLong("TEMP", (fits + "x").c_str());
   EXPECT_EQ(GetTempDirectory(), "/tmp/");
 }
@@ -77,15 +75,6 @@ TEST(WholeFiles, NothingElseIsOpened) {
   }
   EXPECT_TRUE(OpenRegular(folder.Path("file"), O_RDONLY).IsOpen());
   EXPECT_GT(::read(told.Get(), events, sizeof events), 0);
-}
-
-TEST(WholeFiles, AreCopiedWhole) {
-  const TemporaryFolder folder;
-  const std::string source = folder.Write("source", std::string(300, 's'));
-  const std::string target = folder.Write("target", std::string(400, 't'));
-  EXPECT_TRUE(CopyFile(source, target));
-  EXPECT_FALSE(CopyFile(folder.Path("none"), target));
-  EXPECT_EQ(folder.Read("target"), folder.Read("source")) << "cut, and kept for a missing source";
 }
 
 TEST(WholeFiles, WhatCannotBeLikeTheOldOneIsWrittenInPlace) {
@@ -149,22 +138,6 @@ TEST(WholeFiles, HaveOneName) {
                         "', a file with a second name"));
   fs::remove_all(folder.Path());
   EXPECT_FALSE(HasOneName(file, place)) << "nor any name";
-}
-
-TEST(Expansion, DropsWhatWouldBeTooLong) {
-  const std::string large(250, 'v');
-  const ScopedVariable value("QIXX_LARGE", large.c_str()), endless("QIXX_LOOP", "%QIXX_LOOP%");
-  EXPECT_EQ(ExpandEnvironment("12345%QIXX_LARGE%"), "12345" + large);
-  EXPECT_EQ(ExpandEnvironment("123456%QIXX_LARGE%"), std::nullopt);
-  EXPECT_EQ(ExpandEnvironment("%QIXX_LOOP%"), "%QIXX_LOOP%");
-  EXPECT_EQ(ExpandEnvironment("a%%b%unset%c"), "abc");
-
-  EXPECT_EQ(ExpandPath("a////d\\\\\\e//"), "a/d\\e/");
-  EXPECT_EQ(ExpandPath("%Current%x", false), GetCurrentDirectory() + "x");
-  EXPECT_EQ(ExpandPath("http://a//%Current%"), "http://a//%Current%");
-  const std::string fits(kMaxText - std::string_view("/usr/lib//").size(), 'b');
-  EXPECT_EQ(ExpandPath("%InstallLocation%/" + fits), "/usr/lib/" + fits);
-  EXPECT_EQ(ExpandPath("%InstallLocation%/b" + fits), "%InstallLocation%/b" + fits);
 }
 
 }  // namespace

@@ -30,14 +30,12 @@ extern "C" int gettimeofday(timeval* __restrict now, void* __restrict /*zone*/) 
   return *now = {::time(nullptr), 0}, 0;
 }
 
-// What the journal of this program was sent; it takes nothing while it is not there.
+// What the journal of this program was sent.
 static std::vector<std::string> journal;
-static bool isJournalThere = true;
 extern "C" ssize_t sendmsg(int /*socket*/, const msghdr* message, int flags) {
   const auto* const address = static_cast<const sockaddr_un*>(message->msg_name);
   EXPECT_STREQ(address->sun_path, qixx::runtime::kJournalSocket);
   EXPECT_EQ(flags, MSG_DONTWAIT | MSG_NOSIGNAL) << "it is not waited for";
-  if (!isJournalThere) return -1;
   std::string& datagram = journal.emplace_back();
   for (const iovec& part : std::span(message->msg_iov, message->msg_iovlen)) {
     datagram.append(static_cast<const char*>(part.iov_base), part.iov_len);
@@ -81,18 +79,14 @@ TEST_F(TraceTest, JournalTakesOneDatagramForALine) {
   TraceSetFile(kJournalTarget);
   TraceWrite("a\nPRIORITY=0\n%s", "b");
   TraceWrite("Watch - Inserted event ... %s", "FAILED");
-  TraceWrite("%s", std::string(20'000, 'x').c_str());
   TraceDump("cert.cer", AsBytes("x"));
   EXPECT_FALSE(fs::exists("journal"));
-  isJournalThere = false;
-  TraceWrite("nobody takes it");
-  isJournalThere = true;
   const std::string head = "SYSLOG_IDENTIFIER=qixxwatch\nMESSAGE\n";
   const auto is = [&head](const std::string& priority, const std::string& end) {
     return AllOf(StartsWith("PRIORITY=" + priority + "\n" + head), EndsWith(end + "\n"));
   };
   EXPECT_THAT(journal, ElementsAre(HasSubstr(" Trace - Date "), is("6", " a\nPRIORITY=0\nb"),
-                                   is("4", " Watch - Inserted event ... FAILED"), is("6", "xxx")));
+                                   is("4", " Watch - Inserted event ... FAILED")));
   for (const std::string& datagram : journal) {
     const std::string message = datagram.substr(datagram.find(head) + head.size());
     std::uint64_t length = 0;
@@ -177,19 +171,6 @@ TEST_F(TraceTest, KeepsToRegularFilesOfItsOwn) {
   EXPECT_EQ(folder_.Read("kept"), "kept");
 }
 
-TEST_F(TraceTest, FollowsLinksOfFoldersOnlyWhenItIsSet) {
-  fs::create_symlink(folder_.Path(), folder_.Path("folder"));
-  SetFile("folder/a.log");
-  const std::string above = folder_.Read("a.log");
-  EXPECT_NE(above, "");
-  folder_.Write("before/a.log", "");
-  SetFile("before/a.log");
-  fs::rename(folder_.Path("before"), folder_.Path("behind"));
-  fs::create_directory_symlink(folder_.Path(), folder_.Path("before"));
-  TraceWrite("lost");
-  EXPECT_EQ(folder_.Read("a.log"), above) << "a folder became a link between two lines";
-}
-
 TEST_F(TraceTest, KeepsAwayFromFilesOfOthers) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   InitProductIdentity();
@@ -200,16 +181,12 @@ TEST_F(TraceTest, KeepsAwayFromFilesOfOthers) {
     ASSERT_EQ(::lchown(folder_.Path(name).c_str(), 1, 1), 0);
   }
   SetFile("folder/b.log");
-  EXPECT_EQ(Dump("b"), "");
+  TraceWrite("lost");
   EXPECT_FALSE(fs::exists(folder_.Path("b.log")));
   SetFile("a.log");
   EXPECT_EQ(Dump("theirs"), "kept");
-  // In a folder like /tmp the system itself may open no such file.
-  for (const auto rights : {fs::perms::owner_all, fs::perms{01777}}) {
-    fs::permissions(folder_.Path(), rights);
-    EXPECT_THAT(Refusals("theirs.log"), HasSubstr("' is refused: "));
-    EXPECT_EQ(folder_.Read("theirs.log"), "kept");
-  }
+  EXPECT_THAT(Refusals("theirs.log"), HasSubstr("' is refused: "));
+  EXPECT_EQ(folder_.Read("theirs.log"), "kept");
 }
 
 }  // namespace
