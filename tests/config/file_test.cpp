@@ -8,7 +8,6 @@
 
 #include <tuple>
 
-#include "config/tree.h"
 #include "runtime/text.h"
 #include "tests/support/failing_memory.h"
 #include "tests/support/temporary_folder.h"
@@ -119,18 +118,6 @@ TEST(ConfigBlocks, AreFoundByName) {
   for (const char* const none : {"Empty", "Sam", "", "Open"}) {
     EXPECT_EQ(BlockIn(file, none), "(none)") << none;
   }
-}
-
-TEST(TreeCache, SharesEqualTextsAndTakesTheOldestPlace) {
-  config::CConfigTree cache;
-  auto first = cache.Attach("/a", "[A]\n");
-  EXPECT_EQ(cache.Attach("/a", "[A]\n"), first);
-  EXPECT_NE(cache.Attach("/b", "[B]\n"), nullptr);
-  EXPECT_NE(cache.Attach("/c", "[C]\n"), nullptr);
-  // The oldest is the first; it is in use, so there is no place although two are free.
-  EXPECT_EQ(cache.Attach("/d", "[D]\n"), nullptr);
-  first.reset();
-  EXPECT_NE(cache.Attach("/d", "[D]\n"), nullptr);
 }
 
 TEST(ConfigChange, SetsAndAddsValues) {

@@ -5,7 +5,6 @@
 
 #include <random>
 
-#include "der/matching.h"
 #include "der/names.h"
 #include "der/spare_certificate.h"
 #include "fuzz/fuzz.h"
@@ -46,15 +45,6 @@ TEST(FormatName, WritesEveryKindOfValue) {
   const std::string parts = Part("o", "Org") + Part("cn", "a,b");
   EXPECT_EQ(format(parts, 13), "o=Org,cn=a\\,b");
   EXPECT_EQ(format(parts, 12), "o=Org") << "a component is left out whole";
-}
-
-TEST(NextNameComponent, WalksFormattedNames) {
-  std::string_view rest = " ,+CN=Ann  , o=A\\, B\\+C\\\\\\,cn=root\\\\ + c=D\\=E\\,e= ,junk,cn=c";
-  std::string components;
-  while (const std::optional<der::NameComponent> next = der::NextNameComponent(rest)) {
-    components.append(next->key + ":").append(next->value + ";");
-  }
-  EXPECT_EQ(components, "CN:Ann ;o:A, B+C\\,cn=root\\;c:D\\=E,e=;");
 }
 
 TEST(MatchNames, AsksSubjectOrIssuer) {
@@ -104,30 +94,6 @@ TEST(GetLogonValues, GivesAllOfThemUncut) {
   EXPECT_EQ(ask(Recipe{.extensions = ""}.Build(), false).substr(0, 4), "ann@");
 }
 
-TEST(Usages, AreListedByBitAndByIdentifier) {
-  const std::tuple<const char*, const char*, std::vector<unsigned>, std::vector<std::string>>
-      rows[] = {{"03020780", "300B06032A030404010006012A", {0}, {"1.2.3.4", "1.2"}},
-                {"030307FF80", "3000", {0, 1, 2, 3, 4, 5, 6, 7, 8}, {}},
-                {"0305000180FFFF", "06012A", {7, 8}, {}},  // more bits than have a name
-                {"03", "3003060301", {}, {}}};
-  for (const auto& [bits, purposes, usages, identifiers] : rows) {
-    const der::CertificatePtr holder =
-        Load({.extensions = Extension(der::kKeyUsage, FromHex(bits)) +
-                            Extension(der::kExtendedKeyUsage, FromHex(purposes))});
-    EXPECT_EQ(der::GetKeyUsages(holder->certificate), usages) << bits;
-    EXPECT_EQ(der::GetExtendedKeyUsages(*holder), identifiers) << purposes;
-  }
-}
-
-TEST(TimeText, IsReadable) {
-  EXPECT_EQ(der::TimeText("491231235959Z"), "2049-12-31T23:59:59Z");
-  EXPECT_EQ(der::TimeText("500101000000Z"), "1950-01-01T00:00:00Z");
-  EXPECT_EQ(der::TimeText("20500101000000Z"), "2050-01-01T00:00:00Z");
-  for (const char* const other : {"50010100000xZ", "500101000000+0100", ""}) {
-    EXPECT_EQ(der::TimeText(other), other);
-  }
-}
-
 // --- loading ------------------------------------------------------------------------------------
 
 TEST(LoadCertificate, TakesDerAndBase64) {
@@ -173,17 +139,6 @@ TEST(CDerCert, HasBothTimesOrNoneAndExpiresByUtcTimeOnly) {
     const der::Validity validity = holder->certificate.GetValidity();
     EXPECT_EQ(validity.notBefore + " " + validity.notAfter, both);
     EXPECT_EQ(holder->certificate.IsExpired(), expired) << time;
-  }
-}
-
-TEST(CertificateHolder, RanksDuplicates) {
-  const der::CertificatePtr newer = Load({});
-  const der::CertificatePtr older = Load({.notBefore = Der(0x17, "990101000000Z")});
-  EXPECT_TRUE(der::AreDuplicates(*newer, *older) && der::RanksHigher(*newer, *older));
-  EXPECT_TRUE(der::RanksHigher(*Load({.notAfter = Der(0x18, "20500101000000Z")}), *newer));
-  for (const Recipe& other :
-       {Recipe{.issuer = Part("o", "Other")}, {.subject = Part("cn", "Ann")}, {.extensions = ""}}) {
-    EXPECT_FALSE(der::AreDuplicates(*newer, *Load(other)));
   }
 }
 

@@ -68,19 +68,6 @@ TEST_F(Events, AnySignalEndsTheServiceInOrderAlsoDuringAWait) {
   EXPECT_FALSE(Exists("in"));
 }
 
-TEST_F(Events, ExtraWatchersRunTheirOwnSectionsAndEndWithTheirParent) {
-  ConfigureWatchers(
-      "-sync config Watch|One|Two\nWatch Two=-sync config Other",
-      {{"Insert", {in_}}, {"One Insert", {Echo("one")}}, {"Other Insert", {Echo("other")}}});
-  Start();
-  for (const std::string name : {"Watch", "One", "Other"}) Await("Watch - Running '" + name + "'");
-  InsertCard(1);
-  for (const char* const word : {"in", "one", "other"}) EXPECT_TRUE(Ran(word));
-  Stop();
-  for (const std::string name : {"Watch", "One", "Other"}) Await("Watch - Stopping '" + name + "'");
-  Await("Watch - Stopped", 3);
-}
-
 TEST_F(Events, ExtraWatchersEndWithAKilledParentAndLeaveTheirCommands) {
   const std::string program = WriteProgram("until [ -e " + Path("gate") +
                                            " ]; do sleep .1; done; echo alive > " + Path("alive"));

@@ -62,6 +62,7 @@ TEST_F(ListWord, TellsWhatTheServiceSeesAndTakes) {
                   {"watch.match", "o=example, inc."},
                   {"library.file", QIXX_SOFTCARD_FOLDER "libqixp11.so"},
                   {"certificates.1.principalName", "ann@example.org"},
+                  {"certificates.1.notAfter", "2049-12-31T23:59:59Z"},
                   {"matchingCard", "true"}}));
   EXPECT_THAT(Rows(values, "readers", {"slot", "card", "removable", "counts", "reason"}),
               ElementsAre("1 true true true null", "2 false true false secondary-slot",
@@ -132,29 +133,6 @@ TEST_F(ListWord, SurvivesAndTellsWhateverFails) {
   SetModuleFaults("fail=C_Initialize:0x30");
   EXPECT_EQ(ListValues(1).at("library.result"), "CKR_DEVICE_ERROR");
   EXPECT_THAT(Errors(), HasSubstr("C_Initialize gives 0x00000030"));
-}
-
-TEST_F(ListWord, TellsWhatIsBelowTheBridge) {
-  Use(QIXX_BRIDGE_FOLDER);
-  SetVariable("PCSCLITE_CSOCK_NAME", Path("none"));  // without the machine's readers
-  InsertCard(1, {{"good", {}}});
-  const std::string module = QIXX_SOFTCARD_PLAIN_FOLDER "libqixp11.so";
-  Configure("[Pkcs11]\nIgnore=*1\nModule=" + module + "\n");
-  const JsonValues values = ListValues();
-  EXPECT_EQ(values.at("library.modules.0"), module);
-  EXPECT_THAT(Rows(values, "readers", {"slot", "card", "counts", "reason"}),
-              ElementsAre("1 true false withheld-by-library"));
-  Configure("[Pkcs11]\nModule=/nonexistent/module.so\n");
-  EXPECT_EQ(ListValues(1).at("library.result"), "CKR_GENERAL_ERROR");
-  EXPECT_THAT(Errors(), HasSubstr("Failed to load '/nonexistent/module.so': "));
-}
-
-TEST_F(ListWord, WithoutLibraryNamesEachPlace) {
-  Use("/nonexistent/");
-  Configure("");
-  EXPECT_EQ(ListValues(1).at("library.tried.1.path"), "/nonexistent/libqixp11.so");
-  EXPECT_THAT(Errors(), HasSubstr("/nonexistent/libqixp11.so: cannot open shared object file"));
-  EXPECT_EQ(List("--jsno").first, 2);
 }
 
 }  // namespace

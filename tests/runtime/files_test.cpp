@@ -13,7 +13,6 @@
 
 #include "runtime/replace_file.h"
 #include "runtime/text.h"
-#include "tests/support/environment.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 
@@ -28,20 +27,9 @@ extern "C" int fchown(int file, uid_t owner, gid_t group) noexcept {
 namespace qixx::runtime {
 namespace {
 
-using testing::ScopedVariable;
 using testing::TemporaryFolder;
 using namespace std::string_literals;
 namespace fs = std::filesystem;
-
-TEST(TempDirectory, IsTheFirstThatIsSetAndFits) {
-  const ScopedVariable temp("TEMP", ""), tmp("TMP", "/var/tmp");
-  EXPECT_EQ(GetTempDirectory(), "/var/tmp/");
-  const std::string fits = "/" + std::string(kMaxText - 2, 'x');
-  const ScopedVariable longest("TEMP", fits.c_str());
-  EXPECT_EQ(GetTempDirectory(), fits + "/");
-  const ScopedVariable tooLong("TEMP", (fits + "x").c_str());
-  EXPECT_EQ(GetTempDirectory(), "/tmp/");
-}
 
 TEST(WholeFiles, AreReadWhenRegularAndNotTooLarge) {
   const TemporaryFolder folder;

@@ -225,13 +225,6 @@ TEST(LaunchProcess, HoldsTheTraceWhileForking) {
 
 const std::string kFixture = QIXX_LOADER_FIXTURE;
 
-TEST(Library, IsKnownByTheFunctionsThatItDefines) {
-  EXPECT_THAT(LibrariesDefining("RunCommand"), ElementsAre());
-  const SharedLibrary library = OpenLibrary(kFixture);
-  EXPECT_THAT(LibrariesDefining("RunCommand"), ElementsAre(kFixture));
-  EXPECT_THAT(LibrariesDefining("dlopen"), Not(Contains(kFixture))) << "only found from there";
-}
-
 TEST(EntryPoints, AreCalledWithACopy) {
   EXPECT_TRUE(CallExternal(kFixture + ",RunCommand one, two"));
   for (const char* const text : {" RunCommand x", ",RunCommand", ",Missing x", ",Throw x"}) {

@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <numeric>
 #include <vector>
-
-#include "runtime/spare_text.h"
 
 namespace qixx::runtime {
 namespace {
@@ -38,17 +35,6 @@ TEST(TextTest, ReplacesUpToTheLimit) {
     const bool changed = ReplaceAllNoCase(replaced, from, to, 11);
     EXPECT_EQ(replaced, result);
     EXPECT_EQ(changed, replaced != text);
-  }
-}
-
-TEST(TextTest, Base64RoundTripsAtEveryLength) {
-  for (std::size_t length = 0; length < 200; ++length) {
-    Bytes data(length);
-    std::iota(data.begin(), data.end(), static_cast<std::uint8_t>(length * 7));
-    const std::string plain = Base64Encode(data);
-    EXPECT_EQ(Base64Decode(Base64EncodeLines(data)), data);
-    EXPECT_EQ(HexDecode(HexEncode(data)), data);
-    EXPECT_EQ(plain.size(), (length + 2) / 3 * 4);
   }
 }
 
