@@ -15,28 +15,33 @@
 
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <string>
 
-#include "tests/support/temporary_folder.h"
-
 namespace qixx::testing {
 
-using namespace std::string_literals;
-
-/// A program that ends with the test at the latest, also with one that is killed.
-class Companion {
+class CardService {
  public:
-  ~Companion() {
+  ~CardService() {
     if (process_ != 0) Stop(SIGKILL);
   }
-  void Start(const std::string& command) {
+  /// Moves this process, and what it starts, into a world of its own; once for each process.
+  /// Returns why there can be no service here, an empty text when there can.
+  [[nodiscard]] static std::string EnterWorld() {
+    static const std::string fault = Prepare();
+    return fault;
+  }
+
+  /// It ends with the test at the latest, also with one that is killed.
+  void Start() {
     process_ = ::fork();
     if (process_ != 0) return;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const std::string quiet = "exec " + command + " </dev/null >/dev/null 2>&1";
-    ::execl("/bin/sh", "sh", "-c", quiet.c_str(), nullptr);
+    // One that knows the option asks polkit about every client, and there is none in this world.
+    ::execl("/bin/sh", "sh", "-c",
+            "exec /usr/sbin/pcscd $(/usr/sbin/pcscd --help | grep -o -e --disable-polkit) "
+            "--foreground </dev/null >/dev/null 2>&1",
+            nullptr);
     ::_exit(127);
   }
   void Stop(int signal) {
@@ -46,34 +51,6 @@ class Companion {
   }
 
  private:
-  pid_t process_ = 0;
-};
-
-class CardService {
- public:
-  /// Moves this process, and what it starts, into a world of its own; once for each process.
-  /// Returns why there can be no service here, an empty text when there can.
-  [[nodiscard]] static std::string EnterWorld() {
-    static const std::string fault = Prepare();
-    return fault;
-  }
-
-  /// What the package of the virtual readers tells the service about them.
-  [[nodiscard]] static std::string Readers() { return TemporaryFolder::ReadFile(kReaders); }
-
-  /// An empty text: no readers.
-  void Start(const std::string& readers = Readers()) {
-    folder_.Write("readers/vpcd", readers);
-    // One that knows the option asks polkit about every client, and there is none in this world.
-    program_.Start(kProgram + " $("s + kProgram + " --help | grep -o -e --disable-polkit)" +
-                   " --foreground -c " + folder_.Path("readers"));
-  }
-  void Stop(int signal = SIGTERM) { program_.Stop(signal); }
-
- private:
-  static constexpr const char* kProgram = "/usr/sbin/pcscd";
-  static constexpr const char* kReaders = "/etc/reader.conf.d/vpcd";
-
   static bool WriteText(const char* file, const std::string& text) {
     return static_cast<bool>(std::ofstream(file) << text << std::flush);
   }
@@ -103,13 +80,13 @@ class CardService {
   }
 
   static std::string Prepare() {
-    if (::access(kProgram, X_OK) != 0) return "no pcscd (package pcscd)";
-    if (::access(kReaders, R_OK) != 0) return "no virtual readers (package vsmartcard-vpcd)";
+    if (::access("/usr/sbin/pcscd", X_OK) != 0) return "no pcscd (package pcscd)";
+    if (::access("/etc/reader.conf.d/vpcd", R_OK) != 0)
+      return "no virtual readers (package vsmartcard-vpcd)";
     return EnterNamespaces() ? "" : "namespaces of one's own are not allowed";
   }
 
-  const TemporaryFolder folder_;
-  Companion program_;
+  pid_t process_ = 0;
 };
 
 }  // namespace qixx::testing

@@ -33,8 +33,8 @@ class RealCards : public ServiceTest {
   }
 
   /// Starts to watch; the name of the card's holder goes into "said.txt".
-  void Watch(const std::string& options = "-sync") {
-    ServiceTest::Watch(options, {Echo("%UPN%", "said.txt")}, {Echo("removed", "said.txt")});
+  void Watch() {
+    ServiceTest::Watch("-sync", {Echo("%UPN%", "said.txt")}, {Echo("removed", "said.txt")});
   }
   void Insert(int reader, CardHabits habits = {}) {
     in_[reader] = CardIn(reader, certificate_, habits);
@@ -76,14 +76,18 @@ TEST_F(RealCards, OneThatIsInAtStartAndAnother) {
   EXPECT_EQ(TraceCount("Watch - Event"), 3U) << "of one card at a time";
 }
 
-TEST_F(RealCards, UnreadableOneKeepsNoneBackThatIsReadable) {
-  Watch("-sync -recognized");
-  in_[0] = CardIn(0);
-  ASSERT_TRUE(Traced("Watch - Event", 2));
-  Insert(1);
-  ExpectRead(1);
-  Remove(1);
-  EXPECT_TRUE(Has("Disconnected", 1));
+TEST_F(RealCards, PcscThatDiesAndComesBack) {
+  Watch();
+  Insert(0);
+  ExpectRead(0);
+  service_.Stop(SIGKILL);
+  ASSERT_TRUE(Has("Disconnected", 0)) << "gone with PC/SC";
+  Remove(0);
+  service_.Start();
+  Insert(0);
+  ExpectRead(0, 2);
+  Remove(0);
+  EXPECT_TRUE(Has("Disconnected", 0, 2));
 }
 
 TEST_F(RealCards, PulledWhileItIsRead) {

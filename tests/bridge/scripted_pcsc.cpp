@@ -19,13 +19,23 @@ namespace {
 using bridge::PcscReaderState;
 using bridge::PcscWord;
 
-constexpr long kSuccess = 0;
 constexpr long kCancelled = 0x80100002;
 constexpr long kUnknownReader = 0x80100009;
 constexpr long kNoService = 0x8010001D;
 constexpr long kNoReaders = 0x8010002E;
 constexpr PcscWord kChanged = 0x2;
 constexpr PcscWord kEmpty = 0x10;
+
+/// What is not one of the readers is the notifier of readers.
+PcscWord StateOf(std::string_view name) {
+  const auto reader = std::ranges::find(ScriptedPcsc::kReaders, name);
+  if (reader == ScriptedPcsc::kReaders.end()) {
+    return PcscWord{ThePcsc().hasReaders} << bridge::kPcscCountShift;
+  }
+  const auto place = static_cast<std::size_t>(reader - ScriptedPcsc::kReaders.begin());
+  return PcscWord{ThePcsc().changes[place]} << bridge::kPcscCountShift |
+         (ThePcsc().hasCard[place] ? bridge::kPcscStatePresent : kEmpty);
+}
 
 }  // namespace
 
@@ -34,45 +44,46 @@ extern "C" {
 long SCardEstablishContext(PcscWord /*scope*/, const void* /*one*/, const void* /*two*/,
                            long* context) {
   *context = 1;
-  return kSuccess;
+  return 0;
 }
 
 long SCardReleaseContext(long /*context*/) {
-  return kSuccess;
+  return 0;
 }
 
 long SCardCancel(long /*context*/) {
   ThePcsc().isCancelled = true;
-  return kSuccess;
+  return 0;
 }
 
 long SCardListReaders(long /*context*/, const char* /*groups*/, char* names, PcscWord* size) {
-  if (ThePcsc().isListLost.exchange(false)) return kNoService;
   ++ThePcsc().lists;
-  if (ThePcsc().isListEmpty.exchange(false) || !ThePcsc().hasReader) {
+  if (ThePcsc().isListEmpty.exchange(false) || !ThePcsc().hasReaders) {
     ++ThePcsc().emptyLists;
     return kNoReaders;
   }
-  *size = ScriptedPcsc::kReader.size() + 2;
-  std::fill_n(names, *size, '\0');
-  std::ranges::copy(ScriptedPcsc::kReader, names);
-  return kSuccess;
+  char* end = names;
+  for (const std::string_view reader : ScriptedPcsc::kReaders) {
+    end = std::ranges::copy(reader, end).out;
+    *end++ = '\0';
+  }
+  *end++ = '\0';
+  *size = static_cast<PcscWord>(end - names);
+  return 0;
 }
 
 long SCardGetStatusChange(long /*context*/, PcscWord timeout, PcscReaderState* states,
                           PcscWord count) {
   ScriptedPcsc& pcsc = ThePcsc();
+  if (timeout == 0 && pcsc.isStateLost.exchange(false)) return kNoService;
+  if (timeout != 0) pcsc.isCancelled = false;  // one that came before the wait is lost
   for (bool differs = timeout == 0;;) {
-    if (pcsc.isStateLost.exchange(false)) return kNoService;
-    if (!pcsc.hasReader && states->name == ScriptedPcsc::kReader) return kUnknownReader;
+    if (!pcsc.hasReaders && states->name == ScriptedPcsc::kReaders[0]) return kUnknownReader;
     for (PcscReaderState& state : std::span(states, count)) {
-      const bool isReader = state.name == ScriptedPcsc::kReader;  // else the notifier of readers
-      const PcscWord card = pcsc.hasCard ? bridge::kPcscStatePresent : kEmpty;
-      const PcscWord changes = isReader ? pcsc.changes.load() : PcscWord{pcsc.hasReader};
-      state.state = changes << bridge::kPcscCountShift | (isReader ? card : 0);
+      state.state = StateOf(state.name);
       differs = differs || ((state.state ^ state.knownState) & ~kChanged) != 0;
     }
-    if (differs) return kSuccess;
+    if (differs) return 0;
     if (pcsc.isCancelled.exchange(false)) return kCancelled;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }

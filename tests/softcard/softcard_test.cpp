@@ -1,11 +1,9 @@
-// The module as a program sees it: loaded by its path, called through its function list; then other
-// people's programs and the script for the cards, run as a user would run them.
+// The module as a program sees it: loaded by its path, called through its function list; then the
+// script for the cards, run as a user would run it.
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <future>
 
-#include "tests/support/eventually.h"
 #include "tests/support/loaded_module.h"
 #include "tests/support/openssl.h"
 
@@ -45,17 +43,6 @@ TEST_F(SoftCard, SlotsAreTheFoldersWithAPlainNumber) {
   EXPECT_EQ(list_->C_GetSlotInfo(4, &info), CKR_OK);
   EXPECT_EQ(std::string(info.slotDescription, info.slotDescription + 14), "Virtual Slot  ");
   EXPECT_EQ(info.flags, 0x80000000U) << "presence is the card's matter";
-}
-
-TEST_F(SoftCard, AWaitEndsWithTheModule) {
-  Start(SOFTCARD_SUITE);
-  folder_.Write("module", "log=1\n");
-  CK_SLOT_ID slot = 0;
-  std::future<CK_RV> waiting =
-      std::async(std::launch::async, [&] { return list_->C_WaitForSlotEvent(0, &slot, nullptr); });
-  EXPECT_TRUE(Eventually([&] { return folder_.Read("calls") == "C_WaitForSlotEvent\n"; }));
-  EXPECT_EQ(list_->C_Finalize(nullptr), CKR_OK);
-  EXPECT_EQ(waiting.get(), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
 TEST_F(SoftCard, HostileFilesAreBoundedAndPassedOver) {
@@ -103,19 +90,6 @@ TEST_F(SoftCard, SessionsEndWithTheirCard) {
   EXPECT_EQ(Poll(), 1) << "another card";
   EXPECT_EQ(list_->C_GetSessionInfo(first, &info), CKR_DEVICE_REMOVED);
   EXPECT_EQ(list_->C_GetSessionInfo(third, &info), CKR_OK);
-}
-
-TEST_F(SoftCard, Pkcs11ToolListsSlotsAndObjects) {
-  if (*SOFTCARD_SANITIZER != '\0' || OutputOf("command -v pkcs11-tool").empty()) {
-    GTEST_SKIP() << "NOT TESTED: needs pkcs11-tool (package opensc) and a module without sanitizer";
-  }
-  folder_.Write("1/card/variables", "name=value\n");
-  ASSERT_TRUE(MakeCertificate(folder_.Path("1/card/holder.der")));
-  const std::string told = OutputOf("pkcs11-tool --module " SOFTCARD_PLAIN " -L -O");
-  for (const char* const text : {"(0x1): Soft reader 1", "label:      holder", "CN=Ann Lee",
-                                 "serial:     0A01", "application:    'Tessaly'"}) {
-    EXPECT_NE(told.find(text), std::string::npos) << text << " in\n" << told;
-  }
 }
 
 TEST_F(SoftCard, ScriptInsertsAndRemoves) {
