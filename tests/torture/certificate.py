@@ -1,7 +1,9 @@
 """Certificates with whatever texts a trial wants on them. Nobody verifies their signatures."""
 
-CLASSES = {"CN": "2.5.4.3", "O": "2.5.4.10", "OU": "2.5.4.11", "C": "2.5.4.6", "L": "2.5.4.7",
-           "DC": "0.9.2342.19200300.100.1.25", "E": "1.2.840.113549.1.9.1"}
+CLASSES = {"CN": "550403", "O": "55040a", "OU": "55040b", "C": "550406", "L": "550407",
+           "DC": "0992268993f22c640119", "E": "2a864886f70d010901"}
+SIGNED_WITH, KEY_TYPE, CURVE = "2a8648ce3d040302", "2a8648ce3d0201", "2a8648ce3d030107"
+USAGE, LOGON, OTHER_NAMES, PRINCIPAL = "551d25", "2b060104018237140202", "551d11", "2b060104018237140203"
 UTF8, PRINTABLE, T61, BMP = 0x0C, 0x13, 0x14, 0x1E
 
 
@@ -13,38 +15,26 @@ def der(tag, *content):
     return bytes([tag, 0x80 | len(size)]) + size + body
 
 
-def identifier(dotted):
-    first, second, *numbers = map(int, dotted.split("."))
-    content = b""
-    for number in (first * 40 + second, *numbers):
-        groups = [number & 0x7F]
-        while number := number >> 7:
-            groups.insert(0, 0x80 | number & 0x7F)
-        content += bytes(groups)
-    return der(0x06, content)
+def marked(identifier, *content):
+    return der(0x30, der(0x06, bytes.fromhex(identifier)), *content)
 
 
 def part(kind, text, tag=UTF8):
     """A component of a name."""
-    return der(0x31, der(0x30, identifier(CLASSES[kind]), der(tag, text)))
+    return der(0x31, marked(CLASSES[kind], der(tag, text)))
 
 
 def make(subject, principal=b"ann@tessaly.example", serial=b"\x0a\x01", principal_tag=UTF8):
     """A certificate for smart-card logon; the subject is parts of a name. None: no alternative name."""
-    algorithm = der(0x30, identifier("1.2.840.10045.4.3.2"))
     validity = der(0x30, der(0x17, b"200101000000Z"), der(0x17, b"491231235959Z"))
-    key = der(0x30, der(0x30, identifier("1.2.840.10045.2.1"), identifier("1.2.840.10045.3.1.7")),
-              der(0x03, b"\0\4" + bytes(range(64))))
-
-    def extension(dotted, value):
-        return der(0x30, identifier(dotted), der(0x04, value))
-    extensions = extension("2.5.29.37", der(0x30, identifier("1.3.6.1.4.1.311.20.2.2")))
+    key = der(0x30, marked(KEY_TYPE, der(0x06, bytes.fromhex(CURVE))), der(0x03, b"\0\4" + bytes(range(64))))
+    extensions = marked(USAGE, der(0x04, marked(LOGON)))
     if principal is not None:
-        extensions += extension("2.5.29.17", der(0x30, der(
-            0xA0, identifier("1.3.6.1.4.1.311.20.2.3"), der(0xA0, der(principal_tag, principal)))))
-    body = der(0x30, der(0xA0, der(0x02, b"\2")), der(0x02, serial), algorithm, der(0x30, part("CN", b"Card CA")),
-               validity, der(0x30, *subject), key, der(0xA3, der(0x30, extensions)))
-    return der(0x30, body, algorithm, der(0x03, b"\0" + der(0x30, der(0x02, b"\1"), der(0x02, b"\1"))))
+        name = der(0x06, bytes.fromhex(PRINCIPAL)) + der(0xA0, der(principal_tag, principal))
+        extensions += marked(OTHER_NAMES, der(0x04, der(0x30, der(0xA0, name))))
+    body = der(0x30, der(0xA0, der(0x02, b"\2")), der(0x02, serial), marked(SIGNED_WITH),
+               der(0x30, part("CN", b"Card CA")), validity, der(0x30, *subject), key, der(0xA3, der(0x30, extensions)))
+    return der(0x30, body, marked(SIGNED_WITH), der(0x03, b"\0" + der(0x30, der(0x02, b"\1"), der(0x02, b"\1"))))
 
 
 def ann():

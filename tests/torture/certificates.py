@@ -1,15 +1,16 @@
 """Cards whose names were chosen to get in: as a command, an argument, a line, a section, a condition, a path."""
 
+import os
 import re
 
 import certificate
-from desk import Damage, read, require
+from desk import read, require
 
 LANES = 8
 WEIGHT = 20
 HEADER = re.compile(rb"[^\n]*?\] \d\d\.\d\d\.\d\d\.\d\d\d ")
-# Control characters of both sets, and the marks that turn the direction of writing.
-UNSEEN = re.compile("[\0-\x08\x0b\x0c\x0e-\x1f\x7f\x80-\x9f\u061c\u200e\u200f\u202a-\u202e\u2066-\u2069]")
+# Control characters of both sets, the marks that turn the direction of writing, and what is not UTF-8.
+UNSEEN = re.compile("[\0-\x08\x0b\x0c\x0e-\x1f\x7f\x80-\x9f\udc80-\udcff\u061c\u200e\u200f\u202a-\u202e\u2066-\u2069]")
 TARGET = """[Mail]
 Username=
 Domain=
@@ -24,13 +25,10 @@ Number=%SERIALNUMBER%
 username=old
 """
 ORIGINAL = b"[Untouched]\nUsername=before\n"
-KNOWN = {"system.conf", "product.conf", "product.conf.org", "target.conf", "target.conf.org", "good.conf", "inner",
-         "canary.conf", "trace.log", "stderr.txt", ".qix", "show", "shown", "readers", "x.conf", "card.der"}
-
 # What an attacker would put into a name; {0} is a file that must never appear.
 TEXTS = (
     # commands, conditions, redirections
-    "x|none||/usr/bin/touch {0} ", "a||/usr/bin/touch {0}||b", "|{{site}}||", "{{site}}", "a|b|c", " > {0}", ">{0}",
+    "x|none||/usr/bin/touch {0} ", "a||/usr/bin/touch {0}||b", "|{site}||", "{site}", "a|b|c", " > {0}", ">{0}",
     "> {0}", '" /usr/bin/touch {0} "', "; /usr/bin/touch {0} ;", "$(/usr/bin/touch {0})", "`/usr/bin/touch {0}`",
     "~/usr/bin/touch {0}", "parallel /usr/bin/touch {0}", "close ", "kill ", "config Extra",
     # lines, sections, comments, blocks
@@ -54,29 +52,24 @@ BROKEN = (b"", b"", b"", b"\xff\xfe", b"\xc3", b"\xe2\x80", b"\xed\xa0\x80", b"\
 def bytes_of(text, random, tag):
     if tag == certificate.BMP:
         return text.encode("utf-16-be", "surrogatepass") + random.choice((b"", b"", b"\xd8\x00", b"\xdc\x00", b"\0"))
-    if tag == certificate.T61:
-        return text.encode("latin-1", "replace")
     return text.encode("utf-8", "surrogatepass") + random.choice(BROKEN)
 
 
-def hostile(desk, random):
-    canary = desk.path("canary")
-
+def hostile(canary, random):
     def value():
-        text = "".join(random.choice(TEXTS).format(canary) for _ in range(random.choice((1, 1, 1, 2, 3))))
+        text = "".join(random.choices(TEXTS, k=random.choice((1, 1, 1, 2, 3)))).replace("{0}", str(canary))
         tag = random.choice((certificate.UTF8,) * 4 + (certificate.BMP, certificate.T61, certificate.PRINTABLE))
         return bytes_of(text, random, tag), tag
     subject = [certificate.part(random.choice(list(certificate.CLASSES)), *value())
                for _ in range(random.randrange(1, 6))]
-    principal, tag = value() if random.random() < 0.9 else (None, certificate.UTF8)
-    if principal is not None and random.random() < 0.5:
-        principal = random.choice((principal + b"@home", b"ann@" + principal))
+    principal, tag = value()
+    principal = random.choice((principal, principal, principal + b"@home", b"ann@" + principal, None))
     serial = random.choice((b"\1", b"\xff" * 20, b"", bytes(300), random.randbytes(16)))
     made = certificate.make(subject, principal, serial, tag)
     return made if random.random() < 0.7 else certificate.mutate(made, random)
 
 
-def set_up(desk, made):
+def set_up(desk):
     path = desk.path
     show = desk.script("show", f'printf "%s\\0" "$#" "$@" >>{path("shown")}')
     path("inner").mkdir()
@@ -87,7 +80,6 @@ def set_up(desk, made):
                "[Command]\nWatch=config Watch\n[Mail]\nUsername=\nDomain=\n"
                f'[Watch Remove]\n1={show} "%USERNAME%" "%OID.CN%" removed\n; %SUBJECT%\n2={show} "%UPN%" removed\n')
     desk.write("product.conf", product)
-    desk.write("card.der", made)
     desk.configure("-sync config Watch", [
         f'{show} "%UPN%" "%USERNAME%" "%DOMAIN%" "%SERIALNUMBER%" quoted', f'{show} "%SUBJECT%" subject',
         f'{show} "%OID.CN%" "%OID.O%" component', f"{show} %USERNAME% %OID.CN% bare",
@@ -103,26 +95,21 @@ def is_cut(desk):
     return any(len(line) > 257 and line[:2] in (b"1=", b"2=") for line in lines)
 
 
-def check_arguments(desk, cut):
+def check_arguments(desk):
     """Each call of `show` has its last word, and in quoted places as many arguments as were written."""
     words = read(desk.path("shown")).split(b"\0")[:-1]
-    written = {b"quoted": (5,), b"subject": (2,), b"component": (3,), b"removed": (2, 3), b"bare": None}
+    written = {b"quoted": (5,), b"subject": (2,), b"component": (3,), b"removed": (2, 3), b"bare": range(1 << 20)}
     while words:
         count = int(words[0])
         arguments, words = words[1:count + 1], words[count + 1:]
         last = arguments[-1] if arguments else b""
-        require(last in written or cut, "an argument was lost behind a card's value")
-        require(not written.get(last) or count in written[last], f"a card's value made {count} arguments: {last}")
+        require(count in written.get(last, ()), f"a card's value made {count} arguments: {last}")
         for argument in arguments:
-            check_text(argument, "an argument", cut)
+            check_text(argument, "an argument")
 
 
-def check_text(text, where, cut=False):
-    """With `cut` a character may be halved."""
-    try:
-        found = UNSEEN.search(text.decode("utf-8", "ignore" if cut else "strict"))
-    except UnicodeDecodeError:
-        raise Damage(f"{where} holds what is not UTF-8") from None
+def check_text(text, where):
+    found = UNSEEN.search(text.decode("utf-8", "surrogateescape"))
     require(not found, f"{where} holds the character {found and ascii(found.group())}")
 
 
@@ -149,30 +136,30 @@ def check_file(desk, name, before):
 def check_trace(desk, cut):
     for line in desk.trace().split(b"\n")[:-1]:
         require(HEADER.match(line), "a card's value made a line in the trace")
-        check_text(line, "the trace", cut)
+        cut or check_text(line, "the trace")
 
 
-def check_everything(desk, product):
-    cut = is_cut(desk)
-    check_arguments(desk, cut)
+def check_everything(desk, product, known):
+    cut = is_cut(desk)  # which may halve a character
+    check_trace(desk, cut)
+    cut or check_arguments(desk)
     check_file(desk, "target.conf", TARGET)
     check_file(desk, "product.conf", product)
-    check_trace(desk, cut)
     for name in ("canary.conf", "x.conf"):
         require(desk.path(name).read_bytes() == ORIGINAL, f"a card's value chose {name} to be written")
-    for entry in desk.folder.iterdir():
-        require(entry.name in KNOWN or entry.name.startswith("~qix"), f"a file appeared ({entry.name})")
+    for name in {entry.name for entry in desk.folder.iterdir()} - known:
+        require(name.startswith("~qix"), f"a file appeared ({name})")
 
 
 def trial(desk, random, tally):
     tally.tried("hostile certificates")
-    made = hostile(desk, random)
-    product = set_up(desk, made)
-    desk.insert(made)
+    product = set_up(desk)
+    desk.insert(hostile(desk.path("canary"), random))
+    known = {"stderr.txt", "trace.log", "shown", ".qix", "target.conf.org", "product.conf.org", *os.listdir(desk.folder)}
     for configuration, done in (("system.conf", "Connected slot 1"), ("product.conf", "Remove event ... done")):
         desk.variables["qixconfigglobal"] = str(desk.path(configuration))
         desk.start()
         require(desk.traced(f"Watch - {done}", limit=30), f"the commands of {configuration} did not come to their end")
         desk.stop()
-        check_everything(desk, product)
+        check_everything(desk, product, known)
         desk.remove()

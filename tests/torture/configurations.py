@@ -6,12 +6,11 @@ from functools import reduce
 from pathlib import Path
 
 import certificate
-from desk import CHILDREN, eventually, pause, read, require
+from desk import eventually, pause, read, require
 
 LANES = 8
 WEIGHT = 10
-SAMPLES = Path(__file__).parents[2] / "packaging" / "samples"
-SAMPLE = """[Trace]
+SAMPLE = b"""[Trace]
 watch=@desk@/trace.log
 [Install]
 Directory=@library@/
@@ -40,17 +39,6 @@ iVBORw0KGgo=
 """
 
 
-def sample(random):
-    """Our own text, or one that is installed, without the programs that it starts."""
-    text = SAMPLE
-    if random.random() < 0.3:
-        text = random.choice(sorted(SAMPLES.glob("*.conf"))).read_text(encoding="utf-8")
-        for folder in ("/usr/local/bin/", "/usr/bin/", "/bin/", "/home/kiosk/", "/tmp/", "@examples@/"):
-            text = text.replace(folder, "@desk@/none/")
-        text = text.replace("@directory@", "@library@/")
-    return text.encode()
-
-
 def fill_in(desk, text):
     """The paths come in last: a path that was mutated is a relative one, and leads nowhere else."""
     for name, value in (("@desk@", desk.folder), ("@library@", desk.library), ("@called@", desk.tools.called)):
@@ -60,8 +48,7 @@ def fill_in(desk, text):
 
 
 def with_noise(text, random):
-    noise = random.randbytes(random.choice((0, 1, 7, 100, 5000, 200000)))
-    return noise if random.random() < 0.5 else text + noise
+    return random.choice((text, b"")) + random.randbytes(random.choice((0, 1, 7, 100, 5000, 200000)))
 
 
 def with_mutations(text, random):
@@ -91,71 +78,60 @@ DEEDS = (("random bytes", with_noise), ("mutations", with_mutations), ("mutation
          ("byte order mark", lambda text, _: b"\xef\xbb\xbf" + text))
 
 
-def stop_with_extra_watchers(desk):
-    """No watcher outlives the service that started it."""
-    desk.stop()
-
-    def is_left(process):
-        with contextlib.suppress(OSError):
-            return (process / "exe").readlink() == desk.tools.program and (process / "cwd").readlink() == desk.folder
-    require(eventually(lambda: not any(map(is_left, Path("/proc").glob("[1-9]*"))), 5, 0.1),
-            "an extra watcher outlived the service")
-    CHILDREN.reap_orphans()
-
-
-def ask_for_people(desk, random):
-    """What people ask of the file is answered, whatever stands in it."""
-    words = random.choice((["--check"], ["--list"], ["--list", "--json"], ["--check", str(desk.path("system.conf"))]))
-    desk.start(*words)
-    code = desk.wait(20, f"no answer to {words[0]}")
-    require(code in (0, 1, 2), f"{words[0]} ended with {code}")
+def is_left(desk, process):
+    with contextlib.suppress(OSError):
+        return (process / "exe").readlink() == desk.tools.program and (process / "cwd").readlink() == desk.folder
 
 
 def read_as_own(desk, random, tally):
     deed, spoil = random.choice(DEEDS)
-    desk.write("system.conf", fill_in(desk, spoil(sample(random), random)))
+    desk.write("system.conf", fill_in(desk, spoil(SAMPLE, random)))
     desk.write("target.conf", "[Mail]\nUsername=\n")
     desk.insert(certificate.ann())
-    if random.random() < 0.3:
+    if random.random() < 0.3:  # what people ask of the file is answered, whatever stands in it
         tally.tried("as qix.conf: --check and --list")
-        ask_for_people(desk, random)
-        return
+        desk.start(*random.choice((["--check"], ["--list"], ["--list", "--json"], ["--check", "system.conf"])))
+        code = desk.wait(20, "no answer")
+        return require(code in (0, 1, 2), f"--check or --list ended with {code}")
     tally.tried(f"as qix.conf: {deed}")
     desk.start()
     pause(random.uniform(0.05, 0.6))
     code = desk.process.poll()
     if code is None:
-        stop_with_extra_watchers(desk)
+        desk.stop()
+        require(eventually(lambda: not any(is_left(desk, one) for one in Path("/proc").glob("[1-9]*")), 5, 0.1),
+                "an extra watcher outlived the service")
     elif code != -signal.SIGTERM:  # there was nothing to do
         desk.check_end(code)
 
 
 # --- what a set command fills ----------------------------------------------------------------------
 
+CONTENT = (b"[Mail]", b"[mail]", b"[Other]", b"[]", b"[open", b"Username=", b"username = old", b"Domain=x",
+           b"User name=1", b"a=1", b"b=2", b"=3", b"c", b"; note", b"# note", b"", b"  ", b"\t", b"<Block=", b"QUJD",
+           b"/>", b"<A=QQ==/>", b"x" * 300, b"y=" + b"z" * 12000, b"nul=\0\0end", b"\xfe\xfd=\x80",
+           b"Usernam\xc3\xa9=e", b"  indented=1")
+OLD_NAMES = (b"Soft Tokens", b"SoftToken", b"Smart Card", b"SmartCard", b"Credential Provider", b"CredentialProvider",
+             b"Dialog Presentation", b"CardBitmap", b"Mail", b"PCSC")
+ENDS = (b"\n",), (b"\r\n",), (b"\r",), (b"\n", b"\r\n")
+
+
 def make_lines(random):
     """Sections, entries, comments, blocks and blank lines, some of them odd, each with its line end."""
-    content = [b"[Mail]", b"[mail]", b"[Other]", b"[]", b"[open", b"Username=", b"username = old", b"Domain=x",
-               b"User name=1", b"a=1", b"b=2", b"=3", b"c", b"; note", b"# note", b"", b"  ", b"\t", b"<Block=",
-               b"QUJD", b"/>", b"<A=QQ==/>", b"x" * 300, b"y=" + b"z" * 12000, b"nul=\0\0end", b"\xfe\xfd=\x80",
-               b"Usernam\xc3\xa9=e", b"  indented=1"]
-    ends = random.choice(([b"\n"], [b"\n"], [b"\r\n"], [b"\r\n"], [b"\r"], [b"\n", b"\r\n"]))
+    ends = random.choice(ENDS)
     # Leading bytes above 0x7F are byte order marks, which a save drops.
-    text = b"; head" + ends[0]
-    for _ in range(random.randrange(1, 40)):
-        text += random.choice(content) + random.choice(ends)
+    lines = [b"; head", *random.choices(CONTENT, k=random.randrange(1, 40))]
+    text = b"".join(line + random.choice(ends) for line in lines)
     return text if random.random() < 0.7 else text.rstrip(b"\r\n")
 
 
 def make_old_sections(random):
     """Sections under names of older versions, which are renamed and merged; no two entries are the same."""
-    names = [b"Soft Tokens", b"SoftToken", b"Smart Card", b"SmartCard", b"Credential Provider", b"CredentialProvider",
-             b"Dialog Presentation", b"CardBitmap", b"Mail", b"PCSC"]
-    end = random.choice((b"\n", b"\r\n", b"\r\n", b"\r"))
     lines = [b"[Mail]", b"Username="]
     for number in range(random.randrange(1, 30)):
-        lines.append(random.choice((b"[%s]" % random.choice(names), b"", b"e%d=%d" % (number, number),
+        lines.append(random.choice((b"[%s]" % random.choice(OLD_NAMES), b"", b"e%d=%d" % (number, number),
                                     b"Image%d=card.bmp" % number)))
-    return end.join(lines) + random.choice((b"", end))
+    return random.choice(ENDS)[0].join(lines)
 
 
 def lines_of(text):

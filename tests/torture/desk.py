@@ -1,6 +1,5 @@
 """A desk of its own for one trial: a home, card readers, configuration files and the service."""
 
-import contextlib
 import os
 import re
 import shutil
@@ -38,46 +37,12 @@ class Tools:
         self.sanitized = re.search(rb"\nQIXX_SANITIZE:\w+=.", (build / "CMakeCache.txt").read_bytes()) is not None
 
 
-class Children:
-    """Every process that the campaign starts, and what these leave over."""
-
-    def __init__(self):
-        self.lock = threading.Lock()
-        self.started = set()
-
-    def start(self, *arguments, **options):
-        with self.lock:  # the reaper must not take a process before it knows it
-            process = subprocess.Popen(*arguments, stdin=subprocess.DEVNULL, start_new_session=True, **options)
-            self.started.add(process)
-        return process
-
-    def run(self, *arguments):
-        """Runs a program to its end; whether it succeeded."""
-        return self.start(arguments, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).wait() == 0
-
-    @staticmethod
-    def of(parent):
-        """The processes whose parent this is, ended ones too."""
-        of_threads = Path("/proc", str(parent), "task").glob("*/children")
-        return {int(process) for children in of_threads for process in read(children).split()}
-
-    def reap_orphans(self):
-        """Orphans become children of the campaign, which is their subreaper."""
-        with self.lock:
-            self.started = {process for process in self.started if process.returncode is None}
-            for orphan in self.of(os.getpid()) - {process.pid for process in self.started}:
-                os.waitpid(orphan, os.WNOHANG)
-
-    def kill_all(self):
-        """Kills what still runs below this process, and again what becomes an orphan by that."""
-        for _ in range(100):
-            for process in self.of(os.getpid()):
-                with contextlib.suppress(ChildProcessError, ProcessLookupError):
-                    os.kill(process, signal.SIGKILL)
-                    os.waitpid(process, 0)
+def children_of(parent):
+    """The processes whose parent this is, ended ones too."""
+    of_threads = Path("/proc", str(parent), "task").glob("*/children")
+    return {int(process) for children in of_threads for process in read(children).split()}
 
 
-CHILDREN = Children()
 STOP = threading.Event()
 
 
@@ -149,8 +114,9 @@ class Desk:
     def start(self, *arguments, before=()):
         """Starts the service; `before` is a command that starts it, such as prlimit."""
         with open(self.path("stderr.txt"), "ab") as errors:
-            self.process = CHILDREN.start([*before, str(self.tools.program), *arguments], stdout=errors,
-                                          stderr=errors, cwd=self.folder, env=self.variables)
+            self.process = subprocess.Popen(
+                [*before, str(self.tools.program), *arguments], stdin=subprocess.DEVNULL, stdout=errors,
+                stderr=errors, cwd=self.folder, env=self.variables, start_new_session=True)
 
     def wait(self, limit, lack="SIGTERM did not end the service"):
         """The exit code, or minus the ending signal. It is damage that there is none within the limit."""
@@ -199,12 +165,7 @@ class Desk:
         return self.goes_on_until(lambda: text.encode() in self.trace(), limit, step)
 
     def goes_on_until(self, condition, limit, step=0.02):
-        def holds():
-            if condition():
-                return True
-            self.check_alive()
-            return False
-        return eventually(holds, limit, step)
+        return eventually(lambda: condition() or self.check_alive(), limit, step)
 
     def notes(self, word):
         """How often the commands of `note` were told the word."""

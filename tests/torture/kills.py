@@ -1,14 +1,13 @@
 """SIGTERM and SIGKILL at any moment of a set command, with a reader looking on."""
 
-import json
+import collections
+import contextlib
 import signal
-import subprocess
-import sys
+import threading
 import time
-from pathlib import Path
 
 import certificate
-from desk import CHILDREN, read, require
+from desk import read, require
 
 LANES = 2
 WEIGHT = 20
@@ -29,7 +28,7 @@ class Scene:
     """One file that one kind of set command changes, from a text before to a text after."""
 
     def __init__(self, desk, random, tally, label):
-        self.desk, self.random, self.tally, self.label = desk, random, tally, label
+        self.desk, self.random, self.tally = desk, random, tally
         self.target, self.saved = desk.path("target/a.conf"), desk.path("target/a.conf.org")
         self.target.parent.mkdir()
         self.restores = label.startswith("restoring")
@@ -65,7 +64,6 @@ class Scene:
         return self.target.read_bytes(), took
 
     def end_at_a_random_moment(self, sent):
-        """Says what is damaged; nothing when all is whole."""
         self.desk.start()
         time.sleep(self.random.uniform(0, 1.1) * self.took)
         self.desk.process.send_signal(sent)
@@ -74,50 +72,45 @@ class Scene:
         require(sent == signal.SIGKILL or code in (0, -signal.SIGTERM), f"SIGTERM: the service ended with {code}")
         if sent == signal.SIGKILL:
             self.tally.counted("(killed in the middle of a write)" if self.strays() else "(killed at another moment)")
-        text, saved = read(self.target, b"(no file)"), read(self.saved, None)
-        if text not in (self.before, self.after):
-            return self.keep("torn", text, "the file was left damaged")
-        if saved not in (None, self.original):
-            return self.keep("torn.org", saved, "the saved copy was left damaged")
-        # After the next write the text is the one after, and no stray file is left.
-        text, _ = self.run_through()
-        if text != self.after:
-            return self.keep("next", text, "the next write went wrong")
-        strays = self.strays()
-        return f"a stray file stayed ({strays[0].name})" if strays else None
+        require(read(self.target) in (self.before, self.after), "the file was left damaged")
+        require(read(self.saved, None) in (None, self.original), "the saved copy was left damaged")
+        require(self.run_through()[0] == self.after, "the next write went wrong")
+        require(not self.strays(), "a stray file stayed behind the next write")
 
     def strays(self):
         return [entry for entry in self.target.parent.iterdir() if entry not in (self.target, self.saved)]
 
-    def keep(self, name, text, problem):
-        """Keeps the first such text beside the report of the problem."""
-        if not self.desk.path(name).exists():
-            self.desk.write(name, text)
-        return problem
+    @contextlib.contextmanager
+    def reader(self):
+        """Somebody who looks at the file as often as one can meanwhile."""
+        over, looks = threading.Event(), collections.Counter()
+
+        def look():
+            while not over.is_set():
+                looks[(text := read(self.target)) in (self.before, self.after)] += 1
+                if looks[False] == 1:
+                    self.desk.write("seen", text)
+        looking = threading.Thread(target=look)
+        looking.start()
+        try:
+            yield
+        finally:
+            over.set()
+            looking.join()
+            self.tally.counted("looks at the file", looks.total())
+            if looks[False]:
+                self.tally.damage("looks at the file", "a reader saw a text that is neither old nor new", looks[False])
 
 
 def trial(desk, random, tally):
-    scene = Scene(desk, random, tally, random.choice(LABELS))
-    desk.path("whole").mkdir()
-    desk.write("whole/before", scene.before)
-    desk.write("whole/after", scene.after)
-    reader = CHILDREN.start([sys.executable, Path(__file__).with_name("look.py"), scene.target, desk.path("whole")],
-                            stdout=subprocess.PIPE)
-    try:
-        reader.stdout.readline()
+    label = random.choice(LABELS)
+    scene = Scene(desk, random, tally, label)
+    scene.prepare()
+    with scene.reader():
         for _ in range(ROUNDS):
             sent = random.choice((signal.SIGTERM, signal.SIGKILL, signal.SIGKILL))
-            label = f"{sent.name}, {scene.label}"
-            tally.tried(label)
+            tally.tried(f"{sent.name}, {label}")
             scene.prepare()
-            if problem := scene.end_at_a_random_moment(sent):
-                tally.damage(label, problem)
+            scene.end_at_a_random_moment(sent)
             if tally.is_over():
                 break
-    finally:
-        reader.terminate()
-        seen = json.loads(reader.communicate()[0])
-    tally.counted("looks at the file", seen["looks"])
-    if seen["damaged"]:
-        tally.damage("looks at the file", "a reader saw a text that is neither old nor new", seen["damaged"])
-        desk.write("seen.json", json.dumps(seen["texts"], indent=1))

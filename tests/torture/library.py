@@ -25,11 +25,8 @@ CALLS = ("1 1", "2 2", "3 5", "1 1000000000")  # the first and the last
 HEALING = 32
 
 
-def plan(seed):
-    every = [(function, label, deed, calls, stage) for function in FUNCTIONS for label, deed in DEEDS
-             for stage in FUNCTIONS[function] for calls in CALLS]
-    Random(f"{seed}/library").shuffle(every)
-    return every
+EVERY = [(function, label, deed, calls, stage) for function in FUNCTIONS for label, deed in DEEDS
+         for stage in FUNCTIONS[function] for calls in CALLS]
 
 
 def misbehave(desk, stage, order):
@@ -56,22 +53,11 @@ def misbehave(desk, stage, order):
     return connected
 
 
-def check_healed(desk):
-    """A card that comes is seen, once, and so is that it goes."""
-    ins, outs = desk.notes("in"), desk.notes("out")
-    desk.insert(certificate.ann())
-    require(desk.noted("in", ins + 1, HEALING), "the library was well again, and a card was not seen")
-    require(desk.notes("in") == ins + 1, "one insertion ran its commands twice")
-    desk.remove()
-    require(desk.noted("out", outs + 1, HEALING), "the library was well again, and a removal was not seen")
-
-
 def go_through(desk, function, calls, deed, stage):
     connected = misbehave(desk, stage, f"{function} {calls} {deed}")
     # A library that gave a list without functions once is not asked for another.
     if stage == "end" or function == "C_GetFunctionList" and "lie" in deed:
-        desk.stop(30)
-        return
+        return desk.stop(30)
     outs = 0 if stage == "removal" else desk.notes("out")
     desk.path("order").unlink()
     pause(1)  # what comes and goes between two polls is not seen
@@ -85,13 +71,19 @@ def go_through(desk, function, calls, deed, stage):
         pause(2)
         desk.remove()
         pause(2)
-    check_healed(desk)
+    # Then a card that comes is seen, once, and so is that it goes.
+    ins, outs = desk.notes("in"), desk.notes("out")
+    desk.insert(certificate.ann())
+    require(desk.noted("in", ins + 1, HEALING), "the library was well again, and a card was not seen")
+    require(desk.notes("in") == ins + 1, "one insertion ran its commands twice")
+    desk.remove()
+    require(desk.noted("out", outs + 1, HEALING), "the library was well again, and a removal was not seen")
     desk.stop()
 
 
 def trial(desk, _, tally):
-    every = plan(tally.seed)
-    function, label, deed, calls, stage = every[tally.index % len(every)]
+    every = Random(f"{tally.plan.seed}/library").sample(EVERY, len(EVERY))
+    function, label, deed, calls, stage = every[tally.index % len(EVERY)]
     tally.tried(f"a function {label}")
     desk.library = desk.tools.misbehaving.parent
     one, other = (desk.write(name, "[Mail]\nUsername=\n") for name in ("a.conf", "b.conf"))

@@ -5,7 +5,7 @@ from pathlib import Path
 from statistics import median
 
 import certificate
-from desk import CHILDREN, eventually, pause, require
+from desk import children_of, eventually, pause, require
 
 LANES = 2
 WEIGHT = None  # runs beside the other kinds all the time
@@ -31,22 +31,20 @@ def sample(process):
     root = Path("/proc", str(process))
 
     def counts():
-        return len(os.listdir(root / "fd")), len(os.listdir(root / "task")), len(CHILDREN.of(process))
+        return len(os.listdir(root / "fd")), len(os.listdir(root / "task")), len(children_of(process))
     eventually(lambda: counts()[1:] == (1, 0), 5, 0.1)
     return *counts(), int((root / "statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
 
 
-def judge(desk, samples, tally):
-    quarter = max(1, len(samples) // 4)
-    parts = [list(zip(*part)) for part in (samples[:quarter], samples[-quarter:])]
-    for before, after, what in zip(*parts, ("descriptors", "threads", "children")):
-        require(max(after) <= max(before), f"{what} grew from {max(before)} to {max(after)} in {len(samples)} rounds")
-    before, after = (median(part[3]) for part in parts)
-    descriptors, threads, children, _ = samples[quarter - 1]
-    tally.remark(f"{descriptors} descriptors, {threads} thread, {children} children throughout; "
+def judge(samples, may_grow, tally):
+    quarter = len(samples) // 4
+    descriptors, threads, children, memory = zip(*samples)
+    for held, what in ((descriptors, "descriptors"), (threads, "threads"), (children, "children")):
+        require(max(held[-quarter:]) <= max(held[:quarter]), f"{what} grew in {len(samples)} rounds")
+    before, after = median(memory[:quarter]), median(memory[-quarter:])
+    tally.remark(f"{descriptors[0]} descriptors, {threads[0]} thread, {children[0]} children throughout; "
                  f"{before:.0f} KiB at first, {after:.0f} KiB at last")
-    require(desk.tools.sanitized or after - before <= MAX_GROWTH,
-            f"memory grew from {before:.0f} to {after:.0f} KiB in {len(samples)} rounds")
+    require(may_grow or after - before <= MAX_GROWTH, f"memory grew by {after - before} KiB in {len(samples)} rounds")
 
 
 def trial(desk, random, tally):
@@ -62,7 +60,7 @@ def trial(desk, random, tally):
         require(desk.noted("out", len(samples) + 1), "a removal was not seen")
         samples.append(sample(desk.process.pid))
     if len(samples) >= MIN_ROUNDS:
-        judge(desk, samples, tally)
+        judge(samples, desk.tools.sanitized, tally)
     else:
         tally.remark(f"too short to judge growth ({len(samples)} of {MIN_ROUNDS} rounds)")
     desk.stop()

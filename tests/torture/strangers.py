@@ -1,6 +1,5 @@
 """A service of root's whose target lies in a folder of somebody else's, who lays links and pipes there."""
 
-import contextlib
 import os
 import threading
 
@@ -13,11 +12,17 @@ STRANGER = 62000
 SECRET = b"[Secret]\nUsername=root only\nKey=4711 %USERNAME%\n"
 TARGET = b"[Mail]\nUsername=\nGreeting=%USERNAME%\n"
 OLD = b"what the stranger had in the place of the output\n"
+SCENES = [(place, what) for place, every in (
+    ("saved copy", ("is a link", "leads nowhere", "is a second name", "is a pipe")),
+    ("target", ("is a link", "is a second name", "is a pipe")), ("folder", ("is a link", "is changed meanwhile")),
+    ("trace", ("is a link", "is a strangers file", "is a second name")),
+    ("output", ("is a link", "leads nowhere", "is a second name", "is a pipe", "has two names")),
+    ("all", ("is honest",))) for what in every]
 
 
 class Scene:
-    def __init__(self, desk, place):
-        self.desk = desk
+    def __init__(self, desk, place, what):
+        self.desk, self.what = desk, what
         self.vault, self.folder = desk.path("vault"), desk.path("stranger")
         for folder in (self.vault, self.folder):
             folder.mkdir(mode=0o755)
@@ -31,7 +36,6 @@ class Scene:
         self.place = {"saved copy": self.folder / "a.conf.org", "target": self.target, "output": self.output,
                       "trace": desk.trace_file, "folder": self.folder / "sub"}.get(place)
         self.goal = self.vault if place == "folder" else self.secret
-        self.afterwards = contextlib.ExitStack()
 
     @staticmethod
     def own(path):
@@ -43,12 +47,34 @@ class Scene:
         self.own(file)
         return file
 
-    def link(self, place, to):
-        """A link of the stranger's, instead of what was there."""
+    def link(self, to):
+        """A link of the stranger's, instead of what was in the place."""
         made = self.folder / "made"
         made.symlink_to(to)
         self.own(made)
-        made.rename(place)
+        made.rename(self.place)
+
+    def lay(self):
+        """What the stranger lays in the place."""
+        if self.what in ("is a link", "is changed meanwhile"):
+            self.link(self.goal)
+        elif self.what == "leads nowhere":
+            self.link(self.vault / "planted")
+        elif self.what == "has two names":
+            (self.folder / "other").hardlink_to(self.place)
+        elif self.what in ("is a second name", "is a pipe"):
+            self.place.unlink(missing_ok=True)
+            if self.what == "is a pipe":
+                os.mkfifo(self.place)
+                self.own(self.place)
+            else:
+                self.place.hardlink_to(self.secret)
+
+    def change_until(self, over):
+        """The folder is now the stranger's own, now a link to root's."""
+        while not over.is_set():
+            self.link(self.folder)
+            self.link(self.goal)
 
     def go_through(self):
         desk = self.desk
@@ -75,78 +101,16 @@ class Scene:
             is_own = file.is_file() and not file.is_symlink() and not file.samefile(self.secret)
             require(not is_own or b"4711" not in file.read_bytes(),
                     "what only root may read was copied into the stranger's folder")
-
-
-# --- what the stranger lays in the place ----------------------------------------------------------
-
-def link(scene):
-    scene.link(scene.place, scene.goal)
-
-
-def link_to_nowhere(scene):
-    scene.link(scene.place, scene.vault / "planted")
-
-
-def second_name(scene):
-    scene.place.unlink(missing_ok=True)
-    scene.place.hardlink_to(scene.secret)
-
-
-def pipe(scene):
-    scene.place.unlink(missing_ok=True)
-    os.mkfifo(scene.place)
-    scene.own(scene.place)
-
-
-def two_names(scene):
-    (scene.folder / "other").hardlink_to(scene.place)
-
-
-def nothing(_):
-    pass
-
-
-def changing_folder(scene):
-    """The folder is now the stranger's own, now a link to root's."""
-    real, over = scene.folder / "real", threading.Event()
-    real.mkdir()
-    scene.own(real)
-    scene.write("real/a.conf", TARGET)
-    link(scene)
-
-    def change():
-        while not over.is_set():
-            scene.link(scene.place, real)
-            link(scene)
-    changing = threading.Thread(target=change)
-    changing.start()
-    scene.afterwards.callback(changing.join)
-    scene.afterwards.callback(over.set)
-
-
-LAID = {"is a link": link, "leads nowhere": link_to_nowhere, "is a second name": second_name, "is a pipe": pipe,
-        "has two names": two_names, "is a strangers file": nothing, "is honest": nothing,
-        "is changed meanwhile": changing_folder}
-PLACES = {"saved copy": ("is a link", "leads nowhere", "is a second name", "is a pipe"),
-          "target": ("is a link", "is a second name", "is a pipe"), "folder": ("is a link", "is changed meanwhile"),
-          "trace": ("is a link", "is a strangers file", "is a second name"),
-          "output": ("is a link", "leads nowhere", "is a second name", "is a pipe", "has two names"),
-          "all": ("is honest",)}
-SCENES = [(place, what) for place, every in PLACES.items() for what in every]
-
-
-def check_besides(scene, what):
-    """What must have come of it besides."""
-    if what == "is a strangers file" and scene.place.stat().st_uid == STRANGER:
-        require(not scene.place.stat().st_size, "the trace was written into a stranger's file")
-    if what == "has two names":
-        require(scene.output.read_bytes() == OLD, "a file that could be anywhere was written")
-    if what == "is honest":  # nothing is refused that need not be, and the files stay their owner's
-        text, owners = scene.target.read_bytes(), {scene.target.stat().st_uid, scene.output.stat().st_uid}
-        require(b"Greeting=ann" in text and b"Username=\n" in text,
-                "an honest file of another user was not filled and cleared")
-        require(scene.output.read_bytes() == b"said\n", "the output is not in an honest file of another user")
-        require(owners == {STRANGER}, "a file has not stayed its owner's")
+        if self.what == "is a strangers file" and self.place.stat().st_uid == STRANGER:
+            require(not self.place.stat().st_size, "the trace was written into a stranger's file")
+        if self.what == "has two names":
+            require(self.output.read_bytes() == OLD, "a file that could be anywhere was written")
+        if self.what == "is honest":  # nothing is refused that need not be, and the files stay their owner's
+            text, owners = self.target.read_bytes(), {self.target.stat().st_uid, self.output.stat().st_uid}
+            require(b"Greeting=ann" in text and b"Username=\n" in text,
+                    "an honest file of another user was not filled and cleared")
+            require(self.output.read_bytes() == b"said\n", "the output is not in an honest file of another user")
+            require(owners == {STRANGER}, "a file has not stayed its owner's")
 
 
 def trial(desk, _, tally):
@@ -154,9 +118,16 @@ def trial(desk, _, tally):
         return tally.skip("folders of other users", "only as root")
     place, what = SCENES[tally.index % len(SCENES)]
     tally.tried(f"{place} {what}")
-    scene = Scene(desk, place)
-    with scene.afterwards:
-        LAID[what](scene)
+    scene = Scene(desk, place, what)
+    scene.lay()
+    over = threading.Event()
+    changing = threading.Thread(target=scene.change_until, args=[over])
+    if what == "is changed meanwhile":
+        changing.start()
+    try:
         scene.go_through()
+    finally:
+        over.set()
+        if changing.ident:
+            changing.join()
     scene.check()
-    check_besides(scene, what)
