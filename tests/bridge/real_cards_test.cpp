@@ -90,6 +90,18 @@ TEST_F(RealCards, PcscThatDiesAndComesBack) {
   EXPECT_TRUE(Has("Disconnected", 0, 2));
 }
 
+TEST_F(RealCards, SeveralModulesInOne) {
+  if (OutputOf("dpkg-query -W p11-kit-modules 2>/dev/null").empty()) {
+    GTEST_SKIP() << "NOT TESTED on several modules: no p11-kit (package p11-kit-modules)";
+  }
+  SetVariable("qix:Pkcs11:Module", "p11-kit-proxy.so");
+  InsertSeen(0);  // it keeps to the readers that were there when it was initialised
+  Watch();
+  ExpectRead(0);
+  Remove(0);
+  EXPECT_TRUE(Has("Disconnected", 0));
+}
+
 TEST_F(RealCards, PulledWhileItIsRead) {
   Watch();
   Insert(0, {.pulledWhileRead = true});
