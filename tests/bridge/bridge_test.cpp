@@ -156,28 +156,6 @@ TEST_F(Bridge, WaitingThreadEndsWithTheModule) {
   EXPECT_EQ(waiting.get(), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
-TEST_F(Bridge, SuiteAttributeIsZeroUnlessTheModuleHasIt) {
-  for (const char* const name : {"first", "second"}) {
-    desktop_.Home().Write(std::string("readers/1/card/") + name + ".der", "\x30\x01x");
-  }
-  for (const bool suite : {false, true}) {
-    SCOPED_TRACE(suite);
-    Start(suite ? SOFTCARD_SUITE : SOFTCARD_PLAIN);
-    const CK_SESSION_HANDLE session = Open(1);
-    const CK_OBJECT_HANDLE object = Search(session).at(1);  // whose value is not zero
-    std::string label(64, '\0'), value(8, '\xEE');
-    CK_ATTRIBUTE both[] = {{pkcs11::kSuiteAttribute, value.data(), value.size()},
-                           {CKA_LABEL, label.data(), label.size()}};
-    EXPECT_EQ(list_->C_GetAttributeValue(session, object, both, 2), CKR_OK);
-    EXPECT_EQ(both[0].ulValueLen, 8U);
-    EXPECT_EQ(value == std::string(8, '\0'), !suite);
-    EXPECT_EQ(label.substr(0, both[1].ulValueLen), "second");
-    both[0].ulValueLen = 7;
-    EXPECT_EQ(list_->C_GetAttributeValue(session, object, both, 1), CKR_BUFFER_TOO_SMALL);
-    list_->C_Finalize(nullptr);
-  }
-}
-
 TEST_F(Bridge, VariablesAreKeptOnTheFirstToken) {
   Play("+2 s");
   const auto set = Function<CK_RV (*)(const char*, const char*)>("C_SetVariable");

@@ -19,7 +19,6 @@ constexpr const char* kHolderPem =
 class SoftCard : public LoadedModule {
  protected:
   void Insert(const std::string& slot) { folder_.Write(slot + "/card/holder.pem", kHolderPem); }
-  void Remove(const std::string& folder) { std::filesystem::remove_all(folder_.Path(folder)); }
   std::string Read(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
     std::string value(99, '\0');
     CK_ATTRIBUTE attribute{type, value.data(), value.size()};
@@ -59,37 +58,6 @@ TEST_F(SoftCard, HostileFilesAreBoundedAndPassedOver) {
   const CK_SESSION_HANDLE session = Open(2);
   ASSERT_EQ(Search(session).size(), 2U);
   EXPECT_EQ(Read(session, Search(session)[1], CKA_ISSUER), "\x30\x01i");
-}
-
-TEST_F(SoftCard, VariablesAreOneDataObject) {
-  folder_.Write("1/card/variables", "# note\nActiveLogonUPN=user  \nempty=\r\n=no name\n");
-  Start(SOFTCARD_SUITE);
-  const CK_SESSION_HANDLE session = Open(1);
-  const CK_OBJECT_HANDLE object = Search(session).at(0);
-  EXPECT_EQ(Read(session, object, CKA_VALUE), "\0ActiveLogonUPN\0user  \0empty\0\0"s);
-  const auto set = [&](std::string bytes) {
-    CK_ATTRIBUTE attribute{CKA_VALUE, bytes.data(), bytes.size()};
-    return list_->C_SetAttributeValue(session, object, &attribute, 1);
-  };
-  EXPECT_EQ(set("\0a\0b = c\0"s), CKR_OK);
-  EXPECT_EQ(folder_.Read("1/card/variables"), "a=b = c\n");
-  EXPECT_EQ(set("\0a\0b\nc=d\0"s), CKR_ATTRIBUTE_VALUE_INVALID);
-  folder_.Write("1/card/variables.raw", "\x01\n");
-  EXPECT_EQ(Read(Open(1), object, CKA_VALUE), "\x01\n");
-  EXPECT_EQ(set("\0"s), CKR_ATTRIBUTE_READ_ONLY);
-}
-
-TEST_F(SoftCard, SessionsEndWithTheirCard) {
-  Insert("1");
-  Start(SOFTCARD_SUITE);
-  const CK_SESSION_HANDLE first = Open(1);
-  Remove("1/card");
-  Insert("1");
-  const CK_SESSION_HANDLE third = Open(1);
-  CK_SESSION_INFO info;
-  EXPECT_EQ(Poll(), 1) << "another card";
-  EXPECT_EQ(list_->C_GetSessionInfo(first, &info), CKR_DEVICE_REMOVED);
-  EXPECT_EQ(list_->C_GetSessionInfo(third, &info), CKR_OK);
 }
 
 TEST_F(SoftCard, ScriptInsertsAndRemoves) {

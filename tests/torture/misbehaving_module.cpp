@@ -26,7 +26,6 @@
 #include <string_view>
 #include <thread>
 #include <tuple>
-#include <type_traits>
 
 #include "pkcs11/cryptoki.h"
 
@@ -58,47 +57,41 @@ std::string DeedFor(const std::string& function) {
 
 // --- lies ----------------------------------------------------------------------------------------
 
-template <typename Given, typename... Records>
-constexpr bool kIsAnyOf = (std::is_same_v<Given, Records> || ...);
-
 /// What a call was given and may have filled. Anything that is no output is left alone.
 template <typename Given>
 void Spoil(const Given& /*input*/, std::string_view /*kind*/) {}
 
-template <typename Output>
-void Spoil(Output* output, std::string_view kind) {
+void Spoil(CK_ULONG* output, std::string_view kind) {
   if (output == nullptr) return;
-  if constexpr (kIsAnyOf<Output, CK_ULONG>) {
-    if (kind == "ones") *output = ~CK_ULONG{0};
-    if (kind == "zero") *output = 0;
-    if (kind == "huge") *output = kHuge;
-    if (kind == "more") ++*output;
-  } else if constexpr (kIsAnyOf<Output, CK_FUNCTION_LIST*>) {
-    static CK_FUNCTION_LIST empty = {};
-    *output = kind == "zero" ? nullptr : &empty;
-  } else if constexpr (kIsAnyOf<Output, CK_INFO, CK_SLOT_INFO, CK_TOKEN_INFO>) {
-    // Texts without an end, or nothing at all; flags that hold everything.
-    if (kind == "zero") *output = {};
-    if (kind == "ones") std::memset(output, 0xFF, sizeof *output);
-  } else if constexpr (kIsAnyOf<Output, CK_ATTRIBUTE>) {
-    // The value as well, within the room that was given: a text without an end.
-    if (kind == "more" && output->pValue != nullptr && output->ulValueLen < kHuge)
-      std::memset(output->pValue, 'A', output->ulValueLen);
-    Spoil(&output->ulValueLen, kind);
-  }
-  if constexpr (kIsAnyOf<Output, CK_SLOT_INFO>) {
-    if (kind == "huge" || kind == "more")
-      std::memset(output->slotDescription, 'A', sizeof output->slotDescription);
-  }
+  if (kind == "ones") *output = ~CK_ULONG{0};
+  if (kind == "zero") *output = 0;
+  if (kind == "huge") *output = kHuge;
+  if (kind == "more") ++*output;
+}
+void Spoil(CK_FUNCTION_LIST** output, std::string_view kind) {
+  static CK_FUNCTION_LIST empty = {};
+  *output = kind == "zero" ? nullptr : &empty;
+}
+/// Texts without an end, or nothing at all; flags that hold everything.
+template <typename Record>
+void SpoilRecord(Record* output, std::string_view kind) {
+  if (output == nullptr) return;
+  std::memset(output, kind == "zero" ? 0 : kind == "ones" ? 0xFF : 'A', sizeof *output);
+}
+void Spoil(CK_SLOT_INFO* output, std::string_view kind) {
+  SpoilRecord(output, kind);
+}
+void Spoil(CK_TOKEN_INFO* output, std::string_view kind) {
+  SpoilRecord(output, kind);
+}
+/// The value as well, within the room that was given: a text without an end.
+void Spoil(CK_ATTRIBUTE* output, std::string_view kind) {
+  if (kind == "more" && output->pValue != nullptr && output->ulValueLen < kHuge)
+    std::memset(output->pValue, 'A', output->ulValueLen);
+  Spoil(&output->ulValueLen, kind);
 }
 
 // --- deeds ---------------------------------------------------------------------------------------
-
-[[noreturn]] void Throw(const std::string& kind) {
-  if (kind == "number") throw 42;
-  if (kind == "memory") throw std::bad_alloc();
-  throw std::runtime_error("hostile");
-}
 
 template <typename Honest, typename... Given>
 CK_RV Perform(const char* function, const Honest& honest, const std::tuple<Given...>& given) {
@@ -109,7 +102,9 @@ CK_RV Perform(const char* function, const Honest& honest, const std::tuple<Given
   const std::string verb = deed.substr(0, colon), detail = deed.substr(colon + 1);
   const unsigned long number = std::strtoul(detail.c_str(), nullptr, 0);
   if (verb == "answer") return number;
-  if (verb == "throw") Throw(detail);
+  if (detail == "number") throw 42;
+  if (detail == "memory") throw std::bad_alloc();
+  if (verb == "throw") throw std::runtime_error("hostile");
   if (verb == "leave") ::pthread_exit(nullptr);
   if (verb == "hang") std::this_thread::sleep_for(std::chrono::milliseconds(number));
   const CK_RV result = honest();
