@@ -52,9 +52,7 @@ TEST(People, TextsNameEachPlaceholderAndWhatClearsIt) {
     const char* const inFiles = isCleared  ? "filled, cleared on removal"
                                 : isFilled ? "filled"
                                            : "stays";
-    const std::string row =
-        std::string("\n\\| `").append(name).append("` \\|[^\n]*\\| ").append(inFiles);
-    EXPECT_THAT(cards, ContainsRegex(row + " \\|\n"));
+    EXPECT_THAT(cards, ContainsRegex("`" + name + "` \\|[^\n]*\\| " + inFiles + " \\|\n"));
     EXPECT_THAT(manual, HasSubstr(name));
     EXPECT_EQ(cleared.find(name) != std::string::npos, isCleared) << name;
   }
