@@ -6,7 +6,6 @@
 #include "tests/support/fake_card.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
-#include "tests/support/trace_capture.h"
 #include "tests/watch/scripted.h"
 #include "watch/card_text.h"
 #include "watch/command.h"
@@ -15,8 +14,6 @@
 
 namespace qixx::testing {
 namespace {
-
-using watch::EventKind;
 
 TEST(CardText, IsOnlyEverText) {
   const std::pair<std::string, std::string> rows[] = {
@@ -92,13 +89,6 @@ TEST(Match, DecidesWhichCertificateCounts) {
     EXPECT_EQ(watch::IsCredentialStillPresent(reader, match), found);
     EXPECT_EQ(watch::IsMatchingCardPresent(reader, match), present);
   }
-  // A simulated insert never reaches for a card, not even for one in slot 0.
-  card.slots.push_back({.id = 0});
-  const TraceCapture trace;
-  for (const char* const command : {"set -registry there", "extern /none.so,x"}) {
-    EXPECT_FALSE(watch::ExecuteCommand(reader, {.kind = EventKind::kInsert, .slot = 0}, command));
-  }
-  EXPECT_FALSE(trace.Has("Helper - Failed to load '/none.so'"));
   pkcs11::Pkcs11().Release();
 }
 
@@ -214,7 +204,7 @@ TEST(SetCommand, RefusesANameThatIsTooLongForAFile) {
   EXPECT_EQ(fits.size(), 255U);
   for (const bool isFitting : {false, true}) {
     const std::string set = "set -config " + fits + (isFitting ? "" : "d");
-    EXPECT_EQ(watch::ExecuteCommand(card, {EventKind::kRemove, 1}, set), isFitting);
+    EXPECT_EQ(watch::ExecuteCommand(card, {watch::EventKind::kRemove, 1}, set), isFitting);
     EXPECT_EQ(folder.Read("abc"), isFitting ? "[A]\nUsername=\nDomain=\n" : "[A]\nUsername=kept\n");
   }
 }

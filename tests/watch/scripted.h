@@ -67,7 +67,7 @@ class ScriptedReader final : public watch::CardReader {
   }
   bool HasReader() override { return true; }
   bool ShowsToken(CK_SLOT_ID slot) override { return Find(slot) != nullptr; }
-  bool IsTokenReadable(CK_SLOT_ID slot) override { return Find(slot) != nullptr; }
+  bool IsTokenReadable(CK_SLOT_ID slot) override { return Find(slot) != nullptr && readable; }
   std::optional<watch::SlotDescription> Description(CK_SLOT_ID slot) override {
     const Token* const token = Find(slot);
     if (token == nullptr) return std::nullopt;
@@ -94,7 +94,8 @@ class ScriptedReader final : public watch::CardReader {
 
   bool initialised = true;
   bool comesUp = false;  ///< a library that is not initialised can be
-  bool matches = true;   ///< any subject
+  bool readable = true;
+  bool matches = true;  ///< any subject
   std::optional<std::string> activeLogon;
   std::vector<Token> tokens;
   std::size_t polled = 0;  ///< as the script says
