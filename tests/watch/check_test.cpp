@@ -1,7 +1,6 @@
 // The check of a configuration: each kind of mistake, and a file without any.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <sstream>
@@ -21,7 +20,6 @@ using ::testing::Each;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-using ::testing::SizeIs;
 using ::testing::StartsWith;
 using Lines = std::vector<std::string>;
 
@@ -42,9 +40,8 @@ class Check : public ::testing::Test {
   }
 
   /// Checks a file of that text.
-  watch::CheckResult Run(const std::string& text, mode_t mode = 0644) const {
+  watch::CheckResult Run(const std::string& text) const {
     folder_.Write("x.conf", Replaced(text, "@", folder_.Path()));
-    ::chmod(file_.c_str(), mode);
     return watch::CheckConfiguration({&file_, 1}, folder_.Path("no devices"));
   }
   /// The mistakes, without the file's name.
@@ -106,18 +103,14 @@ hello => the line is no entry
 2 =x => entry '2 ' is not found for its blanks
 3=@/program => entry '3' is never reached; the list ends at the missing '2'
 02=@/program => entry '02' is not read
-[] => '[]' is no section
 [Wacth Remove] => nothing reads section 'Wacth Remove'; 'Watch Remove' is meant
 [Watch Door Insert] => nothing reads section 'Watch Door Insert'; no watcher of that name is started
 [Watch]
 Background= x => the blank at the begin belongs to the value of 'Background'
 Backgroud=x => nothing reads entry 'Backgroud' of section 'Watch'; 'Background' is meant
 [Trace]
-somebody=@/x.log
 watch=@/x.trace => trace file '@/x.trace' has another ending, so nothing is traced
 File=@/no/x.log => there is no folder '@/no/', so nothing is traced
-[Install]
-Directory=@/no => there is no folder '@/no/'; the folder of 'libqixp11.so' is meant
 )"
       // What must not reach a terminal.
       "[\x1b[2J\xC2\x9B\xE2\x80\xAE\xE2\x81\xA0\xFF] => nothing reads section '\?[2J\?\?\?\?'\n");
@@ -228,12 +221,6 @@ Watcher 'Gate' (@/x.conf:9)
     put @/mail.conf.org back and clear it
 )");
   EXPECT_EQ(Run("[Pkcs11]\nModule=x\n").exitCode, 0) << "for the bridge in other programs";
-}
-
-TEST_F(Check, SecretsAreForTheOwnerAlone) {
-  const std::string text = kInsert + "1=@/program -pin 1234\n";
-  EXPECT_THAT(Told(Run(text, 0600)), IsEmpty());
-  EXPECT_THAT(Told(Run(text, 0640)), SizeIs(1));
 }
 
 /// The word PIN is the secret in each of these, wherever quotes and blanks cut it into words.

@@ -115,7 +115,6 @@ TEST(Trace, SettingsChooseTheTargetAndCallModeLetsOneLinePass) {
   ::signal(SIGHUP, SIG_IGN);
   ::signal(SIGINT, SIG_DFL);
   watch::InstallStopHandlers();
-  if (::signal(SIGTTOU, SIG_DFL) != SIG_IGN) ::_exit(4);  // a notice to a terminal
   ::raise(SIGHUP);
   watch::StoppableClock clock;
   std::thread sleeper([&clock] {

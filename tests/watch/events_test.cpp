@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <new>
 
+#include "runtime/children.h"
 #include "runtime/process.h"
 #include "runtime/product.h"
 #include "tests/support/environment.h"
@@ -27,6 +28,7 @@
 #include "watch/configuration.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
+#include "watch/extra_watchers.h"
 #include "watch/parallel.h"
 #include "watch/slot_loop.h"
 #include "watch/stop.h"
@@ -466,6 +468,28 @@ TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
     EXPECT_EQ(run.Count("Watch - Execute remove command: set -registry x"), runs);
     EXPECT_EQ(run.Count("Watch - Remove event ..."), 1 + runs);
   }
+}
+
+TEST_F(EventTable, ExtraWatcherThatDidNotEndByItselfIsStartedAgain) {
+  const TraceCapture trace;
+  const auto told = [&](const std::string& news) { return trace.Count("Watch - Extra " + news); };
+  std::uint64_t round = 0;
+  const auto look = [&] {
+    for (std::size_t i = 0; i < watch::kMaxExtraWatchers; ++i) {
+      runtime::ReapChildren();
+      watch::LookAfterExtraWatcher(round++);
+    }
+  };
+  Configure("", "");
+  forksToFail = 1;
+  watch::StartExtraWatchers("Refused|Failing", "/bin/false");
+  fs::remove(folder_.Path("system.conf"));
+  EXPECT_TRUE(Eventually([&] { return look(), told("'Failing' ended with exit code 1") == 1; }));
+  EXPECT_EQ(told("'Refused' is started again"), 0U) << "it would have nothing to watch";
+  Configure("", "");
+  EXPECT_TRUE(Eventually([&] { return look(), told("'Failing' ended with exit code 1") == 2; }));
+  EXPECT_TRUE(Eventually([&] { return look(), told("'Refused' ended with exit code 1") == 1; }));
+  EXPECT_EQ(told("'Failing' is started again"), 1U) << "once a minute";
 }
 
 TEST(SlotLoop, PollsThatFailLoseNoRemovalAndHideCardsForAWhileOnly) {
