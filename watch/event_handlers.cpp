@@ -11,8 +11,8 @@
 #include "watch/command.h"
 #include "watch/configuration.h"
 #include "watch/credentials.h"
+#include "watch/edit_in_time.h"
 #include "watch/event_table.h"
-#include "watch/file_scope.h"
 #include "watch/guard.h"
 #include "watch/logon_file.h"
 #include "watch/parallel.h"
@@ -188,7 +188,7 @@ bool RunRemoveCommands(CWatchOptions& record, CK_SLOT_ID slot, const Platform& p
 
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Inserted event ...");
-  FileScope::BeginEvent();
+  BeginEventOfFiles();
   WatchEvent event;
   bool success = RunGuarded([&] {
     event = EventOf(record, EventKind::kInsert, slot);
@@ -206,7 +206,7 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
 
 OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Remove event ...");
-  FileScope::BeginEvent();
+  BeginEventOfFiles();
   OwedRemoval owed;
   if (!RunGuarded([&] { return RunRemoveCommands(record, slot, platform, owed); }))
     owed.isWhole = true;
@@ -223,7 +223,7 @@ OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform
 void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
                      std::list<std::string>& commands) {
   runtime::TraceWrite("Watch - Owed remove commands ...");
-  FileScope::BeginEvent();
+  BeginEventOfFiles();
   RunStep([&] {
     const WatchEvent event = EventOf(record, EventKind::kRemove, slot);
     commands.remove_if([&](const std::string& text) {

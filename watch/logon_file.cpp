@@ -18,6 +18,7 @@
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "watch/card_text.h"
+#include "watch/edit_in_time.h"
 #include "watch/file_scope.h"
 #include "watch/placeholders.h"
 
@@ -304,24 +305,27 @@ bool FillAll(EditedFile& file, const LogonValues& values) {
 }
 
 /// What the steps make of the text becomes the file's.
+/// They own what they need: they may run later.
 template <typename Steps>
-bool Edit(const std::string& path, const Steps& steps) {
-  EditedFile file(path);
-  const bool done = steps(file) && file.Write();
-  if (!done) file.NotifyFailure();
-  return done;
+bool Edit(const std::string& path, Steps steps) {
+  return EditInTime(path, [path, steps = std::move(steps)] {
+    EditedFile file(path);
+    const bool done = steps(file) && file.Write();
+    if (!done) file.NotifyFailure();
+    return done;
+  });
 }
 
 }  // namespace
 
 bool WriteLogonValues(const std::string& path, const LogonValues& values) {
-  return Edit(
-      path, [&values](EditedFile& file) { return file.SaveOrRestore() && FillAll(file, values); });
+  return Edit(path,
+              [values](EditedFile& file) { return file.SaveOrRestore() && FillAll(file, values); });
 }
 
 bool WriteLogonName(const std::string& path, const LogonName& name) {
   if (path.empty() || (name.user.empty() && name.domain.empty())) return true;
-  return Edit(path, [&name](EditedFile& file) {
+  return Edit(path, [name](EditedFile& file) {
     return file.Read() && file.SetIfPresent(kUserNameKey, name.user) &&
            file.SetIfPresent(kDomainKey, name.domain);
   });
@@ -336,7 +340,9 @@ bool ClearLogonValues(const std::string& path, bool restore) {
 
 bool SetConfigValue(const std::string& path, std::string_view name, std::string_view value) {
   if (path.empty() || name.empty()) return true;
-  return Edit(path, [&](EditedFile& file) { return file.Read() && file.Set(name, value); });
+  return Edit(path, [name = std::string(name), value = std::string(value)](EditedFile& file) {
+    return file.Read() && file.Set(name, value);
+  });
 }
 
 bool BackupOrRestoreConfigFile(const std::string& path) {

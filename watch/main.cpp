@@ -16,9 +16,9 @@
 #include "runtime/text.h"
 #include "watch/card_reader.h"
 #include "watch/extra_watchers.h"
-#include "watch/parallel.h"
 #include "watch/people.h"
 #include "watch/platform.h"
+#include "watch/running_jobs.h"
 #include "watch/service_manager.h"
 #include "watch/stop.h"
 #include "watch/watch_main.h"
@@ -87,7 +87,7 @@ int main(int argc, char** argv) {
     if (hasWatched) result = ResultWithoutMemory(argc, argv);
   }
   // A command that still runs may be inside a library, whose static objects must not go under it.
-  if (!watch::WaitForParallelJobs(0) || runtime::IsLoaderBroken()) ::_exit(result);
+  if (!watch::WaitForJobs(0) || runtime::IsLoaderBroken()) ::_exit(result);
   if (hasWatched) EndWatch(result);
   return result;
 }

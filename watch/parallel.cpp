@@ -9,6 +9,7 @@
 #include "runtime/trace.h"
 #include "watch/command.h"
 #include "watch/guard.h"
+#include "watch/running_jobs.h"
 #include "watch/stop.h"
 
 namespace qixx::watch {
@@ -20,11 +21,10 @@ struct ParallelJob {
   WatchEvent event;
   std::string text;
   unsigned insertions;  ///< up to its event
+  std::unique_ptr<RunningJob> running;
 };
 
-constinit std::atomic<unsigned> runningJobs{0};
 constinit std::atomic<unsigned> insertions{0};
-constinit std::atomic<bool> stopCutOff{false};
 
 // A removal's job that the system has no room for is tried so often, with pauses in milliseconds,
 // but not beside the commands of the next card.
@@ -37,7 +37,7 @@ void RunCommand(const ParallelJob& job) {
     return;
   }
   for (int left = kTries; !RunRemoveCommand(job.card, job.event, job.text); --left) {
-    if (StopRequested()) stopCutOff = true;
+    if (StopRequested()) NoteCutOffJob();
     if (left == 1 || StopRequested()) return;
     runtime::SleepMilliseconds(kTryPause);
     // The next card may have come during the pause.
@@ -46,10 +46,9 @@ void RunCommand(const ParallelJob& job) {
 }
 
 void* RunJob(void* argument) {
-  // Also of a job whose command ended the thread.
-  const AtExit countOff([] { --runningJobs; });
   runtime::ThreadDetachSelf();
   std::unique_ptr<ParallelJob> job(static_cast<ParallelJob*>(argument));
+  const std::unique_ptr<RunningJob> running = std::move(job->running);
   runtime::TraceWrite("Watch - Thread execute command ...");
   RunCommand(*job);
   job.reset();
@@ -61,12 +60,9 @@ void* RunJob(void* argument) {
 
 bool RunParallel(CardReader& card, const WatchEvent& event, std::string_view text) {
   if (text.size() > kMaxParallelCommand) return false;
-  std::unique_ptr<ParallelJob> job(new ParallelJob{card, event, std::string(text), insertions});
-  ++runningJobs;
-  if (runtime::ThreadCreate(&RunJob, job.get()) == 0) {
-    --runningJobs;
-    return false;
-  }
+  std::unique_ptr<ParallelJob> job(
+      new ParallelJob{card, event, std::string(text), insertions, std::make_unique<RunningJob>()});
+  if (runtime::ThreadCreate(&RunJob, job.get()) == 0) return false;
   // The thread frees it.
   static_cast<void>(job.release());
   return true;
@@ -74,19 +70,6 @@ bool RunParallel(CardReader& card, const WatchEvent& event, std::string_view tex
 
 void ForgetOwedParallelJobs() {
   ++insertions;
-}
-
-bool HaveParallelJobsRun() {
-  return runningJobs == 0 && !stopCutOff;
-}
-
-bool WaitForParallelJobs(unsigned milliseconds) {
-  constexpr unsigned kStepMilliseconds = 10;
-  for (unsigned waited = 0; runningJobs != 0; waited += kStepMilliseconds) {
-    if (waited >= milliseconds) return false;
-    runtime::SleepMilliseconds(kStepMilliseconds);
-  }
-  return true;
 }
 
 }  // namespace qixx::watch

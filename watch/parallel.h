@@ -19,10 +19,4 @@ bool RunParallel(CardReader& card, const WatchEvent& event, std::string_view tex
 /// for is not tried again.
 void ForgetOwedParallelJobs();
 
-/// Whether no such command still runs, and none gave up, without having run, because the process is
-/// to stop.
-[[nodiscard]] bool HaveParallelJobsRun();
-/// Waits up to `milliseconds` for all such commands to end; false when some still run.
-bool WaitForParallelJobs(unsigned milliseconds);
-
 }  // namespace qixx::watch

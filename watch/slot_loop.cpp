@@ -19,8 +19,8 @@
 #include "watch/event_table.h"
 #include "watch/extra_watchers.h"
 #include "watch/guard.h"
-#include "watch/parallel.h"
 #include "watch/rounds.h"
+#include "watch/running_jobs.h"
 #include "watch/status.h"
 #include "watch/stop.h"
 
@@ -264,7 +264,7 @@ class SlotWatch {
   /// stop cut off, shall be run anew at the next start. A card that did not count may be in by
   /// then; the mark is its own.
   void ClearMark() {
-    if (!isMarkDue_ || connected_ != kNoSlot || !HaveParallelJobsRun()) return;
+    if (!isMarkDue_ || connected_ != kNoSlot || !HaveJobsRun()) return;
     isMarkDue_ = false;
     mark_.Clear();
   }

@@ -16,7 +16,7 @@
 #include "watch/configuration.h"
 #include "watch/extra_watchers.h"
 #include "watch/guard.h"
-#include "watch/parallel.h"
+#include "watch/running_jobs.h"
 #include "watch/simulate.h"
 #include "watch/slot_loop.h"
 
@@ -33,7 +33,7 @@ constexpr std::string_view kWithoutConfiguration[] = {"-uninstall", "ServiceMain
 constexpr std::string_view kServiceVerbs[] = {"-install", "-uninstall", "-start", "-stop"};
 
 /// How long the end of the process waits for commands on threads of their own, in milliseconds.
-constexpr unsigned kParallelJobWait = 5000;
+constexpr unsigned kJobWait = 5000;
 
 bool BeginsWithAny(std::string_view line, std::span<const std::string_view> heads) {
   return std::ranges::any_of(
@@ -144,7 +144,7 @@ int WatchMain(int /*instance*/, int serviceHandle, std::string_view line,
   config::CConfig config;
   givenServiceHandle = serviceHandle;
   const bool isWhole = RunStep([&] { RunLine(config, line, platform); });
-  WaitForParallelJobs(kParallelJobWait);
+  WaitForJobs(kJobWait);
   return isWhole || !IsExtraWatcherLine(line) ? 0 : EXIT_FAILURE;
 }
 

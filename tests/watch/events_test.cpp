@@ -29,7 +29,7 @@
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
 #include "watch/extra_watchers.h"
-#include "watch/parallel.h"
+#include "watch/running_jobs.h"
 #include "watch/slot_loop.h"
 #include "watch/stop.h"
 #include "watch/terminate_list.h"
@@ -201,7 +201,7 @@ TEST(Command, KeywordsDecideTheResult) {
     EXPECT_EQ(watch::ExecuteCommand(card, {EventKind::kInsert, 1}, text), on_insert) << text;
     EXPECT_EQ(watch::ExecuteCommand(card, {EventKind::kRemove, 1}, text), on_remove) << text;
   }
-  EXPECT_TRUE(watch::WaitForParallelJobs(15000));
+  EXPECT_TRUE(watch::WaitForJobs(15000));
 }
 
 TEST(TerminateList, RemovalEndsWhatTheInsertStartedForItsSlot) {
@@ -411,7 +411,7 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
     record.match = "cn=ann lee";
     const LoopRun run(desk, record);
     holdPauses = false;
-    EXPECT_TRUE(watch::WaitForParallelJobs(15000));
+    EXPECT_TRUE(watch::WaitForJobs(15000));
     forksToFail = syncsToFail = 0;
     const std::string executed = command.substr(isParallel ? 9 : 0);
     EXPECT_EQ(run.Count("Watch - Execute remove command: " + executed), tries);
@@ -431,7 +431,10 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
   inSync = [] {
     inSync = nullptr;
     ::raise(SIGTERM);
-    EXPECT_TRUE(watch::WaitForParallelJobs(15000));
+    const auto isJobGone = [] {
+      return std::distance(fs::directory_iterator("/proc/self/task"), {}) == 2;
+    };
+    EXPECT_TRUE(Eventually(isJobGone)) << "all but the loop's thread and that of the set";
   };
   Scripted desk(kCardThatGoes);
   const LoopRun run(desk, Record("config", 9));

@@ -27,9 +27,11 @@
 #include "tests/support/temporary_folder.h"
 #include "tests/support/trace_capture.h"
 #include "tests/watch/scripted.h"
+#include "watch/edit_in_time.h"
 #include "watch/event_handlers.h"
 #include "watch/file_scope.h"
 #include "watch/placeholders.h"
+#include "watch/running_jobs.h"
 #include "watch/set_command.h"
 
 namespace {
@@ -446,7 +448,7 @@ TEST(LogonFiles, GetsWhatANameMeansThroughALinkThatStays) {
 
 TEST_F(LogonFile, TwoServicesLoseNoValues) {
   constexpr int kKeys = 50;
-  watch::FileScope::BeginEvent();
+  watch::BeginEventOfFiles();
   const auto setAll = [this](char head) {
     for (int i = 0; i < kKeys; ++i) watch::SetConfigValue(file_, head + std::to_string(i), "!");
   };
@@ -456,6 +458,25 @@ TEST_F(LogonFile, TwoServicesLoseNoValues) {
   ::waitpid(other, nullptr, 0);
   const std::string text = Text();
   EXPECT_EQ(std::ranges::count(text, '!'), 2 * kKeys) << text;
+}
+
+TEST(EditInTime, GoesOnWithoutAnAnswer) {
+  std::atomic<bool> answers = false;
+  std::string order;
+  const auto write = [&order](char mark) { return order += mark, true; };
+  watch::BeginEventOfFiles(50);
+  EXPECT_FALSE(watch::EditInTime("/hung", [&] { return answers.wait(false), write('1'); }));
+  watch::BeginEventOfFiles(60'000);
+  EXPECT_FALSE(watch::EditInTime("/hung", [&] { return write('2'); })) << "nobody waits behind it";
+  EXPECT_TRUE(watch::EditInTime("/other", [] { return true; }));
+  EXPECT_FALSE(watch::HaveJobsRun()) << "a removal is not done yet";
+  answers = true;
+  answers.notify_all();
+  EXPECT_TRUE(watch::WaitForJobs(15'000));
+  EXPECT_EQ(order, "12");
+  EXPECT_TRUE(watch::EditInTime("/hung", [] { return true; })) << "it answers again";
+  const auto runOut = []() -> bool { throw std::bad_alloc(); };
+  EXPECT_THROW(watch::EditInTime("/hung", runOut), std::bad_alloc);
 }
 
 }  // namespace
