@@ -58,7 +58,7 @@ TEST(ConfigLookup, ScanAndTreeHaveTheirOwnRules) {
   const TemporaryFolder folder;
   const std::string text =
       "Two=0\n[First] text\r\nName=  one   \nname=last\nBlank =1\n"
-      "#Hash=1\n//Slash=1\n  Indented=yes\nTwo=a=b\rCr=1\nno equals\n"
+      "#Hash=1\n  Indented=yes\nTwo=a=b\rCr=1\nno equals\n"
       "<Block = \n[Hidden]\nInside=1\n/>Rest=1\n[open\nStill=1\n"
       "[Twice]\nE=1\n[TWICE]\nE=2\n";
   LoadedFile scanned(text);
@@ -70,7 +70,6 @@ TEST(ConfigLookup, ScanAndTreeHaveTheirOwnRules) {
   EXPECT_EQ(both("FIRST", "NAME"), "  one / last");
   EXPECT_EQ(both("First", "Blank"), "(no entry) / (6)");
   EXPECT_EQ(both("First", "#Hash"), "(no entry) / 1");
-  EXPECT_EQ(both("First", "//Slash"), "1 / (6)");
   EXPECT_EQ(both("First", "Indented"), "yes / (6)");
   EXPECT_EQ(both("First", "Two"), "a=b / a=b");  // its line ends at a CR
   EXPECT_EQ(both("First", "Rest"), "(no entry) / (6)");
@@ -141,6 +140,16 @@ TEST(ConfigChange, WritesNothingThatReadsAsSomethingElse) {
   EXPECT_EQ(file.GetText(), "\n[L]\nE=" + longer.substr(8) + "\n\n[S ]\nE =\nF=a  [X]\n");
 }
 
+TEST(ConfigChange, SpareOnesAddDeleteSortAndStrip) {
+  LoadedFile file("[b]\nx=1\n;c\n[A]\nf=2\n");
+  EXPECT_EQ(file.AddValue("b", "y", "2"), ConfigResult::kOk);
+  EXPECT_EQ(file.Delete("A", "F"), ConfigResult::kOk);
+  EXPECT_EQ(file.SetBlock("K", runtime::AsBytes("old")), ConfigResult::kOk);
+  file.Sort();
+  file.StripComments();
+  EXPECT_EQ(file.GetText(), "[A]\n<K = \nb2xk\n/>\n[b]\nx=1\ny=2\n");
+}
+
 TEST(ConfigChange, RenamesSections) {
   Check([](auto& file) { EXPECT_EQ(file.RenameSection("Old", "New"), ConfigResult::kOk); },
         {{"every header", "[Old] x\n[Old]\na=1\n  [Old]\n", "[New] x\n[New]\na=1\n  [New]\n"},
@@ -154,9 +163,8 @@ TEST(ConfigChange, RenamesSections) {
 TEST(ConfigChange, Migrates) {
   const std::string images = "[Dialog Presentation]\nImage4\nbmp1=SAME\nImage2=other\n";
   Check([](auto& file) { file.Migrate(true); },
-        {{"profiles", "[InitProfiles]\n1=One\n2=Two\n4=Four\n[One]\n[Two]\n[Four]\n",
-          "[SmartCardProfile]\n1=One\n2=Two\n4=Four\n[SmartCardProfile One]\n"
-          "[SmartCardProfile Two]\n[Four]\n"},
+        {{"profiles", "[InitProfiles]\n1=One\n3=Two\n[One]\n[Two]\n",
+          "[SmartCardProfile]\n1=One\n3=Two\n[SmartCardProfile One]\n[Two]\n"},
          {"images", "[CredentialProvider]\nBMP1=same\nimage2=mine\n  IMAGE4=moved\nE=1\n" + images,
           "[CredentialProvider]\nimage2=mine\nE=1\n" + images + "IMAGE4=moved\n"}});
 }

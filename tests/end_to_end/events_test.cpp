@@ -146,21 +146,6 @@ TEST_F(Events, ExtraWatchersAreLimitedInAWholeTree) {
   EXPECT_GE(TraceCount("Watch - Extra watchers end at 32 in all"), 1U);
 }
 
-TEST_F(Events, BackgroundProgramIsStartedAndToldToHide) {
-  // The main program stands in the "bin" beside the installation directory.
-  fs::create_directories(Path("lib"));
-  fs::copy_file(QIXX_SOFTCARD_FOLDER "libqixp11.so", Path("lib/libqixp11.so"));
-  WriteProgram("echo \"$@\" >> " + Path("shown"), "bin/qix");
-  Use(Path("lib"));
-  Configure("[Watch]\nBackground=show -icon\n[Command]\nWatch=config Watch\n[Watch Remove]\n1=" +
-            out_ + "\n");
-  Start();
-  EXPECT_TRUE(Holds("shown", "show -icon\n"));
-  Await("Watch - Running 'Watch'");
-  Stop();
-  EXPECT_TRUE(Holds("shown", "show -icon\nshow -icon -hide\n"));
-}
-
 TEST_F(Events, SimulationRunsASectionOnceWithoutTheLibrary) {
   ConfigureWatch("", {in_, "close x", Echo("after")});
   EXPECT_EQ(RunToItsEnd({"-simulate", "\"insert\""}), 0);

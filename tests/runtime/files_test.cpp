@@ -1,8 +1,8 @@
 #include "runtime/files.h"
+#include "runtime/spare_files.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,10 +11,10 @@
 #include <filesystem>
 #include <tuple>
 
+#include "runtime/product.h"
 #include "runtime/replace_file.h"
 #include "runtime/text.h"
 #include "tests/support/temporary_folder.h"
-#include "tests/support/trace_capture.h"
 
 // The owner of a file of this program cannot be changed while this is false.
 static bool chownAllowed = true;
@@ -44,25 +44,6 @@ TEST(WholeFiles, AreReadWhenRegularAndNotTooLarge) {
   for (const char* const name : {"step", "no size of its own", "empty"}) {
     EXPECT_EQ(ReadWholeFile(folder.Path(name)), folder.Read(name)) << name;
   }
-}
-
-/// A device may act when it is opened, wherever a link of somebody else leads to it.
-TEST(WholeFiles, NothingElseIsOpened) {
-  const TemporaryFolder folder;
-  folder.Write("file", "");
-  ASSERT_EQ(::mkfifo(folder.Path("pipe").c_str(), 0600), 0);
-  fs::create_symlink("pipe", folder.Path("link"));
-  const Descriptor told(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-  ASSERT_GT(::inotify_add_watch(told.Get(), folder.Path().c_str(), IN_OPEN), 0);
-  char events[4096];
-  for (const char* const name : {"pipe", "link"}) {
-    for (const int flags : {O_RDONLY, O_RDONLY | O_NOFOLLOW, O_RDWR, O_RDWR | O_CREAT}) {
-      EXPECT_FALSE(OpenRegular(folder.Path(name), flags, 0600).IsOpen());
-      EXPECT_EQ(::read(told.Get(), events, sizeof events), -1) << name << " " << flags;
-    }
-  }
-  EXPECT_TRUE(OpenRegular(folder.Path("file"), O_RDONLY).IsOpen());
-  EXPECT_GT(::read(told.Get(), events, sizeof events), 0);
 }
 
 TEST(WholeFiles, WhatCannotBeLikeTheOldOneIsWrittenInPlace) {
@@ -113,19 +94,16 @@ TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {
   EXPECT_FALSE(FindFile(folder.Path("a/dangling")).named.IsMissing());
 }
 
-TEST(WholeFiles, HaveOneName) {
+TEST(SpareFiles, AreCopiedAndTheirPathsExpanded) {
+  InitProductIdentity();
   const TemporaryFolder folder;
-  const std::string path = folder.Write("x -pin 1234", "");
-  const testing::TraceCapture trace;
-  const FilePlace place = FindFile(path).real;
-  const Descriptor file = place.Open(O_RDONLY);
-  EXPECT_TRUE(HasOneName(file, place));
-  fs::create_hard_link(path, folder.Path("y"));
-  EXPECT_FALSE(HasOneName(file, place));
-  EXPECT_TRUE(trace.Has("Helper - Refused '" + folder.Path("x -pin ****") +
-                        "', a file with a second name"));
-  fs::remove_all(folder.Path());
-  EXPECT_FALSE(HasOneName(file, place)) << "nor any name";
+  const std::string target = folder.Write("target", std::string(400, 't'));
+  EXPECT_TRUE(CopyFile(folder.Write("source", "s"), target));
+  EXPECT_FALSE(CopyFile(folder.Path("none"), target));
+  EXPECT_EQ(folder.Read("target"), "s");
+  EXPECT_EQ(ExpandEnvironment("a%%b%unset%c"), "abc");
+  EXPECT_EQ(ExpandPath("%Current%x//y", false), GetCurrentDirectory() + "x/y");
+  EXPECT_TRUE(MakeTempFileName("x").value_or("").starts_with(*GetTempDirectory() + "~qixx"));
 }
 
 }  // namespace

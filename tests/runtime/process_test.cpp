@@ -102,28 +102,6 @@ TEST(LaunchProcess, ChildStartsCleanAndIsReapedOnce) {
   EXPECT_EQ(::waitpid(foreign, nullptr, 0), foreign) << "not reaped by us";
 }
 
-pid_t StartEnding(int signal, bool marked = false) {
-  ChildPlace place;
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(::raise(signal));
-  place.Register(child, marked);
-  return child;
-}
-
-TEST(Children, MarkedOneIsKeptUntilItIsTaken) {
-  const pid_t marked = StartEnding(SIGKILL, true);
-  pid_t other = 0;
-  for (std::size_t i = 0; i <= kMaxKeptStatuses; ++i) other = StartEnding(SIGCONT);
-  EXPECT_TRUE(Eventually([&] { return ReapChildren(), ::kill(other, 0) != 0; }));
-  EXPECT_EQ(::kill(marked, 0), 0) << "nobody else gets its id";
-  EXPECT_EQ(TakeMarkedChild(other).result, -1);
-  ChildState taken;
-  EXPECT_TRUE(Eventually([&] { return (taken = TakeMarkedChild(marked)).result != 0; }));
-  EXPECT_EQ(taken.result, marked);
-  EXPECT_TRUE(WIFSIGNALED(taken.status));
-  EXPECT_EQ(TakeMarkedChild(marked).result, -1);
-}
-
 /// A folder for the file behind ">", and another one that is closed to strangers.
 class Redirection : public ::testing::Test {
  protected:
@@ -224,6 +202,15 @@ TEST(LaunchProcess, HoldsTheTraceWhileForking) {
 }
 
 const std::string kFixture = QIXX_LOADER_FIXTURE;
+
+TEST(SpareLibrary, IsLoadedOnceUntilUnloaded) {
+  CLibrary library;
+  EXPECT_TRUE(library.Load(kFixture));
+  EXPECT_NE(library.GetProc("RunCommand"), nullptr);
+  library.Unload();
+  EXPECT_FALSE(library.Load("libqixnone.so"));
+  EXPECT_TRUE(library.IsLoaded()) << "also when it failed, as intended";
+}
 
 TEST(EntryPoints, AreCalledWithACopy) {
   EXPECT_TRUE(CallExternal(kFixture + ",RunCommand one, two"));

@@ -9,6 +9,9 @@ namespace {
 
 TEST(SyncTest, SectionIsRecursiveAndItsOwnersAlone) {
   CCritical section;
+  ExternalMutexHooks late;
+  late.lock = [](void* /*mutex*/) -> std::uint32_t { return ADD_FAILURE(), kSyncOk; };
+  EXPECT_EQ(SetExternalMutexHooks(&late), kSyncOk) << "not used where there is a section already";
   for (int i = 0; i < 3; ++i) EXPECT_EQ(section.Enter(), kSyncOk);
   std::thread([&section] {
     EXPECT_TRUE(section.IsHeldByOtherThread());
@@ -16,6 +19,9 @@ TEST(SyncTest, SectionIsRecursiveAndItsOwnersAlone) {
   }).join();
   for (int i = 0; i < 3; ++i) EXPECT_EQ(section.Leave(), kSyncOk);
   EXPECT_EQ(section.Leave(), kSyncGeneralError);
+  CCriticalCounter counter;
+  EXPECT_EQ(counter.Decrement(), std::nullopt) << "it stops at nought";
+  EXPECT_EQ(counter.Increment(), 1U);
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "runtime/spare_text.h"
+
 namespace qixx::runtime {
 namespace {
 
@@ -19,6 +21,8 @@ TEST(TextTest, ComparesFindsAndTakesApart) {
     EXPECT_EQ(find("longer", "longest of all", 0), std::string_view::npos);
     EXPECT_EQ(find("x", "", 2), std::string_view::npos);
   }
+  EXPECT_EQ(FindChar("a-b", '\0'), 3u);
+  EXPECT_EQ(Duplicate(nullptr), std::nullopt);
   EXPECT_EQ(ParseDecimal("18446744073709551616"), UINT64_MAX);
   EXPECT_EQ(ParseSigned("-99999999999999999999"), INT64_MIN);
   EXPECT_EQ(ParseSigned("9223372036854775808"), INT64_MAX);
