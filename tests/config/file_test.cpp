@@ -163,8 +163,9 @@ TEST(ConfigChange, RenamesSections) {
 TEST(ConfigChange, Migrates) {
   const std::string images = "[Dialog Presentation]\nImage4\nbmp1=SAME\nImage2=other\n";
   Check([](auto& file) { file.Migrate(true); },
-        {{"profiles", "[InitProfiles]\n1=One\n3=Two\n[One]\n[Two]\n",
-          "[SmartCardProfile]\n1=One\n3=Two\n[SmartCardProfile One]\n[Two]\n"},
+        {{"profiles", "[InitProfiles]\n1=One\n2=Two\n4=No\n[One]\n[Two]\n[No]\n",
+          "[SmartCardProfile]\n1=One\n2=Two\n4=No\n[SmartCardProfile One]\n[SmartCardProfile "
+          "Two]\n[No]\n"},
          {"images", "[CredentialProvider]\nBMP1=same\nimage2=mine\n  IMAGE4=moved\nE=1\n" + images,
           "[CredentialProvider]\nimage2=mine\nE=1\n" + images + "IMAGE4=moved\n"}});
 }

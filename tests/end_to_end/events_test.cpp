@@ -106,21 +106,6 @@ TEST_F(Events, ExtraWatcherThatHangsInTheLibraryEndsBehindItsParent) {
   EXPECT_TRUE(Eventually([&] { return !fs::exists(program); }, std::chrono::seconds(60)));
 }
 
-TEST_F(Events, ExtraWatcherThatWasKilledIsStartedAgain) {
-  WatchWithOne({{"One Remove", {out_}}});
-  // One that ends as soon as it was started is told of in another way.
-  Await("Watch - Running 'Watch'");
-  ::kill(Forked(), SIGKILL);
-  const std::string told =
-      "qixxwatch: extra watcher 'One' was ended by signal 9\n"
-      "qixxwatch: extra watcher 'One' is started again\n";
-  // It is looked after in each 32nd round.
-  EXPECT_TRUE(Eventually([&] { return Errors() == told; }, std::chrono::seconds(45)));
-  Await("Watch - Running 'One'", 2);
-  Stop();
-  Await("Watch - Stopped", 2);
-}
-
 TEST_F(Events, WatcherWithNothingToDoKeepsItsExtraWatchersBelowAServiceManager) {
   NotifyListener listener(Path("notify"));
   SetVariable("NOTIFY_SOCKET", Path("notify"));
