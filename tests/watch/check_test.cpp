@@ -18,7 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::Each;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
 using Lines = std::vector<std::string>;
