@@ -3,9 +3,7 @@
 
 #include <algorithm>
 #include <array>
-#include <future>
 #include <sstream>
-#include <thread>
 
 #include "pkcs11/extended.h"
 #include "tests/bridge/loaded_bridge.h"
@@ -51,9 +49,6 @@ class Bridge : public LoadedBridge {
       EXPECT_EQ(TextOf(counting), about) << "these count";
     }
   }
-  void AddReaders(int first, int last) const {
-    for (int slot = first; slot <= last; ++slot) desktop_.AddReader(slot);
-  }
   static std::string TextOf(const Numbers& slots) {
     std::string text;
     for (const CK_ULONG slot : slots) text += (text.empty() ? "" : ",") + std::to_string(slot);
@@ -76,7 +71,7 @@ TEST_F(Bridge, NumbersReadersForTheService) {
   NameReader(3, "Soft reader 4");
   EXPECT_EQ(Slots(), (Numbers{1, 4, 10, 7})) << "back, under another id";
 
-  AddReaders(100, 130);
+  for (int slot = 100; slot <= 130; ++slot) desktop_.AddReader(slot);
   const Numbers many = Slots();
   ASSERT_EQ(many.size(), 35U);
   EXPECT_EQ(Numbers(many.begin() + 29, many.end()), (Numbers{91, 94, 97, 98, 99, 7}));
@@ -141,19 +136,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return row.param.name; });
 
 TEST_F(Bridge, WhatTheServiceDoesNotTakeAtStartKeepsNothingBack) {
-  AddReaders(100, 140);
+  for (int slot = 100; slot <= 140; ++slot) desktop_.AddReader(slot);
   Play("v5 +5 +140 s =107 -5= +5= +1= -140=107 =1");
-}
-
-TEST_F(Bridge, WaitingThreadEndsWithTheModule) {
-  Start(SOFTCARD_PLAIN);
-  CK_SLOT_ID slot = 0;
-  auto waiting =
-      std::async(std::launch::async, [&] { return list_->C_WaitForSlotEvent(0, &slot, nullptr); });
-  EXPECT_EQ(Slots().size(), 1U) << "another thread is not held up";
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(list_->C_Finalize(nullptr), CKR_OK);
-  EXPECT_EQ(waiting.get(), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
 TEST_F(Bridge, VariablesAreKeptOnTheFirstToken) {
@@ -180,19 +164,15 @@ TEST_F(Bridge, VariablesAreKeptOnTheFirstToken) {
   EXPECT_EQ(set("x", "y"), CKR_TOKEN_NOT_PRESENT);
 }
 
-TEST_F(Bridge, BeginsAndEnds) {
-  Load(SOFTCARD_PLAIN);
+TEST_F(Bridge, BeginsAnewInAChildAndWhenItIsTold) {
+  Play("+1 s");
   CK_INFO info = {};
-  EXPECT_EQ(list_->C_GetInfo(&info), CKR_CRYPTOKI_NOT_INITIALIZED);
-  EXPECT_EQ(list_->C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
-  ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
   EXPECT_EQ(list_->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
   const auto beginAnew = [&] {
     return list_->C_GetInfo(&info) == CKR_CRYPTOKI_NOT_INITIALIZED &&
            list_->C_Initialize(nullptr) == CKR_OK && list_->C_GetInfo(&info) == CKR_OK;
   };
   EXPECT_EXIT(::_exit(beginAnew() ? 0 : 1), ::testing::ExitedWithCode(0), "") << "a child";
-  desktop_.InsertCard(1);
   const CK_SESSION_HANDLE session = Open(1);
   EXPECT_EQ(Reinitialize(), CKR_OK);
   EXPECT_EQ(list_->C_CloseSession(session), CKR_SESSION_HANDLE_INVALID);

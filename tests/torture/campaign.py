@@ -30,7 +30,7 @@ class Tally:
 
     lock = threading.Lock()
     times, damaged = collections.Counter(), collections.Counter()  # by (kind, label)
-    skipped, remarks, damages = {}, [], []
+    skipped, damages = {}, []
 
     def __init__(self, plan, kind, index, deadline):
         self.plan, self.kind, self.index, self.deadline = plan, kind, index, deadline
@@ -57,9 +57,6 @@ class Tally:
         self.skipped[self.kind, label] = why
         pause(0.05)
 
-    def remark(self, text):
-        self.remarks.append(f"{self.kind}: {text}")
-
     def is_over(self):
         return STOP.is_set() or time.monotonic() > self.deadline
 
@@ -72,7 +69,6 @@ class Tally:
             print(f"{kind:15}{label[:38]:39}{cls.times[kind, label]:>13,}{cls.damaged[kind, label]:>13,}")
         for (kind, label), why in cls.skipped.items():
             print(f"{kind:15}{label[:38]:39}  skipped: {why}")
-        print(*cls.remarks, sep="\n")
 
 
 def run_trial(plan, name, index, deadline):
@@ -163,8 +159,6 @@ def main():
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 24))
     parser.add_argument("--trial", type=int)
     plan = parser.parse_intermixed_args()
-    if plan.trial is not None and not plan.only:
-        parser.error("--trial needs --only")
     plan.folder = Path(tempfile.mkdtemp(prefix="qixxwatch-torture-"))
     plan.folder.chmod(0o755)
 

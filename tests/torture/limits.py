@@ -39,9 +39,8 @@ class Scene:
 
     def as_user(self, *owned):
         """The words that start a program as another user, who owns the desk, the target, and what else is named."""
-        user = FIRST_USER + self.tally.index % 1000
-        for entry in (self.desk.folder, self.desk.path("readers"), self.target, *owned):
-            os.chown(entry, user, user)
+        user = str(FIRST_USER + self.tally.index % 1000)
+        run("chown", f"{user}:{user}", self.desk.folder, self.desk.path("readers"), self.target, *owned)
         return ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
 
     def go_through(self, before, started=True):
@@ -55,24 +54,19 @@ class Scene:
         self.tally.counted("(enough to fill the file all the same)", self.target.read_bytes() == FILLED)
         desk.remove()
         self.await_trace(b"Disconnected slot", 1.8)
-        if desk.process.poll() is None:
-            desk.stop()
+        code = desk.process.poll()
+        errors = read(desk.path("stderr.txt"))
+        # The loader, or prlimit itself, may not have enough for the program to begin.
+        has_not_begun = not desk.trace() and (code == -signal.SIGSEGV and not started or (code or 0) > 0 and errors)
+        if code is not None and (has_not_begun or code == 0 and errors and not started):
+            desk.check_reports()
+            self.tally.counted("(it could not start)")
         else:
-            self.judge_early_end(desk.process.returncode, started)
+            desk.stop()
         self.look()
 
     def await_trace(self, text, limit):
         eventually(lambda: self.desk.process.poll() is not None or text in self.desk.trace(), limit)
-
-    def judge_early_end(self, code, started):
-        self.desk.check_reports()
-        errors = read(self.desk.path("stderr.txt"))
-        # The loader, or prlimit itself, may not have enough for the program to begin.
-        has_begun = self.desk.trace() or not (code == -signal.SIGSEGV and not started or code > 0 and errors)
-        if not has_begun or code == 0 and errors and not started:
-            self.tally.counted("(it could not start, and said why)")
-        else:
-            self.desk.check_alive()
 
     def look(self):
         """The file is whole, and what is said to be done was done."""

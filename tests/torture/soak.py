@@ -36,14 +36,14 @@ def sample(process):
     return *counts(), int((root / "statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
 
 
-def judge(samples, may_grow, tally):
+def judge(samples, may_grow):
     quarter = len(samples) // 4
     descriptors, threads, children, memory = zip(*samples)
     for held, what in ((descriptors, "descriptors"), (threads, "threads"), (children, "children")):
         require(max(held[-quarter:]) <= max(held[:quarter]), f"{what} grew in {len(samples)} rounds")
     before, after = median(memory[:quarter]), median(memory[-quarter:])
-    tally.remark(f"{descriptors[0]} descriptors, {threads[0]} thread, {children[0]} children throughout; "
-                 f"{before:.0f} KiB at first, {after:.0f} KiB at last")
+    print(f"soak: {descriptors[0]} descriptors, {threads[0]} thread, {children[0]} children throughout; "
+          f"{before:.0f} KiB at first, {after:.0f} KiB at last")
     require(may_grow or after - before <= MAX_GROWTH, f"memory grew by {after - before} KiB in {len(samples)} rounds")
 
 
@@ -60,7 +60,7 @@ def trial(desk, random, tally):
         require(desk.noted("out", len(samples) + 1), "a removal was not seen")
         samples.append(sample(desk.process.pid))
     if len(samples) >= MIN_ROUNDS:
-        judge(samples, desk.tools.sanitized, tally)
+        judge(samples, desk.tools.sanitized)
     else:
-        tally.remark(f"too short to judge growth ({len(samples)} of {MIN_ROUNDS} rounds)")
+        print(f"soak: too short to judge growth ({len(samples)} of {MIN_ROUNDS} rounds)")
     desk.stop()
