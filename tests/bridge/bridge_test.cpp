@@ -160,6 +160,10 @@ TEST_F(Bridge, VariablesAreKeptOnTheFirstToken) {
   EXPECT_EQ(read("ActiveLogonUPN"), CKR_OK);
   EXPECT_STREQ(value.data(), "bob");
   EXPECT_EQ(set("x", "blank "), CKR_ARGUMENTS_BAD);
+  desktop_.SetModuleFaults("fail=C_GetAttributeValue:0x30");
+  EXPECT_EQ(set("x", "y"), CKR_DEVICE_ERROR) << "what cannot be read is not written over";
+  desktop_.SetModuleFaults("");
+  EXPECT_EQ(read("ActiveLogonUPN"), CKR_OK);
   desktop_.RemoveCard(2);
   EXPECT_EQ(set("x", "y"), CKR_TOKEN_NOT_PRESENT);
 }
@@ -206,6 +210,16 @@ TEST_F(Bridge, ModuleThatIsNone) {
   desktop_.SetModuleFaults("");
   EXPECT_STREQ(fault(), "");
   EXPECT_EQ(list_->C_Initialize(nullptr), CKR_OK) << "it can be mended while the process runs";
+}
+
+TEST_F(Bridge, ModuleThatClaimsTooManySlots) {
+  const ScopedVariable below("QIXX_TORTURE_MODULE", SOFTCARD_PLAIN);
+  const std::string order = folder_.Write("order", "C_GetSlotList 1 99 lie:huge");
+  const ScopedVariable orders("QIXX_TORTURE_ORDER", order.c_str());
+  Start(MISBEHAVING_MODULE);
+  EXPECT_EQ(Slots(), Numbers()) << "the first one's id is a lie, too";
+  std::filesystem::remove(order);
+  EXPECT_EQ(Slots(), Numbers{1});
 }
 
 TEST_F(Bridge, ModuleThatAnswersBadly) {

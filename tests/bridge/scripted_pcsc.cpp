@@ -26,11 +26,11 @@ constexpr long kNoReaders = 0x8010002E;
 constexpr PcscWord kChanged = 0x2;
 constexpr PcscWord kEmpty = 0x10;
 
-/// What is not one of the readers is the notifier of readers.
+/// What is not one of the readers is the notifier, which counts them.
 PcscWord StateOf(std::string_view name) {
   const auto reader = std::ranges::find(ScriptedPcsc::kReaders, name);
   if (reader == ScriptedPcsc::kReaders.end()) {
-    return PcscWord{ThePcsc().hasReaders} << bridge::kPcscCountShift;
+    return (ThePcsc().hasReaders ? ScriptedPcsc::kReaders.size() : 0) << bridge::kPcscCountShift;
   }
   const auto place = static_cast<std::size_t>(reader - ScriptedPcsc::kReaders.begin());
   return PcscWord{ThePcsc().changes[place]} << bridge::kPcscCountShift |
