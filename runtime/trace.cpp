@@ -186,6 +186,9 @@ constinit std::atomic<TraceState*> installed{nullptr};
 constinit time_t nextSizeCheck = 0;
 constinit std::uint32_t clockBase = 0;
 
+/// Whose lines this thread writes, 0 for its own.
+constinit thread_local ThreadId shownThread = 0;
+
 TraceState* Installed() {
   return installed.load(std::memory_order_acquire);
 }
@@ -247,9 +250,10 @@ std::uint32_t ElapsedMilliseconds(std::uint32_t base) {
 void AppendHeader(LineText& line) {
   if (clockBase == 0) clockBase = ElapsedMilliseconds(0);
   const std::uint32_t elapsed = ElapsedMilliseconds(clockBase);
+  const ThreadId thread = shownThread != 0 ? shownThread : ThreadSelf();
   char header[64];
   std::snprintf(header, sizeof header, "[%.4u:%.8x] %.2u.%.2u.%.2u.%.3u ",
-                static_cast<unsigned>(::getpid()), static_cast<unsigned>(ThreadSelf() & 0xFFFFFFFF),
+                static_cast<unsigned>(::getpid()), static_cast<unsigned>(thread & 0xFFFFFFFF),
                 elapsed / 3'600'000 % 100, elapsed / 60'000 % 60, elapsed / 1'000 % 60,
                 elapsed % 1'000);
   line.Append(header);
@@ -481,6 +485,10 @@ void TraceDump(std::string_view name, std::span<const std::uint8_t> data) {
   bool refused = false;
   const Descriptor file = OpenOwn(FollowFolders(path), O_WRONLY | O_CREAT, refused);
   if (file.IsOpen() && Empty(file)) WriteFully(file, AsText(data));
+}
+
+void TraceOnBehalfOf(ThreadId thread) {
+  shownThread = thread;
 }
 
 CCritical& TraceLock() {

@@ -65,6 +65,9 @@ void TraceReleaseOneLine();
 /// owner only, under the rules for the target. In call mode it takes the place of a released line.
 void TraceDump(std::string_view name, std::span<const std::uint8_t> data);
 
+/// From here on the lines of the calling thread bear the id of that one, for which it works.
+void TraceOnBehalfOf(ThreadId thread);
+
 /// The trace's lock, to be held while the process forks, so that the child of a threaded program
 /// may trace; both sides give it back. It is made when there is none yet: another thread may be
 /// about to make it and to write a line.

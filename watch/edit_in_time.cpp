@@ -36,6 +36,7 @@ enum class Answer { kNone, kFailed, kDone, kNoMemory };
 
 struct PendingEdit {
   std::function<bool()> run;
+  runtime::ThreadId askedBy;
   RunningJob job;
   bool wasScarce = false;  ///< said before the answer
   std::atomic<Answer> answer{Answer::kNone};
@@ -63,7 +64,9 @@ EditQueues& Queues() {
 
 // --- the thread of a queue ----------------------------------------------------------------------
 
+/// Its trace lines are those of the command that waits for it.
 void Run(PendingEdit& edit) {
+  runtime::TraceOnBehalfOf(edit.askedBy);
   const runtime::ScarceMeans scarce;
   Answer answer = Answer::kNoMemory;
   try {
@@ -150,7 +153,7 @@ bool GiveUp(const std::string& path) {
 bool EditInTime(const std::string& path, std::function<bool()> edit) {
   const bool isMainThread = ::gettid() == ::getpid();
   if (!isMainThread) return edit();
-  const auto pending = std::make_shared<PendingEdit>(std::move(edit));
+  const EditPointer pending(new PendingEdit{std::move(edit), runtime::ThreadSelf(), {}, {}, {}});
   switch (Join(path, pending)) {
     case Place::kNone:
       return pending->run();
