@@ -27,16 +27,12 @@ using namespace std::string_view_literals;
 /// The first reader's port; each further reader has the next one.
 inline constexpr int kFirstReaderPort = 35963;
 
-struct CardHabits {
-  int delay = 0;                 ///< how long it thinks about each command, in milliseconds
-  bool pulledWhileRead = false;  ///< pulled by itself as soon as its certificate is being read
-};
-
 class InsertedCard {
  public:
-  /// In the port's reader. `certificate` is DER; without, the card knows no application.
-  InsertedCard(int port, std::string certificate, CardHabits habits = {})
-      : certificate_(std::move(certificate)), habits_(habits), socket_(Connect(port)) {
+  /// In the port's reader. `certificate` is DER; without, the card knows no application. It thinks
+  /// about each command for `delay` milliseconds.
+  InsertedCard(int port, std::string certificate, int delay = 0)
+      : certificate_(std::move(certificate)), delay_(delay), socket_(Connect(port)) {
     if (IsIn()) thread_ = std::thread(&InsertedCard::Serve, this);
   }
   ~InsertedCard() {
@@ -50,7 +46,6 @@ class InsertedCard {
   [[nodiscard]] bool IsIn() const { return socket_ >= 0; }
 
   std::atomic<int> secrets = 0;  ///< commands with a PIN or a PUK, or that use or change the card
-  std::atomic<int> certificateReads = 0;
 
  private:
   static constexpr std::string_view kPivName = "\xA0\x00\x00\x03\x08"sv;
@@ -104,10 +99,8 @@ class InsertedCard {
         if (message[0] == 4 && !SendMessage("\x3B\x80\x80\x01\x01")) break;
         continue;
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(habits_.delay));
-      const std::string answer = Answer(message);
-      if (habits_.pulledWhileRead && certificateReads != 0) break;
-      if (!SendMessage(answer)) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(delay_));
+      if (!SendMessage(Answer(message))) break;
     }
     ::shutdown(socket_, SHUT_RDWR);
   }
@@ -122,7 +115,6 @@ class InsertedCard {
     }
     if (instruction == 0xC0) return Hand(std::move(rest_));  // get response
     if (instruction == 0xCB && !certificate_.empty() && data.ends_with(kCertificateTag)) {
-      ++certificateReads;
       return Hand(Element("\x53", Element("\x70", certificate_) + "\x71\x01\x00\xFE\x00"s));
     }
     if (instruction == 0xA4 || instruction == 0xCB) return "\x6A\x82";  // not found
@@ -140,7 +132,7 @@ class InsertedCard {
   }
 
   const std::string certificate_;
-  const CardHabits habits_;
+  const int delay_;
   std::string rest_;  ///< of an answer that is fetched piece by piece
   int socket_;
   std::thread thread_;
@@ -148,12 +140,11 @@ class InsertedCard {
 
 /// A card in the reader of that number, from 0, as soon as the reader listens; null when it never
 /// does.
-inline std::unique_ptr<InsertedCard> CardIn(int reader, const std::string& certificate = "",
-                                            CardHabits habits = {}) {
+inline std::unique_ptr<InsertedCard> CardIn(int reader, const std::string& certificate) {
   std::unique_ptr<InsertedCard> card;
   const bool isIn = Eventually([&] {
     card.reset();  // the one that found no reader
-    card = std::make_unique<InsertedCard>(kFirstReaderPort + reader, certificate, habits);
+    card = std::make_unique<InsertedCard>(kFirstReaderPort + reader, certificate);
     return card->IsIn();
   });
   return isIn ? std::move(card) : nullptr;

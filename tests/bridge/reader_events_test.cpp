@@ -171,14 +171,5 @@ TEST_F(ReaderEvents, ReaderThatIsBackBeforeThePollBringsAnotherCard) {
   EXPECT_TRUE(TellsOfAnotherCard());
 }
 
-TEST_F(ReaderEvents, ListThatIsEmptyWhenACardComesIsNotBelieved) {
-  const unsigned before = pcsc_.lists;
-  MoveCard(true);
-  ASSERT_TRUE(Eventually([&] { return pcsc_.lists > before; })) << "the thread waits again";
-  pcsc_.isListEmpty = true;
-  EXPECT_EQ(Poll(), -1);
-  EXPECT_EQ(Poll(), 1);
-}
-
 }  // namespace
 }  // namespace qixx::testing

@@ -36,8 +36,8 @@ class RealCards : public ServiceTest {
   void Watch() {
     ServiceTest::Watch("-sync", {Echo("%UPN%", "said.txt")}, {Echo("removed", "said.txt")});
   }
-  void Insert(int reader, CardHabits habits = {}) {
-    in_[reader] = CardIn(reader, certificate_, habits);
+  void Insert(int reader) {
+    in_[reader] = CardIn(reader, certificate_);
     ASSERT_NE(in_[reader], nullptr) << "the reader does not listen";
   }
   /// Inserts a card, and polls until PC/SC shows it.
@@ -100,17 +100,6 @@ TEST_F(RealCards, SeveralModulesInOne) {
   ExpectRead(0);
   Remove(0);
   EXPECT_TRUE(Has("Disconnected", 0));
-}
-
-TEST_F(RealCards, PulledWhileItIsRead) {
-  Watch();
-  Insert(0, {.pulledWhileRead = true});
-  ASSERT_TRUE(Has("Connected", 0));
-  EXPECT_EQ(in_[0]->certificateReads, 1) << "and it never answered";
-  ASSERT_TRUE(Has("Disconnected", 0));
-  Remove(0);
-  Insert(0);
-  ExpectRead(0, 2);
 }
 
 }  // namespace

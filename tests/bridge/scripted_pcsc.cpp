@@ -57,7 +57,6 @@ long SCardCancel(long /*context*/) {
 }
 
 long SCardListReaders(long /*context*/, const char* /*groups*/, char* names, PcscWord* size) {
-  ++ThePcsc().lists;
   if (ThePcsc().isListEmpty.exchange(false) || !ThePcsc().hasReaders) {
     ++ThePcsc().emptyLists;
     return kNoReaders;

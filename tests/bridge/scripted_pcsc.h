@@ -15,8 +15,7 @@ struct ScriptedPcsc {
   std::array<std::atomic<bool>, 2> hasCard = {};
   std::array<std::atomic<unsigned>, 2> changes = {};  ///< as the service counts them
   std::atomic<bool> hasReaders = true;
-  std::atomic<unsigned> lists = 0;        ///< how often the readers were asked for
-  std::atomic<unsigned> emptyLists = 0;   ///< how often there was none
+  std::atomic<unsigned> emptyLists = 0;   ///< how often there was no reader
   std::atomic<bool> isListEmpty = false;  ///< the next question for the readers finds none
   std::atomic<bool> isStateLost = false;  ///< the next question for their states fails, no wait
   std::atomic<bool> isCancelled = false;  ///< the wait for a change

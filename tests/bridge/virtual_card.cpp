@@ -11,7 +11,7 @@ int main(int count, char** arguments) {
   using namespace qixx::testing;
   const std::string certificate = count > 2 ? TemporaryFolder::ReadFile(arguments[2]) : "";
   const InsertedCard card(count > 2 ? std::stoi(arguments[1]) : 0, certificate,
-                          {.delay = count > 3 ? std::stoi(arguments[3]) : 0});
+                          count > 3 ? std::stoi(arguments[3]) : 0);
   if (certificate.empty() || !card.IsIn()) {
     std::fputs("usage: virtual_card PORT CERTIFICATE.der [DELAY], with a reader there\n", stderr);
     return 1;

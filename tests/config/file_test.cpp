@@ -140,16 +140,6 @@ TEST(ConfigChange, WritesNothingThatReadsAsSomethingElse) {
   EXPECT_EQ(file.GetText(), "\n[L]\nE=" + longer.substr(8) + "\n\n[S ]\nE =\nF=a  [X]\n");
 }
 
-TEST(ConfigChange, SpareOnesAddDeleteSortAndStrip) {
-  LoadedFile file("[b]\nx=1\n;c\n[A]\nf=2\n");
-  EXPECT_EQ(file.AddValue("b", "y", "2"), ConfigResult::kOk);
-  EXPECT_EQ(file.Delete("A", "F"), ConfigResult::kOk);
-  EXPECT_EQ(file.SetBlock("K", runtime::AsBytes("old")), ConfigResult::kOk);
-  file.Sort();
-  file.StripComments();
-  EXPECT_EQ(file.GetText(), "[A]\n<K = \nb2xk\n/>\n[b]\nx=1\ny=2\n");
-}
-
 TEST(ConfigChange, RenamesSections) {
   Check([](auto& file) { EXPECT_EQ(file.RenameSection("Old", "New"), ConfigResult::kOk); },
         {{"every header", "[Old] x\n[Old]\na=1\n  [Old]\n", "[New] x\n[New]\na=1\n  [New]\n"},

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "config/file.h"
-#include "config/spare_lang.h"
-#include "config/spare_references.h"
 #include "runtime/files.h"
 #include "runtime/product.h"
 #include "tests/support/environment.h"
@@ -101,22 +99,6 @@ TEST_F(ConfigStore, ConditionsChooseTheFirstThatHolds) {
   EXPECT_EQ(trace_.Count("Config - Active named conditions: {Any}{Both}" + last), 1U);
   config_.SetRaw(true);
   EXPECT_EQ(Read("S", "0"), cases[0].first);
-}
-
-TEST_F(ConfigStore, SpareOperations) {
-  static const TemporaryFolder lasting;  // the path is read once in a process
-  const ScopedVariable file("qixconfigref", lasting.Path("ref.conf").c_str());
-  for (const char* entry : {"E", "e", "with_bar", ""}) config::AddReference("S", entry);
-  EXPECT_EQ(lasting.Read("ref.conf"), "\n[S]\nE=\n");
-  config::CConfigLang config;
-  const std::string path = folder_.Write("first.conf", "[S]\nE_q=0x10\n");
-  ASSERT_EQ(config.OpenItem(true, path), ConfigResult::kOk);
-  EXPECT_EQ(config.GetQualified("S", "E", "q")->text, "0x10");
-  EXPECT_EQ(config.GetInteger("S", "E_q"), 16);
-  EXPECT_EQ(config.Delete("S", "E_q"), ConfigResult::kOk);
-  EXPECT_EQ(config.SetInteger("S", "i", -1), ConfigResult::kOk);
-  EXPECT_EQ(config.Close(true), ConfigResult::kOk);
-  EXPECT_EQ(folder_.Read("first.conf"), "[S]\ni=-1\n");
 }
 
 }  // namespace

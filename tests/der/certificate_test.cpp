@@ -142,12 +142,6 @@ TEST(CDerCert, HasBothTimesOrNoneAndExpiresByUtcTimeOnly) {
   }
 }
 
-TEST(MatchCertificate, EveryGivenThingMustHold) {
-  const std::string text = Recipe().Build();
-  EXPECT_TRUE(der::MatchCertificate(BytesOf(text), BytesOf("\x02\x01\x2A"), "o=tessaly", "", {}));
-  EXPECT_FALSE(der::MatchCertificate(BytesOf(text), {}, "o=tessaly", "cn=Card CA", {}));
-}
-
 // --- what nobody should send --------------------------------------------------------------------
 
 TEST(Hostile, TruncationsAndMutationsAreReadToTheirEndOnly) {

@@ -44,12 +44,5 @@ TEST(OidToText, WritesDottedText) {
   }
 }
 
-TEST(Encoding, WrapsContentThatFits) {
-  std::vector<std::uint8_t> element(252, 'A');
-  EXPECT_EQ(der::WrapElement(0x30, element, 254), Result::kTooSmall);
-  EXPECT_EQ(der::WrapElement(0x30, element, 255), Result::kOk);
-  EXPECT_EQ(runtime::AsText(element), FromHex("3081FC") + std::string(252, 'A'));
-}
-
 }  // namespace
 }  // namespace qixx::testing

@@ -51,14 +51,5 @@ TEST_F(Credentials, KeywordFormFillsTheFileStartsItsProgramAndClearsTheFile) {
   EXPECT_EQ(Logon(), "[User]\nUsername=\nCard=\nDomain=\n");
 }
 
-TEST_F(Credentials, TokenVariableNamesTheLogonUserInFastMatch) {
-  Home().Write("logon.conf", "[User]\nUsername=\n");
-  Watch("-sync", {"set -match fast -config " + file_});
-  Home().Write("readers/1/card.new/variables", "ActiveLogonUPN=eve@fast.example\n");
-  InsertCard(1);
-  Await("Watch - Found active logon UPN eve@fast.example");
-  EXPECT_TRUE(Holds("logon.conf", "[User]\nUsername=eve\nDomain=fast.example\n"));
-}
-
 }  // namespace
 }  // namespace qixx::testing

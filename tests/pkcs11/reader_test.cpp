@@ -6,7 +6,6 @@
 #include <optional>
 #include <tuple>
 
-#include "pkcs11/spare_variable_object.h"
 #include "pkcs11/token_variables.h"
 #include "runtime/product.h"
 #include "tests/support/fake_card.h"
@@ -117,17 +116,6 @@ TEST_F(ReaderTest, ReadsVariables) {
   EXPECT_EQ(Helper::GetTokenVariable(1, true, "name"), "value");
   card_.slots[0].objects = {VariableObject(largest + "x")};
   EXPECT_EQ(Helper::GetTokenVariable(1, true, "name"), std::nullopt) << "longer than 1 MiB";
-}
-
-TEST_F(ReaderTest, MakesTheObjectOfVariables) {
-  Insert(1, {});
-  card_.List().C_CreateObject = [](auto, auto attributes, auto count, auto object) -> CK_RV {
-    FakeCard::current->slots[0].objects.push_back(FakeCard::ObjectOf(attributes, count));
-    return *object = 1, CKR_OK;
-  };
-  EXPECT_TRUE(pkcs11::FindOrCreateVariableObject(1, true));
-  EXPECT_TRUE(pkcs11::FindOrCreateVariableObject(1, true)) << "this time it is found";
-  EXPECT_EQ(card_.slots[0].objects, std::vector{VariableObject("\0"s)});
 }
 
 TEST_F(ReaderTest, SurvivesHostileLibraries) {

@@ -83,15 +83,6 @@ TEST_F(WrapperTest, LeavesWhatIsBehindAStandardListAlone) {
   }
 }
 
-TEST_F(WrapperTest, TellsOfNewEvents) {
-  std::uint64_t seen = 0;
-  EXPECT_TRUE(wrapper_.HasNewEvent(seen)) << "the first question, though nothing is pending";
-  EXPECT_FALSE(wrapper_.HasNewEvent(seen));
-  folder_.Write("module", "fail=C_WaitForSlotEvent:0\n");
-  EXPECT_TRUE(wrapper_.HasNewEvent(seen));
-  EXPECT_EQ(trace_.Count("WrapperPkcs11 - Has new event"), 2U);
-}
-
 // --- functions that do not come back -------------------------------------------------------------
 
 CK_RV ResultOf(bool isSound) {

@@ -1,5 +1,4 @@
 #include "runtime/files.h"
-#include "runtime/spare_files.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,9 +11,7 @@
 #include <filesystem>
 #include <tuple>
 
-#include "runtime/product.h"
 #include "runtime/replace_file.h"
-#include "runtime/text.h"
 #include "tests/support/temporary_folder.h"
 
 // The owner of a file of this program cannot be changed while this is false.
@@ -112,18 +109,6 @@ TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {
   }
   EXPECT_TRUE(FindFile(folder.Path("a/dangling")).real.IsMissing());
   EXPECT_FALSE(FindFile(folder.Path("a/dangling")).named.IsMissing());
-}
-
-TEST(SpareFiles, AreCopiedAndTheirPathsExpanded) {
-  InitProductIdentity();
-  const TemporaryFolder folder;
-  const std::string target = folder.Write("target", std::string(400, 't'));
-  EXPECT_TRUE(CopyFile(folder.Write("source", "s"), target));
-  EXPECT_FALSE(CopyFile(folder.Path("none"), target));
-  EXPECT_EQ(folder.Read("target"), "s");
-  EXPECT_EQ(ExpandEnvironment("a%%b%unset%c"), "abc");
-  EXPECT_EQ(ExpandPath("%Current%x//y", false), GetCurrentDirectory() + "x/y");
-  EXPECT_TRUE(MakeTempFileName("x").value_or("").starts_with(*GetTempDirectory() + "~qixx"));
 }
 
 }  // namespace

@@ -17,7 +17,7 @@
 #include "runtime/children.h"
 #include "runtime/descriptor.h"
 #include "runtime/files.h"
-#include "runtime/spare_library.h"
+#include "runtime/loader.h"
 #include "runtime/spare_trace.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
@@ -202,15 +202,6 @@ TEST(LaunchProcess, HoldsTheTraceWhileForking) {
 }
 
 const std::string kFixture = QIXX_LOADER_FIXTURE;
-
-TEST(SpareLibrary, IsLoadedOnceUntilUnloaded) {
-  CLibrary library;
-  EXPECT_TRUE(library.Load(kFixture));
-  EXPECT_NE(library.GetProc("RunCommand"), nullptr);
-  library.Unload();
-  EXPECT_FALSE(library.Load("libqixnone.so"));
-  EXPECT_TRUE(library.IsLoaded()) << "also when it failed, as intended";
-}
 
 TEST(EntryPoints, AreCalledWithACopy) {
   EXPECT_TRUE(CallExternal(kFixture + ",RunCommand one, two"));

@@ -29,21 +29,6 @@ class SoftCard : public LoadedModule {
   const ScopedVariable readers_{"QIXX_SOFTCARD", folder_.Path().c_str()};
 };
 
-TEST_F(SoftCard, SlotsAreTheFoldersWithAPlainNumber) {
-  for (const char* const name : {"97/x", "4/slot", "010/x", "x/x", "4294967295/x", "-1/x", "5"}) {
-    folder_.Write(name, "description=Virtual Slot\nflags=0x80000001\n");
-  }
-  Insert("10");
-  Start(SOFTCARD_SUITE);
-  CK_ULONG count = 2;
-  EXPECT_EQ(list_->C_GetSlotList(CK_FALSE, Numbers(2).data(), &count), CKR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(Slots(), (Numbers{4, 10, 97}));
-  CK_SLOT_INFO info;
-  EXPECT_EQ(list_->C_GetSlotInfo(4, &info), CKR_OK);
-  EXPECT_EQ(std::string(info.slotDescription, info.slotDescription + 14), "Virtual Slot  ");
-  EXPECT_EQ(info.flags, 0x80000000U) << "presence is the card's matter";
-}
-
 TEST_F(SoftCard, HostileFilesAreBoundedAndPassedOver) {
   Start(SOFTCARD_SUITE);
   const std::pair<const char*, std::string> files[] = {

@@ -479,19 +479,5 @@ TEST(EditInTime, GoesOnWithoutAnAnswer) {
   EXPECT_THROW(watch::EditInTime("/hung", runOut), std::bad_alloc);
 }
 
-TEST(EditInTime, IsTracedAsTheCommandThatWaitsForIt) {
-  const TemporaryFolder folder;
-  runtime::TraceSetFile(folder.Path("trace.log"));
-  const auto trace = [] { return runtime::TraceWrite("x"), true; };
-  trace();
-  EXPECT_TRUE(watch::EditInTime(folder.Path("a.conf"), trace));
-  runtime::TraceSetFile("");
-  const std::string text = folder.Read("trace.log");
-  const std::string head = text.substr(text.rfind('['), text.rfind(']') - text.rfind('['));
-  std::size_t lines = 0;
-  for (std::size_t at = 0; (at = text.find(head, at)) != text.npos; ++at) ++lines;
-  EXPECT_EQ(lines, 3U) << "with the date: " << text;
-}
-
 }  // namespace
 }  // namespace qixx::testing

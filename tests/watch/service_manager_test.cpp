@@ -62,16 +62,6 @@ TEST_F(ServiceManagerTest, IsToldOfTheRun) {
   EXPECT_LE(*std::ranges::max_element(machine.clock.slept), 10U);
 }
 
-TEST_F(ServiceManagerTest, HasNoUseForOthersTimes) {
-  for (const auto& [time, process, pause] :
-       {std::tuple("1000000", "1", UINT32_MAX),
-        {"1000000", nullptr, 250'000U / 1000},
-        {"1000", nullptr, 1U},
-        {"99999999999999999999999999", nullptr, 21'600'000U}}) {
-    EXPECT_EQ(Manager(path_, time, process).LongestPause(), pause) << time;
-  }
-}
-
 TEST_F(ServiceManagerTest, MayBeThereInManyWays) {
   for (const std::string name : {"", "notify", "vsock:2:1234"}) {
     EXPECT_FALSE(Manager(name).IsThere()) << name;
