@@ -1,4 +1,4 @@
-// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// Spare: asked of this layer by the suite's design, built, called by nothing in this
 // program. The recorder of the settings that a program reads.
 //
 // The environment names the file; where it names none, the file is "0" in the current directory, as

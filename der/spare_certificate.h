@@ -1,6 +1,6 @@
 // Questions about an encoded certificate, without a holder to load it into.
 //
-// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// Spare: asked of this layer by the suite's design, built, called by nothing in this
 // program. All functions may be called from any thread.
 #pragma once
 

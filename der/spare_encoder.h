@@ -1,6 +1,6 @@
 // Writing of DER (X.690): headers around a content, and object identifiers.
 //
-// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// Spare: asked of this layer by the suite's design, built, called by nothing in this
 // program. All functions may be called from any thread.
 #pragma once
 

@@ -1,4 +1,4 @@
-// spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// spare: asked of this layer by the suite's design, built, called by nothing in this
 // program.
 #include <utility>
 

@@ -124,7 +124,7 @@ class CWrapperPkcs11 final : public CForwarderPkcs11 {
   CK_RV CancelFunction(CK_SESSION_HANDLE) = delete;
   CK_RV SetPIN(CK_SESSION_HANDLE, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR, CK_ULONG) = delete;
 
-  // --- spare: asked of this layer by the suite's design, built and tested, called by nothing in
+  // --- spare: asked of this layer by the suite's design, built, called by nothing in
   // --- this program (spare_wrapper.cpp) --------------------------------------------------------
 
   /// Takes the library path from the configuration. False only when that cannot be opened.

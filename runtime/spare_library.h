@@ -1,4 +1,4 @@
-// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// Spare: asked of this layer by the suite's design, built, called by nothing in this
 // program.
 //
 // A library that is loaded at most once between two unloads. An object belongs to one thread at a

@@ -1,4 +1,4 @@
-// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// Spare: asked of this layer by the suite's design, built, called by nothing in this
 // program.
 //
 // A counter under a lock of its own, signals to threads, and other people's mutexes in place of the

@@ -1,4 +1,4 @@
-// Spare: asked of this layer by the suite's design, built and tested, called by nothing in this
+// Spare: asked of this layer by the suite's design, built, called by nothing in this
 // program.
 //
 // Further operations on the trace, under the rules of runtime/trace.h; runtime/trace.cpp defines

@@ -2,26 +2,70 @@
 // suite. The readers are those of a desktop, of which reader 1 is there.
 #pragma once
 
+#include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
+#include "pkcs11/cryptoki.h"
 #include "tests/end_to_end/desktop.h"
-#include "tests/support/loaded_module.h"
+#include "tests/support/environment.h"
 
 namespace qixx::testing {
 
-class LoadedBridge : public LoadedModule {
+class LoadedBridge : public ::testing::Test {
  protected:
+  using Numbers = std::vector<CK_ULONG>;
+
+  ~LoadedBridge() override {
+    if (list_ != nullptr) list_->C_Finalize(nullptr);
+  }
+
   /// The bridge over `module`; a copy of its own each time, since it keeps its numbers as long as
   /// the process.
-  void Load(const std::string& module) override {
+  void Load(const std::string& module) {
     ::setenv("qix:Pkcs11:Module", module.c_str(), 1);
     path_ = folder_.Path("bridge" + std::to_string(++copies_) + ".so");
     std::filesystem::copy_file(BRIDGE, path_);
-    LoadedModule::Load(path_);
+    library_ = ::dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library_, nullptr) << ::dlerror();
+    ASSERT_EQ(Function<CK_C_GetFunctionList>("C_GetFunctionList")(&list_), CKR_OK);
   }
+  void Start(const std::string& module) {
+    Load(module);
+    ASSERT_EQ(list_->C_Initialize(nullptr), CKR_OK);
+  }
+  template <typename Type>
+  Type Function(const std::string& name) {
+    return reinterpret_cast<Type>(::dlsym(library_, name.c_str()));
+  }
+
+  Numbers Slots(CK_BBOOL withToken = CK_FALSE) {
+    CK_ULONG count = 0;
+    EXPECT_EQ(list_->C_GetSlotList(withToken, nullptr, &count), CKR_OK);
+    count += 4;  // cards and readers may come between the two calls
+    Numbers slots(count);
+    EXPECT_EQ(list_->C_GetSlotList(withToken, slots.data(), &count), CKR_OK);
+    slots.resize(count);
+    return slots;
+  }
+  /// The slot of the next event, -1 for none.
+  long Poll() {
+    CK_SLOT_ID slot = 0;
+    const CK_RV result = list_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
+    EXPECT_TRUE(result == CKR_OK || result == CKR_NO_EVENT) << result;
+    return result == CKR_OK ? static_cast<long>(slot) : -1;
+  }
+  CK_SESSION_HANDLE Open(CK_SLOT_ID slot) {
+    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
+    const CK_FLAGS flags = CKF_RW_SESSION | CKF_SERIAL_SESSION;
+    EXPECT_EQ(list_->C_OpenSession(slot, flags, nullptr, nullptr, &session), CKR_OK);
+    return session;
+  }
+
   void NameReader(int slot, const std::string& name) const {
     desktop_.Home().Write("readers/" + std::to_string(slot) + "/slot", "description=" + name);
   }
@@ -56,7 +100,10 @@ class LoadedBridge : public LoadedModule {
     return Eventually([=, this] { return Poll() == -1 && !IsReadable(milliseconds); });
   }
 
+  const TemporaryFolder folder_;
   const Desktop desktop_;
+  void* library_ = nullptr;
+  CK_FUNCTION_LIST* list_ = nullptr;
   std::string path_;  ///< of the bridge's copy
 
  private:

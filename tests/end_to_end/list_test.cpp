@@ -1,4 +1,6 @@
 // --list: the program tells what the service would see, and touches nothing.
+#include <sys/stat.h>
+
 #include <set>
 
 #include "der/names.h"
@@ -25,7 +27,7 @@ class ListWord : public ServiceTest {
   JsonValues ListValues(int expected = 0) {
     const auto [code, json] = List("--json");
     EXPECT_EQ(code, expected) << Errors();
-    return JsonReader::Read(json);
+    return ReadJson(json);
   }
   void InsertCard(int slot, const std::map<std::string, Recipe>& certificates) const {
     Lines files;
@@ -54,6 +56,8 @@ TEST_F(ListWord, TellsWhatTheServiceSeesAndTakes) {
   InsertCard(1, {{"a_older", older}, {"b_nameless", nameless}, {"c_good", {}}});
   InsertCard(4, {{"e_same", {}}, {"f_text", {.subject = ""}}});
   Home().Write("readers/4/card/g_text.der", "no certificate");
+  Home().Write("readers/4/card/large.der", std::string(65537, '\x30'));
+  ASSERT_EQ(::mkfifo(Path("readers/4/card/pipe.der").c_str(), 0600), 0);
   ConfigureWatch("-match \"o=example, inc.\" -sync -pin 1234", {});
   const JsonValues values = ListValues();
   EXPECT_THAT(values,

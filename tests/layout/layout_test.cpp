@@ -59,15 +59,9 @@ TEST(Layout, ProgramAndBridgeLinkTheRuntimeOnly) {
 }
 
 /// What only the recipes make, and words that stand for others.
-const Words kInvented = {"CamelCase",
-                         "OtherSlotsDoNotCount",
-                         "RunTouch",
-                         "TouchMakesAnEmptyFile",
-                         "TouchedFile",
-                         "kMax",
-                         "kSlot",
-                         "kTouch",
-                         "fuzz/corpus/TARGET"};
+const std::regex kInvented(
+    "CamelCase|OtherSlotsDoNotCount|RunTouch|TouchMakesAnEmptyFile|TouchedFile|kMax|kSlot|kTouch|"
+    "fuzz/corpus/TARGET");
 
 TEST(Layout, PagesNameWhatIsThere) {
   // A name in CamelCase, a constant, a unit or a test program.
@@ -89,13 +83,13 @@ TEST(Layout, PagesNameWhatIsThere) {
     while (std::getline(pieces, code, '`') && std::getline(pieces, code, '`')) {
       std::sregex_iterator name(code.begin(), code.end(), kName);
       for (; !code.starts_with("sh\n") && name != kEnd; ++name, ++seen) {
-        EXPECT_TRUE(known.contains((*name)[0]) || kInvented.contains((*name)[0]))
+        EXPECT_TRUE(known.contains((*name)[0]) || std::regex_match(name->str(), kInvented))
             << page << ": " << (*name)[0] << " in " << code;
       }
       for (std::sregex_iterator path(code.begin(), code.end(), kPath); path != kEnd; ++path) {
         const std::string file = path->str();
         const bool isOurs = folders.contains(file.substr(0, file.find('/')));
-        EXPECT_TRUE(!isOurs || files.contains(file) || kInvented.contains(file))
+        EXPECT_TRUE(!isOurs || files.contains(file) || std::regex_match(file, kInvented))
             << page << ": " << file;
       }
     }

@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <vector>
 
-#include "runtime/spare_text.h"
-
 namespace qixx::runtime {
 namespace {
 
@@ -21,24 +19,7 @@ TEST(TextTest, ComparesFindsAndTakesApart) {
     EXPECT_EQ(find("longer", "longest of all", 0), std::string_view::npos);
     EXPECT_EQ(find("x", "", 2), std::string_view::npos);
   }
-  EXPECT_EQ(FindChar("a-b", '\0'), 3u);
-  EXPECT_EQ(Duplicate(nullptr), std::nullopt);
   EXPECT_EQ(ParseDecimal("18446744073709551616"), UINT64_MAX);
-  EXPECT_EQ(ParseSigned("-99999999999999999999"), INT64_MIN);
-  EXPECT_EQ(ParseSigned("9223372036854775808"), INT64_MAX);
-}
-
-TEST(TextTest, ReplacesUpToTheLimit) {
-  const char* const rows[][4] = {{"%Upn%-%upn%", "%UPN%", "me", "me-me"},
-                                 {"empty", "", "x", "empty"},
-                                 {".....", ".", "four", "fourfour..."},  // eleven are the limit
-                                 {"......", ".", "four", "four....."}};
-  for (const auto& [text, from, to, result] : rows) {
-    std::string replaced = text;
-    const bool changed = ReplaceAllNoCase(replaced, from, to, 11);
-    EXPECT_EQ(replaced, result);
-    EXPECT_EQ(changed, replaced != text);
-  }
 }
 
 TEST(TextTest, DecodersDropWhatIsNoDigit) {

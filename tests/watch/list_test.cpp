@@ -39,16 +39,16 @@ watch::Listing ListingOf(const std::string& text) {
 TEST(Listing, JsonHoldsHostileTextsWhole) {
   const std::string text =
       std::string("\"\\/\b\n\0", 6) + "\x1b[2J\x7f\u009b\u202e\u2028\u00e9\U0001F600";
-  const JsonValues values = JsonReader::Read(watch::JsonOf(ListingOf(text), "1.2"));
+  const JsonValues values = ReadJson(watch::JsonOf(ListingOf(text), "1.2"));
   EXPECT_EQ(std::ranges::count(values, text, &JsonValues::value_type::second), 20);
   EXPECT_EQ(values.at("readers.0.slot"), "18446744073709551615");
   EXPECT_EQ(values.at("cards.0.flagNames.0") + " " + values.at("cards.0.flagNames.1"),
             "login_required token_initialized");
   EXPECT_EQ(values.at("failures.1.result"), "null");
   const std::string broken = "\xff \xed\xa0\x80 \xc3";
-  EXPECT_EQ(JsonReader::Read(watch::JsonOf(ListingOf(broken), "")).at("cards.0.label"),
+  EXPECT_EQ(ReadJson(watch::JsonOf(ListingOf(broken), "")).at("cards.0.label"),
             "\ufffd \ufffd\ufffd\ufffd \ufffd");
-  EXPECT_EQ(JsonReader::Read(watch::JsonOf({}, "")).at("readers.count"), "0");
+  EXPECT_EQ(ReadJson(watch::JsonOf({}, "")).at("readers.count"), "0");
 }
 
 /// How many lines begin where names and heads do.

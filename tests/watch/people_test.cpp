@@ -8,6 +8,7 @@
 #include "tests/support/environment.h"
 #include "tests/support/openssl.h"
 #include "tests/support/temporary_folder.h"
+#include "watch/command.h"
 #include "watch/option_table.h"
 #include "watch/people.h"
 #include "watch/placeholders.h"
@@ -54,6 +55,21 @@ TEST(People, TextsNameEachPlaceholderAndWhatClearsIt) {
     EXPECT_THAT(cards, ContainsRegex("`" + name + "` \\|[^\n]*\\| " + inFiles + " \\|\n"));
     EXPECT_THAT(manual, HasSubstr(name));
     EXPECT_EQ(cleared.find(name) != std::string::npos, isCleared) << name;
+  }
+}
+
+/// The words of a text, without what stands between them.
+std::string Words(const std::string& text) {
+  return std::regex_replace(text, std::regex("[^A-Za-z]+"), " ");
+}
+
+TEST(People, TextsNameEachCommandThatMayFail) {
+  std::string all;
+  for (const std::string_view keyword : watch::KeywordsThatMayFail()) {
+    all.append(keyword).append(" ");
+  }
+  for (const char* const text : {"README.md", "docs/qixxwatch.1"}) {
+    EXPECT_THAT(Words(Source(text)), HasSubstr(" " + all + "or close that fails"));
   }
 }
 
