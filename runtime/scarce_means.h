@@ -13,6 +13,9 @@ class ScarceMeans {
   ScarceMeans() : before_(count) {}
   [[nodiscard]] bool Any() const { return count != before_; }
 
+  /// What was noted since then is no loss.
+  void TakeBack() const { count = before_; }
+
   /// For who tried, with the system's error number; other errors do not count.
   static void Note(int error) {
     if (error == EAGAIN || error == ENOMEM || error == ENOSPC || error == EDQUOT) ++count;

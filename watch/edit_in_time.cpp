@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdint>
 #include <ctime>
-#include <list>
 #include <memory>
 #include <new>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "runtime/clock.h"
 #include "runtime/no_destructor.h"
@@ -21,48 +21,81 @@
 #include "runtime/trace.h"
 #include "watch/file_scope.h"
 #include "watch/running_jobs.h"
+#include "watch/service_manager.h"
 
 namespace qixx::watch {
 namespace {
 
+/// Also where another file used the event's patience up.
+constexpr std::int64_t kLeastPatience = 50;
+/// Each has a thread.
+constexpr std::size_t kMaxLate = 32;
 constexpr timespec kLookPause = {0, 200'000};
-/// What waits for a file system is held in memory; more of it is refused.
-constexpr std::size_t kMaxWaiting = 256;
-
-/// The main thread's, which alone waits.
-constinit std::int64_t patience = kFilePatience;
 
 enum class Answer { kNone, kFailed, kDone, kNoMemory };
 
 struct PendingEdit {
+  std::string path;
+  EditKind kind;
   std::function<bool()> run;
   runtime::ThreadId askedBy;
-  RunningJob job;
-  bool wasScarce = false;  ///< said before the answer
+  std::optional<RunningJob> job;  ///< until the answer is there
+  bool wasScarce = false;         ///< said before the answer
   std::atomic<Answer> answer{Answer::kNone};
 };
 
 using EditPointer = std::shared_ptr<PendingEdit>;
 
-/// The edits of one path. Its thread runs one after the other and ends behind the last.
-struct EditQueue {
-  std::string path;
-  std::list<EditPointer> edits;  ///< the first one runs
-  bool isLate = false;           ///< somebody gave up to wait
-};
+/// The main thread's, which alone waits.
+constinit std::int64_t patience = kFilePatience;
 
-struct EditQueues {
+/// The edits that were given up, one of a path.
+struct LateEdits {
   runtime::CCritical lock;
-  std::list<EditQueue> all;
+  std::vector<EditPointer> all;
 };
 
-/// Never destroyed: a file system may answer while the process ends.
-EditQueues& Queues() {
-  static runtime::NoDestructor<EditQueues> queues;
-  return *queues;
+/// Never destroyed: they may run while the process ends.
+LateEdits& Late() {
+  static runtime::NoDestructor<LateEdits> edits;
+  return *edits;
 }
 
-// --- the thread of a queue ----------------------------------------------------------------------
+bool HasEnded(const PendingEdit& edit) {
+  return edit.answer != Answer::kNone;
+}
+
+/// Null when there is none.
+EditPointer FindLate(const std::string& path) {
+  const runtime::CriticalScope hold(&Late().lock);
+  const auto found = std::ranges::find(Late().all, path, &PendingEdit::path);
+  return found == Late().all.end() ? nullptr : *found;
+}
+
+void ForgetLate(const EditPointer& edit) {
+  const runtime::CriticalScope hold(&Late().lock);
+  std::erase(Late().all, edit);
+}
+
+/// Makes room for one more, so that memory can run out no later. Fills that have ended are of no
+/// more use. Returns how many edits still run.
+std::size_t PrepareLate() {
+  const runtime::CriticalScope hold(&Late().lock);
+  std::vector<EditPointer>& all = Late().all;
+  std::erase_if(all, [](const EditPointer& edit) {
+    return HasEnded(*edit) && edit->kind == EditKind::kFill;
+  });
+  all.reserve(all.size() + 1);
+  return all.size() - static_cast<std::size_t>(std::ranges::count_if(
+                          all, [](const EditPointer& edit) { return HasEnded(*edit); }));
+}
+
+void KeepLate(const EditPointer& edit) {
+  const runtime::CriticalScope hold(&Late().lock);
+  Late().all.push_back(edit);
+}
+
+// --- the thread of an edit ----------------------------------------------------------------------
 
 /// Its trace lines are those of the command that waits for it.
 void Run(PendingEdit& edit) {
@@ -75,104 +108,97 @@ void Run(PendingEdit& edit) {
   }
   edit.wasScarce = scarce.Any();
   edit.answer = answer;
+  edit.job.reset();
 }
 
-EditPointer FirstEdit(const EditQueue& queue) {
-  const runtime::CriticalScope hold(&Queues().lock);
-  return queue.edits.front();
-}
-
-/// The one behind the first, which is done. Null at the end of the queue, which is no more then.
-EditPointer NextEdit(EditQueue& queue) {
-  const runtime::CriticalScope hold(&Queues().lock);
-  queue.edits.pop_front();
-  if (!queue.edits.empty()) return queue.edits.front();
-  std::erase_if(Queues().all, [&queue](const EditQueue& other) { return &other == &queue; });
-  return nullptr;
-}
-
-void* RunQueue(void* argument) {
+void* RunOnThread(void* argument) {
   runtime::ThreadDetachSelf();
-  EditQueue& queue = *static_cast<EditQueue*>(argument);
-  for (EditPointer edit = FirstEdit(queue); edit != nullptr; edit = NextEdit(queue)) Run(*edit);
+  const std::unique_ptr<const EditPointer> edit(static_cast<const EditPointer*>(argument));
+  Run(**edit);
   return nullptr;
+}
+
+/// False without a thread.
+bool Start(const EditPointer& edit) {
+  auto argument = std::make_unique<EditPointer>(edit);
+  const runtime::ScarceMeans scarce;
+  if (runtime::ThreadCreate(&RunOnThread, argument.get()) == 0) {
+    scarce.TakeBack();  // it is done all the same
+    return false;
+  }
+  // The thread frees it.
+  static_cast<void>(argument.release());
+  return true;
 }
 
 // --- the thread that asks -----------------------------------------------------------------------
 
-EditQueue* Find(const std::string& path) {
-  std::list<EditQueue>& all = Queues().all;
-  const auto found = std::ranges::find(all, path, &EditQueue::path);
-  return found == all.end() ? nullptr : &*found;
-}
-
-/// Makes the queue of a path and its thread. False without a thread.
-bool Begin(const std::string& path, const EditPointer& edit) {
-  std::list<EditQueue> made(1);
-  made.front().path = path;
-  made.front().edits.push_back(edit);
-  std::list<EditQueue>& all = Queues().all;
-  all.splice(all.begin(), made);
-  if (runtime::ThreadCreate(&RunQueue, &all.front()) != 0) return true;
-  all.pop_front();
-  return false;
-}
-
-enum class Place { kNext, kBehindLate, kNone, kFull };
-
-Place Join(const std::string& path, const EditPointer& edit) {
-  const runtime::CriticalScope hold(&Queues().lock);
-  EditQueue* const queue = Find(path);
-  if (queue == nullptr) return Begin(path, edit) ? Place::kNext : Place::kNone;
-  if (queue->edits.size() >= kMaxWaiting) return Place::kFull;
-  queue->edits.push_back(edit);
-  return queue->isLate ? Place::kBehindLate : Place::kNext;
-}
-
 void Await(const PendingEdit& edit) {
-  while (edit.answer == Answer::kNone && patience > 0) {
+  std::int64_t left = std::max(patience, kLeastPatience);
+  while (!HasEnded(edit) && left > 0) {
     const std::int64_t begin = runtime::MonotonicMilliseconds();
     ::nanosleep(&kLookPause, nullptr);
-    patience -= runtime::MonotonicMilliseconds() - begin;
+    SystemServiceManager().Alive();
+    const std::int64_t passed = runtime::MonotonicMilliseconds() - begin;
+    left -= passed;
+    patience -= passed;
   }
 }
 
 bool GiveUp(const std::string& path) {
-  {
-    const runtime::CriticalScope hold(&Queues().lock);
-    if (EditQueue* const queue = Find(path)) queue->isLate = true;
-  }
+  runtime::ScarceMeans::Note(EAGAIN);
   const std::string shown = runtime::MaskSecrets(path);
   runtime::TraceWrite("Watch - No answer from '%s' in time, going on", shown.c_str());
   runtime::NotifyOnce("'" + shown + "' cannot be set: no answer in time");
   return false;
 }
 
-}  // namespace
-
-bool EditInTime(const std::string& path, std::function<bool()> edit) {
-  const bool isMainThread = ::gettid() == ::getpid();
-  if (!isMainThread) return edit();
-  const EditPointer pending(new PendingEdit{std::move(edit), runtime::ThreadSelf(), {}, {}, {}});
-  switch (Join(path, pending)) {
-    case Place::kNone:
-      return pending->run();
-    case Place::kNext:
-      Await(*pending);
-      break;
-    case Place::kBehindLate:
-    case Place::kFull:
-      break;
-  }
-  if (pending->answer == Answer::kNone) return GiveUp(path);
-  if (pending->wasScarce) runtime::ScarceMeans::Note(EAGAIN);
-  if (pending->answer == Answer::kNoMemory) throw std::bad_alloc();
-  return pending->answer == Answer::kDone;
+bool Tell(const PendingEdit& edit) {
+  if (edit.wasScarce) runtime::ScarceMeans::Note(EAGAIN);
+  if (edit.answer == Answer::kNoMemory) throw std::bad_alloc();
+  return edit.answer == Answer::kDone;
 }
+
+bool RunInTime(const EditPointer& edit) {
+  const std::size_t late = PrepareLate();
+  if (late >= kMaxLate) return GiveUp(edit->path);
+  if (!Start(edit)) return late == 0 ? edit->run() : GiveUp(edit->path);
+  Await(*edit);
+  if (HasEnded(*edit)) return Tell(*edit);
+  KeepLate(edit);
+  return GiveUp(edit->path);
+}
+
+/// What the main thread gave up comes first.
+bool RunBehindLate(const std::string& path, const std::function<bool()>& edit) {
+  constexpr std::int64_t kPauseMilliseconds = 10;
+  if (const EditPointer late = FindLate(path)) {
+    while (!HasEnded(*late)) runtime::SleepMilliseconds(kPauseMilliseconds);
+    ForgetLate(late);  // what it did may be undone now
+  }
+  return edit();
+}
+
+}  // namespace
 
 void BeginEventOfFiles(std::int64_t milliseconds) {
   patience = milliseconds;
   FileScope::BeginEvent();
+}
+
+bool EditInTime(const std::string& path, EditKind kind, std::function<bool()> edit) {
+  const bool isMainThread = ::gettid() == ::getpid();
+  if (!isMainThread) return RunBehindLate(path, edit);
+  if (const EditPointer late = FindLate(path)) {
+    if (!HasEnded(*late)) return GiveUp(path);
+    ForgetLate(late);
+    const bool isSame = kind == late->kind && kind != EditKind::kFill;
+    if (isSame && late->answer == Answer::kDone) return true;
+  }
+  const EditPointer pending(
+      new PendingEdit{path, kind, std::move(edit), runtime::ThreadSelf(), {}, {}, {}});
+  pending->job.emplace();
+  return RunInTime(pending);
 }
 
 }  // namespace qixx::watch

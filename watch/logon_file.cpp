@@ -304,11 +304,10 @@ bool FillAll(EditedFile& file, const LogonValues& values) {
                              });
 }
 
-/// What the steps make of the text becomes the file's.
-/// They own what they need: they may run later.
+/// What the steps make of the text becomes the file's. They own what they need: they may run later.
 template <typename Steps>
-bool Edit(const std::string& path, Steps steps) {
-  return EditInTime(path, [path, steps = std::move(steps)] {
+bool Edit(const std::string& path, EditKind kind, Steps steps) {
+  return EditInTime(path, kind, [path, steps = std::move(steps)] {
     EditedFile file(path);
     const bool done = steps(file) && file.Write();
     if (!done) file.NotifyFailure();
@@ -319,13 +318,13 @@ bool Edit(const std::string& path, Steps steps) {
 }  // namespace
 
 bool WriteLogonValues(const std::string& path, const LogonValues& values) {
-  return Edit(path,
+  return Edit(path, EditKind::kFill,
               [values](EditedFile& file) { return file.SaveOrRestore() && FillAll(file, values); });
 }
 
 bool WriteLogonName(const std::string& path, const LogonName& name) {
   if (path.empty() || (name.user.empty() && name.domain.empty())) return true;
-  return Edit(path, [name](EditedFile& file) {
+  return Edit(path, EditKind::kFill, [name](EditedFile& file) {
     return file.Read() && file.SetIfPresent(kUserNameKey, name.user) &&
            file.SetIfPresent(kDomainKey, name.domain);
   });
@@ -333,20 +332,22 @@ bool WriteLogonName(const std::string& path, const LogonName& name) {
 
 bool ClearLogonValues(const std::string& path, bool restore) {
   if (path.empty()) return true;
-  return Edit(path, [restore](EditedFile& file) {
+  const EditKind kind = restore ? EditKind::kRestoreAndClear : EditKind::kClear;
+  return Edit(path, kind, [restore](EditedFile& file) {
     return (restore ? file.SaveOrRestore() : file.Read()) && file.Clear();
   });
 }
 
 bool SetConfigValue(const std::string& path, std::string_view name, std::string_view value) {
   if (path.empty() || name.empty()) return true;
-  return Edit(path, [name = std::string(name), value = std::string(value)](EditedFile& file) {
-    return file.Read() && file.Set(name, value);
-  });
+  return Edit(path, EditKind::kFill,
+              [name = std::string(name), value = std::string(value)](EditedFile& file) {
+                return file.Read() && file.Set(name, value);
+              });
 }
 
 bool BackupOrRestoreConfigFile(const std::string& path) {
-  return Edit(path, [](EditedFile& file) { return file.SaveOrRestore(); });
+  return Edit(path, EditKind::kFill, [](EditedFile& file) { return file.SaveOrRestore(); });
 }
 
 std::string FaultOfSavedCopy(const std::string& path) {

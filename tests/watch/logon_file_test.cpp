@@ -22,6 +22,7 @@
 #include "runtime/clock.h"
 #include "runtime/descriptor.h"
 #include "runtime/product.h"
+#include "runtime/scarce_means.h"
 #include "tests/support/environment.h"
 #include "tests/support/recipes.h"
 #include "tests/support/temporary_folder.h"
@@ -460,23 +461,56 @@ TEST_F(LogonFile, TwoServicesLoseNoValues) {
   EXPECT_EQ(std::ranges::count(text, '!'), 2 * kKeys) << text;
 }
 
-TEST(EditInTime, GoesOnWithoutAnAnswer) {
-  std::atomic<bool> answers = false;
-  std::string order;
-  const auto write = [&order](char mark) { return order += mark, true; };
-  watch::BeginEventOfFiles(50);
-  EXPECT_FALSE(watch::EditInTime("/hung", [&] { return answers.wait(false), write('1'); }));
-  watch::BeginEventOfFiles(60'000);
-  EXPECT_FALSE(watch::EditInTime("/hung", [&] { return write('2'); })) << "nobody waits behind it";
-  EXPECT_TRUE(watch::EditInTime("/other", [] { return true; }));
-  EXPECT_FALSE(watch::HaveJobsRun()) << "a removal is not done yet";
-  answers = true;
-  answers.notify_all();
-  EXPECT_TRUE(watch::WaitForJobs(15'000));
-  EXPECT_EQ(order, "12");
-  EXPECT_TRUE(watch::EditInTime("/hung", [] { return true; })) << "it answers again";
+TEST(EditInTime, GoesOnWithoutAnAnswerAndDoesNothingTwiceOrOutOfOrder) {
+  using watch::EditKind;
+  struct Edits {
+    std::atomic<bool> answers = false;
+    std::string done;
+    bool Ask(EditKind kind, char mark) {
+      const runtime::ScarceMeans scarce;
+      const bool result = watch::EditInTime("/hung", kind, [this, mark] {
+        answers.wait(false);
+        return done += mark, true;
+      });
+      EXPECT_EQ(scarce.Any(), !result) << "a removal tries again";
+      return result;
+    }
+    void Answer() {
+      EXPECT_FALSE(watch::HaveJobsRun()) << "a removal is not done yet";
+      answers = true;
+      answers.notify_all();
+      EXPECT_TRUE(watch::WaitForJobs(15'000));
+    }
+  };
+  for (const auto& [late, next, done] : {std::tuple(EditKind::kFill, EditKind::kClear, "la"),
+                                         {EditKind::kClear, EditKind::kRestoreAndClear, "la"},
+                                         {EditKind::kClear, EditKind::kClear, "l"}}) {
+    Edits edits;
+    watch::BeginEventOfFiles(10);
+    EXPECT_FALSE(edits.Ask(late, 'l'));
+    watch::BeginEventOfFiles(60'000);
+    EXPECT_FALSE(edits.Ask(next, 'b')) << "nobody waits behind it";
+    EXPECT_TRUE(watch::EditInTime("/other", EditKind::kClear, [] { return true; }));
+    edits.Answer();
+    EXPECT_TRUE(edits.Ask(next, 'a'));
+    EXPECT_EQ(edits.done, done);
+  }
   const auto runOut = []() -> bool { throw std::bad_alloc(); };
-  EXPECT_THROW(watch::EditInTime("/hung", runOut), std::bad_alloc);
+  EXPECT_THROW(watch::EditInTime("/hung", EditKind::kClear, runOut), std::bad_alloc);
+}
+
+TEST(EditInTime, IsTracedAsTheCommandThatWaitsForIt) {
+  const TemporaryFolder folder;
+  runtime::TraceSetFile(folder.Path("trace.log"));
+  const auto trace = [] { return runtime::TraceWrite("x"), true; };
+  trace();
+  EXPECT_TRUE(watch::EditInTime(folder.Path("a.conf"), watch::EditKind::kFill, trace));
+  runtime::TraceSetFile("");
+  const std::string text = folder.Read("trace.log");
+  const std::string head = text.substr(text.rfind('['), text.rfind(']') - text.rfind('['));
+  std::size_t lines = 0;
+  for (std::size_t at = 0; (at = text.find(head, at)) != text.npos; ++at) ++lines;
+  EXPECT_EQ(lines, 3U) << "with the date: " << text;
 }
 
 }  // namespace
