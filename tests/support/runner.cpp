@@ -1,6 +1,7 @@
 // The main function of every test program. The cases run in a child process with a home and a
 // temporary folder of its own. This process stays behind to end what a case left over: when a case
-// hangs, or the program is stopped, every process that came from it is killed.
+// hangs, or the program is stopped, every process that came from it is killed and the traces that
+// it wrote are printed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -10,8 +11,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -60,14 +61,30 @@ void KillDescendants(pid_t group) {
   } while (::waitpid(-1, nullptr, 0) > 0);
 }
 
+void PrintTraces(const std::string& home) {
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(home, ignored)) {
+    if (entry.path().extension() != ".log" && entry.path().filename() != "stderr.txt") continue;
+    std::cout << "--- " << entry.path().filename().string() << " of "
+              << entry.path().parent_path().filename().string() << "\n"
+              << TemporaryFolder::ReadFile(entry.path()) << std::flush;
+  }
+}
+
 /// The exit code of the cases; of those that had to be killed it is 1.
-int AwaitCases(pid_t cases) {
+int AwaitCases(pid_t cases, const std::string& home) {
   int status = 0;
   const bool ended = ::waitpid(cases, &status, 0) == cases;
   const bool exited = ended && WIFEXITED(status);
   if (!exited) {
-    const std::string reason = ended ? ::strsignal(WTERMSIG(status)) : "stopped from outside";
-    std::cout << "\nThe case was ended: " << reason << ".\n";
+    const int signal = ended ? WTERMSIG(status) : 0;
+    const std::string ending = "The case was ended by signal " + std::to_string(signal);
+    std::cout << '\n'
+              << (signal == 0         ? "Stopped from outside"
+                  : signal == SIGALRM ? "The case takes too long"
+                                      : ending)
+              << ".\n";
+    PrintTraces(home);
   }
   KillDescendants(cases);
   return exited ? WEXITSTATUS(status) : 1;
@@ -81,7 +98,7 @@ int Run() {
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   const pid_t cases = ::fork();
   if (cases < 0) return 1;
-  if (cases > 0) return AwaitCases(cases);
+  if (cases > 0) return AwaitCases(cases, home.Path());
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::signal(signal, SIG_DFL);
   ::prctl(PR_SET_CHILD_SUBREAPER, 0);
   // Without the destructors of this frame: the home belongs to the process that stays behind.
