@@ -92,6 +92,17 @@ TEST(WholeFiles, AreFoundThroughFoldersAndLinks) {
   EXPECT_FALSE(FindFile(folder.Path("a/dangling")).named.IsMissing());
 }
 
+TEST(WholeFiles, AreReadUpToALimit) {
+  const TemporaryFolder folder;
+  const std::string path = folder.Write("file", "0123456789");
+  const auto read = [](const std::string& name, std::size_t limit) {
+    return ReadToEnd(Descriptor(::open(name.c_str(), O_RDONLY)), limit);
+  };
+  EXPECT_EQ(read(path, 10), "0123456789");
+  EXPECT_EQ(read(path, 9), std::nullopt);
+  EXPECT_EQ(read("/proc/self/status", 9), std::nullopt) << "its size is said to be 0";
+}
+
 TEST(WholeFiles, AccessListStaysAndItsMaskIsNotTheGroups) {
   // Everything for the owner, reading for user 1234, nothing for the group; the mask is to read.
   const std::string any(4, '\xFF');

@@ -483,6 +483,7 @@ TEST(EditInTime, GoesOnWithoutAnAnswerAndDoesNothingTwiceOrOutOfOrder) {
     }
   };
   for (const auto& [late, next, done] : {std::tuple(EditKind::kFill, EditKind::kClear, "la"),
+                                         {EditKind::kFill, EditKind::kFill, "la"},
                                          {EditKind::kClear, EditKind::kRestoreAndClear, "la"},
                                          {EditKind::kClear, EditKind::kClear, "l"}}) {
     Edits edits;
@@ -497,6 +498,19 @@ TEST(EditInTime, GoesOnWithoutAnAnswerAndDoesNothingTwiceOrOutOfOrder) {
   }
   const auto runOut = []() -> bool { throw std::bad_alloc(); };
   EXPECT_THROW(watch::EditInTime("/hung", EditKind::kClear, runOut), std::bad_alloc);
+}
+
+TEST(EditInTime, IsDoneOnceWithoutAThread) {
+  const auto edit = [] {
+    const rlimit none = {0, 0};
+    if (::geteuid() == 0 && ::setuid(65'534) != 0) ::_exit(2);
+    ::setrlimit(RLIMIT_NPROC, &none);
+    const runtime::ScarceMeans scarce;
+    const bool done =
+        watch::EditInTime("/any", watch::EditKind::kClear, [] { return ::gettid() == ::getpid(); });
+    ::_exit(done && !scarce.Any() ? 0 : 1);
+  };
+  EXPECT_EXIT(edit(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(EditInTime, IsTracedAsTheCommandThatWaitsForIt) {
