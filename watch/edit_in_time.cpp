@@ -40,6 +40,7 @@ struct PendingEdit {
   std::function<bool()> run;
   runtime::ThreadId askedBy;
   std::optional<RunningJob> job;  ///< until the answer is there
+  bool isOutdated = false;        ///< another card has gone since; the main thread's
   bool wasScarce = false;         ///< said before the answer
   std::atomic<Answer> answer{Answer::kNone};
 };
@@ -48,6 +49,7 @@ using EditPointer = std::shared_ptr<PendingEdit>;
 
 /// The main thread's, which alone waits.
 constinit std::int64_t patience = kFilePatience;
+constinit std::atomic<unsigned> removals{0};
 
 /// The edits that were given up, one of a path.
 struct LateEdits {
@@ -77,14 +79,16 @@ void ForgetLate(const EditPointer& edit) {
   std::erase(Late().all, edit);
 }
 
-/// Makes room for one more, so that memory can run out no later. Fills that have ended are of no
-/// more use. Returns how many edits still run.
+/// Whether nobody has a use for what it did.
+bool IsDoneWith(const EditPointer& edit) {
+  return HasEnded(*edit) && (edit->isOutdated || edit->kind == EditKind::kFill);
+}
+
+/// Makes room for one more, so that memory can run out no later. Returns how many still run.
 std::size_t PrepareLate() {
   const runtime::CriticalScope hold(&Late().lock);
   std::vector<EditPointer>& all = Late().all;
-  std::erase_if(all, [](const EditPointer& edit) {
-    return HasEnded(*edit) && edit->kind == EditKind::kFill;
-  });
+  std::erase_if(all, IsDoneWith);
   all.reserve(all.size() + 1);
   return all.size() - static_cast<std::size_t>(std::ranges::count_if(
                           all, [](const EditPointer& edit) { return HasEnded(*edit); }));
@@ -186,17 +190,27 @@ void BeginEventOfFiles(std::int64_t milliseconds) {
   FileScope::BeginEvent();
 }
 
+void BeginRemovalOfFiles() {
+  ++removals;
+  const runtime::CriticalScope hold(&Late().lock);
+  for (const EditPointer& edit : Late().all) edit->isOutdated = true;
+}
+
+unsigned RemovalsOfFiles() {
+  return removals;
+}
+
 bool EditInTime(const std::string& path, EditKind kind, std::function<bool()> edit) {
   const bool isMainThread = ::gettid() == ::getpid();
   if (!isMainThread) return RunBehindLate(path, edit);
   if (const EditPointer late = FindLate(path)) {
     if (!HasEnded(*late)) return GiveUp(path);
     ForgetLate(late);
-    const bool isSame = kind == late->kind && kind != EditKind::kFill;
+    const bool isSame = kind == late->kind && !IsDoneWith(late);
     if (isSame && late->answer == Answer::kDone) return true;
   }
   const EditPointer pending(
-      new PendingEdit{path, kind, std::move(edit), runtime::ThreadSelf(), {}, {}, {}});
+      new PendingEdit{path, kind, std::move(edit), runtime::ThreadSelf(), {}, {}, {}, {}});
   pending->job.emplace();
   return RunInTime(pending);
 }

@@ -307,10 +307,12 @@ bool FillAll(EditedFile& file, const LogonValues& values) {
 /// What the steps make of the text becomes the file's. They own what they need: they may run later.
 template <typename Steps>
 bool Edit(const std::string& path, EditKind kind, Steps steps) {
-  return EditInTime(path, kind, [path, steps = std::move(steps)] {
+  const unsigned before = RemovalsOfFiles();
+  return EditInTime(path, kind, [path, kind, before, steps = std::move(steps)] {
     EditedFile file(path);
-    const bool done = steps(file) && file.Write();
-    if (!done) file.NotifyFailure();
+    const auto isTooLate = [=] { return kind == EditKind::kFill && RemovalsOfFiles() != before; };
+    const bool done = steps(file) && !isTooLate() && file.Write();
+    if (!done && !isTooLate()) file.NotifyFailure();
     return done;
   });
 }

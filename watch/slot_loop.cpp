@@ -15,6 +15,7 @@
 #include "runtime/trace.h"
 #include "watch/card_mark.h"
 #include "watch/configuration.h"
+#include "watch/edit_in_time.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
 #include "watch/extra_watchers.h"
@@ -231,6 +232,7 @@ class SlotWatch {
   }
   void RunNewRemoval(CK_SLOT_ID slot) {
     owedRounds_ = 0;
+    RunStep(&BeginRemovalOfFiles);
     RunRemoval(slot);
   }
   /// What is owed of a removal is so to the next rounds or to the next start: the mark stays, as

@@ -26,6 +26,7 @@
 #include "watch/card_mark.h"
 #include "watch/command.h"
 #include "watch/configuration.h"
+#include "watch/edit_in_time.h"
 #include "watch/event_handlers.h"
 #include "watch/event_table.h"
 #include "watch/extra_watchers.h"
@@ -409,7 +410,9 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
     };
     watch::CWatchOptions record = Record("config", 6);
     record.match = "cn=ann lee";
+    const unsigned removals = watch::RemovalsOfFiles();
     const LoopRun run(desk, record);
+    EXPECT_EQ(watch::RemovalsOfFiles() - removals, 1U) << "also when it is tried again";
     holdPauses = false;
     EXPECT_TRUE(watch::WaitForJobs(15000));
     forksToFail = syncsToFail = 0;

@@ -350,6 +350,17 @@ TEST_F(LogonFile, WhoHoldsTheFolderDelaysAWholeEventByTwoSeconds) {
   EXPECT_EQ(trace.Count("Watch - Set command ... OK"), 6U) << "without the lock then";
 }
 
+TEST_F(LogonFile, FillOfACardThatHasGoneIsDropped) {
+  const std::string before = Text();
+  std::optional<watch::FileScope> held(std::in_place, file_);
+  watch::BeginEventOfFiles(10);
+  EXPECT_FALSE(watch::WriteLogonName(file_, {.user = "ann", .domain = "d"})) << "it goes on";
+  watch::BeginRemovalOfFiles();
+  held.reset();
+  EXPECT_TRUE(watch::WaitForJobs(15'000));
+  EXPECT_EQ(Text(), before);
+}
+
 TEST_F(LogonFile, StrangersGainNothingFromRoot) {
   if (::geteuid() != 0) GTEST_SKIP() << "NOT TESTED: only root has rights to lend";
   ::chmod(fs::temp_directory_path().c_str(), 0711);
@@ -496,6 +507,13 @@ TEST(EditInTime, GoesOnWithoutAnAnswerAndDoesNothingTwiceOrOutOfOrder) {
     EXPECT_TRUE(edits.Ask(next, 'a'));
     EXPECT_EQ(edits.done, done);
   }
+  Edits edits;
+  watch::BeginEventOfFiles(10);
+  EXPECT_FALSE(edits.Ask(EditKind::kClear, 'l'));
+  watch::BeginRemovalOfFiles();
+  edits.Answer();
+  EXPECT_TRUE(edits.Ask(EditKind::kClear, 'a'));
+  EXPECT_EQ(edits.done, "la") << "the removal of another card";
   const auto runOut = []() -> bool { throw std::bad_alloc(); };
   EXPECT_THROW(watch::EditInTime("/hung", EditKind::kClear, runOut), std::bad_alloc);
 }
