@@ -24,6 +24,10 @@ void NoteCutOffJob() {
   wasCutOff = true;
 }
 
+unsigned RunningJobs() {
+  return runningJobs;
+}
+
 bool HaveJobsRun() {
   return runningJobs == 0 && !wasCutOff;
 }

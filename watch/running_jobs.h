@@ -15,6 +15,8 @@ class RunningJob {
 /// For one that ends without having run, because the process is to stop.
 void NoteCutOffJob();
 
+/// How many there are now.
+[[nodiscard]] unsigned RunningJobs();
 /// Whether none still runs, and none was cut off.
 [[nodiscard]] bool HaveJobsRun();
 /// Waits up to `milliseconds` for all to end; false when some still run.
