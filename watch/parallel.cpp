@@ -48,6 +48,7 @@ void RunCommand(const ParallelJob& job) {
 void* RunJob(void* argument) {
   runtime::ThreadDetachSelf();
   std::unique_ptr<ParallelJob> job(static_cast<ParallelJob*>(argument));
+  // Counts up to the end, also of a job whose command ends the thread.
   const std::unique_ptr<RunningJob> running = std::move(job->running);
   runtime::TraceWrite("Watch - Thread execute command ...");
   RunCommand(*job);

@@ -32,7 +32,8 @@ constexpr std::string_view kWithoutConfiguration[] = {"-uninstall", "ServiceMain
 /// Lines that begin so are not parsed as options.
 constexpr std::string_view kServiceVerbs[] = {"-install", "-uninstall", "-start", "-stop"};
 
-/// How long the end of the process waits for commands on threads of their own, in milliseconds.
+/// How long the end of the process waits for commands and edits on threads of their own, in
+/// milliseconds.
 constexpr unsigned kJobWait = 5000;
 
 bool BeginsWithAny(std::string_view line, std::span<const std::string_view> heads) {
