@@ -2,6 +2,7 @@
 
 #include "runtime/library_call.h"
 #include "runtime/loader.h"
+#include "runtime/scarce_means.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -51,8 +52,12 @@ bool AskLibrary(CardReader& card, const WatchEvent& event, std::string_view text
     return false;
   }
   const std::optional<std::string> answer = ReadAnswer(library, reader, parts->arguments);
-  if (answer) WriteLogonName(parts->file, {AnswerField(*answer, 0), AnswerField(*answer, 1)});
-  return answer.has_value();
+  if (!answer) return false;
+  const runtime::ScarceMeans scarce;
+  WriteLogonName(parts->file, {AnswerField(*answer, 0), AnswerField(*answer, 1)});
+  // The library has answered: a removal does not ask it again for the sake of the file.
+  scarce.TakeBack();
+  return true;
 }
 
 }  // namespace
