@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <string>
 
@@ -49,21 +48,6 @@ TEST(Listing, JsonHoldsHostileTextsWhole) {
   EXPECT_EQ(ReadJson(watch::JsonOf(ListingOf(broken), "")).at("cards.0.label"),
             "\ufffd \ufffd\ufffd\ufffd \ufffd");
   EXPECT_EQ(ReadJson(watch::JsonOf({}, "")).at("readers.count"), "0");
-}
-
-/// How many lines begin where names and heads do.
-std::ptrdiff_t CountOwnLines(const std::string& text) {
-  static const std::regex kOwnLine("\n {0,19}[^ \n]");
-  const std::string shown = watch::TextOf(ListingOf(text));
-  return std::distance(std::sregex_iterator(shown.begin(), shown.end(), kOwnLine), {});
-}
-
-TEST(Listing, NoTextLooksLikeALineOfTheListing) {
-  for (std::size_t front = 1; front <= 80; ++front) {
-    const std::string text = std::string(front, 'x') + " slot 4: admin" + std::string(64, ' ') +
-                             "  verdict         TAKEN" + std::string(80, ' ') + "Cards";
-    EXPECT_EQ(CountOwnLines(text), CountOwnLines("x")) << front;
-  }
 }
 
 TEST(Listing, TextFitsATerminalAndDoesNotControlIt) {

@@ -24,7 +24,6 @@ struct Token {
 struct Poll {
   CK_SLOT_ID event;
   std::vector<Token> tokens;
-  CK_RV failure = CKR_OK;
 };
 
 using Polls = std::vector<Poll>;
@@ -52,7 +51,6 @@ class ScriptedReader final : public watch::CardReader {
     if (polled == polls_.size() || told.failure != CKR_OK) return told;
     const Poll& poll = polls_[polled++];
     tokens = poll.tokens;
-    told.failure = poll.failure;
     if (poll.event != watch::kNoSlot) told.slot = poll.event;
     return told;
   }
