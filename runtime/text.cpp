@@ -121,9 +121,18 @@ bool StartsWithNoCase(std::string_view text, std::string_view head) {
 std::size_t FindText(std::string_view text, std::string_view pattern, std::size_t from) {
   if (from > text.size() || pattern.size() > text.size() - from) return std::string_view::npos;
   if (pattern.empty()) return from;
-  // Unlike the standard library's search it does not look at each of many first characters.
+  // The quickest way where the first character is rare. A text can be full of it.
+  constexpr std::size_t kRare = 64;
+  constexpr std::size_t kFirstTries = 8;
+  std::size_t at = text.find(pattern.front(), from);
+  for (std::size_t tries = 0; at != std::string_view::npos; ++tries) {
+    if (tries > kFirstTries + (at - from) / kRare) break;
+    if (text.substr(at).starts_with(pattern)) return at;
+    at = text.find(pattern.front(), at + 1);
+  }
+  if (at == std::string_view::npos) return at;
   const void* const found =
-      ::memmem(text.data() + from, text.size() - from, pattern.data(), pattern.size());
+      ::memmem(text.data() + at, text.size() - at, pattern.data(), pattern.size());
   if (found == nullptr) return std::string_view::npos;
   return static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
 }
