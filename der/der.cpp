@@ -51,16 +51,18 @@ std::optional<DerLength> IndefiniteLength(Bytes bytes, int nesting) {
   return CheckedLength(kShortHeader, scanned + kClosingPair, bytes.size());
 }
 
-std::optional<DerLength> LengthOf(Bytes bytes, int nesting) {
-  if (bytes.size() < kShortHeader) return std::nullopt;
+std::optional<DerLength> DefiniteLength(Bytes bytes) {
   const std::uint8_t first = bytes[1];
   if (first < 0x80) return CheckedLength(kShortHeader, first, bytes.size());
-  if (first == kIndefinite) return IndefiniteLength(bytes, nesting);
-
   const std::size_t count = first & 0x7F;
   const std::size_t header = kShortHeader + count;
   if (bytes.size() < header) return std::nullopt;
   return CheckedLength(header, ReadBigEndian(bytes.subspan(kShortHeader, count)), bytes.size());
+}
+
+std::optional<DerLength> LengthOf(Bytes bytes, int nesting) {
+  if (bytes.size() < kShortHeader) return std::nullopt;
+  return bytes[1] == kIndefinite ? IndefiniteLength(bytes, nesting) : DefiniteLength(bytes);
 }
 
 /// Room for what a piece of a dotted text needs at most: two numbers and a dot.
