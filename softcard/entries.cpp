@@ -39,9 +39,9 @@ void Pause(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time) {
 /// Any entry: the prescribed misbehaviour or answer, or the operation.
 template <typename Operation>
 CK_RV Answer(const char* function, Operation operation) {
-  Misbehave(function);
+  const std::vector<Setting> orders = Misbehave(function);
   return pkcs11::AnswerOf([&]() -> CK_RV {
-    const std::optional<CK_RV> fault = NoteCall(function);
+    const std::optional<CK_RV> fault = NoteCall(function, orders);
     return fault ? *fault : operation();
   });
 }

@@ -45,27 +45,28 @@ std::optional<CK_RV> PrescribedFor(std::string_view function, std::string_view o
 
 }  // namespace
 
-std::optional<CK_RV> NoteCall(std::string_view function) {
-  std::optional<CK_RV> fault;
-  for (const Setting& order : ReadOrders()) {
-    if (order == Setting{"log", "1"}) LogCall(function);
-    if (order.name == "fail" && !fault) fault = PrescribedFor(function, order.value);
-  }
-  return fault;
-}
-
-void Misbehave(std::string_view function) {
+std::vector<Setting> Misbehave(std::string_view function) {
   for (;;) {
+    std::vector<Setting> orders = ReadOrders();
     bool hangs = false;
-    for (const Setting& order : ReadOrders()) {
+    for (const Setting& order : orders) {
       if (order.value != function) continue;
       if (order.name == "throw") throw std::runtime_error(std::string(function));
       if (order.name == "exit") ::pthread_exit(nullptr);
       hangs = hangs || order.name == "hang";
     }
-    if (!hangs) return;
+    if (!hangs) return orders;
     std::this_thread::sleep_for(kHangPause);
   }
+}
+
+std::optional<CK_RV> NoteCall(std::string_view function, const std::vector<Setting>& orders) {
+  std::optional<CK_RV> fault;
+  for (const Setting& order : orders) {
+    if (order == Setting{"log", "1"}) LogCall(function);
+    if (order.name == "fail" && !fault) fault = PrescribedFor(function, order.value);
+  }
+  return fault;
 }
 
 bool IsOmitted(std::string_view function) {
