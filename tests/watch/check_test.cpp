@@ -70,15 +70,6 @@ class Check : public ::testing::Test {
     EXPECT_THAT(Told(result), ElementsAreArray(told)) << text;
     EXPECT_EQ(result.exitCode, 1) << text;
   }
-  /// The same for each line of the table alone, between two other texts.
-  void ExpectEach(const std::string& front, const std::string& table,
-                  const std::string& behind = "") const {
-    std::istringstream lines(table);
-    for (std::string line; std::getline(lines, line);) {
-      Expect(std::string(front).append(line).append("\n").append(behind));
-    }
-  }
-
   TemporaryFolder folder_;
   const std::string file_ = folder_.Path("x.conf");
   const ScopedVariable home_{"HOME", folder_.Path().c_str()};
@@ -104,11 +95,9 @@ hello => the line is no entry
 [Wacth Remove] => nothing reads section 'Wacth Remove'; 'Watch Remove' is meant
 [Watch Door Insert] => nothing reads section 'Watch Door Insert'; no watcher of that name is started
 [Watch]
-Background= x => the blank at the begin belongs to the value of 'Background'
 Backgroud=x => nothing reads entry 'Backgroud' of section 'Watch'; 'Background' is meant
 [Trace]
 watch=@/x.trace => trace file '@/x.trace' has another ending, so nothing is traced
-File=@/no/x.log => there is no folder '@/no/', so nothing is traced
 )"
       // What must not reach a terminal.
       "[\x1b[2J\xC2\x9B\xE2\x80\xAE\xE2\x81\xA0\xFF] => nothing reads section '\?[2J\?\?\?\?'\n");
@@ -131,35 +120,36 @@ Watch Door=-match "x" config Watch => double quotes do not reach an extra watche
 }
 
 TEST_F(Check, WatchCommands) {
-  ExpectEach("[Command]\nWatch=",
-             R"(-match "cn=x config Watch => the value of '-match' has no closing quote
--sync => nothing follows option '-sync', so it is taken for a command
--p @/program => '-p' without '-c' makes no keyword form
--p @/program -c @/none.conf => there is no file '@/none.conf'
--sync -match "cn=x" config Watch => option '-match' is not read at this place; the order is -match
--match "cn=x|12345" config => the match 'cn=x|12345' cannot be read, so no card counts
--snyc config Watch => unknown option '-snyc'; '-sync' is meant
-)",
-             "[Watch Insert]\n1=@/program\n");
+  for (const std::string row :
+       {R"(-match "cn=x config Watch => the value of '-match' has no closing quote)",
+        "-sync => nothing follows option '-sync', so it is taken for a command",
+        "-p @/program => '-p' without '-c' makes no keyword form",
+        "-p @/program -c @/none.conf => there is no file '@/none.conf'",
+        "-sync -match \"cn=x\" config Watch => option '-match' is not read at this place; the "
+        "order",
+        "-match \"cn=x|12345\" config => the match 'cn=x|12345' cannot be read, so no card counts",
+        "-snyc config Watch => unknown option '-snyc'; '-sync' is meant"}) {
+    Expect("[Command]\nWatch=" + row + "\n[Watch Insert]\n1=@/program\n");
+  }
 }
 
 TEST_F(Check, CommandsOfAList) {
-  ExpectEach(kInsert + "1=",
-             R"(@/program -pin 1234 => entry '1' looks like a secret, and others may read the file
-program => program 'program' has no path, and none is searched; '@/program' is meant
-@/none => there is no program '@/none'
-parallel @/plain => program '@/plain' is not executable
-@/program "x => a double quote is not closed
-@/program && => '&&' is an argument like any other, for there is no shell
-@/program > @/none/x => file '@/none/x' may not be written
-%UPN% x => a placeholder begins the command, so the card decides what is started
-@/program -%upn% => placeholder in '-%upn%' is not quoted, and a value may hold blanks
-@/program "%USERNAM%" => there is no placeholder '%USERNAM%'; '%USERNAME%' is meant
-/bin/sh -c "echo %UPN%" => a placeholder stands behind '-c', where a shell and its like take a script
-set -config "@/%UPN%.conf" => the file's path holds a placeholder, so the card decides which file
-set -config @/saved.conf => saved copy '@/saved.conf.org' is a link or no readable file
-load @/lib/libqixp11.so,Function => 'load' needs a comma behind the library and a blank
-@/program|{site}||@/program => condition '{site}' is not defined and never holds
+  Expect(kInsert +
+         R"(1=@/program -pin 1234 => entry '1' looks like a secret, and others may read the file
+2=program => program 'program' has no path, and none is searched; '@/program' is meant
+3=@/none => there is no program '@/none'
+4=parallel @/plain => program '@/plain' is not executable
+5=@/program "x => a double quote is not closed
+6=@/program && => '&&' is an argument like any other, for there is no shell
+7=@/program > @/none/x => file '@/none/x' may not be written
+8=%UPN% x => a placeholder begins the command, so the card decides what is started
+9=@/program -%upn% => placeholder in '-%upn%' is not quoted, and a value may hold blanks
+10=@/program "%USERNAM%" => there is no placeholder '%USERNAM%'; '%USERNAME%' is meant
+11=/bin/sh -c "echo %UPN%" => a placeholder stands behind '-c', where a shell and its like take a script
+12=set -config "@/%UPN%.conf" => the file's path holds a placeholder, so the card decides which file
+13=set -config @/saved.conf => saved copy '@/saved.conf.org' is a link or no readable file
+14=@/program|{site}||@/program => condition '{site}' is not defined and never holds
+15=load @/lib/libqixp11.so,Function => 'load' needs a comma behind the library and a blank
 )");
 }
 
@@ -171,8 +161,7 @@ watch=journal
 [Install]
 Directory=@/lib
 [Command]
-Watch=-match "cn=Ann|FF" -wait "5|2" -sync config Watch|Gate
-Watch Gate=-p @/program -c @/mail.conf -a x
+Watch=-match "cn=Ann|FF" -wait "5|2" -sync config Watch
 [Watch Insert]
 1=@/program -c x "%USERNAME% of %OID.o%" > /dev/null
 2=
@@ -197,13 +186,6 @@ Watcher 'Watch' (@/x.conf:7), insertions only of cards that match 'cn=Ann|FF', i
   On removal, in this order, all of them:
     1. start @/program +%Y%m%d
     2. put @/mail.conf.org back and clear it
-
-Watcher 'Gate' (@/x.conf:8)
-  On insertion:
-    write the logon values into @/mail.conf
-    start @/program x
-  On removal:
-    put @/mail.conf.org back and clear it
 )");
 }
 
@@ -222,24 +204,6 @@ TEST_F(Check, NoPartOfASecretIsQuoted) {
       EXPECT_THAT(result.output + result.errors, Not(HasSubstr("geheim"))) << text;
     }
   }
-}
-
-TEST_F(Check, FilesInUseAreThoseThatTheServiceWouldTake) {
-  const std::string list = Replaced(kInsert + "1=@/program\n", "@", folder_.Path());
-  const std::string own = Replaced("[Trace]\nwatch=@/x.log\n[Command]\n", "@", folder_.Path());
-  const ScopedVariable system("qixconfigglobal", folder_.Write("system.conf", list).c_str());
-  const ScopedVariable user("qixconfiglocal", folder_.Write("user.conf", own).c_str());
-  const ScopedVariable entry("qix:Watch Insert:1", "/no/program");
-  const watch::CheckResult result = watch::CheckConfiguration({});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_THAT(
-      Replaced(result.output, folder_.Path(), "@"),
-      StartsWith(
-          R"(@/user.conf:3: section 'Command' is not read from the user's file; it belongs into the system's file
-qix:Watch Insert:1:1: there is no program '/no/program' (No such file or directory); the path of one that is there is meant
-@/user.conf: the user's file, for sections Trace and Pkcs11
-@/system.conf: the system's file, as qixconfigglobal says
-)"));
 }
 
 /// What they name may be missing here, and nothing else.

@@ -47,14 +47,12 @@ TEST(CardText, IsOnlyEverText) {
   // The reader of a configuration drops what is not ASCII in front of its first line.
   EXPECT_EQ(watch::CleanLineStart(" \xc3\xa9[Evil] x"), " \xc3\xa9_Evil] x");
   using watch::Blocks;
-  EXPECT_EQ(watch::BlocksOf("a=1 > 2"), Blocks::kNone);
   EXPECT_EQ(watch::BlocksOf("<a>%UPN%</a>\n <b> <c\n"), Blocks::kInLines);
   EXPECT_EQ(watch::BlocksOf("<a>\n <off\n>"), Blocks::kAcrossLines);
   EXPECT_EQ(watch::BlocksOf(std::string("<a>\0", 4)), Blocks::kAcrossLines);
   const std::string value = " <x/>y <z@o>/";
   EXPECT_EQ(watch::CleanBlockMarks(value, Blocks::kInLines), " _x/_y <z@o>_");
   EXPECT_EQ(watch::CleanBlockMarks(value, Blocks::kAcrossLines), " _x/_y <z@o__");
-  EXPECT_EQ(watch::CleanBlockMarks(">x", Blocks::kInLines), "_x");
   EXPECT_EQ(watch::SplitPrincipalName(">@b@c").user, "_");
   std::string all;
   for (const watch::SubjectPlaceholder& placeholder :
@@ -111,7 +109,6 @@ TEST(Placeholders, AreReplacedInCommandsWithinTheirLimit) {
   const watch::LogonValues values = {
       .upn = "ann@example.org", .subject = "o=Example\\, Inc.,cn=Ann %UPN%,o=x", .serial = "2A"};
   const std::tuple<const char*, std::size_t, const char*> rows[] = {
-      {"%upn% %UserName% %DOMAIN% %Serialnumber%", 511, "ann@example.org ann example.org 2A"},
       {"\"%oid.O%\" %OID.cn% %OID.ou%", 511, "\"Example, Inc.\" Ann _UPN_ %OID.ou%"},
       {"%SERIALNUMBER%SUBJECT%", 511, "%SERIALNUMBERo=Example\\, Inc.,cn=Ann %UPN%,o=x"},
       {"%SERIALNUMBER%%UPN%", 20, "2A%UPN%"},

@@ -7,7 +7,6 @@
 #include "runtime/spare_trace.h"
 #include "tests/support/environment.h"
 #include "tests/support/failing_memory.h"
-#include "tests/support/notify_listener.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/watch/scripted.h"
 #include "watch/slot_loop.h"
@@ -98,20 +97,6 @@ TEST_F(WatchMemory, KeepsNoCommandOfARemovalFromBeingRun) {
     }
     EXPECT_EQ(inserted, 1);
   }
-}
-
-TEST_F(WatchMemory, IsNotNeededForASignOfLifeWhichWaitsForNobody) {
-  NotifyListener listener(folder_.Path("notify"));
-  const ScopedVariable socket("NOTIFY_SOCKET", folder_.Path("notify").c_str());
-  watch::ServiceManager manager = watch::ServiceManager::TakeFromEnvironment();
-  // The system's queue takes a few thousand at most.
-  for (int sent = 0; sent < 10'000; ++sent) manager.Ready();
-  manager.Status("No card");
-  listener.Take();
-  allocationsLeft = 0;
-  EXPECT_NO_THROW(manager.Alive());
-  allocationsLeft = -1;
-  EXPECT_EQ(listener.Take(), (std::vector<std::string>{"READY=1", "STATUS=No card"}));
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ class ScriptedReader final : public watch::CardReader {
   void Initialise() override { initialised = true; }
   void Finalise() override { initialised = false; }
   bool IsInitialised() override { return initialised; }
-  bool InitialiseAgain() override { return comesUp && !std::exchange(initialised, true); }
+  bool InitialiseAgain() override { return !std::exchange(initialised, true); }
   watch::PolledEvent TakeEvent() override {
     ++taken;
     watch::PolledEvent told;
@@ -91,7 +91,6 @@ class ScriptedReader final : public watch::CardReader {
   }
 
   bool initialised = true;
-  bool comesUp = false;  ///< a library that is not initialised can be
   bool readable = true;
   bool matches = true;  ///< any subject
   std::optional<std::string> activeLogon;
@@ -130,21 +129,12 @@ class ScriptedClock final : public watch::Clock {
   bool readable = false;
 };
 
-/// Nobody is logged on.
-class ScriptedUser final : public watch::LogonUser {
- public:
-  std::optional<std::string> Name() override { return {}; }
-  std::optional<watch::LogonRecord> Record(const std::string& /*user*/) override { return {}; }
-};
-
 /// A platform of scripted parts.
 struct Scripted {
   explicit Scripted(const Polls& polls = {}) : reader(polls) {}
-  Scripted(const Scripted&) = delete;
-  Scripted& operator=(const Scripted&) = delete;
   ScriptedClock clock;
   ScriptedReader reader;
-  ScriptedUser user;
+  watch::LogonUser user;  ///< nobody
   watch::ServiceManager manager;
   watch::Platform platform = {clock, reader, user, manager};
 };
