@@ -22,19 +22,8 @@ namespace qixx::testing {
 
 class CardService {
  public:
-  ~CardService() {
-    if (process_ != 0) Stop(SIGKILL);
-  }
-  /// Moves this process, and what it starts, into a world of its own; once for each process.
-  /// Returns why there can be no service here, an empty text when there can.
-  [[nodiscard]] static std::string EnterWorld() {
-    static const std::string fault = Prepare();
-    return fault;
-  }
-
   /// It ends with the test at the latest, also with one that is killed.
-  void Start() {
-    process_ = ::fork();
+  CardService() {
     if (process_ != 0) return;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     // One that knows the option asks polkit about every client, and there is none in this world.
@@ -44,10 +33,20 @@ class CardService {
             nullptr);
     ::_exit(127);
   }
-  void Stop(int signal) {
-    ::kill(process_, signal);
+  /// Kills it.
+  ~CardService() {
+    ::kill(process_, SIGKILL);
     ::waitpid(process_, nullptr, 0);
-    process_ = 0;
+  }
+
+  /// Moves this process, and what it starts, into a world of its own. Returns why there can be no
+  /// service here, an empty text when there can.
+  [[nodiscard]] static std::string EnterWorld() {
+    for (const char* file :
+         {"/usr/sbin/pcscd", "/etc/reader.conf.d/vpcd", "/usr/bin/opensc-tool"}) {
+      if (::access(file, F_OK) != 0) return "no package pcscd, vsmartcard-vpcd or opensc";
+    }
+    return EnterNamespaces() ? "" : "namespaces of one's own are not allowed";
   }
 
  private:
@@ -79,14 +78,7 @@ class CardService {
            RaiseLoopback();
   }
 
-  static std::string Prepare() {
-    if (::access("/usr/sbin/pcscd", X_OK) != 0) return "no pcscd (package pcscd)";
-    if (::access("/etc/reader.conf.d/vpcd", R_OK) != 0)
-      return "no virtual readers (package vsmartcard-vpcd)";
-    return EnterNamespaces() ? "" : "namespaces of one's own are not allowed";
-  }
-
-  pid_t process_ = 0;
+  const pid_t process_ = ::fork();
 };
 
 }  // namespace qixx::testing

@@ -19,6 +19,7 @@ namespace qixx::testing {
 class LoadedBridge : public ::testing::Test {
  protected:
   using Numbers = std::vector<CK_ULONG>;
+  static constexpr auto kNoEvent = -static_cast<long>(CKR_NO_EVENT);
 
   ~LoadedBridge() override {
     if (list_ != nullptr) list_->C_Finalize(nullptr);
@@ -52,12 +53,11 @@ class LoadedBridge : public ::testing::Test {
     slots.resize(count);
     return slots;
   }
-  /// The slot of the next event, -1 for none.
+  /// The slot of the next event; minus the answer when there is none.
   long Poll() {
     CK_SLOT_ID slot = 0;
     const CK_RV result = list_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
-    EXPECT_TRUE(result == CKR_OK || result == CKR_NO_EVENT) << result;
-    return result == CKR_OK ? static_cast<long>(slot) : -1;
+    return result == CKR_OK ? static_cast<long>(slot) : -static_cast<long>(result);
   }
   CK_SESSION_HANDLE Open(CK_SLOT_ID slot) {
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
@@ -69,15 +69,7 @@ class LoadedBridge : public ::testing::Test {
   void NameReader(int slot, const std::string& name) const {
     desktop_.Home().Write("readers/" + std::to_string(slot) + "/slot", "description=" + name);
   }
-  void RemoveReader(int slot) const {
-    std::filesystem::remove_all(desktop_.Path("readers/" + std::to_string(slot)));
-  }
 
-  /// Of one poll.
-  CK_RV Answer() {
-    CK_SLOT_ID slot = 0;
-    return list_->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
-  }
   /// Polls until the next event, which may take a while, is one of this slot.
   [[nodiscard]] bool Tells(long slot) {
     long told = -1;
@@ -97,7 +89,7 @@ class LoadedBridge : public ::testing::Test {
   }
   /// The last poll has told all, and nothing came within this time.
   [[nodiscard]] bool IsQuiet(int milliseconds = 0) {
-    return Eventually([=, this] { return Poll() == -1 && !IsReadable(milliseconds); });
+    return Eventually([=, this] { return Poll() == kNoEvent && !IsReadable(milliseconds); });
   }
 
   const TemporaryFolder folder_;

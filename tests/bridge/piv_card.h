@@ -9,15 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
-
-#include "tests/support/eventually.h"
 
 namespace qixx::testing {
 
@@ -45,8 +41,6 @@ class InsertedCard {
   /// False when there is no such reader.
   [[nodiscard]] bool IsIn() const { return socket_ >= 0; }
 
-  std::atomic<int> secrets = 0;  ///< commands with a PIN or a PUK, or that use or change the card
-
  private:
   static constexpr std::string_view kPivName = "\xA0\x00\x00\x03\x08"sv;
   static constexpr std::string_view kCertificateTag = "\x5F\xC1\x05"sv;
@@ -60,24 +54,19 @@ class InsertedCard {
     return std::string(tag) + '\x82' + TwoBytes(value.size()) + value;
   }
 
-  [[nodiscard]] bool Receive(std::string& area) const {
+  /// A message: its length in two bytes, most significant first, then itself.
+  [[nodiscard]] bool Receive(std::string& message) const {
     // An acknowledgement held back for the next answer costs 40 ms, which no card does.
     const int on = 1;
     ::setsockopt(socket_, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-    const ssize_t size = ::recv(socket_, area.data(), area.size(), MSG_WAITALL);
-    return size == static_cast<ssize_t>(area.size());
+    std::uint16_t size = 0;
+    if (::recv(socket_, &size, sizeof size, MSG_WAITALL) != sizeof size) return false;
+    message.resize(ntohs(size));
+    return ::recv(socket_, message.data(), message.size(), MSG_WAITALL) == std::ssize(message);
   }
-  /// A message: its length in two bytes, most significant first, then itself.
-  [[nodiscard]] bool ReceiveMessage(std::string& message) const {
-    std::string head(2, '\0');
-    if (!Receive(head)) return false;
-    message.resize(static_cast<std::uint8_t>(head[0]) * 256U + static_cast<std::uint8_t>(head[1]));
-    return Receive(message);
-  }
-  [[nodiscard]] bool SendMessage(const std::string& text) const {
+  [[nodiscard]] bool Send(const std::string& text) const {
     const std::string message = TwoBytes(text.size()) + text;
-    const ssize_t size = ::send(socket_, message.data(), message.size(), MSG_NOSIGNAL);
-    return size == static_cast<ssize_t>(message.size());
+    return ::send(socket_, message.data(), message.size(), MSG_NOSIGNAL) == std::ssize(message);
   }
 
   static int Connect(int port) {
@@ -86,21 +75,20 @@ class InsertedCard {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const auto* const name = reinterpret_cast<const sockaddr*>(&address);
-    if (::connect(made, name, sizeof address) == 0) return made;
+    if (::connect(made, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return made;
     ::close(made);
     return -1;
   }
 
   void Serve() {
-    for (std::string message; ReceiveMessage(message);) {
+    for (std::string message; Receive(message);) {
       if (message.size() == 1) {
         // On, off or reset, which have no answer; 4 asks for the answer to reset.
-        if (message[0] == 4 && !SendMessage("\x3B\x80\x80\x01\x01")) break;
+        if (message[0] == 4 && !Send("\x3B\x80\x80\x01\x01")) break;
         continue;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(delay_));
-      if (!SendMessage(Answer(message))) break;
+      if (!Send(Answer(message))) break;
     }
     ::shutdown(socket_, SHUT_RDWR);
   }
@@ -119,8 +107,6 @@ class InsertedCard {
     }
     if (instruction == 0xA4 || instruction == 0xCB) return "\x6A\x82";  // not found
     if (instruction == 0x20 && data.empty()) return "\x63\xC3";         // how many tries are left
-    // Verify, change or reset a secret, put data, generate a key pair, authenticate.
-    if ("\x20\x24\x2C\xDB\x47\x87"sv.find(static_cast<char>(instruction)) != ""sv.npos) ++secrets;
     return "\x6D\x00"s;
   }
 
@@ -137,17 +123,5 @@ class InsertedCard {
   int socket_;
   std::thread thread_;
 };
-
-/// A card in the reader of that number, from 0, as soon as the reader listens; null when it never
-/// does.
-inline std::unique_ptr<InsertedCard> CardIn(int reader, const std::string& certificate) {
-  std::unique_ptr<InsertedCard> card;
-  const bool isIn = Eventually([&] {
-    card.reset();  // the one that found no reader
-    card = std::make_unique<InsertedCard>(kFirstReaderPort + reader, certificate);
-    return card->IsIn();
-  });
-  return isIn ? std::move(card) : nullptr;
-}
 
 }  // namespace qixx::testing

@@ -1,8 +1,8 @@
 #include "tests/bridge/scripted_pcsc.h"
 
-#include <algorithm>
 #include <chrono>
 #include <span>
+#include <string>
 #include <thread>
 
 #include "bridge/pcsc.h"
@@ -19,22 +19,16 @@ namespace {
 using bridge::PcscReaderState;
 using bridge::PcscWord;
 
-constexpr long kCancelled = 0x80100002;
 constexpr long kUnknownReader = 0x80100009;
 constexpr long kNoService = 0x8010001D;
 constexpr long kNoReaders = 0x8010002E;
-constexpr PcscWord kChanged = 0x2;
-constexpr PcscWord kEmpty = 0x10;
 
-/// What is not one of the readers is the notifier, which counts them.
+/// What is not the reader is the notifier, which counts the readers.
 PcscWord StateOf(std::string_view name) {
-  const auto reader = std::ranges::find(ScriptedPcsc::kReaders, name);
-  if (reader == ScriptedPcsc::kReaders.end()) {
-    return (ThePcsc().hasReaders ? ScriptedPcsc::kReaders.size() : 0) << bridge::kPcscCountShift;
-  }
-  const auto place = static_cast<std::size_t>(reader - ScriptedPcsc::kReaders.begin());
-  return PcscWord{ThePcsc().changes[place]} << bridge::kPcscCountShift |
-         (ThePcsc().hasCard[place] ? bridge::kPcscStatePresent : kEmpty);
+  const ScriptedPcsc& pcsc = ThePcsc();
+  if (name != ScriptedPcsc::kReader) return PcscWord{pcsc.hasReader} << bridge::kPcscCountShift;
+  return PcscWord{pcsc.changes} << bridge::kPcscCountShift |
+         (pcsc.hasCard ? bridge::kPcscStatePresent : 0);
 }
 
 }  // namespace
@@ -57,17 +51,10 @@ long SCardCancel(long /*context*/) {
 }
 
 long SCardListReaders(long /*context*/, const char* /*groups*/, char* names, PcscWord* size) {
-  if (ThePcsc().isListEmpty.exchange(false) || !ThePcsc().hasReaders) {
-    ++ThePcsc().emptyLists;
-    return kNoReaders;
-  }
-  char* end = names;
-  for (const std::string_view reader : ScriptedPcsc::kReaders) {
-    end = std::ranges::copy(reader, end).out;
-    *end++ = '\0';
-  }
-  *end++ = '\0';
-  *size = static_cast<PcscWord>(end - names);
+  if (!ThePcsc().hasReader) return kNoReaders;
+  const std::string list = std::string(ScriptedPcsc::kReader) + '\0';
+  *size = list.copy(names, *size) + 1;
+  names[list.size()] = '\0';
   return 0;
 }
 
@@ -77,13 +64,13 @@ long SCardGetStatusChange(long /*context*/, PcscWord timeout, PcscReaderState* s
   if (timeout == 0 && pcsc.isStateLost.exchange(false)) return kNoService;
   if (timeout != 0) pcsc.isCancelled = false;  // one that came before the wait is lost
   for (bool differs = timeout == 0;;) {
-    if (!pcsc.hasReaders && states->name == ScriptedPcsc::kReaders[0]) return kUnknownReader;
+    if (!pcsc.hasReader && states->name == ScriptedPcsc::kReader) return kUnknownReader;
     for (PcscReaderState& state : std::span(states, count)) {
       state.state = StateOf(state.name);
-      differs = differs || ((state.state ^ state.knownState) & ~kChanged) != 0;
+      differs = differs || state.state != state.knownState;
     }
     if (differs) return 0;
-    if (pcsc.isCancelled.exchange(false)) return kCancelled;
+    if (pcsc.isCancelled.exchange(false)) return kNoService;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
 }
