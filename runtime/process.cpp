@@ -169,7 +169,8 @@ struct ChildPlan {
 
 /// Gives the program the signals of a fresh process. What the service's own caller had switched off
 /// (SIGHUP below nohup) stays so; SIGPIPE, SIGXFSZ, SIGTTOU and SIGCHLD may be the service's own
-/// doing.
+/// doing. What came since the fork was sent to the service's whole group and is not the program's:
+/// a stop lets the commands that were begun end in peace.
 void RestoreSignals() {
   for (int number = 1; number < NSIG; ++number) {
     struct sigaction action {};
@@ -178,9 +179,8 @@ void RestoreSignals() {
     const bool ours =
         number == SIGPIPE || number == SIGXFSZ || number == SIGTTOU || number == SIGCHLD;
     if (ignored && !ours) continue;
-    action = {};
-    action.sa_handler = SIG_DFL;
-    ::sigaction(number, &action, nullptr);
+    ::signal(number, SIG_IGN);  // drops one that waits
+    ::signal(number, SIG_DFL);
   }
   sigset_t none;
   ::sigemptyset(&none);

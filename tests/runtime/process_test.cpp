@@ -187,10 +187,12 @@ TEST_F(Redirection, GoesNowhereWhereStrangersLead) {
   }
 }
 
-TEST(LaunchProcess, HoldsTheTraceWhileForking) {
+TEST(LaunchProcess, HoldsTheTraceWhileForkingAndStartsBesideAStop) {
   static std::atomic<bool> held{false};
   const auto look = [] { std::thread([] { held = TraceLock().IsHeldByOtherThread(); }).join(); };
-  ASSERT_EQ(::pthread_atfork(look, nullptr, nullptr), 0);
+  // The child is still in the service's group then.
+  const auto stopGroup = [] { ::raise(SIGTERM); };
+  ASSERT_EQ(::pthread_atfork(look, nullptr, stopGroup), 0);
   TraceSetFile("");
   for (const char* const program : {"/bin/true", "/missing", "false", ""}) {
     EXPECT_TRUE(LaunchProcess(program, " ")) << "also when there is nothing to start";
