@@ -31,6 +31,8 @@ constexpr std::int64_t kLeastPatience = 50;
 /// Each has a thread.
 constexpr std::size_t kMaxLate = 32;
 constexpr timespec kLookPause = {0, 200'000};
+/// What passes between two looks counts no longer: a process that was stopped did not wait.
+constexpr std::int64_t kLongestLook = 1000;
 
 enum class Answer { kNone, kFailed, kDone, kNoMemory };
 
@@ -143,7 +145,7 @@ void Await(const PendingEdit& edit) {
     const std::int64_t begin = runtime::MonotonicMilliseconds();
     ::nanosleep(&kLookPause, nullptr);
     SystemServiceManager().Alive();
-    const std::int64_t passed = runtime::MonotonicMilliseconds() - begin;
+    const std::int64_t passed = std::min(runtime::MonotonicMilliseconds() - begin, kLongestLook);
     left -= passed;
     patience -= passed;
   }

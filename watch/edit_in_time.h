@@ -19,7 +19,7 @@ void BeginEventOfFiles(std::int64_t patience = kFilePatience);
 /// A card has gone, and this is not another try of its removal: its fills are not written any more,
 /// and what was cleared late before is no answer to who clears now.
 void BeginRemovalOfFiles();
-/// How often that was called.
+/// How often that was called. An event knows the number of its time (watch/event.h).
 [[nodiscard]] unsigned RemovalsOfFiles();
 
 enum class EditKind { kFill, kClear, kRestoreAndClear };

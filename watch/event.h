@@ -5,6 +5,7 @@
 #include <string>
 
 #include "pkcs11/cryptoki.h"
+#include "watch/edit_in_time.h"
 #include "watch/options.h"
 
 namespace qixx::watch {
@@ -19,6 +20,7 @@ struct WatchEvent {
   std::uint64_t wait = 0;  ///< seconds to wait in front of the commands
   bool show = true;        ///< programs are not started hidden
   bool terminate = false;  ///< programs are remembered for the removal
+  unsigned removals = RemovalsOfFiles();  ///< up to it
 
   [[nodiscard]] bool IsInsert() const { return kind == EventKind::kInsert; }
   /// An insert of a card always has a slot, so only a simulation inserts into none.

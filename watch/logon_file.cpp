@@ -5,15 +5,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 #include <vector>
 
 #include "config/file.h"
 #include "config/migration.h"
 #include "config/scan.h"
+#include "runtime/clock.h"
 #include "runtime/files.h"
 #include "runtime/notice.h"
 #include "runtime/replace_file.h"
+#include "runtime/scarce_means.h"
 #include "runtime/secrets.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
@@ -107,6 +110,22 @@ const char* FaultOfCopy(const runtime::FilePlace& place, const runtime::Descript
   return showsMore && !isFolderOwners ? "a file that shows too much" : nullptr;
 }
 
+/// A file server may hold a lease on the file. The system asks for it back then; who does not give
+/// it loses it in the end, which a removal waits for by being tried again.
+runtime::Descriptor OpenLeased(const runtime::FilePlace& place, int flags) {
+  constexpr int kTries = 20;
+  constexpr std::int64_t kPauseMilliseconds = 50;
+  for (int left = kTries;; --left) {
+    errno = 0;
+    runtime::Descriptor file = place.Open(flags);
+    if (file.IsOpen() || errno != EAGAIN) return file;
+    if (left == 0) break;
+    runtime::SleepMilliseconds(kPauseMilliseconds);
+  }
+  runtime::ScarceMeans::Note(EAGAIN);
+  return {};
+}
+
 // --- one file -----------------------------------------------------------------------------------
 
 /// The text of a file from the first look at it to its one replacement. After a failure nothing
@@ -118,7 +137,7 @@ class EditedFile {
         shown_(runtime::MaskSecrets(path)),
         scope_(path),
         saved_(scope_.File().named.WithSuffix(kSavedCopySuffix)),
-        file_(scope_.File().real.Open(O_RDWR)),
+        file_(OpenLeased(scope_.File().real, O_RDWR)),
         status_(runtime::StatusOf(file_)) {}
 
   [[nodiscard]] bool Read();
@@ -231,7 +250,7 @@ bool EditedFile::Restore() {
 
 /// Of a copy that may be trusted.
 std::optional<std::string> EditedFile::ReadCopy() {
-  copy_ = saved_.Open(O_RDONLY);
+  copy_ = OpenLeased(saved_, O_RDONLY);
   const char* fault = FaultOfCopy(saved_, copy_, file_);
   std::optional<std::string> text;
   if (fault == nullptr) {
@@ -305,12 +324,12 @@ bool FillAll(EditedFile& file, const LogonValues& values) {
 }
 
 /// What the steps make of the text becomes the file's. They own what they need: they may run later.
+/// A fill is dropped when a card has gone since there were so many removals.
 template <typename Steps>
-bool Edit(const std::string& path, EditKind kind, Steps steps) {
-  const unsigned before = RemovalsOfFiles();
-  return EditInTime(path, kind, [path, kind, before, steps = std::move(steps)] {
+bool Edit(const std::string& path, EditKind kind, unsigned removals, Steps steps) {
+  return EditInTime(path, kind, [path, kind, removals, steps = std::move(steps)] {
     EditedFile file(path);
-    const auto isTooLate = [=] { return kind == EditKind::kFill && RemovalsOfFiles() != before; };
+    const auto isTooLate = [=] { return kind == EditKind::kFill && RemovalsOfFiles() != removals; };
     const bool done = steps(file) && !isTooLate() && file.Write();
     if (!done && !isTooLate()) file.NotifyFailure();
     return done;
@@ -319,14 +338,14 @@ bool Edit(const std::string& path, EditKind kind, Steps steps) {
 
 }  // namespace
 
-bool WriteLogonValues(const std::string& path, const LogonValues& values) {
-  return Edit(path, EditKind::kFill,
+bool WriteLogonValues(const std::string& path, const LogonValues& values, unsigned removals) {
+  return Edit(path, EditKind::kFill, removals,
               [values](EditedFile& file) { return file.SaveOrRestore() && FillAll(file, values); });
 }
 
-bool WriteLogonName(const std::string& path, const LogonName& name) {
+bool WriteLogonName(const std::string& path, const LogonName& name, unsigned removals) {
   if (path.empty() || (name.user.empty() && name.domain.empty())) return true;
-  return Edit(path, EditKind::kFill, [name](EditedFile& file) {
+  return Edit(path, EditKind::kFill, removals, [name](EditedFile& file) {
     return file.Read() && file.SetIfPresent(kUserNameKey, name.user) &&
            file.SetIfPresent(kDomainKey, name.domain);
   });
@@ -335,21 +354,22 @@ bool WriteLogonName(const std::string& path, const LogonName& name) {
 bool ClearLogonValues(const std::string& path, bool restore) {
   if (path.empty()) return true;
   const EditKind kind = restore ? EditKind::kRestoreAndClear : EditKind::kClear;
-  return Edit(path, kind, [restore](EditedFile& file) {
+  return Edit(path, kind, RemovalsOfFiles(), [restore](EditedFile& file) {
     return (restore ? file.SaveOrRestore() : file.Read()) && file.Clear();
   });
 }
 
 bool SetConfigValue(const std::string& path, std::string_view name, std::string_view value) {
   if (path.empty() || name.empty()) return true;
-  return Edit(path, EditKind::kFill,
+  return Edit(path, EditKind::kFill, RemovalsOfFiles(),
               [name = std::string(name), value = std::string(value)](EditedFile& file) {
                 return file.Read() && file.Set(name, value);
               });
 }
 
 bool BackupOrRestoreConfigFile(const std::string& path) {
-  return Edit(path, EditKind::kFill, [](EditedFile& file) { return file.SaveOrRestore(); });
+  return Edit(path, EditKind::kFill, RemovalsOfFiles(),
+              [](EditedFile& file) { return file.SaveOrRestore(); });
 }
 
 std::string FaultOfSavedCopy(const std::string& path) {

@@ -28,11 +28,13 @@ inline constexpr std::size_t kMaxSetEntries = 1000;
 inline constexpr std::size_t kMaxWalked = std::size_t{1} << 28;
 
 /// What an insert makes of the file: its saved state (see BackupOrRestoreConfigFile) with all
-/// values that are not empty.
-[[nodiscard]] bool WriteLogonValues(const std::string& path, const LogonValues& values);
+/// values that are not empty. Nothing, and false, when a card has gone since there were so many
+/// `removals` (RemovalsOfFiles).
+[[nodiscard]] bool WriteLogonValues(const std::string& path, const LogonValues& values,
+                                    unsigned removals);
 /// Writes the user name and the domain under their keys; an empty one leaves the file's own, and an
-/// empty path names no file.
-bool WriteLogonName(const std::string& path, const LogonName& name);
+/// empty path names no file. Nothing when a card has gone since, as above.
+bool WriteLogonName(const std::string& path, const LogonName& name, unsigned removals);
 /// Empties what a removal clears (see NamedPlaceholder), with `restore` in the file as it was
 /// saved; one that was never saved is saved first then. An empty path names no file.
 bool ClearLogonValues(const std::string& path, bool restore);

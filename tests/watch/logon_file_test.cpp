@@ -274,13 +274,29 @@ TEST_F(LogonFile, WhoHoldsTheFolderDelaysAWholeEventByTwoSeconds) {
 
 TEST_F(LogonFile, FillOfACardThatHasGoneIsDropped) {
   const std::string before = Text();
+  const watch::WatchEvent event;
+  const watch::LogonName ann = {.user = "ann", .domain = "d"};
   std::optional<watch::FileScope> held(std::in_place, file_);
   watch::BeginEventOfFiles(10);
-  EXPECT_FALSE(watch::WriteLogonName(file_, {.user = "ann", .domain = "d"})) << "it goes on";
+  EXPECT_FALSE(watch::WriteLogonName(file_, ann, event.removals)) << "it goes on";
   watch::BeginRemovalOfFiles();
   held.reset();
   EXPECT_TRUE(watch::WaitForJobs(15'000));
   EXPECT_EQ(Text(), before);
+  EXPECT_FALSE(watch::WriteLogonName(file_, ann, event.removals)) << "asked for behind the removal";
+  EXPECT_EQ(Text(), before);
+}
+
+int leased = -1;
+
+TEST_F(LogonFile, LeaseThatIsGivenBackCostsNothing) {
+  const runtime::Descriptor holder(::open(file_.c_str(), O_RDONLY | O_CLOEXEC));
+  leased = holder.Get();
+  ::signal(SIGIO, [](int) { ::fcntl(leased, F_SETLEASE, F_UNLCK); });
+  if (::fcntl(leased, F_SETLEASE, F_RDLCK) != 0) GTEST_SKIP() << "NOT TESTED: no leases here";
+  EXPECT_TRUE(watch::ClearLogonValues(file_, false));
+  EXPECT_NE(Text(), "");
+  ::signal(SIGIO, SIG_DFL);
 }
 
 TEST_F(LogonFile, StrangersGainNothingFromRoot) {
