@@ -16,10 +16,10 @@ enum class EventKind { kInsert, kRemove };
 struct WatchEvent {
   EventKind kind = EventKind::kInsert;
   CK_SLOT_ID slot = 0;
-  std::string match = {};  ///< which card's certificate counts
-  std::uint64_t wait = 0;  ///< seconds to wait in front of the commands
-  bool show = true;        ///< programs are not started hidden
-  bool terminate = false;  ///< programs are remembered for the removal
+  std::string match = {};                 ///< which card's certificate counts
+  std::uint64_t wait = 0;                 ///< seconds to wait in front of the commands
+  bool show = true;                       ///< programs are not started hidden
+  bool terminate = false;                 ///< programs are remembered for the removal
   unsigned removals = RemovalsOfFiles();  ///< up to it
 
   [[nodiscard]] bool IsInsert() const { return kind == EventKind::kInsert; }
