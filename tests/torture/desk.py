@@ -5,7 +5,6 @@ import re
 import shutil
 import signal
 import subprocess
-import threading
 import time
 from pathlib import Path
 
@@ -21,43 +20,13 @@ def require(holds, damage):
         raise Damage(damage)
 
 
-class Interrupted(Exception):
-    """The campaign was stopped from outside."""
-
-
-class Tools:
-    """What the trials drive; `build` is the folder of a build."""
-
-    def __init__(self, build):
-        build = Path(build).absolute()
-        self.program = build / "qixxwatch"
-        self.softcard = build / "softcard" / "libqixp11.so"
-        self.misbehaving = build / "misbehaving" / "libqixp11.so"
-        self.called = build / "libend_to_end_called.so"
-        self.sanitized = re.search(rb"\nQIXX_SANITIZE:\w+=.", (build / "CMakeCache.txt").read_bytes()) is not None
-
-
-def children_of(parent):
-    """The processes whose parent this is, ended ones too."""
-    of_threads = Path("/proc", str(parent), "task").glob("*/children")
-    return {int(process) for children in of_threads for process in read(children).split()}
-
-
-STOP = threading.Event()
-
-
-def pause(seconds):
-    if STOP.wait(seconds):
-        raise Interrupted()
-
-
 def eventually(condition, limit, step=0.02):
     """Polls until the condition holds; false when it does not within the limit, in seconds."""
     end = time.monotonic() + limit
     while not condition():
         if time.monotonic() > end:
             return False
-        pause(step)
+        time.sleep(step)
     return True
 
 
@@ -69,21 +38,26 @@ def read(path, otherwise=b""):
         return otherwise
 
 
+def children_of(parent):
+    """The processes whose parent this is, ended ones too."""
+    of_threads = Path("/proc", str(parent), "task").glob("*/children")
+    return {int(process) for children in of_threads for process in read(children).split()}
+
+
 class Desk:
-    def __init__(self, tools, folder):
-        self.tools, self.folder, self.process = tools, folder, None
-        self.library = tools.softcard.parent
-        self.trace_file = self.path("trace.log")
-        self.card = self.path("readers/1/card")
+    def __init__(self, build, folder):
+        self.folder, self.process = folder, None
+        self.program, self.called = build / "qixxwatch", build / "libend_to_end_called.so"
+        self.library, self.misbehaving = build / "softcard", build / "misbehaving"
+        self.trace_file, self.card = self.path("trace.log"), self.path("readers/1/card")
         self.card.parent.mkdir(parents=True)
         self.folder.chmod(0o755)
         self.variables = {
             "HOME": str(folder), "PATH": "/usr/bin:/bin", "TMPDIR": str(folder),
             "qixconfigglobal": str(folder / "system.conf"), "QIXX_SOFTCARD": str(folder / "readers"),
-            "QIXX_TORTURE_MODULE": str(tools.softcard), "QIXX_TORTURE_ORDER": str(folder / "order"),
+            "QIXX_TORTURE_MODULE": str(self.library / "libqixp11.so"), "QIXX_TORTURE_ORDER": str(folder / "order"),
             "QIXX_TORTURE_DONE": str(folder / "done"),
-            "ASAN_OPTIONS": "detect_leaks=1:abort_on_error=1:handle_segv=1", "UBSAN_OPTIONS": "print_stacktrace=1",
-        }
+            "ASAN_OPTIONS": "detect_leaks=1:abort_on_error=1:handle_segv=1", "UBSAN_OPTIONS": "print_stacktrace=1"}
 
     def path(self, name):
         return self.folder / name
@@ -115,17 +89,15 @@ class Desk:
         """Starts the service; `before` is a command that starts it, such as prlimit."""
         with open(self.path("stderr.txt"), "ab") as errors:
             self.process = subprocess.Popen(
-                [*before, str(self.tools.program), *arguments], stdin=subprocess.DEVNULL, stdout=errors,
+                [*before, str(self.program), *arguments], stdin=subprocess.DEVNULL, stdout=errors,
                 stderr=errors, cwd=self.folder, env=self.variables, start_new_session=True)
 
-    def wait(self, limit, lack="SIGTERM did not end the service"):
+    def wait(self, limit=20):
         """The exit code, or minus the ending signal. It is damage that there is none within the limit."""
         try:
-            code = self.process.wait(limit)
+            return self.process.wait(limit)
         except subprocess.TimeoutExpired:
-            raise Damage(f"{lack} within {limit} s") from None
-        self.check_reports()
-        return code
+            raise Damage(f"the service did not end within {limit} s") from None
 
     def kill(self):
         if self.process is not None:
@@ -137,22 +109,16 @@ class Desk:
         eventually(lambda: self.process.poll() is not None or self.minds_signals(), 10, 0.01)
         self.check_alive()
         self.process.send_signal(signal.SIGTERM)
-        self.check_end(self.wait(limit))
+        code = self.wait(limit)
+        require(code == 0, f"SIGTERM ended the service with {code}")
 
     def minds_signals(self):
         caught = re.search(rb"SigCgt:\s*(\w+)", read(Path("/proc", str(self.process.pid), "status")))
         return caught is not None and int(caught[1], 16) >> (signal.SIGTERM - 1) & 1
 
     def check_alive(self):
-        if self.process.poll() is not None:
-            self.check_end(self.process.returncode)
-            raise Damage("the service ended by itself")
-
-    def check_end(self, code):
-        self.check_reports()
-        if code < 0:
-            raise Damage(f"the service was ended by {signal.Signals(-code).name}")
-        require(code == 0, f"the service ended with code {code}")
+        code = self.process.poll()
+        require(code is None, f"the service ended by itself with {code}")
 
     def check_reports(self):
         require(not REPORTS.search(read(self.path("stderr.txt"))), "the sanitizer has reported a fault")
@@ -160,12 +126,12 @@ class Desk:
     def trace(self):
         return read(self.trace_file)
 
+    def goes_on_until(self, condition, limit, step=0.02):
+        return eventually(lambda: condition() or self.check_alive(), limit, step)
+
     def traced(self, text, limit=15, step=0.02):
         """Waits until the trace holds the text, and the service must go on meanwhile."""
         return self.goes_on_until(lambda: text.encode() in self.trace(), limit, step)
-
-    def goes_on_until(self, condition, limit, step=0.02):
-        return eventually(lambda: condition() or self.check_alive(), limit, step)
 
     def notes(self, word):
         """How often the commands of `note` were told the word."""

@@ -26,6 +26,7 @@
 #include <string_view>
 #include <thread>
 #include <tuple>
+#include <type_traits>
 
 #include "pkcs11/cryptoki.h"
 
@@ -57,10 +58,15 @@ std::string DeedFor(const std::string& function) {
 
 // --- lies ----------------------------------------------------------------------------------------
 
-/// What a call was given and may have filled. Anything that is no output is left alone.
+/// What a call was given and may have filled. Anything that is no output is left alone. A record
+/// becomes texts without an end, or nothing at all; flags that hold everything.
 template <typename Given>
-void Spoil(const Given& /*input*/, std::string_view /*kind*/) {}
-
+void Spoil(Given given, std::string_view kind) {
+  if constexpr (std::is_same_v<Given, CK_SLOT_INFO*> || std::is_same_v<Given, CK_TOKEN_INFO*>) {
+    if (given == nullptr) return;
+    std::memset(given, kind == "zero" ? 0 : kind == "ones" ? 0xFF : 'A', sizeof *given);
+  }
+}
 void Spoil(CK_ULONG* output, std::string_view kind) {
   if (output == nullptr) return;
   if (kind == "ones") *output = ~CK_ULONG{0};
@@ -71,18 +77,6 @@ void Spoil(CK_ULONG* output, std::string_view kind) {
 void Spoil(CK_FUNCTION_LIST** output, std::string_view kind) {
   static CK_FUNCTION_LIST empty = {};
   *output = kind == "zero" ? nullptr : &empty;
-}
-/// Texts without an end, or nothing at all; flags that hold everything.
-template <typename Record>
-void SpoilRecord(Record* output, std::string_view kind) {
-  if (output == nullptr) return;
-  std::memset(output, kind == "zero" ? 0 : kind == "ones" ? 0xFF : 'A', sizeof *output);
-}
-void Spoil(CK_SLOT_INFO* output, std::string_view kind) {
-  SpoilRecord(output, kind);
-}
-void Spoil(CK_TOKEN_INFO* output, std::string_view kind) {
-  SpoilRecord(output, kind);
 }
 /// The value as well, within the room that was given: a text without an end.
 void Spoil(CK_ATTRIBUTE* output, std::string_view kind) {
@@ -124,31 +118,24 @@ CK_FUNCTION_LIST* ListBelow() {
   return list;
 }
 
-/// The list's functions, without the exported names.
-struct Entries {
-#define MISBEHAVING_ENTRY(name, parameters, arguments)                                           \
-  static CK_RV name parameters {                                                                 \
-    return Perform(                                                                              \
-        "C_" #name, [&] { return ListBelow()->C_##name arguments; }, std::make_tuple arguments); \
-  }
-  QIXX_CK_FUNCTIONS(MISBEHAVING_ENTRY)
-#undef MISBEHAVING_ENTRY
-};
-
 CK_FUNCTION_LIST functions = {};
 
 }  // namespace
 
-CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
+CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR result) {
   functions.version = ListBelow()->version;
-#define MISBEHAVING_SLOT(name, parameters, arguments) functions.C_##name = Entries::name;
+#define MISBEHAVING_SLOT(name, parameters, arguments)                                            \
+  functions.C_##name = [] parameters {                                                           \
+    return Perform(                                                                              \
+        "C_" #name, [&] { return ListBelow()->C_##name arguments; }, std::make_tuple arguments); \
+  };
   QIXX_CK_FUNCTIONS(MISBEHAVING_SLOT)
 #undef MISBEHAVING_SLOT
   functions.C_GetFunctionList = C_GetFunctionList;
-  *list = nullptr;
+  *result = nullptr;
   return Perform(
-      "C_GetFunctionList", [&]() -> CK_RV { return *list = &functions, CKR_OK; },
-      std::make_tuple(list));
+      "C_GetFunctionList", [&]() -> CK_RV { return *result = &functions, CKR_OK; },
+      std::make_tuple(result));
 }
 
 /// There is no descriptor, unless a lie makes one up that nobody opened.
