@@ -114,13 +114,9 @@ void AppendComponent(std::string& text, std::string_view type, const DerElement&
   const std::string_view shortName = ShortAttributeName(type);
   if (!text.empty()) text.push_back(',');
   text.append(shortName.empty() ? type : shortName).push_back('=');
-  const std::string plain = ValueText(value);
-  for (std::string_view rest = plain; !rest.empty();) {
-    const auto end = std::ranges::find_if(rest.substr(1), NeedsEscape);
-    const std::string_view run(rest.begin(), end);
-    if (NeedsEscape(run.front())) text.push_back(kEscape);
-    text.append(run);
-    rest.remove_prefix(run.size());
+  for (const char c : ValueText(value)) {
+    if (NeedsEscape(c)) text.push_back(kEscape);
+    text.push_back(c);
   }
 }
 
