@@ -9,9 +9,8 @@ namespace {
 class Credentials : public ServiceTest {
  protected:
   void InsertHolder(const Recipe& certificate = {}) const {
-    Insert({Home().Write("card.der", certificate.Build())});
+    Insert(Home().Write("card.der", certificate.Build()));
   }
-  [[nodiscard]] std::string Logon() const { return Read("logon.conf"); }
 
   const std::string file_ = Path("logon.conf");
 };
@@ -21,10 +20,10 @@ TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
       "[User]\nUsername=\nDomain=none\n[Mail]\nAddress=%USERNAME%@%DOMAIN%\nName=%OID.cn%\n"
       "[Card]\nText=%SUBJECT% %SERIALNUMBER%\n";
   Home().Write("logon.conf", before);
-  Watch("-match \"o=Other; cn=ann lee; cn=bob\" -sync", {"set -config " + file_},
-        {"set -config " + file_});
+  const Lines set = {"set -config " + file_};
+  Watch("-match \"o=Other; cn=ann lee; cn=bob\" -sync", set, set);
   InsertHolder();
-  EXPECT_EQ(Logon(),
+  EXPECT_EQ(Read("logon.conf"),
             "[User]\nUsername=ann\nDomain=example.org\n[Mail]\nAddress=ann@example.org\n"
             "Name=Ann Lee\n[Card]\nText=o=Example\\, Inc.,cn=Ann Lee 2A\n");
   EXPECT_EQ(Read("logon.conf.org"), before);
@@ -33,22 +32,22 @@ TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
                 .subject = Part("cn", "Bob"),
                 .alternativeNames = OtherName(der::kUserPrincipalName, "bob@b")});
   const std::string rest = "[Mail]\nAddress=bob@b\nName=Bob\n[Card]\nText=cn=Bob 0B\n";
-  EXPECT_EQ(Logon(), "[User]\nUsername=bob\nDomain=b\n" + rest);
+  EXPECT_EQ(Read("logon.conf"), "[User]\nUsername=bob\nDomain=b\n" + rest);
   Remove();
-  EXPECT_EQ(Logon(), "[User]\nUsername=\nDomain=\n" + rest);
+  EXPECT_EQ(Read("logon.conf"), "[User]\nUsername=\nDomain=\n" + rest);
 }
 
 TEST_F(Credentials, KeywordFormFillsTheFileStartsItsProgramAndClearsTheFile) {
   Home().Write("logon.conf", "[User]\nUsername=x\nCard=%SUBJECT%\n");
   Configure("");
-  Start({"-sync", "-p", WriteProgram("echo \"$2\" > " + Path("two")), "-c", file_, "-a",
-         "\"one two\""});
+  const std::string program = WriteProgram("echo \"$2\" > " + Path("two"));
+  Start({"-sync", "-p", program, "-c", file_, "-a", "\"one two\""});
   InsertHolder();
   EXPECT_TRUE(Ran("two"));
-  EXPECT_EQ(Logon(),
+  EXPECT_EQ(Read("logon.conf"),
             "[User]\nUsername=ann\nCard=o=Example\\, Inc.,cn=Ann Lee\nDomain=example.org\n");
   Remove();
-  EXPECT_EQ(Logon(), "[User]\nUsername=\nCard=\nDomain=\n");
+  EXPECT_EQ(Read("logon.conf"), "[User]\nUsername=\nCard=\nDomain=\n");
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The main function of every test program. The cases run in a child process with a home and a
 // temporary folder of its own. This process stays behind to end what a case left over: when a case
-// hangs, or the program is stopped, every process that came from it is killed and the traces that
-// it wrote are printed.
+// hangs, or the program is stopped, every process that came from it is killed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -11,8 +10,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -24,14 +23,6 @@ namespace {
 
 /// Below the limit of the test runner, which would kill without a word. For one case.
 constexpr unsigned kCaseSeconds = 110;
-
-/// Nothing was tested when a filter meets no case, which would pass for success.
-int RunAllTests() {
-  const int code = RUN_ALL_TESTS();
-  if (::testing::UnitTest::GetInstance()->test_to_run_count() != 0) return code;
-  std::cout << "No case has a name that '" << GTEST_FLAG_GET(filter) << "' meets.\n";
-  return 1;
-}
 
 class CaseLimit : public ::testing::EmptyTestEventListener {
  public:
@@ -48,7 +39,7 @@ int RunCases(const std::string& home) {
     ::unsetenv(name);
   }
   ::testing::UnitTest::GetInstance()->listeners().Append(new CaseLimit);
-  return RunAllTests();
+  return RUN_ALL_TESTS();
 }
 
 /// Kills the cases' process group, and what left it: orphans become children of this process.
@@ -61,31 +52,12 @@ void KillDescendants(pid_t group) {
   } while (::waitpid(-1, nullptr, 0) > 0);
 }
 
-void PrintTraces(const std::string& home) {
-  std::error_code ignored;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(home, ignored)) {
-    if (entry.path().extension() != ".log" && entry.path().filename() != "stderr.txt") continue;
-    std::cout << "--- " << entry.path().filename().string() << " of "
-              << entry.path().parent_path().filename().string() << "\n"
-              << TemporaryFolder::ReadFile(entry.path()) << std::flush;
-  }
-}
-
 /// The exit code of the cases; of those that had to be killed it is 1.
-int AwaitCases(pid_t cases, const std::string& home) {
+int AwaitCases(pid_t cases) {
   int status = 0;
-  const bool ended = ::waitpid(cases, &status, 0) == cases;
-  const bool exited = ended && WIFEXITED(status);
-  if (!exited) {
-    const int signal = ended ? WTERMSIG(status) : 0;
-    const std::string ending = "The case was ended by signal " + std::to_string(signal);
-    std::cout << '\n'
-              << (signal == 0         ? "Stopped from outside"
-                  : signal == SIGALRM ? "The case takes too long"
-                                      : ending)
-              << ".\n";
-    PrintTraces(home);
-  }
+  const bool exited = ::waitpid(cases, &status, 0) == cases && WIFEXITED(status);
+  // "Alarm clock" is that of a case which takes too long.
+  if (!exited) std::cout << "\nStopped, or ended by: " << ::strsignal(WTERMSIG(status)) << "\n";
   KillDescendants(cases);
   return exited ? WEXITSTATUS(status) : 1;
 }
@@ -98,12 +70,11 @@ int Run() {
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   const pid_t cases = ::fork();
   if (cases < 0) return 1;
-  if (cases > 0) return AwaitCases(cases, home.Path());
+  if (cases > 0) return AwaitCases(cases);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::signal(signal, SIG_DFL);
   ::prctl(PR_SET_CHILD_SUBREAPER, 0);
   // Without the destructors of this frame: the home belongs to the process that stays behind.
-  const int code = RunCases(home.Path());
-  ::exit(code);
+  ::exit(RunCases(home.Path()));
 }
 
 }  // namespace
@@ -112,8 +83,8 @@ int Run() {
 int main(int argc, char** argv) try {
   ::testing::InitGoogleMock(&argc, argv);
   // A debugger wants the cases in the process that it started.
-  if (GTEST_FLAG_GET(list_tests)) return RUN_ALL_TESTS();
-  return GTEST_FLAG_GET(break_on_failure) ? qixx::testing::RunAllTests() : qixx::testing::Run();
+  const bool isSimple = GTEST_FLAG_GET(list_tests) || GTEST_FLAG_GET(break_on_failure);
+  return isSimple ? RUN_ALL_TESTS() : qixx::testing::Run();
 } catch (const std::exception& failure) {
   std::fprintf(stderr, "No test was run: %s\n", failure.what());
   return 1;
