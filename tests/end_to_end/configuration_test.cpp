@@ -8,12 +8,10 @@ namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class Configuration : public ServiceTest {
- protected:
-  void SetUp() override { InsertCard(1); }
-};
+using Configuration = ServiceTest;
 
 TEST_F(Configuration, UsersFileDecidesTheTraceAndTheOneBesideTheProgramComesBeforeTheSystems) {
+  InsertCard(1);
   Home().Write(".qix/qix.conf", "[Trace]\nwatch=" + Path("users.log") +
                                     "\n[Watch Insert]\n1=" + Echo("user") + "\n");
   ConfigureWatchers("-sync config Other",
@@ -42,7 +40,6 @@ TEST_F(Configuration, CommandLineOverlaysIt) {
 }
 
 TEST_F(Configuration, WordsForPeopleAnswerBeforeAnythingElse) {
-  const std::string none = Path("none");
   ConfigureWatch("-sync", {"true"}, {Echo("out")});
   EXPECT_EQ(RunToItsEnd({"-h", "config"}), 0);
   EXPECT_THAT(Read("stdout.txt"), StartsWith("Usage: qixxwatch"));
@@ -52,8 +49,8 @@ TEST_F(Configuration, WordsForPeopleAnswerBeforeAnythingElse) {
   EXPECT_EQ(Errors(), "qixxwatch: unknown option '--hilfe?[2J'; see qixxwatch --help\n");
   EXPECT_EQ(RunToItsEnd({"--check"}), 1);
   EXPECT_THAT(Read("stdout.txt"), HasSubstr(":8: program 'true' has no path, and none is "));
-  EXPECT_EQ(RunToItsEnd({"--check", none, Path("system.conf")}), 2);
-  EXPECT_EQ(Errors(), "qixxwatch: " + none + " cannot be read: No such file or directory\n");
+  EXPECT_EQ(RunToItsEnd({"--check", "/none", Path("system.conf")}), 2);
+  EXPECT_EQ(Errors(), "qixxwatch: /none cannot be read: No such file or directory\n");
   for (const char* made : {"trace.log", ".qix", "out"}) EXPECT_FALSE(Exists(made)) << made;
 }
 

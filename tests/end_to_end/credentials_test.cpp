@@ -6,31 +6,24 @@
 namespace qixx::testing {
 namespace {
 
-class Credentials : public ServiceTest {
- protected:
-  void InsertHolder(const Recipe& certificate = {}) const {
-    Insert(Home().Write("card.der", certificate.Build()));
-  }
-
-  const std::string file_ = Path("logon.conf");
-};
+using Credentials = ServiceTest;
 
 TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
   const std::string before =
       "[User]\nUsername=\nDomain=none\n[Mail]\nAddress=%USERNAME%@%DOMAIN%\nName=%OID.cn%\n"
       "[Card]\nText=%SUBJECT% %SERIALNUMBER%\n";
-  Home().Write("logon.conf", before);
-  const Lines set = {"set -config " + file_};
+  const Lines set = {"set -config " + Home().Write("logon.conf", before)};
   Watch("-match \"o=Other; cn=ann lee; cn=bob\" -sync", set, set);
-  InsertHolder();
+  Insert(Home().Write("card.der", Recipe().Build()));
   EXPECT_EQ(Read("logon.conf"),
             "[User]\nUsername=ann\nDomain=example.org\n[Mail]\nAddress=ann@example.org\n"
             "Name=Ann Lee\n[Card]\nText=o=Example\\, Inc.,cn=Ann Lee 2A\n");
   EXPECT_EQ(Read("logon.conf.org"), before);
   Remove();
-  InsertHolder({.serial = "\x0b",
-                .subject = Part("cn", "Bob"),
-                .alternativeNames = OtherName(der::kUserPrincipalName, "bob@b")});
+  const Recipe bob{.serial = "\x0b",
+                   .subject = Part("cn", "Bob"),
+                   .alternativeNames = OtherName(der::kUserPrincipalName, "bob@b")};
+  Insert(Home().Write("card.der", bob.Build()));
   const std::string rest = "[Mail]\nAddress=bob@b\nName=Bob\n[Card]\nText=cn=Bob 0B\n";
   EXPECT_EQ(Read("logon.conf"), "[User]\nUsername=bob\nDomain=b\n" + rest);
   Remove();
@@ -38,11 +31,11 @@ TEST_F(Credentials, SetCommandFillsRestoresAndClearsAFile) {
 }
 
 TEST_F(Credentials, KeywordFormFillsTheFileStartsItsProgramAndClearsTheFile) {
-  Home().Write("logon.conf", "[User]\nUsername=x\nCard=%SUBJECT%\n");
+  const std::string file = Home().Write("logon.conf", "[User]\nUsername=x\nCard=%SUBJECT%\n");
   Configure("");
   const std::string program = WriteProgram("echo \"$2\" > " + Path("two"));
-  Start({"-sync", "-p", program, "-c", file_, "-a", "\"one two\""});
-  InsertHolder();
+  Start({"-sync", "-p", program, "-c", file, "-a", "\"one two\""});
+  Insert(Home().Write("card.der", Recipe().Build()));
   EXPECT_TRUE(Ran("two"));
   EXPECT_EQ(Read("logon.conf"),
             "[User]\nUsername=ann\nCard=o=Example\\, Inc.,cn=Ann Lee\nDomain=example.org\n");

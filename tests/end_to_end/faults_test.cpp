@@ -1,12 +1,10 @@
 // What the service makes of everything that can be wrong around it: it traces and goes on.
 #include "tests/end_to_end/service_test.h"
-#include "tests/support/notify_listener.h"
 
 namespace qixx::testing {
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 using Faults = ServiceTest;
 
@@ -17,18 +15,6 @@ TEST_F(Faults, MissingLibraryIsTracedAndTheWatchGoesOn) {
   const std::string library = libraries_ + "libqixp11.so";
   EXPECT_THAT(Errors(),
               HasSubstr("qixxwatch: no library " + library + ": " + library + ": cannot"));
-}
-
-TEST_F(Faults, CommandsHaveNoPartInTheServiceManagersTalk) {
-  NotifyListener listener(Path("notify"));
-  variables_["NOTIFY_SOCKET"] = Path("notify");
-  variables_["WATCHDOG_USEC"] = "200000";
-  Watch("-sync", {"/usr/bin/env > " + Path("env")});
-  Insert();
-  EXPECT_THAT(listener.Take(3), ::testing::Contains("STATUS=No card"));
-  EXPECT_GT(listener.Signs(), 0U);
-  EXPECT_TRUE(Eventually([this] { return Read("env").find("PATH=") != std::string::npos; }));
-  EXPECT_THAT(Read("env"), Not(HasSubstr("NOTIFY_SOCKET")));
 }
 
 TEST_F(Faults, ClosedStandardDescriptorsAreNoFiles) {

@@ -7,16 +7,11 @@
 namespace qixx::testing {
 namespace {
 
-using ::testing::HasSubstr;
-
 class ListWord : public ServiceTest {
  protected:
-  void InsertCard(int slot, const std::map<std::string, std::string>& certificates) const {
-    std::string files;
-    for (const auto& [name, content] : certificates) {
-      files += Home().Write("certificates/" + name, content) + " ";
-    }
-    Desktop::InsertCard(slot, files);
+  /// The path of a file for a card, with a blank behind it.
+  [[nodiscard]] std::string File(const std::string& name, const std::string& content) const {
+    return Home().Write("files/" + name, content) + " ";
   }
   /// What Python makes of the JSON: an expression with `v` for its value.
   std::string Listed(const std::string& expression, int code = 0) {
@@ -35,10 +30,10 @@ TEST_F(ListWord, TellsWhatTheServiceSeesAndTakes) {
   const Recipe older{.notAfter = Der(0x17, "210101000000Z")};
   const Recipe nameless{.subject = Part("cn", "Bob"), .alternativeNames = ""};
   AddReader(2);
-  InsertCard(1,
-             {{"older", older.Build()}, {"nameless", nameless.Build()}, {"z", Recipe().Build()}});
-  InsertCard(4,
-             {{"same", Recipe().Build()}, {"text", "none"}, {"b", Recipe{.subject = ""}.Build()}});
+  InsertCard(1, File("older", older.Build()) + File("nameless", nameless.Build()) +
+                    File("z", Recipe().Build()));
+  InsertCard(4, File("same", Recipe().Build()) + File("text", "none") +
+                    File("b", Recipe{.subject = ""}.Build()));
   ConfigureWatch("-match \"o=example, inc.\" -sync -pin 1234", {});
   EXPECT_EQ(Listed("v['watch']['command'], v['library']['file'], v['matchingCard']"),
             "-match \"o=example, inc.\" -sync -pin **** config Watch " QIXX_SOFTCARD_FOLDER
@@ -61,7 +56,7 @@ TEST_F(ListWord, GivesPlaceholdersAsACommandGetsThem) {
                        .subject = Part("cn", "Ann \" > /x\n\x1b \xff %UPN%") + Part("ou", "../x") +
                                   Part(der::kEmailAttribute, "ann@mail|c"),
                        .alternativeNames = OtherName(der::kUserPrincipalName, "a\"nn@ex ample")};
-  InsertCard(1, {{"hostile", hostile.Build()}});
+  InsertCard(1, File("hostile", hostile.Build()));
   const std::string names =
       "%UPN%;%USERNAME%;%DOMAIN%;%SUBJECT%;%SERIALNUMBER%;%OID.cn%;%OID.ou%;"
       "%OID.1.2.840.113549.1.9.1%";
@@ -74,7 +69,7 @@ TEST_F(ListWord, GivesPlaceholdersAsACommandGetsThem) {
 }
 
 TEST_F(ListWord, TouchesNothingAndTakesNoEvent) {
-  InsertCard(1, {{"good", Recipe().Build()}});
+  InsertCard(1, File("good", Recipe().Build()));
   SetModuleFaults("log=1\n");
   ConfigureWatch("-match \"cn=nobody\"", {});
   for (const char* file : {"stdout.txt", "stderr.txt", "readers/calls"}) Home().Write(file, "");
@@ -90,7 +85,7 @@ TEST_F(ListWord, TouchesNothingAndTakesNoEvent) {
 }
 
 TEST_F(ListWord, SurvivesAndTellsWhateverFails) {
-  InsertCard(1, {{"good", Recipe().Build()}});
+  InsertCard(1, File("good", Recipe().Build()));
   ConfigureWatch("", {});
   SetModuleFaults("throw=C_GetInfo\nexit=C_GetTokenInfo\nthrow=C_Finalize\n");
   EXPECT_EQ(Rows("failures", "call result"),
@@ -98,7 +93,7 @@ TEST_F(ListWord, SurvivesAndTellsWhateverFails) {
             "C_Finalize CKR_GENERAL_ERROR");
   SetModuleFaults("fail=C_Initialize:0x30");
   EXPECT_EQ(Listed("v['library']['result']", 1), "CKR_DEVICE_ERROR");
-  EXPECT_THAT(Errors(), HasSubstr("C_Initialize gives 0x00000030"));
+  EXPECT_THAT(Errors(), ::testing::HasSubstr("C_Initialize gives 0x00000030"));
 }
 
 }  // namespace

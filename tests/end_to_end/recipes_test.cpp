@@ -49,7 +49,7 @@ class RecipeRun : public ServiceTest, public ::testing::WithParamInterface<Title
   void SetUp() override {
     ASSERT_TRUE(MakeCertificate(Path("ann.der")));
     // The page's own trace would be another one for each recipe.
-    variables_["qix:Trace:watch"] = Path("trace.log");
+    SetVariable("qix:Trace:watch", Path("trace.log"));
     const std::string note = WriteProgram("echo \"$*\" >> " + Path("log")) + " /usr/bin/";
     for (std::string text : GetParam().second.files) {
       const std::filesystem::path path = text.substr(2, text.find('\n') - 2);

@@ -87,6 +87,8 @@ class ServiceTest : public ::testing::Test, protected Desktop {
     Await("Watch - Disconnected slot 1", before + 1);
   }
 
+  /// Sets an environment variable of the service.
+  void SetVariable(const std::string& name, const std::string& value) { variables_[name] = value; }
   /// Starts the service; `program` is another path of it. What the one before printed is gone.
   void Start(const Lines& words = {}, const std::string& program = QIXX_PROGRAM) {
     // The test's own caller may ignore signals; the service starts with none ignored.

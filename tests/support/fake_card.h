@@ -72,7 +72,11 @@ class FakeCard {
     list.C_CloseSession = [](CK_ULONG) { return --current->openSessions, CKR_OK; };
     list.C_FindObjectsInit = [](CK_ULONG, CK_ATTRIBUTE* wanted, CK_ULONG count) {
       ++current->openSearches;
-      current->sought = ObjectOf(wanted, count);
+      current->sought.clear();
+      for (const CK_ATTRIBUTE& given : std::span(wanted, count)) {
+        const char* const value = static_cast<const char*>(given.pValue);
+        current->sought[given.type].assign(value, given.ulValueLen);
+      }
       current->searched = 0;
       return CKR_OK;
     };
@@ -104,16 +108,8 @@ class FakeCard {
     current = nullptr;
   }
   FakeCard(const FakeCard&) = delete;
-  FakeCard& operator=(const FakeCard&) = delete;
 
   CK_FUNCTION_LIST& List() { return memory.standard; }
-  static FakeObject ObjectOf(CK_ATTRIBUTE* attributes, CK_ULONG count) {
-    FakeObject object;
-    for (const CK_ATTRIBUTE& given : std::span(attributes, count)) {
-      object[given.type].assign(static_cast<const char*>(given.pValue), given.ulValueLen);
-    }
-    return object;
-  }
 
   static inline FakeCard* current = nullptr;
   pkcs11::ExtendedFunctionList memory = {};

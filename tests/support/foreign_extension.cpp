@@ -5,10 +5,6 @@ QIXX_CK_EXPORT CK_RV C_ResetToken(CK_ULONG /*first*/, CK_ULONG /*second*/, CK_UL
   return CKR_OK;
 }
 
-QIXX_CK_EXPORT CK_RV C_RemoveExternalSlot(CK_ULONG /*first*/) {
-  return CKR_OK;
-}
-
 QIXX_CK_EXPORT int QixEventDescriptor() {
   return 0;
 }

@@ -29,19 +29,16 @@ QIXX_CK_EXPORT void HostileModuleChoose(const char* function, int call, bool end
 }
 
 QIXX_CK_EXPORT int QixEventDescriptor() {
-  Answer("QixEventDescriptor");
-  return 7;
+  return Answer("QixEventDescriptor"), 7;
 }
 QIXX_CK_EXPORT int QixSlotCounts(CK_SLOT_ID /*slot*/) {
-  Answer("QixSlotCounts");
-  return 1;
+  return Answer("QixSlotCounts"), 1;
 }
 QIXX_CK_EXPORT void QixPassOver(CK_SLOT_ID /*slot*/) {
   Answer("QixPassOver");
 }
 QIXX_CK_EXPORT const char* QixModuleFault() {
-  Answer("QixModuleFault");
-  return "no module";
+  return Answer("QixModuleFault"), "no module";
 }
 
 CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {

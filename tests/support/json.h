@@ -13,18 +13,14 @@ namespace qixx::testing {
 
 using JsonValues = std::map<std::string, std::string>;
 
-/// The values by their paths, texts without quotes and escapes, and the length of each array as
-/// "a.count". Nothing for what is no JSON.
+/// The values by their paths, texts without quotes and escapes. Nothing for what is no JSON.
 inline JsonValues ReadJson(const std::string& text) {
   const TemporaryFolder folder;
   const std::string script = folder.Write("flat.py", R"(import json, sys
 
 def walk(path, value):
-    if isinstance(value, list):
-        walk(path + ".count", len(value))
-        value = dict(enumerate(value))
-    if isinstance(value, dict):
-        for name, inner in value.items():
+    if isinstance(value, (dict, list)):
+        for name, inner in value.items() if isinstance(value, dict) else enumerate(value):
             walk(f"{path}.{name}", inner)
     else:
         text = value if isinstance(value, str) else json.dumps(value)

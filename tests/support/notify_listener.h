@@ -28,7 +28,6 @@ class NotifyListener {
   }
   ~NotifyListener() { ::close(socket_); }
   NotifyListener(const NotifyListener&) = delete;
-  NotifyListener& operator=(const NotifyListener&) = delete;
 
   /// What came since the last question, signs of life apart; polls until it is so much.
   std::vector<std::string> Take(std::size_t count = 0) {

@@ -35,7 +35,8 @@ int RunCases(const std::string& home) {
   ::setenv("HOME", home.c_str(), 1);
   ::setenv("TMPDIR", home.c_str(), 1);
   // What a developer's own shell may set must not reach the cases.
-  for (const char* name : {"QIXX_SOFTCARD", "qixconfiglocal", "qixconfigglobal", "qixconfigref"}) {
+  for (const char* name : {"QIXX_SOFTCARD", "qixconfiglocal", "qixconfigglobal", "qixconfigref",
+                           "NOTIFY_SOCKET", "WATCHDOG_USEC", "RUNTIME_DIRECTORY"}) {
     ::unsetenv(name);
   }
   ::testing::UnitTest::GetInstance()->listeners().Append(new CaseLimit);

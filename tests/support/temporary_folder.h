@@ -21,7 +21,6 @@ class TemporaryFolder {
     std::filesystem::remove_all(path_, ignored);
   }
   TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
   [[nodiscard]] const std::string& Path() const { return path_; }
   /// The path of a file or folder below; nothing is made.

@@ -14,14 +14,14 @@ namespace qixx::testing {
 
 class TraceCapture {
  public:
-  TraceCapture() {
-    Forget();
-    // Not under the guard, which Keep takes while the trace has its own lock.
-    runtime::TraceSetCallback(&TraceCapture::Keep);
+  // Not under the guard, which Keep takes while the trace has its own lock.
+  TraceCapture() { runtime::TraceSetCallback(&TraceCapture::Keep); }
+  ~TraceCapture() {
+    runtime::TraceSetCallback(nullptr);
+    const std::lock_guard hold(guard);
+    kept.clear();
   }
-  ~TraceCapture() { runtime::TraceSetCallback(nullptr); }
   TraceCapture(const TraceCapture&) = delete;
-  TraceCapture& operator=(const TraceCapture&) = delete;
 
   [[nodiscard]] std::vector<std::string> Lines() const {
     const std::lock_guard hold(guard);
@@ -33,10 +33,6 @@ class TraceCapture {
   }
 
  private:
-  static void Forget() {
-    const std::lock_guard hold(guard);
-    kept.clear();
-  }
   static void Keep(const char* line, std::size_t length) {
     const std::lock_guard hold(guard);
     kept.emplace_back(line, length);
