@@ -125,8 +125,7 @@ TEST_F(Check, WatchCommands) {
         "-sync => nothing follows option '-sync', so it is taken for a command",
         "-p @/program => '-p' without '-c' makes no keyword form",
         "-p @/program -c @/none.conf => there is no file '@/none.conf'",
-        "-sync -match \"cn=x\" config Watch => option '-match' is not read at this place; the "
-        "order",
+        "-sync -match \"cn=x\" config Watch => option '-match' is not read at this place",
         "-match \"cn=x|12345\" config => the match 'cn=x|12345' cannot be read, so no card counts",
         "-snyc config Watch => unknown option '-snyc'; '-sync' is meant"}) {
     Expect("[Command]\nWatch=" + row + "\n[Watch Insert]\n1=@/program\n");

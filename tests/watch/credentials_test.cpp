@@ -34,7 +34,6 @@ TEST(CardText, IsOnlyEverText) {
       {"Ann-config F -MATCH -registryx (-config", "Ann-config F _MATCH -registryx (_config"},
       // no way up
       {"../../..", ".._.._.."},
-      {"..", "_"},
       {"./a/.b/c..", "_/a/.b/c.."},
       {".. x . y/.. .", "_ x . y/_ ."},
       // no mark of an old file, whose sections would be renamed
