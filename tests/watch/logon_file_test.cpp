@@ -46,6 +46,9 @@ const std::string kCleared = "[Mail]\nUsername=\nDomain=\nName=%USERNAME% of %DO
 
 class LogonFile : public ::testing::Test {
  protected:
+  /// No test waits for less because of the one before it.
+  LogonFile() { watch::BeginEventOfFiles(); }
+
   bool Insert(const std::string& options) { return Run(EventKind::kInsert, options); }
   bool Remove(const std::string& options) { return Run(EventKind::kRemove, options); }
   bool Insert() { return Insert("-config " + file_); }
@@ -278,7 +281,6 @@ TEST_F(LogonFile, HeldFolderKeepsNoOtherWaitingAndDropsTheFillOfACardThatHasGone
   const watch::LogonName ann = {.user = "ann", .domain = "d"};
   std::optional<watch::FileScope> held(std::in_place, file_);
   const TemporaryFolder elsewhere;
-  watch::BeginEventOfFiles();
   EXPECT_TRUE(watch::SetConfigValue(elsewhere.Write("a.conf", kOriginal), "Domain", "x"));
   watch::BeginEventOfFiles(10);
   EXPECT_FALSE(watch::WriteLogonName(file_, ann, event.removals)) << "it goes on";
@@ -400,7 +402,6 @@ TEST(LogonFiles, GetsWhatANameMeansThroughALinkThatStays) {
 
 TEST_F(LogonFile, TwoServicesLoseNoValues) {
   constexpr int kKeys = 50;
-  watch::BeginEventOfFiles();
   const auto setAll = [this](char head) {
     for (int i = 0; i < kKeys; ++i) watch::SetConfigValue(file_, head + std::to_string(i), "!");
   };
