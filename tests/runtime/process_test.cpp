@@ -34,7 +34,6 @@ namespace fs = std::filesystem;
 
 TEST(SplitArguments, Tokens) {
   const std::tuple<const char*, const char*, std::vector<std::string>> rows[] = {
-      {"p", "  a\tb   c ", {"p", "a\tb", "c"}},
       {"p", "\"a b\" c\"d e\"", {"p", "a b", "c\"d", "e\""}},
       {"p", "\"ab\"c \"a\" \"\" \"", {"p", "ab", "c", "\"a\"", "\"\"", "\""}},
       {"", " \"my prog\" x", {"my prog", "x"}},
@@ -199,7 +198,7 @@ TEST(LaunchProcess, HoldsTheTraceWhileForkingAndStartsBesideAStop) {
 }
 
 TEST(CallExternal, NeedsAFunctionThatComesBack) {
-  EXPECT_TRUE(CallExternal("libc.so.6,abs x, y"));
+  EXPECT_TRUE(CallExternal("libstdc++.so.6,abs x, y"));
   // The last one throws std::bad_cast.
   for (const char* const function :
        {" abs x", ",abs", ",missing x", ",_ZSt16__throw_bad_castv x"}) {
