@@ -44,10 +44,12 @@ void Check(Change change, const std::vector<TextCase>& cases) {
 }
 
 TEST(ConfigText, IsCleanedOnLoad) {
-  Check([](auto&) {},
-        {{"all leading high bytes", "\xFF\xFE\x80\xC3[A]\n\xC3\xA4=1\n", "[A]\n\xC3\xA4=1\n"},
-         {"zero bytes at the end", "[A]\n\0\0\0"s, "[A]\n"},
-         {"UTF-16", "\xFF\xFE[\0A\0]\0\n\0\xE4\0=\0\x31\0"s, "[A]\n\xC3\xA4=1"}});
+  Check(
+      [](auto&) {},
+      {{"all leading high bytes", "\xFF\xFE\x80\xC3[A]\n\xC3\xA4=1\n", "[A]\n\xC3\xA4=1\n"},
+       {"zero bytes at the end", "[A]\n\0\0\0"s, "[A]\n"},
+       {"UTF-16", "\xFF\xFE[\0A\0]\0\n\0\xE4\0=\0\x31\0"s, "[A]\n\xC3\xA4=1"},
+       {"old name beside its new one", "[Soft Tokens]\n;SoftToken", "[Soft Tokens]\n;SoftToken"}});
 }
 
 TEST(ConfigLookup, ScanAndTreeHaveTheirOwnRules) {

@@ -8,6 +8,7 @@ import importlib
 import itertools
 import os
 import random
+import re
 import shutil
 import signal
 import sys
@@ -18,11 +19,12 @@ import traceback
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-from desk import Damage, Desk, children_of
+from desk import Damage, Desk, children_of, read, require
 
 KINDS = {name: importlib.import_module(name) for name in (
     "soak", "library", "kills", "certificates", "configurations", "limits", "strangers")}
 PR_SET_CHILD_SUBREAPER = 36
+REPORTS = re.compile(rb"ERROR: \w+Sanitizer|runtime error:|WARNING: ThreadSanitizer")
 
 
 class Tally:
@@ -69,7 +71,7 @@ def run_trial(plan, name, index, deadline):
     desk = Desk(plan.build, plan.folder / f"{name}-{index}")
     try:
         KINDS[name].trial(desk, random.Random(f"{plan.seed}/{name}/{index}"), tally)
-        desk.check_reports()
+        require(not REPORTS.search(read(desk.path("stderr.txt"))), "the sanitizer has reported a fault")
         shutil.rmtree(desk.folder, ignore_errors=True)
     except Damage as damage:
         tally.damage(damage)
