@@ -18,6 +18,12 @@ int Stay(int /*zero*/, void* /*library*/, const char* arguments, int /*reserved*
   for (;;) ::sleep(1);
 }
 
+/// Returns when the file is there.
+int Wait(int /*zero*/, void* /*library*/, const char* arguments, int /*reserved*/) {
+  while (::access(arguments, F_OK) != 0) ::usleep(10'000);
+  return 1;
+}
+
 /// Ends its thread.
 int Leave(int /*zero*/, void* /*library*/, const char* /*arguments*/, int /*reserved*/) {
   ::pthread_exit(nullptr);

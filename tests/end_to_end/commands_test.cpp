@@ -69,6 +69,7 @@ TEST_F(Commands, DirectFormRunsOneCommandForBothEventsUnlessMarked) {
     RunConfigured();
     Remove();
     Stop();
+    EXPECT_EQ(Errors(), "");
   }
   EXPECT_TRUE(Holds("ran", "\n\n"));
   EXPECT_TRUE(Holds("ran~", "\n"));

@@ -76,15 +76,15 @@ TEST_F(Events, ExtraWatcherEndsWithAKilledParentAlsoInTheLibraryAndLeavesItsComm
 }
 
 TEST_F(Events, SignalToAllWatchersLetsEachFinishItsList) {
-  Lines remove(20, "/bin/true");
-  remove.push_back(out_);
-  WatchWithOne({{"One Remove", remove}});
+  const std::string call = "load " QIXX_CALLED_LIBRARY ",Wait " + Path("gate");
+  WatchWithOne({{"One Remove", {call, out_}}});
   InsertCard(1);
   Await("Watch - Connected slot 1", 2);
   RemoveCard(1);
-  Await("Watch - Execute remove command: /bin/true");
+  Await("Watch - Execute remove command: " + call);
   ::kill(std::stoi(Forked()), SIGTERM);
   Stop();
+  Home().Write("gate", "");
   EXPECT_TRUE(Ran("out")) << "the other one passes its signal on";
 }
 
@@ -100,6 +100,14 @@ TEST_F(Events, WatcherWithNothingToDoKeepsItsExtraWatchersBelowAServiceManager) 
   EXPECT_TRUE(Traced("Watch - Running 'Main'")) << "its commands are there now";
   Stop();
   Await("Watch - Stopping 'One'");
+}
+
+TEST_F(Events, WatcherWithNothingToDoLeavesItsExtraWatchersBehind) {
+  ConfigureWatchers("-sync config Main|One\nWatch One=-sync config One", {{"One Remove", {out_}}});
+  EXPECT_EQ(RunToItsEnd(), 0);
+  Insert();
+  Remove();
+  EXPECT_TRUE(Ran("out"));
 }
 
 TEST_F(Events, ExtraWatchersAreLimitedInAWholeTree) {
