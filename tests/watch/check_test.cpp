@@ -46,11 +46,10 @@ class Check : public ::testing::Test {
   /// The mistakes, without the file's name.
   Lines Told(const watch::CheckResult& result) const {
     const std::size_t end = result.output.find(file_ + ": checked as the system's file\n");
-    std::istringstream text(Replaced(result.output.substr(0, end), file_ + ":", ""));
+    const std::string told = Replaced(result.output.substr(0, end), file_ + ":", "");
+    std::istringstream text(Replaced(told, folder_.Path(), "@"));
     Lines lines;
-    for (std::string line; std::getline(text, line);) {
-      lines.push_back(Replaced(line, folder_.Path(), "@"));
-    }
+    for (std::string line; std::getline(text, line);) lines.push_back(line);
     return lines;
   }
   /// A file of these lines is told what begins as the texts behind " => ", and nothing else.
