@@ -215,9 +215,9 @@ TEST(ConfigMemory, HalfReadOrHalfChangedTextIsNeverWritten) {
       allocationsLeft = count;
       try {
         file.Open(true, path, true);
-        done = 1;
+        ++done;
         file.SetValue(section, "E", "v");
-        done = 2;
+        ++done;
       } catch (const std::bad_alloc&) {
       }
       allocationsLeft = -1;

@@ -124,6 +124,7 @@ CK_FUNCTION_LIST functions = {};
 
 CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR result) {
   functions.version = ListBelow()->version;
+// NOLINTBEGIN(bugprone-macro-parentheses): the parameters have theirs
 #define MISBEHAVING_SLOT(name, parameters, arguments)                                            \
   functions.C_##name = [] parameters {                                                           \
     return Perform(                                                                              \
@@ -131,6 +132,7 @@ CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR result) {
   };
   QIXX_CK_FUNCTIONS(MISBEHAVING_SLOT)
 #undef MISBEHAVING_SLOT
+  // NOLINTEND(bugprone-macro-parentheses)
   functions.C_GetFunctionList = C_GetFunctionList;
   *result = nullptr;
   return Perform(
