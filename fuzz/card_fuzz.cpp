@@ -24,6 +24,7 @@
 #include "tests/watch/scripted.h"
 #include "watch/card_text.h"
 #include "watch/command.h"
+#include "watch/edit_in_time.h"
 #include "watch/event_table.h"
 #include "watch/logon_file.h"
 #include "watch/placeholders.h"
@@ -182,6 +183,7 @@ void TryFile(watch::CardReader& card, const char* command) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzzing::Input input(data, size);
   runtime::InitProductIdentity();
+  watch::BeginEventOfFiles();  // each input has its own time
   runtime::TraceSetCallback(RequirePlainLine);
   testing::ScriptedReader card;
   std::string noted;
