@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -26,6 +27,7 @@ namespace {
 
 using testing::TemporaryFolder;
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 TEST(WholeFiles, AreReadWhenRegularAndNotTooLarge) {
   const TemporaryFolder folder;
@@ -96,6 +98,24 @@ TEST(WholeFiles, AreReadUpToALimit) {
   EXPECT_EQ(read(path, 10), "0123456789");
   EXPECT_EQ(read(path, 9), std::nullopt);
   EXPECT_EQ(read("/proc/self/status", 9), std::nullopt) << "its size is said to be 0";
+}
+
+TEST(WholeFiles, AccessListStaysAndItsMaskIsNotTheGroups) {
+  // Everything for the owner, reading for user 1234, nothing for the group; the mask is to read.
+  const std::string any(4, '\xFF');
+  const std::string list = "\2\0\0\0\1\0\6\0"s + any + "\2\0\4\0\xD2\4\0\0\4\0\0\0"s + any +
+                           "\x10\0\4\0"s + any + "\x20\0\0\0"s + any;
+  constexpr const char* kName = "system.posix_acl_access";
+  const TemporaryFolder folder;
+  const std::string path = folder.Write("file", "old");
+  if (::setxattr(path.c_str(), kName, list.data(), list.size(), 0) != 0) {
+    GTEST_SKIP() << "NOT TESTED: the file system keeps no access lists";
+  }
+  const FilePlace place = FindFile(path).real;
+  EXPECT_TRUE(ReplaceFile(place, place.Open(O_RDWR), "new"));
+  char kept[64];
+  const ssize_t length = ::getxattr(path.c_str(), kName, kept, sizeof kept);
+  EXPECT_EQ(std::string(kept, length < 0 ? 0 : static_cast<std::size_t>(length)), list);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The main function of every test program. The cases run in a child process with a home and a
 // temporary folder of its own. This process stays behind to end what a case left over: when a case
-// hangs, or the program is stopped, every process that came from it is killed.
+// hangs, or the program is stopped, every process that came from it is killed and the traces that
+// it wrote are printed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -53,13 +55,22 @@ void KillDescendants(pid_t group) {
   } while (::waitpid(-1, nullptr, 0) > 0);
 }
 
+void PrintTraces(const std::string& home) {
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(home)) {
+    if (entry.path().extension() != ".log" && entry.path().filename() != "stderr.txt") continue;
+    std::cout << "--- " << entry.path().string() << "\n"
+              << TemporaryFolder::ReadFile(entry.path()) << std::flush;
+  }
+}
+
 /// The exit code of the cases; of those that had to be killed it is 1.
-int AwaitCases(pid_t cases) {
+int AwaitCases(pid_t cases, const std::string& home) {
   int status = 0;
   const bool exited = ::waitpid(cases, &status, 0) == cases && WIFEXITED(status);
   // "Alarm clock" is that of a case which takes too long.
   if (!exited) std::cout << "\nStopped, or ended by: " << ::strsignal(WTERMSIG(status)) << "\n";
   KillDescendants(cases);
+  if (!exited) PrintTraces(home);
   return exited ? WEXITSTATUS(status) : 1;
 }
 
@@ -71,7 +82,7 @@ int Run() {
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   const pid_t cases = ::fork();
   if (cases < 0) return 1;
-  if (cases > 0) return AwaitCases(cases);
+  if (cases > 0) return AwaitCases(cases, home.Path());
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::signal(signal, SIG_DFL);
   ::prctl(PR_SET_CHILD_SUBREAPER, 0);
   // Without the destructors of this frame: the home belongs to the process that stays behind.
