@@ -1,6 +1,7 @@
 #include "bridge/slots.h"
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -399,8 +400,8 @@ void Slots::Add(Slot slot) {
   slot.number = NewNumber(slot.isSecondary ? &*first : nullptr);
   slots_.push_back(slot);
   std::string name(slot.Description());
-  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; };
-  std::ranges::replace_if(name, isControl, '_');  // it comes from a device
+  const auto isPlain = [](char c) { return c >= ' ' && c <= '~'; };
+  std::ranges::replace_if(name, std::not_fn(isPlain), '_');  // it comes from a device
   runtime::TraceWrite("Bridge - Slot %d is slot 0x%lx of the module, '%s'",
                       static_cast<int>(slot.number), slot.id, name.c_str());
 }

@@ -37,12 +37,11 @@ bool StillHolds(const CWatchOptions& record, const WatchEvent& event, config::CC
 
 /// The gate in front of the handlers: true when the handler is to proceed. Waits the seconds that
 /// the event names, asking three times in each whether it still holds; false at once when it does
-/// not, or when the process is asked to stop. Without a wait nothing is asked. Opens a
-/// configuration of its own, which shows in the trace.
-bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
-                     const Platform& platform) {
+/// not, or when the process is asked to stop. Without a wait nothing is asked. Opens `config` for
+/// itself, which shows in the trace.
+bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event, const Platform& platform,
+                     config::CConfig& config) {
   if (event.wait == 0) return true;
-  config::CConfig config;
   // Without a configuration the remove section counts as having no ordinary command.
   static_cast<void>(LoadProductConfiguration(config));
 
@@ -161,10 +160,12 @@ bool RunRemoveCommands(CWatchOptions& record, CK_SLOT_ID slot, const Platform& p
   config::CConfig config;
   // A configuration that does not load has no entries, so it runs no remove commands.
   const bool isLoaded = LoadProductConfiguration(config);
-  if (!WaitBeforeEvent(record, event, platform)) {
+  config::CConfig waiting;
+  if (!WaitBeforeEvent(record, event, platform, waiting)) {
     // The wait says no too where the configuration could not be read: the removal then waits for
     // that. What a stop cuts off stays owed as a whole.
-    owed.isUnread = !isLoaded && FormOf(record) == CommandForm::kSection;
+    const bool isRead = isLoaded && waiting.HasText();
+    owed.isUnread = !isRead && FormOf(record) == CommandForm::kSection;
     return !StopRequested();
   }
   EventHook(record, event.kind);
@@ -189,10 +190,12 @@ bool RunRemoveCommands(CWatchOptions& record, CK_SLOT_ID slot, const Platform& p
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Inserted event ...");
   BeginEventOfFiles();
+  const runtime::ScarceMeans scarce;
   WatchEvent event;
   bool success = RunGuarded([&] {
     event = EventOf(record, EventKind::kInsert, slot);
-    return WaitBeforeEvent(record, event, platform);
+    config::CConfig config;
+    return WaitBeforeEvent(record, event, platform, config);
   });
   if (success) {
     EventHook(record, EventKind::kInsert);
@@ -201,7 +204,7 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
     EventHook(record, EventKind::kInsert);
   }
   runtime::TraceWrite("Watch - Inserted event ... %s", success ? "OK" : "FAILED");
-  return success;
+  return success && !scarce.Any();
 }
 
 OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {

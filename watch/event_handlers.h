@@ -16,7 +16,7 @@
 namespace qixx::watch {
 
 /// Runs the commands of an insert in order, up to the first that fails. Returns true on success,
-/// which a failing command in a section does not change.
+/// which a failing command in a section does not change, but for want of means (ScarceMeans).
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
 
 /// What a removal leaves to be done later, so that no screen stays open for want of means.

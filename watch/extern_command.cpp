@@ -56,7 +56,7 @@ bool AskLibrary(CardReader& card, const WatchEvent& event, std::string_view text
   const runtime::ScarceMeans scarce;
   WriteLogonName(parts->file, {AnswerField(*answer, 0), AnswerField(*answer, 1)}, event.removals);
   // The library has answered: a removal does not ask it again for the sake of the file.
-  scarce.TakeBack();
+  if (!event.IsInsert()) scarce.TakeBack();
   return true;
 }
 

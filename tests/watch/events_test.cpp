@@ -325,18 +325,20 @@ TEST_F(EventTable, LibraryThatLeaksDescriptorsOrClosesThemKeepsNoRemovalFromBein
 TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
   const ScopedVariable marks("RUNTIME_DIRECTORY", folder_.Path().c_str());
   const std::string set = "set -config " + folder_.Path("a.conf");
-  // The tries that find no process, or no room on the disk; the next card and whether it counts.
-  const std::tuple<std::string, int, CK_SLOT_ID, bool, std::size_t> rows[] = {
-      {"/bin/true x", 3, 0, true, 4},
-      {"/bin/true x", 99, 0, true, 5},
-      {"/bin/true x", 99, 1, true, 2},
-      {"/bin/true x", 99, 1, false, 5},
-      {set, 3, 0, true, 4},
-      {"parallel /bin/true x", 2, 0, true, 3},
+  // The tries that find no process, or no room on the disk; the next card, whether it counts, and
+  // what an insertion runs.
+  const std::tuple<std::string, int, CK_SLOT_ID, bool, std::string, std::size_t> rows[] = {
+      {"/bin/true x", 3, 0, true, "", 4},
+      {"/bin/true x", 99, 0, true, "", 5},
+      {"/bin/true x", 99, 1, true, "", 2},
+      {"/bin/true x", 99, 1, true, "1=/bin/true y\n", 5},
+      {"/bin/true x", 99, 1, false, "", 5},
+      {set, 3, 0, true, "", 4},
+      {"parallel /bin/true x", 2, 0, true, "", 3},
   };
-  for (const auto& [command, failing, nextCard, nextCounts, tries] : rows) {
+  for (const auto& [command, failing, nextCard, nextCounts, insert, tries] : rows) {
     SCOPED_TRACE(command + std::to_string(failing));
-    Configure("", "1=" + command + "\n2=kill x\n");
+    Configure(insert, "1=" + command + "\n2=kill x\n");
     folder_.Write("a.conf", "[S]\nUsername=ann\n");
     Scripted desk(Polls{{1, {{1}}}, {1, {}}, {nextCard, {{1}}}});
     desk.clock.inSleep = [&desk, fails = failing, counts = nextCounts] {
