@@ -85,8 +85,8 @@ TEST(TokenVariables, AreFoundInTheirStore) {
   for (const auto& [stored, value] : rows) {
     EXPECT_EQ(pkcs11::FindTokenVariable(BytesOf(stored), "n"), value);
   }
-  for (const std::string& stored :
-       {"\0n\0b"s, "\0x\0n\0a\0b\0"s, "\0a\0b\0\0n\0user\0"s, "n\0user\0"s, "\0n"s, ""s}) {
+  for (const std::string& stored : {"\0n\0b"s, "\0x\0n\0a\0b\0"s, "\0a\0b\0\0n\0user\0"s,
+                                    "\0  \0b\0n\0user\0"s, "n\0user\0"s, "\0n"s, ""s}) {
     EXPECT_EQ(pkcs11::FindTokenVariable(BytesOf(stored), "n"), std::nullopt) << stored.c_str() + 1;
   }
 }
@@ -159,6 +159,18 @@ TEST_F(ReaderTest, PassesUnreadableObjectsOver) {
   EXPECT_EQ(entries[1].slot, 100U) << "where the suite's attribute is not asked for";
   EXPECT_EQ(entries[1].label, "label");
   EXPECT_TRUE(entries[2].IsFree());
+}
+
+TEST_F(ReaderTest, NeedsNoValueOfTheSuitesOwnAttribute) {
+  Insert(1, {Named("Ann")});
+  card_.List().C_GetAttributeValue = [](auto, auto, auto attributes, CK_ULONG count) {
+    const std::string value = FakeCard::current->slots[0].objects[0].at(CKA_VALUE);
+    for (CK_ATTRIBUTE& wanted : std::span(attributes, count)) wanted.ulValueLen = 0;
+    attributes[0].ulValueLen = value.copy(static_cast<char*>(attributes[0].pValue), value.size());
+    attributes[count - 1].ulValueLen = CK_UNAVAILABLE_INFORMATION;
+    return CKR_OK;
+  };
+  EXPECT_EQ(Collect(), "Ann ");
 }
 
 TEST_F(ReaderTest, BelievesNoLengthBeyondItsBuffer) {

@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <tuple>
 
@@ -98,6 +100,20 @@ TEST(WholeFiles, AreReadUpToALimit) {
   EXPECT_EQ(read(path, 10), "0123456789");
   EXPECT_EQ(read(path, 9), std::nullopt);
   EXPECT_EQ(read("/proc/self/status", 9), std::nullopt) << "its size is said to be 0";
+}
+
+TEST(WholeFiles, StayWholeWhenTheNewTextIsCutShort) {
+  const TemporaryFolder folder;
+  const FilePlace place = FindFile(folder.Write("file", "old")).real;
+  const auto isReplaced = [&] {
+    const rlimit few = {4, RLIM_INFINITY};
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &few);
+    ::_exit(ReplaceFile(place, place.Open(O_RDWR), "longer") ? 1 : 0);
+  };
+  EXPECT_EXIT(isReplaced(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EQ(folder.Read("file"), "old");
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder.Path()), {}), 1) << "no left-over";
 }
 
 TEST(WholeFiles, AccessListStaysAndItsMaskIsNotTheGroups) {
