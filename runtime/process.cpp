@@ -99,7 +99,11 @@ Descriptor OpenOutput(int folder, const char* name, const char*& fault) {
   struct stat place {};
   struct stat file {};
   if (::fstat(folder, &place) != 0) return {};
-  Descriptor output(::openat(folder, name, flags | O_CREAT | O_NONBLOCK, DEFFILEMODE));
+  Descriptor output(::openat(folder, name, flags | O_NONBLOCK));
+  // Making one waits for whoever holds the folder.
+  if (!output.IsOpen() && errno == ENOENT) {
+    output = Descriptor(::openat(folder, name, flags | O_CREAT | O_NONBLOCK, DEFFILEMODE));
+  }
   const int error = errno;
   const bool known = output.IsOpen()
                          ? ::fstat(output.Get(), &file) == 0

@@ -224,9 +224,9 @@ OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform
 }
 
 void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
-                     std::list<std::string>& commands) {
+                     std::list<std::string>& commands, std::int64_t patience) {
   runtime::TraceWrite("Watch - Owed remove commands ...");
-  BeginEventOfFiles();
+  BeginEventOfFiles(patience);
   RunStep([&] {
     const WatchEvent event = EventOf(record, EventKind::kRemove, slot);
     commands.remove_if([&](const std::string& text) {

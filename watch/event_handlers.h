@@ -33,8 +33,9 @@ struct OwedRemoval {
 /// Runs all commands of a removal, and ends what the insert started for the slot.
 OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
 /// Tries the commands that a removal of the slot left; those that have to be tried again stay.
+/// Files may keep it waiting for so long (BeginEventOfFiles).
 void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
-                     std::list<std::string>& commands);
+                     std::list<std::string>& commands, std::int64_t patience);
 
 /// Called in each round of a wait, and before and after the commands; nothing to do on this
 /// platform.

@@ -112,7 +112,7 @@ class SlotWatch {
     const std::optional<CK_SLOT_ID> slot = EventSlot(polled, initialisedLate);
     const bool wasFirst = std::exchange(firstRound_, false);
     if (!owed_.IsNothing()) {
-      reserve_.Lend([&] { RunStep([&] { TryOwed(slot.has_value()); }); });
+      reserve_.Lend([&] { RunStep([&] { TryOwed(slot); }); });
     }
     if (slot && IsFirstOfItsGroup(*slot)) {
       runtime::TraceWrite("Watch - Event");
@@ -217,8 +217,8 @@ class SlotWatch {
   /// connected slot is forgotten all the same.
   void HandleNoToken(CK_SLOT_ID slot) {
     const bool isRemoval = connected_ == kNoSlot ? !record_.sync : slot == connected_ || HasGone();
-    if (isRemoval) RunNewRemoval(connected_);
-    connected_ = kNoSlot;
+    const CK_SLOT_ID gone = std::exchange(connected_, kNoSlot);
+    if (isRemoval) RunNewRemoval(gone);
   }
   /// Of the card that was connected when the watch ended. One that is still in is connected again;
   /// one that went meanwhile has nobody else to tell of it.
@@ -246,21 +246,26 @@ class SlotWatch {
     runtime::TraceWrite("Watch - Disconnected slot %d", static_cast<int>(slot));
   }
   /// With an event it is tried in any case: when the next card counts, nothing is tried any more.
-  void TryOwed(bool hasEvent) {
+  /// While that card is in, its own removal is not to wait for this, and runs everything anyway.
+  void TryOwed(std::optional<CK_SLOT_ID> event) {
+    const bool isCardIn = connected_ != kNoSlot;
+    if (isCardIn && event == connected_) return;
     ++owedRounds_;
     if (owed_.isUnread) {
       if (HasProductConfiguration()) return RunRemoval(owedSlot_);
       if (owedRounds_ >= kUnreadRounds) Settle();
       return;
     }
-    if (!hasEvent && !IsTurn(owedRounds_)) return;
+    // A whole removal may take a while.
+    const bool isRare = isCardIn && owed_.isWhole;
+    if (!event && !(isRare ? owedRounds_ % kEagerRounds == 0 : IsTurn(owedRounds_))) return;
     if (owed_.isWhole) return RunRemoval(owedSlot_);
-    RunOwedCommands(record_, owedSlot_, platform_, owed_.commands);
+    RunOwedCommands(record_, owedSlot_, platform_, owed_.commands, isCardIn ? 0 : kFilePatience);
     if (owed_.IsNothing()) Settle();
   }
   void Settle() {
     ForgetOwed();
-    isMarkDue_ = true;
+    isMarkDue_ = connected_ == kNoSlot;  // else it is the next card's
   }
   /// At the end of a round, once no command's thread runs: one that is killed on the way, or that a
   /// stop cut off, shall be run anew at the next start. A card that did not count may be in by

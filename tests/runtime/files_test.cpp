@@ -113,6 +113,9 @@ TEST(WholeFiles, StayWholeWhenTheNewTextIsCutShort) {
   };
   EXPECT_EXIT(isReplaced(), ::testing::ExitedWithCode(0), "");
   EXPECT_EQ(folder.Read("file"), "old");
+  fs::create_directory(folder.Path("folder"));
+  EXPECT_FALSE(MakeFile(FindFile(folder.Path("folder")).real, "text", place.Open(O_RDWR)));
+  fs::remove(folder.Path("folder"));
   EXPECT_EQ(std::distance(fs::directory_iterator(folder.Path()), {}), 1) << "no left-over";
 }
 
