@@ -6,6 +6,7 @@
 // of a removal, and the handler goes on to its end.
 #pragma once
 
+#include <cstdint>
 #include <list>
 #include <string>
 

@@ -6,6 +6,8 @@
 
 #include <array>
 #include <ctime>
+#include <optional>
+#include <utility>
 
 #include "pkcs11/reader.h"
 #include "runtime/descriptor.h"
