@@ -31,14 +31,10 @@ constexpr DigitValues ValuesOf(std::string_view digits, char (*fold)(char)) {
 constexpr DigitValues kHexValues = ValuesOf(kHexDigits, FoldCase);
 constexpr DigitValues kBase64Values = ValuesOf(kBase64Alphabet, [](char c) { return c; });
 
-constexpr std::array<std::array<char, 2>, 256> PairHexDigits() {
-  std::array<std::array<char, 2>, 256> pairs{};
-  for (std::size_t byte = 0; byte < pairs.size(); ++byte) {
-    pairs[byte] = {kHexDigits[byte >> 4], kHexDigits[byte & 0x0F]};
-  }
-  return pairs;
+/// Neither a table nor a branch, so that the compiler makes many at once.
+constexpr char HexDigit(unsigned value) {
+  return static_cast<char>(value + (value > 9 ? kHexDigits[10] - 10 : kHexDigits[0]));
 }
-constexpr std::array<std::array<char, 2>, 256> kHexPairs = PairHexDigits();
 
 int ValueOf(char c, const DigitValues& values) {
   return values[static_cast<unsigned char>(c)];
@@ -206,8 +202,11 @@ bool ReplaceAllNoCase(std::string& text, std::string_view from, std::string_view
 
 std::string HexEncode(std::span<const std::uint8_t> data) {
   std::string text(2 * data.size(), '\0');
-  char* to = text.data();
-  for (const std::uint8_t byte : data) to = std::copy_n(kHexPairs[byte].data(), 2, to);
+  char* const to = text.data();
+  for (std::size_t i = 0; i < data.size(); ++i) {
+    to[2 * i] = HexDigit(data[i] >> 4);
+    to[2 * i + 1] = HexDigit(data[i] & 0x0F);
+  }
   return text;
 }
 
