@@ -63,6 +63,9 @@ inline constexpr std::size_t kMaxLine = 1023;
                                 std::size_t limit = std::string_view::npos);
 
 [[nodiscard]] inline bool EqualsNoCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  // Names that stand together are often alike up to their ends.
+  if (!a.empty() && FoldCase(a.back()) != FoldCase(b.back())) return false;
   return std::ranges::equal(a, b, {}, FoldCase, FoldCase);
 }
 /// A text shorter than `head` never matches.
