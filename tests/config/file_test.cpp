@@ -10,6 +10,7 @@
 #include "runtime/text.h"
 #include "tests/support/failing_memory.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/trace_capture.h"
 
 namespace qixx::testing {
 namespace {
@@ -143,6 +144,20 @@ TEST(ConfigChange, RenamesSections) {
          {"CR LF", "[Old]\r\na=1\r\n[New]\r\nb=2\r\n", "[New]\r\na=1\r\nb=2\n"}});
 }
 
+TEST(ConfigChange, SpareOnesKeepLinesAndDoNotTraceThatTheTextGrows) {
+  const auto deleteAndSet = [](auto& file) {
+    EXPECT_EQ(file.Delete("A", {}), ConfigResult::kOk);
+    EXPECT_EQ(file.SetValue("S", "F", "v"), ConfigResult::kOk);
+  };
+  Check(deleteAndSet, {{"CR LF", "[B]\r\ny=2\r\n[S]\r\nE=1\r\n[A]\r\nx=1\r\n[C]\r\n",
+                        "[B]\r\ny=2\r\n[S]\r\nE=1\r\nF=v\n[C]\r\n"}});
+  LoadedFile file("[b]\n[A]\n");
+  const TraceCapture trace;
+  file.Sort();
+  EXPECT_EQ(file.SetBlock("L", std::vector<std::uint8_t>(5000)), ConfigResult::kOk);
+  EXPECT_EQ(trace.Lines(), std::vector<std::string>{}) << "only setting a value and renaming do";
+}
+
 class ConfigSaving : public ::testing::Test {
  protected:
   void Open(const std::string& content) {
@@ -163,7 +178,12 @@ TEST_F(ConfigSaving, TidiesTheText) {
       {"a full growth step", "[S]\nE=1\n" + comment, "[S]\nE=v\n" + comment},
       {"every line of a merged text with CR LF",
        "[S]\r\nE=1\r\n[Soft Tokens]\r\n[Smart Card]\r\nT=30\r\n[SmartCard]\r\nR=5\r\n",
-       "[S]\nE=v\n[SoftToken]\n[SmartCard]\nT=30\nR=5\n"}};
+       "[S]\nE=v\n[SoftToken]\n[SmartCard]\nT=30\nR=5\n"},
+      {"images that move",
+       "[S]\r\nE=1\r\n[Soft Tokens]\r\n[CredentialProvider]\r\nBMP1=a\r\nF=2\r\n[Dialog "
+       "Presentation]\r\nG=3\r\n",
+       "[S]\nE=v\n[SoftToken]\n[CredentialProvider]\nF=2\n[Dialog Presentation]\nG=3\nBMP1=a\n"},
+      {"a lone last CR", "[S]\nx=1\r", "[S]\nx=1\nE=v\n"}};
   for (const auto& [name, before, after] : cases) {
     Open(before);
     Set();

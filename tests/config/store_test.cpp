@@ -43,6 +43,18 @@ TEST_F(ConfigStore, UserFileComesBeforeTheSystems) {
   EXPECT_EQ(Read("S", "Empty"), "");
 }
 
+TEST_F(ConfigStore, EnumerationsAskBothFilesWithTheSameIndex) {
+  Load("[S]\nE=1\nF=2\n[T]\nz=1\n");
+  ASSERT_EQ(config_.OpenItem(true, folder_.Write("second.conf", "[T]\na=1\nb=2\n")),
+            ConfigResult::kOk);
+  std::string names;
+  for (std::size_t index = 0; const auto name = config_.EnumSectionEntries("T", index);) {
+    names += *name + " ";
+  }
+  for (std::size_t index = 0; const auto found = config_.EnumEntries(index);) names += found->entry;
+  EXPECT_EQ(names, "z b EFz");
+}
+
 TEST_F(ConfigStore, FindsItsFiles) {
   const ScopedVariable tooLong("qixconfiglocal", std::string(runtime::kMaxText + 1, 'x').c_str());
   // The library directory makes a per-user installation, even while its file is missing.

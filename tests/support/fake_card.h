@@ -50,8 +50,10 @@ class FakeCard {
     CK_FUNCTION_LIST& list = memory.standard;
     list.C_Initialize = list.C_Finalize = [](auto...) { return CKR_OK; };
     list.C_GetSlotList = [](CK_BBOOL, CK_SLOT_ID* ids, CK_ULONG* count) {
-      *count = current->slots.size();
-      if (ids != nullptr) std::ranges::transform(current->slots, ids, &FakeSlot::id);
+      const std::size_t places = std::exchange(*count, current->slots.size());
+      if (ids == nullptr) return CKR_OK;
+      EXPECT_EQ(places, *count) << "as many as there are slots";
+      std::ranges::transform(current->slots, ids, &FakeSlot::id);
       return CKR_OK;
     };
     list.C_GetSlotInfo = [](CK_SLOT_ID id, CK_SLOT_INFO* info) {
