@@ -1,8 +1,7 @@
 #include "der/certificate.h"
 
 #include <algorithm>
-#include <array>
-#include <ctime>
+#include <chrono>
 #include <utility>
 
 #include "der/names.h"
@@ -59,28 +58,35 @@ Bytes PurposesOf(const CertificateHolder& holder) {
 /// Takes the next purpose off the list; what is no identifier is passed over.
 std::optional<std::string> TakePurpose(Bytes& rest) {
   while (const std::optional<DerElement> element = TakeElement(rest)) {
-    if (std::optional<OidRecord> purpose = ReadOid(element->whole)) return std::move(purpose->text);
+    if (OidRecord purpose = OidToText(element->whole)) return std::move(purpose.text);
   }
   return std::nullopt;
 }
 
+/// The present as a UTCTime has it: YYMMDDhhmmss.
 std::string UtcNow() {
-  const std::time_t seconds = std::time(nullptr);
-  std::tm utc{};
-  if (::gmtime_r(&seconds, &utc) == nullptr) return {};
-  std::array<char, 16> text;
-  return {text.data(), std::strftime(text.data(), text.size(), "%Y%m%d%H%M%S", &utc)};
+  using namespace std::chrono;
+  const auto now = floor<seconds>(system_clock::now());
+  const auto midnight = floor<days>(now);
+  const year_month_day date(midnight);
+  const hh_mm_ss time(now - midnight);
+  std::int64_t number = 100 + static_cast<int>(date.year()) % 100;
+  number = number * 10'000 + static_cast<unsigned>(date.month()) * 100 +
+           static_cast<unsigned>(date.day());
+  number = number * 1'000'000 + time.hours().count() * 10'000 + time.minutes().count() * 100 +
+           time.seconds().count();
+  return std::to_string(number).substr(1);
 }
 
 /// Whether an element of the validity lies in the past.
 bool HasPassed(Bytes time) {
-  // UTCTime as RFC 5280 has it: two header bytes, YYMMDDhhmmss, 'Z'. The century of the present is
-  // left out; a GeneralizedTime is longer and so never passes.
+  // UTCTime (RFC 5280, 4.1.2.5.1): two header bytes, YYMMDDhhmmss, 'Z'. A GeneralizedTime is longer
+  // and so never passes.
   constexpr std::size_t kHeader = 2;
   constexpr std::size_t kDigits = 12;
   const std::string now = UtcNow();
-  return !now.empty() && time.size() == kHeader + kDigits + 1 && time[kHeader + kDigits] == 'Z' &&
-         runtime::AsText(time.subspan(kHeader, kDigits)) < std::string_view(now).substr(2);
+  return time.size() == kHeader + kDigits + 1 && time[kHeader + kDigits] == 'Z' &&
+         runtime::AsText(time.subspan(kHeader, kDigits)) < now;
 }
 
 CertificatePtr LoadDer(Bytes bytes) {
@@ -125,7 +131,7 @@ DerResult CDerCert::DecodeCertificate(Bytes bytes) {
   static_cast<void>(CDer::SetData(bytes));
   const Bytes copy = WorkingCopy();
   if (const std::optional<DerLength> length = DecodeLength(copy)) {
-    ShortenData(std::size_t{length->header} + length->content);
+    ShortenData(length->header + length->content);
   }
   const std::optional<ParsedElement> outer = ParseElement(copy);
   if (!outer) {
@@ -154,7 +160,7 @@ DerResult CDerCert::DecodeParts(const ParsedElement& outer) {
       runtime::TraceWrite("DerCertificate - Failed to get %s", part.name);
       continue;
     }
-    const std::size_t size = std::size_t{length->header} + length->content;
+    const std::size_t size = length->header + length->content;
     const DerResult result = (this->*part.decode)(rest.first(std::min(size, rest.size())));
     if (result != DerResult::kOk) return result;
     position += size;
@@ -171,7 +177,7 @@ DerResult CDerCert::DecodeParts(const ParsedElement& outer) {
 DerResult CDerCert::DecodeInfo(Bytes element) {
   const std::optional<DerElement> info = ReadElement(element);
   if (!info) return DerResult::kBadLength;
-  FieldReader fields(info->content);
+  FieldReader fields(info->Content());
   fields.SkipOptional(kTagVersion);
   serialNumber_ = fields.Take(kTagInteger);
   fields.Take(kTagSequence);  // signature algorithm
@@ -186,7 +192,7 @@ DerResult CDerCert::DecodeInfo(Bytes element) {
   DerResult result = validity.Result();
   while (result == DerResult::kOk && !fields.IsAtEnd()) {
     const DerElement field = fields.TakeAny();
-    if (field.Tag() == kTagExtensions) result = DecodeExtensions(field.content);
+    if (field.Tag() == kTagExtensions) result = DecodeExtensions(field.Content());
   }
   return result == DerResult::kOk ? fields.Result() : result;
 }
@@ -202,9 +208,9 @@ DerResult CDerCert::DecodeSignature(Bytes element) {
 DerResult CDerCert::DecodeExtensions(Bytes wrapped) {
   extensions_.reserve(kMaxExtensions);
   FieldReader list(wrapped);
-  FieldReader extensions(list.TakeAny().content);
+  FieldReader extensions(list.TakeAny().Content());
   while (list.Result() == DerResult::kOk && !extensions.IsAtEnd()) {
-    AddExtension(extensions.TakeAny().content);
+    AddExtension(extensions.TakeAny().Content());
   }
   return list.Result() == DerResult::kOk ? extensions.Result() : list.Result();
 }
@@ -213,11 +219,11 @@ DerResult CDerCert::DecodeExtensions(Bytes wrapped) {
 // cannot be read, and those that the table has no room for, are passed over.
 void CDerCert::AddExtension(Bytes content) {
   if (extensions_.size() == kMaxExtensions) return;
-  std::optional<OidRecord> identifier = ReadOid(content);
+  OidRecord identifier = OidToText(content);
   if (!identifier) return;
   Extension& extension = extensions_.emplace_back();
-  extension.identifier = std::move(identifier->text);
-  Bytes rest = content.subspan(identifier->element.size());
+  extension.identifier = std::move(identifier.text);
+  Bytes rest = content.subspan(identifier.element.size());
   while (const std::optional<DerElement> part = TakeElement(rest)) {
     if (part->Tag() == kTagOctetString) {
       extension.value = part->whole;

@@ -29,7 +29,7 @@ std::optional<DerLength> CheckedLength(std::size_t header, std::uint64_t content
   if (content > available || content > std::numeric_limits<std::int32_t>::max()) {
     return std::nullopt;
   }
-  return DerLength{static_cast<std::uint32_t>(header), static_cast<std::uint32_t>(content)};
+  return DerLength{header, static_cast<std::size_t>(content)};
 }
 
 std::optional<DerLength> LengthOf(Bytes bytes, int nesting);
@@ -44,7 +44,7 @@ std::optional<DerLength> IndefiniteLength(Bytes bytes, int nesting) {
     const std::optional<DerLength> nested = LengthOf(rest, nesting + 1);
     if (!nested) return std::nullopt;
     if (nested->content == 0) return CheckedLength(kShortHeader, scanned, bytes.size());
-    const std::size_t step = std::size_t{nested->header} + nested->content;
+    const std::size_t step = nested->header + nested->content;
     scanned += step;
     rest = rest.subspan(std::min(step, rest.size()));
   }
@@ -86,7 +86,7 @@ OidRecord ContentToText(const DerElement& oid, std::size_t maxLength) {
   std::array<char, kMaxOidText + kMaxPiece> text;
   const char* const limit = text.data() + std::min(maxLength, kMaxOidText);
   char* end = text.data();
-  for (Bytes rest = oid.content; !rest.empty();) {
+  for (Bytes rest = oid.Content(); !rest.empty();) {
     const std::optional<Subidentifier> next = DecodeSubidentifier(rest);
     if (!next) return {DerResult::kBadLength};
     rest = rest.subspan(next->length);
@@ -109,14 +109,14 @@ std::optional<ParsedElement> ParseElement(Bytes bytes) {
   const std::optional<DerLength> length = DecodeLength(bytes);
   if (!length) return std::nullopt;
   const Bytes rest = bytes.subspan(length->header);
-  return ParsedElement{rest.first(std::min<std::size_t>(length->content, rest.size())),
-                       length->content, length->header};
+  return ParsedElement{rest.first(std::min(length->content, rest.size())), length->content,
+                       length->header};
 }
 
 std::optional<DerElement> ReadElement(Bytes bytes) {
   const std::optional<DerLength> length = DecodeLength(bytes);
   if (!length || length->content > bytes.size() - length->header) return std::nullopt;
-  return DerElement(bytes.first(std::size_t{length->header} + length->content), length->header);
+  return DerElement{bytes.first(length->header + length->content), length->header};
 }
 
 std::optional<DerElement> TakeElement(Bytes& rest) {
@@ -127,7 +127,7 @@ std::optional<DerElement> TakeElement(Bytes& rest) {
 
 Bytes ContentOf(Bytes bytes) {
   const std::optional<DerElement> element = TakeElement(bytes);
-  return element ? element->content : Bytes{};
+  return element ? element->Content() : Bytes{};
 }
 
 bool SameBytes(Bytes a, Bytes b) {
@@ -149,12 +149,6 @@ OidRecord OidToText(Bytes bytes, std::size_t maxLength) {
   if (bytes[0] != kTagOid) return {DerResult::kWrongTag};
   const std::optional<DerElement> element = ReadElement(bytes);
   return element ? ContentToText(*element, maxLength) : OidRecord{DerResult::kBadLength};
-}
-
-std::optional<OidRecord> ReadOid(Bytes bytes) {
-  OidRecord oid = OidToText(bytes);
-  if (oid.result != DerResult::kOk) return std::nullopt;
-  return oid;
 }
 
 void CDer::Clear() {

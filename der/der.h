@@ -6,9 +6,9 @@
 // every other failure is the caller's to report. All functions may be called from any thread; an
 // object belongs to one at a time.
 //
-//   Bytes rest = sequence.content;
+//   Bytes rest = sequence.Content();
 //   while (const std::optional<DerElement> element = TakeElement(rest)) {
-//     Use(element->Tag(), element->content);
+//     Use(element->Tag(), element->Content());
 //   }
 #pragma once
 
@@ -48,8 +48,8 @@ inline constexpr std::size_t kMaxOidText = 63;
 // --- elements ---------------------------------------------------------------------------------
 
 struct DerLength {
-  std::uint32_t header;   ///< bytes of tag and length
-  std::uint32_t content;  ///< bytes that the content claims to have, at most 2 GiB - 1
+  std::size_t header;   ///< bytes of tag and length
+  std::size_t content;  ///< bytes that the content claims to have, at most 2 GiB - 1
 };
 
 /// Reads the header of the element at the start of `bytes`, whatever its tag. `bytes` goes on to
@@ -73,13 +73,10 @@ struct ParsedElement {
 
 /// One element whose content lies inside the input as a whole.
 struct DerElement {
-  DerElement() = default;
-  DerElement(Bytes element, std::size_t headerLength)
-      : whole(element), content(element.subspan(headerLength)) {}
-
   Bytes whole;  ///< with tag and length bytes
-  Bytes content;
+  std::size_t headerLength = 0;
 
+  [[nodiscard]] Bytes Content() const { return whole.subspan(headerLength); }
   /// 0 for an element that was never read.
   [[nodiscard]] std::uint8_t Tag() const { return whole.empty() ? std::uint8_t{0} : whole[0]; }
 };
@@ -112,6 +109,9 @@ struct OidRecord {
   DerResult result;
   std::string text = {};
   Bytes element = {};  ///< the encoded identifier with tag and length
+
+  /// Whether the text is that of the whole identifier.
+  explicit operator bool() const { return result == DerResult::kOk; }
 };
 
 /// The object identifier at the start of `bytes` as dotted text. Subidentifiers are printed as
@@ -119,9 +119,6 @@ struct OidRecord {
 /// most kMaxOidText): the text then ends with the last number that fits. It is empty for kWrongTag
 /// and kBadLength. An identifier without content is an empty text and kOk, as intended.
 [[nodiscard]] OidRecord OidToText(Bytes bytes, std::size_t maxLength = kMaxOidText);
-
-/// The identifier at the start of `bytes`; nothing when OidToText fails for whatever cause.
-[[nodiscard]] std::optional<OidRecord> ReadOid(Bytes bytes);
 
 // --- objects ----------------------------------------------------------------------------------
 

@@ -17,7 +17,7 @@ constexpr std::uint8_t kTagRfc822Name = 0x81;
 Bytes FindAlternativeName(const CertificateHolder& holder, std::uint8_t tag) {
   Bytes rest = ContentOf(ContentOf(holder.certificate.GetExtension(kSubjectAlternativeName)));
   while (const std::optional<DerElement> name = TakeElement(rest)) {
-    if (name->Tag() == tag) return name->content;
+    if (name->Tag() == tag) return name->Content();
   }
   return {};
 }
@@ -26,9 +26,9 @@ Bytes FindAlternativeName(const CertificateHolder& holder, std::uint8_t tag) {
 /// type; those behind it are not looked at.
 std::string_view FindUserPrincipalName(const CertificateHolder& holder) {
   const Bytes content = FindAlternativeName(holder, kTagOtherName);
-  const std::optional<OidRecord> type = ReadOid(content);
-  if (!type || type->text != kUserPrincipalName) return {};
-  return runtime::AsText(ContentOf(ContentOf(content.subspan(type->element.size()))));
+  const OidRecord type = OidToText(content);
+  if (!type || type.text != kUserPrincipalName) return {};
+  return runtime::AsText(ContentOf(ContentOf(content.subspan(type.element.size()))));
 }
 
 /// A subject with an e-mail attribute decides, even by an empty one.

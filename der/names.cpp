@@ -78,13 +78,13 @@ std::string ValueText(const DerElement& value) {
     case kTagPrintableString:
     case kTagIa5String:
     case kTagVisibleString:
-      return MendedUtf8(runtime::AsText(value.content));
+      return MendedUtf8(runtime::AsText(value.Content()));
     case kTagT61String:
-      return FixedWidthToUtf8(value.content, 1);
+      return FixedWidthToUtf8(value.Content(), 1);
     case kTagBmpString:
-      return runtime::Utf16ToUtf8(value.content, std::endian::big);
+      return runtime::Utf16ToUtf8(value.Content(), std::endian::big);
     case kTagUniversalString:
-      return FixedWidthToUtf8(value.content, 4);
+      return FixedWidthToUtf8(value.Content(), 4);
     default:
       return "#" + runtime::HexEncode(value.whole);
   }
@@ -99,13 +99,13 @@ template <typename Visitor>
 void VisitAttributes(Bytes name, const Visitor& visit) {
   Bytes sets = ContentOf(name);
   while (const std::optional<DerElement> set = TakeElement(sets)) {
-    Bytes attributes = set->content;
+    Bytes attributes = set->Content();
     while (const std::optional<DerElement> attribute = TakeElement(attributes)) {
-      const std::optional<OidRecord> type = ReadOid(attribute->content);
+      const OidRecord type = OidToText(attribute->Content());
       if (!type) continue;
-      Bytes rest = attribute->content.subspan(type->element.size());
+      Bytes rest = attribute->Content().subspan(type.element.size());
       const std::optional<DerElement> value = TakeElement(rest);
-      if (value && !visit(type->text, *value)) return;
+      if (value && !visit(type.text, *value)) return;
     }
   }
 }
