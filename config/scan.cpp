@@ -66,8 +66,8 @@ std::optional<TextLine> LineReader::Next() {
 std::optional<TextRange> MarkReader::Find(Mark wanted) {
   for (;;) {
     if (bracket_ < position_) bracket_ = text_.find('[', position_);
-    if (angle_ < position_) angle_ = text_.find('<', position_);
-    const std::size_t begin = std::min(bracket_, angle_);
+    // Only up to there: a text without blocks would be read to its end for each header.
+    const std::size_t begin = std::min(bracket_, text_.substr(0, bracket_).find('<', position_));
     if (begin == kNoPosition) return std::nullopt;
     position_ = begin + 1;
     const Mark mark = begin == bracket_ ? Mark::kHeader : Mark::kBlock;

@@ -61,8 +61,7 @@ class LineReader {
 /// block may follow there. A block that is never closed ends a section, but hides nothing.
 class MarkReader {
  public:
-  explicit MarkReader(std::string_view text)
-      : text_(text), bracket_(text.find('[')), angle_(text.find('<')) {}
+  explicit MarkReader(std::string_view text) : text_(text), bracket_(text.find('[')) {}
   /// Both give nothing at the end of the text. What is not asked for is passed over, so a reader is
   /// asked either for headers or for blocks.
   [[nodiscard]] std::optional<TextLine> NextHeader();
@@ -77,7 +76,6 @@ class MarkReader {
   std::string_view text_;
   std::size_t position_ = 0;
   std::size_t bracket_;
-  std::size_t angle_;
   std::size_t terminator_ = 0;  ///< of a block; the text is searched for it only once
   std::size_t blockEnd_ = 0;    ///< behind the last block
 };
