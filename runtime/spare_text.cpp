@@ -1,6 +1,8 @@
 #include "runtime/spare_text.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 
 #include "runtime/text.h"
 
@@ -8,20 +10,29 @@ namespace qixx::runtime {
 namespace {
 
 constexpr std::size_t kBase64LineLength = 64;
+/// Bytes that four characters stand for.
+constexpr std::size_t kGroup = 3;
 
 std::size_t Base64Length(std::size_t length) {
-  return (length + 2) / 3 * 4;
+  return (length + kGroup - 1) / kGroup * 4;
 }
 
-/// Writes the characters of one group of up to three bytes.
-void EncodeGroup(std::span<const std::uint8_t> group, char* out) {
-  const std::uint32_t bits = static_cast<std::uint32_t>(group[0]) << 16 |
-                             static_cast<std::uint32_t>(group.size() > 1 ? group[1] : 0) << 8 |
-                             static_cast<std::uint32_t>(group.size() > 2 ? group[2] : 0);
-  out[0] = kBase64Alphabet[bits >> 18];
-  out[1] = kBase64Alphabet[bits >> 12 & 0x3F];
-  out[2] = group.size() > 1 ? kBase64Alphabet[bits >> 6 & 0x3F] : '=';
-  out[3] = group.size() > 2 ? kBase64Alphabet[bits & 0x3F] : '=';
+/// The two characters of each number of 12 bits.
+using CharacterPair = std::array<char, 2>;
+constexpr std::array<CharacterPair, 1 << 12> kPairs = [] {
+  std::array<CharacterPair, 1 << 12> pairs{};
+  for (std::size_t bits = 0; bits < pairs.size(); ++bits) {
+    pairs[bits] = {kBase64Alphabet[bits >> 6], kBase64Alphabet[bits & 0x3F]};
+  }
+  return pairs;
+}();
+
+/// Writes the four characters of three bytes.
+void EncodeGroup(const std::uint8_t* bytes, char* out) {
+  const std::uint32_t bits = static_cast<std::uint32_t>(bytes[0]) << 16 |
+                             static_cast<std::uint32_t>(bytes[1]) << 8 | bytes[2];
+  std::memcpy(out, kPairs[bits >> 12].data(), 2);
+  std::memcpy(out + 2, kPairs[bits & 0xFFF].data(), 2);
 }
 
 }  // namespace
@@ -37,11 +48,16 @@ std::optional<std::string> Duplicate(const char* text) {
 }
 
 std::string Base64Encode(std::span<const std::uint8_t> data) {
-  std::string text(Base64Length(data.size()), '\0');
+  std::string text(Base64Length(data.size()), '=');
   char* group = text.data();
-  for (std::size_t at = 0; at < data.size(); at += 3, group += 4) {
-    EncodeGroup(data.subspan(at, std::min<std::size_t>(3, data.size() - at)), group);
+  for (; data.size() >= kGroup; data = data.subspan(kGroup), group += 4) {
+    EncodeGroup(data.data(), group);
   }
+  if (data.empty()) return text;
+  std::array<std::uint8_t, kGroup> last{};
+  std::ranges::copy(data, last.begin());
+  EncodeGroup(last.data(), group);
+  std::fill(group + data.size() + 1, group + 4, '=');
   return text;
 }
 
