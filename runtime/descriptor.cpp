@@ -50,10 +50,10 @@ bool IsStill(const struct stat& known, int descriptor) {
 std::optional<std::string> ReadToEnd(const Descriptor& file, std::size_t maxLength) {
   const auto reported = static_cast<std::size_t>(StatusOf(file).st_size);
   if (reported > maxLength) return std::nullopt;
-  // The first step takes in the reported size, and one read more shows the end of the file. What
+  // The first step asks for one byte more than is reported, which shows the end of the file. What
   // has no size (a file of /proc) or grows meanwhile is followed step by step.
   std::string content;
-  std::size_t step = reported / kReadStep * kReadStep + kReadStep;
+  std::size_t step = reported == 0 ? kReadStep : reported + 1;
   for (;;) {
     const std::size_t used = content.size();
     content.resize(used + step);
