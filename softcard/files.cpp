@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <charconv>
 #include <memory>
-#include <sstream>
 
 namespace qixx::softcard {
 namespace {
@@ -92,13 +91,13 @@ std::vector<std::string> ListNames(int folder) {
 
 std::vector<Setting> ReadSettings(std::string_view text) {
   std::vector<Setting> settings;
-  std::istringstream lines{std::string(text)};
-  lines.exceptions(std::ios::badbit);  // otherwise lack of memory would look like the end
-  for (std::string line; std::getline(lines, line);) {
-    if (line.ends_with('\r')) line.pop_back();
+  while (!text.empty()) {
+    std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    if (line.ends_with('\r')) line.remove_suffix(1);
     const std::size_t equals = line.find('=');
-    if (equals == 0 || equals == std::string::npos || line.front() == '#') continue;
-    settings.push_back({line.substr(0, equals), line.substr(equals + 1)});
+    if (equals == 0 || equals == std::string_view::npos || line.front() == '#') continue;
+    settings.push_back({std::string(line.substr(0, equals)), std::string(line.substr(equals + 1))});
   }
   return settings;
 }
