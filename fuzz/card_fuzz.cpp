@@ -183,7 +183,7 @@ void TryFile(watch::CardReader& card, const char* command) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzzing::Input input(data, size);
   runtime::InitProductIdentity();
-  watch::BeginEventOfFiles();  // each input has its own time
+  watch::BeginEventEdits();  // each input has its own time
   runtime::TraceSetCallback(RequirePlainLine);
   testing::ScriptedReader card;
   std::string noted;

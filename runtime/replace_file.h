@@ -1,13 +1,13 @@
 // Giving a file a new content so that nobody ever sees half of it.
 //
 // The new content is a file of its own beside the old one, under a name that begins with
-// kTemporaryHead. It gets the old one's owner, group, permissions and access list, and takes its
-// name when all of it is on the disk. Until then only the service's user can open it. A left-over
-// of a process that was killed on the way is removed at the next write into that folder; one that
-// somebody still writes is locked (flock) and so known.
+// kTemporaryHead. While it is written only the service's user can open it; then it gets the old
+// one's owner, group, permissions and access list, and takes its name when all of it is on the
+// disk. A left-over of a process that was killed on the way is removed at the next write into that
+// folder; one that somebody still writes is locked (flock) and so known.
 //
-// All operations may be called from any thread. Nothing is thrown and nothing is allocated, so a
-// destructor may write.
+// All operations may be called from any thread. Nothing is thrown, and the write itself needs no
+// memory, so a destructor may write.
 #pragma once
 
 #include <string_view>
@@ -21,11 +21,13 @@ inline constexpr std::string_view kTemporaryHead = ".qixxwatch-new-";
 
 /// Makes `text` the content of the file at `place`; `old` is that file, open for reading and
 /// writing. Whatever fails or dies on the way, the file holds all of the old content or all of the
-/// new. Two cases leave only writing the old one in place, which is traced, and where that ends in
-/// the middle told on standard error as well; it then must have one name: the folder takes no new
-/// file (or gives the name to none, as with a mounted file), or a new one cannot have the old one's
-/// owner, or its group or access list where these decide who may read or write. False when the
-/// content is not the new one, and then traced; ScarceMeans tells of a full disk.
+/// new. False when the content is not the new one, and then traced; ScarceMeans tells of a full
+/// disk.
+///
+/// The old file is written in place only where (1) the folder takes no new file or the name cannot
+/// be given away, as with a mounted file, or (2) a new file cannot have the old one's owner, or its
+/// group or access list where these decide who may read or write. The old file must have one name
+/// then. The trace says so; a write that ends in the middle is also told on standard error.
 [[nodiscard]] bool ReplaceFile(const FilePlace& place, const Descriptor& old,
                                std::string_view text);
 

@@ -34,10 +34,9 @@ class CCritical {
   /// Idempotent; called by the constructor.
   std::uint32_t Initialise();
   /// Idempotent; called by the destructor. When the platform refuses to destroy the mutex, its
-  /// memory is deliberately kept.
+  /// memory is kept: somebody may be in it.
   std::uint32_t Destroy();
-  /// Blocks until the section is held. The caller is recorded as owner even when locking failed,
-  /// deliberately.
+  /// Blocks until the section is held. The caller is recorded as owner even when locking failed.
   std::uint32_t Enter();
   std::uint32_t Leave();
   /// spare.

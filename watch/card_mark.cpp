@@ -52,8 +52,8 @@ std::uint64_t Hash(std::string_view text) {
   return hash;
 }
 
-/// A section that is too long, or not alone, ends in a hash of all there is to tell, behind a '~'
-/// that no other has.
+/// A name that is too long, or of a watcher with a command of its own, ends in '~' and a hash of
+/// section and command. No other name holds a '~'.
 std::string NameOf(std::string_view section, std::string_view command) {
   std::string name = Encode(section);
   if (command.empty() && name.size() <= kMaxName) return name;
@@ -76,13 +76,13 @@ CardMark::CardMark(std::string_view section, std::string_view command)
 
 void CardMark::Set() const {
   if (folder_.empty()) return;
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW;
+  constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
+  errno = 0;
   const runtime::Descriptor folder = OpenFolder(folder_);
-  runtime::Descriptor file;
-  if (folder.IsOpen()) {
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    file = runtime::Descriptor(::openat(folder.Get(), name_.c_str(), kFlags, S_IRUSR | S_IWUSR));
-  }
-  if (file.IsOpen()) return;
+  const bool isKept =
+      folder.IsOpen() && runtime::OpenRegular(name_, kFlags, kOwnerOnly, folder.Get()).IsOpen();
+  if (isKept) return;
   const int error = errno;
   runtime::TraceWrite("Watch - Failed to keep '%s' in '%s' (%d)", runtime::MaskedText(name_).Text(),
                       runtime::MaskedText(folder_).Text(), error);

@@ -26,7 +26,7 @@ struct LogonValues {
 
 /// The values of the logon credential. The match "fast" takes the name that the suite notes on the
 /// token in `slot` for whoever is logged on, if there is one. With kNoSlot, which is what commands
-/// and --list pass, a name so noted gives no credential, as intended: their placeholders stay.
+/// and --list pass, a name so noted gives no credential: their placeholders stay.
 [[nodiscard]] std::optional<LogonValues> FindLogonCredential(CardReader& card,
                                                              std::string_view match,
                                                              CK_SLOT_ID slot);

@@ -39,11 +39,11 @@ enum class Answer { kNone, kFailed, kDone, kNoMemory };
 struct PendingEdit {
   std::string path;
   EditKind kind;
-  std::function<bool()> run;
+  std::function<bool()> run = {};
   runtime::ThreadId askedBy;
-  std::optional<RunningJob> job;  ///< until the answer is there
-  bool isOutdated = false;        ///< another card has gone since; the main thread's
-  bool wasScarce = false;         ///< said before the answer
+  std::optional<RunningJob> job = {};  ///< until the answer is there
+  bool isOutdated = false;             ///< another card has gone since; the main thread's
+  bool wasScarce = false;              ///< said before the answer
   std::atomic<Answer> answer{Answer::kNone};
 };
 
@@ -51,7 +51,7 @@ using EditPointer = std::shared_ptr<PendingEdit>;
 
 /// The main thread's, which alone waits.
 constinit std::int64_t patience = kFilePatience;
-constinit std::atomic<unsigned> removals{0};
+constinit std::atomic<unsigned> cardsGone{0};
 
 /// The edits that were given up, one of a path.
 struct LateEdits {
@@ -187,19 +187,19 @@ bool RunBehindLate(const std::string& path, const std::function<bool()>& edit) {
 
 }  // namespace
 
-void BeginEventOfFiles(std::int64_t milliseconds) {
+void BeginEventEdits(std::int64_t milliseconds) {
   patience = milliseconds;
   FileScope::BeginEvent();
 }
 
-void BeginRemovalOfFiles() {
-  ++removals;
+void NoteCardGone() {
+  ++cardsGone;
   const runtime::CriticalScope hold(&Late().lock);
   for (const EditPointer& edit : Late().all) edit->isOutdated = true;
 }
 
-unsigned RemovalsOfFiles() {
-  return removals;
+unsigned CardsGone() {
+  return cardsGone;
 }
 
 bool EditInTime(const std::string& path, EditKind kind, std::function<bool()> edit) {
@@ -211,8 +211,8 @@ bool EditInTime(const std::string& path, EditKind kind, std::function<bool()> ed
     const bool isSame = kind == late->kind && !IsDoneWith(late);
     if (isSame && late->answer == Answer::kDone) return true;
   }
-  const EditPointer pending(
-      new PendingEdit{path, kind, std::move(edit), runtime::ThreadSelf(), {}, {}, {}, {}});
+  const EditPointer pending(new PendingEdit{
+      .path = path, .kind = kind, .run = std::move(edit), .askedBy = runtime::ThreadSelf()});
   pending->job.emplace();
   return RunInTime(pending);
 }

@@ -12,24 +12,26 @@ namespace qixx::watch {
 /// How long the edits of one event may keep it waiting together, in milliseconds.
 inline constexpr std::int64_t kFilePatience = 5000;
 
-/// From here on the edits that the main thread asks for are those of another event. They may wait
-/// for the locks of folders again, too (watch/file_scope.h).
-void BeginEventOfFiles(std::int64_t patience = kFilePatience);
+/// From here on the edits that the main thread asks for are those of another event, which may keep
+/// it waiting for so long. They may wait for the locks of folders again, too (watch/file_scope.h).
+void BeginEventEdits(std::int64_t milliseconds = kFilePatience);
 
 /// A card has gone, and this is not another try of its removal: its fills are not written any more,
 /// and what was cleared late before is no answer to who clears now.
-void BeginRemovalOfFiles();
-/// How often that was called. An event knows the number of its time (watch/event.h).
-[[nodiscard]] unsigned RemovalsOfFiles();
+void NoteCardGone();
+/// How many cards have gone. An event notes the number at its time (watch/event.h).
+[[nodiscard]] unsigned CardsGone();
 
 enum class EditKind { kFill, kClear, kRestoreAndClear };
 
 /// Runs `edit`, which changes the file at `path`, and returns its answer; its std::bad_alloc
-/// arrives here too. What the main thread asks for runs on a thread of its own. False, and traced,
-/// when the answer is not there in time: the edit goes on then, and until it has ended each other
-/// one of that path is refused, on another thread it waits. ScarceMeans tells of both, so that a
-/// removal tries again; what it cleared late is done then, and not done twice. Where no thread is
-/// to be had the main thread waits without an end.
+/// arrives here too. What the main thread asks for runs on a thread of its own.
+///
+/// False, and traced, when the answer does not come in time. The edit then goes on. Until it has
+/// ended, the main thread is refused every other edit of that path, and other threads wait for it.
+/// In both cases ScarceMeans counts, so that a removal tries again. When a clearing has meanwhile
+/// ended well, the next try of the same kind answers true and does not edit again. Where there is
+/// no thread to be had, the main thread waits without an end.
 bool EditInTime(const std::string& path, EditKind kind, std::function<bool()> edit);
 
 }  // namespace qixx::watch

@@ -16,11 +16,11 @@ enum class EventKind { kInsert, kRemove };
 struct WatchEvent {
   EventKind kind = EventKind::kInsert;
   CK_SLOT_ID slot = 0;
-  std::string match = {};                 ///< which card's certificate counts
-  std::uint64_t wait = 0;                 ///< seconds to wait in front of the commands
-  bool show = true;                       ///< programs are not started hidden
-  bool terminate = false;                 ///< programs are remembered for the removal
-  unsigned removals = RemovalsOfFiles();  ///< up to it
+  std::string match = {};            ///< which card's certificate counts
+  std::uint64_t wait = 0;            ///< seconds to wait in front of the commands
+  bool show = true;                  ///< programs are not started hidden
+  bool terminate = false;            ///< programs are remembered for the removal
+  unsigned cardsGone = CardsGone();  ///< before it
 
   [[nodiscard]] bool IsInsert() const { return kind == EventKind::kInsert; }
   /// An insert of a card always has a slot, so only a simulation inserts into none.

@@ -35,23 +35,27 @@ bool StillHolds(const CWatchOptions& record, const WatchEvent& event, config::CC
          (event.terminate && IsSlotProcessRunning(event.slot));
 }
 
-/// The gate in front of the handlers: true when the handler is to proceed. Waits the seconds that
-/// the event names, asking three times in each whether it still holds; false at once when it does
-/// not, or when the process is asked to stop. Without a wait nothing is asked. Opens `config` for
-/// itself, which shows in the trace.
-bool WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event, const Platform& platform,
-                     config::CConfig& config) {
-  if (event.wait == 0) return true;
+/// How the wait in front of the commands ended: kUnread is kOver without a configuration.
+enum class WaitEnd { kPassed, kOver, kUnread };
+
+/// The gate in front of the handlers: kPassed when the handler is to proceed. Waits the seconds
+/// that the event names, asking three times in each whether it still holds; over at once when it
+/// does not, or when the process is asked to stop. Without a wait nothing is asked. Opens a
+/// configuration of its own, which shows in the trace.
+WaitEnd WaitBeforeEvent(const CWatchOptions& record, const WatchEvent& event,
+                        const Platform& platform) {
+  if (event.wait == 0) return WaitEnd::kPassed;
   // Without a configuration the remove section counts as having no ordinary command.
-  static_cast<void>(LoadProductConfiguration(config));
+  config::CConfig config;
+  const WaitEnd over = LoadProductConfiguration(config) ? WaitEnd::kOver : WaitEnd::kUnread;
 
   const std::uint64_t rounds = WaitRounds(event.wait);
   for (std::uint64_t round = 0; round < rounds; ++round) {
-    if (!StillHolds(record, event, config, platform.card)) return false;
+    if (!StillHolds(record, event, config, platform.card)) return over;
     EventHook(record, event.kind);
-    if (WatchPause(platform, kWaitPause) == WakeUp::kStop) return false;
+    if (WatchPause(platform, kWaitPause) == WakeUp::kStop) return over;
   }
-  return true;
+  return WaitEnd::kPassed;
 }
 
 // --- insert -------------------------------------------------------------------------------------
@@ -139,63 +143,64 @@ void RunOrOwe(const WatchEvent& event, std::string text, const Platform& platfor
 
 /// All commands run, whatever becomes of each: a removal has to leave everything locked and
 /// cleared.
-void RemoveSection(config::CConfig& config, const CWatchOptions& record, const WatchEvent& event,
-                   const Platform& platform, OwedRemoval& owed) {
+OwedRemoval RemoveSection(config::CConfig& config, const CWatchOptions& record,
+                          const WatchEvent& event, const Platform& platform) {
+  OwedRemoval owed;
   const std::optional<std::string> section = BuildEventSection(event.kind, record.section);
-  if (!section) return;
+  if (!section) return owed;
   for (unsigned number = 1;; ++number) {
     std::optional<std::string> text = ReadEventEntry(config, *section, number, kMaxRemoveEntry);
     // The environment may have entries where there is no file.
     if (!text && number == 1) owed.isUnread = !config.HasText();
-    if (!text) return;
+    if (!text) return owed;
     platform.manager.Alive();
     if (!text->empty()) RunOrOwe(event, *std::move(text), platform, owed.commands);
   }
 }
 
-/// False when it was cut short.
-bool RunRemoveCommands(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
-                       OwedRemoval& owed) {
+OwedRemoval RemoveDirect(const CWatchOptions& record, const WatchEvent& event,
+                         const Platform& platform) {
+  OwedRemoval owed;
+  const bool isForInserts = record.rest.starts_with(kInsertOnlyMark);
+  if (!isForInserts) RunOrOwe(event, record.rest, platform, owed.commands);
+  return owed;
+}
+
+OwedRemoval RunRemoveCommands(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   const WatchEvent event = EventOf(record, EventKind::kRemove, slot);
   config::CConfig config;
   // A configuration that does not load has no entries, so it runs no remove commands.
   const bool isLoaded = LoadProductConfiguration(config);
-  config::CConfig waiting;
-  if (!WaitBeforeEvent(record, event, platform, waiting)) {
-    // The wait says no too where the configuration could not be read: the removal then waits for
+  if (const WaitEnd wait = WaitBeforeEvent(record, event, platform); wait != WaitEnd::kPassed) {
+    // The wait is over too where the configuration could not be read: the removal then waits for
     // that. What a stop cuts off stays owed as a whole.
-    const bool isRead = isLoaded && waiting.HasText();
-    owed.isUnread = !isRead && FormOf(record) == CommandForm::kSection;
-    return !StopRequested();
+    const bool isRead = isLoaded && wait != WaitEnd::kUnread;
+    return {.isWhole = StopRequested(),
+            .isUnread = !isRead && FormOf(record) == CommandForm::kSection};
   }
   EventHook(record, event.kind);
   EndKeywordProcess(record);
   switch (FormOf(record)) {
     case CommandForm::kDirect:
-      if (!record.rest.starts_with(kInsertOnlyMark))
-        RunOrOwe(event, record.rest, platform, owed.commands);
-      break;
+      return RemoveDirect(record, event, platform);
     case CommandForm::kSection:
-      RemoveSection(config, record, event, platform, owed);
-      break;
+      return RemoveSection(config, record, event, platform);
     case CommandForm::kKeyword:
-      owed.isWhole = !RestoreKeywordFile(record);
-      break;
+      return {.isWhole = !RestoreKeywordFile(record)};
   }
-  return true;
+  return {};
 }
 
 }  // namespace
 
 bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Inserted event ...");
-  BeginEventOfFiles();
+  BeginEventEdits();
   const runtime::ScarceMeans scarce;
   WatchEvent event;
   bool success = RunGuarded([&] {
     event = EventOf(record, EventKind::kInsert, slot);
-    config::CConfig config;
-    return WaitBeforeEvent(record, event, platform, config);
+    return WaitBeforeEvent(record, event, platform) == WaitEnd::kPassed;
   });
   if (success) {
     EventHook(record, EventKind::kInsert);
@@ -209,10 +214,9 @@ bool OnInsertEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platf
 
 OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform) {
   runtime::TraceWrite("Watch - Remove event ...");
-  BeginEventOfFiles();
-  OwedRemoval owed;
-  if (!RunGuarded([&] { return RunRemoveCommands(record, slot, platform, owed); }))
-    owed.isWhole = true;
+  BeginEventEdits();
+  OwedRemoval owed{.isWhole = true};  // should memory run out on the way
+  RunStep([&] { owed = RunRemoveCommands(record, slot, platform); });
   if (owed.isUnread) {
     RunStep([] { runtime::NotifyOnce("a removal ran nothing: " + WhyMissing("text")); });
   }
@@ -223,10 +227,11 @@ OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform
   return owed;
 }
 
-void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
-                     std::list<std::string>& commands, std::int64_t patience) {
+std::list<std::string> RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot,
+                                       const Platform& platform, std::list<std::string> commands,
+                                       std::int64_t milliseconds) {
   runtime::TraceWrite("Watch - Owed remove commands ...");
-  BeginEventOfFiles(patience);
+  BeginEventEdits(milliseconds);
   RunStep([&] {
     const WatchEvent event = EventOf(record, EventKind::kRemove, slot);
     commands.remove_if([&](const std::string& text) {
@@ -234,6 +239,7 @@ void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platfor
       return RunRemoveCommand(platform.card, event, text);
     });
   });
+  return commands;
 }
 
 }  // namespace qixx::watch

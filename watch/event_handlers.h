@@ -1,9 +1,10 @@
 // The two event handlers, and the wait in front of them.
 //
-// They run on the loop's thread; each opens and releases a configuration of its own. They keep no
-// state between events beside the record's process id and the terminate list. Nothing is thrown by
-// the handlers: memory that runs out fails the commands of an insert, or puts off the one command
-// of a removal, and the handler goes on to its end.
+// They run on the loop's thread; each opens and releases a configuration of its own. Beyond an
+// event they change only the record's process id, the terminate list, what is left of the parallel
+// commands of an older removal, and how long files may keep the next ones waiting. Nothing is
+// thrown by the handlers: memory that runs out fails the commands of an insert, or puts off the one
+// command of a removal, and the handler goes on to its end.
 #pragma once
 
 #include <cstdint>
@@ -33,10 +34,12 @@ struct OwedRemoval {
 };
 /// Runs all commands of a removal, and ends what the insert started for the slot.
 OwedRemoval OnRemoveEvent(CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform);
-/// Tries the commands that a removal of the slot left; those that have to be tried again stay.
-/// Files may keep it waiting for so long (BeginEventOfFiles).
-void RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot, const Platform& platform,
-                     std::list<std::string>& commands, std::int64_t patience);
+/// Tries the commands that a removal of the slot left, and returns those that have to be tried
+/// again. `milliseconds`: how long files may keep it waiting.
+[[nodiscard]] std::list<std::string> RunOwedCommands(const CWatchOptions& record, CK_SLOT_ID slot,
+                                                     const Platform& platform,
+                                                     std::list<std::string> commands,
+                                                     std::int64_t milliseconds);
 
 /// Called in each round of a wait, and before and after the commands; nothing to do on this
 /// platform.

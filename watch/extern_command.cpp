@@ -54,7 +54,7 @@ bool AskLibrary(CardReader& card, const WatchEvent& event, std::string_view text
   const std::optional<std::string> answer = ReadAnswer(library, reader, parts->arguments);
   if (!answer) return false;
   const runtime::ScarceMeans scarce;
-  WriteLogonName(parts->file, {AnswerField(*answer, 0), AnswerField(*answer, 1)}, event.removals);
+  WriteLogonName(parts->file, {AnswerField(*answer, 0), AnswerField(*answer, 1)}, event.cardsGone);
   // The library has answered: a removal does not ask it again for the sake of the file.
   if (!event.IsInsert()) scarce.TakeBack();
   return true;

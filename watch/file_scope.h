@@ -13,8 +13,8 @@ struct FolderQueue;
 /// watchers answer the same event, often with the same file. What is locked is the file's folder,
 /// because the file itself is replaced, so a file system that gives no answer holds up no other.
 /// Threads wait for each other without end. Anybody may hold the lock against other services, so
-/// that one is not waited for without end (see BeginEvent), and a file system may have none: losing
-/// a value of two writers is the worst that comes of going on without it.
+/// for that one nobody waits longer than BeginEvent says, and a file system may have none: losing a
+/// value of two writers is the worst that comes of going on without it.
 class FileScope {
  public:
   explicit FileScope(const std::string& path);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -52,6 +53,8 @@ using EntryName = std::pair<std::string, std::string>;
 /// which tells the caller that there are too many.
 std::vector<EntryName> FindEntries(std::string_view text, std::string_view name) {
   std::vector<EntryName> found;
+  // A text can repeat the same ones for millions of lines.
+  std::set<std::pair<std::string_view, std::string_view>> known;
   std::optional<std::string_view> firstSection;
   config::EntryReader entries(text);
   while (found.size() <= kMaxSetEntries) {
@@ -59,8 +62,8 @@ std::vector<EntryName> FindEntries(std::string_view text, std::string_view name)
     if (!names) break;
     if (!firstSection) firstSection = names->section;
     if (!runtime::EqualsNoCase(names->entry, name)) continue;
-    EntryName entry(names->section, names->entry);
-    if (std::ranges::find(found, entry) == found.end()) found.push_back(std::move(entry));
+    const bool isNew = known.emplace(names->section, names->entry).second;
+    if (isNew) found.emplace_back(names->section, names->entry);
   }
   if (found.empty() && firstSection) found.emplace_back(*firstSection, name);
   return found;
@@ -324,12 +327,12 @@ bool FillAll(EditedFile& file, const LogonValues& values) {
 }
 
 /// What the steps make of the text becomes the file's. They own what they need: they may run later.
-/// A fill is dropped when a card has gone since there were so many removals.
+/// A fill is dropped when more cards have gone than at its event.
 template <typename Steps>
-bool Edit(const std::string& path, EditKind kind, unsigned removals, Steps steps) {
-  return EditInTime(path, kind, [path, kind, removals, steps = std::move(steps)] {
+bool Edit(const std::string& path, EditKind kind, unsigned cardsGone, Steps steps) {
+  return EditInTime(path, kind, [path, kind, cardsGone, steps = std::move(steps)] {
     EditedFile file(path);
-    const auto isTooLate = [=] { return kind == EditKind::kFill && RemovalsOfFiles() != removals; };
+    const auto isTooLate = [=] { return kind == EditKind::kFill && CardsGone() != cardsGone; };
     const bool done = steps(file) && !isTooLate() && file.Write();
     if (!done && !isTooLate()) file.NotifyFailure();
     return done;
@@ -338,14 +341,14 @@ bool Edit(const std::string& path, EditKind kind, unsigned removals, Steps steps
 
 }  // namespace
 
-bool WriteLogonValues(const std::string& path, const LogonValues& values, unsigned removals) {
-  return Edit(path, EditKind::kFill, removals,
+bool WriteLogonValues(const std::string& path, const LogonValues& values, unsigned cardsGone) {
+  return Edit(path, EditKind::kFill, cardsGone,
               [values](EditedFile& file) { return file.SaveOrRestore() && FillAll(file, values); });
 }
 
-bool WriteLogonName(const std::string& path, const LogonName& name, unsigned removals) {
+bool WriteLogonName(const std::string& path, const LogonName& name, unsigned cardsGone) {
   if (path.empty() || (name.user.empty() && name.domain.empty())) return true;
-  return Edit(path, EditKind::kFill, removals, [name](EditedFile& file) {
+  return Edit(path, EditKind::kFill, cardsGone, [name](EditedFile& file) {
     return file.Read() && file.SetIfPresent(kUserNameKey, name.user) &&
            file.SetIfPresent(kDomainKey, name.domain);
   });
@@ -354,21 +357,21 @@ bool WriteLogonName(const std::string& path, const LogonName& name, unsigned rem
 bool ClearLogonValues(const std::string& path, bool restore) {
   if (path.empty()) return true;
   const EditKind kind = restore ? EditKind::kRestoreAndClear : EditKind::kClear;
-  return Edit(path, kind, RemovalsOfFiles(), [restore](EditedFile& file) {
+  return Edit(path, kind, CardsGone(), [restore](EditedFile& file) {
     return (restore ? file.SaveOrRestore() : file.Read()) && file.Clear();
   });
 }
 
 bool SetConfigValue(const std::string& path, std::string_view name, std::string_view value) {
   if (path.empty() || name.empty()) return true;
-  return Edit(path, EditKind::kFill, RemovalsOfFiles(),
+  return Edit(path, EditKind::kFill, CardsGone(),
               [name = std::string(name), value = std::string(value)](EditedFile& file) {
                 return file.Read() && file.Set(name, value);
               });
 }
 
 bool BackupOrRestoreConfigFile(const std::string& path) {
-  return Edit(path, EditKind::kFill, RemovalsOfFiles(),
+  return Edit(path, EditKind::kFill, CardsGone(),
               [](EditedFile& file) { return file.SaveOrRestore(); });
 }
 

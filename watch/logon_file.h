@@ -23,30 +23,31 @@ namespace qixx::watch {
 inline constexpr std::size_t kMaxSetEntries = 1000;
 /// The most bytes of its text that one operation walks, whatever is written in there. Each key
 /// walks it once and once more for each entry that it sets, each placeholder that is in there once;
-/// see ReplaceAll. A text that may have
-/// section names of older versions counts 256 times for each key.
+/// see ReplaceAll. A text that may have section names of older versions counts 256 times for each
+/// key.
 inline constexpr std::size_t kMaxWalked = std::size_t{1} << 28;
 
-/// What an insert makes of the file: its saved state (see BackupOrRestoreConfigFile) with all
-/// values that are not empty. Nothing, and false, when a card has gone since there were so many
-/// `removals` (RemovalsOfFiles).
+/// What an insert makes of the file: its state as it was saved, all values that are not empty
+/// filled in; one that was never saved is saved first. `cardsGone` is CardsGone() at the event:
+/// when a card has gone since, nothing is written and the answer is false.
 [[nodiscard]] bool WriteLogonValues(const std::string& path, const LogonValues& values,
-                                    unsigned removals);
+                                    unsigned cardsGone);
 /// Writes the user name and the domain under their keys; an empty one leaves the file's own, and an
 /// empty path names no file. Nothing when a card has gone since, as above.
-bool WriteLogonName(const std::string& path, const LogonName& name, unsigned removals);
+bool WriteLogonName(const std::string& path, const LogonName& name, unsigned cardsGone);
 /// Empties what a removal clears (see NamedPlaceholder), with `restore` in the file as it was
 /// saved; one that was never saved is saved first then. An empty path names no file.
 bool ClearLogonValues(const std::string& path, bool restore);
 
-/// Writes one value into an existing configuration file. A name that begins with '%' is a
+/// spare: writes one value into an existing configuration file. A name that begins with '%' is a
 /// placeholder in the file's text. Any other is a configuration key: the entry of that name gets
 /// the value, in each section and in any letter case. Of one that a section has twice, and of
 /// sections of one name, only the first is changed. Where there is no such entry, the section of
 /// the file's first entry gets a new one. Nothing happens without a path or a name.
 bool SetConfigValue(const std::string& path, std::string_view name, std::string_view value);
-/// Saves a copy beside the file (".org") or, when there is one, restores the file from it. The copy
-/// is a regular file with one name, no link, and belongs to the service's user or the file's owner.
+/// spare: saves a copy beside the file (".org") or, when there is one, restores the file from it.
+/// The copy is a regular file with one name, no link, and belongs to the service's user or the
+/// file's owner.
 bool BackupOrRestoreConfigFile(const std::string& path);
 /// What is wrong with the saved copy that a file has; empty when nothing is, or there is none.
 /// Changes nothing and holds nothing.

@@ -21,7 +21,7 @@ bool SetOnInsert(CardReader& card, const WatchEvent& event, const SetOptions& op
   runtime::TraceWrite("Watch - Logon credential: '%s'", values->upn.c_str());
   runtime::TraceWrite("Watch - Logon subject:    '%s'", values->subject.c_str());
   if (options.config.empty()) return !options.registry.empty();
-  return WriteLogonValues(options.config, *values, event.removals);
+  return WriteLogonValues(options.config, *values, event.cardsGone);
 }
 
 bool SetOnRemove(const SetOptions& options) {

@@ -234,14 +234,13 @@ class SlotWatch {
   }
   void RunNewRemoval(CK_SLOT_ID slot) {
     owedRounds_ = 0;
-    RunStep(&BeginRemovalOfFiles);
+    RunStep(&NoteCardGone);
     RunRemoval(slot);
   }
   /// What is owed of a removal is so to the next rounds or to the next start: the mark stays, as
   /// that of a card that is forgotten without a removal.
   void RunRemoval(CK_SLOT_ID slot) {
     isMarkDue_ = false;
-    owed_.isWhole = true;  // should memory run out on the way
     owedSlot_ = slot;
     owed_ = OnRemoveEvent(record_, slot, platform_);
     if (owed_.IsNothing()) Settle();
@@ -262,7 +261,8 @@ class SlotWatch {
     const bool isRare = isCardIn && owed_.isWhole;
     if (!event && !(isRare ? owedRounds_ % kEagerRounds == 0 : IsTurn(owedRounds_))) return;
     if (owed_.isWhole) return RunRemoval(owedSlot_);
-    RunOwedCommands(record_, owedSlot_, platform_, owed_.commands, isCardIn ? 0 : kFilePatience);
+    owed_.commands = RunOwedCommands(record_, owedSlot_, platform_, std::move(owed_.commands),
+                                     isCardIn ? 0 : kFilePatience);
     if (owed_.IsNothing()) Settle();
   }
   void Settle() {
@@ -349,7 +349,7 @@ WatchEnd RunWatch(CWatchOptions& record, const Platform& platform) {
   if (end == WatchEnd::kDone && !RunWithLibrary(record, platform)) end = WatchEnd::kNoMemory;
   if (end == WatchEnd::kNoCommands) {
     runtime::TraceWrite("Watch - No event commands available");
-    NotifyWithoutCommands(record);
+    RunStep([&] { NotifyWithoutCommands(record); });
   }
   runtime::TraceWrite("Watch - Stopped");
   return end;

@@ -14,8 +14,6 @@
 
 #include "runtime/clock.h"
 #include "runtime/descriptor.h"
-#include "runtime/trace.h"
-#include "watch/platform.h"
 
 namespace qixx::watch {
 namespace {
@@ -66,7 +64,7 @@ bool IsPassedOn(const siginfo_t& signal) {
 void NoteStop(int signal, siginfo_t* details, void* /*context*/) {
   const int callerError = errno;
   if (!IsPassedOn(*details) && signalled.exchange(true)) {
-    // It waits until this handler has returned.
+    // The signal is delivered when this handler has returned.
     ::signal(signal, SIG_DFL);
     ::raise(signal);
   }
@@ -162,30 +160,6 @@ WakeUp StoppableClock::Wait(unsigned milliseconds, int descriptor) {
     if (left <= 0) break;
   }
   return stopRequested ? WakeUp::kStop : WakeUp::kTimePassed;
-}
-
-WakeUp WatchWait(Clock& clock, unsigned milliseconds, int descriptor) {
-  try {
-    return clock.Wait(milliseconds, descriptor);
-  } catch (...) {
-    runtime::TraceWrite("Watch - Sleep exception");
-    return StopRequested() ? WakeUp::kStop : WakeUp::kTimePassed;
-  }
-}
-
-bool WatchSleep(Clock& clock, unsigned milliseconds) {
-  return WatchWait(clock, milliseconds, kNoDescriptor) != WakeUp::kStop;
-}
-
-WakeUp WatchPause(const Platform& platform, unsigned milliseconds, int descriptor) {
-  unsigned left = milliseconds;
-  for (;;) {
-    platform.manager.Alive();
-    const unsigned step = std::min(left, platform.manager.LongestPause());
-    const WakeUp wakeUp = WatchWait(platform.clock, step, descriptor);
-    left -= step;
-    if (left == 0 || wakeUp != WakeUp::kTimePassed) return wakeUp;
-  }
 }
 
 }  // namespace qixx::watch

@@ -47,7 +47,7 @@ const std::string kCleared = "[Mail]\nUsername=\nDomain=\nName=%USERNAME% of %DO
 class LogonFile : public ::testing::Test {
  protected:
   /// No test waits for less because of the one before it.
-  LogonFile() { watch::BeginEventOfFiles(); }
+  LogonFile() { watch::BeginEventEdits(); }
 
   bool Insert(const std::string& options) { return Run(EventKind::kInsert, options); }
   bool Remove(const std::string& options) { return Run(EventKind::kRemove, options); }
@@ -281,13 +281,14 @@ TEST_F(LogonFile, HeldFolderKeepsNoOtherWaitingAndDropsTheFillOfACardThatHasGone
   std::optional<watch::FileScope> held(std::in_place, file_);
   const TemporaryFolder elsewhere;
   EXPECT_TRUE(watch::SetConfigValue(elsewhere.Write("a.conf", kOriginal), "Domain", "x"));
-  watch::BeginEventOfFiles(10);
-  EXPECT_FALSE(watch::WriteLogonName(file_, ann, event.removals)) << "it goes on";
-  watch::BeginRemovalOfFiles();
+  watch::BeginEventEdits(10);
+  EXPECT_FALSE(watch::WriteLogonName(file_, ann, event.cardsGone)) << "it goes on";
+  watch::NoteCardGone();
   held.reset();
   EXPECT_TRUE(watch::WaitForJobs(15'000));
   EXPECT_EQ(Text(), before);
-  EXPECT_FALSE(watch::WriteLogonName(file_, ann, event.removals)) << "asked for behind the removal";
+  EXPECT_FALSE(watch::WriteLogonName(file_, ann, event.cardsGone))
+      << "asked for behind the removal";
   EXPECT_EQ(Text(), before);
 }
 
@@ -440,12 +441,12 @@ TEST(EditInTime, GoesOnWithoutAnAnswerAndDoesNothingTwiceOrOutOfOrder) {
         {EditKind::kClear, EditKind::kClear, false, "l"},
         {EditKind::kClear, EditKind::kClear, true, "la"}}) {
     Edits edits;
-    watch::BeginEventOfFiles(10);
+    watch::BeginEventEdits(10);
     EXPECT_FALSE(edits.Ask(late, 'l'));
-    watch::BeginEventOfFiles(60'000);
+    watch::BeginEventEdits(60'000);
     EXPECT_FALSE(edits.Ask(next, 'b')) << "nobody waits behind it";
     EXPECT_TRUE(watch::EditInTime("/other", EditKind::kClear, [] { return true; }));
-    if (isOutdated) watch::BeginRemovalOfFiles();
+    if (isOutdated) watch::NoteCardGone();
     edits.Answer();
     EXPECT_TRUE(edits.Ask(next, 'a'));
     EXPECT_EQ(edits.done, done);
