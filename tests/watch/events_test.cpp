@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <new>
 
 #include "runtime/children.h"
+#include "runtime/descriptor.h"
 #include "runtime/product.h"
 #include "tests/support/environment.h"
 #include "tests/support/eventually.h"
@@ -285,6 +287,11 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   EXPECT_EQ(LoopRun(desk, record).Slots(), "Disconnected slot 0;") << "for an unreadable one";
   fs::create_symlink("/etc/passwd", folder.Path("card-Watch"));
   EXPECT_EQ(Watch(true, {{0, {}}}), "") << "no file of ours";
+  ASSERT_EQ(::mkfifo(folder.Path("card-Pipe").c_str(), 0600), 0);
+  const runtime::Descriptor reader(::open(folder.Path("card-Pipe").c_str(), O_RDONLY | O_NONBLOCK));
+  const TraceCapture trace;
+  watch::CardMark("Pipe", "").Set();
+  EXPECT_TRUE(trace.Has("Watch - Failed to keep 'card-Pipe' in '" + folder.Path() + "' (0)"));
   watch::CardMark("Watch", "one command").Set();
   EXPECT_FALSE(watch::CardMark("Watch", "another").IsSet());
   EXPECT_TRUE(watch::CardMark("Watch", "one command").IsSet());
