@@ -70,43 +70,30 @@ bool Fail(CardReader& /*card*/, const WatchEvent& /*event*/, std::string_view /*
 
 struct CommandKeyword {
   std::string_view head;
-  bool removeOnly;
   CommandKind kind;
   bool (*run)(CardReader& card, const WatchEvent& event, std::string_view text);
+  /// Nothing is said of what a program makes of its start, and the rest fails never or always.
+  bool mayFail = false;
+  bool removeOnly = false;
 };
 
 /// In the order in which they are tried; the last one is the head of everything. Registry commands
 /// and the means to close windows or end programs by name do nothing on this platform, with the
 /// results that lists of commands rely on.
 constexpr CommandKeyword kCommandKeywords[] = {
-    {"parallel ", false, CommandKind::kParallel, RunParallel},
-    {"-l", true, CommandKind::kFailure, Fail},
-    {kRegistryKeyword, false, CommandKind::kNothing, Succeed},
-    {"set ", false, CommandKind::kSet, RunSetKeyword},
-    {"script ", false, CommandKind::kDocument, OpenDocument},
-    {"open ", false, CommandKind::kDocument, OpenDocument},
-    {kCloseKeyword, false, CommandKind::kFailure, Fail},
-    {kKillKeyword, false, CommandKind::kNothing, Succeed},
-    {"load ", false, CommandKind::kLoad, RunLoad},
-    {"extern ", false, CommandKind::kExtern, RunExtern},
-    {"application ", false, CommandKind::kApplication, RunApplication},
-    {"", false, CommandKind::kProgram, RunProgram},
+    {"parallel ", CommandKind::kParallel, RunParallel},
+    {.head = "-l", .kind = CommandKind::kFailure, .run = Fail, .removeOnly = true},
+    {kRegistryKeyword, CommandKind::kNothing, Succeed},
+    {.head = "set ", .kind = CommandKind::kSet, .run = RunSetKeyword, .mayFail = true},
+    {"script ", CommandKind::kDocument, OpenDocument},
+    {"open ", CommandKind::kDocument, OpenDocument},
+    {kCloseKeyword, CommandKind::kFailure, Fail},
+    {kKillKeyword, CommandKind::kNothing, Succeed},
+    {.head = "load ", .kind = CommandKind::kLoad, .run = RunLoad, .mayFail = true},
+    {.head = "extern ", .kind = CommandKind::kExtern, .run = RunExtern, .mayFail = true},
+    {"application ", CommandKind::kApplication, RunApplication},
+    {"", CommandKind::kProgram, RunProgram},
 };
-
-/// Nothing is said of what a program makes of its start, and the rest fails never or always.
-bool MayFail(const CommandKeyword& keyword) {
-  switch (keyword.kind) {
-    case CommandKind::kProgram:
-    case CommandKind::kApplication:
-    case CommandKind::kParallel:
-    case CommandKind::kDocument:
-    case CommandKind::kNothing:
-    case CommandKind::kFailure:
-      return false;
-    default:
-      return true;
-  }
-}
 
 const CommandKeyword& FindKeyword(EventKind kind, std::string_view text) {
   return *std::ranges::find_if(kCommandKeywords, [kind, text](const CommandKeyword& keyword) {
@@ -125,7 +112,7 @@ CommandParts SplitCommand(EventKind kind, std::string_view text) {
 std::vector<std::string_view> KeywordsThatMayFail() {
   std::vector<std::string_view> names;
   for (const CommandKeyword& keyword : kCommandKeywords) {
-    if (MayFail(keyword)) names.push_back(runtime::DropTrailingBlanks(keyword.head));
+    if (keyword.mayFail) names.push_back(runtime::DropTrailingBlanks(keyword.head));
   }
   return names;
 }

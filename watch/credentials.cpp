@@ -10,18 +10,18 @@ namespace {
 constexpr std::string_view kFastMatch = "fast";
 constexpr std::string_view kActiveLogonName = "ActiveLogonUPN";
 
-/// A cleaned value, empty when it is too long to be one.
-std::string LogonValue(std::string_view value) {
+/// A cleaned value, nothing when it is too long to be one.
+std::string ValueOrNothing(std::string_view value) {
   return value.size() > kMaxLogonValue ? std::string() : CleanCardText(value);
 }
 
-/// The first characters of a text that is too long to be a value.
-std::string_view FirstCharacters(std::string_view text) {
-  if (text.size() <= kMaxLogonValue) return text;
+/// A cleaned value, cut when it is too long to be one.
+std::string CutValue(std::string_view text) {
+  if (text.size() <= kMaxLogonValue) return CleanCardText(text);
   const auto isTail = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; };
   std::size_t length = kMaxLogonValue;
   while (length > 0 && isTail(text[length])) --length;
-  return text.substr(0, length);
+  return CleanCardText(text.substr(0, length));
 }
 
 std::optional<Selection> SelectCredential(CardReader& card, std::string_view match) {
@@ -33,7 +33,7 @@ std::optional<Selection> SelectCredential(CardReader& card, std::string_view mat
 std::optional<LogonValues> FindLogonCredential(CardReader& card, std::string_view match,
                                                CK_SLOT_ID slot) {
   if (runtime::EqualsNoCase(match, kFastMatch)) {
-    const std::string upn = LogonValue(card.TokenVariable(slot, kActiveLogonName).value_or(""));
+    const std::string upn = ValueOrNothing(card.TokenVariable(slot, kActiveLogonName).value_or(""));
     if (!upn.empty()) {
       runtime::TraceWrite("Watch - Found active logon UPN %s", upn.c_str());
       if (slot == kNoSlot) return std::nullopt;
@@ -43,9 +43,9 @@ std::optional<LogonValues> FindLogonCredential(CardReader& card, std::string_vie
   const std::optional<Selection> found = SelectCredential(card, match);
   if (!found) return std::nullopt;
   // A subject is cut where the other values are left out: its first components still tell who.
-  return LogonValues{.upn = LogonValue(found->values.upn),
-                     .subject = LogonValue(FirstCharacters(found->values.subject)),
-                     .serial = LogonValue(found->values.serial)};
+  return LogonValues{.upn = ValueOrNothing(found->values.upn),
+                     .subject = CutValue(found->values.subject),
+                     .serial = ValueOrNothing(found->values.serial)};
 }
 
 bool IsCredentialStillPresent(CardReader& card, std::string_view match) {
