@@ -9,10 +9,12 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <optional>
 #include <utility>
 
 #include "pkcs11/entry.h"
 #include "runtime/clock.h"
+#include "runtime/text.h"
 
 namespace qixx::bridge {
 namespace {
@@ -30,10 +32,11 @@ constexpr timespec kCancelPause = {0, 2'000'000};
 
 constexpr PcscWord kStateChanged = 0x2;
 
-std::vector<std::string_view> NamesIn(const std::vector<char>& list) {
+std::vector<std::string_view> NamesIn(std::string_view list) {
   std::vector<std::string_view> names;
-  for (std::size_t at = 0; at < list.size() && list[at] != '\0'; at += names.back().size() + 1) {
-    names.emplace_back(&list[at]);
+  while (!list.empty() && list.front() != '\0') {
+    names.push_back(runtime::UpToZero(list));
+    list.remove_prefix(names.back().size() + 1);
   }
   return names;
 }
@@ -162,11 +165,12 @@ void EventWatch::Disconnect() {
 
 /// Waits for one change. False when the connection is of no more use.
 bool EventWatch::WaitForChange() {
-  if (!connection_.ReadNames(names_)) return false;
-  const bool isNewList = names_ != current_;
+  const std::optional<std::string_view> names = connection_.ReadNames();
+  if (!names) return false;
+  const bool isNewList = *names != current_;
   if (isNewList) {
-    NoteGone();
-    current_ = names_;
+    NoteGone(*names);
+    current_ = *names;
     event_.Raise();
   }
   std::array<PcscReaderState, kMaxReaders> states{};
@@ -200,12 +204,12 @@ bool EventWatch::WaitForChange() {
          result == PcscResult::kUnknownReader;
 }
 
-void EventWatch::NoteGone() {
-  const std::vector<std::string_view> names = NamesIn(names_);
+void EventWatch::NoteGone(std::string_view names) {
+  const std::vector<std::string_view> listed = NamesIn(names);
   const runtime::CriticalScope hold(&goneGuard_);
   for (const std::string_view name : NamesIn(current_)) {
     const bool isNoted = std::ranges::find(gone_, name) != gone_.end();
-    if (!isNoted && std::ranges::find(names, name) == names.end()) gone_.emplace_back(name);
+    if (!isNoted && std::ranges::find(listed, name) == listed.end()) gone_.emplace_back(name);
   }
 }
 

@@ -84,7 +84,7 @@ class EventWatch {
   bool Connect();
   void Disconnect();
   bool WaitForChange();
-  void NoteGone();
+  void NoteGone(std::string_view names);
   bool TakeStates(std::span<const PcscReaderState> states);
   [[nodiscard]] PcscWord KnownState(std::string_view name) const;
 
@@ -100,8 +100,7 @@ class EventWatch {
   std::vector<std::string> gone_;
   // The thread's own.
   ReaderFilter filter_;
-  std::vector<char> names_;
-  std::vector<char> current_;  ///< the names of the last round
+  std::string current_;  ///< the names of the last round, as ReadNames gives them
   std::vector<Known> known_;
   bool wasUnknown_ = false;  ///< the last wait ended at once, for a reader that it did not know
 };

@@ -72,25 +72,25 @@ void PcscConnection::Close() {
   isOpen_ = false;
 }
 
-bool PcscConnection::ReadNames(std::vector<char>& names) {
-  names.resize(std::max(names.capacity(), kInitialNames));
+std::optional<std::string_view> PcscConnection::ReadNames() {
+  names_.resize(std::max(names_.capacity(), kInitialNames));
   for (;;) {
-    PcscWord size = names.size();
+    PcscWord size = names_.size();
     // NOLINTNEXTLINE: what is open has the functions
-    const PcscResult result = ResultOf(Pcsc().list(context_, nullptr, names.data(), &size));
-    if (result == PcscResult::kInsufficientBuffer && size > names.size() && size <= kMaxNames) {
-      names.resize(size);
+    const PcscResult result = ResultOf(Pcsc().list(context_, nullptr, names_.data(), &size));
+    if (result == PcscResult::kInsufficientBuffer && size > names_.size() && size <= kMaxNames) {
+      names_.resize(size);
       continue;
     }
-    if (result != PcscResult::kSuccess || size < 2 || size > names.size()) {
-      names.assign(1, '\0');
+    if (result != PcscResult::kSuccess || size < 2 || size > names_.size()) {
       // Anything else says that the service is away, or that it is another one.
-      return result == PcscResult::kSuccess || result == PcscResult::kNoReaders;
+      if (result != PcscResult::kSuccess && result != PcscResult::kNoReaders) return std::nullopt;
+      return kNoNames;
     }
-    names.resize(size);
+    names_.resize(size);
     // Two zero bytes end the list, also that of a service that does not write them.
-    names[size - 2] = names[size - 1] = '\0';
-    return true;
+    names_[size - 2] = names_[size - 1] = '\0';
+    return std::string_view(names_.data(), names_.size());
   }
 }
 

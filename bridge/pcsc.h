@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -41,6 +42,9 @@ inline constexpr PcscWord kPcscInfinite = 0xFFFFFFFF;
 /// The name of a reader that is none: its state changes when readers come and go.
 inline constexpr const char* kPcscReaderNotifier = "\\\\?PnP?\\Notification";
 
+/// A list of reader names without any.
+inline constexpr std::string_view kNoNames("\0", 1);
+
 /// PC/SC knows no more readers, and refuses a question that is about more than these.
 inline constexpr std::size_t kMaxReaders = 16;
 
@@ -55,17 +59,18 @@ class PcscConnection {
   PcscConnection(const PcscConnection&) = delete;
   PcscConnection& operator=(const PcscConnection&) = delete;
 
-  /// Each try may start the service; one that refuses writes that down each time.
+  /// Each try may start the service. A service that refuses logs each refusal, so do not call it
+  /// often.
   bool Open();
   void Close();
   /// Instead of Close in a forked child: the connection is the parent's.
   void Abandon() { isOpen_ = false; }
   [[nodiscard]] bool IsOpen() const { return isOpen_; }
 
-  /// The names of the readers, each ended by a zero byte, then an empty one; no name when there are
-  /// no readers, or after a failure. False when the connection is of no more use. Allocates nothing
-  /// while `names` has room. May throw std::bad_alloc.
-  [[nodiscard]] bool ReadNames(std::vector<char>& names);
+  /// The names of the readers, each ended by a zero byte, then an empty one: a view into the
+  /// connection's own buffer, valid until the next call. Nothing when the connection is of no more
+  /// use. Allocates only to make the buffer larger than ever before. May throw std::bad_alloc.
+  [[nodiscard]] std::optional<std::string_view> ReadNames();
   /// Waits, at most so many milliseconds, until a state differs from the known one. For at most
   /// kMaxReaders.
   [[nodiscard]] PcscResult WaitForChange(PcscWord timeout, std::span<PcscReaderState> readers);
@@ -76,9 +81,10 @@ class PcscConnection {
  private:
   long context_ = 0;
   bool isOpen_ = false;
+  std::vector<char> names_;
 };
 
-/// The part of a reader's name that a slot description has room for.
+/// The part of a reader's name that a slot description has room for, without trailing blanks.
 [[nodiscard]] std::string_view CutReaderName(std::string_view name);
 
 }  // namespace qixx::bridge

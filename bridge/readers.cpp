@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 #include "runtime/clock.h"
 #include "runtime/text.h"
@@ -10,7 +11,7 @@ namespace qixx::bridge {
 namespace {
 
 /// Between two tries to connect, in milliseconds. Each may start the service, and one that fails
-/// again and again is given up by who starts it; one that refuses writes that down each time.
+/// again and again is given up by who starts it; a service that refuses logs each refusal.
 constexpr std::int64_t kConnectPause = 3000;
 
 }  // namespace
@@ -21,15 +22,16 @@ std::string_view DescriptionText(const CK_SLOT_INFO& info) {
 
 bool Readers::Poll() {
   const bool wasConnected = connection_.IsOpen();
-  if (!Connect()) {
-    names_.assign(1, '\0');
-  } else if (!connection_.ReadNames(names_)) {
-    connection_.Close();
+  std::string_view names = kNoNames;
+  if (Connect()) {
+    const std::optional<std::string_view> listed = connection_.ReadNames();
+    if (!listed) connection_.Close();
+    names = listed.value_or(kNoNames);
   }
   bool changed = wasConnected != connection_.IsOpen();
-  if (names_ != current_) {
+  if (names != current_) {
     changed = true;
-    TakeNames();
+    TakeNames(names);
   }
   if (!readers_.empty() && !ReadStates()) {
     // A reader went between the two questions. The next poll sees which.
@@ -67,16 +69,16 @@ bool Readers::Connect() {
 
 /// A reader that stays keeps its state, for when the next question fails. One that was away may
 /// have another card, even when its counter is the same.
-void Readers::TakeNames() {
+void Readers::TakeNames(std::string_view names) {
   std::vector<Reader> readers;
-  for (const char* name = names_.data(); *name != '\0' && readers.size() < kMaxReaders;) {
-    const std::string_view whole(name);
+  for (std::string_view rest = names; !rest.starts_with('\0') && readers.size() < kMaxReaders;) {
+    const std::string_view whole = runtime::UpToZero(rest);
     const std::string_view cut = CutReaderName(whole);
     const Reader* const known = Find(cut);
     readers.push_back(known != nullptr ? *known : Reader{std::string(cut), ++arrivals_, {}});
-    name += whole.size() + 1;
+    rest.remove_prefix(whole.size() + 1);
   }
-  current_ = names_;
+  current_ = names;
   readers_.swap(readers);
 }
 

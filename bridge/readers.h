@@ -60,12 +60,11 @@ class Readers {
  private:
   bool Connect();
   bool ReadStates();
-  void TakeNames();
+  void TakeNames(std::string_view names);
 
   PcscConnection connection_;
   std::int64_t connectAfter_ = 0;  ///< not before then, in milliseconds
-  std::vector<char> names_;        ///< as PC/SC lists them: each terminated, then an empty one
-  std::vector<char> current_;      ///< those of the last poll
+  std::string current_;            ///< the names of the last poll, as ReadNames gives them
   std::vector<Reader> readers_;
   std::uint64_t arrivals_ = 0;
 };
