@@ -51,8 +51,8 @@ class FieldReader {
 };
 
 /// The list of purposes of the extended key usage.
-Bytes PurposesOf(const CertificateHolder& holder) {
-  return ContentOf(ContentOf(holder.certificate.GetExtension(kExtendedKeyUsage)));
+Bytes PurposesOf(const CDerCert& certificate) {
+  return ContentOf(ContentOf(certificate.GetExtension(kExtendedKeyUsage)));
 }
 
 /// Takes the next purpose off the list; what is no identifier is passed over.
@@ -265,21 +265,21 @@ CertificatePtr LoadCertificate(Bytes bytes) {
   return LoadDer(runtime::Base64Decode(runtime::AsText(bytes)));
 }
 
-Bytes GetSerialNumber(const CertificateHolder& holder) {
-  return ContentOf(holder.certificate.SerialNumber());
+Bytes GetSerialNumber(const CDerCert& certificate) {
+  return ContentOf(certificate.SerialNumber());
 }
 
-bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpose) {
-  Bytes rest = PurposesOf(holder);
+bool HasExtendedKeyUsage(const CDerCert& certificate, std::string_view purpose) {
+  Bytes rest = PurposesOf(certificate);
   while (const std::optional<std::string> found = TakePurpose(rest)) {
     if (*found == purpose) return true;
   }
   return false;
 }
 
-std::vector<std::string> GetExtendedKeyUsages(const CertificateHolder& holder) {
+std::vector<std::string> GetExtendedKeyUsages(const CDerCert& certificate) {
   std::vector<std::string> purposes;
-  Bytes rest = PurposesOf(holder);
+  Bytes rest = PurposesOf(certificate);
   while (std::optional<std::string> purpose = TakePurpose(rest)) {
     if (!purpose->empty()) purposes.push_back(*std::move(purpose));
   }

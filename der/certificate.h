@@ -135,12 +135,12 @@ using CertificatePtr = std::unique_ptr<CertificateHolder>;
 // --- questions about a certificate ------------------------------------------------------------
 
 /// The content bytes of the serial number, a leading zero byte included; empty when there are none.
-[[nodiscard]] Bytes GetSerialNumber(const CertificateHolder& holder);
+[[nodiscard]] Bytes GetSerialNumber(const CDerCert& certificate);
 
-[[nodiscard]] bool HasExtendedKeyUsage(const CertificateHolder& holder, std::string_view purpose);
+[[nodiscard]] bool HasExtendedKeyUsage(const CDerCert& certificate, std::string_view purpose);
 /// The purposes of the extended key usage, dotted, in their order; what is no identifier is left
 /// out.
-[[nodiscard]] std::vector<std::string> GetExtendedKeyUsages(const CertificateHolder& holder);
+[[nodiscard]] std::vector<std::string> GetExtendedKeyUsages(const CDerCert& certificate);
 
 /// The last byte of the key-usage bits, 0 when they cannot be read. Nothing without such an
 /// extension.

@@ -49,17 +49,19 @@ std::optional<std::string> GetPrincipalName(const CertificateHolder& holder, boo
 
 std::optional<std::string> GetLogonName(const CertificateHolder& holder,
                                         bool smartCardLogonRequired, bool emailAllowed) {
-  if (smartCardLogonRequired && !HasExtendedKeyUsage(holder, kSmartCardLogon)) return std::nullopt;
+  if (smartCardLogonRequired && !HasExtendedKeyUsage(holder.certificate, kSmartCardLogon))
+    return std::nullopt;
   std::optional<std::string> name = GetPrincipalName(holder, false);
   return name || !emailAllowed ? name : GetPrincipalName(holder, true);
 }
 
 CertificateLogonValues GetLogonValues(const CertificateHolder& holder, bool smartCardLogonRequired,
                                       bool emailAllowed) {
-  if (smartCardLogonRequired && !HasExtendedKeyUsage(holder, kSmartCardLogon)) return {};
+  if (smartCardLogonRequired && !HasExtendedKeyUsage(holder.certificate, kSmartCardLogon))
+    return {};
   return {.upn = GetLogonName(holder, false, emailAllowed).value_or(std::string()),
           .subject = std::string(holder.certificate.GetSubjectText()),
-          .serial = runtime::HexEncode(GetSerialNumber(holder))};
+          .serial = runtime::HexEncode(GetSerialNumber(holder.certificate))};
 }
 
 }  // namespace qixx::der

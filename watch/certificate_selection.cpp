@@ -49,8 +49,9 @@ Trial TryCertificate(const der::CertificateHolder& holder, const CredentialMatch
   Trial trial = {Verdict::kTaken, der::GetLogonValues(holder, forLogon, !forLogon)};
   if (!trial.values.upn.empty()) return trial;
   if (!forLogon) return {Verdict::kWithoutNames};
-  return {der::HasExtendedKeyUsage(holder, der::kSmartCardLogon) ? Verdict::kWithoutName
-                                                                 : Verdict::kNotForLogon};
+  return {der::HasExtendedKeyUsage(holder.certificate, der::kSmartCardLogon)
+              ? Verdict::kWithoutName
+              : Verdict::kNotForLogon};
 }
 
 }  // namespace

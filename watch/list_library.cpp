@@ -154,19 +154,20 @@ class Asking {
   void AddCertificate(const der::CertificateHolder& holder, Verdict verdict) {
     const der::CDerCert& certificate = holder.certificate;
     der::Validity validity = certificate.GetValidity();
-    listing_.certificates.push_back({.slot = static_cast<CK_SLOT_ID>(holder.rawSlot),
-                                     .label = {},
-                                     .subject = std::string(certificate.GetSubjectText()),
-                                     .issuer = std::string(certificate.GetIssuerText()),
-                                     .upn = der::GetPrincipalName(holder, false).value_or(""),
-                                     .email = der::GetPrincipalName(holder, true).value_or(""),
-                                     .serial = runtime::HexEncode(der::GetSerialNumber(holder)),
-                                     .usages = der::GetKeyUsages(certificate),
-                                     .purposes = der::GetExtendedKeyUsages(holder),
-                                     .notBefore = std::move(validity.notBefore),
-                                     .notAfter = std::move(validity.notAfter),
-                                     .isExpired = certificate.IsExpired(),
-                                     .verdict = verdict});
+    listing_.certificates.push_back(
+        {.slot = static_cast<CK_SLOT_ID>(holder.rawSlot),
+         .label = {},
+         .subject = std::string(certificate.GetSubjectText()),
+         .issuer = std::string(certificate.GetIssuerText()),
+         .upn = der::GetPrincipalName(holder, false).value_or(""),
+         .email = der::GetPrincipalName(holder, true).value_or(""),
+         .serial = runtime::HexEncode(der::GetSerialNumber(certificate)),
+         .usages = der::GetKeyUsages(certificate),
+         .purposes = der::GetExtendedKeyUsages(certificate),
+         .notBefore = std::move(validity.notBefore),
+         .notAfter = std::move(validity.notAfter),
+         .isExpired = certificate.IsExpired(),
+         .verdict = verdict});
   }
 
   /// Reads the card's certificate objects as the collection does, one by one, for their labels and
