@@ -205,18 +205,6 @@ bool CConfigFile::SectionExists(std::string_view section) {
   return FindHeader(text_, section, IsExactHeaderOf).has_value();
 }
 
-std::optional<ConfigEntry> CConfigFile::EnumEntries(std::size_t& index) {
-  const std::size_t wanted = index++;
-  if (!entryCursor_ || nextEntry_ != wanted) {
-    entryCursor_.emplace(text_);
-    nextEntry_ = 0;
-  }
-  while (const std::optional<EntryReader::Names> names = entryCursor_->Next()) {
-    if (nextEntry_++ == wanted) return ConfigEntry{CutName(names->section), CutName(names->entry)};
-  }
-  return std::nullopt;
-}
-
 // --- changes ----------------------------------------------------------------------------------
 
 ConfigResult CConfigFile::Grow(std::size_t bytes) {

@@ -41,6 +41,18 @@ std::optional<std::vector<std::uint8_t>> CConfigFile::GetBlock(std::string_view 
   return data;
 }
 
+std::optional<ConfigEntry> CConfigFile::EnumEntries(std::size_t& index) {
+  const std::size_t wanted = index++;
+  if (!entryCursor_ || nextEntry_ != wanted) {
+    entryCursor_.emplace(text_);
+    nextEntry_ = 0;
+  }
+  while (const std::optional<EntryReader::Names> names = entryCursor_->Next()) {
+    if (nextEntry_++ == wanted) return ConfigEntry{CutName(names->section), CutName(names->entry)};
+  }
+  return std::nullopt;
+}
+
 std::optional<std::string> CConfigFile::EnumSectionEntries(std::string_view section,
                                                            std::size_t& index) {
   const std::size_t wanted = index++;

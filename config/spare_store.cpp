@@ -78,6 +78,12 @@ std::optional<std::vector<std::uint8_t>> CConfig::GetBlock(std::string_view name
 
 // --- changing ---------------------------------------------------------------------------------
 
+ConfigResult CConfig::SetString(std::string_view section, std::string_view entry,
+                                std::string_view value) {
+  if (items_[0] == nullptr) return ConfigResult::kFailed;
+  return items_[0]->SetValue(section, entry, value);
+}
+
 ConfigResult CConfig::SetInteger(std::string_view section, std::string_view entry,
                                  std::int32_t value) {
   return SetString(section, entry, std::to_string(value));

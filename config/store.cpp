@@ -199,14 +199,6 @@ CConfigItem* CConfig::Item(std::size_t index) const {
   return index < std::size(items_) ? items_[index].get() : nullptr;
 }
 
-// --- changing ---------------------------------------------------------------------------------
-
-ConfigResult CConfig::SetString(std::string_view section, std::string_view entry,
-                                std::string_view value) {
-  if (items_[0] == nullptr) return ConfigResult::kFailed;
-  return items_[0]->SetValue(section, entry, value);
-}
-
 // --- conditions -------------------------------------------------------------------------------
 
 std::string_view CConfig::Resolve(std::string_view value) {

@@ -37,7 +37,6 @@ inline constexpr std::uint8_t kTagBitString = 0x03;
 inline constexpr std::uint8_t kTagOctetString = 0x04;
 inline constexpr std::uint8_t kTagOid = 0x06;
 inline constexpr std::uint8_t kTagSequence = 0x30;
-inline constexpr std::uint8_t kTagSet = 0x31;
 
 /// Indefinite lengths inside each other; no certificate comes near it.
 inline constexpr int kMaxNesting = 32;
