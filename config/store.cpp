@@ -195,6 +195,11 @@ bool CConfig::HasText() const {
   return FirstAnswer([](const CConfigItem& item) { return !item.GetText().value_or("").empty(); });
 }
 
+std::optional<std::string_view> CConfig::GetText(std::size_t item) const {
+  const CConfigItem* const held = Item(item);
+  return held == nullptr ? std::nullopt : held->GetText();
+}
+
 CConfigItem* CConfig::Item(std::size_t index) const {
   return index < std::size(items_) ? items_[index].get() : nullptr;
 }

@@ -85,8 +85,9 @@ class CConfig {
   /// True when at least one open item holds a text that is not empty: a configuration that
   /// "loaded".
   [[nodiscard]] bool HasText() const;
-  /// The held item (0 or 1), or null.
-  [[nodiscard]] CConfigItem* Item(std::size_t index) const;
+  /// The whole text of one item, 0 or 1: a view that holds until that item is changed, opened or
+  /// closed. Nothing where no item is open.
+  [[nodiscard]] std::optional<std::string_view> GetText(std::size_t item) const;
 
   /// Where OpenAll finds the user's file, and both it and OpenDefault the system's. OpenAll makes
   /// the user's directory when it is missing; here nothing is made.
@@ -127,6 +128,8 @@ class CConfig {
                                 std::span<const std::uint8_t> data);
 
  private:
+  /// Null where no item is open.
+  [[nodiscard]] CConfigItem* Item(std::size_t index) const;
   /// The first answer that an open item gives, else none (false).
   template <typename Ask>
   auto FirstAnswer(const Ask& ask) const -> decltype(ask(*Item(0))) {

@@ -216,8 +216,7 @@ std::string CheckedConfiguration::Load(CheckedRole role, const std::string& path
   std::string fault = file.Load(path);
   if (fault.empty() && role == CheckedRole::kSystem) {
     static_cast<void>(store_.OpenItem(false, path));
-    const config::CConfigItem* const item = store_.Item(0);
-    isSameText_ = item != nullptr && !file.IsCut() && item->GetText() == file.Text();
+    isSameText_ = !file.IsCut() && store_.GetText(0) == file.Text();
   }
   return fault;
 }
