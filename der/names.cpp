@@ -145,7 +145,7 @@ bool MatchItem(Bytes name, std::string_view text, std::string_view item) {
 std::size_t ValueLength(std::string_view text) {
   std::size_t at = 0;
   while (at < text.size() && !IsSeparator(text[at])) at += text[at] == kEscape ? 2U : 1U;
-  return at < text.size() ? at : text.size();
+  return std::min(at, text.size());
 }
 
 /// The next component as it stands in the text, escapes included.
