@@ -58,7 +58,7 @@ inline constexpr std::string_view kOldGeneral = "Admin Utility";
                                                            std::string_view oldName,
                                                            std::string_view newName);
 /// Puts the new name into every header of the old one. The letter case of the old name counts here,
-/// deliberately, unlike everywhere else.
+/// unlike everywhere else.
 [[nodiscard]] std::string RewriteHeaders(std::string_view text, std::string_view oldName,
                                          std::string_view newName);
 

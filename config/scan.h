@@ -123,9 +123,9 @@ struct SectionSpan {
 [[nodiscard]] LineReader LinesOf(std::string_view text, const SectionSpan& section);
 /// The first section of that name.
 [[nodiscard]] std::optional<SectionSpan> FindSection(std::string_view text, std::string_view name);
-/// What goes when a section of that name is deleted, but not the line end in front of the next
-/// header or block: preferably of the first whose header stands directly behind an LF, and that LF
-/// goes with it. Empty when there is none.
+/// What to cut out to delete a section of that name. The first whose header directly follows an LF
+/// counts, and that LF is cut too; without such a one, the first of all. The line end in front of
+/// the next header or block stays. Empty when there is none.
 [[nodiscard]] TextRange FindCutOfSection(std::string_view text, std::string_view name);
 
 /// Where an entry is, or where it would be put.

@@ -96,7 +96,7 @@ ConfigResult CConfigFile::AddValue(std::string_view section, std::string_view en
   const std::string entryName = OneLine(entry);
   if (!hasText_ || sectionName.empty() || !IsEntryName(entryName)) return ConfigResult::kFailed;
   const std::optional<SectionSpan> found = FindSection(text_, sectionName);
-  // A missing section is added in front of everything, unlike in SetValue: both are intended.
+  // A missing section comes in front of everything; SetValue puts it behind everything.
   const std::size_t position = found ? found->insertion : 0;
   const std::string head =
       found ? std::string(MissingLineEnd(text_, position)) + '\n' : SectionHead(sectionName);

@@ -1,8 +1,8 @@
 // Spare: asked of this layer by the suite's design, built, called by nothing in this
 // program. The recorder of the settings that a program reads.
 //
-// The environment names the file; where it names none, the file is "0" in the current directory, as
-// intended. Only items of kind kRecorded have their settings recorded, and this program has none.
+// The environment names the file; where it names none, the file is "0" in the current directory.
+// Only items of kind kRecorded have their settings recorded, and this program has none.
 #pragma once
 
 #include <string_view>

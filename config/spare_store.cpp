@@ -10,7 +10,7 @@
 namespace qixx::config {
 namespace {
 
-// A number's text is cut there.
+/// So many characters of such a number's text are read.
 constexpr std::size_t kMaxItemInteger = 15;
 
 /// Signed numbers are decimal; a hexadecimal one has no sign.

@@ -135,7 +135,7 @@ std::optional<ConfigPath> CConfig::LocateGlobal() {
     return ConfigPath{*std::move(path),
                       perUser ? PathOrigin::kPerUserInstall : PathOrigin::kSystemDirectory};
   }
-  // The directory to fall back on is deliberately empty: the file of the current directory.
+  // Intended: trials without installation rely on the file of the current directory.
   return ConfigPath{std::string(file), PathOrigin::kCurrentDirectory};
 }
 

@@ -43,7 +43,7 @@ struct ConfigPath {
   PathOrigin origin = PathOrigin::kSystemDirectory;
 };
 
-/// A longer text of a number is cut there.
+/// So many characters of a number's text are read.
 inline constexpr std::size_t kMaxNumber = 16;
 
 /// The item that was opened first has the first place. It alone can be writable, and is what all
@@ -51,7 +51,7 @@ inline constexpr std::size_t kMaxNumber = 16;
 class CConfig {
  public:
   CConfig() = default;
-  /// As Close(true); a failure to write back is lost there, so whoever changes something closes.
+  /// Closes as Close(true) does, but cannot tell that a write failed: call Close after a change.
   virtual ~CConfig();
   CConfig(const CConfig&) = delete;
   CConfig& operator=(const CConfig&) = delete;

@@ -14,8 +14,8 @@ namespace {
 /// Keeps a text of nothing but tiny lines from taking many times its size.
 constexpr std::size_t kMaxNodes = 999'999;
 
-/// Deliberately other rules than those of the text scan: "#" is an ordinary character here, "//" is
-/// not, and an indented line is ignored.
+/// Other rules than those of the text scan: "#" is an ordinary character here, "//" is not, and an
+/// indented line is ignored.
 bool IsTreeComment(std::string_view line) {
   return line.front() == ';' || line.starts_with("//");
 }

@@ -50,7 +50,8 @@ class TreeReader {
 
 class LookupTree {
  public:
-  /// Copies and parses the text. Null when it has more than a million sections and entries.
+  /// Copies and parses the text. Null for a text of a million sections and entries, or nearly:
+  /// it is then scanned.
   [[nodiscard]] static std::unique_ptr<const LookupTree> Build(std::string_view text);
   LookupTree(const LookupTree&) = delete;
   LookupTree& operator=(const LookupTree&) = delete;

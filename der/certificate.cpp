@@ -130,6 +130,8 @@ DerResult CDerCert::SetData(Bytes bytes) {
 DerResult CDerCert::DecodeCertificate(Bytes bytes) {
   static_cast<void>(CDer::SetData(bytes));
   const Bytes copy = WorkingCopy();
+  // The header is decoded twice, and one that cannot be read is traced twice. Both lines are to
+  // stay.
   if (const std::optional<DerLength> length = DecodeLength(copy)) {
     ShortenData(length->header + length->content);
   }

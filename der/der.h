@@ -2,9 +2,9 @@
 //
 // The readers work in place: what they hand out are views into the caller's bytes. Input may come
 // from anywhere. Nothing behind it is ever read, nesting is bounded, and one pass over an element
-// takes time linear in its size. A length that cannot be read is traced once, by DecodeLength;
-// every other failure is the caller's to report. All functions may be called from any thread; an
-// object belongs to one at a time.
+// takes time linear in its size. DecodeLength traces a length that cannot be read, each time that
+// it is asked; every other failure is the caller's to report. All functions may be called from any
+// thread; an object belongs to one at a time.
 //
 //   Bytes rest = sequence.Content();
 //   while (const std::optional<DerElement> element = TakeElement(rest)) {
@@ -116,7 +116,7 @@ struct OidRecord {
 /// The object identifier at the start of `bytes` as dotted text. Subidentifiers are printed as
 /// signed 32-bit numbers. kTooSmall when the text would be longer than `maxLength` (which is at
 /// most kMaxOidText): the text then ends with the last number that fits. It is empty for kWrongTag
-/// and kBadLength. An identifier without content is an empty text and kOk, as intended.
+/// and kBadLength. An identifier without content is an empty text and kOk.
 [[nodiscard]] OidRecord OidToText(Bytes bytes, std::size_t maxLength = kMaxOidText);
 
 // --- objects ----------------------------------------------------------------------------------
