@@ -71,10 +71,12 @@ std::string UtcNow() {
   const year_month_day date(midnight);
   const hh_mm_ss time(now - midnight);
   std::int64_t number = 100 + static_cast<int>(date.year()) % 100;
-  number = number * 10'000 + static_cast<unsigned>(date.month()) * 100 +
-           static_cast<unsigned>(date.day());
-  number = number * 1'000'000 + time.hours().count() * 10'000 + time.minutes().count() * 100 +
-           time.seconds().count();
+  for (const std::int64_t field :
+       {std::int64_t{static_cast<unsigned>(date.month())},
+        std::int64_t{static_cast<unsigned>(date.day())}, std::int64_t{time.hours().count()},
+        std::int64_t{time.minutes().count()}, std::int64_t{time.seconds().count()}}) {
+    number = number * 100 + field;
+  }
   return std::to_string(number).substr(1);
 }
 
