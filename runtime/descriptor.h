@@ -47,7 +47,7 @@ class Descriptor {
 /// Opens a regular file and nothing else, close-on-exec. What has the name is looked at before, so
 /// no pipe or device is opened; one that is put there in between is not waited for, and closed
 /// again. `mode` is for a file that O_CREAT makes; a relative path begins at `folder`. Not open on
-/// any failure.
+/// any failure; errno then says why, unless what has the name is no regular file.
 [[nodiscard]] Descriptor OpenRegular(const std::string& path, int flags, mode_t mode = 0,
                                      int folder = AT_FDCWD);
 /// What the system knows of an open file; all zero when there is none.
