@@ -258,9 +258,9 @@ void CheckValuesPath(const Report& report, bool isFilled, const std::string& fil
   if (!path.IsThere()) return;
   if (!May(file, W_OK)) return path.Add(" may not be written", kOtherUser);
   const std::string copy = file + ".org";
-  if (const std::string fault = FaultOfSavedCopy(file); !fault.empty()) {
+  if (const auto fault = FaultOfSavedCopy(file)) {
     PathCheck(report, "saved copy", copy, "'" + report.Shown(file) + ".org'")
-        .Add(" is " + fault + ", so nothing is set",
+        .Add(" is " + *fault + ", so nothing is set",
              "a file of the service's user with one name is meant");
   }
   const std::string folder = FolderOf(file);

@@ -375,12 +375,13 @@ bool BackupOrRestoreConfigFile(const std::string& path) {
               [](EditedFile& file) { return file.SaveOrRestore(); });
 }
 
-std::string FaultOfSavedCopy(const std::string& path) {
+std::optional<std::string> FaultOfSavedCopy(const std::string& path) {
   const runtime::FoundFile found = runtime::FindFile(path);
   const runtime::FilePlace saved = found.named.WithSuffix(kSavedCopySuffix);
-  if (saved.IsMissing()) return {};
+  if (saved.IsMissing()) return std::nullopt;
   const char* const fault = FaultOfCopy(saved, saved.Open(O_RDONLY), found.real.Open(O_RDONLY));
-  return fault != nullptr ? fault : "";
+  if (fault == nullptr) return std::nullopt;
+  return fault;
 }
 
 }  // namespace qixx::watch

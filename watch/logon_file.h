@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -49,8 +50,8 @@ bool SetConfigValue(const std::string& path, std::string_view name, std::string_
 /// The copy is a regular file with one name, no link, and belongs to the service's user or the
 /// file's owner.
 bool BackupOrRestoreConfigFile(const std::string& path);
-/// What is wrong with the saved copy that a file has; empty when nothing is, or there is none.
+/// What is wrong with the saved copy that a file has; none when nothing is, or there is none.
 /// Changes nothing and holds nothing.
-[[nodiscard]] std::string FaultOfSavedCopy(const std::string& path);
+[[nodiscard]] std::optional<std::string> FaultOfSavedCopy(const std::string& path);
 
 }  // namespace qixx::watch
