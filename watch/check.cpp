@@ -106,9 +106,9 @@ class Summary {
 /// Takes a file; false, and said, when it cannot be read.
 bool Take(CheckedConfiguration& configuration, CheckedRole role, const std::string& path,
           CheckResult& result) {
-  const std::string fault = configuration.Load(role, path);
-  if (fault.empty()) return true;
-  result.errors += "qixxwatch: " + Shown(path) + " cannot be read: " + fault + "\n";
+  const std::optional<std::string> fault = configuration.Load(role, path);
+  if (!fault) return true;
+  result.errors += "qixxwatch: " + Shown(path) + " cannot be read: " + *fault + "\n";
   result.exitCode = kExitUnable;
   return false;
 }

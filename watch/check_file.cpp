@@ -44,11 +44,11 @@ std::string MeantLength(std::size_t maxLength) {
 
 // --- reading a file -----------------------------------------------------------------------------
 
-std::string CheckedFile::Load(const std::string& path) {
+std::optional<std::string> CheckedFile::Load(const std::string& path) {
   if (path.size() > runtime::kMaxText) return "its path has more than 255 characters";
-  if (std::string reason = WhyUnreadable(path); !reason.empty()) return reason;
+  if (auto fault = WhyUnreadable(path)) return std::move(fault->why);
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return std::string(runtime::ErrorText(errno));
+  if (::stat(path.c_str(), &status) != 0) return runtime::ErrorText(errno);
   std::optional<std::string> raw = runtime::ReadWholeFile(path);
   if (!raw) return "reading it fails";
   config::NormaliseLoaded(*raw);
@@ -58,7 +58,7 @@ std::string CheckedFile::Load(const std::string& path) {
   looksOld_ = config::LooksOld(*raw);
   othersRead_ = (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
   Parse();
-  return {};
+  return std::nullopt;
 }
 
 void CheckedFile::Parse() {
@@ -211,10 +211,10 @@ bool CheckedFile::IsNamedCondition(std::string_view name) const {
 
 // --- values -------------------------------------------------------------------------------------
 
-std::string CheckedConfiguration::Load(CheckedRole role, const std::string& path) {
+std::optional<std::string> CheckedConfiguration::Load(CheckedRole role, const std::string& path) {
   CheckedFile& file = files_[static_cast<std::size_t>(role)];
-  std::string fault = file.Load(path);
-  if (fault.empty() && role == CheckedRole::kSystem) {
+  std::optional<std::string> fault = file.Load(path);
+  if (!fault && role == CheckedRole::kSystem) {
     static_cast<void>(store_.OpenItem(false, path));
     isSameText_ = !file.IsCut() && store_.GetText(0) == file.Text();
   }

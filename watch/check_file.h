@@ -57,8 +57,8 @@ struct CheckedSection {
 /// lines, and an empty path, until it is loaded.
 class CheckedFile {
  public:
-  /// To be called once. Why the file cannot be read; empty when it can.
-  [[nodiscard]] std::string Load(const std::string& path);
+  /// To be called once. Why the file cannot be read; none when it can.
+  [[nodiscard]] std::optional<std::string> Load(const std::string& path);
 
   [[nodiscard]] const std::string& Path() const { return path_; }
   /// The whole text, as the service sees it.
@@ -114,8 +114,8 @@ struct CheckedValue {
 
 class CheckedConfiguration {
  public:
-  /// Takes the file of a role, once. Why it cannot be read; empty when it can.
-  [[nodiscard]] std::string Load(CheckedRole role, const std::string& path);
+  /// Takes the file of a role, once. Why it cannot be read; none when it can.
+  [[nodiscard]] std::optional<std::string> Load(CheckedRole role, const std::string& path);
   /// One that was not loaded has no lines.
   [[nodiscard]] const CheckedFile& File(CheckedRole role) const {
     return files_[static_cast<std::size_t>(role)];

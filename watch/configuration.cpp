@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include "config/file.h"
@@ -41,18 +40,19 @@ class StoreSettings : public runtime::RuntimeSettings {
 
 }  // namespace
 
-std::string WhyUnreadable(const std::string& path) {
-  if (path.empty()) return "it has no name";
+std::optional<UnreadableFile> WhyUnreadable(const std::string& path) {
+  if (path.empty()) return UnreadableFile{"it has no name"};
   const runtime::Descriptor file = runtime::OpenRegular(path, O_RDONLY);
   if (!file.IsOpen()) {
     const int error = errno;
     struct stat status {};
     const bool isOther = ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-    return isOther ? "no regular file" : std::string(runtime::ErrorText(error));
+    if (isOther) return UnreadableFile{"no regular file"};
+    return UnreadableFile{runtime::ErrorText(error), error == ENOENT};
   }
   const auto size = static_cast<std::size_t>(runtime::StatusOf(file).st_size);
-  if (size <= config::kMaxConfigSize) return "";
-  return "larger than " + std::to_string(config::kMaxConfigSize >> 20) + " MiB";
+  if (size <= config::kMaxConfigSize) return std::nullopt;
+  return UnreadableFile{"larger than " + std::to_string(config::kMaxConfigSize >> 20) + " MiB"};
 }
 
 std::string WhyMissing(std::string_view what) {
@@ -60,8 +60,7 @@ std::string WhyMissing(std::string_view what) {
   const bool isLastResort = origin == config::PathOrigin::kCurrentDirectory;
   const std::string file =
       isLastResort ? "there is no /etc/" + path + ", and " + path + " in the current folder" : path;
-  const std::string reason = WhyUnreadable(path);
-  if (!reason.empty()) return file + " cannot be read: " + reason;
+  if (const auto fault = WhyUnreadable(path)) return file + " cannot be read: " + fault->why;
   return file + " has no " + std::string(what);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,8 +17,12 @@ inline constexpr std::string_view kWatchEntry = "Watch";
 /// The entry of a watcher's section with arguments for the suite's main program.
 inline constexpr std::string_view kBackgroundEntry = "Background";
 
-/// Why a configuration file of this path cannot be read; empty when it can.
-[[nodiscard]] std::string WhyUnreadable(const std::string& path);
+struct UnreadableFile {
+  std::string why;
+  bool isMissing = false;  ///< there is no such file
+};
+/// Why a configuration file of this path cannot be read; none when it can.
+[[nodiscard]] std::optional<UnreadableFile> WhyUnreadable(const std::string& path);
 /// Why the product configuration does not say something: it cannot be read, or there is no `what`.
 [[nodiscard]] std::string WhyMissing(std::string_view what);
 

@@ -1,11 +1,9 @@
 #include "watch/list.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <utility>
 
 #include "config/store.h"
-#include "runtime/notice.h"
 #include "runtime/product.h"
 #include "runtime/secrets.h"
 #include "watch/configuration.h"
@@ -34,12 +32,14 @@ Wording ReasonOf(config::PathOrigin origin) {
 /// The configuration itself makes an empty text of whatever it cannot read.
 ListedFile LookAtFile(Wording role, std::string path, Wording reason) {
   ListedFile file{role, std::move(path), reason, FileState::kUnreadable, {}};
-  file.fault = WhyUnreadable(file.path);
-  if (file.fault == runtime::ErrorText(ENOENT)) {
-    file.state = FileState::kMissing;
-    file.fault.clear();
+  if (auto fault = WhyUnreadable(file.path)) {
+    if (fault->isMissing) {
+      file.state = FileState::kMissing;
+    } else {
+      file.fault = std::move(fault->why);
+    }
+    return file;
   }
-  if (file.state == FileState::kMissing || !file.fault.empty()) return file;
   config::CConfig config;
   const bool isOpen = config.OpenItem(false, file.path) == config::ConfigResult::kOk;
   file.state = isOpen && config.HasText() ? FileState::kRead : FileState::kEmpty;
