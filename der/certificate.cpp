@@ -58,7 +58,7 @@ Bytes PurposesOf(const CDerCert& certificate) {
 /// Takes the next purpose off the list; what is no identifier is passed over.
 std::optional<std::string> TakePurpose(Bytes& rest) {
   while (const std::optional<DerElement> element = TakeElement(rest)) {
-    if (OidRecord purpose = OidToText(element->whole)) return std::move(purpose.text);
+    if (OidRecord purpose = ReadOid(element->whole)) return std::move(purpose.text);
   }
   return std::nullopt;
 }
@@ -223,7 +223,7 @@ DerResult CDerCert::DecodeExtensions(Bytes wrapped) {
 // cannot be read, and those that the table has no room for, are passed over.
 void CDerCert::AddExtension(Bytes content) {
   if (extensions_.size() == kMaxExtensions) return;
-  OidRecord identifier = OidToText(content);
+  OidRecord identifier = ReadOid(content);
   if (!identifier) return;
   Extension& extension = extensions_.emplace_back();
   extension.identifier = std::move(identifier.text);

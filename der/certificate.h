@@ -78,6 +78,8 @@ class CDerCert : public CDer {
   [[nodiscard]] std::string_view GetIssuerText() const { return issuerText_; }
   [[nodiscard]] std::string_view GetSubjectText() const { return subjectText_; }
 
+  /// spare.
+  [[nodiscard]] bool IsSelfSigned() const { return SameBytes(issuer_, subject_); }
   /// As of the parse. Two oddities are intended, since lists of cards are ordered by them: a
   /// not-after in GeneralizedTime never counts as expired, and one in UTCTime is compared without
   /// its century.

@@ -117,7 +117,11 @@ struct OidRecord {
 /// signed 32-bit numbers. kTooSmall when the text would be longer than `maxLength` (which is at
 /// most kMaxOidText): the text then ends with the last number that fits. It is empty for kWrongTag
 /// and kBadLength. An identifier without content is an empty text and kOk.
-[[nodiscard]] OidRecord OidToText(Bytes bytes, std::size_t maxLength = kMaxOidText);
+[[nodiscard]] OidRecord OidToText(Bytes bytes, std::size_t maxLength);
+/// The same with the largest limit.
+[[nodiscard]] inline OidRecord ReadOid(Bytes bytes) {
+  return OidToText(bytes, kMaxOidText);
+}
 
 // --- objects ----------------------------------------------------------------------------------
 

@@ -26,7 +26,7 @@ Bytes FindAlternativeName(const CertificateHolder& holder, std::uint8_t tag) {
 /// type; those behind it are not looked at.
 std::string_view FindUserPrincipalName(const CertificateHolder& holder) {
   const Bytes content = FindAlternativeName(holder, kTagOtherName);
-  const OidRecord type = OidToText(content);
+  const OidRecord type = ReadOid(content);
   if (!type || type.text != kUserPrincipalName) return {};
   return runtime::AsText(ContentOf(ContentOf(content.subspan(type.element.size()))));
 }

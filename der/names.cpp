@@ -101,7 +101,7 @@ void VisitAttributes(Bytes name, const Visitor& visit) {
   while (const std::optional<DerElement> set = TakeElement(sets)) {
     Bytes attributes = set->Content();
     while (const std::optional<DerElement> attribute = TakeElement(attributes)) {
-      const OidRecord type = OidToText(attribute->Content());
+      const OidRecord type = ReadOid(attribute->Content());
       if (!type) continue;
       Bytes rest = attribute->Content().subspan(type.element.size());
       const std::optional<DerElement> value = TakeElement(rest);

@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
   static_cast<void>(der::ParseElement({data, size}));
-  if (const der::OidRecord oid = der::OidToText({data, size})) {
+  if (const der::OidRecord oid = der::ReadOid({data, size})) {
     static_cast<void>(der::EncodeOid(oid.text, size));
   }
   der::CDer object;

@@ -78,7 +78,7 @@ void CardMark::Set() const {
   if (folder_.empty()) return;
   constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW;
   constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
-  errno = 0;
+  errno = EEXIST;  // told of what has the name and is no file
   const runtime::Descriptor folder = OpenFolder(folder_);
   const bool isKept =
       folder.IsOpen() && runtime::OpenRegular(name_, kFlags, kOwnerOnly, folder.Get()).IsOpen();
