@@ -70,8 +70,8 @@ bool Fail(CardReader& /*card*/, const WatchEvent& /*event*/, std::string_view /*
 
 struct CommandKeyword {
   std::string_view head;
-  CommandKind kind;
   bool (*run)(CardReader& card, const WatchEvent& event, std::string_view text);
+  CommandKind kind;
   /// Nothing is said of what a program makes of its start, and the rest fails never or always.
   bool mayFail = false;
   bool removeOnly = false;
@@ -81,18 +81,18 @@ struct CommandKeyword {
 /// and the means to close windows or end programs by name do nothing on this platform, with the
 /// results that lists of commands rely on.
 constexpr CommandKeyword kCommandKeywords[] = {
-    {"parallel ", CommandKind::kParallel, RunParallel},
-    {.head = "-l", .kind = CommandKind::kFailure, .run = Fail, .removeOnly = true},
-    {kRegistryKeyword, CommandKind::kNothing, Succeed},
-    {.head = "set ", .kind = CommandKind::kSet, .run = RunSetKeyword, .mayFail = true},
-    {"script ", CommandKind::kDocument, OpenDocument},
-    {"open ", CommandKind::kDocument, OpenDocument},
-    {kCloseKeyword, CommandKind::kFailure, Fail},
-    {kKillKeyword, CommandKind::kNothing, Succeed},
-    {.head = "load ", .kind = CommandKind::kLoad, .run = RunLoad, .mayFail = true},
-    {.head = "extern ", .kind = CommandKind::kExtern, .run = RunExtern, .mayFail = true},
-    {"application ", CommandKind::kApplication, RunApplication},
-    {"", CommandKind::kProgram, RunProgram},
+    {"parallel ", RunParallel, CommandKind::kParallel},
+    {.head = "-l", .run = Fail, .kind = CommandKind::kFailure, .removeOnly = true},
+    {kRegistryKeyword, Succeed, CommandKind::kNothing},
+    {.head = "set ", .run = RunSetKeyword, .kind = CommandKind::kSet, .mayFail = true},
+    {"script ", OpenDocument, CommandKind::kDocument},
+    {"open ", OpenDocument, CommandKind::kDocument},
+    {kCloseKeyword, Fail, CommandKind::kFailure},
+    {kKillKeyword, Succeed, CommandKind::kNothing},
+    {.head = "load ", .run = RunLoad, .kind = CommandKind::kLoad, .mayFail = true},
+    {.head = "extern ", .run = RunExtern, .kind = CommandKind::kExtern, .mayFail = true},
+    {"application ", RunApplication, CommandKind::kApplication},
+    {"", RunProgram, CommandKind::kProgram},
 };
 
 const CommandKeyword& FindKeyword(EventKind kind, std::string_view text) {
