@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <ctime>
 #include <random>
 
 #include "der/names.h"
@@ -143,6 +144,19 @@ TEST(Hostile, DeepNestingIsRefusedAndLongWalksEnd) {
     std::string value = "\x30\x80";
     while (value.size() < 4'000'000) value += FromHex(unit);
     EXPECT_EQ(der::LoadCertificate(BytesOf(value)), nullptr) << unit;
+  }
+}
+
+TEST(Certificate, HasExpiredAnHourAgoAndNotAnHourAhead) {
+  for (const int away : {-3600, 3600}) {
+    const std::time_t end = std::time(nullptr) + away;
+    std::tm date = {};
+    ::gmtime_r(&end, &date);
+    char text[16];
+    const std::string time(text, std::strftime(text, sizeof text, "%y%m%d%H%M%SZ", &date));
+    const auto holder = Load({.notAfter = Der(0x17, time)});
+    ASSERT_NE(holder, nullptr);
+    EXPECT_EQ(holder->certificate.IsExpired(), away < 0);
   }
 }
 

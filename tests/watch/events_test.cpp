@@ -289,7 +289,10 @@ TEST(SlotLoop, CardThatWentWhileTheWatchWasDownIsRemoved) {
   EXPECT_EQ(Watch(true, {{0, {}}}), "") << "no file of ours";
   ASSERT_EQ(::mkfifo(folder.Path("card-Pipe").c_str(), 0600), 0);
   const runtime::Descriptor reader(::open(folder.Path("card-Pipe").c_str(), O_RDONLY | O_NONBLOCK));
+  fs::create_symlink("made", folder.Path("card-Link"));
   const TraceCapture trace;
+  watch::CardMark("Link", "").Set();
+  EXPECT_FALSE(fs::exists(folder.Path("made")));
   watch::CardMark("Pipe", "").Set();
   EXPECT_TRUE(trace.Has("Watch - Failed to keep 'card-Pipe' in '" + folder.Path() + "' (17)"));
   watch::CardMark("Watch", "one command").Set();
@@ -383,12 +386,42 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
   ::_exit(run.Has("Watch - Execute remove command: /bin/true x") ? 0 : 1);
 }
 
-TEST_F(EventTable, ParallelCommandThatAStopCutsOffIsLeftToTheNextStart) {
+/// Likewise, while the removal waits.
+[[noreturn]] void StopDuringTheWait() {
+  watch::InstallStopHandlers();
+  Scripted desk(kCardThatGoes);
+  desk.clock.inSleep = [&desk] {
+    if (desk.reader.taken == 2 && !desk.clock.stop) desk.clock.stop = ::raise(SIGTERM) == 0;
+  };
+  watch::CWatchOptions record = Record("config", 9);
+  record.removeWait = 5;
+  const LoopRun run(desk, record);
+  ::_exit(run.Count("Watch - Remove event ... done") == 1 ? 0 : 1);
+}
+
+TEST_F(EventTable, WhatAStopCutsOffIsLeftToTheNextStart) {
   const ScopedVariable marks("RUNTIME_DIRECTORY", folder_.Path().c_str());
   folder_.Write("a.conf", "[S]\nUsername=ann\n");
   Configure("", "1=parallel /bin/true x\n2=set -config " + folder_.Path("a.conf") + "\n");
   EXPECT_EXIT(StopDuringAList(), ::testing::ExitedWithCode(0), "");
   EXPECT_TRUE(fs::remove(folder_.Path("card-Watch")));
+  Configure("", "1=set -registry x\n");
+  EXPECT_EXIT(StopDuringTheWait(), ::testing::ExitedWithCode(0), "");
+  EXPECT_TRUE(fs::remove(folder_.Path("card-Watch")));
+}
+
+TEST_F(EventTable, KeywordFormIsRemovedAgainAsAWholeWhereTheDiskWasFull) {
+  watch::CWatchOptions record = Record("", 6);
+  record.program = "/bin/true";
+  record.configFile = folder_.Write("a.conf", "[S]\nUsername=ann\n");
+  Scripted desk(kCardThatGoes);
+  desk.clock.inSleep = [&desk] {
+    if (desk.clock.slept.size() == 1) syncsToFail = 2;
+  };
+  const LoopRun run(desk, record);
+  syncsToFail = 0;
+  EXPECT_EQ(run.Count("Watch - Remove event ... done"), 3U);
+  EXPECT_EQ(folder_.Read("a.conf"), "[S]\nUsername=\nDomain=\n");
 }
 
 TEST_F(EventTable, RemovalWaitsAWhileForAConfigurationThatIsWritten) {
