@@ -212,15 +212,17 @@ std::string HexEncode(std::span<const std::uint8_t> data) {
 
 std::vector<std::uint8_t> HexDecode(std::string_view text) {
   if (text.size() >= 3 && text.starts_with("0x")) text.remove_prefix(2);
-  std::vector<std::uint8_t> data(text.size() / 2 + 1);
-  unsigned bits = 0;
+  std::vector<std::uint8_t> data(text.size() / 2);
   std::size_t digits = 0;
+  int high = 0;
   for (const char c : text) {
     const int digit = ValueOf(c, kHexValues);
     if (digit < 0) continue;
-    bits = bits << 4 | static_cast<unsigned>(digit);
-    // What stands here behind the first of two digits is written over.
-    data[digits++ / 2] = static_cast<std::uint8_t>(bits);
+    if (digits++ % 2 == 0) {
+      high = digit << 4;
+    } else {
+      data[digits / 2 - 1] = static_cast<std::uint8_t>(high | digit);
+    }
   }
   data.resize(digits / 2);
   return data;
