@@ -7,10 +7,9 @@
 namespace qixx::watch {
 
 /// An empty file in the first folder of $RUNTIME_DIRECTORY, one for each watcher. It is there from
-/// an insertion to the removal, and stays when the process ends in between, however
-/// it does. Without the variable, which a service manager sets, there is none. The folder belongs
-/// to the manager's service; nothing in it is followed or opened but a regular file of the right
-/// name.
+/// an insertion to the removal, and stays when the process ends in between, however it does.
+/// Without the variable, which a service manager sets, there is none. The folder belongs to the
+/// manager's service; nothing in it is followed or opened but a regular file of the right name.
 class CardMark {
  public:
   /// `command` tells watchers of one section apart; empty where the section alone does.
