@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <span>
-#include <utility>
 #include <vector>
 
 #include "pkcs11/token_variables.h"

@@ -1,6 +1,5 @@
 #include "der/logon_values.h"
 
-#include <algorithm>
 #include <cstdint>
 
 #include "der/names.h"

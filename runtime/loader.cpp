@@ -4,7 +4,6 @@
 #include <link.h>
 
 #include <atomic>
-#include <memory>
 #include <utility>
 
 #include "runtime/library_call.h"

@@ -7,12 +7,10 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <utility>
 
 #include "runtime/clock.h"
 #include "runtime/notice.h"

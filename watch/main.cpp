@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <optional>
 
 #include "pkcs11/function_call.h"

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <tuple>
-#include <vector>
 
 #include "tests/support/recipes.h"
 
@@ -28,14 +27,13 @@ TEST(DecodeLength, ReadsEveryForm) {
 }
 
 TEST(OidToText, WritesWhatFits) {
-  using Result = der::DerResult;
-  const std::tuple<const char*, const char*, std::size_t, Result, const char*> rows[] = {
-      {"fits", "0603550403", 7, Result::kOk, "2.5.4.3"},
-      {"one character short", "0603550403", 6, Result::kTooSmall, "2.5.4"},
-      {"first over 119", "06028837", 63, Result::kOk, "2.999"},
-      {"over 31 bits", "0606 2A 8FFFFFFF7F", 63, Result::kOk, "1.2.-1"},
-      {"subidentifier not ended", "060255 84", 63, Result::kBadLength, ""},
-      {"no identifier", "0401 55", 63, Result::kWrongTag, ""},
+  const std::tuple<const char*, const char*, std::size_t, der::DerResult, const char*> rows[] = {
+      {"fits", "0603550403", 7, der::DerResult::kOk, "2.5.4.3"},
+      {"one character short", "0603550403", 6, der::DerResult::kTooSmall, "2.5.4"},
+      {"first over 119", "06028837", 63, der::DerResult::kOk, "2.999"},
+      {"over 31 bits", "0606 2A 8FFFFFFF7F", 63, der::DerResult::kOk, "1.2.-1"},
+      {"subidentifier not ended", "060255 84", 63, der::DerResult::kBadLength, ""},
+      {"no identifier", "0401 55", 63, der::DerResult::kWrongTag, ""},
   };
   for (const auto& [name, bytes, maxLength, result, expected] : rows) {
     const der::OidRecord oid = der::OidToText(BytesOf(FromHex(bytes)), maxLength);

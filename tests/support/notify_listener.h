@@ -6,7 +6,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -32,23 +31,19 @@ class NotifyListener {
   /// What came since the last question, signs of life apart; polls until it is so much.
   std::vector<std::string> Take(std::size_t count = 0) {
     std::vector<std::string> messages;
-    signs_ = 0;
     EXPECT_TRUE(Eventually([&] {
       char buffer[512];
       for (ssize_t got; (got = ::recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;) {
         messages.emplace_back(buffer, static_cast<std::size_t>(got));
-        signs_ += std::erase(messages, "WATCHDOG=1");
+        std::erase(messages, "WATCHDOG=1");
       }
       return messages.size() >= count;
     }));
     return messages;
   }
-  /// The signs of life in what was taken last.
-  [[nodiscard]] std::size_t Signs() const { return signs_; }
 
  private:
   const int socket_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  std::size_t signs_ = 0;
 };
 
 }  // namespace qixx::testing
