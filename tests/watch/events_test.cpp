@@ -398,7 +398,7 @@ TEST_F(EventTable, RemovalTriesAgainWhatTheSystemHadNoRoomFor) {
   ::_exit(run.Count("Watch - Remove event ... done") == 1 ? 0 : 1);
 }
 
-TEST_F(EventTable, WhatAStopCutsOffIsLeftToTheNextStart) {
+TEST_F(EventTable, StopLeavesParallelCommandsAndWaitingRemovalsToTheNextStart) {
   const ScopedVariable marks("RUNTIME_DIRECTORY", folder_.Path().c_str());
   folder_.Write("a.conf", "[S]\nUsername=ann\n");
   Configure("", "1=parallel /bin/true x\n2=set -config " + folder_.Path("a.conf") + "\n");
